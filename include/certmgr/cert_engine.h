@@ -1,0 +1,116 @@
+// Certificate engine: reads, describes and writes certificates and CRLs over libcrypto.
+//
+// Handles are opaque; each is closed exactly once by its close function. Close and duplicate accept null; all other
+// functions expect a valid handle. On failure outputs are unchanged. Nothing logs. CertEngine_Init must have run;
+// between start and stop every function may be called from any thread, a handle by several threads for reading.
+//
+// Standard: RFC 5280, PKCS #7 / RFC 2315 (certificate bundles), PKCS #8.
+#pragma once
+
+#include <openssl/x509.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "certmgr/api.h"
+#include "certmgr/records.h"
+
+/// How an object identifier becomes text.
+enum StringOidFormat : int {
+    kOidName = 0,  // its name when known, else dotted
+    kOidNameDotted = 1,  // "name (dotted)" when known, else dotted
+    kOidDotted = 2,
+};
+
+// --- Start and stop (single-threaded, before the first and after the last use) ---
+
+CM_API void CertEngine_Init();
+/// Result of the last lock destruction: 0 (libcrypto 3 keeps its own locks).
+CM_API int CertEngine_Finit();
+
+// --- Algorithm identifiers, times, numbers ---
+
+/// Code of an algorithm identifier, 0 when unknown. Ed25519 gives its key code (see CertInfo::signAlg for signatures).
+CM_API pki_alg_t X509_ALGOR_to_pki_alg_t(const X509_ALGOR* algorithm);
+/// Sets the identifier in place. False, with the algorithm left empty, for a code without an entry.
+CM_API bool X509_ALGOR_from_pki_alg_t(X509_ALGOR* algorithm, pki_alg_t code);
+/// Appends the dotted identifier.
+CM_API bool X509_ALGOR_to_std_string_(const X509_ALGOR* algorithm, std::string* appended);
+/// Despite its name the packed time; all ones on any failure. Only forms ending in Z without fractions.
+CM_API cert_time64_t ASN1_TIME_to_time_t(const ASN1_TIME* time);
+/// Appends the text of an identifier.
+CM_API bool ASN1_OBJECT_to_std_string(ASN1_OBJECT* object, std::string& appended, StringOidFormat format);
+/// Replaces `text` by upper-case hexadecimal, with a minus sign for a negative number.
+CM_API bool ASN1_INTEGER_to_std_string(ASN1_INTEGER* number, std::string& text);
+/// Key length in bits of a DER SubjectPublicKeyInfo, 0 when unknown.
+CM_API unsigned CertEngine_PubKeyBitLength(pki_alg_t keyAlg, const void* der, unsigned long length);
+/// SHA-1 over the bytes, as TO_HEX_STD_STRING(format) writes it.
+CM_API bool CertEngine_FingerprintSHA1(const std::string& der, std::string& out, char format);
+/// Printable form of a name. Leaves `text` unchanged for null or a name that cannot be encoded.
+CM_API void X509_NAME_to_utf8(X509_NAME* name, std::string& text);
+
+// --- Certificates ---
+
+/// Decodes one DER certificate; null when the bytes are not one. Bytes after it are not looked at. At most
+/// kMaxCertificateBytes.
+CM_API void* CertEngine_CreateCertHandle(const void* der, unsigned length);
+CM_API void* CertEngine_DuplicateCertHandle(void* cert);
+CM_API void CertEngine_CloseCertHandle(void* cert);
+
+/// Fills everything but `id` and `kind`. Always true.
+CM_API bool CertEngine_GetCertInfo(void* cert, CertInfo& info);
+/// Fills fingerprints and extensions.
+CM_API void CertEngine_GetCertExtentions(void* cert, CertExtentions& out);
+/// Appends the dotted identifier of the public-key algorithm.
+CM_API void CertEngine_CertGetKeyAlgOid(void* cert, std::string* appended);
+/// Appends the dotted identifier of the outer signature algorithm.
+CM_API bool CertEngine_CertGetSignAlgOid(void* cert, std::string* appended);
+
+CM_API bool CertEngine_RawCert(void* cert, std::string& der);
+/// To-be-signed part: the received bytes.
+CM_API bool CertEngine_RawCertInfo(void* cert, std::string& der);
+/// Bytes of the signature BIT STRING.
+CM_API bool CertEngine_RawCertSignature(void* cert, std::string& signature);
+CM_API bool CertEngine_RawSubject(void* cert, std::string& der);
+/// SubjectPublicKeyInfo and its SHA-1 (20 bytes).
+CM_API bool CertEngine_RawPubKey(void* cert, std::string& spki, std::string& sha1);
+
+/// Exports: 1 success, 3 failure.
+CM_API int CertEngine_ExportCertToDER(void* cert, std::string& out);
+CM_API int CertEngine_ExportCertToPEM(void* cert, std::string& out);
+/// A degenerate signed-data PKCS #7, certificates in vector order; null handles are left out.
+CM_API int CertEngine_ExportCertsToPKCS7(const std::vector<void*>& certs, std::string& out);
+
+/// First certificate of a text: PEM, or base64 without markers.
+CM_API void* CertEngine_ReadPEMCertData(const std::string& text);
+/// Certificates (and CRLs) of a PKCS #7, DER or PEM, appended in reverse order of the structure. 0 handled, 1 not
+/// PKCS #7.
+CM_API int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<void*>& certs,
+                                      std::vector<void*>* crls);
+/// Whether the bytes are a PKCS #12 structure; nothing is decrypted.
+CM_API bool CertEngine_IsP12CertData(void* data, int length);
+
+// --- Private keys ---
+
+CM_API void CertEngine_ClosePrivKeyHandle(void* key);
+/// Unencrypted PrivateKeyInfo DER; the caller wipes it.
+CM_API bool CertEngine_PrivKeyToPKCS8(void* key, std::string& der);
+
+// --- CRLs ---
+
+CM_API void* CertEngine_CreateCRLHandle(const void* der, unsigned length);
+CM_API void CertEngine_CloseCRLHandle(void* crl);
+CM_API bool CertEngine_RawCRL(void* crl, std::string& der);
+CM_API bool CertEngine_RawCRLInfo(void* crl, std::string& der);
+CM_API bool CertEngine_RawCRLSignature(void* crl, std::string& signature);
+/// Fills everything but `id`. Always true.
+CM_API bool CertEngine_HandleToCRLInfo(void* crl, CRLInfo& info);
+/// Appends one entry per revoked certificate, in the CRL's order. Always true.
+CM_API bool CertEngine_CRLRevokedCerts(void* crl, RevokedCertInfoList& entries);
+CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
+
+/// Largest certificate that is decoded: far above any real one, far below what would hurt.
+inline constexpr unsigned kMaxCertificateBytes = 1U << 20;
+/// Largest PKCS #7 bundle or PEM text that is decoded.
+inline constexpr unsigned kMaxBundleBytes = 64U << 20;

@@ -1,0 +1,160 @@
+// The certificate store: everything the module knows from the tokens.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "certmgr/api.h"
+#include "certmgr/x509cert.h"
+#include "platform/eventlog.h"
+#include "platform/events.h"
+
+namespace CM {
+
+/// A list of certificates that holds one reference per entry. Not locked by itself. Move-only; copies are explicit.
+class CM_API CertList {
+  public:
+    CertList() = default;
+    ~CertList() { Clear(); }
+    CertList(CertList&& other) noexcept : certs_(std::move(other.certs_)) { other.certs_.clear(); }
+    CertList& operator=(CertList&& other) noexcept;
+    CertList(const CertList&) = delete;
+    CertList& operator=(const CertList&) = delete;
+
+    /// Takes over the caller's reference.
+    void Adopt(X509Cert* cert) { certs_.push_back(cert); }
+    /// Adds a reference.
+    void Append(X509Cert* cert);
+    void Clear();
+
+    const std::vector<X509Cert*>& certs() const { return certs_; }
+    std::size_t size() const { return certs_.size(); }
+    bool empty() const { return certs_.empty(); }
+    X509Cert* operator[](std::size_t i) const { return certs_[i]; }
+    auto begin() const { return certs_.begin(); }
+    auto end() const { return certs_.end(); }
+
+  protected:
+    std::vector<X509Cert*> certs_;
+};
+
+/// A preshared key on a token: where it lives and its name. The value stays on the token.
+struct PresharedKey {
+    PKCS11::TokenInfo token;
+    std::string name;
+};
+
+/// Bits of a reload request.
+enum ReloadBits : std::uint32_t {
+    kReloadCertificates = 1,
+    kReloadPresharedKeys = 2,
+    kReloadCRLs = 4,
+    kReloadAll = 7,
+    kStoreStopped = 8,
+};
+
+class CertIndex;
+
+/// The process-wide store. Readers hold its read lock (vpnfc::ReadLock) while they look at a list and keep references
+/// for later; lists change only inside a reload.
+class CM_API CertStorage : public vpnfc::ReadWriteLockable {
+  public:
+    /// One list of the store, in the store's order, with its indexes.
+    class CM_API X509CertsDB : public CertList {
+      public:
+        X509CertsDB();
+        ~X509CertsDB();
+        X509CertsDB(X509CertsDB&&) noexcept;
+        X509CertsDB& operator=(X509CertsDB&&) noexcept;
+
+        /// First certificate of that token, identifier and DER value, with one more reference; null if none.
+        X509Cert* Take(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) const;
+        /// First certificate of that token with equal serial number, subject and issuer, and, when both sides have one,
+        /// equal identifier; with one more reference; null if none.
+        X509Cert* Find(const PKCS11::TokenInfo& token, const CertInfo& info) const;
+        /// Releases every entry and takes over the other list's.
+        void ClearAndSwap(X509CertsDB& other);
+
+        /// Positions, ascending, of the certificates whose subject text, or whose subject key identifier (hexadecimal
+        /// text, not empty), is the given one.
+        std::span<const std::uint32_t> WithSubject(const std::string& subject) const;
+        std::span<const std::uint32_t> WithSubjectKeyId(const std::string& key_id_hex) const;
+        /// Position of a certificate by address, or npos.
+        std::size_t PositionOf(const X509Cert* cert) const;
+        static constexpr std::size_t npos = static_cast<std::size_t>(-1);
+
+        /// Builds the indexes anew after the entries changed.
+        void Reindex();
+
+      private:
+        std::unique_ptr<CertIndex> index_;
+    };
+
+    /// A snapshot of a list that outlives the read lock.
+    class CM_API CopyCertificates : public CertList {
+      public:
+        /// Takes the read lock for the copy.
+        CopyCertificates(const CertStorage& storage, const X509CertsDB& list);
+    };
+
+    static CertStorage& Instance();
+
+    /// Leaves the stopped state and reloads everything on the calling thread.
+    void Reload();
+    void ReloadCertificates();
+    void ReloadPresharedKeys();
+    void ReloadCRLs();
+    /// Queues a certificate reload without delay, whatever the state.
+    void ReloadCertificatesAsync();
+    /// Queues a reload of what `flags` names; ignored while the store is stopped.
+    static void PutReloadEvent(std::uint32_t flags, const PKCS11::TokenInfo* token = nullptr);
+    static void ReloadEventHandler(const EM_Event& event);
+    /// False at once when no reload is pending; else waits for its end and returns true.
+    bool WaitReloadDone();
+    /// Empties the store and stops it.
+    void ClearAll();
+    /// Adds a CRL unless one with the same DER is stored. Takes it over either way.
+    void PutCRLToDB(std::unique_ptr<X509CRL> crl);
+
+    // The lists, guarded by this object's read-write lock.
+    X509CertsDB personalCerts;
+    X509CertsDB trustedCerts;
+    X509CertsDB otherCerts;
+    X509CertsDB keyPairCerts;
+    std::vector<std::unique_ptr<PresharedKey>> presharedKeys;
+    std::vector<std::unique_ptr<X509CRL>> crls;
+
+    /// Serialises whole reloads and token writes. Taken before the read-write lock, never while holding it.
+    struct CM_API Lock : vpnfc::ObjectLevelLockable {};
+    Lock tokensLock;
+
+  private:
+    CertStorage();
+    ~CertStorage();
+    void ReloadTokensObjects(std::uint32_t what);
+    void ReloadOne(std::uint32_t bit);
+
+    // Guarded by reloadLock.
+    std::uint32_t reloadFlags = kStoreStopped;
+    mutable Lock reloadLock;
+    std::condition_variable_any reloadDone;
+    bool reloadPending = false;
+};
+
+// The store's token handlers, installed by CM::Init; they run on the token manager's threads and only queue work.
+CM_API void CertStorage_OnTokenInsert(const PKCS11::TokenInfo& token);
+CM_API void CertStorage_OnTokenRemove(const PKCS11::TokenInfo& token);
+CM_API void CertStorage_OnTokenLogin(const PKCS11::TokenInfo& token, bool own_session);
+CM_API void CertStorage_OnProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens);
+
+/// Whether a preshared key of that name is in the store.
+CM_API bool IsValidPresharedKey(const std::string& name, const TLogIdent& ident);
+/// Reads the value of the first preshared key of that name whose token gives it out.
+CM_API bool GetPresharedKeyByName(const char* name, std::string& value);
+
+}  // namespace CM

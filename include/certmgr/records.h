@@ -1,0 +1,124 @@
+// The shared records: what the engine fills, the store keeps and the management bridge carries.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/asn1.h"
+
+/// Role of a certificate in the store.
+enum CertKind : std::uint32_t {
+    kCertKindNone = 0,
+    kCertKindOther = 1,
+    kCertKindTrusted = 2,
+    kCertKindPersonal = 3,  // its key pair is on the token
+    kCertKindPeer = 4,  // decoded from a peer's payload
+    kCertKindKeyPair = 5,  // key pair without a usable certificate
+    kCertKindMalformed = 6,
+};
+
+/// Description of a certificate.
+struct CertInfo {
+    std::string id;  // identifier of the token object; empty when not on a token
+    std::string serialNumber;  // hexadecimal, upper case
+    std::string subject;  // printable name
+    std::string issuer;
+    cert_time64_t validFrom = CERT_TIME_UNKNOWN;
+    cert_time64_t validTo = CERT_TIME_UNKNOWN;
+    pki_alg_t keyAlg = 0;
+    pki_alg_t signAlg = 0;
+    bool isCA = false;
+    std::uint32_t version = 0;  // 1, 2 or 3
+    std::uint32_t keyBits = 0;
+    std::uint32_t kind = kCertKindNone;
+};
+
+/// Description of a CRL.
+struct CRLInfo {
+    std::string id;
+    std::string issuer;
+    cert_time64_t thisUpdate = CERT_TIME_UNKNOWN;
+    cert_time64_t nextUpdate = CERT_TIME_UNKNOWN;
+    pki_alg_t signAlg = 0;
+    std::string crlNumber;  // hexadecimal; empty when absent
+    std::string deltaCrlIndicator;  // repeats crlNumber when the CRL is a delta
+};
+
+/// One entry of a CRL.
+struct RevokedCertInfo {
+    std::string serialNumber;
+    std::string reserved;  // left empty
+    cert_time64_t revocationDate = CERT_TIME_UNKNOWN;
+    int reasonCode = -1;  // -1: none; the engine always leaves it so
+};
+using RevokedCertInfoList = std::vector<RevokedCertInfo>;
+
+/// Subject alternative names by kind: the last one of each.
+struct AltSubject {
+    std::string ipAddress;  // raw bytes: 4 for IPv4
+    std::string email;
+    std::string dnsName;
+    std::string upn;  // Microsoft user principal name, UTF-8
+};
+
+/// Fingerprints and X.509v3 extensions of a certificate. Text members are for display; empty when the extension is
+/// absent.
+///
+/// On the management bridge travel, in this order: the sixteen strings from `md5` to `crlDistributionPoints`, then
+/// `unknownExtensions`, `privateKeyUsageEnd` (8 bytes) and `firstUnknownCritical`. The rest stays local.
+struct CertExtentions {
+    // Decoded values, local.
+    AltSubject altSubject;
+    std::array<std::uint8_t, 2> keyUsageBits{};  // keyUsage BIT STRING; second byte bit 0: Decipher Only
+    bool isCA = false;  // basicConstraints
+    std::int32_t pathLen = -1;  // basicConstraints; -1: no constraint
+    bool hasIpsecIkeEku = false;  // id-kp-ipsecIKE listed
+
+    // Carried.
+    std::string md5;  // fingerprints of the whole DER, lower-case hexadecimal
+    std::string sha1;
+    std::string subjectAltName;
+    std::string issuerAltName;
+    std::string keyUsage;
+    std::string authorityKeyId;
+    std::string subjectKeyIdHex;
+    std::string privateKeyUsagePeriod;
+    std::string certificatePolicies;
+    std::string policyMappings;
+    std::string nameConstraints;
+    std::string policyConstraints;
+    std::string extKeyUsageNames;
+    std::string basicConstraints;
+    std::string authorityInfoAccess;
+    std::string crlDistributionPoints;
+
+    // Local.
+    std::string authorityKeyIdHex;
+    std::string extKeyUsageOids;
+    std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
+
+    // Carried.
+    std::string firstUnknownCritical;
+    std::vector<std::pair<std::string, std::string>> unknownExtensions;
+    cert_time64_t privateKeyUsageEnd = CERT_TIME_UNKNOWN;
+};
+
+/// Bits of CertExtentions::keyUsageBits[0].
+enum KeyUsageBit : std::uint8_t {
+    kKeyUsageDigitalSignature = 0x80,
+    kKeyUsageNonRepudiation = 0x40,
+    kKeyUsageKeyEncipherment = 0x20,
+    kKeyUsageDataEncipherment = 0x10,
+    kKeyUsageKeyAgreement = 0x08,
+    kKeyUsageCertSign = 0x04,
+    kKeyUsageCrlSign = 0x02,
+    kKeyUsageEncipherOnly = 0x01,
+};
+
+/// Names a preshared key.
+struct PresharedKeyInfo {
+    std::string name;
+};

@@ -1,0 +1,175 @@
+// The store's objects: certificates and CRLs.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "certmgr/api.h"
+#include "certmgr/records.h"
+#include "platform/base.h"
+#include "platform/policy.h"
+#include "platform/tokens.h"
+
+struct PBEPrivKeyHandle;
+struct PKCS12_PBE_key_iv_t;
+
+namespace CM {
+
+/// Results of X509Cert::CanBeUsed and of an import.
+enum CertImportStatus : std::uint32_t {
+    ImportCertOk = 0,
+    ImportCertAlreadyExist = 1,
+    ImportCertUnsupportedKeyLen = 2,
+    ImportCertError = 3,
+    ImportCertErrorPrivKey = 4,
+    ImportCertErrorPubKey = 5,
+    ImportCertErrorLogin = 6,
+    ImportCertErrorLoginSO = 7,
+    ImportCertErrorOpenTokenSession = 8,
+    ImportCertErrorNotPersonal = 9,
+    ImportCertErrorNotTrusted = 10,
+    ImportCertErrorUnknownCriticalExtension = 11,
+    ImportCertErrorUnknownKeyAlg = 12,
+    ImportCertErrorUnknownSignAlg = 13,
+    ImportCertErrorInvalidTime = 14,
+    ImportCertErrorInvalidValidFrom = 15,
+    ImportCertErrorInvalidValidTo = 16,
+    ImportCertErrorEmptySubject = 17,
+    ImportCertErrorEmptyIssuer = 18,
+    ImportCertWarningTrustedNotCA = 19,
+};
+
+/// Results of X509Cert_Verify.
+enum SignatureCheck : int {
+    kSignatureDigestError = 0,
+    kSignatureWrong = 1,
+    kSignatureRight = 2,
+    kSignatureNoToken = 3,
+    kSignatureNoSession = 4,
+};
+
+/// Results of X509Cert::PrivKeyCheckValidFromTo.
+enum ValidityCheck : int { kValid = 0, kNotYetValid = 1, kExpired = 2, kPrivateKeyExpired = 3 };
+
+/// A certificate, or a key pair without one, from a token, a file or a peer's payload.
+///
+/// Shared by reference count: born with one reference; AddRef and Release change the count under the object's own
+/// mutex; the holder that releases the last reference destroys the object. Everything else is fixed once the object
+/// has been published (put into a list or handed out) and is read without a lock.
+class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
+  public:
+    /// Takes over both handles (the private key may be null).
+    X509Cert(void* cert_handle, void* priv_key_handle);
+    /// From a token object. An object that does not parse becomes a key-pair entry.
+    X509Cert(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
+
+    X509Cert(const X509Cert&) = delete;
+    X509Cert& operator=(const X509Cert&) = delete;
+
+    void AddRef() const;
+    void Release() const;
+
+    /// 0 usable, else the reason as an import status. Logs the reason. Does not look at the current time.
+    CertImportStatus CanBeUsed() const;
+    /// All set fields of the pattern must match. `alg` restricts the key algorithm when the pattern names none.
+    bool MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const;
+    /// Validity of the certificate and of its private key now.
+    ValidityCheck PrivKeyCheckValidFromTo() const;
+    /// Verifies this certificate's signature with the issuer's key on a token.
+    SignatureCheck CheckSignature(const X509Cert* issuer) const;
+
+    /// Fingerprints and extensions.
+    const CertExtentions& ext() const { return ext_; }
+
+    // Members in declared order; the reference count and the extensions are reached through functions.
+    void* certHandle = nullptr;  // null for a key pair without certificate or an unreadable object
+    void* privKeyHandle = nullptr;  // a private key read from a file in the clear
+    PKCS12_PBE_key_iv_t* pbeKey = nullptr;  // a private key still encrypted
+    PKCS11::TokenInfo token;
+    CertInfo info;
+    std::string rawCert;
+    std::string rawPubKey;  // SubjectPublicKeyInfo, DER
+    std::string pubKeyHash;  // SHA-1 of rawPubKey, 20 bytes
+    std::string rawSubject;  // DER
+
+  private:
+    CertExtentions ext_;
+
+  public:
+    cert_time64_t privKeyNotAfter = CERT_TIME_UNKNOWN;
+    bool selfSigned = false;
+
+  private:
+    ~X509Cert();
+    void init();
+
+    mutable std::uint32_t refCount = 1;
+};
+
+/// Counted reference to a certificate: the one place outside X509Cert that calls AddRef and Release.
+template <typename Cert>
+class BasicCertRef {
+  public:
+    BasicCertRef() = default;
+    /// Takes over a reference that the caller holds.
+    static BasicCertRef Adopt(Cert* cert) {
+        BasicCertRef ref;
+        ref.cert_ = cert;
+        return ref;
+    }
+    /// Adds a reference.
+    explicit BasicCertRef(Cert* cert) : cert_(cert) {
+        if (cert_ != nullptr) cert_->AddRef();
+    }
+    BasicCertRef(const BasicCertRef& other) : BasicCertRef(other.cert_) {}
+    BasicCertRef(BasicCertRef&& other) noexcept : cert_(std::exchange(other.cert_, nullptr)) {}
+    BasicCertRef& operator=(BasicCertRef other) noexcept {
+        std::swap(cert_, other.cert_);
+        return *this;
+    }
+    ~BasicCertRef() {
+        if (cert_ != nullptr) cert_->Release();
+    }
+
+    Cert* get() const { return cert_; }
+    Cert* operator->() const { return cert_; }
+    Cert& operator*() const { return *cert_; }
+    explicit operator bool() const { return cert_ != nullptr; }
+    /// Hands the reference to the caller.
+    [[nodiscard]] Cert* Detach() { return std::exchange(cert_, nullptr); }
+
+  private:
+    Cert* cert_ = nullptr;
+};
+using CertRef = BasicCertRef<const X509Cert>;
+using MutableCertRef = BasicCertRef<X509Cert>;
+
+/// A CRL from a token, a file or a download. Owned by one holder.
+class CM_API X509CRL {
+  public:
+    X509CRL(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object);
+    /// Takes over the handle; `keep_raw` encodes it into rawCrl.
+    X509CRL(void* crl_handle, bool keep_raw);
+    ~X509CRL();
+    X509CRL(const X509CRL&) = delete;
+    X509CRL& operator=(const X509CRL&) = delete;
+
+    /// Verifies the CRL's signature with the issuer's key on a token.
+    SignatureCheck CheckSignature(const X509Cert* issuer);
+
+    void* crlHandle = nullptr;  // null when the object does not parse
+    PKCS11::TokenInfo token;
+    CRLInfo info;
+    std::string rawCrl;
+    RevokedCertInfoList revoked;
+};
+
+/// Signs `data` with a key on the session's token: 0 digest failed, 1 signing failed, 2 signed.
+CM_API int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_alg_t key_alg, pki_alg_t alg,
+                         const std::string& data, std::string& signature);
+/// Verifies a signature with a public key on the first token that offers `alg` and opens a session.
+CM_API SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
+                                      const std::string& signature);
+
+}  // namespace CM

@@ -1,0 +1,236 @@
+// Token manager: PKCS #11 tokens as the module sees them.
+//
+// Standard: PKCS #11 v2.40. Two layers: Manager says which tokens there are and what they can do, TokenSession works
+// on one of them. A token that is gone, hangs or fails makes its own calls fail and nothing else; device trouble is
+// logged with the CK_RV by name, a wrong signature is a value.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <vector>
+
+#include "platform/api.h"
+#include "platform/asn1.h"
+#include "platform/base.h"
+
+struct CertInfo;
+struct CRLInfo;
+struct PresharedKeyInfo;
+
+namespace PKCS11 {
+
+/// Description of a token.
+struct TokenInfo {
+    /// First eight bytes (big-endian) of SHA-256 over manufacturer, model, serial number and label: survives slot
+    /// renumbering, reinsertion and restart.
+    std::uint64_t id = 0;
+    std::string label;
+    std::string manufacturer;
+    std::string model;
+    std::string serialNumber;
+    std::string slotDescription;
+    std::string providerName;
+    bool loggedIn = false;
+    bool writeProtected = false;
+    bool loginRequired = false;  // also the open type for writing public objects
+    bool hardware = false;
+    bool removable = false;
+    bool pinPad = false;
+    bool holdsTrusted = false;  // trusted certificates may be stored here
+};
+
+/// Description of a provider: a PKCS #11 module.
+struct ProviderInfo {
+    std::string name;
+    std::string description;
+    std::string manufacturer;
+    bool available = false;  // loaded and initialised
+};
+
+/// A certificate object, or a key pair without one.
+struct CertObject {
+    std::string id;  // CKA_ID
+    std::string value;  // DER; empty for a key pair without certificate
+    std::uint32_t category = 0;  // CKA_CERTIFICATE_CATEGORY (1 token user, 2 authority, 3 other), or kKeyPairCategory
+    bool trusted = false;  // CKA_TRUSTED
+    pki_alg_t keyAlg = 0;  // of a key pair without certificate; else 0
+    cert_time64_t keyNotAfter = CERT_TIME_UNKNOWN;  // CKA_END_DATE of the private key, end of that day
+};
+/// Category of a key pair whose CKA_ID no certificate carries.
+inline constexpr std::uint32_t kKeyPairCategory = 333;
+
+struct CRLObject {
+    std::string id;
+    std::string value;  // DER
+};
+
+struct PresharedKeyObject {
+    std::string name;
+};
+
+struct KeyPairGenMechanism {
+    pki_alg_t keyAlg = 0;
+    std::uint32_t minBits = 0;
+    std::uint32_t maxBits = 0;
+};
+
+/// A private key still encrypted under a password (PKCS #8 EncryptedPrivateKeyInfo).
+struct EncryptedPrivateKey {
+    std::string encryptedKeyInfoDer;
+    vpnfc::SecretString password;
+};
+
+/// Receives what a session would otherwise write to the event log. Called on the session's thread.
+class PLATFORM_API Logger {
+  public:
+    virtual ~Logger() = default;
+    /// A PKCS #11 function failed on the token: "C_Sign", "CKR_DEVICE_ERROR".
+    virtual void OnDeviceError(const TokenInfo& token, const char* function, const char* result) = 0;
+};
+
+/// The tokens of all providers.
+class PLATFORM_API Manager {
+  public:
+    static Manager& Instance();
+
+    /// The tokens present now: providers in the order of the settings, slots in the module's order. With an algorithm
+    /// only those that offer it: a key algorithm (signing or verifying a ready digest), a hash, or a signature
+    /// algorithm (its key operation; the digest may be computed on the host). The list per algorithm is computed once
+    /// per change of the tokens.
+    std::vector<TokenInfo> EnumTokens(pki_alg_t alg = 0) const;
+
+    /// Whether the token offers the algorithm as a mechanism.
+    bool IsTokenSupportMechanism(const TokenInfo& token, pki_alg_t alg) const;
+
+    /// Appends the token's key-pair generation mechanisms and its digest mechanisms (hash codes), in the token's order.
+    /// False when the token is not there.
+    bool GetKeyPairGenMechanisms(const TokenInfo& token, std::vector<KeyPairGenMechanism>& mechanisms,
+                                 std::vector<pki_alg_t>& digests) const;
+
+    /// Drops what is remembered of the tokens' content and looks for changed slots. Wait mode 1 returns when that
+    /// is done, 0 at once.
+    void ReloadTokensContent(int wait_mode);
+
+  private:
+    Manager() = default;
+};
+
+/// A session on a token. Used by one thread at a time. Opening is checked with opened(); every other operation on
+/// a session that is not open fails. Sessions are pooled behind this object, so opening one is cheap.
+class PLATFORM_API TokenSession {
+  public:
+    enum OpenType : int {
+        kPublic = 0,  // no login needed
+        kPrivate = 1,  // the user must be logged in already, or the PIN must do it
+    };
+
+    /// `pin` null: none (a PIN file named in the settings is used for a private session, once). A public session with
+    /// a PIN tries to log in the security officer with it (trusted imports). `logger` null: the event log.
+    explicit TokenSession(const TokenInfo& token, OpenType type = kPublic, const std::string* pin = nullptr,
+                          Logger* logger = nullptr);
+    ~TokenSession();
+    TokenSession(const TokenSession&) = delete;
+    TokenSession& operator=(const TokenSession&) = delete;
+
+    bool opened() const;
+    explicit operator bool() const { return opened(); }
+    /// The session did not open because of login: PIN missing, wrong, locked, or too few tries left.
+    bool loginFailed() const;
+    /// The last object creation failed because only the security officer may do it.
+    bool securityOfficerRequired() const;
+
+    // Enumerations append; false when the token failed half way (what was read so far is kept).
+    bool EnumCertificates(std::list<CertObject>& certificates);
+    bool EnumCRLs(std::list<CRLObject>& crls);
+    bool EnumPresharedKeys(std::list<PresharedKeyObject>& keys);
+
+    /// SubjectPublicKeyInfo (DER) of the public key with that algorithm and identifier.
+    bool GetRawPubKeyObjectData(pki_alg_t keyAlg, const std::string& id, std::string& spki);
+    /// Whether a public-key object, or a private key, equal to that SubjectPublicKeyInfo is on the token; `id` (may be
+    /// null) receives its identifier.
+    bool ContainPubKeyObject(const std::string& spki, std::string* id = nullptr);
+
+    /// Digest of `data` with the hash part of `alg`; for "no digest" the data itself. On the token where it has the
+    /// mechanism, else on the host. False when neither knows the hash.
+    bool Digest(pki_alg_t alg, const std::string& data, std::string& digest);
+    /// Signs with the private key of that identifier. `alg` is a key algorithm, or a signature algorithm whose digest is
+    /// already made (RSA: `digest` is a ready DigestInfo; RSASSA-PSS: the hash part selects the parameters). DSA and
+    /// ECDSA signatures are DER.
+    bool Sign(pki_alg_t alg, const std::string& id, const std::string& digest, std::string& signature);
+    /// Verifies the signature of a ready digest with a public key. False for a wrong signature and for device trouble
+    /// (the latter is logged). A DSA signature's INTEGERs are taken as unsigned whatever their leading byte.
+    bool Verify(pki_alg_t alg, const std::string& spki, const std::string& digest, const std::string& signature);
+    /// The raw RSA public-key operation with the PKCS #1 type 1 padding removed: the block that was signed.
+    bool VerifyDecrypt(const std::string& spki, const std::string& signature, std::string& block);
+
+    bool SeedRandom(const std::string& seed);
+    /// `exportable` makes the private key extractable.
+    bool GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable);
+
+    bool CreateCertObject(const CertObject& object, const std::string& subject_der);
+    bool CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der, bool exportable);
+    bool CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki);
+    /// Unwraps an encrypted key on the token, or decrypts it on the host (wiped after) where the token cannot.
+    bool ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id, bool exportable);
+    bool CreateCRLObject(const std::string& id, const std::string& crl_der);
+    bool CreatePresharedKeyObject(const std::string& name, const std::string& value);
+
+    bool DeleteCertObject(const CertInfo& info);
+    bool DeletePrivKeyObject(const CertInfo& info);
+    bool DeletePubKeyObject(const CertInfo& info);
+    bool DeletePrivKeyObject(const std::string& id);
+    bool DeletePubKeyObject(const std::string& id);
+    bool DeleteCRLObject(const CRLInfo& info);
+    bool DeletePresharedKeyObject(const PresharedKeyInfo& info);
+
+    bool GetPresharedKeyPrivateData(const std::string& name, std::string& value);
+    /// The private key as PKCS #8 PrivateKeyInfo DER, where the token lets it out. The caller wipes it.
+    bool ExportPrivateKey(const std::string& id, std::string& pkcs8_der);
+
+  private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// One slot of the token manager's callback table: a function pointer that may be replaced while the manager's
+/// threads call it. Replacing waits for a call in progress, so that the code behind the old pointer may be unloaded
+/// afterwards; a callback must not replace its own slot.
+template <typename... Args>
+class CallbackSlot {
+  public:
+    using Function = void (*)(Args...);
+
+    constexpr CallbackSlot() = default;
+    CallbackSlot& operator=(Function function) {
+        const std::unique_lock lock(mutex_);
+        function_ = function;
+        return *this;
+    }
+    bool operator==(Function function) const {
+        const std::shared_lock lock(mutex_);
+        return function_ == function;
+    }
+    /// Calls the function, if one is set.
+    void operator()(Args... args) const {
+        const std::shared_lock lock(mutex_);
+        if (function_ != nullptr) function_(args...);
+    }
+
+  private:
+    mutable std::shared_mutex mutex_;
+    Function function_ = nullptr;
+};
+
+/// What the token manager reports, on its own threads.
+struct CallbackTable {
+    CallbackSlot<const TokenInfo&> tokenInserted;
+    CallbackSlot<const TokenInfo&> tokenRemoved;
+    CallbackSlot<const TokenInfo&, bool> tokenLogin;  // the flag: true when a session of the module itself logged in
+    CallbackSlot<const ProviderInfo&, unsigned long> providerInserted;  // number of tokens it came with
+};
+extern PLATFORM_API CallbackTable Callbacks;
+
+}  // namespace PKCS11
