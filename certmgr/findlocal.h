@@ -29,5 +29,6 @@ struct LocalCertLog {
     std::uint32_t id_index = 0;  // from 1, in id_local; 0 while unset
     std::uint32_t status = kLocalNotFound;
 };
+using LocalSearchRecords = std::vector<LocalCertLog>;
 
 }  // namespace CM

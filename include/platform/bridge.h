@@ -49,7 +49,7 @@ class CommandStreamOut {
 };
 
 /// Reader of bytes that the caller keeps alive. A read past the end throws the C string "CommandStreamError"; fields
-/// read before it keep their new values, and every later read that takes bytes throws as well.
+/// read before it keep their new values, and every later read throws as well.
 class CommandStreamIn {
   public:
     explicit CommandStreamIn(std::string_view bytes) : bytes_(bytes) {}
