@@ -3,9 +3,15 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "platform/eventlog/catalogue.h"
+#include "platform/eventlog/deliver.h"
+#include "platform/eventlog/render.h"
+
+using eventlog::Severity;
+
 void TLogIdent::toStr(std::string& appended) const {
-    char text[32];
     if (kind != kConnection && kind != kExchange) return;
+    char text[32];
     std::snprintf(text, sizeof text, "%016" PRIx64, id);
     appended += text;
     if (kind != kExchange) return;
@@ -15,13 +21,19 @@ void TLogIdent::toStr(std::string& appended) const {
     if (role == kResponder) appended += ",R";
 }
 
-bool TLogMessage::IsEnabled(std::uint16_t /*code*/) noexcept {
-    return true;
+bool TLogMessage::IsEnabled(std::uint16_t code) noexcept {
+    return eventlog::LowestSeverity(eventlog::FindWording(code)) >= eventlog::Level();
 }
 
 void TLogMessage::Send() const {
-    std::string line;
-    ident_.toStr(line);
-    for (const std::string& attribute : attributes_) line += " " + attribute;
-    std::fprintf(stderr, "%u %s\n", code_, line.c_str());
+    const eventlog::Wording& wording = eventlog::FindWording(code_);
+    const bool success =
+        !wording.success.empty() && !attributes_.empty() && attributes_[0].starts_with(wording.success);
+    eventlog::Record record;
+    record.severity = success ? Severity::kInfo : wording.severity;
+    if (record.severity < eventlog::Level()) return;
+    record.code = code_;
+    ident_.toStr(record.ident);
+    record.text = eventlog::RenderText(wording, attributes_);
+    eventlog::Deliver(record);
 }

@@ -1,0 +1,181 @@
+#include "platform/eventlog/render.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+
+namespace eventlog {
+
+namespace {
+
+constexpr std::size_t kIndentColumns = 4;  // of one tab at the start of a line, and the least of any further line
+constexpr std::size_t kMaxIndentColumns = 32;
+
+struct Range {
+    std::uint32_t first;
+    std::uint32_t last;
+};
+// C1 controls, line and paragraph separators, marks that hide or reorder what stands beside them.
+constexpr std::array<Range, 7> kHiddenCharacters{{{0x80, 0x9F},
+                                                  {0xAD, 0xAD},
+                                                  {0x61C, 0x61C},
+                                                  {0x200B, 0x200F},
+                                                  {0x2028, 0x202E},
+                                                  {0x2060, 0x206F},
+                                                  {0xFEFF, 0xFEFF}}};
+
+// Length of the UTF-8 character at the start of `text` and its value; 0 when it is not one (RFC 3629).
+std::size_t DecodeUtf8(std::string_view text, std::uint32_t& character) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    const std::size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (length == 0 || text.size() < length) return 0;
+    character = lead & (0x7FU >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xC0) != 0x80) return 0;
+        character = character << 6 | (byte(i) & 0x3FU);
+    }
+    const bool overlong = (length == 3 && character < 0x800) || (length == 4 && character < 0x10000);
+    const bool surrogate = character >= 0xD800 && character < 0xE000;
+    return overlong || surrogate || character > 0x10FFFF ? 0 : length;
+}
+
+void AppendByteEscape(std::string& out, unsigned char byte) {
+    char text[8];
+    std::snprintf(text, sizeof text, "\\x%02x", byte);
+    out += text;
+}
+
+void TrimEnd(std::string& out) {
+    out.erase(out.find_last_not_of(' ') + 1);
+}
+
+// Writes attributes so that they can neither leave their entry nor hide what they are.
+class SafeText {
+  public:
+    explicit SafeText(std::string& out) : out_(out) {}
+
+    void Append(std::string_view text) {
+        while (!text.empty()) text.remove_prefix(Step(text));
+    }
+    // A new line whose indentation is given by the white space at the start of `text`; how much of it was used.
+    std::size_t NewLine(std::string_view text) {
+        TrimEnd(out_);
+        std::size_t used = 0;
+        std::size_t columns = 0;
+        for (; used < text.size() && (text[used] == '\t' || text[used] == ' '); ++used) {
+            columns += text[used] == '\t' ? kIndentColumns : 1;
+        }
+        out_ += '\n';
+        out_.append(std::clamp(columns, kIndentColumns, kMaxIndentColumns), ' ');
+        return used;
+    }
+
+  private:
+    // Writes what stands at the start of `text`; its length.
+    std::size_t Step(std::string_view text) {
+        const auto byte = static_cast<unsigned char>(text[0]);
+        if (byte == '\\') return StepBackslashes(text);
+        if (byte >= 0x80) return StepUtf8(text);
+        if (byte == '\t') {
+            if (!out_.empty() && out_.back() != ' ' && text.size() > 1 && text[1] != ' ') out_ += ' ';
+        } else if (byte == '\n') {
+            out_ += "\\n";
+        } else if (byte < 0x20 || byte == 0x7F) {
+            AppendByteEscape(out_, byte);
+        } else {
+            out_ += text[0];
+        }
+        return 1;
+    }
+
+    // Only a backslash that is not itself escaped continues the text on the next line: printable names escape theirs.
+    std::size_t StepBackslashes(std::string_view text) {
+        const std::size_t count = std::min(text.find_first_not_of('\\'), text.size());
+        if (count % 2 == 0 || count == text.size() || text[count] != '\n') {
+            out_.append(count, '\\');
+            return count;
+        }
+        out_.append(count - 1, '\\');
+        return count + 1 + NewLine(text.substr(count + 1));
+    }
+
+    std::size_t StepUtf8(std::string_view text) {
+        std::uint32_t character = 0;
+        const std::size_t length = DecodeUtf8(text, character);
+        if (length == 0) {
+            AppendByteEscape(out_, static_cast<unsigned char>(text[0]));
+            return 1;
+        }
+        const bool hidden = std::any_of(kHiddenCharacters.begin(), kHiddenCharacters.end(), [&](const Range& range) {
+            return character >= range.first && character <= range.last;
+        });
+        if (hidden) {
+            char escape[16];
+            std::snprintf(escape, sizeof escape, "\\u{%04x}", character);
+            out_ += escape;
+        } else {
+            out_ += text.substr(0, length);
+        }
+        return length;
+    }
+
+    std::string& out_;
+};
+
+std::string CutNote(std::size_t bytes) {
+    return "... (" + std::to_string(bytes) + " bytes cut)";
+}
+
+// Length of the longest prefix of at most `limit` bytes that does not end within a character.
+std::size_t PrefixLength(std::string_view text, std::size_t limit) {
+    if (text.size() <= limit) return text.size();
+    std::size_t length = limit;
+    while (length > 0 && limit - length < 4 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+    return length;
+}
+
+void AppendAttribute(SafeText& safe, std::string_view attribute) {
+    const std::size_t shown = PrefixLength(attribute, kMaxAttributeBytes);
+    safe.Append(attribute.substr(0, shown));
+    if (shown < attribute.size()) safe.Append(CutNote(attribute.size() - shown));
+}
+
+// Appends the wording with its attributes; the number of attributes that it mentions.
+std::size_t AppendWording(SafeText& safe, std::string_view text, const std::vector<std::string>& attributes) {
+    std::size_t mentioned = 0;
+    while (!text.empty()) {
+        const std::size_t special = std::min(text.find_first_of("%\n"), text.size());
+        safe.Append(text.substr(0, special));
+        text.remove_prefix(special);
+        if (text.empty()) break;
+        if (text[0] == '\n') {
+            text.remove_prefix(1);
+            text.remove_prefix(safe.NewLine(text));
+            continue;
+        }
+        const auto number = static_cast<std::size_t>(text[1] - '0');
+        if (number <= attributes.size()) AppendAttribute(safe, attributes[number - 1]);
+        mentioned = std::max(mentioned, number);
+        text.remove_prefix(2);
+    }
+    return mentioned;
+}
+
+}  // namespace
+
+std::string RenderText(const Wording& wording, const std::vector<std::string>& attributes) {
+    std::string text;
+    SafeText safe(text);
+    for (std::size_t i = AppendWording(safe, wording.text, attributes); i < attributes.size(); ++i) {
+        safe.Append("; ");
+        AppendAttribute(safe, attributes[i]);
+    }
+    TrimEnd(text);
+    const std::size_t shown = PrefixLength(text, kMaxTextBytes);
+    if (shown < text.size()) text.replace(shown, std::string::npos, CutNote(text.size() - shown));
+    return text;
+}
+
+}  // namespace eventlog
