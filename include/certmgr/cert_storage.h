@@ -31,6 +31,7 @@ class CM_API CertList {
     /// Adds a reference.
     void Append(X509Cert* cert);
     void Clear();
+    void Reserve(std::size_t count) { certs_.reserve(count); }
 
     const std::vector<X509Cert*>& certs() const { return certs_; }
     std::size_t size() const { return certs_.size(); }
@@ -59,6 +60,7 @@ enum ReloadBits : std::uint32_t {
 };
 
 class CertIndex;
+struct TokenObjectKey;
 
 /// The process-wide store. Readers hold its read lock (vpnfc::ReadLock) while they look at a list and keep references
 /// for later; lists change only inside a reload.
@@ -77,13 +79,17 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
         /// First certificate of that token with equal serial number, subject and issuer, and, when both sides have one,
         /// equal identifier; with one more reference; null if none.
         X509Cert* Find(const PKCS11::TokenInfo& token, const CertInfo& info) const;
-        /// Releases every entry and takes over the other list's.
+        /// Releases every entry and takes over the other list's, which is left empty.
         void ClearAndSwap(X509CertsDB& other);
+        /// Exchanges entries and indexes; releases nothing.
+        void Swap(X509CertsDB& other) noexcept;
 
         /// Positions, ascending, of the certificates whose subject text, or whose subject key identifier (hexadecimal
         /// text, not empty), is the given one.
         std::span<const std::uint32_t> WithSubject(const std::string& subject) const;
         std::span<const std::uint32_t> WithSubjectKeyId(const std::string& key_id_hex) const;
+        /// Position of the first entry that is this token object and not marked in `taken` (null: none is), or npos.
+        std::size_t PositionOfObject(const TokenObjectKey& key, const std::vector<bool>* taken) const;
         /// Position of a certificate by address, or npos.
         std::size_t PositionOf(const X509Cert* cert) const;
         static constexpr std::size_t npos = static_cast<std::size_t>(-1);
@@ -136,13 +142,16 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
   private:
     CertStorage();
     ~CertStorage();
+    static CertStorage instance;  // lives from loading to unloading of the library
     void ReloadTokensObjects(std::uint32_t what);
     void ReloadOne(std::uint32_t bit);
+    void EndPendingReload();
 
     // Guarded by reloadLock.
     std::uint32_t reloadFlags = kStoreStopped;
     mutable Lock reloadLock;
     std::condition_variable_any reloadDone;
+    std::uint64_t reloadsEnded = 0;  // tells a waiter a broadcast from a spurious wake-up
     bool reloadPending = false;
 };
 

@@ -79,6 +79,10 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     /// Verifies this certificate's signature with the issuer's key on a token.
     SignatureCheck CheckSignature(const X509Cert* issuer) const;
 
+    /// Completes a key pair without certificate with its public key (SubjectPublicKeyInfo, DER): key length and SHA-1
+    /// fingerprint of the key. Only before the object is published.
+    void SetKeyPairPublicKey(std::string spki);
+
     /// Fingerprints and extensions.
     const CertExtentions& ext() const { return ext_; }
 

@@ -1,0 +1,29 @@
+// Pieces shared by the selection reports (local, peer, trusted). Every line of a report continues the message under
+// it: it starts with kReportLine, one fact a line.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "certmgr/log.h"
+#include "certmgr/x509cert.h"
+
+namespace CM {
+
+/// Starts a line of a report.
+inline constexpr std::string_view kReportLine = " \\\n\t  ";
+
+/// Appends a line made of a label such as "Subject: " and its value.
+void cmprint_Fact(std::string& out, std::string_view label, std::string_view value);
+
+/// Appends a certificate: subject, issuer and serial number; with details also its role, algorithms, validity and the
+/// token that holds it.
+void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details);
+
+/// Appends ",\t Valid from: ... to: ..." to the line of a certificate that is not valid now.
+void cmprint_Validity(std::string& out, const CertInfo& info);
+
+/// Name of a certificate's role: "personal", "trusted", ...; "undefined" for anything that is not a role.
+const char* CertKindText(std::uint32_t kind);
+
+}  // namespace CM

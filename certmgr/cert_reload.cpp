@@ -1,0 +1,200 @@
+#include "cert_reload.h"
+
+#include <initializer_list>
+#include <list>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "cert_index.h"
+#include "certmgr/certmgr.h"
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+#include "platform/params.h"
+
+namespace CM {
+
+namespace {
+
+/// CKA_CERTIFICATE_CATEGORY of a certificate that belongs to the token's user.
+constexpr std::uint32_t kTokenUserCategory = 1;
+
+using PresharedKeys = std::vector<std::unique_ptr<PresharedKey>>;
+
+/// Names of `keys` that find no partner of the same name in `others`; each partner serves once.
+std::vector<std::string> NamesWithoutPartner(const PresharedKeys& keys, const PresharedKeys& others) {
+    std::unordered_map<std::string_view, std::size_t> partners;
+    for (const auto& other : others) ++partners[other->name];
+    std::vector<std::string> names;
+    for (const auto& key : keys) {
+        const auto partner = partners.find(key->name);
+        if (partner != partners.end() && partner->second > 0) {
+            --partner->second;
+        } else {
+            names.push_back(key->name);
+        }
+    }
+    return names;
+}
+
+void LogChange(std::string_view what, const std::string& name) {
+    {
+        const vpnfc::ObjectLock lock(LPARAMS::server.log);
+        if (!LPARAMS::server.log.certificate_changes) return;
+    }
+    TLogMessage(kMsgStoreChanged).Attr(std::string(what).append(name)).Send();
+}
+
+/// An entry without a parsed certificate: its key is known from the token's public-key object, if there is one.
+void CompleteKeyPair(X509Cert& cert, PKCS11::TokenSession& session, const PKCS11::CertObject& object) {
+    cert.info.kind = kCertKindKeyPair;
+    std::string spki;
+    if (session.GetRawPubKeyObjectData(object.keyAlg, object.id, spki) && !spki.empty()) {
+        cert.SetKeyPairPublicKey(std::move(spki));
+    }
+}
+
+bool IsPersonal(const X509Cert& cert, PKCS11::TokenSession& session, const PKCS11::CertObject& object) {
+    if (cert.info.isCA) return false;
+    return object.category == kTokenUserCategory || session.ContainPubKeyObject(cert.rawPubKey);
+}
+
+}  // namespace
+
+ReloadPass::ListChange::ListChange(CertStorage::X509CertsDB& stored) : list(stored), kept(stored.size()) {}
+
+void ReloadPass::ListChange::Prepare() {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (!kept[i]) disappeared.Append(list[i]);
+    }
+    if (!Any()) return;
+    next.Reserve(list.size() - disappeared.size() + appeared.size());
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (kept[i]) next.Append(list[i]);
+    }
+    for (X509Cert* cert : appeared) next.Append(cert);
+    next.Reindex();
+}
+
+ReloadPass::ReloadPass(CertStorage& storage, std::uint32_t what)
+    : storage_(storage),
+      what_(what),
+      other_(storage.otherCerts),
+      trusted_(storage.trustedCerts),
+      personal_(storage.personalCerts),
+      key_pair_(storage.keyPairCerts) {}
+
+void ReloadPass::ReadTokens() {
+    for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
+        PKCS11::TokenSession session(token);
+        if (!session) continue;
+        if ((what_ & kReloadCertificates) != 0) ReadCertificates(session, token);
+        if ((what_ & kReloadPresharedKeys) != 0) ReadPresharedKeys(session, token);
+        if ((what_ & kReloadCRLs) != 0) ReadCRLs(session, token);
+    }
+}
+
+void ReloadPass::ReadCertificates(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
+    std::list<PKCS11::CertObject> objects;
+    session.EnumCertificates(objects);
+    for (const PKCS11::CertObject& object : objects) {
+        if (!Keep(token, object)) Add(session, token, object);
+    }
+}
+
+/// Looks the object up in the old lists: personal, trusted, other (none of them for a key pair), key pair last. Each
+/// old entry answers one object.
+bool ReloadPass::Keep(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) {
+    const TokenObjectKey key(token, object);
+    const auto take = [&key](ListChange& change) {
+        const std::size_t position = change.list.PositionOfObject(key, &change.kept);
+        if (position == CertStorage::X509CertsDB::npos) return false;
+        change.kept[position] = true;
+        return true;
+    };
+    if (object.category != PKCS11::kKeyPairCategory && (take(personal_) || take(trusted_) || take(other_))) return true;
+    return take(key_pair_);
+}
+
+void ReloadPass::Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) {
+    MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(token, object));
+    if (cert->certHandle == nullptr) {
+        CompleteKeyPair(*cert, session, object);
+        key_pair_.appeared.Adopt(cert.Detach());
+        return;
+    }
+    if (cert->CanBeUsed() != ImportCertOk) return;
+    if (IsPersonal(*cert, session, object)) {
+        cert->info.kind = kCertKindPersonal;
+        personal_.appeared.Adopt(cert.Detach());
+    } else if (object.trusted) {
+        cert->info.kind = kCertKindTrusted;
+        trusted_.appeared.Adopt(cert.Detach());
+    } else {
+        cert->info.kind = kCertKindOther;
+        other_.appeared.Adopt(cert.Detach());
+    }
+}
+
+void ReloadPass::ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
+    std::list<PKCS11::PresharedKeyObject> objects;
+    session.EnumPresharedKeys(objects);
+    for (PKCS11::PresharedKeyObject& object : objects) {
+        preshared_keys_.push_back(std::make_unique<PresharedKey>(PresharedKey{token, std::move(object.name)}));
+    }
+}
+
+void ReloadPass::ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
+    std::list<PKCS11::CRLObject> objects;
+    session.EnumCRLs(objects);
+    for (const PKCS11::CRLObject& object : objects) crls_.push_back(std::make_unique<X509CRL>(token, object));
+}
+
+void ReloadPass::Prepare() {
+    if ((what_ & kReloadCertificates) != 0) {
+        for (ListChange* change : {&other_, &trusted_, &personal_, &key_pair_}) change->Prepare();
+    }
+    if ((what_ & kReloadPresharedKeys) != 0) {
+        keys_disappeared_ = NamesWithoutPartner(storage_.presharedKeys, preshared_keys_);
+        keys_appeared_ = NamesWithoutPartner(preshared_keys_, storage_.presharedKeys);
+    }
+}
+
+void ReloadPass::Swap() {
+    for (ListChange* change : {&other_, &trusted_, &personal_, &key_pair_}) {
+        if (change->Any()) change->list.Swap(change->next);
+    }
+    if ((what_ & kReloadPresharedKeys) != 0) storage_.presharedKeys.swap(preshared_keys_);
+    if ((what_ & kReloadCRLs) != 0) storage_.crls.swap(crls_);
+}
+
+bool ReloadPass::Report() {
+    ReportCertificates();
+    ReportPresharedKeys();
+    return other_.Any() || trusted_.Any() || personal_.Any() || key_pair_.Any() || !keys_disappeared_.empty() ||
+           !keys_appeared_.empty();
+}
+
+void ReloadPass::ReportCertificates() const {
+    for (X509Cert* cert : personal_.disappeared) {
+        LogChange("PersonalCertDisappeared: ", cert->info.subject);
+        if (Callbacks.PersonalCertDisappeared != nullptr) Callbacks.PersonalCertDisappeared(cert, cert->info);
+    }
+    for (X509Cert* cert : personal_.appeared) {
+        LogChange("PersonalCertAppeared: ", cert->info.subject);
+        if (Callbacks.PersonalCertAppeared != nullptr) Callbacks.PersonalCertAppeared(cert, cert->info);
+    }
+}
+
+void ReloadPass::ReportPresharedKeys() const {
+    for (const std::string& name : keys_disappeared_) {
+        LogChange("PresharedKeyDisappeared: ", name);
+        if (Callbacks.PresharedKeyDisappeared != nullptr) Callbacks.PresharedKeyDisappeared(name);
+    }
+    for (const std::string& name : keys_appeared_) {
+        LogChange("PresharedKeyAppeared: ", name);
+        if (Callbacks.PresharedKeyAppeared != nullptr) Callbacks.PresharedKeyAppeared(name);
+    }
+}
+
+}  // namespace CM

@@ -1,0 +1,306 @@
+#include "certmgr/cert_storage.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "cert_index.h"
+#include "cert_reload.h"
+#include "certmgr/certmgr.h"
+#include "platform/bridge.h"
+
+namespace CM {
+
+namespace {
+
+/// Notification of the management bridge: the certificate lists changed.
+constexpr std::uint32_t kNotifyCertListChanged = 9;
+/// Token events that arrive within this many units of the event manager fold into one reload.
+constexpr unsigned long kReloadDelay = 2;
+
+void cm_send_cert_list_changed_nitification_(const EM_Event& event) {
+    if (!event.cancelled) bridge::server::NotifyClients(kNotifyCertListChanged, {});
+}
+
+template <typename Slot, typename Handler>
+void ClearIfOurs(Slot& slot, Handler handler) {
+    if (slot == handler) slot = nullptr;
+}
+
+}  // namespace
+
+// --- Lists ---
+
+CertList& CertList::operator=(CertList&& other) noexcept {
+    if (this != &other) {
+        Clear();
+        certs_.swap(other.certs_);
+    }
+    return *this;
+}
+
+void CertList::Append(X509Cert* cert) {
+    certs_.push_back(cert);
+    cert->AddRef();
+}
+
+void CertList::Clear() {
+    for (X509Cert* cert : std::exchange(certs_, {})) cert->Release();
+}
+
+CertStorage::X509CertsDB::X509CertsDB() = default;
+CertStorage::X509CertsDB::~X509CertsDB() = default;
+CertStorage::X509CertsDB::X509CertsDB(X509CertsDB&&) noexcept = default;
+CertStorage::X509CertsDB& CertStorage::X509CertsDB::operator=(X509CertsDB&&) noexcept = default;
+
+void CertStorage::X509CertsDB::Reindex() {
+    index_ = certs_.empty() ? nullptr : std::make_unique<CertIndex>(certs_);
+}
+
+void CertStorage::X509CertsDB::Swap(X509CertsDB& other) noexcept {
+    certs_.swap(other.certs_);
+    index_.swap(other.index_);
+}
+
+void CertStorage::X509CertsDB::ClearAndSwap(X509CertsDB& other) {
+    X509CertsDB old;
+    old.Swap(*this);
+    Swap(other);
+}
+
+std::span<const std::uint32_t> CertStorage::X509CertsDB::WithSubject(const std::string& subject) const {
+    return index_ ? index_->WithSubject(subject) : std::span<const std::uint32_t>();
+}
+
+std::span<const std::uint32_t> CertStorage::X509CertsDB::WithSubjectKeyId(const std::string& key_id_hex) const {
+    return index_ ? index_->WithSubjectKeyId(key_id_hex) : std::span<const std::uint32_t>();
+}
+
+std::size_t CertStorage::X509CertsDB::PositionOf(const X509Cert* cert) const {
+    if (!index_) return npos;
+    const std::span<const std::uint32_t> positions = index_->WithAddress(cert);
+    return positions.empty() ? npos : positions.front();
+}
+
+std::size_t CertStorage::X509CertsDB::PositionOfObject(const TokenObjectKey& key,
+                                                       const std::vector<bool>* taken) const {
+    if (!index_) return npos;
+    for (const std::uint32_t position : index_->WithObjectHash(key.hash)) {
+        if (taken != nullptr && (*taken)[position]) continue;
+        if (key.Equals(*certs_[position])) return position;
+    }
+    return npos;
+}
+
+X509Cert* CertStorage::X509CertsDB::Take(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) const {
+    const std::size_t position = PositionOfObject(TokenObjectKey(token, object), nullptr);
+    return position == npos ? nullptr : MutableCertRef(certs_[position]).Detach();
+}
+
+X509Cert* CertStorage::X509CertsDB::Find(const PKCS11::TokenInfo& token, const CertInfo& info) const {
+    for (const std::uint32_t position : WithSubject(info.subject)) {
+        X509Cert* cert = certs_[position];
+        if (cert->token.id != token.id || cert->info.serialNumber != info.serialNumber ||
+            cert->info.issuer != info.issuer) {
+            continue;
+        }
+        if (info.id.empty() || cert->info.id.empty() || cert->info.id == info.id) return MutableCertRef(cert).Detach();
+    }
+    return nullptr;
+}
+
+CertStorage::CopyCertificates::CopyCertificates(const CertStorage& storage, const X509CertsDB& list) {
+    const vpnfc::ReadLock lock(storage);
+    Reserve(list.size());
+    for (X509Cert* cert : list) Append(cert);
+}
+
+// --- Store ---
+
+CertStorage CertStorage::instance;
+
+CertStorage& CertStorage::Instance() {
+    return instance;
+}
+
+CertStorage::CertStorage() {
+    // libcrypto's clean-up at exit then runs after this object's destructor, which still closes handles.
+    OPENSSL_init_crypto(0, nullptr);
+}
+
+CertStorage::~CertStorage() {
+    ClearIfOurs(PKCS11::Callbacks.tokenInserted, CertStorage_OnTokenInsert);
+    ClearIfOurs(PKCS11::Callbacks.tokenRemoved, CertStorage_OnTokenRemove);
+    ClearIfOurs(PKCS11::Callbacks.tokenLogin, CertStorage_OnTokenLogin);
+    ClearIfOurs(PKCS11::Callbacks.providerInserted, CertStorage_OnProviderInsert);
+    ClearAll();
+}
+
+void CertStorage::ReloadTokensObjects(std::uint32_t what) {
+    if ((what & kReloadAll) == 0) return;
+    const vpnfc::ObjectLock lock(tokensLock);
+    ReloadPass pass(*this, what);
+    pass.ReadTokens();
+    pass.Prepare();
+    {
+        const vpnfc::WriteLock write_lock(*this);
+        pass.Swap();
+    }
+    if (pass.Report()) EM_AsyncCall(cm_send_cert_list_changed_nitification_, nullptr);
+}
+
+void CertStorage::Reload() {
+    {
+        const vpnfc::ObjectLock lock(reloadLock);
+        reloadFlags = 0;
+    }
+    ReloadTokensObjects(kReloadAll);
+}
+
+void CertStorage::ReloadOne(std::uint32_t bit) {
+    {
+        const vpnfc::ObjectLock lock(reloadLock);
+        reloadFlags &= ~bit;
+    }
+    ReloadTokensObjects(bit);
+}
+
+void CertStorage::ReloadCertificates() {
+    ReloadOne(kReloadCertificates);
+}
+
+void CertStorage::ReloadPresharedKeys() {
+    ReloadOne(kReloadPresharedKeys);
+}
+
+void CertStorage::ReloadCRLs() {
+    ReloadOne(kReloadCRLs);
+}
+
+void CertStorage::ReloadCertificatesAsync() {
+    {
+        const vpnfc::ObjectLock lock(reloadLock);
+        reloadFlags |= kReloadCertificates;
+        reloadPending = true;
+    }
+    EM_SetTimer(0, 0, ReloadEventHandler, nullptr);
+}
+
+void CertStorage::PutReloadEvent(std::uint32_t flags, const PKCS11::TokenInfo* /*token*/) {
+    CertStorage& storage = Instance();
+    {
+        const vpnfc::ObjectLock lock(storage.reloadLock);
+        if (storage.reloadFlags > kReloadAll) return;
+        storage.reloadPending = true;
+        storage.reloadFlags |= flags;
+    }
+    EM_SetTimer(0, kReloadDelay, ReloadEventHandler, nullptr);
+}
+
+void CertStorage::ReloadEventHandler(const EM_Event& event) {
+    CertStorage& storage = Instance();
+    if (!event.cancelled) {
+        std::uint32_t flags = 0;
+        {
+            const vpnfc::ObjectLock lock(storage.reloadLock);
+            flags = std::exchange(storage.reloadFlags, 0);
+        }
+        storage.ReloadTokensObjects(flags);
+    }
+    // A cancelled reload will not come: who waits for it goes on as well.
+    storage.EndPendingReload();
+}
+
+void CertStorage::EndPendingReload() {
+    const vpnfc::ObjectLock lock(reloadLock);
+    reloadPending = false;
+    ++reloadsEnded;
+    reloadDone.notify_all();
+}
+
+bool CertStorage::WaitReloadDone() {
+    std::unique_lock<const vpnfc::ObjectLevelLockable> lock(reloadLock);
+    if (!reloadPending) return false;
+    reloadDone.wait(lock, [this, ended = reloadsEnded] { return reloadsEnded != ended; });
+    return true;
+}
+
+void CertStorage::ClearAll() {
+    EM_DelTimer(0, ReloadEventHandler, nullptr);
+    {
+        const vpnfc::ObjectLock lock(tokensLock);  // a reload on another thread ends first
+        decltype(presharedKeys) old_keys;
+        decltype(crls) old_crls;
+        X509CertsDB old_lists[4];
+        {
+            const vpnfc::WriteLock write_lock(*this);
+            presharedKeys.swap(old_keys);
+            crls.swap(old_crls);
+            otherCerts.Swap(old_lists[0]);
+            trustedCerts.Swap(old_lists[1]);
+            personalCerts.Swap(old_lists[2]);
+            keyPairCerts.Swap(old_lists[3]);
+        }
+        const vpnfc::ObjectLock reload_lock(reloadLock);
+        reloadFlags = kStoreStopped;
+    }
+    EndPendingReload();
+    // Nothing of this library stays queued, so that it may be unloaded.
+    EM_DelTimer(0, cm_send_cert_list_changed_nitification_, nullptr);
+}
+
+void CertStorage::PutCRLToDB(std::unique_ptr<X509CRL> crl) {
+    const vpnfc::WriteLock lock(*this);
+    const auto same = [&crl](const std::unique_ptr<X509CRL>& stored) { return stored->rawCrl == crl->rawCrl; };
+    if (std::none_of(crls.begin(), crls.end(), same)) crls.push_back(std::move(crl));
+}
+
+// --- Token handlers ---
+
+void CertStorage_OnTokenInsert(const PKCS11::TokenInfo& token) {
+    CertStorage::PutReloadEvent(kReloadAll, &token);
+    if (Callbacks.TokenInserted != nullptr) Callbacks.TokenInserted(token);
+}
+
+void CertStorage_OnTokenRemove(const PKCS11::TokenInfo& token) {
+    CertStorage::PutReloadEvent(kReloadAll, &token);
+}
+
+void CertStorage_OnTokenLogin(const PKCS11::TokenInfo& token, bool own_session) {
+    if (!own_session) CertStorage::PutReloadEvent(kReloadAll, &token);
+}
+
+void CertStorage_OnProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens) {
+    if (!provider.available) return;
+    CertStorage::PutReloadEvent(kReloadAll);
+    if (tokens != 0 && Callbacks.ProviderInserted != nullptr) Callbacks.ProviderInserted(provider);
+}
+
+// --- Preshared keys ---
+
+bool IsValidPresharedKey(const std::string& name, const TLogIdent& /*ident*/) {
+    const CertStorage& storage = CertStorage::Instance();
+    const vpnfc::ReadLock lock(storage);
+    return std::any_of(storage.presharedKeys.begin(), storage.presharedKeys.end(),
+                       [&name](const auto& key) { return key->name == name; });
+}
+
+bool GetPresharedKeyByName(const char* name, std::string& value) {
+    if (name == nullptr) return false;
+    std::vector<PKCS11::TokenInfo> tokens;  // read from without the store's lock
+    {
+        const CertStorage& storage = CertStorage::Instance();
+        const vpnfc::ReadLock lock(storage);
+        for (const auto& key : storage.presharedKeys) {
+            if (key->name == name) tokens.push_back(key->token);
+        }
+    }
+    for (const PKCS11::TokenInfo& token : tokens) {
+        PKCS11::TokenSession session(token, PKCS11::TokenSession::kPrivate);
+        if (session && session.GetPresharedKeyPrivateData(name, value)) return true;
+    }
+    return false;
+}
+
+}  // namespace CM

@@ -1,0 +1,266 @@
+#include "certmgr/x509cert.h"
+
+#include <climits>
+#include <initializer_list>
+#include <string_view>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/log.h"
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+#include "platform/params.h"
+
+namespace CM {
+
+namespace {
+
+void LogUnusable(const X509Cert& cert, EventCode code, std::initializer_list<std::string_view> details) {
+    if (!TLogMessage::IsEnabled(code)) return;
+    TLogMessage message(code);
+    for (const std::string_view detail : details) message.Attr(detail);
+    std::string rendering;
+    ttt_X509CertToLogString(&cert, rendering);
+    message.Attr(rendering).Send();
+}
+
+std::string KeyAlgOid(const X509Cert& cert) {
+    std::string oid;
+    if (cert.certHandle != nullptr) CertEngine_CertGetKeyAlgOid(cert.certHandle, &oid);
+    return oid;
+}
+
+std::string SignAlgOid(const X509Cert& cert) {
+    std::string oid;
+    if (cert.certHandle != nullptr) CertEngine_CertGetSignAlgOid(cert.certHandle, &oid);
+    return oid;
+}
+
+/// A signature algorithm names both a key algorithm and a hash.
+bool IsSignatureAlg(pki_alg_t alg) {
+    return (alg & PKI_NO_HASH_MASK) != 0 && (alg & ~PKI_KEY_MASK) != 0;
+}
+
+/// Whether the certificate's unknown critical extension, if any, is none or tolerated.
+bool CriticalExtensionsPass(const X509Cert& cert) {
+    const std::string& unknown = cert.ext().firstUnknownCritical;
+    if (unknown.empty()) return true;
+    LPARAMS::NamedSwitch permission;
+    {
+        const vpnfc::ObjectLock lock(LPARAMS::server.cert);
+        permission = LPARAMS::server.cert.allow_unknown_critical_extensions;
+    }
+    if (!permission.on) {
+        LogUnusable(cert, kMsgUnknownCriticalExtension, {unknown});
+        return false;
+    }
+    LogUnusable(cert, kMsgUnknownCriticalExtensionTolerated, {unknown, permission.name});
+    return true;
+}
+
+CertImportStatus CheckTimes(const X509Cert& cert) {
+    const bool no_start = cert.info.validFrom == CERT_TIME_UNKNOWN;
+    const bool no_end = cert.info.validTo == CERT_TIME_UNKNOWN;
+    if (no_start && no_end) {
+        LogUnusable(cert, kMsgInvalidTime, {});
+        return ImportCertErrorInvalidTime;
+    }
+    if (no_start) {
+        LogUnusable(cert, kMsgInvalidValidFrom, {});
+        return ImportCertErrorInvalidValidFrom;
+    }
+    if (no_end) {
+        LogUnusable(cert, kMsgInvalidValidTo, {});
+        return ImportCertErrorInvalidValidTo;
+    }
+    return ImportCertOk;
+}
+
+bool NameMatches(const std::string& name, const std::string& pattern, bool exact) {
+    if (pattern.empty()) return true;
+    return exact ? name == pattern : printable_dn_contain_attrs(name, pattern);
+}
+
+bool TextMatches(const std::string& text, const std::string& pattern) {
+    return pattern.empty() || text == pattern;
+}
+
+/// What the key operation works on: the digest of `data`, in a DigestInfo for RSA, or `data` itself where the message
+/// is signed without a digest. Null when it cannot be made; else `digest` may hold the result.
+const std::string* SignatureInput(PKCS11::TokenSession& session, pki_alg_t hash_alg, bool rsa, const std::string& data,
+                                  std::string& digest) {
+    if ((hash_alg & PKI_HASH_MASK) == PKI_HASH_NONE) return &data;
+    if (!session.Digest(hash_alg, data, digest)) return nullptr;
+    if (rsa && !asn_add_alg_to_digest(hash_alg, digest)) return nullptr;
+    return &digest;
+}
+
+SignatureCheck VerifyOnToken(PKCS11::TokenSession& session, pki_alg_t alg, const std::string& spki,
+                             const std::string& data, const std::string& signature) {
+    std::string digest;
+    const bool rsa = (alg & PKI_NO_HASH_MASK) == PKI_KEY_RSA;
+    const std::string* input = SignatureInput(session, alg & ~PKI_KEY_MASK, rsa, data, digest);
+    if (input == nullptr) return kSignatureDigestError;
+    return session.Verify(alg, spki, *input, signature) ? kSignatureRight : kSignatureWrong;
+}
+
+/// Subject of an object that holds no certificate; its serial number is the identifier.
+void DescribeWithoutCertificate(CertInfo& info, const char* what) {
+    info.subject = what;
+    info.serialNumber = "#" + TO_HEX_STD_STRING(info.id);
+}
+
+}  // namespace
+
+X509Cert::X509Cert(void* cert_handle, void* priv_key_handle) : certHandle(cert_handle), privKeyHandle(priv_key_handle) {
+    CertEngine_RawCert(certHandle, rawCert);
+    init();
+}
+
+X509Cert::X509Cert(const PKCS11::TokenInfo& on_token, const PKCS11::CertObject& object)
+    : token(on_token), rawCert(object.value) {
+    info.id = object.id;
+    if (object.category == PKCS11::kKeyPairCategory) {
+        DescribeWithoutCertificate(info, "Key Pair without Certificate");
+        info.keyAlg = object.keyAlg;
+        return;
+    }
+    if (rawCert.size() <= kMaxCertificateBytes) {
+        certHandle = CertEngine_CreateCertHandle(rawCert.data(), static_cast<unsigned>(rawCert.size()));
+    }
+    if (certHandle == nullptr) {
+        DescribeWithoutCertificate(info, "Certificate object of unknown format");
+        return;
+    }
+    init();
+    privKeyNotAfter = object.keyNotAfter;
+}
+
+X509Cert::~X509Cert() {
+    CertEngine_CloseCertHandle(certHandle);
+    if (privKeyHandle != nullptr) CertEngine_ClosePrivKeyHandle(privKeyHandle);
+}
+
+void X509Cert::init() {
+    CertEngine_GetCertInfo(certHandle, info);
+    CertEngine_RawPubKey(certHandle, rawPubKey, pubKeyHash);
+    CertEngine_RawSubject(certHandle, rawSubject);
+    CertEngine_GetCertExtentions(certHandle, ext_);
+    selfSigned = info.subject == info.issuer;
+}
+
+void X509Cert::SetKeyPairPublicKey(std::string spki) {
+    rawPubKey = std::move(spki);
+    info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, rawPubKey.data(), rawPubKey.size());
+    CertEngine_FingerprintSHA1(rawPubKey, ext_.sha1, 0);
+}
+
+void X509Cert::AddRef() const {
+    const vpnfc::ObjectLock lock(*this);
+    ++refCount;
+}
+
+void X509Cert::Release() const {
+    bool last = false;
+    {
+        const vpnfc::ObjectLock lock(*this);
+        last = --refCount == 0;
+    }
+    if (last) delete this;
+}
+
+CertImportStatus X509Cert::CanBeUsed() const {
+    if (info.keyAlg == 0) {
+        LogUnusable(*this, kMsgUnknownKeyAlg, {KeyAlgOid(*this)});
+        return ImportCertErrorUnknownKeyAlg;
+    }
+    if (!IsSignatureAlg(info.signAlg)) {
+        LogUnusable(*this, kMsgUnknownSignAlg, {SignAlgOid(*this)});
+        return ImportCertErrorUnknownSignAlg;
+    }
+    if (!CriticalExtensionsPass(*this)) return ImportCertErrorUnknownCriticalExtension;
+    if (const CertImportStatus times = CheckTimes(*this); times != ImportCertOk) return times;
+    if (info.subject.empty()) return ImportCertErrorEmptySubject;
+    if (info.issuer.empty()) return ImportCertErrorEmptyIssuer;
+    return ImportCertOk;
+}
+
+bool X509Cert::MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const {
+    const pki_alg_t wanted = pattern.keyAlg != 0 ? pattern.keyAlg : alg;
+    if (wanted != 0 && wanted != info.keyAlg) return false;
+    return TextMatches(info.serialNumber, pattern.serialNumber) && TextMatches(ext_.md5, pattern.md5) &&
+           TextMatches(ext_.sha1, pattern.sha1) && NameMatches(info.issuer, pattern.issuer, pattern.issuerExact) &&
+           NameMatches(info.subject, pattern.subject, pattern.subjectExact);
+}
+
+ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
+    const cert_time64_t now = CertTimeNow();
+    if (now < info.validFrom) return kNotYetValid;
+    if (info.validTo < now) return kExpired;
+    if (privKeyNotAfter < now) return kPrivateKeyExpired;
+    return kValid;
+}
+
+SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
+    std::string signed_part;
+    std::string signature;
+    if (certHandle == nullptr || !CertEngine_RawCertInfo(certHandle, signed_part) ||
+        !CertEngine_RawCertSignature(certHandle, signature)) {
+        return kSignatureWrong;
+    }
+    return X509Cert_Verify(info.signAlg, issuer->rawPubKey, signed_part, signature);
+}
+
+X509CRL::X509CRL(const PKCS11::TokenInfo& on_token, const PKCS11::CRLObject& object)
+    : token(on_token), rawCrl(object.value) {
+    info.id = object.id;
+    if (rawCrl.size() <= UINT_MAX) {
+        crlHandle = CertEngine_CreateCRLHandle(rawCrl.data(), static_cast<unsigned>(rawCrl.size()));
+    }
+    if (crlHandle == nullptr) {
+        info.issuer = "CRL object of unknown format";
+        return;
+    }
+    CertEngine_HandleToCRLInfo(crlHandle, info);
+    CertEngine_CRLRevokedCerts(crlHandle, revoked);
+}
+
+X509CRL::X509CRL(void* crl_handle, bool keep_raw) : crlHandle(crl_handle) {
+    if (keep_raw) CertEngine_RawCRL(crlHandle, rawCrl);
+    CertEngine_HandleToCRLInfo(crlHandle, info);
+    CertEngine_CRLRevokedCerts(crlHandle, revoked);
+}
+
+X509CRL::~X509CRL() {
+    if (crlHandle != nullptr) CertEngine_CloseCRLHandle(crlHandle);
+}
+
+SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) {
+    std::string signed_part;
+    std::string signature;
+    if (crlHandle == nullptr || !CertEngine_RawCRLInfo(crlHandle, signed_part) ||
+        !CertEngine_RawCRLSignature(crlHandle, signature)) {
+        return kSignatureWrong;
+    }
+    return X509Cert_Verify(info.signAlg, issuer->rawPubKey, signed_part, signature);
+}
+
+int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_alg_t key_alg, pki_alg_t alg,
+                  const std::string& data, std::string& signature) {
+    std::string digest;
+    const std::string* input = SignatureInput(session, alg, key_alg == PKI_KEY_RSA, data, digest);
+    if (input == nullptr) return 0;
+    return session.Sign((alg & PKI_ALG_MASK) | key_alg, key_id, *input, signature) ? 2 : 1;
+}
+
+SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
+                               const std::string& signature) {
+    const std::vector<PKCS11::TokenInfo> tokens = PKCS11::Manager::Instance().EnumTokens(alg);
+    if (tokens.empty()) return kSignatureNoToken;
+    for (const PKCS11::TokenInfo& token : tokens) {
+        PKCS11::TokenSession session(token);
+        if (session) return VerifyOnToken(session, alg, spki, data, signature);
+    }
+    return kSignatureNoSession;
+}
+
+}  // namespace CM
