@@ -8,8 +8,8 @@
 //     const std::string crl = MakeCrl({.entries = {{.serial = leaf.serial}}}, root);
 //     token->AddPersonal(leaf.der, leaf.key);
 //
-// Keys are cached per (type, index) for the life of the process: the same pair of arguments gives the same key. All
-// functions may be called from any thread; they throw std::runtime_error when libcrypto refuses.
+// Keys are cached for the life of the process: the same type and index, or the same type and subject, give the same
+// key. RSA keys take time to find: share them by index where there are many. All functions may be called from any thread; they throw std::runtime_error when libcrypto refuses.
 #pragma once
 
 #include <openssl/evp.h>
@@ -39,6 +39,8 @@ enum class KeyType : std::uint8_t {
 using Key = std::shared_ptr<EVP_PKEY>;
 
 Key MakeKey(KeyType type, int index = 0);
+/// In place of an index: a key of the subject's own.
+inline constexpr int kOwnKey = -1;
 /// SubjectPublicKeyInfo, DER.
 std::string Spki(const Key& key);
 /// PrivateKeyInfo, DER.
@@ -111,7 +113,7 @@ struct SignWith {
 
 struct CertSpec {
     KeyType key = KeyType::kEcP256;
-    int key_index = 0;
+    int key_index = kOwnKey;
     std::string subject = "CN=test";
     std::optional<std::string> subject_der{};  // in place of `subject`
     std::optional<std::string> issuer_der{};  // in place of the issuer's subject
@@ -131,7 +133,7 @@ struct CertSpec {
     KeyId aki = KeyId::Auto();
     bool aki_issuer_serial = false;  // issuer's issuer name and serial number in the AKI
     std::vector<std::vector<std::string>> crl_points{};  // full names of each distribution point
-    std::optional<Time> key_usage_from{};  // private key usage period
+    std::optional<Time> key_usage_from{};  // private key usage period; always in the form of GeneralizedTime
     std::optional<Time> key_usage_to{};
     std::vector<ConfExtension> conf{};
     std::vector<Extension> extensions{};
@@ -159,9 +161,9 @@ struct Cert {
 Cert MakeCert(const CertSpec& spec, const Cert* issuer = nullptr);
 /// A CA with keyCertSign and cRLSign.
 Cert MakeCa(const std::string& subject, const Cert* issuer = nullptr, KeyType key = KeyType::kEcP256,
-            int key_index = 0);
+            int key_index = kOwnKey);
 /// An end entity with digitalSignature.
-Cert MakeLeaf(const std::string& subject, const Cert& issuer, KeyType key = KeyType::kEcP256, int key_index = 0);
+Cert MakeLeaf(const std::string& subject, const Cert& issuer, KeyType key = KeyType::kEcP256, int key_index = kOwnKey);
 
 struct CrlEntry {
     std::string serial{};
