@@ -171,7 +171,9 @@ class PLATFORM_API TokenSession {
     bool GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable);
 
     bool CreateCertObject(const CertObject& object, const std::string& subject_der);
-    bool CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der, bool exportable);
+    /// `not_after`: end of the key's usage (CKA_END_DATE, a day); unknown: none.
+    bool CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der, bool exportable,
+                             cert_time64_t not_after = CERT_TIME_UNKNOWN);
     bool CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki);
     /// Unwraps an encrypted key on the token, or decrypts it on the host (wiped after) where the token cannot.
     bool ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id, bool exportable);

@@ -1,0 +1,28 @@
+// Runs both sides of an exchange as processes of their own, joined by a socket pair, and shows what they say.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ikeauth {
+
+struct ExchangeOptions {
+    std::vector<std::string> initiator;  // arguments of `ikeauth side` for each side, without --fd and --role
+    std::vector<std::string> responder;
+    std::string expect;  // a text that the refusal must show; empty: the exchange must succeed
+    bool quiet = false;  // only the verdict
+};
+
+/// Exit codes of `ikeauth exchange` and `ikeauth side`.
+enum ExitCode : int {
+    kExitSuccess = 0,
+    kExitRefused = 1,  // one side refused the other, or could not authenticate
+    kExitUsage = 2,  // wrong arguments or settings
+    kExitUnexpected = 3,  // refused, but not with the expected text; or accepted against expectation
+};
+
+/// Prints the sides' event logs line by line, "I | " for the initiator and "R | " for the responder. With an
+/// expected text a refusal that shows it is success. Bounded by a minute.
+int RunExchange(const ExchangeOptions& options);
+
+}  // namespace ikeauth

@@ -1,0 +1,98 @@
+#include "ike/messages.h"
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <array>
+
+#include "platform/bridge.h"
+
+namespace ikeauth {
+namespace {
+
+void WriteList(CommandStreamOut& out, const std::vector<std::string>& list) {
+    out.fields(static_cast<std::uint32_t>(list.size()));
+    for (const std::string& entry : list) out.fields(entry);
+}
+
+void ReadList(CommandStreamIn& in, std::vector<std::string>& list) {
+    std::uint32_t count = 0;
+    in.fields(count);
+    if (count > kMaxListEntries) throw "CommandStreamError";
+    for (std::uint32_t i = 0; i < count; ++i) in.fields(list.emplace_back());
+}
+
+/// Runs a reader over a message; false when the message is short or says something that cannot be.
+template <typename Reader>
+bool ReadAll(const std::string& message, Reader read) {
+    CommandStreamIn in(message);
+    try {
+        read(in);
+    } catch (const char*) {
+        return false;
+    }
+    return true;
+}
+
+std::string KeyedDigest(const EVP_MD* md, const std::string& key, const std::string& data) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> out{};
+    unsigned length = 0;
+    HMAC(md, key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char*>(data.data()), data.size(),
+         out.data(), &length);
+    return {reinterpret_cast<const char*>(out.data()), length};
+}
+
+std::string IdentityPayload(const SignedInput& input) {
+    std::string bytes;
+    CommandStreamOut(bytes).fields(input.id_type, input.id_value);
+    return bytes;
+}
+
+}  // namespace
+
+std::string Hello::Encode() const {
+    std::string message;
+    CommandStreamOut out(message);
+    out.fields(nonce, static_cast<std::uint32_t>(request_format));
+    WriteList(out, requests);
+    return message;
+}
+
+bool Hello::Decode(const std::string& message) {
+    return ReadAll(message, [this](CommandStreamIn& in) {
+        std::uint32_t format = 0;
+        in.fields(nonce, format);
+        request_format = static_cast<CM::CertDataFormat>(format);
+        ReadList(in, requests);
+    });
+}
+
+std::string Authentication::Encode() const {
+    std::string message;
+    CommandStreamOut out(message);
+    out.fields(id_type, id_value, static_cast<std::uint32_t>(form));
+    WriteList(out, payloads);
+    out.fields(sign_alg, signature);
+    return message;
+}
+
+bool Authentication::Decode(const std::string& message) {
+    return ReadAll(message, [this](CommandStreamIn& in) {
+        std::uint32_t raw_form = 0;
+        in.fields(id_type, id_value, raw_form);
+        form = static_cast<PayloadForm>(raw_form);
+        ReadList(in, payloads);
+        in.fields(sign_alg, signature);
+    });
+}
+
+std::string SignedOctets(const SignedInput& input) {
+    return input.own_hello + input.peer_nonce + KeyedDigest(EVP_sha256(), input.peer_nonce, IdentityPayload(input));
+}
+
+std::string ExchangeHash(const SignedInput& input, pki_alg_t key_alg) {
+    const EVP_MD* md = key_alg == PKI_KEY_DSA ? EVP_sha1() : EVP_sha256();
+    return KeyedDigest(md, input.peer_nonce, input.own_hello + input.peer_hello + IdentityPayload(input));
+}
+
+}  // namespace ikeauth

@@ -1,0 +1,197 @@
+#include "ike/provision.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/certmgr.h"
+#include "ike/exchange.h"
+#include "platform/tokens.h"
+#include "platform/tokens/token_host.h"
+
+namespace ikeauth {
+namespace {
+
+constexpr std::size_t kMaxFileBytes = 1U << 20;
+constexpr int kPinDigits = 8;
+/// CKA_CERTIFICATE_CATEGORY.
+enum Category : std::uint32_t { kTokenUser = 1, kAuthority = 2, kOtherEntity = 3 };
+
+/// What a PEM certificate file holds, as a token wants it.
+struct CertFile {
+    std::string der;
+    std::string subject_der;
+    std::string spki;
+    std::string key_hash;
+    CertInfo info;
+};
+
+bool Complain(const std::string& text) {
+    std::cerr << "ikeauth: " << text << "\n";
+    return false;
+}
+
+bool ReadFile(const std::string& path, std::string& content) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf())) return Complain(path + ": cannot be read");
+    content = std::move(text).str();
+    return content.size() <= kMaxFileBytes || Complain(path + ": larger than 1 MiB");
+}
+
+bool ReadCert(const std::string& path, CertFile& cert) {
+    std::string text;
+    if (!ReadFile(path, text)) return false;
+    const std::unique_ptr<void, decltype(&CertEngine_CloseCertHandle)> handle(CertEngine_ReadPEMCertData(text),
+                                                                              CertEngine_CloseCertHandle);
+    if (!handle) return Complain(path + ": not a certificate");
+    CertEngine_GetCertInfo(handle.get(), cert.info);
+    return CertEngine_RawCert(handle.get(), cert.der) && CertEngine_RawSubject(handle.get(), cert.subject_der) &&
+           CertEngine_RawPubKey(handle.get(), cert.spki, cert.key_hash);
+}
+
+/// PrivateKeyInfo DER of a PEM private key without password.
+bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
+    const std::unique_ptr<BIO, decltype(&BIO_free_all)> file(BIO_new_file(path.c_str(), "r"), BIO_free_all);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        file ? PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, const_cast<char*>("")) : nullptr, EVP_PKEY_free);
+    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)> info(
+        key ? EVP_PKEY2PKCS8(key.get()) : nullptr, PKCS8_PRIV_KEY_INFO_free);
+    unsigned char* der = nullptr;
+    const int length = info ? i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der) : -1;
+    if (length <= 0) return Complain(path + ": not an unencrypted PEM private key");
+    pkcs8 = vpnfc::SecretString(std::string_view(reinterpret_cast<char*>(der), static_cast<std::size_t>(length)));
+    OPENSSL_clear_free(der, static_cast<std::size_t>(length));
+    return true;
+}
+
+std::string RandomPin() {
+    std::string pin;
+    while (pin.size() < kPinDigits) {
+        unsigned char byte = 0;
+        RAND_bytes(&byte, 1);
+        if (byte < 250) pin.push_back(static_cast<char>('0' + byte % 10));  // below 250 every digit is as likely
+    }
+    return pin;
+}
+
+/// Reads a PIN file, or makes one with a random PIN.
+bool ReadOrMakePin(const std::string& path, vpnfc::SecretString& pin) {
+    if (access(path.c_str(), F_OK) == 0) {
+        std::string text;
+        if (!ReadFile(path, text)) return false;
+        pin = vpnfc::SecretString(std::string_view(text).substr(0, text.find_first_of("\r\n")));
+        vpnfc::SecureWipe(text);
+        return true;
+    }
+    pin = vpnfc::SecretString(RandomPin());
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    const bool written =
+        fd >= 0 && write(fd, pin.get().data(), pin.get().size()) == static_cast<ssize_t>(pin.get().size());
+    if (fd >= 0) close(fd);
+    return written || Complain(path + ": cannot be written");
+}
+
+bool ReadDate(const std::string& text, cert_time64_t& time) {
+    std::tm tm{};
+    const char* end = strptime(text.c_str(), "%Y-%m-%d", &tm);
+    if (end == nullptr || *end != '\0') return Complain("'" + text + "' is not a date YYYY-MM-DD");
+    time = CertTimeFromTm(tm);
+    return true;
+}
+
+/// Writes objects on a fresh token.
+class TokenWriter {
+  public:
+    explicit TokenWriter(PKCS11::TokenInfo token) : token_(std::move(token)) {}
+
+    bool WriteHost(const ProvisionOptions& options, const vpnfc::SecretString& pin) {
+        PKCS11::TokenSession session(token_, PKCS11::TokenSession::kPrivate, &pin.get());
+        if (!session) return Complain("no private session on token '" + token_.label + "'");
+        if (!options.cert.empty() && !WriteKeyAndCert(session, options)) return false;
+        for (const std::string& path : options.others) {
+            if (!WriteCert(session, path, false)) return false;
+        }
+        return true;
+    }
+
+    bool WriteTrusted(const std::vector<std::string>& paths, const vpnfc::SecretString& so_pin) {
+        if (paths.empty()) return true;
+        PKCS11::TokenSession session(token_, PKCS11::TokenSession::kPublic, &so_pin.get());
+        if (!session) return Complain("no security officer session on token '" + token_.label + "'");
+        for (const std::string& path : paths) {
+            if (!WriteCert(session, path, true)) return false;
+        }
+        return true;
+    }
+
+  private:
+    std::string NextId() { return std::string(1, static_cast<char>(++last_id_)); }
+
+    bool WriteKeyAndCert(PKCS11::TokenSession& session, const ProvisionOptions& options) {
+        CertFile cert;
+        vpnfc::SecretString pkcs8;
+        if (!ReadCert(options.cert, cert) || !ReadKey(options.key, pkcs8)) return false;
+        cert_time64_t not_after = CERT_TIME_UNKNOWN;
+        if (!options.key_not_after.empty() && !ReadDate(options.key_not_after, not_after)) return false;
+        const std::string id = NextId();
+        const PKCS11::CertObject object{.id = id, .value = cert.der, .category = kTokenUser};
+        return (session.CreatePrivKeyObject(cert.info.keyAlg, id, pkcs8.get(), false, not_after) &&
+                session.CreatePubKeyObject(cert.info.keyAlg, id, cert.spki) &&
+                session.CreateCertObject(object, cert.subject_der)) ||
+               Complain("the token does not take the key pair and certificate of " + options.cert);
+    }
+
+    bool WriteCert(PKCS11::TokenSession& session, const std::string& path, bool trusted) {
+        CertFile cert;
+        if (!ReadCert(path, cert)) return false;
+        const PKCS11::CertObject object{.id = NextId(),
+                                        .value = cert.der,
+                                        .category = cert.info.isCA ? kAuthority : kOtherEntity,
+                                        .trusted = trusted};
+        return session.CreateCertObject(object, cert.subject_der) || Complain("the token does not take " + path);
+    }
+
+    PKCS11::TokenInfo token_;
+    unsigned char last_id_ = 0;
+};
+
+bool Provision(const ProvisionOptions& options) {
+    vpnfc::SecretString pin;
+    vpnfc::SecretString so_pin;
+    if (!ReadOrMakePin(options.pin_file, pin) || !ReadOrMakePin(options.so_pin_file, so_pin)) return false;
+
+    std::string error;
+    const tokens::Settings settings{.providers = {{.name = "softhsm", .module_path = tokens::SoftHsmModulePath()}}};
+    if (!tokens::PrepareSoftHsm(options.state, error) || !tokens::Start(settings, error)) return Complain(error);
+
+    PKCS11::TokenInfo token;
+    if (!tokens::InitToken("softhsm", options.label, so_pin, pin, token, error)) return Complain(error);
+    TokenWriter writer(token);
+    return writer.WriteHost(options, pin) && writer.WriteTrusted(options.trusted, so_pin);
+}
+
+}  // namespace
+
+int RunProvision(const ProvisionOptions& options) {
+    CM::CertEngine_Init();
+    const bool done = Provision(options);
+    tokens::Stop();
+    CM::CertEngine_Finit();
+    return done ? kExitSuccess : kExitUsage;
+}
+
+}  // namespace ikeauth

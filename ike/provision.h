@@ -1,0 +1,24 @@
+// Makes a SoftHSM2 token for a host: its key pair and certificate, other certificates and trusted ones.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace ikeauth {
+
+struct ProvisionOptions {
+    std::string state;  // state directory of SoftHSM2; made when absent
+    std::string label;
+    std::string pin_file;  // user PIN; written (mode 0600) with a random PIN when the file is not there
+    std::string so_pin_file;  // likewise for the security officer
+    std::string key;  // PEM private key
+    std::string cert;  // PEM certificate of that key
+    std::vector<std::string> others;  // PEM certificates, stored as they are
+    std::vector<std::string> trusted;  // PEM certificates, stored with the trusted mark
+    std::string key_not_after;  // YYYY-MM-DD: end of the private key's usage; empty: none
+};
+
+/// Exit code of `ikeauth provision`; what went wrong is written to stderr.
+int RunProvision(const ProvisionOptions& options);
+
+}  // namespace ikeauth
