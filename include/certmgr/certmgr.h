@@ -35,6 +35,21 @@ CM_API void Reload();
 CM_API void CertEngine_Init();
 CM_API int CertEngine_Finit();
 
+/// Engine and module, started while this object lives. The host libraries must outlive it.
+class RunningModule {
+  public:
+    RunningModule() {
+        CertEngine_Init();
+        Init();
+    }
+    ~RunningModule() {
+        Finit();
+        CertEngine_Finit();
+    }
+    RunningModule(const RunningModule&) = delete;
+    RunningModule& operator=(const RunningModule&) = delete;
+};
+
 }  // namespace CM
 
 /// The list of one pattern that matches every certificate. Never changes; lives as long as the library.

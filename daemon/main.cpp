@@ -1,0 +1,88 @@
+// certmgrd: runs the certificate manager with its host libraries, in the foreground, until told to stop.
+
+#include <csignal>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <string>
+
+#include "certmgr/certmgr.h"
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+#include "platform/events/event_host.h"
+#include "platform/host/host.h"
+#include "platform/tokens.h"
+
+namespace {
+
+enum ExitCode : int {
+    kExitSuccess = 0,
+    kExitFailure = 1,  // something could not be started
+    kExitSettings = 2,  // wrong arguments or settings
+};
+
+void LogLine(const std::string& text) {
+    TLogMessage(kMsgDaemon).Attr(text).Send();
+}
+
+/// Settings first, then what the tokens hold; a file with errors leaves both as they are.
+void ReloadEverything(vpnhost::Host& host) {
+    if (!host.Reload()) {
+        LogLine("settings not reloaded, the old ones stay in force");
+        return;
+    }
+    PKCS11::Manager::Instance().ReloadTokensContent(1);
+    CM::Reload();
+    LogLine("settings and tokens reloaded");
+}
+
+int CheckSettings(const std::string& path) {
+    const settings::LoadResult loaded = settings::Load(path);
+    for (const settings::Problem& problem : loaded.problems) std::cerr << problem.ToString() << "\n";
+    std::cout << path << (loaded.ok ? ": good" : ": has errors") << "\n";
+    return loaded.ok ? kExitSuccess : kExitSettings;
+}
+
+int Run(const std::string& path) {
+    // Taken over before any thread starts, so that every thread inherits the mask.
+    events::SignalLoop signals{SIGHUP, SIGTERM, SIGINT};
+    vpnhost::Host host;
+    if (!host.Start(path)) return kExitSettings;
+    {
+        const CM::RunningModule module;
+        CM::Reload();
+        LogLine("certmgrd runs; SIGHUP reloads, SIGTERM stops");
+        signals.Run([&host](int signal) {
+            if (signal != SIGHUP) return false;
+            ReloadEverything(host);
+            return true;
+        });
+        LogLine("certmgrd stops");
+    }
+    host.Stop();
+    return kExitSuccess;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "Certificate manager for IKE/IPsec VPN clients: keeps a live store of what PKCS#11 tokens hold.\n"
+        "Runs in the foreground. SIGHUP reloads settings and tokens, SIGTERM and SIGINT stop in order.\n"
+        "Exit codes: 0 stopped in order, 1 could not start, 2 wrong arguments or settings.",
+        "certmgrd"};
+    std::string config = "/etc/certmgr/certmgr.toml";
+    bool check = false;
+    app.add_option("-c,--config", config, "Settings file")->capture_default_str();
+    app.add_flag("--check", check, "Check the settings file and exit");
+    app.set_version_flag("--version", CERTMGR_VERSION);
+    try {
+        app.parse(argc, argv);
+        return check ? CheckSettings(config) : Run(config);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kExitSuccess : kExitSettings;
+    } catch (const std::exception& error) {
+        std::cerr << "certmgrd: " << error.what() << "\n";
+        return kExitFailure;
+    }
+}

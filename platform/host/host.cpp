@@ -1,0 +1,73 @@
+#include "platform/host/host.h"
+
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+#include "platform/events/event_host.h"
+#include "platform/tokens/token_host.h"
+
+namespace vpnhost {
+namespace {
+
+bool Refuse(const std::string& text) {
+    TLogMessage(kMsgSettingsRejected).Attr(text).Send();
+    return false;
+}
+
+}  // namespace
+
+bool Host::ApplyLogAndTokens(const settings::Settings& loaded, bool first) {
+    std::string error;
+    if (!eventlog::SetSinks(loaded.log.sinks, error)) return Refuse(error);
+    if (first) {
+        const std::string& folder = loaded.tokens.softhsm_directory;
+        if (!folder.empty() && !tokens::PrepareSoftHsm(folder, error)) return Refuse(error);
+        softhsm_directory_ = folder;
+        return tokens::Start(loaded.tokens.manager, error) || Refuse(error);
+    }
+    if (loaded.tokens.softhsm_directory != softhsm_directory_) {
+        TLogMessage(kMsgSettingsWarning)
+            .Attr("tokens.softhsm_directory changed: takes effect at the next start")
+            .Send();
+    }
+    return tokens::Apply(loaded.tokens.manager, error) || Refuse(error);
+}
+
+bool Host::Start(const std::string& settings_path) {
+    path_ = settings_path;
+    const settings::LoadResult loaded = settings::Load(path_);
+    settings::LogProblems(path_, loaded);
+    if (!loaded.ok) return false;
+    settings::Apply(loaded.settings);
+    running_ = true;
+    if (!events::Start() || !ApplyLogAndTokens(loaded.settings, true)) {
+        Stop();
+        return false;
+    }
+    const std::lock_guard lock(mutex_);
+    rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);
+    return true;
+}
+
+bool Host::Reload() {
+    const settings::LoadResult loaded = settings::Load(path_);
+    settings::LogProblems(path_, loaded);
+    if (!loaded.ok || !ApplyLogAndTokens(loaded.settings, false)) return false;
+    settings::Apply(loaded.settings);
+    const std::lock_guard lock(mutex_);
+    rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);
+    return true;
+}
+
+void Host::Stop() {
+    if (!running_) return;
+    running_ = false;
+    tokens::Stop();
+    events::Stop();
+}
+
+std::shared_ptr<const LPCFG::Rules> Host::rules() const {
+    const std::lock_guard lock(mutex_);
+    return rules_;
+}
+
+}  // namespace vpnhost
