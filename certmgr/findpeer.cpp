@@ -1,0 +1,219 @@
+#include "certmgr/findpeer.h"
+
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "certmgr/cert_chain.h"
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_log_peer.h"
+#include "certmgr/certmgr.h"
+#include "certmgr/findlocal.h"
+#include "certmgr/ike.h"
+#include "certmgr/key_usage.h"
+#include "certmgr/log.h"
+#include "platform/event_codes.h"
+
+namespace CM {
+
+// --- The peer's certificate payloads ---
+
+namespace {
+
+/// Takes over a decoded certificate and appends it when it can be used.
+bool AppendReceived(std::vector<const X509Cert*>& list, void* handle, EventCode code, const TLogIdent& ident) {
+    MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(handle, nullptr));
+    if (cert->CanBeUsed() != ImportCertOk) return false;
+    cert->info.kind = kCertKindPeer;
+    if (TLogMessage::IsEnabled(code)) {
+        std::string rendering;
+        ttt_X509CertToLogString(cert.get(), rendering);
+        TLogMessage(code, ident).Attr(rendering).Send();
+    }
+    list.push_back(cert.Detach());
+    return true;
+}
+
+}  // namespace
+
+bool VCertsListAddRawX509(std::vector<const X509Cert*>& list, const void* data, unsigned length,
+                          const TLogIdent& ident) {
+    void* handle = data != nullptr ? CertEngine_CreateCertHandle(data, length) : nullptr;
+    if (handle == nullptr) {
+        TLogMessage(kMsgCertUnreadableX509, ident).Send();
+        return false;
+    }
+    return AppendReceived(list, handle, kMsgCertReceivedX509, ident);
+}
+
+bool VCertsListAddRawPKCS7(std::vector<const X509Cert*>& list, const void* data, unsigned length,
+                           const TLogIdent& ident) {
+    constexpr int kHandled = 0;
+    std::vector<void*> handles;
+    if (data == nullptr || CertEngine_ReadP7CCertData(data, length, handles, nullptr) != kHandled) {
+        TLogMessage(kMsgCertUnreadablePkcs7, ident).Send();
+        return false;
+    }
+    for (void* handle : handles) AppendReceived(list, handle, kMsgCertReceivedPkcs7, ident);
+    return true;
+}
+
+// --- The peer's certificate ---
+
+const LPCFG::ipsecid_t g_any_id_remote{LPCFG::ipsecid_t::kIp4, 1, {}, {}};
+
+namespace {
+
+/// One verification: what was asked, read once, and the candidates found so far.
+class PeerSearch {
+  public:
+    PeerSearch(const LPCFG::auth_ike_t& rule, const LPCFG::ipsecid_t& peer_id,
+               const std::vector<const X509Cert*>& received, LPARAMS::CRL_PROC_t crl_mode,
+               const std::string& default_crl_server, const TLogIdent& ident)
+        : rule_(rule),
+          // 1.
+          identity_(rule.no_map_id_remote ? g_any_id_remote : peer_id),
+          received_(received),
+          crl_mode_(crl_mode),
+          default_crl_server_(default_crl_server),
+          ident_(ident),
+          callers_(received),
+          verify_task_(rule.cert_trust, true, now_, ident) {}
+
+    /// The first candidate that passes every check, or null.
+    const PeerCertStatus* Run();
+    const PeerCertStatuses& statuses() const { return statuses_; }
+    const LPCFG::ipsecid_t& identity() const { return identity_; }
+
+  private:
+    void FindCandidates(const LPCFG::cert_t& pattern, pki_alg_t alg);
+    void cm_SearchValidCertsInList(const CertStorage::X509CertsDB& list, const LPCFG::cert_t& pattern, pki_alg_t alg);
+    void Consider(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg);
+    PeerCertStatus& cm_PeerCertPushBack(const X509Cert* cert);
+    Refusal JudgeByItself(const X509Cert* cert) const;
+    Refusal JudgeChain(CertList& chain);
+
+    const LPCFG::auth_ike_t& rule_;
+    const LPCFG::ipsecid_t& identity_;
+    const std::vector<const X509Cert*>& received_;
+    const LPARAMS::CRL_PROC_t crl_mode_;
+    const std::string& default_crl_server_;
+    const TLogIdent& ident_;
+    const cert_time64_t now_ = CertTimeNow();
+
+    std::uint64_t pattern_number_ = 0;
+    // The candidates and their chains keep alive what the members below point at.
+    PeerCertStatuses statuses_;
+    MetCerts candidates_;
+    CallersList callers_;
+    VerifyCertChainTask verify_task_;
+};
+
+const PeerCertStatus* PeerSearch::Run() {
+    // 2.
+    const bool any = rule_.cert_remote.empty();
+    const auto& patterns = any ? *CM_GetAnyCertPatternList() : rule_.cert_remote;
+    const pki_alg_t alg = any ? rule_.authAlg : 0;
+    // 3.
+    for (const LPCFG::cert_t& pattern : patterns) {
+        ++pattern_number_;
+        const std::size_t judged = statuses_.size();
+        FindCandidates(pattern, alg);
+        for (auto status = std::next(statuses_.begin(), static_cast<std::ptrdiff_t>(judged)); status != statuses_.end();
+             ++status) {
+            if (status->refusal) continue;
+            status->refusal = JudgeChain(status->chain);
+            if (!status->refusal) return &*status;
+        }
+    }
+    return nullptr;
+}
+
+/// 3.1. Where candidates are looked for, in this order: what the peer sent; the store's other certificates; and its
+/// trusted ones, but only as the bearers of an identity that is checked.
+void PeerSearch::FindCandidates(const LPCFG::cert_t& pattern, pki_alg_t alg) {
+    for (const X509Cert* cert : received_) Consider(cert, pattern, alg);
+    const CertStorage& store = CertStorage::Instance();
+    cm_SearchValidCertsInList(store.otherCerts, pattern, alg);
+    if (identity_.any == 0) cm_SearchValidCertsInList(store.trustedCerts, pattern, alg);
+}
+
+/// An exact subject, asked for by the identity or the pattern, is looked up instead of walking the whole list.
+void PeerSearch::cm_SearchValidCertsInList(const CertStorage::X509CertsDB& list, const LPCFG::cert_t& pattern,
+                                           pki_alg_t alg) {
+    const std::string* subject = nullptr;
+    if (identity_.any == 0 && identity_.type == LPCFG::ipsecid_t::kDn) {
+        subject = &identity_.dn;
+    } else if (pattern.subjectExact && !pattern.subject.empty()) {
+        subject = &pattern.subject;
+    }
+    const vpnfc::ReadLock lock(CertStorage::Instance());
+    if (subject != nullptr) {
+        for (const std::uint32_t position : list.WithSubject(*subject)) Consider(list[position], pattern, alg);
+    } else {
+        for (const X509Cert* cert : list) Consider(cert, pattern, alg);
+    }
+}
+
+/// Makes the certificate a candidate, unless it does not answer identity and pattern or is one already: that leaves no
+/// trace.
+void PeerSearch::Consider(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) {
+    // 1. to 3.
+    if (identity_.any == 0 && cert_map_to_lp_cfg_ipsecid(cert, identity_) == nullptr) return;
+    if (!cert->MatchToPattern(pattern, alg)) return;
+    if (!candidates_.insert(cert).second) return;
+    // 4. and 5.
+    cm_PeerCertPushBack(cert).refusal = JudgeByItself(cert);
+}
+
+PeerCertStatus& PeerSearch::cm_PeerCertPushBack(const X509Cert* cert) {
+    PeerCertStatus& status = statuses_.emplace_back();
+    AppendToChain(status.chain, CertRef(cert));
+    status.pattern_number = pattern_number_;
+    return status;
+}
+
+Refusal PeerSearch::JudgeByItself(const X509Cert* cert) const {
+    // 4.
+    if (!HasKeyUsage(cert, kKeyUsageDigitalSignature, ident_)) return {.id = RefusalId::kNoDigitalSignature};
+    // 5.
+    const CertInfo& info = cert->info;
+    if (info.validFrom > now_) return {.id = RefusalId::kNotYetValid, .time = info.validFrom};
+    if (info.validTo < now_) return {.id = RefusalId::kExpired, .time = info.validTo};
+    return {};
+}
+
+/// 3.2. Builds the candidate's chain and judges it.
+Refusal PeerSearch::JudgeChain(CertList& chain) {
+    // 3.2.1. and 3.2.2. Never from the personal list.
+    const ChainBuildResult built = BuildCertChain(chain, callers_, SearchTrusted | SearchOther);
+    if (Refusal refusal = RefusalOfBuild(built)) return refusal;
+    // 3.2.3.
+    if (Refusal refusal = verify_task_.Run(chain.certs())) return refusal;
+    // 3.2.4.
+    if (crl_mode_ == LPARAMS::CRL_PROC_DISABLED) return {};
+    std::string reason;
+    if (CertChainVerifyRevocation(chain.certs(), crl_mode_, default_crl_server_, &reason, ident_)) return {};
+    return {.id = RefusalId::kRevocation, .detail = std::move(reason)};
+}
+
+}  // namespace
+
+const X509Cert* IkeVerifyPeerCertificate(const LPCFG::auth_ike_t& rule, const LPCFG::ipsecid_t& peer_id,
+                                         const std::vector<const X509Cert*>& received, LPARAMS::CRL_PROC_t crl_mode,
+                                         const std::string& default_crl_server, const TLogIdent& ident) {
+    PeerSearch search(rule, peer_id, received, crl_mode, default_crl_server, ident);
+    const PeerCertStatus* selected = search.Run();
+    const PeerSearchReport report{rule, search.identity(), received.size(), ident};
+    if (selected == nullptr) {
+        // 5.
+        CMLog_PeerCertificate_NotSelected(report, search.statuses());
+        return nullptr;
+    }
+    // 4.
+    CMLog_PeerCertificate_Selected(report, *selected);
+    return CertRef(selected->chain[0]).Detach();
+}
+
+}  // namespace CM
