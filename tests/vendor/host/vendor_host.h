@@ -167,7 +167,7 @@ struct CertOptions {
 class Token {
   public:
     struct State;
-    explicit Token(std::unique_ptr<State> state);
+    explicit Token(std::shared_ptr<State> state);
     ~Token();
     Token(const Token&) = delete;
     Token& operator=(const Token&) = delete;
@@ -228,10 +228,10 @@ class Token {
     /// Sessions open now.
     unsigned OpenSessions() const;
 
-    State& state() { return *state_; }
+    const std::shared_ptr<State>& state() const { return state_; }
 
   private:
-    std::unique_ptr<State> state_;
+    std::shared_ptr<State> state_;
 };
 
 /// A token after those that are there. Its TokenInfo::id is made from the label and the serial number. Calls nobody.
