@@ -237,9 +237,10 @@ void PutKeyPart_unlocked_(State& token, const std::string& id, KeyPair pair) {
     token.PutKey(id, std::move(pair));
 }
 
-bool PutPrivateKey_unlocked_(State& token, const KeyPtr& key, pki_alg_t alg, const std::string& id, bool exportable) {
+bool PutPrivateKey_unlocked_(State& token, const KeyPtr& key, pki_alg_t alg, const std::string& id, bool exportable,
+                             cert_time64_t not_after) {
     if (key == nullptr || vendor_host::KeyAlgOf(key) != alg) return false;
-    PutKeyPart_unlocked_(token, id, {key, alg, vendor_host::SpkiOf(key), CERT_TIME_UNKNOWN, true, false, exportable});
+    PutKeyPart_unlocked_(token, id, {key, alg, vendor_host::SpkiOf(key), not_after, true, false, exportable});
     return true;
 }
 
@@ -267,9 +268,10 @@ bool TokenSession::CreateCertObject(const CertObject& object, const std::string&
 }
 
 bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der,
-                                       bool exportable) {
+                                       bool exportable, cert_time64_t not_after) {
     const Lock lock = impl_->Begin(Op::kCreatePrivateKey, "C_CreateObject");
-    return lock && PutPrivateKey_unlocked_(*impl_->token, vendor_host::KeyFromPkcs8(pkcs8_der), keyAlg, id, exportable);
+    return lock && PutPrivateKey_unlocked_(*impl_->token, vendor_host::KeyFromPkcs8(pkcs8_der), keyAlg, id, exportable,
+                                           not_after);
 }
 
 bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki) {
@@ -284,7 +286,7 @@ bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t
     const Lock lock = impl_->Begin(Op::kImportPrivateKey, "C_UnwrapKey");
     return lock && PutPrivateKey_unlocked_(*impl_->token,
                                            vendor_host::KeyFromEncrypted(key.encryptedKeyInfoDer, key.password.get()),
-                                           keyAlg, id, exportable);
+                                           keyAlg, id, exportable, CERT_TIME_UNKNOWN);
 }
 
 bool TokenSession::CreateCRLObject(const std::string& id, const std::string& crl_der) {
