@@ -1,0 +1,312 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "iputils/iputils.h"
+
+namespace {
+
+using namespace IPUtils;
+
+/// Text written into a buffer of exactly the documented size, so that the address sanitizer sees one byte too many.
+std::string Written(std::size_t size, const std::function<void(char*)>& write) {
+    const auto exact = std::make_unique<char[]>(size);
+    write(exact.get());
+    return exact.get();
+}
+
+std::string IpText(unsigned ip) {
+    return Written(kAddressTextSize, [&](char* out) { EXPECT_EQ(ip2str(ip, out), out); });
+}
+std::string MaskText(unsigned mask, bool prefix) {
+    return Written(kMaskTextSize, [&](char* out) { mask2str(mask, out, prefix); });
+}
+std::string SubnetText(unsigned ip, unsigned mask, bool prefix) {
+    return Written(kSubnetTextSize, [&](char* out) { subnet2str(ip, mask, out, prefix); });
+}
+std::string RangeText(unsigned from, unsigned to, bool prefix) {
+    return Written(kRangeTextSize, [&](char* out) { iprange2str(from, to, out, prefix); });
+}
+std::string ProtocolText(unsigned char protocol) {
+    return Written(kNamedNumberTextSize, [&](char* out) { protocol2str(protocol, out); });
+}
+std::string PortText(unsigned short port, unsigned char protocol) {
+    return Written(kNamedNumberTextSize, [&](char* out) { port2str(htons(port), out, protocol); });
+}
+
+TEST(IpText, AddressesMasksAndSubnets) {
+    EXPECT_EQ(IpText(0), "0.0.0.0");
+    EXPECT_EQ(IpText(0xFFFFFFFF), "255.255.255.255");
+    EXPECT_EQ(IpText(0x0A000102), "10.0.1.2");
+    EXPECT_EQ(MaskText(0xFFFFFF00, false), "255.255.255.0");
+    EXPECT_EQ(SubnetText(0xFFFFFFFF, 0xFFFFFFFF, false), "255.255.255.255/255.255.255.255");
+    const struct {
+        unsigned mask;
+        const char* prefix;
+    } cases[] = {{0, "/0"},           {0x80000000, "/1"},  {0xFFFFFF00, "/24"},
+                 {0xFFFFFFFF, "/32"}, {0x00000001, "/32"}, {0xFF00FF00, "/24"} /* not contiguous: by its last bit */};
+    for (const auto& c : cases) {
+        EXPECT_EQ(MaskText(c.mask, true), c.prefix);
+        EXPECT_EQ(SubnetText(0x0A000000, c.mask, true), std::string("10.0.0.0") + c.prefix);
+    }
+}
+
+TEST(IpText, Ranges) {
+    const struct {
+        unsigned from, to;
+        const char* prefixed;
+        const char* dotted;
+    } cases[] = {
+        {0x0A000000, 0x0A0000FF, "10.0.0.0/24", "10.0.0.0/255.255.255.0"},
+        {0x0A000001, 0x0A000005, "10.0.0.1..10.0.0.5", "10.0.0.1..10.0.0.5"},
+        {0x0A000001, 0, "10.0.0.1", "10.0.0.1"},
+        {0x0A000001, 0x0A000001, "10.0.0.1", "10.0.0.1"},
+        {0, 0xFFFFFFFF, "0.0.0.0/0", "0.0.0.0/0.0.0.0"},
+        {0x0A000000, 0x0A000005, "10.0.0.0..10.0.0.5", "10.0.0.0..10.0.0.5"},  // differing bits with a hole
+        {0x0A000005, 0x0A000002, "10.0.0.5..10.0.0.2", "10.0.0.5..10.0.0.2"},
+        {0xFFFFFFFE, 0xFFFFFFFF, "255.255.255.254/31", "255.255.255.254/255.255.255.254"},
+        {0xC8C8C8C9, 0xFFFFFFFE, "200.200.200.201..255.255.255.254", "200.200.200.201..255.255.255.254"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(RangeText(c.from, c.to, true), c.prefixed);
+        EXPECT_EQ(RangeText(c.from, c.to, false), c.dotted);
+    }
+}
+
+TEST(IpText, ProtocolsAndPorts) {
+    const std::pair<unsigned char, const char*> fixed[] = {
+        {0, "*"}, {50, "50(esp)"}, {51, "51(ah)"}, {108, "108(ipcomp)"}, {141, "141(wesp)"}, {142, "142(rohc)"}};
+    for (const auto& [number, text] : fixed) {
+        EXPECT_EQ(ProtocolText(number), text);
+    }
+    for (unsigned n = 1; n < 256; ++n) {
+        const auto number = static_cast<unsigned char>(n);
+        if (std::any_of(std::begin(fixed), std::end(fixed), [&](const auto& f) { return f.first == number; })) {
+            continue;
+        }
+        const protoent* const entry = getprotobynumber(number);
+        const std::string expected =
+            std::to_string(n) + (entry == nullptr ? "" : std::string("(") + entry->p_name + ")");
+        EXPECT_EQ(ProtocolText(number), expected);
+    }
+    const std::pair<unsigned char, const char*> transports[] = {{6, "tcp"}, {17, "udp"}, {0, nullptr}, {50, nullptr}};
+    for (const unsigned short port : {22, 53, 443, 500, 514, 4500, 54321}) {
+        for (const auto& [number, name] : transports) {
+            const servent* const entry = getservbyport(htons(port), name);
+            EXPECT_EQ(PortText(port, number),
+                      std::to_string(port) + (entry == nullptr ? "" : std::string("(") + entry->s_name + ")"));
+        }
+    }
+    EXPECT_EQ(PortText(0, 6), "*");
+}
+
+TEST(IpText, SubnetArithmetic) {
+    unsigned mask = 1;
+    EXPECT_TRUE(iprange2subnet(0x0A000000, 0x0A00FFFF, mask));
+    EXPECT_EQ(mask, 0xFFFF0000);
+    EXPECT_FALSE(iprange2subnet(0x0A000001, 0x0A00FFFF, mask));
+    EXPECT_EQ(mask, 0xFFFF0000) << "unchanged on failure";
+    EXPECT_TRUE(range_is_subnet(7, 7));
+    const struct {
+        unsigned a, b, net, mask;
+    } cases[] = {
+        {0x0A000001, 0x0A000001, 0x0A000001, 0xFFFFFFFF},
+        {0x0A000001, 0x0A000002, 0x0A000000, 0xFFFFFFFC},
+        {0, 0x80000000, 0, 0},
+        {0x0A000200, 0x0A0003FF, 0x0A000200, 0xFFFFFE00},
+        {0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFE, 0xFFFFFFFE},
+    };
+    for (const auto& c : cases) {
+        unsigned net = 1;
+        unsigned out = 1;
+        expand_to_subnet(c.a, c.b, net, out);
+        EXPECT_EQ(net, c.net);
+        EXPECT_EQ(out, c.mask);
+        expand_to_subnet(c.b, c.a, net, out);
+        EXPECT_EQ(net, c.net);
+    }
+}
+
+TEST(IpRead, DotNotation) {
+    for (const char* text : {".", "1.2.3.4", "1.", "...", "12.34"}) {
+        EXPECT_TRUE(is_dot_notation(text)) << text;
+    }
+    for (const char* text : {"", "123", "1.2.3.4/24", "a.b", "1.2 "}) {
+        EXPECT_FALSE(is_dot_notation(text)) << text;
+    }
+    EXPECT_FALSE(is_dot_notation(nullptr));
+}
+
+TEST(IpRead, NumberReader) {
+    const struct {
+        const char* text;
+        unsigned value;
+        char stop;
+    } cases[] = {{"7.", 7, '.'},     {"0255x", 255, 'x'}, {"255", 255, '\0'}, {"256", 25, '6'}, {"999", 99, '9'},
+                 {"00255", 25, '5'}, {"", 0, '\0'},       {"x1", 0, 'x'},     {"-1", 0, '-'},   {" 1", 0, ' '}};
+    for (const auto& c : cases) {
+        const char* at = c.text;
+        unsigned value = 77;
+        EXPECT_EQ(parseTriada(at, value), c.stop) << c.text;
+        EXPECT_EQ(value, c.value) << c.text;
+        EXPECT_EQ(*at, c.stop) << c.text;
+    }
+}
+
+TEST(IpRead, AddressesAndRanges) {
+    const struct {
+        const char* text;
+        unsigned ip;
+    } addresses[] = {{"1.2.3.4", 0x01020304},
+                     {"001.002.003.004", 0x01020304},
+                     {"255.255.255.255", 0xFFFFFFFF},
+                     {"256.1.1.1", 0},
+                     {"1.2.3.4x", 0},
+                     {"1.2.3", 0},
+                     {"1.2.3.", 0},
+                     {"1.2.3.4.", 0},
+                     {"1..2.3", 0},
+                     {" 1.2.3.4", 0},
+                     {"", 0},
+                     {"1.2.3.00004", 0}};
+    for (const auto& c : addresses) {
+        EXPECT_EQ(str2ip(c.text), c.ip) << c.text;
+    }
+    EXPECT_EQ(str2ip(nullptr), 0U);
+
+    const struct {
+        const char* text;
+        unsigned from, to;
+    } good[] = {{"10.0.0.1", 0x0A000001, 0x0A000001},
+                {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
+                {"10.0.0.1..10.0.0.1", 0x0A000001, 0x0A000001},
+                {"10.0.0.0/24", 0x0A000000, 0x0A0000FF},
+                {"10.0.0.1/32", 0x0A000001, 0x0A000001},
+                {"0.0.0.0/0", 0, 0xFFFFFFFF},
+                {"10.0.0.0/255.255.255.0", 0x0A000000, 0x0A0000FF},
+                {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},
+                {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
+    for (const auto& c : good) {
+        unsigned from = 1;
+        unsigned to = 1;
+        EXPECT_TRUE(str2ip_range(c.text, &from, &to)) << c.text;
+        EXPECT_EQ(from, c.from) << c.text;
+        EXPECT_EQ(to, c.to) << c.text;
+    }
+    for (const char* text :
+         {"", "10.0.0.1/24", "10.0.0.0/33", "10.0.0.0/", "0.0.0.0/", "10.0.0.0/24x", "10.0.0.0/255.0.255.0",
+          "10.0.0.0/255.255.255", "10.0.0.0/255.255.255.0.", "10.0.0.5..10.0.0.1", "10.0.0.1.10.0.0.5",
+          "10.0.0.1...10.0.0.5", "10.0.0.1..", "10.0.0.1..10.0.0.5 ", "10.0.0.1-10.0.0.5", "256.0.0.0/8", "10.0.0.0/-1",
+          "10.0.0.0/24/24"}) {
+        unsigned from = 1;
+        unsigned to = 2;
+        EXPECT_FALSE(str2ip_range(text, &from, &to)) << text;
+        EXPECT_TRUE(from == 1 && to == 2) << text;
+    }
+}
+
+TEST(IpRead, EveryPrintedRangeReadsBack) {
+    std::mt19937 random(20);
+    for (int i = 0; i < 20000; ++i) {
+        unsigned from = static_cast<unsigned>(random());
+        unsigned to = static_cast<unsigned>(random());
+        if (i % 2 == 0) {
+            const unsigned mask = random() % 33 == 0 ? 0 : ~0U << random() % 32;
+            from &= mask;
+            to = from | ~mask;
+        }
+        if (from > to || to == 0) {
+            continue;
+        }
+        unsigned read_from = 0;
+        unsigned read_to = 0;
+        const std::string text = RangeText(from, to, i % 4 < 2);
+        EXPECT_TRUE(str2ip_range(text.c_str(), &read_from, &read_to)) << text;
+        EXPECT_TRUE(read_from == from && read_to == to) << text;
+    }
+}
+
+TEST(IpRead, ProtocolsAndPorts) {
+    unsigned char protocol = 9;
+    EXPECT_TRUE(str2protocol("255", &protocol));
+    EXPECT_EQ(protocol, 255);
+    for (const char* text : {"", "256", "-1", "6 ", "x", "6..7"}) {
+        EXPECT_FALSE(str2protocol(text, &protocol)) << text;
+    }
+    EXPECT_EQ(protocol, 255);
+    unsigned char lo = 1;
+    unsigned char hi = 1;
+    EXPECT_TRUE(str2protocol_range("17", &lo, &hi) && lo == 17 && hi == 17);
+    EXPECT_TRUE(str2protocol_range("6..17", &lo, &hi) && lo == 6 && hi == 17);
+    for (const char* text : {"", "17..6", "6..", "6.17", "6..17x", "..17", "6..256"}) {
+        EXPECT_FALSE(str2protocol_range(text, &lo, &hi)) << text;
+    }
+
+    unsigned short port = 9;
+    EXPECT_TRUE(str2port("65535", &port) && port == 65535);
+    EXPECT_TRUE(str2port("0000500", &port) && port == 500);
+    for (const char* text : {"", "65536", "00000500", "9999999", "+1", "80x", " 80"}) {
+        EXPECT_FALSE(str2port(text, &port)) << text;
+    }
+    EXPECT_EQ(port, 500);
+    unsigned short from = 1;
+    unsigned short to = 1;
+    EXPECT_TRUE(str2port_range("80", &from, &to) && from == 80 && to == 80);
+    EXPECT_TRUE(str2port_range("1..65535", &from, &to) && from == 1 && to == 65535);
+    for (const char* text : {"", "80..79", "80..", "80.81", "80..81..82", "80..65536"}) {
+        EXPECT_FALSE(str2port_range(text, &from, &to)) << text;
+    }
+    EXPECT_FALSE(str2port(nullptr, &port) || str2port_range(nullptr, &from, &to) || str2protocol(nullptr, &protocol));
+}
+
+class Socket {
+  public:
+    Socket(int family, int type) : fd_(socket(family, type, 0)) {}
+    explicit Socket(int fd) : fd_(fd) {}
+    ~Socket() { close(fd_); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+TEST(IpRead, PeerOfASocket) {
+    unsigned ip = 1;
+    unsigned short port = 1;
+    const Socket peer(AF_INET, SOCK_DGRAM);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(peer.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(getsockname(peer.fd(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+
+    const Socket client(AF_INET, SOCK_DGRAM);
+    EXPECT_FALSE(get_address(client.fd(), ip, port)) << "not connected";
+    ASSERT_EQ(connect(client.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(get_address(client.fd(), ip, port));
+    EXPECT_EQ(ip, INADDR_LOOPBACK);
+    EXPECT_EQ(port, ntohs(address.sin_port));
+
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    const Socket one(pair[0]);
+    const Socket two(pair[1]);
+    ip = 1;
+    EXPECT_FALSE(get_address(one.fd(), ip, port)) << "no IPv4 peer";
+    EXPECT_EQ(ip, 1U);
+    EXPECT_FALSE(get_address(-1, ip, port));
+}
+
+}  // namespace
