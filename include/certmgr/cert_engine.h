@@ -99,6 +99,7 @@ CM_API bool CertEngine_PrivKeyToPKCS8(void* key, std::string& der);
 
 // --- CRLs ---
 
+/// As CertEngine_CreateCertHandle; at most kMaxCrlBytes.
 CM_API void* CertEngine_CreateCRLHandle(const void* der, unsigned length);
 CM_API void CertEngine_CloseCRLHandle(void* crl);
 CM_API bool CertEngine_RawCRL(void* crl, std::string& der);
@@ -114,3 +115,5 @@ CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
 inline constexpr unsigned kMaxCertificateBytes = 1U << 20;
 /// Largest PKCS #7 bundle or PEM text that is decoded.
 inline constexpr unsigned kMaxBundleBytes = 64U << 20;
+/// Largest CRL that is decoded: a million entries and more. libcrypto needs up to eight times as much memory.
+inline constexpr unsigned kMaxCrlBytes = 64U << 20;

@@ -1,0 +1,214 @@
+// Engine start and stop.
+//
+// The placeholder digest needs the EVP_MD_meth functions, which libcrypto 3 keeps but marks as deprecated.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "certmgr/cert_engine_openssl.h"
+
+#include <openssl/core_dispatch.h>
+#include <openssl/objects.h>
+#include <openssl/provider.h>
+
+#include <array>
+
+#include "certmgr/cert_engine.h"
+
+namespace {
+
+using cert_engine::Owner;
+
+struct NamedObject {
+    const char* dotted;
+    const char* short_name;
+    const char* long_name;
+};
+
+enum GostObject : std::uint8_t { kGost3411_94 = 0, kGost3411_94WithGost3410_2001 = 1 };
+
+constexpr std::array<NamedObject, 9> kGostObjects{{
+    {"1.2.643.2.2.9", "gostR3411-94", "GOST R 34.11-94 (Russian hash algorithm)"},
+    {"1.2.643.2.2.3", "gostR3411-94-with-gostR3410-2001", "id-GostR3411-94-with-GostR3410-2001"},
+    {"1.2.643.2.2.20", "gostR3410-94", "id-GostR3410-94"},
+    {"1.2.643.7.1.1.2.2", "id-tc26-gost3411-12-256", "id-tc26-gost3411-12-256"},
+    {"1.2.643.7.1.1.2.3", "id-tc26-gost3411-12-512", "id-tc26-gost3411-12-512"},
+    {"1.2.643.7.1.1.1.1", "id-tc26-gost3410-12-256", "id-tc26-gost3410-12-256"},
+    {"1.2.643.7.1.1.1.2", "id-tc26-gost3410-12-512", "id-tc26-gost3410-12-512"},
+    {"1.2.643.7.1.1.3.2", "id-tc26-signwithdigest-gost3410-12-256", "id-tc26-signwithdigest-gost3410-12-256"},
+    {"1.2.643.7.1.1.3.3", "id-tc26-signwithdigest-gost3410-12-512", "id-tc26-signwithdigest-gost3410-12-512"},
+}};
+
+// libcrypto 3 knows these identifiers under names of its own and then refuses to create them again.
+int CreateObject(const NamedObject& object) {
+    const int nid = OBJ_create(object.dotted, object.short_name, object.long_name);
+    return nid != NID_undef ? nid : OBJ_txt2nid(object.dotted);
+}
+
+// A digest under the GOST R 34.11-94 names that computes nothing: it lets containers that name the digest be parsed.
+// Hashing is the tokens' work. A real implementation that the process has loaded keeps its place.
+class PlaceholderDigest {
+  public:
+    PlaceholderDigest(int digest_nid, int signature_nid) {
+        if (EVP_get_digestbynid(digest_nid) != nullptr) return;
+        md_.reset(EVP_MD_meth_new(digest_nid, signature_nid));
+        if (md_ == nullptr || !Describe() || EVP_add_digest(md_.get()) != 1) return;
+        names_ = {OBJ_nid2sn(digest_nid), OBJ_nid2ln(digest_nid), OBJ_nid2sn(signature_nid), OBJ_nid2ln(signature_nid)};
+        std::size_t next = 4;
+        for (const auto row : {kGost3411_94, kGost3411_94WithGost3410_2001}) {
+            for (const char* name : {kGostObjects[row].short_name, kGostObjects[row].long_name}) {
+                if (EVP_get_digestbyname(name) == nullptr) OBJ_NAME_add(name, kAlias, names_[0]);
+                names_[next++] = name;
+            }
+        }
+    }
+    // Names that libcrypto keeps must not outlive the digest.
+    ~PlaceholderDigest() {
+        for (const char* name : names_) {
+            if (name != nullptr) OBJ_NAME_remove(name, OBJ_NAME_TYPE_MD_METH);
+        }
+    }
+    PlaceholderDigest(const PlaceholderDigest&) = delete;
+    PlaceholderDigest& operator=(const PlaceholderDigest&) = delete;
+
+  private:
+    static constexpr int kAlias = OBJ_NAME_TYPE_MD_METH | OBJ_NAME_ALIAS;
+    static constexpr int kDigestBytes = 32;
+    static constexpr int kBlockBytes = 256;
+    static constexpr int kContextBytes = 8;
+
+    bool Describe() {
+        return EVP_MD_meth_set_result_size(md_.get(), kDigestBytes) == 1 &&
+               EVP_MD_meth_set_input_blocksize(md_.get(), kBlockBytes) == 1 &&
+               EVP_MD_meth_set_app_datasize(md_.get(), kContextBytes) == 1 &&
+               EVP_MD_meth_set_flags(md_.get(), 0) == 1 &&
+               EVP_MD_meth_set_init(md_.get(), [](EVP_MD_CTX*) { return 1; }) == 1 &&
+               EVP_MD_meth_set_update(md_.get(), [](EVP_MD_CTX*, const void*, std::size_t) { return 1; }) == 1 &&
+               EVP_MD_meth_set_final(md_.get(), [](EVP_MD_CTX*, unsigned char*) { return 1; }) == 1;
+    }
+
+    Owner<EVP_MD, EVP_MD_meth_free> md_;
+    std::array<const char*, 8> names_{};
+};
+
+// The default provider in a library context of its own, from which the parsing context borrows the digests. Set while
+// the engine is started.
+OSSL_PROVIDER* digest_source = nullptr;
+
+const OSSL_ALGORITHM* QueryDigests(void* /*provider*/, int operation, int* no_cache) {
+    if (operation != OSSL_OP_DIGEST) return nullptr;
+    return OSSL_PROVIDER_query_operation(digest_source, operation, no_cache);
+}
+
+int InitDigestProvider(const OSSL_CORE_HANDLE* /*core*/, const OSSL_DISPATCH* /*in*/, const OSSL_DISPATCH** out,
+                       void** provider) {
+    static const OSSL_DISPATCH functions[] = {
+        {OSSL_FUNC_PROVIDER_QUERY_OPERATION, reinterpret_cast<void (*)()>(QueryDigests)},
+        {0, nullptr},
+    };
+    *out = functions;
+    *provider = OSSL_PROVIDER_get0_provider_ctx(digest_source);
+    return 1;
+}
+
+// Certificates are parsed in a library context that offers digests and nothing else. libcrypto decodes the public key
+// of each certificate when it can, which costs ten times the rest of the parsing and serialises threads; the keys are
+// the tokens' business. Digests must be there: the extension cache behind X509_check_ca takes a fingerprint.
+class ParsingContext {
+  public:
+    ParsingContext() : source_(OSSL_LIB_CTX_new()), context_(OSSL_LIB_CTX_new()) {
+        if (source_ == nullptr || context_ == nullptr) return;
+        default_.reset(OSSL_PROVIDER_load(source_.get(), "default"));
+        digest_source = default_.get();
+        if (digest_source == nullptr) return;
+        if (OSSL_PROVIDER_add_builtin(context_.get(), kName, InitDigestProvider) != 1) return;
+        digests_.reset(OSSL_PROVIDER_load(context_.get(), kName));
+        md5_.reset(EVP_MD_fetch(context_.get(), "MD5", nullptr));
+        sha1_.reset(EVP_MD_fetch(context_.get(), "SHA1", nullptr));
+    }
+
+    OSSL_LIB_CTX* context() const { return digests_ != nullptr ? context_.get() : nullptr; }
+    const EVP_MD* md5() const { return md5_.get(); }
+    const EVP_MD* sha1() const { return sha1_.get(); }
+
+  private:
+    static constexpr const char* kName = "certmgr-digests";
+
+    // Destroyed from the last to the first: what borrows goes before what lends.
+    Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> source_;
+    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> default_;
+    Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context_;
+    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> digests_;
+    Owner<EVP_MD, EVP_MD_free> md5_;
+    Owner<EVP_MD, EVP_MD_free> sha1_;
+};
+
+struct Engine {
+    Engine()
+        : gost_nids(CreateObjects()), placeholder(gost_nids[kGost3411_94], gost_nids[kGost3411_94WithGost3410_2001]) {}
+
+    static std::array<int, kGostObjects.size()> CreateObjects() {
+        std::array<int, kGostObjects.size()> nids{};
+        for (std::size_t i = 0; i < nids.size(); ++i) nids[i] = CreateObject(kGostObjects[i]);
+        return nids;
+    }
+
+    std::array<int, kGostObjects.size()> gost_nids;
+    PlaceholderDigest placeholder;
+    ParsingContext parsing;
+};
+
+// Leaked on purpose when the process ends without a stop: handles may still be closed after that.
+constinit Engine* engine = nullptr;
+
+}  // namespace
+
+void CertEngine_Init() {
+    if (engine != nullptr) return;
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS,
+                        nullptr);
+    const cert_engine::ErrorMark mark;
+    engine = std::make_unique<Engine>().release();
+}
+
+// Gives back what the start added, and only that: libcrypto itself is shared with the daemon, and cannot be started
+// again once it has been cleaned up.
+int CertEngine_Finit() {
+    const cert_engine::ErrorMark mark;
+    const std::unique_ptr<Engine> stopped(std::exchange(engine, nullptr));
+    return 0;
+}
+
+namespace cert_engine {
+
+OSSL_LIB_CTX* ParseContext() {
+    return engine != nullptr ? engine->parsing.context() : nullptr;
+}
+
+const EVP_MD* Md5() {
+    return engine != nullptr ? engine->parsing.md5() : nullptr;
+}
+
+const EVP_MD* Sha1() {
+    return engine != nullptr ? engine->parsing.sha1() : nullptr;
+}
+
+bool Digest(const EVP_MD* md, std::string_view bytes, std::string& digest) {
+    if (md == nullptr) return false;
+    std::array<unsigned char, EVP_MAX_MD_SIZE> value{};
+    unsigned length = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), value.data(), &length, md, nullptr) != 1) return false;
+    digest.assign(reinterpret_cast<const char*>(value.data()), length);
+    return true;
+}
+
+std::string_view BytesOf(const ASN1_STRING* string) {
+    if (string == nullptr || ASN1_STRING_length(string) <= 0) return {};
+    return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(string)),
+            static_cast<std::size_t>(ASN1_STRING_length(string))};
+}
+
+std::string_view BytesOf(const ASN1_OBJECT* object) {
+    if (object == nullptr) return {};
+    return {reinterpret_cast<const char*>(OBJ_get0_data(object)), OBJ_length(object)};
+}
+
+}  // namespace cert_engine

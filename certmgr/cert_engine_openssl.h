@@ -1,0 +1,115 @@
+// What the engine's units share: owners of libcrypto objects, the started engine's library context and digests, and
+// small readers of ASN.1 values.
+#pragma once
+
+#include <openssl/asn1.h>
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "certmgr/cert_engine.h"
+#include "platform/asn1.h"
+
+namespace cert_engine {
+
+/// Deleter that calls a libcrypto free function.
+template <auto Free>
+struct Deleter {
+    template <typename T>
+    void operator()(T* object) const {
+        Free(object);
+    }
+};
+template <typename T, auto Free>
+using Owner = std::unique_ptr<T, Deleter<Free>>;
+
+using BioPtr = Owner<BIO, BIO_free_all>;
+
+/// Leaves the calling thread's libcrypto error queue as it was found: the queue belongs to the daemon.
+class ErrorMark {
+  public:
+    ErrorMark() { ERR_set_mark(); }
+    ~ErrorMark() { ERR_pop_to_mark(); }
+    ErrorMark(const ErrorMark&) = delete;
+    ErrorMark& operator=(const ErrorMark&) = delete;
+};
+
+/// Library context in which certificates and CRLs are parsed; null (the default context) while the engine is stopped.
+OSSL_LIB_CTX* ParseContext();
+/// Digests fetched at start; null while the engine is stopped.
+const EVP_MD* Md5();
+const EVP_MD* Sha1();
+
+/// Payload of the first PEM block of that kind; empty when there is none or it is bad or encrypted.
+std::string PemPayload(std::string_view text, const char* kind);
+
+/// Reads one kind of object in the engine's library context. Nothing larger than the limit is decoded.
+template <typename T, auto New, auto D2i, auto Free, unsigned Limit>
+struct Parser {
+    using Ptr = Owner<T, Free>;
+
+    /// The object at the beginning of the bytes; null when there is none.
+    static Ptr FromDer(std::string_view der) {
+        if (der.empty() || der.size() > Limit) return nullptr;
+        const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+        T* object = New(ParseContext(), nullptr);
+        if (object == nullptr) return nullptr;
+        T* const read = D2i(&object, &p, static_cast<long>(der.size()));
+        // A failed read has freed the prepared object and cleared the pointer to it, or has not looked at it yet.
+        if (read == nullptr) Free(object);
+        return Ptr(read);
+    }
+    /// The object of the first PEM block of that kind.
+    static Ptr FromPem(std::string_view text, const char* kind) { return FromDer(PemPayload(text, kind)); }
+};
+using CertParser = Parser<X509, X509_new_ex, d2i_X509, X509_free, kMaxCertificateBytes>;
+using CrlParser = Parser<X509_CRL, X509_CRL_new_ex, d2i_X509_CRL, X509_CRL_free, kMaxCrlBytes>;
+
+/// Replaces `digest` by the digest of the bytes.
+bool Digest(const EVP_MD* md, std::string_view bytes, std::string& digest);
+
+/// DER of a name as it was received; empty for null or a name that cannot be encoded.
+std::string_view NameDer(const X509_NAME* name);
+
+/// Content of an ASN.1 string; empty for null.
+std::string_view BytesOf(const ASN1_STRING* string);
+/// Content bytes of an identifier; empty for null.
+std::string_view BytesOf(const ASN1_OBJECT* object);
+
+/// DER of an object, written by its i2d function; empty when that fails.
+template <typename T>
+std::string Encode(T* object, int (*i2d)(T*, unsigned char**)) {
+    const int length = i2d(object, nullptr);
+    if (length <= 0) return {};
+    std::string der(static_cast<std::size_t>(length), '\0');
+    auto* out = reinterpret_cast<unsigned char*>(der.data());
+    if (i2d(object, &out) != length) return {};
+    return der;
+}
+
+/// Replaces `out` by the encoding. False (unchanged) when it fails.
+template <typename T>
+bool EncodeTo(T* object, int (*i2d)(T*, unsigned char**), std::string& out) {
+    std::string der = Encode(object, i2d);
+    if (der.empty()) return false;
+    out = std::move(der);
+    return true;
+}
+
+/// Code of a certificate's or CRL's signature algorithm: an algorithm whose key and signature identifiers are one and
+/// the same (Ed25519) reads as signature algorithm here.
+pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm);
+
+/// Replaces `tbs` by the to-be-signed part as it was received: the first element of the whole encoding, which
+/// libcrypto keeps byte for byte. `der` is the whole object as libcrypto writes it; algorithm and signature are its
+/// other two elements.
+bool CutToBeSigned(std::string_view der, const X509_ALGOR* algorithm, const ASN1_BIT_STRING* signature,
+                   std::string& tbs);
+
+}  // namespace cert_engine

@@ -1,0 +1,160 @@
+// Certificate handles: description, raw parts, exports; private keys.
+#include <openssl/pem.h>
+#include <openssl/pkcs7.h>
+#include <openssl/x509v3.h>
+
+#include <utility>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
+
+using cert_engine::BioPtr;
+using cert_engine::BytesOf;
+using cert_engine::ErrorMark;
+
+namespace {
+
+using Pkcs7Ptr = cert_engine::Owner<PKCS7, PKCS7_free>;
+using Pkcs8Ptr = cert_engine::Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+
+enum ExportResult : int { kExported = 1, kExportFailed = 3 };
+
+X509* Certificate(void* handle) {
+    return static_cast<X509*>(handle);
+}
+
+const X509_ALGOR* KeyAlgorithm(const X509* cert) {
+    X509_ALGOR* algorithm = nullptr;
+    X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &algorithm, X509_get_X509_PUBKEY(cert));
+    return algorithm;
+}
+
+const X509_ALGOR* OuterAlgorithm(const X509* cert) {
+    const X509_ALGOR* algorithm = nullptr;
+    X509_get0_signature(nullptr, &algorithm, cert);
+    return algorithm;
+}
+
+// Replaces `out` by what the writer puts into a memory stream.
+template <typename Write>
+int ExportThroughStream(std::string& out, Write write) {
+    const ErrorMark mark;
+    const BioPtr stream(BIO_new(BIO_s_mem()));
+    if (stream == nullptr || write(stream.get()) != 1) return kExportFailed;
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(stream.get(), &text);
+    if (length <= 0) return kExportFailed;
+    out.assign(text, static_cast<std::size_t>(length));
+    return kExported;
+}
+
+}  // namespace
+
+void* CertEngine_CreateCertHandle(const void* der, unsigned length) {
+    if (der == nullptr) return nullptr;
+    const ErrorMark mark;
+    return cert_engine::CertParser::FromDer({static_cast<const char*>(der), length}).release();
+}
+
+void* CertEngine_DuplicateCertHandle(void* cert) {
+    if (cert == nullptr) return nullptr;
+    const ErrorMark mark;
+    return X509_dup(Certificate(cert));
+}
+
+void CertEngine_CloseCertHandle(void* cert) {
+    X509_free(Certificate(cert));
+}
+
+bool CertEngine_GetCertInfo(void* cert, CertInfo& info) {
+    const ErrorMark mark;
+    X509* const x = Certificate(cert);
+    ASN1_INTEGER_to_std_string(X509_get_serialNumber(x), info.serialNumber);
+    X509_NAME_to_utf8(X509_get_subject_name(x), info.subject);
+    X509_NAME_to_utf8(X509_get_issuer_name(x), info.issuer);
+    info.validFrom = ASN1_TIME_to_time_t(X509_get0_notBefore(x));
+    info.validTo = ASN1_TIME_to_time_t(X509_get0_notAfter(x));
+    info.keyAlg = X509_ALGOR_to_pki_alg_t(KeyAlgorithm(x));
+    info.signAlg = cert_engine::SignatureAlgorithm(OuterAlgorithm(x));
+    info.isCA = X509_check_ca(x) != 0;
+    info.version = static_cast<std::uint32_t>(X509_get_version(x) + 1);
+    const std::string spki = cert_engine::Encode<const X509_PUBKEY>(X509_get_X509_PUBKEY(x), i2d_X509_PUBKEY);
+    info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, spki.data(), spki.size());
+    return true;
+}
+
+void CertEngine_CertGetKeyAlgOid(void* cert, std::string* appended) {
+    X509_ALGOR_to_std_string_(KeyAlgorithm(Certificate(cert)), appended);
+}
+
+bool CertEngine_CertGetSignAlgOid(void* cert, std::string* appended) {
+    return X509_ALGOR_to_std_string_(OuterAlgorithm(Certificate(cert)), appended);
+}
+
+bool CertEngine_RawCert(void* cert, std::string& der) {
+    const ErrorMark mark;
+    return cert_engine::EncodeTo<const X509>(Certificate(cert), i2d_X509, der);
+}
+
+bool CertEngine_RawCertInfo(void* cert, std::string& der) {
+    const ErrorMark mark;
+    const ASN1_BIT_STRING* signature = nullptr;
+    const X509_ALGOR* algorithm = nullptr;
+    X509_get0_signature(&signature, &algorithm, Certificate(cert));
+    const std::string whole = cert_engine::Encode<const X509>(Certificate(cert), i2d_X509);
+    return cert_engine::CutToBeSigned(whole, algorithm, signature, der);
+}
+
+bool CertEngine_RawCertSignature(void* cert, std::string& signature) {
+    const ASN1_BIT_STRING* bits = nullptr;
+    X509_get0_signature(&bits, nullptr, Certificate(cert));
+    signature = BytesOf(bits);
+    return true;
+}
+
+bool CertEngine_RawSubject(void* cert, std::string& der) {
+    const std::string_view name = cert_engine::NameDer(X509_get_subject_name(Certificate(cert)));
+    if (name.empty()) return false;
+    der = name;
+    return true;
+}
+
+bool CertEngine_RawPubKey(void* cert, std::string& spki, std::string& sha1) {
+    const ErrorMark mark;
+    std::string key = cert_engine::Encode<const X509_PUBKEY>(X509_get_X509_PUBKEY(Certificate(cert)), i2d_X509_PUBKEY);
+    if (key.empty() || !cert_engine::Digest(cert_engine::Sha1(), key, sha1)) return false;
+    spki = std::move(key);
+    return true;
+}
+
+int CertEngine_ExportCertToDER(void* cert, std::string& out) {
+    return ExportThroughStream(out, [cert](BIO* stream) { return i2d_X509_bio(stream, Certificate(cert)); });
+}
+
+int CertEngine_ExportCertToPEM(void* cert, std::string& out) {
+    return ExportThroughStream(out, [cert](BIO* stream) { return PEM_write_bio_X509(stream, Certificate(cert)); });
+}
+
+int CertEngine_ExportCertsToPKCS7(const std::vector<void*>& certs, std::string& out) {
+    const ErrorMark mark;
+    const Pkcs7Ptr bundle(PKCS7_new());
+    if (bundle == nullptr || PKCS7_set_type(bundle.get(), NID_pkcs7_signed) != 1 ||
+        PKCS7_content_new(bundle.get(), NID_pkcs7_data) != 1) {
+        return kExportFailed;
+    }
+    for (void* cert : certs) {
+        if (cert != nullptr && PKCS7_add_certificate(bundle.get(), Certificate(cert)) != 1) return kExportFailed;
+    }
+    return ExportThroughStream(out, [&bundle](BIO* stream) { return i2d_PKCS7_bio(stream, bundle.get()); });
+}
+
+void CertEngine_ClosePrivKeyHandle(void* key) {
+    EVP_PKEY_free(static_cast<EVP_PKEY*>(key));
+}
+
+bool CertEngine_PrivKeyToPKCS8(void* key, std::string& der) {
+    const ErrorMark mark;
+    const Pkcs8Ptr info(EVP_PKEY2PKCS8(static_cast<const EVP_PKEY*>(key)));
+    return info != nullptr &&
+           cert_engine::EncodeTo<const PKCS8_PRIV_KEY_INFO>(info.get(), i2d_PKCS8_PRIV_KEY_INFO, der);
+}

@@ -1,0 +1,457 @@
+// Extension rendering: fingerprints, one text per known extension, and the decoded values that the module tests.
+#include <openssl/objects.h>
+#include <openssl/x509v3.h>
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <utility>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
+
+using cert_engine::BioPtr;
+using cert_engine::BytesOf;
+using cert_engine::ErrorMark;
+using cert_engine::Owner;
+
+namespace {
+
+template <typename T, typename Stack, typename Visit>
+void ForEach(const Stack* stack, Visit visit) {
+    const auto* items = reinterpret_cast<const OPENSSL_STACK*>(stack);
+    for (int i = 0; i < OPENSSL_sk_num(items); ++i) visit(*static_cast<T*>(OPENSSL_sk_value(items, i)));
+}
+
+/// Decodes the value of an extension; null when it is malformed. A mark of its own: many bad extensions would push the
+/// caller's mark out of the error queue.
+template <typename T, auto Free>
+Owner<T, Free> Decode(X509_EXTENSION* extension) {
+    const ErrorMark mark;
+    return Owner<T, Free>(static_cast<T*>(X509V3_EXT_d2i(extension)));
+}
+
+std::string Numbered(int number, std::string_view text) {
+    return std::string("[").append(std::to_string(number)).append("]").append(text);
+}
+
+std::string HexWithBlanks(const ASN1_STRING* bytes) {
+    return TO_HEX_STD_STRING(BytesOf(bytes), ' ');
+}
+
+// --- General names ---
+
+void AppendAddress(std::string_view address, std::string& text) {
+    constexpr std::size_t kShownBytes = 4;
+    if (address.size() < kShownBytes) return;
+    for (std::size_t i = 0; i < kShownBytes; ++i) {
+        if (i != 0) text += '.';
+        text += std::to_string(static_cast<unsigned char>(address[i]));
+    }
+}
+
+// UTF-8 of a Microsoft user principal name; empty for any other name, or one that is not of a string type.
+std::string UserPrincipalName(const OTHERNAME& name) {
+    if (OBJ_obj2nid(name.type_id) != NID_ms_upn || name.value == nullptr) return {};
+    switch (ASN1_TYPE_get(name.value)) {
+        case V_ASN1_BOOLEAN:
+        case V_ASN1_NULL:
+        case V_ASN1_OBJECT:
+            return {};
+        default:
+            break;
+    }
+    const ErrorMark mark;
+    unsigned char* utf8 = nullptr;
+    const int length = ASN1_STRING_to_UTF8(&utf8, name.value->value.asn1_string);
+    if (length < 0) return {};
+    std::string text(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
+    OPENSSL_free(utf8);
+    return text;
+}
+
+void AppendOtherName(const OTHERNAME& name, std::string& text) {
+    const std::string upn = UserPrincipalName(name);
+    if (upn.empty()) {
+        ASN1_OBJECT_to_std_string(name.type_id, text, kOidName);
+    } else {
+        text += upn;
+    }
+}
+
+void AppendGeneralName(const GENERAL_NAME& name, std::string& text) {
+    switch (name.type) {
+        case GEN_OTHERNAME:
+            AppendOtherName(*name.d.otherName, text.append("OTHERNAME="));
+            break;
+        case GEN_EMAIL:
+            text.append("EMAIL=").append(BytesOf(name.d.rfc822Name));
+            break;
+        case GEN_DNS:
+            text.append("DNS=").append(BytesOf(name.d.dNSName));
+            break;
+        case GEN_X400:
+            text.append("X400=");
+            break;
+        case GEN_DIRNAME: {
+            std::string directory_name;
+            X509_NAME_to_utf8(name.d.directoryName, directory_name);
+            text.append("DIRNAME=").append(directory_name);
+            break;
+        }
+        case GEN_EDIPARTY:
+            text.append("EDIPARTY=");
+            break;
+        case GEN_URI:
+            text.append("URI=").append(BytesOf(name.d.uniformResourceIdentifier));
+            break;
+        case GEN_IPADD:
+            AppendAddress(BytesOf(name.d.iPAddress), text.append("IP="));
+            break;
+        case GEN_RID:
+            ASN1_OBJECT_to_std_string(name.d.registeredID, text.append("RID="), kOidName);
+            break;
+        default:
+            break;
+    }
+}
+
+std::string GeneralNamesText(const GENERAL_NAMES* names) {
+    std::string text;
+    ForEach<GENERAL_NAME>(names, [&text](const GENERAL_NAME& name) {
+        if (!text.empty()) text += ',';
+        AppendGeneralName(name, text);
+    });
+    return text;
+}
+
+void KeepAlternativeName(const GENERAL_NAME& name, AltSubject& names) {
+    switch (name.type) {
+        case GEN_EMAIL:
+            names.email = BytesOf(name.d.rfc822Name);
+            break;
+        case GEN_DNS:
+            names.dnsName = BytesOf(name.d.dNSName);
+            break;
+        case GEN_IPADD:
+            names.ipAddress = BytesOf(name.d.iPAddress);
+            break;
+        case GEN_OTHERNAME:
+            if (std::string upn = UserPrincipalName(*name.d.otherName); !upn.empty()) names.upn = std::move(upn);
+            break;
+        default:
+            break;
+    }
+}
+
+// --- One function per extension. Each replaces what it fills; false, with nothing changed, when the value is bad. ---
+
+bool CertificatePolicies(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto policies = Decode<CERTIFICATEPOLICIES, CERTIFICATEPOLICIES_free>(extension);
+    if (policies == nullptr) return false;
+    std::string text;
+    int number = 0;
+    ForEach<POLICYINFO>(policies.get(), [&](const POLICYINFO& policy) {
+        if (number != 0) text += '\n';
+        text += Numbered(++number, " Certificate Policy:\n    Policy Identifier=");
+        ASN1_OBJECT_to_std_string(policy.policyid, text, kOidName);
+    });
+    out.certificatePolicies = std::move(text);
+    return true;
+}
+
+bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto period = Decode<PKEY_USAGE_PERIOD, PKEY_USAGE_PERIOD_free>(extension);
+    if (period == nullptr) return false;
+    std::string text;
+    if (period->notBefore != nullptr) {
+        text.append("notBefore=").append(CertTimeToString(ASN1_TIME_to_time_t(period->notBefore)));
+    }
+    out.privateKeyUsageEnd = ASN1_TIME_to_time_t(period->notAfter);
+    if (period->notAfter != nullptr) text.append(", notAfter=").append(CertTimeToString(out.privateKeyUsageEnd));
+    out.privateKeyUsagePeriod = std::move(text);
+    return true;
+}
+
+bool SubjectAltName(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto names = Decode<GENERAL_NAMES, GENERAL_NAMES_free>(extension);
+    if (names == nullptr) return false;
+    out.subjectAltName = GeneralNamesText(names.get());
+    ForEach<GENERAL_NAME>(names.get(), [&out](const GENERAL_NAME& name) { KeepAlternativeName(name, out.altSubject); });
+    return true;
+}
+
+bool IssuerAltName(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto names = Decode<GENERAL_NAMES, GENERAL_NAMES_free>(extension);
+    if (names == nullptr) return false;
+    out.issuerAltName = GeneralNamesText(names.get());
+    return true;
+}
+
+// A path length beyond 32 bits limits no chain.
+std::int32_t PathLength(const BASIC_CONSTRAINTS& constraints) {
+    constexpr std::int32_t kNone = -1;
+    constexpr std::int32_t kLargest = std::numeric_limits<std::int32_t>::max();
+    if (constraints.pathlen == nullptr) return kNone;
+    if (constraints.ca == 0 || ASN1_STRING_type(constraints.pathlen) != V_ASN1_INTEGER) return 0;
+    std::uint64_t value = 0;
+    if (ASN1_INTEGER_get_uint64(&value, constraints.pathlen) != 1 || value > kLargest) return kLargest;
+    return static_cast<std::int32_t>(value);
+}
+
+bool BasicConstraints(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto constraints = Decode<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>(extension);
+    if (constraints == nullptr) return false;
+    const ErrorMark mark;
+    out.isCA = constraints->ca != 0;
+    out.pathLen = PathLength(*constraints);
+    out.basicConstraints.clear();
+    if (!out.isCA) return true;
+    out.basicConstraints = "Subject Type=CA, Path Length Constraint=";
+    out.basicConstraints += constraints->pathlen != nullptr ? std::to_string(out.pathLen) : "None";
+    return true;
+}
+
+bool SubjectKeyIdentifier(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto id = Decode<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>(extension);
+    if (id == nullptr) return false;
+    out.subjectKeyIdHex = HexWithBlanks(id.get());
+    return true;
+}
+
+std::string KeyUsageText(const std::array<std::uint8_t, 2>& bits) {
+    constexpr std::array<std::string_view, 8> kFromLowestBit{
+        "Encipher Only",     "CRL Sign",         "Certificate Sign", "Key Agreement",
+        "Data Encipherment", "Key Encipherment", "Non Repudiation",  "Digital Signature",
+    };
+    constexpr std::string_view kSeparator = ", ";
+    std::string text;
+    for (unsigned bit = 0; bit < kFromLowestBit.size(); ++bit) {
+        if ((bits[0] >> bit & 1) != 0) text.append(kFromLowestBit[bit]).append(kSeparator);
+    }
+    if (bits[1] != 0) text.append("Decipher Only").append(kSeparator);
+    if (!text.empty()) text.resize(text.size() - kSeparator.size());
+    return text;
+}
+
+bool KeyUsage(X509_EXTENSION* extension, CertExtentions& out) {
+    constexpr unsigned char kDecipherOnly = 0x80;
+    const auto usage = Decode<ASN1_BIT_STRING, ASN1_BIT_STRING_free>(extension);
+    if (usage == nullptr) return false;
+    const std::string_view bytes = BytesOf(usage.get());
+    out.keyUsageBits = {};
+    if (!bytes.empty()) out.keyUsageBits[0] = static_cast<std::uint8_t>(bytes[0]);
+    if (bytes.size() > 1 && (static_cast<unsigned char>(bytes[1]) & kDecipherOnly) != 0) out.keyUsageBits[1] = 1;
+    out.keyUsage = KeyUsageText(out.keyUsageBits);
+    return true;
+}
+
+constexpr std::string_view kIpsecIke = "\x2B\x06\x01\x05\x05\x07\x03\x11";  // 1.3.6.1.5.5.7.3.17
+
+bool ExtendedKeyUsage(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto purposes = Decode<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>(extension);
+    if (purposes == nullptr) return false;
+    out.hasIpsecIkeEku = false;
+    out.extKeyUsageNames.clear();
+    out.extKeyUsageOids.clear();
+    ForEach<ASN1_OBJECT>(purposes.get(), [&out](ASN1_OBJECT& purpose) {
+        if (!out.extKeyUsageOids.empty()) {
+            out.extKeyUsageNames += ", ";
+            out.extKeyUsageOids += ", ";
+        }
+        ASN1_OBJECT_to_std_string(&purpose, out.extKeyUsageNames, kOidNameDotted);
+        ASN1_OBJECT_to_std_string(&purpose, out.extKeyUsageOids, kOidDotted);
+        if (BytesOf(&purpose) == kIpsecIke) out.hasIpsecIkeEku = true;
+    });
+    return true;
+}
+
+bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto authority = Decode<AUTHORITY_KEYID, AUTHORITY_KEYID_free>(extension);
+    if (authority == nullptr) return false;
+    out.authorityKeyIdHex = HexWithBlanks(authority->keyid);
+    std::string text = out.authorityKeyIdHex;
+    const auto append = [&text](std::string_view label, const std::string& value) {
+        if (!text.empty()) text += ", ";
+        text.append(label).append(value);
+    };
+    if (authority->issuer != nullptr) append("authorityCertIssuer: ", GeneralNamesText(authority->issuer));
+    if (authority->serial != nullptr) {
+        append("authorityCertSerialNumber: ", TO_HEX_STD_STRING(BytesOf(authority->serial), 0));
+    }
+    out.authorityKeyId = std::move(text);
+    return true;
+}
+
+bool AuthorityInfoAccess(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto accesses = Decode<AUTHORITY_INFO_ACCESS, AUTHORITY_INFO_ACCESS_free>(extension);
+    if (accesses == nullptr) return false;
+    std::string text;
+    int number = 0;
+    ForEach<ACCESS_DESCRIPTION>(accesses.get(), [&](const ACCESS_DESCRIPTION& access) {
+        text += Numbered(++number, " Access Description\n   accessMethod: ");
+        ASN1_OBJECT_to_std_string(access.method, text, kOidName);
+        AppendGeneralName(*access.location, text.append("\n   accessLocation: "));
+    });
+    out.authorityInfoAccess = std::move(text);
+    return true;
+}
+
+void GENERAL_SUBTREES_to_std_string(const STACK_OF(GENERAL_SUBTREE) * subtrees, std::string_view label,
+                                    std::string& text) {
+    if (subtrees == nullptr) return;
+    if (!text.empty()) text += ", ";
+    text += label;
+    std::string_view separator;
+    ForEach<GENERAL_SUBTREE>(subtrees, [&](const GENERAL_SUBTREE& subtree) {
+        AppendGeneralName(*subtree.base, text.append(separator));
+        separator = ",";
+    });
+}
+
+bool NameConstraints(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto constraints = Decode<NAME_CONSTRAINTS, NAME_CONSTRAINTS_free>(extension);
+    if (constraints == nullptr) return false;
+    std::string text;
+    GENERAL_SUBTREES_to_std_string(constraints->permittedSubtrees, "permittedSubtrees: ", text);
+    GENERAL_SUBTREES_to_std_string(constraints->excludedSubtrees, "excludedSubtrees: ", text);
+    out.nameConstraints = std::move(text);
+    return true;
+}
+
+// The value of these two is not shown; the text says so and clients know it.
+constexpr const char* kValueNotShown = "TODO";
+
+bool PolicyMappings(X509_EXTENSION* extension, CertExtentions& out) {
+    const auto mappings =
+        Decode<POLICY_MAPPINGS, [](POLICY_MAPPINGS* m) { sk_POLICY_MAPPING_pop_free(m, POLICY_MAPPING_free); }>(
+            extension);
+    if (mappings == nullptr) return false;
+    out.policyMappings = kValueNotShown;
+    return true;
+}
+
+bool PolicyConstraints(X509_EXTENSION* extension, CertExtentions& out) {
+    if (Decode<POLICY_CONSTRAINTS, POLICY_CONSTRAINTS_free>(extension) == nullptr) return false;
+    out.policyConstraints = kValueNotShown;
+    return true;
+}
+
+bool CrlDistributionPoints(X509_EXTENSION* extension, CertExtentions& out) {
+    constexpr int kFullName = 0;
+    const auto points = Decode<CRL_DIST_POINTS, CRL_DIST_POINTS_free>(extension);
+    if (points == nullptr) return false;
+    std::string text;
+    std::vector<std::string> uris;
+    int number = 0;
+    ForEach<DIST_POINT>(points.get(), [&](const DIST_POINT& point) {
+        if (point.distpoint == nullptr || point.distpoint->type != kFullName) return;
+        if (number != 0) text += '\n';
+        text += Numbered(++number, " CRL Distribution Point");
+        ForEach<GENERAL_NAME>(point.distpoint->name.fullname, [&](const GENERAL_NAME& name) {
+            if (name.type != GEN_URI) return;
+            uris.emplace_back(BytesOf(name.d.uniformResourceIdentifier));
+            text.append("\n    URI=").append(uris.back());
+        });
+    });
+    out.crlDistributionPoints = std::move(text);
+    out.crlUris = std::move(uris);
+    return true;
+}
+
+struct KnownExtension {
+    int nid;
+    bool (*read)(X509_EXTENSION* extension, CertExtentions& out);
+};
+constexpr std::array<KnownExtension, 14> kKnownExtensions{{
+    {NID_certificate_policies, CertificatePolicies},
+    {NID_private_key_usage_period, PrivateKeyUsagePeriod},
+    {NID_subject_alt_name, SubjectAltName},
+    {NID_issuer_alt_name, IssuerAltName},
+    {NID_basic_constraints, BasicConstraints},
+    {NID_subject_key_identifier, SubjectKeyIdentifier},
+    {NID_key_usage, KeyUsage},
+    {NID_ext_key_usage, ExtendedKeyUsage},
+    {NID_authority_key_identifier, AuthorityKeyIdentifier},
+    {NID_info_access, AuthorityInfoAccess},
+    {NID_name_constraints, NameConstraints},
+    {NID_policy_mappings, PolicyMappings},
+    {NID_policy_constraints, PolicyConstraints},
+    {NID_crl_distribution_points, CrlDistributionPoints},
+}};
+
+bool ReadKnown(X509_EXTENSION* extension, CertExtentions& out) {
+    const int nid = OBJ_obj2nid(X509_EXTENSION_get_object(extension));
+    const auto* const known = std::find_if(kKnownExtensions.begin(), kKnownExtensions.end(),
+                                           [nid](const KnownExtension& entry) { return entry.nid == nid; });
+    return known != kKnownExtensions.end() && known->read(extension, out);
+}
+
+// --- Unknown extensions ---
+
+// Values up to this many bytes together are printed. A printed value is some five times as long as its bytes, and
+// printing costs far more than parsing: without a bound a peer's certificate could keep a thread busy for seconds.
+constexpr std::size_t kMaxPrintedValueBytes = 16384;
+
+// Lines without surrounding blanks, empty ones left out.
+std::string Reflow(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r";
+    std::string lines;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find('\n'), text.size());
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(std::min(end + 1, text.size()));
+        line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+        line = line.substr(0, line.find_last_not_of(kBlanks) + 1);
+        if (line.empty()) continue;
+        if (!lines.empty()) lines += '\n';
+        lines += line;
+    }
+    return lines;
+}
+
+std::string PrintedValue(X509_EXTENSION* extension) {
+    constexpr int kIndent = 4;
+    const ErrorMark mark;
+    const BioPtr stream(BIO_new(BIO_s_mem()));
+    if (stream == nullptr) return {};
+    X509V3_EXT_print(stream.get(), extension, X509V3_EXT_PARSE_UNKNOWN, kIndent);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(stream.get(), &text);
+    return length > 0 ? Reflow({text, static_cast<std::size_t>(length)}) : std::string();
+}
+
+void AddUnknown(X509_EXTENSION* extension, CertExtentions& out, std::size_t& printable_bytes) {
+    std::string name;
+    ASN1_OBJECT_to_std_string(X509_EXTENSION_get_object(extension), name, kOidName);
+    if (name.empty()) name = "unknown extension";
+    if (X509_EXTENSION_get_critical(extension) != 0) {
+        if (out.firstUnknownCritical.empty()) out.firstUnknownCritical = name;
+        name += "(critical)";
+    }
+    const std::size_t size = BytesOf(X509_EXTENSION_get_data(extension)).size();
+    const bool printed = size <= printable_bytes;
+    if (printed) printable_bytes -= size;
+    out.unknownExtensions.emplace_back(std::move(name),
+                                       printed ? PrintedValue(extension) : std::to_string(size) + " bytes");
+}
+
+std::string Fingerprint(const EVP_MD* md, std::string_view der) {
+    std::string digest;
+    return cert_engine::Digest(md, der, digest) ? TO_HEX_STD_STRING(digest, 0) : std::string();
+}
+
+}  // namespace
+
+void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
+    const ErrorMark mark;
+    const X509* const x = static_cast<const X509*>(cert);
+    const std::string der = cert_engine::Encode(x, i2d_X509);
+    out.md5 = Fingerprint(cert_engine::Md5(), der);
+    out.sha1 = Fingerprint(cert_engine::Sha1(), der);
+    std::size_t printable_bytes = kMaxPrintedValueBytes;
+    for (int i = 0; i < X509_get_ext_count(x); ++i) {
+        X509_EXTENSION* const extension = X509_get_ext(x, i);
+        if (!ReadKnown(extension, out)) AddUnknown(extension, out, printable_bytes);
+    }
+}

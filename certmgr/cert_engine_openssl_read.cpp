@@ -1,0 +1,160 @@
+// Readers of certificate and CRL texts and of PKCS #7 bundles.
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/pkcs7.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
+
+using cert_engine::BioPtr;
+using cert_engine::CertParser;
+using cert_engine::CrlParser;
+using cert_engine::ErrorMark;
+
+namespace {
+
+using Pkcs12Ptr = cert_engine::Owner<PKCS12, PKCS12_free>;
+using Pkcs7Parser = cert_engine::Parser<PKCS7, PKCS7_new_ex, d2i_PKCS7, PKCS7_free, kMaxBundleBytes>;
+
+static_assert(kMaxBundleBytes <= INT_MAX / 2, "memory streams count their bytes in an int");
+
+constexpr std::string_view kCertBegin = "-----BEGIN CERTIFICATE-----";
+constexpr std::string_view kCertEnd = "-----END CERTIFICATE-----";
+constexpr std::string_view kCrlBegin = "-----BEGIN X509 CRL-----";
+constexpr std::string_view kCrlEnd = "-----END X509 CRL-----";
+
+bool BeginsWithMarker(std::string_view text, std::string_view marker) {
+    return text.size() >= marker.size() && strncasecmp(text.data(), marker.data(), marker.size()) == 0;
+}
+
+std::string_view Trim(std::string_view text) {
+    constexpr std::string_view kBlanks = "\n \t\r";
+    constexpr std::string_view kBlanksAndNul("\n \t\r\0", 5);
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    return text.substr(0, text.find_last_not_of(kBlanksAndNul) + 1);
+}
+
+// Base64 on one line; empty when it is none or longer than a certificate may be.
+std::string DecodeBase64(std::string_view text) {
+    const BioPtr stream(BIO_new(BIO_f_base64()));
+    BIO* const source = BIO_new_mem_buf(text.data(), static_cast<int>(text.size()));
+    if (stream == nullptr || source == nullptr) {
+        BIO_free(source);
+        return {};
+    }
+    BIO_set_flags(stream.get(), BIO_FLAGS_BASE64_NO_NL);
+    BIO_push(stream.get(), source);
+    std::string decoded;
+    std::array<char, 1024> chunk{};
+    for (;;) {
+        const int length = BIO_read(stream.get(), chunk.data(), static_cast<int>(chunk.size()));
+        if (length <= 0) return decoded;
+        decoded.append(chunk.data(), static_cast<std::size_t>(length));
+        if (decoded.size() > kMaxCertificateBytes) return {};
+    }
+}
+
+// A text with line feeds keeps its own lines.
+std::string WrapAsPem(std::string_view text) {
+    constexpr std::size_t kLineLength = 64;
+    std::string pem(kCertBegin);
+    pem += '\n';
+    if (text.find('\n') != std::string_view::npos) {
+        pem += text;
+    } else {
+        for (std::size_t at = 0; at < text.size(); at += kLineLength) {
+            pem.append(text.substr(at, kLineLength)).append("\n");
+        }
+    }
+    return pem.append(kCertEnd);
+}
+
+template <typename Stack, typename Pop>
+void MoveAll(Stack* stack, Pop pop, std::vector<void*>& handles) {
+    if (stack == nullptr) return;
+    while (void* const item = pop(stack)) handles.push_back(item);
+}
+
+}  // namespace
+
+void* CertEngine_ReadPEMCertData(const std::string& text) {
+    if (text.empty() || text.size() > kMaxBundleBytes) return nullptr;
+    const ErrorMark mark;
+    if (auto cert = CertParser::FromPem(text, PEM_STRING_X509)) return cert.release();
+    const std::string_view trimmed = Trim(text);
+    if (BeginsWithMarker(trimmed, kCertBegin)) return nullptr;
+    const std::string der = DecodeBase64(trimmed);
+    if (!der.empty()) {
+        if (auto cert = CertParser::FromDer(der)) return cert.release();
+    }
+    return CertParser::FromPem(WrapAsPem(trimmed), PEM_STRING_X509).release();
+}
+
+void* CertEngine_ReadPEMCRLData(const std::string& text) {
+    if (text.empty() || text.size() > kMaxBundleBytes) return nullptr;
+    const ErrorMark mark;
+    if (auto crl = CrlParser::FromPem(text, PEM_STRING_X509_CRL)) return crl.release();
+    if (BeginsWithMarker(text, kCrlBegin)) return nullptr;
+    std::string_view body = text;
+    if (body.back() == '\0') body.remove_suffix(1);
+    std::string pem(kCrlBegin);
+    pem.append("\n").append(body).append("\n").append(kCrlEnd);
+    return CrlParser::FromPem(pem, PEM_STRING_X509_CRL).release();
+}
+
+int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<void*>& certs, std::vector<void*>* crls) {
+    enum Result : int { kHandled = 0, kNotPkcs7 = 1 };
+    if (data == nullptr || length > kMaxBundleBytes) return kNotPkcs7;
+    const ErrorMark mark;
+    const std::string_view bytes(static_cast<const char*>(data), length);
+    auto bundle = Pkcs7Parser::FromDer(bytes);
+    if (bundle == nullptr) bundle = Pkcs7Parser::FromPem(bytes, PEM_STRING_PKCS7);
+    if (bundle == nullptr) return kNotPkcs7;
+
+    STACK_OF(X509)* bundled_certs = nullptr;
+    STACK_OF(X509_CRL)* bundled_crls = nullptr;
+    // The content of either type may be absent.
+    if (PKCS7_type_is_signed(bundle.get()) && bundle->d.sign != nullptr) {
+        bundled_certs = bundle->d.sign->cert;
+        bundled_crls = bundle->d.sign->crl;
+    } else if (PKCS7_type_is_signedAndEnveloped(bundle.get()) && bundle->d.signed_and_enveloped != nullptr) {
+        bundled_certs = bundle->d.signed_and_enveloped->cert;
+        bundled_crls = bundle->d.signed_and_enveloped->crl;
+    }
+    MoveAll(
+        bundled_certs, [](STACK_OF(X509) * stack) { return sk_X509_pop(stack); }, certs);
+    if (crls != nullptr) {
+        MoveAll(
+            bundled_crls, [](STACK_OF(X509_CRL) * stack) { return sk_X509_CRL_pop(stack); }, *crls);
+    }
+    return kHandled;
+}
+
+bool CertEngine_IsP12CertData(void* data, int length) {
+    if (data == nullptr || length <= 0 || static_cast<unsigned>(length) > kMaxBundleBytes) return false;
+    const ErrorMark mark;
+    const auto* p = static_cast<const unsigned char*>(data);
+    return Pkcs12Ptr(d2i_PKCS12(nullptr, &p, length)) != nullptr;
+}
+
+namespace cert_engine {
+
+std::string PemPayload(std::string_view text, const char* kind) {
+    const BioPtr stream(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    if (stream == nullptr) return {};
+    // libcrypto's own password callback would ask on the terminal.
+    const auto refuse_password = [](char*, int, int, void*) { return -1; };
+    unsigned char* payload = nullptr;
+    long length = 0;
+    if (PEM_bytes_read_bio(&payload, &length, nullptr, kind, stream.get(), refuse_password, nullptr) != 1) return {};
+    std::string der(reinterpret_cast<const char*>(payload), static_cast<std::size_t>(length));
+    OPENSSL_free(payload);
+    return der;
+}
+
+}  // namespace cert_engine
