@@ -44,8 +44,9 @@ struct Log {
 
 /// [tokens].
 struct Tokens {
+    /// Without any provider in the file: the system's SoftHSM2, if it is installed, under the name "softhsm".
     tokens::Settings manager{};
-    std::string softhsm_directory{};  // state directory of SoftHSM2
+    std::string softhsm_directory{};  // state directory of SoftHSM2; by default below the user's state directory
 };
 
 struct Settings {
@@ -68,6 +69,10 @@ struct PLATFORM_API Problem {
 
     /// "certmgr.toml:12:1: error: unknown key "crl_cach" in [certificates]; did you mean "crl_cache"?"
     std::string ToString() const;
+    /// "certmgr.toml:12:1"
+    std::string Place() const;
+    /// "unknown key "crl_cach" in [certificates]; did you mean "crl_cache"?"
+    std::string Sentence() const;
 };
 
 struct LoadResult {
@@ -90,7 +95,7 @@ PLATFORM_API void Apply(const Settings& settings);
 /// Writes the problems to the event log; when the file was refused or accepted, a line that says so.
 PLATFORM_API void LogProblems(const std::string& path, const LoadResult& loaded);
 
-/// A key that settings files may hold, by the table it stands in: {"certificates", "crl_cache"}.
+/// A key that settings files may hold, and where: {"[certificates]", "crl_cache"}.
 struct KnownKey {
     std::string_view table;
     std::string_view name;

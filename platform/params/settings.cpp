@@ -1,0 +1,320 @@
+#include "platform/params/settings.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+#include "platform/params.h"
+#include "platform/params/toml_reader.h"
+#include "platform/policy/rule_reader.h"
+
+namespace settings {
+
+namespace {
+
+constexpr Field<Certificates> kCertificateFields[] = {
+    {"require_self_signed_root", [](const Value& v, Certificates& c) { v.Read(c.require_self_signed_root); }},
+    {"ignore_key_usage", [](const Value& v, Certificates& c) { v.Read(c.ignore_key_usage); }},
+    {"allow_unknown_critical_extensions",
+     [](const Value& v, Certificates& c) { v.Read(c.allow_unknown_critical_extensions); }},
+    {"allow_missing_ike_eku", [](const Value& v, Certificates& c) { v.Read(c.allow_missing_ike_eku); }},
+    {"crl_download_timeout_seconds",
+     [](const Value& v, Certificates& c) { v.ReadNumber(1, 600, c.crl_download_timeout_seconds); }},
+    {"crl_cache", [](const Value& v, Certificates& c) { v.Read(c.crl_cache); }},
+    {"crl_max_bytes", [](const Value& v, Certificates& c) { v.ReadNumber(1024, 1ULL << 32, c.crl_max_bytes); }},
+    {"crl_retry_seconds", [](const Value& v, Certificates& c) { v.ReadNumber(0, 86400, c.crl_retry_seconds); }},
+    {"honour_crl_scope", [](const Value& v, Certificates& c) { v.Read(c.honour_crl_scope); }},
+};
+
+template <typename E, std::size_t N>
+void ReadEnum(const Value& value, const std::array<std::string_view, N>& names, E& out) {
+    std::size_t index = 0;
+    if (value.ReadChoice(names, index)) out = static_cast<E>(index);
+}
+// In the order of their enumerators.
+constexpr std::array<std::string_view, 5> kLevels = {"debug", "info", "warning", "error", "off"};
+constexpr std::array<std::string_view, 3> kColours = {"auto", "always", "never"};
+
+constexpr Field<Log> kLogFields[] = {
+    {"level", [](const Value& v, Log& log) { ReadEnum(v, kLevels, log.sinks.level); }},
+    {"stderr", [](const Value& v, Log& log) { v.Read(log.sinks.to_stderr); }},
+    {"colour", [](const Value& v, Log& log) { ReadEnum(v, kColours, log.sinks.colour); }},
+    {"file", [](const Value& v, Log& log) { v.ReadPath(log.sinks.file); }},
+    {"file_max_bytes", [](const Value& v, Log& log) { v.ReadNumber(4096, 1ULL << 40, log.sinks.file_max_bytes); }},
+    {"file_count", [](const Value& v, Log& log) { v.ReadNumber(1, 1000, log.sinks.file_count); }},
+    {"syslog", [](const Value& v, Log& log) { v.Read(log.sinks.to_syslog); }},
+    {"certificate_changes", [](const Value& v, Log& log) { v.Read(log.certificate_changes); }},
+    {"crl_details", [](const Value& v, Log& log) { v.Read(log.crl_details); }},
+    {"ike_verify_success", [](const Value& v, Log& log) { v.Read(log.ike_verify_success); }},
+};
+
+constexpr Field<tokens::Provider> kProviderFields[] = {
+    {"name", [](const Value& v, tokens::Provider& p) { v.Read(p.name); }},
+    {"module", [](const Value& v, tokens::Provider& p) { v.ReadPath(p.module_path); }},
+    {"init_args", [](const Value& v, tokens::Provider& p) { v.Read(p.init_args); }},
+};
+
+constexpr Field<tokens::PinFile> kPinFileFields[] = {
+    {"token", [](const Value& v, tokens::PinFile& p) { v.Read(p.token); }},
+    {"path", [](const Value& v, tokens::PinFile& p) { v.ReadPath(p.path); }},
+    {"login_on_insertion", [](const Value& v, tokens::PinFile& p) { v.Read(p.login_on_insertion); }},
+};
+
+// Reads a list of tables, each of which has the two given members set and unique in the list.
+template <typename T>
+void ReadTables(const Value& list, std::string_view table_name, std::span<const Field<T>> fields,
+                std::pair<std::string_view, std::string T::*> required,
+                std::pair<std::string_view, std::string T::*> unique, std::vector<T>& out) {
+    std::set<std::string> seen;
+    ReadList(list, "a list of tables", [&](const Value& entry) {
+        T& item = out.emplace_back();
+        const Value named(entry.node(), "[[" + std::string(table_name) + "]] " + std::to_string(out.size()),
+                          entry.problems());
+        ReadTable(named, " ", fields, item);
+        const toml::table* const table = entry.node().as_table();
+        for (const auto& [key, member] : {unique, required}) {
+            if (table != nullptr && !table->contains(key)) named.Error("has no " + Quoted(key));
+        }
+        const std::string& identity = item.*unique.second;
+        if (!identity.empty() && !seen.insert(identity).second) {
+            named.Error(std::string(unique.first) + " " + Quoted(identity) + " is there already");
+        }
+    });
+}
+
+constexpr Field<Tokens> kTokenFields[] = {
+    {"softhsm_directory", [](const Value& v, Tokens& t) { v.ReadPath(t.softhsm_directory); }},
+    {"poll_interval_milliseconds",
+     [](const Value& v, Tokens& t) {
+         std::uint32_t number = 0;
+         if (v.ReadNumber(50, 60000, number)) t.manager.poll_interval = std::chrono::milliseconds(number);
+     }},
+    {"call_limit_milliseconds",
+     [](const Value& v, Tokens& t) {
+         std::uint32_t number = 0;
+         if (v.ReadNumber(100, 600000, number)) t.manager.call_limit = std::chrono::milliseconds(number);
+     }},
+    {"provider",
+     [](const Value& v, Tokens& t) {
+         using P = tokens::Provider;
+         ReadTables<P>(v, "tokens.provider", kProviderFields, {"module", &P::module_path}, {"name", &P::name},
+                       t.manager.providers);
+     }},
+    {"pin_file",
+     [](const Value& v, Tokens& t) {
+         using P = tokens::PinFile;
+         ReadTables<P>(v, "tokens.pin_file", kPinFileFields, {"path", &P::path}, {"token", &P::token},
+                       t.manager.pin_files);
+     }},
+};
+
+template <typename T, std::size_t N>
+void ReadSection(const Value& value, const Field<T> (&fields)[N], T& target) {
+    ReadTable<T>(Value(value.node(), "[" + value.name() + "]", value.problems()), " ", fields, target);
+}
+
+constexpr Field<Settings> kSections[] = {
+    {"certificates", [](const Value& v, Settings& s) { ReadSection(v, kCertificateFields, s.certificates); }},
+    {"log", [](const Value& v, Settings& s) { ReadSection(v, kLogFields, s.log); }},
+    {"tokens", [](const Value& v, Settings& s) { ReadSection(v, kTokenFields, s.tokens); }},
+    {"rule", [](const Value& v, Settings& s) { LPCFG::ReadRules(v, s.rules); }},
+};
+
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    ~FileDescriptor() {
+        if (fd_ >= 0) close(fd_);
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+// Reads the whole file; false when it cannot be used, with the reason reported.
+bool ReadFile(const std::string& path, ProblemList& problems, std::string& content) {
+    const auto fail = [&](const std::string& text) {
+        problems.Add(Problem::Kind::kError, {}, text);
+        return false;
+    };
+    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0)
+        return fail("cannot be opened: " + std::string(std::strerror(errno)));
+    if (!S_ISREG(status.st_mode)) return fail("is not a regular file");
+    content.resize(kMaxFileBytes + 1);
+    std::size_t length = 0;
+    ssize_t got = 1;
+    while (got > 0 && length < content.size()) {
+        got = read(file.get(), content.data() + length, content.size() - length);
+        if (got > 0) length += static_cast<std::size_t>(got);
+    }
+    if (got < 0) return fail("cannot be read: " + std::string(std::strerror(errno)));
+    if (length > kMaxFileBytes) return fail("is larger than " + std::to_string(kMaxFileBytes) + " bytes");
+    content.resize(length);
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        problems.Add(Problem::Kind::kWarning, {},
+                     "can be written by others than its owner: it names libraries that are loaded", "chmod go-w");
+    }
+    return true;
+}
+
+bool Parse(const std::string& content, ProblemList& problems, toml::table& document) {
+    try {
+        document = toml::parse(content);
+    } catch (const toml::parse_error& error) {
+        problems.Add(Problem::Kind::kError, error.source().begin,
+                     "not valid TOML: " + std::string(error.description()));
+        return false;
+    }
+    return true;
+}
+
+// Where the programs' own token stands unless the settings say otherwise; empty when the user has no home.
+std::string DefaultSoftHsmDirectory() {
+    if (geteuid() == 0) return "/var/lib/certmgr/softhsm";
+    const char* const state = secure_getenv("XDG_STATE_HOME");
+    if (state != nullptr && state[0] == '/') return std::string(state) + "/certmgr/softhsm";
+    const char* const home = secure_getenv("HOME");
+    return home == nullptr ? std::string() : std::string(home) + "/.local/state/certmgr/softhsm";
+}
+
+void SetHostDefaults(Tokens& tokens) {
+    if (tokens.softhsm_directory.empty()) tokens.softhsm_directory = DefaultSoftHsmDirectory();
+    if (!tokens.manager.providers.empty()) return;
+    const std::string module = ::tokens::SoftHsmModulePath();
+    if (!module.empty()) tokens.manager.providers.push_back({.name = "softhsm", .module_path = module});
+}
+
+std::string Counted(std::size_t number, std::string_view what) {
+    return std::to_string(number) + " " + std::string(what) + (number == 1 ? "" : "s");
+}
+
+void CopyToServer(const Certificates& from, LPARAMS::CertParams& to) {
+    to.require_self_signed_root.on = from.require_self_signed_root;
+    to.ignore_key_usage.on = from.ignore_key_usage;
+    to.allow_unknown_critical_extensions.on = from.allow_unknown_critical_extensions;
+    to.allow_missing_ike_eku.on = from.allow_missing_ike_eku;
+    to.crl_download_timeout_seconds = from.crl_download_timeout_seconds;
+    to.crl_cache = from.crl_cache ? 1 : 0;
+    to.crl_max_bytes = from.crl_max_bytes;
+    to.crl_retry_seconds = from.crl_retry_seconds;
+    to.honour_crl_scope = from.honour_crl_scope;
+}
+
+// What Apply put into the server last.
+struct Applied {
+    std::mutex mutex;
+    bool any = false;
+    Certificates certificates;
+};
+Applied& LastApplied() {
+    static Applied& applied = *new Applied;
+    return applied;
+}
+
+}  // namespace
+
+std::string Problem::ToString() const {
+    return Place() + (kind == Kind::kError ? ": error: " : ": warning: ") + Sentence();
+}
+
+std::string Problem::Place() const {
+    return line == 0 ? file : file + ":" + std::to_string(line) + ":" + std::to_string(column);
+}
+
+std::string Problem::Sentence() const {
+    return suggestion.empty() ? text : text + "; " + suggestion;
+}
+
+LoadResult Load(const std::string& path) {
+    std::error_code ignored;
+    ProblemList problems(std::filesystem::absolute(path, ignored).lexically_normal());
+    LoadResult result;
+    std::string content;
+    toml::table document;
+    if (ReadFile(path, problems, content) && Parse(content, problems, document)) {
+        ReadTable<Settings>(Value(document, "", problems), "", kSections, result.settings);
+    }
+    result.ok = problems.errors() == 0;
+    if (result.ok) {
+        SetHostDefaults(result.settings.tokens);
+    } else {
+        result.settings = Settings();
+    }
+    result.problems = problems.Take();
+    return result;
+}
+
+void Apply(const Settings& settings) {
+    Applied& applied = LastApplied();
+    const std::lock_guard one_at_a_time(applied.mutex);
+    const bool first = !applied.any;
+    const bool changed = first || !(applied.certificates == settings.certificates);
+    applied.any = true;
+    applied.certificates = settings.certificates;
+    {
+        LPARAMS::LogParams& log = LPARAMS::server.log;
+        const vpnfc::ObjectLock lock(log);
+        log.certificate_changes = settings.log.certificate_changes;
+        log.crl_details = settings.log.crl_details;
+        log.ike_verify_success = settings.log.ike_verify_success;
+    }
+    std::vector<void (*)(bool)> callbacks;
+    {
+        LPARAMS::CertParams& cert = LPARAMS::server.cert;
+        const vpnfc::ObjectLock lock(cert);
+        CopyToServer(settings.certificates, cert);
+        if (changed) callbacks = cert.on_change;
+    }
+    for (void (*const callback)(bool) : callbacks) callback(first);
+}
+
+void LogProblems(const std::string& path, const LoadResult& loaded) {
+    std::string errors;
+    std::size_t count = 0;
+    for (const Problem& problem : loaded.problems) {
+        if (problem.kind == Problem::Kind::kWarning) {
+            TLogMessage(kMsgSettingsWarning).Attr(problem.Place() + ": " + problem.Sentence()).Send();
+        } else {
+            errors += "\\\n\t" + problem.Place() + ": " + problem.Sentence();
+            ++count;
+        }
+    }
+    if (loaded.ok) {
+        const std::size_t rules = loaded.settings.rules.list.size();
+        TLogMessage(kMsgSettingsLoaded).Attr(path + ", " + Counted(rules, "rule")).Send();
+    } else {
+        TLogMessage(kMsgSettingsRejected).Attr(path + " has " + Counted(count, "error") + errors).Send();
+    }
+}
+
+std::vector<KnownKey> KnownKeys() {
+    std::vector<KnownKey> keys;
+    const auto add = [&keys](std::string_view table, const std::vector<std::string_view>& names) {
+        for (const std::string_view name : names) keys.push_back({table, name});
+    };
+    add("[certificates]", NamesOf<Certificates>(kCertificateFields));
+    add("[log]", NamesOf<Log>(kLogFields));
+    add("[tokens]", NamesOf<Tokens>(kTokenFields));
+    add("[[tokens.provider]]", NamesOf<tokens::Provider>(kProviderFields));
+    add("[[tokens.pin_file]]", NamesOf<tokens::PinFile>(kPinFileFields));
+    add("[[rule]]", LPCFG::RuleKeys());
+    add("certificate pattern", LPCFG::PatternKeys());
+    add("identity", LPCFG::IdentityKeys());
+    return keys;
+}
+
+}  // namespace settings
