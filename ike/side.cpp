@@ -56,6 +56,15 @@ void BuildCarelessChain(HandleList& chain, const CM::X509Cert* cert) {
     chain.handles.assign(members.begin(), members.end());
 }
 
+/// Whether the rule lets a peer announce that identity. An empty list lets any.
+bool IsAllowedIdentity(const std::list<LPCFG::ipsecid_t>& allowed, const LPCFG::ipsecid_t& announced) {
+    return allowed.empty() || std::any_of(allowed.begin(), allowed.end(), [&](const LPCFG::ipsecid_t& entry) {
+               if (entry.type != announced.type || announced.value.empty()) return false;
+               if (entry.any != 0) return true;
+               return entry.type == LPCFG::ipsecid_t::kDn ? entry.dn == announced.dn : entry.value == announced.value;
+           });
+}
+
 }  // namespace
 
 Side::Side(const LPCFG::auth_ike_t& rule, const SideOptions& options, Channel& channel)
@@ -196,6 +205,10 @@ bool Side::VerifyPeer(std::string& verdict) {
     peer_id.type = message.id_type;
     peer_id.value = message.id_value;
     if (peer_id.type == LPCFG::ipsecid_t::kDn) asn_dn_to_printable(message.id_value, peer_id.dn);
+    if (!IsAllowedIdentity(rule_.id_remote, peer_id)) {
+        verdict = "the peer announces an identity that id_remote does not allow";
+        return false;
+    }
 
     const CM::CertRef peer = CM::CertRef::Adopt(
         CM::IkeVerifyPeerCertificate(rule_, peer_id, received.handles, rule_.crlProcessing, rule_.crlServer, ident_));
