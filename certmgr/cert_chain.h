@@ -62,7 +62,7 @@ class BestIssuer {
 
 /// The caller's list of one chain building, or of one verification that builds several chains from it: a longer list
 /// is indexed once, and answers are remembered, so that a thousand certificates of one name do not cost their square
-/// for every chain. The list, its certificates and those searched for outlive this object. Used by one thread.
+/// for every chain. The list and its certificates outlive this object. Used by one thread.
 class CallersList {
   public:
     explicit CallersList(std::span<const X509Cert* const> certs = {});
@@ -82,7 +82,11 @@ class CallersList {
     const std::span<const X509Cert* const> certs_;
     PositionMap<std::string_view> by_subject_;
     PositionMap<std::string_view> by_key_id_;
-    std::array<std::unordered_map<const X509Cert*, const X509Cert*>, 2> found_;
+    struct Answer {
+        CertRef asked;  // kept, so that no other certificate takes its address
+        const X509Cert* issuer;
+    };
+    std::array<std::unordered_map<const X509Cert*, Answer>, 2> answers_;  // by Match::kNumber
 };
 
 /// Best issuer of the certificate in one list. The forms for indexed lists return exactly what the ordered walk does.
@@ -119,9 +123,12 @@ struct MoreActualIssuerFinder {
 template <typename Match>
 const X509Cert* CallersList::Find(const X509Cert* cert, Match match) {
     if (certs_.size() <= kWalkedSize) return MoreActualIssuerFinder::Walk(certs_, cert, match);
-    const auto [entry, is_new] = found_[Match::kNumber].try_emplace(cert, nullptr);
-    if (is_new) entry->second = MoreActualIssuerFinder::LookUp<Match>(*this, cert);
-    return entry->second;
+    auto& answers = answers_[Match::kNumber];
+    auto known = answers.find(cert);
+    if (known == answers.end()) {
+        known = answers.emplace(cert, Answer{CertRef(cert), MoreActualIssuerFinder::LookUp<Match>(*this, cert)}).first;
+    }
+    return known->second.issuer;
 }
 
 /// The issuer of a certificate; null when no source has one. The caller holds the store's read lock.
