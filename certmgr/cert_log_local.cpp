@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "certmgr/cert_log.h"
 #include "iputils/iputils.h"
 #include "platform/event_codes.h"
 
@@ -139,6 +138,11 @@ const char* CrlModeText(LPARAMS::CRL_PROC_t mode) {
     return mode < kNames.size() ? kNames[mode] : "undefined";
 }
 
+/// An empty list of a rule does not restrict.
+std::string CountText(std::size_t count) {
+    return count == 0 ? "any" : std::to_string(count);
+}
+
 /// What the rule says of this host's identity, and in one line what it asks of the peer.
 void cmprint_RuleIdentities(std::string& out, const LPCFG::auth_ike_t& rule) {
     std::size_t index = 0;
@@ -148,11 +152,10 @@ void cmprint_RuleIdentities(std::string& out, const LPCFG::auth_ike_t& rule) {
         cmprint_Identity(out, id);
     }
     if (rule.no_map_id_local) cmprint_Fact(out, "->no_map_id_local: ", "the certificate need not carry the identity");
-    cmprint_Fact(out, "->peer: ", "cert_remote ");
-    out.append(std::to_string(rule.cert_remote.size())).append(", cert_trust ");
-    out.append(std::to_string(rule.cert_trust.size())).append(", id_remote ");
-    out.append(std::to_string(rule.id_remote.size())).append(rule.no_map_id_remote ? " (not mapped)" : "");
-    out.append(", CRL processing ").append(CrlModeText(rule.crlProcessing));
+    cmprint_Fact(out, "->peer: ", "cert_remote: " + CountText(rule.cert_remote.size()));
+    out.append(", cert_trust: ").append(CountText(rule.cert_trust.size()));
+    out.append(", id_remote: ").append(rule.no_map_id_remote ? "not mapped" : CountText(rule.id_remote.size()));
+    out.append(", CRL processing: ").append(CrlModeText(rule.crlProcessing));
 }
 
 void cmprint_LocalSearch(std::string& out, const LocalSearchReport& report) {
@@ -161,14 +164,14 @@ void cmprint_LocalSearch(std::string& out, const LocalSearchReport& report) {
     cmprint_RuleIdentities(out, rule);
 }
 
+/// No record is an accepted one here.
 void CMLog_NotFound__(TLogMessage& message, const LocalSearchReport& report, const LocalSearchRecords& records) {
     std::string text;
     cmprint_LocalSearch(text, report);
-    std::size_t number = 0;
-    for (const LocalCertLog& record : records) {
-        if (record.status != kLocalAccepted) cmprint_NotMatchedCert(text, record, ++number);
-    }
-    if (number == 0) cmprint_Fact(text, "No personal certificate matches", {});
+    if (records.empty()) cmprint_Fact(text, "No personal certificate matches", {});
+    cmprint_Entries(text, records, [&](const LocalCertLog& record, std::size_t number) {
+        cmprint_NotMatchedCert(text, record, number);
+    });
     message.Attr(text);
 }
 

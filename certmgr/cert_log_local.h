@@ -2,11 +2,13 @@
 // rendered for a message that is not enabled.
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "certmgr/cert_log.h"
 #include "certmgr/findlocal.h"
 #include "platform/eventlog.h"
 #include "platform/policy.h"
@@ -21,6 +23,22 @@ void cmprint_SearchParams(std::string& out, const LPCFG::auth_ike_t* rule, std::
 
 /// Appends an identity: "FQDN host.example", "IP4 <any>", "DN CN=host".
 void cmprint_Identity(std::string& out, const LPCFG::ipsecid_t& id);
+
+/// Size at which a report takes no further entries; the event log would cut it anyway.
+inline constexpr std::size_t kMaxReportBytes = 24U << 10;
+
+/// Appends entries through `render(entry, number)`, numbered from 1, until the report is full.
+template <typename Entries, typename Render>
+void cmprint_Entries(std::string& out, const Entries& entries, Render render) {
+    std::size_t number = 0;
+    for (const auto& entry : entries) {
+        if (out.size() > kMaxReportBytes) {
+            cmprint_Fact(out, "... and more: ", std::to_string(entries.size() - number));
+            return;
+        }
+        render(entry, ++number);
+    }
+}
 
 /// What was looked for, and under which identity it is logged.
 struct LocalSearchReport {

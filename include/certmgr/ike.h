@@ -53,7 +53,8 @@ struct CM_API SelectLocalResult {
 };
 
 /// Chooses the local certificate that the rule asks for. `id` receives the identity to announce (untouched when the
-/// rule has no id_local). A certificate whose subject equals `excluded_subject` is never offered.
+/// rule has no id_local). A certificate whose subject equals `excluded_subject` is never offered. Where several remain
+/// the user is asked, without a time limit; a malformed answer throws the text "CommandStreamError".
 CM_API SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::auth_ike_t& rule,
                                                    UseHandleFromAuthType mode, const std::string* excluded_subject,
                                                    IkeCertRequestIter* requests, const TLogIdent& ident);
@@ -80,7 +81,8 @@ CM_API bool Ike2CheckHashAlg(const X509Cert* cert, pki_alg_t alg);
 // --- Verifying ---
 
 /// IKEv1: verifies the signature of a ready hash. Changes the caller's DSA or GOST R 34.10-2001 signature in place
-/// into the form that tokens take.
+/// into the form that tokens take (the odd last byte of a DSA signature is dropped; a GOST signature of less than 64
+/// bytes stays as it is).
 CM_API bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signature, const TLogIdent& ident);
 /// IKEv2: verifies the signature of the octets. `auth_alg` is a bare key algorithm or a full signature algorithm.
 CM_API bool Ike2Verify(const X509Cert* peer, pki_alg_t auth_alg, const std::string& data, const std::string& signature,
