@@ -312,8 +312,8 @@ std::vector<KnownKey> KnownKeys() {
     add("[[tokens.provider]]", NamesOf<tokens::Provider>(kProviderFields));
     add("[[tokens.pin_file]]", NamesOf<tokens::PinFile>(kPinFileFields));
     add("[[rule]]", LPCFG::RuleKeys());
-    add("certificate pattern", LPCFG::PatternKeys());
-    add("identity", LPCFG::IdentityKeys());
+    add("a certificate pattern", LPCFG::PatternKeys());
+    add("an identity", LPCFG::IdentityKeys());
     return keys;
 }
 

@@ -64,8 +64,7 @@ std::string WhereItBelongs(std::string_view key) {
         if (!table.empty()) return {};  // in several
         table = known.table;
     }
-    if (table.empty()) return {};
-    return "it belongs in " + std::string(table.starts_with('[') ? "" : "the table of ") + std::string(table);
+    return table.empty() ? std::string() : "it belongs in " + std::string(table);
 }
 
 bool HasControlCharacter(std::string_view text) {
