@@ -1,0 +1,76 @@
+// A root in the store, a peer below it, and the verification of what the peer sends.
+#pragma once
+
+#include <list>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/chain/chain_fixture.h"
+
+namespace chain_test {
+
+/// The certificate that was selected, or the refusals: "pattern: reason", in the report's order.
+struct PeerVerdict {
+    std::string selected;  // subject
+    Strings refusals;
+
+    bool operator==(const PeerVerdict&) const = default;
+};
+
+inline void PrintTo(const PeerVerdict& verdict, std::ostream* out) {
+    *out << "selected \"" << verdict.selected << "\"";
+    for (const std::string& refusal : verdict.refusals) *out << "\n  " << refusal;
+}
+
+/// Entries of a report: "Certificate N: cert_remote[P]: reason" becomes "P: reason".
+inline Strings Refusals(const std::string& report) {
+    static const std::string kTag = ": cert_remote[";
+    Strings refusals;
+    for (std::size_t at = report.find(kTag); at != std::string::npos; at = report.find(kTag, at + 1)) {
+        const std::size_t begin = at + kTag.size();
+        std::string entry = report.substr(begin, report.find(" \\\n", begin) - begin);
+        entry.erase(entry.find(']'), 1);
+        refusals.push_back(entry);
+    }
+    return refusals;
+}
+
+class PeerTest : public ChainTest {
+  protected:
+    static inline const std::string kPeerName = "peer.example";
+
+    PeerTest() {
+        id_.type = LPCFG::ipsecid_t::kFqdn;
+        id_.value = kPeerName;
+        rule_.name = "branch";
+    }
+
+    static CertSpec PeerSpec(const std::string& subject = "CN=peer") {
+        return {.key_index = 3, .subject = subject, .key_usage = "digitalSignature", .san = {"DNS:" + kPeerName}};
+    }
+    Cert Peer(const std::string& subject, const Cert& issuer) const { return MakeCert(PeerSpec(subject), &issuer); }
+
+    PeerVerdict Verify(const Payload& payload, LPARAMS::CRL_PROC_t crl_mode = LPARAMS::CRL_PROC_DISABLED) const {
+        vendor_host::ClearMessages();
+        PeerVerdict verdict;
+        const CM::X509Cert* cert =
+            CM::IkeVerifyPeerCertificate(rule_, id_, payload.list(), crl_mode, std::string(), ident_);
+        if (cert != nullptr) verdict.selected = cert->info.subject;
+        CM::VCertHandleClose(cert);
+        const auto reports = vendor_host::FindMessages(kMsgPeerCertNotSelected);
+        EXPECT_EQ(reports.size(), cert != nullptr ? 0U : 1U);
+        EXPECT_EQ(vendor_host::FindMessages(kMsgPeerCertSelected).size(), cert != nullptr ? 1U : 0U);
+        for (const auto& report : reports) verdict.refusals = Refusals(report.Text());
+        return verdict;
+    }
+    PeerVerdict Verify(const std::vector<const Cert*>& received) const { return Verify(Payload(received)); }
+
+    const Cert root_ = MakeCa("CN=root");
+    const Cert issuing_ = MakeCa("CN=issuing", &root_, KeyType::kEcP256, 1);
+    const Cert peer_ = Peer("CN=peer", issuing_);
+    LPCFG::auth_ike_t rule_;
+    LPCFG::ipsecid_t id_;
+};
+
+}  // namespace chain_test
