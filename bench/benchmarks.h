@@ -1,0 +1,9 @@
+// The benchmarks, by the names that the table uses.
+#pragma once
+
+namespace bench {
+
+/// Registers all of them. The world must be there.
+void RegisterBenchmarks();
+
+}  // namespace bench

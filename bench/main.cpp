@@ -1,0 +1,60 @@
+// Benchmarks of the module against libcrypto and plain PKCS#11 calls, in one run. Ends in a table of ratios; the exit
+// code is 1 when a goal is missed.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include "bench/benchmarks.h"
+#include "bench/table.h"
+#include "bench/world.h"
+
+namespace bench {
+namespace {
+
+std::unique_ptr<World> world;
+
+const std::vector<Row> kRows = {
+    {"leaf from DER to CM::X509Cert / d2i_X509", "leaf_parse", "leaf_parse_peer", Goal::kRatioBelow, 0.35},
+    {"the same on two threads, against one", "leaf_parse_two_threads", "leaf_parse", Goal::kSpeedupAbove, 1.8},
+    {"peer verification / d2i_X509 of both + X509_verify_cert", "peer_verify", "peer_verify_peer", Goal::kRatioBelow,
+     0.35},
+    {"the same, log level warning", "peer_verify_quiet", "peer_verify_peer", Goal::kReported},
+    {"chain of three: 1,000 other CAs in the store / 10", "chain_1000", "chain_10", Goal::kRatioBelow, 1.5},
+    {"chain of three: 100,000 other CAs in the store / 10", "chain_100000", "chain_10", Goal::kRatioBelow, 1.5},
+    {"local selection of 10 personal certificates, the last", "select_10", "", Goal::kReported},
+    {"local selection of 1,000 personal certificates, the last", "select_1000", "", Goal::kTimeBelow, 1000},
+    {"first reload, 1,000 certificates / plain calls + parsing", "reload_first", "plain_list_and_parse",
+     Goal::kRatioBelow, 1.5},
+    {"reload, nothing changed / plain calls", "reload_unchanged", "plain_list", Goal::kRatioBelow, 1.3},
+    {"IKEv2 signature RSA-2048 / plain C_SignInit + C_Sign", "ike2_sign", "plain_sign", Goal::kRatioBelow, 1.1},
+    {"RSA-2048 verification on the token / libcrypto", "token_verify", "libcrypto_verify", Goal::kReported},
+};
+
+}  // namespace
+
+World& TheWorld() {
+    return *world;
+}
+
+}  // namespace bench
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    try {
+        std::fprintf(stderr, "Filling SoftHSM2 tokens ...\n");
+        bench::world = std::make_unique<bench::World>();
+        bench::RegisterBenchmarks();
+        bench::Medians medians;
+        benchmark::RunSpecifiedBenchmarks(&medians);
+        bench::world.reset();
+        const int missed = bench::PrintTable(bench::kRows, medians);
+        return missed == 0 ? 0 : 1;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "certmgr_bench: %s\n", error.what());
+        return 2;
+    }
+}

@@ -1,0 +1,44 @@
+// The table that the benchmarks end in: for each row our median, the peer's median of the same run, their ratio and
+// the goal.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+enum class Goal : int {
+    kRatioBelow,  // ours / peer must be under the limit
+    kSpeedupAbove,  // peer / ours must be over the limit
+    kTimeBelow,  // our time in microseconds must be under the limit
+    kReported,  // no goal
+};
+
+struct Row {
+    std::string what;
+    std::string ours;  // names of benchmarks
+    std::string peer;  // may be empty
+    Goal goal = Goal::kReported;
+    double limit = 0;
+};
+
+/// Collects the medians of repeated benchmarks and prints the console report as usual.
+class Medians : public benchmark::ConsoleReporter {
+  public:
+    Medians() : ConsoleReporter(OO_Tabular) {}
+    void ReportRuns(const std::vector<Run>& runs) override;
+
+    /// Median real time of one iteration, in microseconds; 0 when the benchmark did not run.
+    double Microseconds(const std::string& name) const;
+
+  private:
+    std::map<std::string, double> microseconds_;
+};
+
+/// Prints the rows whose benchmarks ran. Returns how many goals were missed.
+int PrintTable(const std::vector<Row>& rows, const Medians& medians);
+
+}  // namespace bench
