@@ -89,13 +89,34 @@ class PlaceholderDigest {
     std::array<const char*, 8> names_{};
 };
 
-// The default provider in a library context of its own, from which the parsing context borrows the digests. Set while
-// the engine is started.
-OSSL_PROVIDER* digest_source = nullptr;
+// The two digests that the parsing context offers, borrowed from the default provider. Set while the engine is started.
+// The fewer there are, the faster is each parse: libcrypto walks them all when it looks for something to decode a
+// public key with.
+struct BorrowedDigests {
+    OSSL_PROVIDER* source = nullptr;
+    std::array<OSSL_ALGORITHM, 3> algorithms{};  // the last one ends the list
+};
+BorrowedDigests borrowed;
+
+bool HasName(const OSSL_ALGORITHM& algorithm, std::string_view name) {
+    const std::string_view names(algorithm.algorithm_names);
+    return names.substr(0, names.find(':')) == name;
+}
+
+void Borrow(OSSL_PROVIDER* source) {
+    borrowed = {source, {}};
+    int no_cache = 0;
+    const OSSL_ALGORITHM* offered = OSSL_PROVIDER_query_operation(source, OSSL_OP_DIGEST, &no_cache);
+    std::size_t count = 0;
+    for (; offered != nullptr && offered->algorithm_names != nullptr; ++offered) {
+        const bool wanted = HasName(*offered, "SHA1") || HasName(*offered, "MD5");
+        if (wanted && count + 1 < borrowed.algorithms.size()) borrowed.algorithms[count++] = *offered;
+    }
+}
 
 const OSSL_ALGORITHM* QueryDigests(void* /*provider*/, int operation, int* no_cache) {
-    if (operation != OSSL_OP_DIGEST) return nullptr;
-    return OSSL_PROVIDER_query_operation(digest_source, operation, no_cache);
+    *no_cache = 0;
+    return operation == OSSL_OP_DIGEST ? borrowed.algorithms.data() : nullptr;
 }
 
 int InitDigestProvider(const OSSL_CORE_HANDLE* /*core*/, const OSSL_DISPATCH* /*in*/, const OSSL_DISPATCH** out,
@@ -105,11 +126,11 @@ int InitDigestProvider(const OSSL_CORE_HANDLE* /*core*/, const OSSL_DISPATCH* /*
         {0, nullptr},
     };
     *out = functions;
-    *provider = OSSL_PROVIDER_get0_provider_ctx(digest_source);
+    *provider = OSSL_PROVIDER_get0_provider_ctx(borrowed.source);
     return 1;
 }
 
-// Certificates are parsed in a library context that offers digests and nothing else. libcrypto decodes the public key
+// Certificates are parsed in a library context that offers two digests and nothing else. libcrypto decodes the public key
 // of each certificate when it can, which costs ten times the rest of the parsing and serialises threads; the keys are
 // the tokens' business. Digests must be there: the extension cache behind X509_check_ca takes a fingerprint.
 class ParsingContext {
@@ -117,8 +138,8 @@ class ParsingContext {
     ParsingContext() : source_(OSSL_LIB_CTX_new()), context_(OSSL_LIB_CTX_new()) {
         if (source_ == nullptr || context_ == nullptr) return;
         default_.reset(OSSL_PROVIDER_load(source_.get(), "default"));
-        digest_source = default_.get();
-        if (digest_source == nullptr) return;
+        if (default_ == nullptr) return;
+        Borrow(default_.get());
         if (OSSL_PROVIDER_add_builtin(context_.get(), kName, InitDigestProvider) != 1) return;
         digests_.reset(OSSL_PROVIDER_load(context_.get(), kName));
         md5_.reset(EVP_MD_fetch(context_.get(), "MD5", nullptr));

@@ -22,6 +22,7 @@ pki_alg_t PssAlgorithm(const X509_ALGOR* algorithm) {
     const ASN1_TYPE* parameter = algorithm->parameter;
     if (parameter == nullptr) return PKI_KEY_RSA_PSS;
     if (ASN1_TYPE_get(parameter) == V_ASN1_NULL) return PKI_HASH_SHA1 | PKI_KEY_RSA_PSS;
+    const ErrorMark mark;
     const std::string der = cert_engine::Encode(parameter, i2d_ASN1_TYPE);
     if (der.empty()) return PKI_KEY_RSA_PSS;
     return asn_ike_signalg_t_to_pki_alg(BytesOf(algorithm->algorithm), der);
@@ -96,6 +97,8 @@ std::string_view ObjectName(const ASN1_OBJECT* object) {
 }
 
 bool AppendDotted(const ASN1_OBJECT* object, std::string& appended) {
+    if (oid_asn_to_str_(BytesOf(object), &appended)) return true;
+    const ErrorMark mark;
     std::array<char, 1024> buffer{};
     const int length = OBJ_obj2txt(buffer.data(), static_cast<int>(buffer.size()), object, 1);
     if (length <= 0) return false;
@@ -113,7 +116,6 @@ bool AppendDotted(const ASN1_OBJECT* object, std::string& appended) {
 
 pki_alg_t X509_ALGOR_to_pki_alg_t(const X509_ALGOR* algorithm) {
     if (algorithm == nullptr || algorithm->algorithm == nullptr) return 0;
-    const ErrorMark mark;
     const std::string_view oid = BytesOf(algorithm->algorithm);
     if (const pki_alg_t key = PKI_OID_TO_KEY_ALG(oid.data(), oid.size()); key != 0) return key;
     const pki_alg_t code = PKI_OID_TO_CERT_SIGN_ALG(oid.data(), oid.size());
@@ -153,7 +155,6 @@ cert_time64_t ASN1_TIME_to_time_t(const ASN1_TIME* time) {
 }
 
 bool ASN1_OBJECT_to_std_string(ASN1_OBJECT* object, std::string& appended, StringOidFormat format) {
-    const ErrorMark mark;
     const std::string_view name = format != kOidDotted ? ObjectName(object) : std::string_view();
     if (name.empty()) return AppendDotted(object, appended);
     if (format == kOidName) {
@@ -189,7 +190,6 @@ bool ASN1_INTEGER_to_std_string(ASN1_INTEGER* number, std::string& text) {
 unsigned CertEngine_PubKeyBitLength(pki_alg_t keyAlg, const void* der, unsigned long length) {
     // A code with a hash part is no key algorithm.
     if ((keyAlg & PKI_HASH_MASK) != 0) return 0;
-    const ErrorMark mark;
     return asn_spki_key_bits(keyAlg & PKI_ALG_MASK, {static_cast<const char*>(der), length});
 }
 
@@ -209,7 +209,6 @@ void X509_NAME_to_utf8(X509_NAME* name, std::string& text) {
 namespace cert_engine {
 
 std::string_view NameDer(const X509_NAME* name) {
-    const ErrorMark mark;
     const unsigned char* der = nullptr;
     std::size_t length = 0;
     if (name == nullptr || X509_NAME_get0_der(name, &der, &length) != 1) return {};

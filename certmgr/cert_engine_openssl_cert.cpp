@@ -17,6 +17,9 @@ namespace {
 using Pkcs7Ptr = cert_engine::Owner<PKCS7, PKCS7_free>;
 using Pkcs8Ptr = cert_engine::Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 
+using BasicConstraintsPtr = cert_engine::Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
+using KeyUsagePtr = cert_engine::Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
+
 enum ExportResult : int { kExported = 1, kExportFailed = 3 };
 
 X509* Certificate(void* handle) {
@@ -33,6 +36,19 @@ const X509_ALGOR* OuterAlgorithm(const X509* cert) {
     const X509_ALGOR* algorithm = nullptr;
     X509_get0_signature(nullptr, &algorithm, cert);
     return algorithm;
+}
+
+// Whether X509_check_ca answers anything but 0. It decodes every extension to find out, which costs half as much as
+// parsing the certificate. A key usage without certificate signing, or basic constraints that say "not a CA", lead to 0
+// whatever the other extensions hold; that settles nearly every end entity.
+bool IsCa(X509* cert) {
+    constexpr int kCertSignBit = 5;
+    const KeyUsagePtr usage(static_cast<ASN1_BIT_STRING*>(X509_get_ext_d2i(cert, NID_key_usage, nullptr, nullptr)));
+    if (usage != nullptr && ASN1_BIT_STRING_get_bit(usage.get(), kCertSignBit) == 0) return false;
+    const BasicConstraintsPtr constraints(
+        static_cast<BASIC_CONSTRAINTS*>(X509_get_ext_d2i(cert, NID_basic_constraints, nullptr, nullptr)));
+    if (constraints != nullptr && constraints->ca == 0) return false;
+    return X509_check_ca(cert) != 0;
 }
 
 // Replaces `out` by what the writer puts into a memory stream.
@@ -76,7 +92,7 @@ bool CertEngine_GetCertInfo(void* cert, CertInfo& info) {
     info.validTo = ASN1_TIME_to_time_t(X509_get0_notAfter(x));
     info.keyAlg = X509_ALGOR_to_pki_alg_t(KeyAlgorithm(x));
     info.signAlg = cert_engine::SignatureAlgorithm(OuterAlgorithm(x));
-    info.isCA = X509_check_ca(x) != 0;
+    info.isCA = IsCa(x);
     info.version = static_cast<std::uint32_t>(X509_get_version(x) + 1);
     const std::string spki = cert_engine::Encode<const X509_PUBKEY>(X509_get_X509_PUBKEY(x), i2d_X509_PUBKEY);
     info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, spki.data(), spki.size());

@@ -23,11 +23,9 @@ void ForEach(const Stack* stack, Visit visit) {
     for (int i = 0; i < OPENSSL_sk_num(items); ++i) visit(*static_cast<T*>(OPENSSL_sk_value(items, i)));
 }
 
-/// Decodes the value of an extension; null when it is malformed. A mark of its own: many bad extensions would push the
-/// caller's mark out of the error queue.
+// The decoded value of an extension; null when it is malformed.
 template <typename T, auto Free>
 Owner<T, Free> Decode(X509_EXTENSION* extension) {
-    const ErrorMark mark;
     return Owner<T, Free>(static_cast<T*>(X509V3_EXT_d2i(extension)));
 }
 
@@ -202,7 +200,6 @@ std::int32_t PathLength(const BASIC_CONSTRAINTS& constraints) {
 bool BasicConstraints(X509_EXTENSION* extension, CertExtentions& out) {
     const auto constraints = Decode<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>(extension);
     if (constraints == nullptr) return false;
-    const ErrorMark mark;
     out.isCA = constraints->ca != 0;
     out.pathLen = PathLength(*constraints);
     out.basicConstraints.clear();
@@ -444,7 +441,7 @@ std::string Fingerprint(const EVP_MD* md, std::string_view der) {
 }  // namespace
 
 void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
-    const ErrorMark mark;
+    ErrorMark mark;
     const X509* const x = static_cast<const X509*>(cert);
     const std::string der = cert_engine::Encode(x, i2d_X509);
     out.md5 = Fingerprint(cert_engine::Md5(), der);
@@ -452,6 +449,8 @@ void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     std::size_t printable_bytes = kMaxPrintedValueBytes;
     for (int i = 0; i < X509_get_ext_count(x); ++i) {
         X509_EXTENSION* const extension = X509_get_ext(x, i);
-        if (!ReadKnown(extension, out)) AddUnknown(extension, out, printable_bytes);
+        if (ReadKnown(extension, out)) continue;
+        mark.Rewind();
+        AddUnknown(extension, out, printable_bytes);
     }
 }
