@@ -1,4 +1,6 @@
 // Certificate payloads, and what a handle tells.
+#include <algorithm>
+
 #include "certmgr/cert_engine.h"
 #include "certmgr/chain.h"
 #include "tests/local/local_fixture.h"
@@ -13,10 +15,11 @@ class PayloadTest : public LocalTest {
         std::vector<void*> handles;
         EXPECT_EQ(CertEngine_ReadP7CCertData(bundle.data(), static_cast<unsigned>(bundle.size()), handles, nullptr), 0);
         std::vector<std::string> certs;
-        for (auto handle = handles.rbegin(); handle != handles.rend(); ++handle) {
-            CertEngine_RawCert(*handle, certs.emplace_back());
-            CertEngine_CloseCertHandle(*handle);
+        for (void* handle : handles) {
+            CertEngine_RawCert(handle, certs.emplace_back());
+            CertEngine_CloseCertHandle(handle);
         }
+        std::ranges::reverse(certs);
         return certs;
     }
 };
@@ -36,22 +39,22 @@ TEST_F(PayloadTest, ChainsAreCutAtTheRequestedAuthorityNearestTheRoot) {
     const auto key_hash = [](const test_pki::Cert& cert) { return test_pki::Digest("SHA1", cert.spki); };
     struct Case {
         const char* name;
-        CM::CertDataFormat format;
         std::string authority;
+        CM::CertDataFormat format;
         std::uint32_t length;
     };
     const Case cases[] = {
-        {"leaf by name", CM::kSubjectNameDer, leaf.subject_der, 1},
-        {"middle by name", CM::kSubjectNameDer, middle.subject_der, 2},
-        {"root by name", CM::kSubjectNameDer, root_.subject_der, 3},
-        {"middle by key", CM::kPublicKeySha1, key_hash(middle), 2},
-        {"root by key", CM::kPublicKeySha1, key_hash(root_), 3},
-        {"other formats mean names", static_cast<CM::CertDataFormat>(7), middle.subject_der, 2},
-        {"name as key", CM::kPublicKeySha1, middle.subject_der, 0},
-        {"key as name", CM::kSubjectNameDer, key_hash(middle), 0},
-        {"stranger", CM::kSubjectNameDer, test_pki::NameDer("CN=Stranger"), 0},
-        {"prefix", CM::kSubjectNameDer, middle.subject_der.substr(0, 5), 0},
-        {"nothing", CM::kSubjectNameDer, "", 0},
+        {"leaf by name", leaf.subject_der, CM::kSubjectNameDer, 1},
+        {"middle by name", middle.subject_der, CM::kSubjectNameDer, 2},
+        {"root by name", root_.subject_der, CM::kSubjectNameDer, 3},
+        {"middle by key", key_hash(middle), CM::kPublicKeySha1, 2},
+        {"root by key", key_hash(root_), CM::kPublicKeySha1, 3},
+        {"other formats mean names", middle.subject_der, static_cast<CM::CertDataFormat>(7), 2},
+        {"name as key", middle.subject_der, CM::kPublicKeySha1, 0},
+        {"key as name", key_hash(middle), CM::kSubjectNameDer, 0},
+        {"stranger", test_pki::NameDer("CN=Stranger"), CM::kSubjectNameDer, 0},
+        {"prefix", middle.subject_der.substr(0, 5), CM::kSubjectNameDer, 0},
+        {"nothing", "", CM::kSubjectNameDer, 0},
     };
     for (const Case& test : cases) {
         EXPECT_EQ(CM::CutCertChainLength(chain, test.format, test.authority.data(),
