@@ -99,15 +99,19 @@ PLATFORM_API pki_alg_t PKI_OID_TO_CERT_SIGN_ALG(const void* oid, std::size_t len
 PLATFORM_API pki_alg_t asn_ike_signalg_t_to_pki_alg(std::string_view oid, std::string_view parameters_der) noexcept;
 /// The other way. `oid` receives the identifier's content; `null_parameter` whether an ASN.1 NULL stands beside it
 /// (else the parameters are absent). False for a code without an entry in this direction: 270 alone, 14, every
-/// RSASSA-PSS code, an elliptic-curve key alone (its curve is not part of the code).
+/// RSASSA-PSS code, an elliptic-curve key alone (its curve is not part of the code). Variant flags are refused but for
+/// GOST R 34.11-94 (1, 2, 4) and its signature (2, 4). DSA (RFC 3279), ECDSA (RFC 5758) and Ed25519 (RFC 8410) have no
+/// parameters beside the identifier, everything else has NULL.
 PLATFORM_API bool asn_pki_alg_to_identifier(pki_alg_t alg, std::string& oid, bool& null_parameter);
-/// Dotted text of an identifier's content. False (nothing appended) when the content is not a valid identifier.
+/// Appends the dotted text of an identifier's content, arcs of any size. False (nothing appended) when the content is
+/// not a valid identifier or has more than 128 bytes.
 PLATFORM_API bool oid_asn_to_str_(std::string_view oid, std::string* appended);
 
-/// An entry of an identifier map.
+/// An entry of an identifier map. Attribute types of names have the long name ("commonName") as the preferred one and
+/// the short one that printed names use ("CN"), if any, as the other; the GOST algorithms likewise.
 struct OidMapEntry {
-    std::string_view preferred_name;  // may be empty
-    std::string_view other_name;
+    std::string_view preferred_name;
+    std::string_view other_name;  // may be empty
 };
 using OID_MAP_HANDLE = int;
 /// The map that every module of the process shares.
@@ -116,24 +120,34 @@ inline constexpr OID_MAP_HANDLE OID_MAP_HANDLE_DEFAULT_FILE = 0;
 PLATFORM_API const OidMapEntry* oid_map_find_asn(OID_MAP_HANDLE map, const void* oid, std::size_t length) noexcept;
 
 // --- Names ---
+//
+// Limits: 64 KiB of DER, 1024 attributes, 64 of them in one RDN, 384 KiB of text; a larger name is refused like a
+// malformed one.
+//
+// Two values are equal when their texts are, whatever string types they have, after simple case folding (ASCII,
+// Latin-1, Latin Extended-A, Greek, Cyrillic) and with blanks (what RFC 4518 maps to SPACE) trimmed and compressed.
+// Control characters count; Unicode normalisation is not done. A value that is no text equals the same bytes only.
 
-/// Printable form of a DER Name: RFC 4514 escaping, RDNs in the order of the encoding, separated by ", "; values of
-/// a multi-valued RDN joined by "+"; attribute types by the map's short names, else dotted; a value that is not a
-/// string type, or of an unknown type, as '#' and hexadecimal DER. An empty Name gives the empty text. Replaces
-/// `printable` on success; false (unchanged) when the DER is not one whole Name.
+/// Printable form of a DER Name: RFC 4514 escaping (control characters as pairs of digits), RDNs in the order of the
+/// encoding, separated by ", "; values of a multi-valued RDN joined by "+"; attribute types by the map's short names,
+/// else dotted; a value that is not a valid string of one of the string types, or of an unknown attribute type, as '#'
+/// and hexadecimal DER. TeletexString is taken as Latin-1. An empty Name gives the empty text. Replaces `printable` on
+/// success; false (unchanged) when the DER is not one whole Name.
 PLATFORM_API bool asn_dn_to_printable(std::string_view name_der, std::string& printable,
                                       OID_MAP_HANDLE map = OID_MAP_HANDLE_DEFAULT_FILE);
 /// The reverse: for every Name x, printable_to_asn_dn(asn_dn_to_printable(x)) equals x by the rules of RFC 5280 7.1.
 /// Accepts ',' and ';' between RDNs, blanks around separators, quoted values, and attribute types by name (any case),
-/// dotted, or with an "OID." prefix. countryName, serialNumber and dnQualifier become PrintableString, e-mail and domain
-/// component IA5String, everything else UTF8String. False (unchanged) on bad text.
+/// dotted, or with an "OID." prefix. Country names, serialNumber, telephoneNumber and dnQualifier become
+/// PrintableString, e-mail and domain component IA5String, everything else UTF8String, as does text that those types
+/// cannot hold. False (unchanged) on bad text.
 PLATFORM_API bool printable_to_asn_dn(std::string_view printable, std::string& name_der,
                                       OID_MAP_HANDLE map = OID_MAP_HANDLE_DEFAULT_FILE);
 /// True when the name contains every attribute of the pattern (both printable forms): equal type and equal value by
-/// RFC 5280 7.1 (case and inner blanks folded), wherever they stand in the name, each attribute of the name answering at
-/// most one attribute of the pattern. An empty pattern is contained in every name; a malformed one in none.
+/// RFC 5280 7.1, wherever they stand in the name, each attribute of the name answering at most one of the
+/// pattern. An empty pattern is contained in every name; a malformed one in none.
 PLATFORM_API bool printable_dn_contain_attrs(std::string_view name, std::string_view pattern);
-/// True when both printable names are equal by RFC 5280 7.1, RDN by RDN.
+/// True when both printable names are equal by RFC 5280 7.1, RDN by RDN (the values of an RDN in any order). Identical
+/// texts are equal; a malformed one is equal to no other.
 PLATFORM_API bool printable_dn_equal(std::string_view a, std::string_view b);
 
 // --- Digests and signatures ---
@@ -149,7 +163,8 @@ PLATFORM_API bool asn_read_alg_from_digest(std::string_view digest_info, std::st
 PLATFORM_API bool asn_read_dsa_certsign(std::string_view signature_der, std::string& r, std::string& s);
 /// Length in bytes of the digest of `alg`'s hash part; 0 when unknown or when the hash is "no digest".
 PLATFORM_API unsigned PKI_HASH_LENGTH(pki_alg_t alg) noexcept;
-/// Key length in bits of a DER SubjectPublicKeyInfo of the key part of `alg`: the RSA modulus, the DSA public value
-/// y, the field of a named curve (256, 384, 521), 256 for Ed25519, 512 for 14, 270 and 271, 1024 for 272 (without
-/// looking at the data). 0 when it cannot be read.
+/// Key length in bits of a DER SubjectPublicKeyInfo of the key algorithm `alg`: the RSA modulus, the DSA public value
+/// y, the field of a named curve (256, 384, 521, ...), 256 for Ed25519, 512 for 14, 270 and 271, 1024 for 272 (without
+/// looking at the data). 0 when it cannot be read, is another algorithm's key, or when `alg` has a hash part; variant
+/// flags are ignored.
 PLATFORM_API unsigned asn_spki_key_bits(pki_alg_t alg, std::string_view spki_der) noexcept;

@@ -13,6 +13,8 @@ namespace asn1 {
 inline constexpr std::size_t kMaxNameBytes = 64 * 1024;
 /// Attributes of one name.
 inline constexpr std::size_t kMaxNameAttributes = 1024;
+/// Attributes of one RDN, which are compared each with each.
+inline constexpr std::size_t kMaxRdnAttributes = 64;
 /// Longest printable name: a byte of the encoding becomes six characters at most.
 inline constexpr std::size_t kMaxPrintableBytes = 6 * kMaxNameBytes;
 
@@ -58,6 +60,7 @@ class DnScanner {
     std::string_view text_;
     std::size_t at_ = 0;
     std::size_t count_ = 0;
+    std::size_t rdn_count_ = 0;
     bool more_ = false;  // the text is not empty, or a separator stood behind the last attribute
     bool starts_rdn_ = true;
     bool malformed_ = false;

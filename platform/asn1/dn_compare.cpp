@@ -137,7 +137,8 @@ bool SameValue(const PrintedAttribute& a, const PrintedAttribute& b) {
     if (a.form == ValueForm::kHex || b.form == ValueForm::kHex) {
         return DecodedValue(a).Equals(DecodedValue(b));
     }
-    return SameText({a.value, true}, {b.value, true});
+    const bool identical = a.value == b.value && a.value.find('\\') == std::string_view::npos;
+    return identical ? IsUtf8(a.value) : SameText({a.value, true}, {b.value, true});
 }
 
 struct Wanted {
@@ -181,7 +182,7 @@ class WantedList {
     }
 
   private:
-    static constexpr std::size_t kFew = 8;
+    static constexpr std::size_t kFew = 4;
 
     std::array<Wanted, kFew> few_;
     std::vector<Wanted> many_;

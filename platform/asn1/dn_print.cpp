@@ -103,11 +103,12 @@ bool AppendRdn(DerReader& name, OID_MAP_HANDLE map, std::size_t& attributes, std
     if (!name.Enter(kTagSet, set) || set.AtEnd()) {
         return false;
     }
-    for (bool first = true; !set.AtEnd(); first = false) {
-        if (!first) {
+    for (std::size_t count = 0; !set.AtEnd(); ++count) {
+        if (count != 0) {
             out.push_back('+');
         }
-        if (++attributes > kMaxNameAttributes || !AppendAttribute(set, map, buffer, out)) {
+        if (count == kMaxRdnAttributes || ++attributes > kMaxNameAttributes ||
+            !AppendAttribute(set, map, buffer, out)) {
             return false;
         }
     }

@@ -8,34 +8,57 @@ namespace asn1 {
 namespace {
 
 enum CharClass : unsigned char {
-    kOrdinary,
-    kBlank,
-    kSeparator,  // ends a value
-    kEscape,
-    kForbidden,  // must be escaped
-    kSpecial,  // ordinary, but the value is no longer simple
+    kTypeCharacter = 1,  // of attribute types
+    kOrdinary = 2,
+    kSpace = 4,
+    kOtherBlank = 8,
+    kSeparator = 16,  // ends a value
+    kEscape = 32,
+    kForbidden = 64,  // must be escaped
+    kSpecial = 128,  // ordinary, but the value is no longer simple
 };
+constexpr unsigned kAnyBlank = kSpace | kOtherBlank;
+constexpr unsigned kSimpleText = kOrdinary | kSpace;
+constexpr unsigned kUnescapedText = kSimpleText | kOtherBlank | kSpecial;
 
-constexpr std::array<CharClass, 256> MakeClasses() {
-    std::array<CharClass, 256> classes{};
-    for (std::size_t c = 0; c < classes.size(); ++c) {
-        classes[c] = c < ' ' || c >= 0x7F ? kSpecial : kOrdinary;
+constexpr unsigned char InitialClass(char c) {
+    if (c == '\0' || c == '"') {
+        return kForbidden;
     }
-    for (const char c : std::string_view(" \t\r\n")) {
-        classes[static_cast<unsigned char>(c)] = kBlank;
+    if (static_cast<unsigned char>(c) < ' ' || static_cast<unsigned char>(c) >= 0x7F) {
+        return kSpecial;
+    }
+    const bool type_character = IsAsciiLetter(c) || IsDigit(c) || c == '.' || c == '-';
+    return type_character ? kOrdinary | kTypeCharacter : kOrdinary;
+}
+
+constexpr std::array<unsigned char, 256> MakeClasses() {
+    std::array<unsigned char, 256> classes{};
+    for (std::size_t c = 0; c < classes.size(); ++c) {
+        classes[c] = InitialClass(static_cast<char>(c));
+    }
+    for (const char c : std::string_view("\t\r\n")) {
+        classes[static_cast<unsigned char>(c)] = kOtherBlank;
     }
     for (const char c : std::string_view(",;+")) {
         classes[static_cast<unsigned char>(c)] = kSeparator;
     }
+    classes[' '] = kSpace;
     classes['\\'] = kEscape;
-    classes['"'] = kForbidden;
-    classes['\0'] = kForbidden;
     return classes;
 }
-constexpr std::array<CharClass, 256> kClasses = MakeClasses();
+constexpr std::array<unsigned char, 256> kClasses = MakeClasses();
 
-CharClass ClassOf(char c) {
-    return kClasses[static_cast<unsigned char>(c)];
+bool IsIn(char c, unsigned classes) {
+    return (kClasses[static_cast<unsigned char>(c)] & classes) != 0;
+}
+
+/// End of the run of characters of these classes that starts at `at`.
+std::size_t RunEnd(std::string_view text, std::size_t at, unsigned classes) {
+    while (at < text.size() && IsIn(text[at], classes)) {
+        ++at;
+    }
+    return at;
 }
 
 /// What may stand behind a backslash as itself.
@@ -56,26 +79,23 @@ bool DnScanner::Next(PrintedAttribute& attribute) {
         return false;
     }
     attribute.startsRdn = starts_rdn_;
-    if (++count_ > kMaxNameAttributes || !ScanType(attribute) || !ScanValue(attribute) || !TakeSeparator()) {
+    rdn_count_ = starts_rdn_ ? 1 : rdn_count_ + 1;
+    if (++count_ > kMaxNameAttributes || rdn_count_ > kMaxRdnAttributes || !ScanType(attribute) ||
+        !ScanValue(attribute) || !TakeSeparator()) {
         return Fail();
     }
     return true;
 }
 
 void DnScanner::SkipBlanks() {
-    while (at_ < text_.size() && ClassOf(text_[at_]) == kBlank) {
-        ++at_;
-    }
+    at_ = RunEnd(text_, at_, kAnyBlank);
 }
 
 bool DnScanner::ScanType(PrintedAttribute& attribute) {
     SkipBlanks();
-    const std::size_t start = at_;
-    while (at_ < text_.size() &&
-           (IsAsciiLetter(text_[at_]) || IsDigit(text_[at_]) || text_[at_] == '.' || text_[at_] == '-')) {
-        ++at_;
-    }
-    attribute.type = text_.substr(start, at_ - start);
+    const std::size_t end = RunEnd(text_, at_, kTypeCharacter);
+    attribute.type = text_.substr(at_, end - at_);
+    at_ = end;
     SkipBlanks();
     if (attribute.type.empty() || at_ == text_.size() || text_[at_] != '=') {
         return false;
@@ -97,26 +117,23 @@ bool DnScanner::ScanValue(PrintedAttribute& attribute) {
 
 bool DnScanner::ScanPlain(PrintedAttribute& attribute) {
     const std::size_t start = at_;
-    std::size_t end = at_;  // behind the last character that is no unescaped blank
+    std::size_t last_escape_end = at_;  // blanks in front of it belong to the value
+    at_ = RunEnd(text_, at_, kSimpleText);
     bool simple = true;
-    for (; at_ < text_.size(); ++at_) {
-        const CharClass kind = ClassOf(text_[at_]);
-        if (kind == kOrdinary) {
-            end = at_ + 1;
-            continue;
-        }
-        if (kind == kSeparator) {
+    while (at_ < text_.size() && !IsIn(text_[at_], kSeparator)) {
+        simple = false;
+        at_ = RunEnd(text_, at_, kUnescapedText);
+        if (at_ == text_.size() || IsIn(text_[at_], kSeparator)) {
             break;
         }
-        if (kind == kBlank) {
-            simple = simple && text_[at_] == ' ';
-            continue;
-        }
-        simple = false;
-        if (kind == kForbidden || (kind == kEscape && !SkipEscape())) {
+        if (IsIn(text_[at_], kForbidden) || !SkipEscape()) {
             return false;
         }
-        end = at_ + 1;
+        last_escape_end = ++at_;
+    }
+    std::size_t end = at_;
+    while (end > last_escape_end && IsIn(text_[end - 1], kAnyBlank)) {
+        --end;
     }
     attribute.value = text_.substr(start, end - start);
     attribute.form = simple ? ValueForm::kSimple : ValueForm::kEscaped;
@@ -167,7 +184,7 @@ bool DnScanner::TakeSeparator() {
         return true;
     }
     starts_rdn_ = text_[at_] != '+';
-    return ClassOf(text_[at_++]) == kSeparator;
+    return IsIn(text_[at_++], kSeparator);
 }
 
 char TakeValueByte(std::string_view value, std::size_t& at) {

@@ -1,5 +1,5 @@
-// Every parser of DER values with input cut at each byte and with each bit flipped, and with random bytes: nothing may be
-// read outside the input, which the address sanitizer watches, and outputs change only on success.
+// Every parser of DER values with input cut at each byte and with each bit flipped, and with random bytes: nothing may
+// be read outside the input, which the address sanitizer watches, and outputs change only on success.
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -139,6 +139,16 @@ TEST(PrintName, RefusesWhatIsNoName) {
     }
     EXPECT_NE(Printed(der::Sequence(rdns)), "<refused>");
     EXPECT_EQ(Printed(der::Sequence(rdns + der::Set(attribute))), "<refused>") << "1025 attributes";
+    std::string set;
+    std::string text;
+    for (int i = 0; i < 64; ++i) {
+        set += attribute;
+        text += i == 0 ? "CN=x" : "+CN=x";
+    }
+    EXPECT_EQ(Printed(der::Sequence(der::Set(set))), text);
+    EXPECT_EQ(Encoded(text), der::Sequence(der::Set(set)));
+    EXPECT_EQ(Printed(der::Sequence(der::Set(set + attribute))), "<refused>") << "65 attributes in an RDN";
+    EXPECT_EQ(Encoded(text + "+CN=x"), "<refused>");
 }
 
 TEST(ParseName, AcceptedForms) {
