@@ -4,6 +4,9 @@
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
+#include <locale.h>
+#include <wctype.h>
+
 #include <algorithm>
 #include <memory>
 #include <random>
@@ -12,6 +15,7 @@
 #include <vector>
 
 #include "platform/asn1.h"
+#include "platform/asn1/text.h"
 #include "tests/asn1/crypto_types.h"
 #include "tests/support/der.h"
 
@@ -294,6 +298,32 @@ TEST(CompareNames, Equality) {
     for (const auto& c : cases) {
         EXPECT_EQ(printable_dn_equal(c.a, c.b), c.equal) << c.a << " | " << c.b;
         EXPECT_EQ(printable_dn_equal(c.b, c.a), c.equal) << c.b << " | " << c.a;
+    }
+}
+
+TEST(CompareNames, CaseFoldingAsTheCLibraryKnowsIt) {
+    const std::unique_ptr<std::remove_pointer_t<locale_t>, FreeWith<freelocale>> utf8(
+        newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr));
+    ASSERT_NE(utf8, nullptr);
+    const auto folded = [&](char32_t c) -> char32_t {
+        switch (c) {
+            case 0xB5:
+                return 0x3BC;  // micro sign and mu
+            case 0x130:
+                return c;  // has no simple folding
+            case 0x17F:
+                return 's';
+            case 0x3C2:
+                return 0x3C3;  // sigma at the end of a word
+            default:
+                return static_cast<char32_t>(towlower_l(static_cast<wint_t>(c), utf8.get()));
+        }
+    };
+    const std::pair<char32_t, char32_t> ranges[] = {{0, 0x17F}, {0x384, 0x3CE}, {0x400, 0x52F}, {0x3000, 0x30FF}};
+    for (const auto& [first, last] : ranges) {
+        for (char32_t c = first; c <= last; ++c) {
+            EXPECT_EQ(asn1::FoldCase(c), folded(c)) << "U+" << std::hex << static_cast<unsigned>(c);
+        }
     }
 }
 
