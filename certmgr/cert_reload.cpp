@@ -85,7 +85,8 @@ ReloadPass::ReloadPass(CertStorage& storage, std::uint32_t what)
       key_pair_(storage.keyPairCerts) {}
 
 void ReloadPass::ReadTokens() {
-    for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
+    for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token);
         if (!session) continue;
         if ((what_ & kReloadCertificates) != 0) ReadCertificates(session, token);

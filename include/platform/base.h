@@ -33,6 +33,7 @@ class ObjectLevelLockable {
     constexpr ObjectLevelLockable() = default;
     ~ObjectLevelLockable() = default;
     ObjectLevelLockable(const ObjectLevelLockable&) noexcept {}
+    // NOLINTNEXTLINE(cert-oop54-cpp): nothing is copied
     ObjectLevelLockable& operator=(const ObjectLevelLockable&) noexcept { return *this; }
 
     std::recursive_mutex& NativeMutex() const { return mutex_; }

@@ -72,7 +72,7 @@ class IndexTest : public StoreTest {
 
 TEST_F(IndexTest, LookUpsEqualTheOrderedWalkOnRandomLists) {
     const std::vector<std::string> pool = MakePool();
-    std::mt19937 random(7);  // NOLINT(cert-msc51-cpp): the same lists in every run
+    std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same lists in every run
     const auto below = [&random](std::size_t n) { return static_cast<unsigned>(random() % n); };
     const Strings ids = {"", "a", "b", "c"};
     for (const std::size_t size : {0U, 1U, 2U, 40U, 300U}) {

@@ -122,8 +122,7 @@ TEST_F(ObjectTest, UnknownAlgorithmsAreLoggedByIdentifier) {
 TEST_F(ObjectTest, UnknownCriticalExtensionIsRefusedUnlessPermitted) {
     const auto root = MakeCa("CN=Root");
     const auto der =
-        MakeCert({.subject = "CN=host", .extensions = {{.oid = "1.2.3.4.5", .critical = true, .der = "\x05\x00"}}},
-                 &root)
+        MakeCert({.subject = "CN=host", .extensions = {{.oid = "1.2.3.4.5", .critical = true, .der = kDerNull}}}, &root)
             .der;
     const auto cert = FromDer(der);
     EXPECT_EQ(cert->CanBeUsed(), CM::ImportCertErrorUnknownCriticalExtension);

@@ -53,14 +53,14 @@ TEST_F(ReloadTest, EveryObjectGoesWhereItBelongs) {
     card->AddCertificate(Leaf("CN=trusted peer", 5).der, {.trusted = true});
     card->AddCertificate(Leaf("CN=peer", 6).der);
     card->AddCertificate(
-        MakeCert({.subject = "CN=critical", .extensions = {{.oid = "1.2.3.4.5", .critical = true, .der = "\x05\x00"}}},
+        MakeCert({.subject = "CN=critical", .extensions = {{.oid = "1.2.3.4.5", .critical = true, .der = kDerNull}}},
                  &root)
             .der);
     card->AddCertificate("junk", {.id = "bad"});
     card->AddKeyPair("lone", test_pki::MakeKey(test_pki::KeyType::kRsa2048));
     Reload();
 
-    const auto expect = [](const CM::CertList& list, CertKind kind, Strings subjects) {
+    const auto expect = [](const CM::CertList& list, CertKind kind, const Strings& subjects) {
         Strings found = Subjects(list);
         std::sort(found.begin(), found.end());
         EXPECT_EQ(found, subjects);

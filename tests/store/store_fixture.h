@@ -18,6 +18,7 @@
 namespace store_test {
 
 inline const TLogIdent kNoIdent{};
+inline const std::string kDerNull{'\x05', '\x00'};
 
 /// Calls of the module's hooks, in order.
 class HookLog {
