@@ -28,11 +28,6 @@ CertRef FindIssuerUnlocked(const X509Cert* cert, CallersList& callers, unsigned 
     return issuer;
 }
 
-CertRef FindIssuerInStore(const X509Cert* cert, CallersList& callers, unsigned flags) {
-    const vpnfc::ReadLock lock(CertStorage::Instance());
-    return FindIssuerUnlocked(cert, callers, flags);
-}
-
 /// Trust must hold from the first trusted certificate to the end.
 ChainBuildResult JudgeTrust(const CertList& chain) {
     const auto first = std::find_if(chain.begin(), chain.end(), IsTrusted);
@@ -71,30 +66,45 @@ CallersList::CallersList(std::span<const X509Cert* const> certs) : certs_(certs)
     by_key_id_.Build(certs.size(), [&](std::size_t i) { return std::string_view(certs[i]->ext().subjectKeyIdHex); });
 }
 
-ChainBuildResult BuildCertChain(CertList& chain, CallersList& callers, unsigned flags) {
+bool ChainMembers::Add(const X509Cert* cert) {
+    const auto [entry, is_new] = known_.try_emplace(cert);
+    Known& known = entry->second;
+    if (is_new) {
+        known.cert = CertRef(cert);
+        known.first_equal = by_encoding_.try_emplace(cert, &known).first->second;
+    }
+    return std::exchange(known.first_equal->last_chain, chain_) != chain_;
+}
+
+CertRef ChainBuilder::FindIssuer(const X509Cert* cert) {
+    const vpnfc::ReadLock lock(CertStorage::Instance());
+    return FindIssuerUnlocked(cert, callers_, flags_);
+}
+
+ChainBuildResult ChainBuilder::Build(CertList& chain) {
     if (chain.empty()) return ChainNotTrusted;
-    MetCerts members(chain.begin(), chain.end());
+    members_.StartChain();
+    for (const X509Cert* member : chain) members_.Add(member);
     const X509Cert* current = chain[0];
     for (;;) {
         // 1. and 2. Stops, judged in 7.
-        const bool stop = (flags & StopAtTrusted) != 0 && IsTrusted(current);
+        const bool stop = (flags_ & StopAtTrusted) != 0 && IsTrusted(current);
         if (stop || current->selfSigned) break;
         // 3. and 4.
-        CertRef issuer = FindIssuerInStore(current, callers, flags);
+        CertRef issuer = FindIssuer(current);
         // 5.
         if (!issuer) return IsTrusted(current) ? ChainEndsAtTrusted : ChainIncomplete;
         // 6. The issuer stays in the chain even when it closes a cycle.
         current = issuer.get();
         AppendToChain(chain, std::move(issuer));
-        if (!members.insert(current).second) return ChainCycle;
+        if (!members_.Add(current)) return ChainCycle;
     }
     // 7.
     return JudgeTrust(chain);
 }
 
 ChainBuildResult BuildCertChainFromStore(CertList& chain) {
-    CallersList nobodys;
-    return BuildCertChain(chain, nobodys, kWholeStore);
+    return ChainBuilder({}, kWholeStore).Build(chain);
 }
 
 bool BuildLocalCertChain(std::vector<const X509Cert*>& chain, const X509Cert* cert, const TLogIdent& /*ident*/) {
@@ -138,8 +148,7 @@ ChainBuildResult CMT_BuildCertChain(std::vector<CM::X509Cert*>& chain,
                                     const std::vector<const CM::X509Cert*>& callers_list, unsigned flags) {
     CM::CertList found;
     for (CM::X509Cert* member : chain) found.Append(member);
-    CM::CallersList callers(callers_list);
-    const ChainBuildResult result = CM::BuildCertChain(found, callers, flags);
+    const ChainBuildResult result = CM::ChainBuilder(callers_list, flags).Build(found);
     for (std::size_t i = chain.size(); i < found.size(); ++i) chain.push_back(CM::MutableCertRef(found[i]).Detach());
     return result;
 }

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <set>
+#include <map>
 #include <span>
 #include <string_view>
 #include <unordered_map>
@@ -158,8 +158,45 @@ struct EncodingLess {
         return order != 0 ? order < 0 : a->rawCert < b->rawCert;
     }
 };
-/// Certificates that were met; equal encodings count once. Somebody else keeps them alive.
-using MetCerts = std::set<const X509Cert*, EncodingLess>;
+
+/// Members of the chains that are built one after the other. Equal encodings count as one certificate; they are
+/// compared when a certificate is met first, not for every chain.
+class ChainMembers {
+  public:
+    void StartChain() { ++chain_; }
+    /// False when the chain has the certificate already.
+    bool Add(const X509Cert* cert);
+
+  private:
+    struct Known {
+        CertRef cert;  // kept, so that no other certificate takes its address
+        Known* first_equal = nullptr;
+        std::uint64_t last_chain = 0;  // of the first of those that are equal
+    };
+    std::unordered_map<const X509Cert*, Known> known_;
+    std::map<const X509Cert*, Known*, EncodingLess> by_encoding_;
+    std::uint64_t chain_ = 0;
+};
+
+/// Builds chains with one caller's list, which outlives this object. Used by one thread.
+class ChainBuilder {
+  public:
+    explicit ChainBuilder(std::span<const X509Cert* const> callers_list, unsigned flags)
+        : callers_(callers_list), flags_(flags) {}
+
+    /// CMT_BuildCertChain.
+    ChainBuildResult Build(CertList& chain);
+
+  private:
+    CertRef FindIssuer(const X509Cert* cert);
+
+    CallersList callers_;
+    ChainMembers members_;
+    const unsigned flags_;
+};
+
+/// Builds a chain from all lists of the store and nothing else.
+ChainBuildResult BuildCertChainFromStore(CertList& chain);
 
 /// Appends a member. The interfaces hold chains by mutable pointers; nobody changes a published certificate.
 inline void AppendToChain(CertList& chain, CertRef member) {
@@ -169,10 +206,5 @@ inline void AppendToChain(CertList& chain, CertRef member) {
 inline bool IsTrusted(const X509Cert* cert) {
     return cert->info.kind == kCertKindTrusted;
 }
-
-/// CMT_BuildCertChain for callers that build several chains from one list.
-ChainBuildResult BuildCertChain(CertList& chain, CallersList& callers, unsigned flags);
-/// The same from all lists of the store and nothing else.
-ChainBuildResult BuildCertChainFromStore(CertList& chain);
 
 }  // namespace CM

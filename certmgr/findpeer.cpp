@@ -1,6 +1,7 @@
 #include "certmgr/findpeer.h"
 
 #include <iterator>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,7 +79,7 @@ class PeerSearch {
           crl_mode_(crl_mode),
           default_crl_server_(default_crl_server),
           ident_(ident),
-          callers_(received),
+          builder_(received, SearchTrusted | SearchOther),
           verify_task_(rule.cert_trust, true, now_, ident) {}
 
     /// The first candidate that passes every check, or null.
@@ -105,8 +106,8 @@ class PeerSearch {
     std::uint64_t pattern_number_ = 0;
     // The candidates and their chains keep alive what the members below point at.
     PeerCertStatuses statuses_;
-    MetCerts candidates_;
-    CallersList callers_;
+    std::set<const X509Cert*, EncodingLess> candidates_;
+    ChainBuilder builder_;  // never from the personal list
     VerifyCertChainTask verify_task_;
 };
 
@@ -186,9 +187,8 @@ Refusal PeerSearch::JudgeByItself(const X509Cert* cert) const {
 
 /// 3.2. Builds the candidate's chain and judges it.
 Refusal PeerSearch::JudgeChain(CertList& chain) {
-    // 3.2.1. and 3.2.2. Never from the personal list.
-    const ChainBuildResult built = BuildCertChain(chain, callers_, SearchTrusted | SearchOther);
-    if (Refusal refusal = RefusalOfBuild(built)) return refusal;
+    // 3.2.1. and 3.2.2.
+    if (Refusal refusal = RefusalOfBuild(builder_.Build(chain))) return refusal;
     // 3.2.3.
     if (Refusal refusal = verify_task_.Run(chain.certs())) return refusal;
     // 3.2.4.
