@@ -115,7 +115,7 @@ class PLATFORM_API Manager {
     void ReloadTokensContent(int wait_mode);
 
   private:
-    Manager() = default;
+    constexpr Manager() = default;
 };
 
 /// A session on a token. Used by one thread at a time. Opening is checked with opened(); every other operation on

@@ -1,0 +1,85 @@
+#include "platform/tokens/module.h"
+
+#include <p11-kit/p11-kit.h>
+
+#include <cstdlib>
+
+namespace tokens {
+
+std::shared_ptr<const Module> Module::Load(const Provider& provider, std::string& error) {
+    NoteModuleCall("C_GetFunctionList");
+    CK_FUNCTION_LIST* const list = p11_kit_module_load(provider.module_path.c_str(), P11_KIT_MODULE_UNMANAGED);
+    if (list == nullptr) {
+        const char* const reason = p11_kit_message();
+        error = reason == nullptr ? "cannot be loaded" : reason;
+        return nullptr;
+    }
+    const std::shared_ptr<Module> module(new Module(list));
+    // What the module registered for the end of the process runs after this.
+    std::atexit(Stop);
+    if (const Result result = module->Initialize(provider.init_args); !result.ok()) {
+        error = std::string(result.function) + ": " + RvName(result.rv);
+        return nullptr;
+    }
+    return module;
+}
+
+Result Module::Initialize(const std::string& init_args) {
+    std::string reserved = init_args;
+    CK_C_INITIALIZE_ARGS args{};
+    args.flags = CKF_OS_LOCKING_OK;
+    args.pReserved = reserved.empty() ? nullptr : reserved.data();
+    Result result = api_.Initialize(args);
+    finalize_ = result.ok();
+    // Somebody else in the process uses the module, too; it is theirs to finalise.
+    if (result.rv == CKR_CRYPTOKI_ALREADY_INITIALIZED) result.rv = CKR_OK;
+    return result;
+}
+
+Module::~Module() {
+    if (finalize_) api_.Finalize();
+    p11_kit_module_release(list_);
+}
+
+ModuleLinkPtr ModuleLink::Make(CallRunner::Milliseconds limit, std::function<void()> on_trouble,
+                               std::function<void(const char*)> on_stuck) {
+    const ModuleLinkPtr link(new ModuleLink(std::move(on_trouble)));
+    // An abandoned call may return when the link is long gone.
+    const std::weak_ptr<ModuleLink> weak = link;
+    link->runner_ = std::make_unique<CallRunner>(
+        limit,
+        [weak, told = std::move(on_stuck)](const char* function) {
+            if (const ModuleLinkPtr self = weak.lock()) self->stuck_ = true;
+            told(function);
+        },
+        [weak] {
+            const ModuleLinkPtr self = weak.lock();
+            if (self == nullptr) return;
+            self->stuck_ = false;
+            self->on_trouble_();
+        });
+    return link;
+}
+
+ModuleLink::Entry ModuleLink::Enter() {
+    // The count goes up before the flag is read, and Close sets the flag before it reads the count: one of the two
+    // sees the other.
+    inside_.fetch_add(1);
+    if (!closed_ && !stuck_) return Entry(this);
+    Leave();
+    return {};
+}
+
+void ModuleLink::Leave() {
+    if (inside_.fetch_sub(1) != 1 || !closed_) return;
+    const std::lock_guard lock(empty_mutex_);
+    empty_.notify_all();
+}
+
+bool ModuleLink::Close(CallRunner::Milliseconds limit) {
+    closed_ = true;
+    std::unique_lock lock(empty_mutex_);
+    return empty_.wait_for(lock, limit, [&] { return inside_ == 0; });
+}
+
+}  // namespace tokens

@@ -1,0 +1,95 @@
+// A loaded PKCS #11 module, and the way into it that everything working on its tokens shares.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/tokens/call_runner.h"
+#include "platform/tokens/ck_api.h"
+#include "platform/tokens/token_host.h"
+
+namespace tokens {
+
+/// Loads a module and initialises it; the destructor finalises and unloads. All of it calls into the module.
+class Module {
+  public:
+    /// Null, and why, when it cannot be loaded or initialised.
+    static std::shared_ptr<const Module> Load(const Provider& provider, std::string& error);
+    ~Module();
+    Module(const Module&) = delete;
+    Module& operator=(const Module&) = delete;
+
+    const Api& api() const { return api_; }
+
+  private:
+    explicit Module(CK_FUNCTION_LIST* list) : list_(list), api_(list) {}
+    Result Initialize(const std::string& init_args);
+
+    CK_FUNCTION_LIST* list_;
+    Api api_;
+    bool finalize_ = false;
+};
+
+/// Shared by a provider, its tokens and their sessions. Closing it keeps everyone out of the module, so that it can be
+/// finalised while tokens and sessions of it still exist.
+class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
+  public:
+    /// A stay in the module: while it lasts, the module is there.
+    class Entry {
+      public:
+        Entry() = default;
+        explicit Entry(ModuleLink* link) : link_(link) {}
+        ~Entry() {
+            if (link_ != nullptr) link_->Leave();
+        }
+        Entry(Entry&& other) noexcept : link_(std::exchange(other.link_, nullptr)) {}
+        Entry& operator=(Entry&&) = delete;
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
+
+        explicit operator bool() const { return link_ != nullptr; }
+
+      private:
+        ModuleLink* link_ = nullptr;
+    };
+
+    /// `on_trouble` is told about slots that ought to be looked at again, `on_stuck` about a call that did not return;
+    /// both run on the thread that met it.
+    static std::shared_ptr<ModuleLink> Make(CallRunner::Milliseconds limit, std::function<void()> on_trouble,
+                                            std::function<void(const char*)> on_stuck);
+
+    /// Opens the way, once, before anyone else has the link.
+    void Open(std::shared_ptr<const Module> module) { module_ = std::move(module); }
+    /// Not to be called without an Entry.
+    const Api& api() const { return module_->api(); }
+    CallRunner& runner() { return *runner_; }
+
+    /// Empty when the link is closed or the module does not answer.
+    Entry Enter();
+    void LookAgain() const { on_trouble_(); }
+
+    /// Lets nobody in any more and waits for those inside. False when some are still there.
+    bool Close(CallRunner::Milliseconds limit);
+    /// Gives the module up after Close succeeded; it is finalised on the thread that drops the last reference.
+    std::shared_ptr<const Module> TakeModule() { return std::move(module_); }
+
+  private:
+    explicit ModuleLink(std::function<void()> on_trouble) : on_trouble_(std::move(on_trouble)) {}
+    void Leave();
+
+    std::shared_ptr<const Module> module_;
+    std::function<void()> on_trouble_;
+    std::unique_ptr<CallRunner> runner_;
+    std::atomic<bool> stuck_{false};
+    std::atomic<bool> closed_{false};
+    std::atomic<int> inside_{0};
+    std::mutex empty_mutex_;
+    std::condition_variable empty_;
+};
+using ModuleLinkPtr = std::shared_ptr<ModuleLink>;
+
+}  // namespace tokens

@@ -1,0 +1,358 @@
+#include "platform/tokens/objects.h"
+
+#include <span>
+#include <string_view>
+#include <unordered_set>
+
+#include "platform/tokens/attributes.h"
+#include "platform/tokens/key_codec.h"
+#include "platform/tokens/object_layout.h"
+
+namespace tokens {
+namespace {
+
+// Sizes that nearly all values fit, so that one call reads an object.
+constexpr CK_ULONG kIdBytes = 256;
+constexpr CK_ULONG kCertificateBytes = 8192;
+constexpr CK_ULONG kCrlBytes = 65536;
+constexpr CK_ULONG kLabelBytes = 1024;
+constexpr CK_ULONG kComponentBytes = 1024;
+
+bool IsGone(CK_RV rv) {
+    return rv == CKR_OBJECT_HANDLE_INVALID || rv == CKR_KEY_HANDLE_INVALID;
+}
+
+void Sort(CK_OBJECT_HANDLE object, CK_OBJECT_CLASS object_class, ObjectListing& listing) {
+    switch (object_class) {
+        case CKO_CERTIFICATE:
+            return listing.certificates.push_back(object);
+        case CKO_PUBLIC_KEY:
+            return listing.public_keys.push_back(object);
+        case CKO_PRIVATE_KEY:
+            return listing.private_keys.push_back(object);
+        case CKO_SECRET_KEY:
+            return listing.secret_keys.push_back(object);
+        case CKO_DATA:
+            return listing.data.push_back(object);
+        default:
+            return;
+    }
+}
+
+/// Reads the objects one after the other into `take`, which sees only those that are still there and of that class:
+/// the first attribute of the reader is CKA_CLASS. `stale` is set when one is of another class.
+template <typename Take>
+Result ReadEach(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, CK_OBJECT_CLASS object_class,
+                AttributeReader& reader, bool& stale, const Take& take) {
+    for (const CK_OBJECT_HANDLE object : objects) {
+        const Result result = reader.Read(session.api(), session.handle(), object);
+        if (IsGone(result.rv)) continue;
+        if (!result.ok()) return result;
+        if (reader.Number(0, object_class) == object_class) {
+            take(object);
+        } else {
+            stale = true;
+        }
+    }
+    return {};
+}
+
+/// CK_DATE, end of that day; unknown when empty or no date.
+cert_time64_t EndOfDay(std::string_view date) {
+    if (date.size() != 8 || date.find_first_not_of("0123456789") != std::string_view::npos) return CERT_TIME_UNKNOWN;
+    const auto number = [&](std::size_t at, std::size_t count) {
+        int value = 0;
+        for (const char digit : date.substr(at, count)) value = value * 10 + (digit - '0');
+        return value;
+    };
+    std::tm tm{};
+    tm.tm_year = number(0, 4) - 1900;
+    tm.tm_mon = number(4, 2) - 1;
+    tm.tm_mday = number(6, 2);
+    if (tm.tm_mon < 0 || tm.tm_mon > 11 || tm.tm_mday < 1 || tm.tm_mday > 31) return CERT_TIME_UNKNOWN;
+    tm.tm_hour = 23;
+    tm.tm_min = 59;
+    tm.tm_sec = 59;
+    return CertTimeFromTm(tm);
+}
+
+struct KeyObject {
+    CK_OBJECT_HANDLE handle = CK_INVALID_HANDLE;
+    CK_KEY_TYPE type = CK_UNAVAILABLE_INFORMATION;
+    pki_alg_t alg = 0;
+    std::string id{};
+    cert_time64_t not_after = CERT_TIME_UNKNOWN;
+};
+
+Result ReadKeys(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, CK_OBJECT_CLASS object_class,
+                std::vector<KeyObject>& keys, bool& stale) {
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
+                            {CKA_KEY_TYPE, sizeof(CK_ULONG)},
+                            {CKA_ID, kIdBytes},
+                            {CKA_END_DATE, sizeof(CK_DATE)},
+                            {CKA_GOSTR3411_PARAMS, kIdBytes}});
+    return ReadEach(session, objects, object_class, reader, stale, [&](CK_OBJECT_HANDLE object) {
+        const CK_KEY_TYPE type = reader.Number(1, CK_UNAVAILABLE_INFORMATION);
+        keys.push_back({object, type, KeyAlgOfObject(type, reader.Bytes(4)), std::string(reader.Bytes(2)),
+                        EndOfDay(reader.Bytes(3))});
+    });
+}
+
+/// Reads the components of a key into strings of some kind; one that is not shown is empty.
+template <typename Component>
+Result ReadComponents(Session& session, CK_OBJECT_HANDLE key, std::span<const CK_ATTRIBUTE_TYPE> types,
+                      std::vector<Component>& components) {
+    std::vector<AttributeReader::Wanted> wanted;
+    for (const CK_ATTRIBUTE_TYPE type : types) wanted.push_back({type, kComponentBytes});
+    AttributeReader reader(wanted);
+    const Result result = reader.Read(session.api(), session.handle(), key);
+    for (std::size_t i = 0; i < types.size(); ++i) components.emplace_back(reader.Bytes(i));
+    return result;
+}
+
+/// End of usage by identifier, and the key pairs.
+struct KeyPairs {
+    std::vector<KeyObject> keys{};
+    std::unordered_map<std::string_view, cert_time64_t> not_after{};
+};
+
+Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private_keys_visible, KeyPairs& pairs,
+                    bool& stale) {
+    Result result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, pairs.keys, stale);
+    if (result.ok() && !private_keys_visible) {
+        std::vector<KeyObject> public_keys;
+        result = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, public_keys, stale);
+        std::unordered_set<std::string> ids;
+        for (const KeyObject& key : pairs.keys) ids.insert(key.id);
+        for (KeyObject& key : public_keys) {
+            if (ids.insert(key.id).second) pairs.keys.push_back(std::move(key));
+        }
+    }
+    for (const KeyObject& key : pairs.keys) pairs.not_after.emplace(key.id, key.not_after);
+    return result;
+}
+
+FoundOutcome Find(Session& session, AttributeTemplate& wanted) {
+    FoundOutcome found;
+    found.result = FindObjects(session.api(), session.handle(), wanted, found.objects);
+    return found;
+}
+
+}  // namespace
+
+ListingOutcome ListObjects(Session& session, const std::shared_ptr<const ObjectClasses>& known) {
+    AttributeTemplate everything;
+    const FoundOutcome found = Find(session, everything);
+    if (!found.result.ok()) return {found.result};
+
+    const auto listing = std::make_shared<ObjectListing>();
+    const auto classes = std::make_shared<ObjectClasses>();
+    classes->reserve(found.objects.size());
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}});
+    for (const CK_OBJECT_HANDLE object : found.objects) {
+        CK_OBJECT_CLASS object_class = CK_UNAVAILABLE_INFORMATION;
+        if (const auto it = known ? known->find(object) : ObjectClasses::const_iterator();
+            known && it != known->end()) {
+            object_class = it->second;
+        } else {
+            const Result result = reader.Read(session.api(), session.handle(), object);
+            if (IsGone(result.rv)) continue;
+            if (!result.ok()) return {result};
+            object_class = reader.Number(0, CK_UNAVAILABLE_INFORMATION);
+        }
+        classes->emplace(object, object_class);
+        Sort(object, object_class, *listing);
+    }
+    listing->classes = classes;
+    return {{}, listing};
+}
+
+ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const ObjectListing& listing,
+                                                    bool private_keys_visible) {
+    ObjectsOutcome<PKCS11::CertObject> outcome;
+    KeyPairs pairs;
+    outcome.result = ReadKeyPairs(session, listing, private_keys_visible, pairs, outcome.stale);
+    if (!outcome.result.ok()) return outcome;
+
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
+                            {CKA_ID, kIdBytes},
+                            {CKA_CERTIFICATE_CATEGORY, sizeof(CK_ULONG)},
+                            {CKA_TRUSTED, sizeof(CK_BBOOL)},
+                            {CKA_VALUE, kCertificateBytes}});
+    std::unordered_set<std::string_view> certified;
+    outcome.result =
+        ReadEach(session, listing.certificates, CKO_CERTIFICATE, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
+            PKCS11::CertObject& object = outcome.objects.emplace_back();
+            object.id = reader.Bytes(1);
+            object.category = static_cast<std::uint32_t>(reader.Number(2, 0));
+            object.trusted = reader.Flag(3);
+            object.value = reader.Bytes(4);
+            // The marker is ours: a token that uses the number says nothing that is known.
+            if (object.category == PKCS11::kKeyPairCategory) object.category = 0;
+            certified.insert(object.id);
+            if (const auto pair = pairs.not_after.find(object.id);
+                !object.id.empty() && pair != pairs.not_after.end()) {
+                object.keyNotAfter = pair->second;
+            }
+        });
+    if (!outcome.result.ok()) return outcome;
+    for (const KeyObject& key : pairs.keys) {
+        if (certified.count(key.id) > 0) continue;
+        PKCS11::CertObject& object = outcome.objects.emplace_back();
+        object.id = key.id;
+        object.category = PKCS11::kKeyPairCategory;
+        object.keyAlg = key.alg;
+        object.keyNotAfter = key.not_after;
+    }
+    return outcome;
+}
+
+ObjectsOutcome<PKCS11::CRLObject> ReadCrls(Session& session, const ObjectListing& listing) {
+    ObjectsOutcome<PKCS11::CRLObject> outcome;
+    if (listing.data.empty()) return outcome;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
+                            {CKA_APPLICATION, kLabelBytes},
+                            {CKA_OBJECT_ID, kIdBytes},
+                            {CKA_VALUE, kCrlBytes}});
+    outcome.result = ReadEach(session, listing.data, CKO_DATA, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
+        if (reader.Bytes(1) != kCrlApplication) return;
+        outcome.objects.push_back({std::string(reader.Bytes(2)), std::string(reader.Bytes(3))});
+    });
+    return outcome;
+}
+
+ObjectsOutcome<PKCS11::PresharedKeyObject> ReadPresharedKeys(Session& session, const ObjectListing& listing) {
+    ObjectsOutcome<PKCS11::PresharedKeyObject> outcome;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_KEY_TYPE, sizeof(CK_ULONG)}, {CKA_LABEL, kLabelBytes}});
+    outcome.result =
+        ReadEach(session, listing.secret_keys, CKO_SECRET_KEY, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
+            if (reader.Number(1, CK_UNAVAILABLE_INFORMATION) != CKK_GENERIC_SECRET || reader.Bytes(2).empty()) return;
+            outcome.objects.push_back({std::string(reader.Bytes(2))});
+        });
+    return outcome;
+}
+
+void PublicKeyIndex::Add(Key key) {
+    const Key& added = keys_.emplace_back(std::move(key));
+    by_spki_.emplace(added.spki, &added);
+    by_id_.emplace(added.id, &added);
+}
+
+const PublicKeyIndex::Key* PublicKeyIndex::FindBySpki(const std::string& spki) const {
+    const auto found = by_spki_.find(spki);
+    return found == by_spki_.end() ? nullptr : found->second;
+}
+
+const PublicKeyIndex::Key* PublicKeyIndex::FindById(pki_alg_t alg, const std::string& id) const {
+    const auto [begin, end] = by_id_.equal_range(id);
+    for (auto it = begin; it != end; ++it) {
+        if (it->second->alg == (alg & PKI_ALG_MASK)) return it->second;
+    }
+    return nullptr;
+}
+
+IndexOutcome IndexPublicKeys(Session& session, const ObjectListing& listing) {
+    std::vector<KeyObject> keys;
+    bool stale = false;
+    Result result = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, keys, stale);
+    std::vector<KeyObject> private_keys;
+    if (result.ok()) result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, private_keys, stale);
+    if (!result.ok()) return {result};
+    // Only RSA private keys carry their public half under the same attributes.
+    for (KeyObject& key : private_keys) {
+        if (key.type == CKK_RSA) keys.push_back(std::move(key));
+    }
+    auto index = std::make_shared<PublicKeyIndex>();
+    for (KeyObject& key : keys) {
+        std::vector<std::string> components;
+        result = ReadComponents(session, key.handle, PublicComponents(key.type), components);
+        if (IsGone(result.rv)) continue;
+        if (!result.ok()) return {result};
+        std::string spki = SpkiFromComponents(key.alg, components);
+        if (!spki.empty()) index->Add({std::move(key.id), key.alg, std::move(spki)});
+    }
+    return {{}, std::move(index), stale};
+}
+
+FoundOutcome FindById(Session& session, CK_OBJECT_CLASS object_class, const std::string& id) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, object_class).Bytes(CKA_ID, id);
+    return Find(session, wanted);
+}
+
+FoundOutcome FindPrivateKeys(Session& session, pki_alg_t alg, const std::string& id) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, CKO_PRIVATE_KEY).Bytes(CKA_ID, id).Number(CKA_KEY_TYPE, KeyTypeOf(alg));
+    return Find(session, wanted);
+}
+
+FoundOutcome FindCrls(Session& session, const std::string& id) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, CKO_DATA).Bytes(CKA_APPLICATION, kCrlApplication).Bytes(CKA_OBJECT_ID, id);
+    return Find(session, wanted);
+}
+
+FoundOutcome FindPresharedKeys(Session& session, const std::string& name) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, CKO_SECRET_KEY).Number(CKA_KEY_TYPE, CKK_GENERIC_SECRET).Bytes(CKA_LABEL, name);
+    return Find(session, wanted);
+}
+
+CertificatesOutcome FindCertificates(Session& session, const std::string& id) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, CKO_CERTIFICATE);
+    if (!id.empty()) wanted.Bytes(CKA_ID, id);
+    const FoundOutcome found = Find(session, wanted);
+    CertificatesOutcome outcome{found.result};
+    bool stale = false;
+    if (!found.result.ok()) return outcome;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_VALUE, kCertificateBytes}});
+    outcome.result = ReadEach(session, found.objects, CKO_CERTIFICATE, reader, stale, [&](CK_OBJECT_HANDLE object) {
+        outcome.certificates.push_back({object, std::string(reader.Bytes(1))});
+    });
+    return outcome;
+}
+
+DeleteOutcome Delete(Session& session, const FoundOutcome& found) {
+    DeleteOutcome outcome{found.result};
+    for (const CK_OBJECT_HANDLE object : found.objects) {
+        const Result result = session.api().DestroyObject(session.handle(), object);
+        if (result.ok()) {
+            outcome.deleted = true;
+        } else if (!IsGone(result.rv)) {
+            outcome.result = result;
+        }
+    }
+    return outcome;
+}
+
+SecretOutcome ReadPresharedKey(Session& session, const std::string& name) {
+    const FoundOutcome found = FindPresharedKeys(session, name);
+    if (!found.result.ok()) return {found.result};
+    AttributeReader reader({{CKA_VALUE, kLabelBytes}});
+    for (const CK_OBJECT_HANDLE object : found.objects) {
+        const Result result = reader.Read(session.api(), session.handle(), object);
+        if (IsGone(result.rv)) continue;
+        if (!result.ok()) return {result};
+        if (reader.Has(0)) return {result, vpnfc::SecretString(reader.Bytes(0))};
+    }
+    return {};
+}
+
+SecretOutcome ReadPrivateKey(Session& session, const std::string& id) {
+    const FoundOutcome found = FindById(session, CKO_PRIVATE_KEY, id);
+    if (!found.result.ok()) return {found.result};
+    std::vector<KeyObject> keys;
+    bool stale = false;
+    Result result = ReadKeys(session, found.objects, CKO_PRIVATE_KEY, keys, stale);
+    if (!result.ok() || keys.empty()) return {result};
+    const KeyObject& key = keys.front();
+    std::vector<vpnfc::SecretString> components;
+    result = ReadComponents(session, key.handle, PrivateComponents(key.type), components);
+    if (!result.ok()) return {result};
+    vpnfc::SecretString pkcs8 = Pkcs8FromComponents(key.alg, components);
+    if (pkcs8.empty()) return {};
+    return {result, std::move(pkcs8)};
+}
+
+}  // namespace tokens

@@ -1,0 +1,36 @@
+// Cryptographic operations of a session. Each is one PKCS #11 operation, or one after what makes it possible.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/tokens/session.h"
+
+namespace tokens {
+
+struct VerifyOutcome {
+    Result result{};
+    bool valid = false;
+};
+/// A signature that cannot be right (its form, or a key of another algorithm) is not valid without asking the token.
+VerifyOutcome Verify(Session& session, pki_alg_t alg, const std::string& spki, const std::string& digest,
+                     const std::string& signature);
+
+struct BytesOutcome {
+    Result result{};
+    std::optional<std::string> bytes{};
+};
+/// The block that an RSA signature holds, without its PKCS #1 type 1 padding. `recover`: with C_VerifyRecover.
+BytesOutcome RecoverSignedBlock(Session& session, const std::string& spki, const std::string& signature, bool recover);
+BytesOutcome Digest(Session& session, CK_MECHANISM_TYPE mechanism, std::size_t length, const std::string& data);
+struct SignOutcome {
+    Result result{};
+    std::optional<std::string> bytes{};
+    CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;  // the one that signed
+};
+/// DSA and ECDSA signatures in DER. `key` is what was remembered, if anything: the key is looked for when that is not
+/// a key any more. A key that is not found because nobody is logged in is CKR_USER_NOT_LOGGED_IN.
+SignOutcome Sign(Session& session, pki_alg_t alg, const std::string& id, std::optional<CK_OBJECT_HANDLE> key,
+                 const std::string& digest);
+
+}  // namespace tokens

@@ -1,0 +1,164 @@
+#include "platform/tokens/slot_scan.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+
+namespace tokens {
+namespace {
+
+constexpr CK_ULONG kMaxSlots = 1024;
+
+template <std::size_t Size>
+std::string Trimmed(const unsigned char (&field)[Size]) {
+    const std::string_view text(reinterpret_cast<const char*>(field), Size);
+    const std::size_t end = text.substr(0, std::min(text.find('\0'), Size)).find_last_not_of(' ');
+    return std::string(text.substr(0, end == std::string_view::npos ? 0 : end + 1));
+}
+
+/// The fields as the token gives them, blanks included: of fixed widths, so that they cannot run into each other.
+std::uint64_t Identify(const CK_TOKEN_INFO& info) {
+    std::string fields;
+    fields.append(reinterpret_cast<const char*>(info.manufacturerID), sizeof info.manufacturerID);
+    fields.append(reinterpret_cast<const char*>(info.model), sizeof info.model);
+    fields.append(reinterpret_cast<const char*>(info.serialNumber), sizeof info.serialNumber);
+    fields.append(reinterpret_cast<const char*>(info.label), sizeof info.label);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned length = 0;
+    EVP_Digest(fields.data(), fields.size(), digest.data(), &length, EVP_sha256(), nullptr);
+    std::uint64_t id = 0;
+    for (std::size_t i = 0; i < sizeof id; ++i) id = id << 8 | digest[i];
+    return id;
+}
+
+PKCS11::TokenInfo MakeInfo(const std::string& provider, const CK_SLOT_INFO& slot, const CK_TOKEN_INFO& token) {
+    PKCS11::TokenInfo info;
+    info.id = Identify(token);
+    info.label = Trimmed(token.label);
+    info.manufacturer = Trimmed(token.manufacturerID);
+    info.model = Trimmed(token.model);
+    info.serialNumber = Trimmed(token.serialNumber);
+    info.slotDescription = Trimmed(slot.slotDescription);
+    info.providerName = provider;
+    info.writeProtected = (token.flags & CKF_WRITE_PROTECTED) != 0;
+    info.loginRequired = (token.flags & CKF_LOGIN_REQUIRED) != 0;
+    info.hardware = (slot.flags & CKF_HW_SLOT) != 0;
+    info.removable = (slot.flags & CKF_REMOVABLE_DEVICE) != 0;
+    info.pinPad = (token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
+    return info;
+}
+
+Result ListSlots(const Api& api, std::vector<CK_SLOT_ID>& slots) {
+    for (int attempt = 0;; ++attempt) {
+        CK_ULONG count = 0;
+        // Asking for the number is also what makes modules look for new slots.
+        Result result = api.GetSlotList(true, nullptr, count);
+        if (!result.ok()) return result;
+        slots.resize(std::min(count, kMaxSlots));
+        count = slots.size();
+        if (count > 0) result = api.GetSlotList(true, slots.data(), count);
+        if (result.rv == CKR_BUFFER_TOO_SMALL && attempt < 3) continue;  // one more token since
+        if (result.ok()) slots.resize(std::min<std::size_t>(count, slots.size()));
+        return result;
+    }
+}
+
+bool IsAbsent(CK_RV rv) {
+    return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID ||
+           rv == CKR_TOKEN_NOT_RECOGNIZED;
+}
+
+/// The login state through the watching session, opened first where there is none.
+Result WatchLogin(const Token& token, SessionPtr& session, LoginState& state) {
+    if (session == nullptr) {
+        const Result result = token.Open(session);
+        if (!result.ok()) return result;
+    }
+    CK_SESSION_INFO info{};
+    const Result result = session->api().GetSessionInfo(session->handle(), info);
+    if (info.state == CKS_RW_USER_FUNCTIONS || info.state == CKS_RO_USER_FUNCTIONS) state = LoginState::kUser;
+    if (info.state == CKS_RW_SO_FUNCTIONS) state = LoginState::kSecurityOfficer;
+    return result;
+}
+
+TokenPtr FindKnown(const std::vector<TokenPtr>& known, CK_SLOT_ID slot, std::uint64_t id) {
+    const auto found = std::find_if(known.begin(), known.end(),
+                                    [&](const TokenPtr& token) { return token->slot() == slot && token->id() == id; });
+    return found == known.end() ? nullptr : *found;
+}
+
+class Scan {
+  public:
+    Scan(const ModuleLinkPtr& link, const std::string& provider, const std::vector<TokenPtr>& known)
+        : link_(link), api_(link->api()), provider_(provider), known_(known) {}
+
+    ScanOutcome Run() {
+        std::vector<CK_SLOT_ID> slots;
+        outcome_.result = ListSlots(api_, slots);
+        if (!outcome_.result.ok()) return std::move(outcome_);
+        for (const CK_SLOT_ID slot : slots) {
+            const Result result = Look(slot);
+            if (!result.ok() && !IsAbsent(result.rv)) outcome_.troubles.push_back({slot, result});
+        }
+        return std::move(outcome_);
+    }
+
+  private:
+    Result Look(CK_SLOT_ID slot) {
+        CK_SLOT_INFO slot_info{};
+        CK_TOKEN_INFO token_info{};
+        Result result = api_.GetSlotInfo(slot, slot_info);
+        if (result.ok()) result = api_.GetTokenInfo(slot, token_info);
+        if (!result.ok() || (token_info.flags & CKF_TOKEN_INITIALIZED) == 0) return result;
+        SeenToken seen;
+        seen.info = MakeInfo(provider_, slot_info, token_info);
+        seen.token = FindKnown(known_, slot, seen.info.id);
+        if (seen.token != nullptr && WatchKnown(seen)) {
+            outcome_.tokens.push_back(std::move(seen));
+            return {};
+        }
+        return LookAtNew(slot, std::move(seen));
+    }
+
+    /// False when the token was taken out and put back: the session on it is gone.
+    static bool WatchKnown(SeenToken& seen) {
+        SessionPtr session = seen.token->watch_session();
+        const bool watched = session != nullptr;
+        seen.login_changes = seen.token->login_changes();
+        seen.info.holdsTrusted = !seen.info.writeProtected && !seen.token->mechanisms().empty();
+        const Result result = WatchLogin(*seen.token, session, seen.login_state);
+        if (result.ok() && !watched) seen.token->SetWatchSession(session);
+        return result.ok() || !watched;
+    }
+
+    Result LookAtNew(CK_SLOT_ID slot, SeenToken seen) {
+        MechanismList mechanisms;
+        if (const Result result = MechanismList::Read(api_, slot, mechanisms); !result.ok()) return result;
+        // A token without mechanisms is a list of certificates that others maintain.
+        seen.info.holdsTrusted = !seen.info.writeProtected && !mechanisms.empty();
+        seen.is_new = true;
+        seen.token = std::make_shared<Token>(link_, slot, seen.info, std::move(mechanisms));
+        SessionPtr session;
+        const Result result = WatchLogin(*seen.token, session, seen.login_state);
+        if (result.ok()) seen.token->SetWatchSession(session);
+        // One that does not open a session now is listed all the same: it may be busy.
+        if (IsAbsent(result.rv)) return result;
+        outcome_.tokens.push_back(std::move(seen));
+        return {};
+    }
+
+    const ModuleLinkPtr& link_;
+    const Api& api_;
+    const std::string& provider_;
+    const std::vector<TokenPtr>& known_;
+    ScanOutcome outcome_;
+};
+
+}  // namespace
+
+ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known) {
+    return Scan(link, provider_name, known).Run();
+}
+
+}  // namespace tokens

@@ -1,0 +1,34 @@
+// Looks which tokens stand in the slots of a module.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/tokens/token.h"
+
+namespace tokens {
+
+struct SeenToken {
+    TokenPtr token{};
+    bool is_new = false;
+    PKCS11::TokenInfo info{};
+    LoginState login_state = LoginState::kPublic;
+    unsigned login_changes = 0;  // of the token, before the state was asked for
+};
+
+struct SlotTrouble {
+    CK_SLOT_ID slot = 0;
+    Result result{};
+};
+
+struct ScanOutcome {
+    Result result{};  // of the listing of slots
+    std::vector<SeenToken> tokens{};  // in the module's order
+    std::vector<SlotTrouble> troubles{};  // slots whose token could not be looked at
+};
+
+/// A token of `known` that still stands in its slot, and was not taken out meanwhile, is the same object again. Enters
+/// the module.
+ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known);
+
+}  // namespace tokens
