@@ -101,6 +101,8 @@ class PLATFORM_API Manager {
     /// algorithm (its key operation; the digest may be computed on the host). The list per algorithm is computed once
     /// per change of the tokens.
     std::vector<TokenInfo> EnumTokens(pki_alg_t alg = 0) const;
+    /// The same list without a copy, as it is at the call; it does not follow later changes.
+    std::shared_ptr<const std::vector<TokenInfo>> EnumTokensShared(pki_alg_t alg = 0) const;
 
     /// Whether the token offers the algorithm as a mechanism.
     bool IsTokenSupportMechanism(const TokenInfo& token, pki_alg_t alg) const;
