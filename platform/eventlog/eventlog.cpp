@@ -1,7 +1,6 @@
 #include "platform/eventlog.h"
 
-#include <cinttypes>
-#include <cstdio>
+#include <spdlog/fmt/fmt.h>
 
 #include "platform/eventlog/catalogue.h"
 #include "platform/eventlog/deliver.h"
@@ -11,12 +10,9 @@ using eventlog::Severity;
 
 void TLogIdent::toStr(std::string& appended) const {
     if (kind != kConnection && kind != kExchange) return;
-    char text[32];
-    std::snprintf(text, sizeof text, "%016" PRIx64, id);
-    appended += text;
+    appended += fmt::format("{:016x}", id);
     if (kind != kExchange) return;
-    std::snprintf(text, sizeof text, ".%08" PRIx32, sub_id);
-    appended += text;
+    appended += fmt::format(".{:08x}", sub_id);
     if (role == kInitiator) appended += ",I";
     if (role == kResponder) appended += ",R";
 }

@@ -1,9 +1,10 @@
 #include "platform/eventlog/render.h"
 
+#include <spdlog/fmt/fmt.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdio>
 
 namespace eventlog {
 
@@ -42,9 +43,7 @@ std::size_t DecodeUtf8(std::string_view text, std::uint32_t& character) {
 }
 
 void AppendByteEscape(std::string& out, unsigned char byte) {
-    char text[8];
-    std::snprintf(text, sizeof text, "\\x%02x", byte);
-    out += text;
+    out += fmt::format("\\x{:02x}", byte);
 }
 
 void TrimEnd(std::string& out) {
@@ -111,13 +110,7 @@ class SafeText {
         const bool hidden = std::any_of(kHiddenCharacters.begin(), kHiddenCharacters.end(), [&](const Range& range) {
             return character >= range.first && character <= range.last;
         });
-        if (hidden) {
-            char escape[16];
-            std::snprintf(escape, sizeof escape, "\\u{%04x}", character);
-            out_ += escape;
-        } else {
-            out_ += text.substr(0, length);
-        }
+        out_ += hidden ? fmt::format("\\u{{{:04x}}}", character) : std::string(text.substr(0, length));
         return length;
     }
 

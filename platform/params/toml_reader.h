@@ -100,12 +100,13 @@ void ReadTable(const Value& value, std::string_view separator, std::span<const F
         return;
     }
     for (const auto& [key, node] : *table) {
+        const std::string_view name = key.str();
         const auto found =
-            std::find_if(fields.begin(), fields.end(), [&](const Field<T>& field) { return field.name == key.str(); });
+            std::find_if(fields.begin(), fields.end(), [name](const Field<T>& field) { return field.name == name; });
         if (found == fields.end()) {
             ReportUnknownKey(key, value, NamesOf(fields));
         } else {
-            found->read(Value(node, value.name() + std::string(separator).append(key.str()), value.problems()), target);
+            found->read(Value(node, value.name() + std::string(separator).append(name), value.problems()), target);
         }
     }
 }
