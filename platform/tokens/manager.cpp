@@ -20,7 +20,11 @@ Manager& Manager::Instance() {
 }
 
 std::vector<TokenInfo> Manager::EnumTokens(pki_alg_t alg) const {
-    return *Registry::Instance().Table()->Offering(alg);
+    return *EnumTokensShared(alg);
+}
+
+std::shared_ptr<const std::vector<TokenInfo>> Manager::EnumTokensShared(pki_alg_t alg) const {
+    return Registry::Instance().Table()->Offering(alg);
 }
 
 bool Manager::IsTokenSupportMechanism(const TokenInfo& token, pki_alg_t alg) const {
