@@ -11,14 +11,15 @@
 using cert_engine::BioPtr;
 using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
+using cert_engine::Owner;
 
 namespace {
 
-using Pkcs7Ptr = cert_engine::Owner<PKCS7, PKCS7_free>;
-using Pkcs8Ptr = cert_engine::Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using Pkcs7Ptr = Owner<PKCS7, PKCS7_free>;
+using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 
-using BasicConstraintsPtr = cert_engine::Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
-using KeyUsagePtr = cert_engine::Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
+using BasicConstraintsPtr = Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
+using KeyUsagePtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
 
 enum ExportResult : int { kExported = 1, kExportFailed = 3 };
 
@@ -38,6 +39,17 @@ const X509_ALGOR* OuterAlgorithm(const X509* cert) {
     return algorithm;
 }
 
+// X509_check_ca takes a self-signed certificate of version 1 for a CA, and decides whether it is one with its public key,
+// which is decoded in the default context only.
+bool IsVersion1Root(const X509* cert) {
+    if (X509_get_version(cert) != X509_VERSION_1) return false;
+    if (X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) != 0) return false;
+    const std::string der = cert_engine::Encode(cert, i2d_X509);
+    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+    const Owner<X509, X509_free> with_key(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+    return with_key != nullptr && X509_check_ca(with_key.get()) != 0;
+}
+
 // Whether X509_check_ca answers anything but 0. It decodes every extension to find out, which costs half as much as
 // parsing the certificate. A key usage without certificate signing, or basic constraints that say "not a CA", lead to 0
 // whatever the other extensions hold; that settles nearly every end entity.
@@ -48,7 +60,7 @@ bool IsCa(X509* cert) {
     const BasicConstraintsPtr constraints(
         static_cast<BASIC_CONSTRAINTS*>(X509_get_ext_d2i(cert, NID_basic_constraints, nullptr, nullptr)));
     if (constraints != nullptr && constraints->ca == 0) return false;
-    return X509_check_ca(cert) != 0;
+    return X509_check_ca(cert) != 0 || IsVersion1Root(cert);
 }
 
 // Replaces `out` by what the writer puts into a memory stream.

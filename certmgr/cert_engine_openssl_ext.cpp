@@ -386,7 +386,7 @@ bool ReadKnown(X509_EXTENSION* extension, CertExtentions& out) {
 
 // --- Unknown extensions ---
 
-// Values up to this many bytes together are printed. A printed value is some five times as long as its bytes, and
+// Values up to this many bytes together are printed. A printed value may be sixteen times as long as its bytes, and
 // printing costs far more than parsing: without a bound a peer's certificate could keep a thread busy for seconds.
 constexpr std::size_t kMaxPrintedValueBytes = 16384;
 
