@@ -85,8 +85,7 @@ ReloadPass::ReloadPass(CertStorage& storage, std::uint32_t what)
       key_pair_(storage.keyPairCerts) {}
 
 void ReloadPass::ReadTokens() {
-    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
-    for (const PKCS11::TokenInfo& token : *tokens) {
+    for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
         PKCS11::TokenSession session(token);
         if (!session) continue;
         if ((what_ & kReloadCertificates) != 0) ReadCertificates(session, token);

@@ -6,14 +6,10 @@ using vendor_host::FindState;
 using vendor_host::PresentStates;
 
 std::vector<TokenInfo> Manager::EnumTokens(pki_alg_t alg) const {
-    return *EnumTokensShared(alg);
-}
-
-std::shared_ptr<const std::vector<TokenInfo>> Manager::EnumTokensShared(pki_alg_t alg) const {
-    auto tokens = std::make_shared<std::vector<TokenInfo>>();
+    std::vector<TokenInfo> tokens;
     for (const auto& state : PresentStates()) {
         const std::lock_guard lock(state->mutex);
-        if (state->Offers(alg, false)) tokens->push_back(state->info);
+        if (state->Offers(alg, false)) tokens.push_back(state->info);
     }
     return tokens;
 }
