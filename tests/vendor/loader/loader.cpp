@@ -80,6 +80,7 @@ void Queued(const char* path) {
     const Module module(path);
     module.Start();
     vendor_host::FireInsert(*token);
+    if (vendor_host::PendingEvents() == 0) Fail("no timer");
     module.Stop();
     module.Unload();
     vendor_host::FireRemove(*token);
