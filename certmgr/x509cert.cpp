@@ -106,7 +106,7 @@ SignatureCheck VerifyOnToken(PKCS11::TokenSession& session, pki_alg_t alg, const
 /// Subject of an object that holds no certificate; its serial number is the identifier.
 void DescribeWithoutCertificate(CertInfo& info, const char* what) {
     info.subject = what;
-    info.serialNumber.assign("#").append(TO_HEX_STD_STRING(info.id));
+    info.serialNumber = "#" + TO_HEX_STD_STRING(info.id);
 }
 
 }  // namespace
