@@ -79,7 +79,7 @@ std::string GeneralName(const std::string& text) {
     const std::size_t colon = text.find(':');
     if (colon == std::string::npos) throw std::invalid_argument("general name without kind: " + text);
     const std::string kind = text.substr(0, colon);
-    const std::string value = text.substr(colon + 1);
+    std::string value = text.substr(colon + 1);
     if (kind == "UPN") {
         return der::Explicit(0, der::Oid("1.3.6.1.4.1.311.20.2.3") + der::Explicit(0, der::Tlv(kUtf8String, value)));
     }
