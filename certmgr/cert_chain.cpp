@@ -108,7 +108,6 @@ ChainBuildResult BuildCertChainFromStore(CertList& chain) {
 }
 
 bool BuildLocalCertChain(std::vector<const X509Cert*>& chain, const X509Cert* cert, const TLogIdent& /*ident*/) {
-    chain.clear();
     CertList found;
     AppendToChain(found, CertRef(cert));
     const ChainBuildResult result = BuildCertChainFromStore(found);

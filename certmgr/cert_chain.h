@@ -79,13 +79,13 @@ class CallersList {
     static constexpr std::size_t kWalkedSize = 16;
 
   private:
-    const std::span<const X509Cert* const> certs_;
-    PositionMap<std::string_view> by_subject_;
-    PositionMap<std::string_view> by_key_id_;
     struct Answer {
         CertRef asked;  // kept, so that no other certificate takes its address
         const X509Cert* issuer;
     };
+    const std::span<const X509Cert* const> certs_;
+    PositionMap<std::string_view> by_subject_;
+    PositionMap<std::string_view> by_key_id_;
     std::array<std::unordered_map<const X509Cert*, Answer>, 2> answers_;  // by Match::kNumber
 };
 
