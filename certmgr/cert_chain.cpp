@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <string>
 #include <utility>
 
 namespace CM {
@@ -62,8 +64,12 @@ void BestIssuer::Consider(const X509Cert* candidate) {
 
 CallersList::CallersList(std::span<const X509Cert* const> certs) : certs_(certs) {
     if (certs.size() <= kWalkedSize) return;
-    by_subject_.Build(certs.size(), [&](std::size_t i) { return std::string_view(certs[i]->info.subject); });
-    by_key_id_.Build(certs.size(), [&](std::size_t i) { return std::string_view(certs[i]->ext().subjectKeyIdHex); });
+    using Text = std::optional<std::string_view>;
+    by_subject_.Build(certs.size(), [&](std::size_t i) { return Text(certs[i]->info.subject); });
+    by_key_id_.Build(certs.size(), [&](std::size_t i) {
+        const std::string& key_id = certs[i]->ext().subjectKeyIdHex;
+        return key_id.empty() ? Text() : Text(key_id);
+    });
 }
 
 bool ChainMembers::Add(const X509Cert* cert) {
