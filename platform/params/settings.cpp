@@ -69,24 +69,40 @@ constexpr Field<tokens::PinFile> kPinFileFields[] = {
     {"login_on_insertion", [](const Value& v, tokens::PinFile& p) { v.Read(p.login_on_insertion); }},
 };
 
-// Reads a list of tables, each of which has the two given members set and unique in the list.
+// A text that each table of a list must have.
+template <typename T>
+struct Required {
+    std::string_view key;
+    std::string T::*member;
+    bool unique;
+};
+
+constexpr Required<tokens::Provider> kProviderRequired[] = {
+    {"name", &tokens::Provider::name, true},
+    {"module", &tokens::Provider::module_path, true},
+};
+constexpr Required<tokens::PinFile> kPinFileRequired[] = {
+    {"token", &tokens::PinFile::token, true},
+    {"path", &tokens::PinFile::path, false},
+};
+
 template <typename T>
 void ReadTables(const Value& list, std::string_view table_name, std::span<const Field<T>> fields,
-                std::pair<std::string_view, std::string T::*> required,
-                std::pair<std::string_view, std::string T::*> unique, std::vector<T>& out) {
-    std::set<std::string> seen;
+                std::span<const Required<T>> required, std::vector<T>& out) {
+    std::set<std::pair<std::string_view, std::string>> seen;
     ReadList(list, "a list of tables", [&](const Value& entry) {
         T& item = out.emplace_back();
         const Value named(entry.node(), "[[" + std::string(table_name) + "]] " + std::to_string(out.size()),
                           entry.problems());
         ReadTable(named, " ", fields, item);
         const toml::table* const table = entry.node().as_table();
-        for (const auto& [key, member] : {unique, required}) {
-            if (table != nullptr && !table->contains(key)) named.Error("has no " + Quoted(key));
-        }
-        const std::string& identity = item.*unique.second;
-        if (!identity.empty() && !seen.insert(identity).second) {
-            named.Error(std::string(unique.first) + " " + Quoted(identity) + " is there already");
+        for (const Required<T>& text : required) {
+            const std::string& value = item.*text.member;
+            if (table != nullptr && !table->contains(text.key)) {
+                named.Error("has no " + Quoted(text.key));
+            } else if (text.unique && !value.empty() && !seen.emplace(text.key, value).second) {
+                named.Error(std::string(text.key) + " " + Quoted(value) + " is there already");
+            }
         }
     });
 }
@@ -105,15 +121,11 @@ constexpr Field<Tokens> kTokenFields[] = {
      }},
     {"provider",
      [](const Value& v, Tokens& t) {
-         using P = tokens::Provider;
-         ReadTables<P>(v, "tokens.provider", kProviderFields, {"module", &P::module_path}, {"name", &P::name},
-                       t.manager.providers);
+         ReadTables<tokens::Provider>(v, "tokens.provider", kProviderFields, kProviderRequired, t.manager.providers);
      }},
     {"pin_file",
      [](const Value& v, Tokens& t) {
-         using P = tokens::PinFile;
-         ReadTables<P>(v, "tokens.pin_file", kPinFileFields, {"path", &P::path}, {"token", &P::token},
-                       t.manager.pin_files);
+         ReadTables<tokens::PinFile>(v, "tokens.pin_file", kPinFileFields, kPinFileRequired, t.manager.pin_files);
      }},
 };
 

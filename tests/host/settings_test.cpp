@@ -77,9 +77,11 @@ TEST_F(Settings, NamesEveryProblemWithItsPlace) {
         {"log = 1979-05-27\n", {"certmgr.toml:1:7: error: [log]: expected a table, found a date or a time"}},
         {"[tokens]\nsofthsm_directory = \"a\\u0007b\"\n",
          {"certmgr.toml:2:21: error: [tokens] softhsm_directory: holds a control character"}},
-        {"[[tokens.provider]]\nname = \"card\"\nmodule = \"a.so\"\n[[tokens.provider]]\nname = \"card\"\n",
-         {"certmgr.toml:4:1: error: [[tokens.provider]] 2: has no \"module\"",
-          "certmgr.toml:4:1: error: [[tokens.provider]] 2: name \"card\" is there already"}},
+        {"[[tokens.provider]]\nname = \"card\"\nmodule = \"/a.so\"\n[[tokens.provider]]\nname = \"card\"\n"
+         "[[tokens.provider]]\nname = \"other\"\nmodule = \"/b/../a.so\"\n",
+         {"certmgr.toml:4:1: error: [[tokens.provider]] 2: name \"card\" is there already",
+          "certmgr.toml:4:1: error: [[tokens.provider]] 2: has no \"module\"",
+          "certmgr.toml:6:1: error: [[tokens.provider]] 3: module \"/a.so\" is there already"}},
         {"[tokens.pin_file]\ntoken = \"a\"\n",
          {"certmgr.toml:1:1: error: [tokens] pin_file: expected a list of tables, found a table; begin each table with "
           "double "
