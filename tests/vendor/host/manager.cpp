@@ -14,6 +14,10 @@ std::vector<TokenInfo> Manager::EnumTokens(pki_alg_t alg) const {
     return tokens;
 }
 
+std::shared_ptr<const std::vector<TokenInfo>> Manager::EnumTokensShared(pki_alg_t alg) const {
+    return std::make_shared<const std::vector<TokenInfo>>(EnumTokens(alg));
+}
+
 bool Manager::IsTokenSupportMechanism(const TokenInfo& token, pki_alg_t alg) const {
     const auto state = FindState(token.id);
     if (state == nullptr) return false;
