@@ -150,7 +150,7 @@ class TokenWriter {
         const std::string id = NextId();
         const PKCS11::CertObject object{.id = id, .value = cert.der, .category = kTokenUser};
         return (session.CreatePrivKeyObject(cert.info.keyAlg, id, pkcs8.get(), false, not_after) &&
-                session.CreatePubKeyObject(cert.info.keyAlg, id, cert.spki) &&
+                session.CreatePubKeyObject(cert.info.keyAlg, id, cert.spki, not_after) &&
                 session.CreateCertObject(object, cert.subject_der)) ||
                Complain("the token does not take the key pair and certificate of " + options.cert);
     }

@@ -99,6 +99,7 @@ bool Side::ChooseCertificate(std::string& verdict) {
         CM::CertStorage& store = CM::CertStorage::Instance();
         const vpnfc::ReadLock lock(store);
         if (!store.personalCerts.empty()) cert_ = CM::CertRef(store.personalCerts[0]);
+        if (!rule_.id_local.empty()) id_ = rule_.id_local.front();
     } else {
         CM::IkeCertRequestIter requests{static_cast<std::int32_t>(peer_hello_.request_format), IsRequested,
                                         &peer_hello_};

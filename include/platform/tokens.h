@@ -57,7 +57,8 @@ struct CertObject {
     std::uint32_t category = 0;  // CKA_CERTIFICATE_CATEGORY (1 token user, 2 authority, 3 other), or kKeyPairCategory
     bool trusted = false;  // CKA_TRUSTED
     pki_alg_t keyAlg = 0;  // of a key pair without certificate; else 0
-    cert_time64_t keyNotAfter = CERT_TIME_UNKNOWN;  // CKA_END_DATE of the private key, end of that day
+    /// CKA_END_DATE of the private key, else of its public key; end of that day.
+    cert_time64_t keyNotAfter = CERT_TIME_UNKNOWN;
 };
 /// Category of a key pair whose CKA_ID no certificate carries.
 inline constexpr std::uint32_t kKeyPairCategory = 333;
@@ -173,10 +174,12 @@ class PLATFORM_API TokenSession {
     bool GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable);
 
     bool CreateCertObject(const CertObject& object, const std::string& subject_der);
-    /// `not_after`: end of the key's usage (CKA_END_DATE, a day); unknown: none.
+    /// `not_after`: end of the key's usage (CKA_END_DATE, a day); unknown: none. A public key that this session makes
+    /// under the same identifier gets it too: some tokens do not show that of a private key.
     bool CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der, bool exportable,
                              cert_time64_t not_after = CERT_TIME_UNKNOWN);
-    bool CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki);
+    bool CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki,
+                            cert_time64_t not_after = CERT_TIME_UNKNOWN);
     /// Unwraps an encrypted key on the token, or decrypts it on the host (wiped after) where the token cannot.
     bool ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id, bool exportable);
     bool CreateCRLObject(const std::string& id, const std::string& crl_der);

@@ -39,9 +39,9 @@ void AddPrivateUse(AttributeTemplate& attributes, CK_KEY_TYPE type, const std::s
     attributes.Flag(CKA_SENSITIVE, !exportable).Flag(CKA_EXTRACTABLE, exportable);
 }
 
-/// CK_DATE of the day.
-std::string DateOf(cert_time64_t time) {
-    return CertTimeToString(time).substr(0, 10).erase(7, 1).erase(4, 1);
+void AddEndDate(AttributeTemplate& attributes, cert_time64_t not_after) {
+    if (not_after == CERT_TIME_UNKNOWN) return;
+    attributes.Bytes(CKA_END_DATE, CertTimeToString(not_after).substr(0, 10).erase(7, 1).erase(4, 1));
 }
 
 /// Domain parameters of a DSA key pair, made on the token.
@@ -131,19 +131,21 @@ CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::strin
     AddTokenObject(attributes, CKO_PRIVATE_KEY, true);
     attributes.Number(CKA_KEY_TYPE, key.type);
     AddPrivateUse(attributes, key.type, id, exportable);
-    if (not_after != CERT_TIME_UNKNOWN) attributes.Bytes(CKA_END_DATE, DateOf(not_after));
+    AddEndDate(attributes, not_after);
     const auto types = PrivateComponents(key.type);
     for (std::size_t i = 0; i < types.size(); ++i) attributes.Bytes(types[i], key.components[i].get());
     return Create(session, attributes);
 }
 
-CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki) {
+CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki,
+                              cert_time64_t not_after) {
     PublicKey key;
     if (!PublicKeyFromSpki(spki, key) || key.alg != (alg & PKI_KEY_MASK)) return {};
     AttributeTemplate attributes;
     AddTokenObject(attributes, CKO_PUBLIC_KEY, false);
     attributes.Number(CKA_KEY_TYPE, key.type);
     AddPublicUse(attributes, key.type, id);
+    AddEndDate(attributes, not_after);
     const auto types = PublicComponents(key.type);
     for (std::size_t i = 0; i < types.size(); ++i) attributes.Bytes(types[i], key.components[i]);
     return Create(session, attributes);

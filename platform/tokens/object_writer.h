@@ -18,7 +18,8 @@ struct CreateOutcome {
 CreateOutcome CreateCertificate(Session& session, const PKCS11::CertObject& object, const std::string& subject);
 CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::string& id, const vpnfc::SecretString& pkcs8,
                                bool exportable, cert_time64_t not_after);
-CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki);
+CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki,
+                              cert_time64_t not_after);
 CreateOutcome CreateCrl(Session& session, const std::string& id, const std::string& crl);
 /// A name that a preshared key on the token bears already is refused.
 CreateOutcome CreatePresharedKey(Session& session, const std::string& name, const vpnfc::SecretString& value);

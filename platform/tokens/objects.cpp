@@ -1,5 +1,6 @@
 #include "platform/tokens/objects.h"
 
+#include <algorithm>
 #include <span>
 #include <string_view>
 #include <unordered_set>
@@ -82,20 +83,33 @@ struct KeyObject {
     pki_alg_t alg = 0;
     std::string id{};
     cert_time64_t not_after = CERT_TIME_UNKNOWN;
+    bool date_hidden = false;  // the token failed to show the date
 };
 
+/// Some modules fail to show the date of a private key that they hold encrypted; the rest is then read without it.
 Result ReadKeys(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, CK_OBJECT_CLASS object_class,
                 std::vector<KeyObject>& keys, bool& stale) {
-    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
-                            {CKA_KEY_TYPE, sizeof(CK_ULONG)},
-                            {CKA_ID, kIdBytes},
-                            {CKA_END_DATE, sizeof(CK_DATE)},
-                            {CKA_GOSTR3411_PARAMS, kIdBytes}});
-    return ReadEach(session, objects, object_class, reader, stale, [&](CK_OBJECT_HANDLE object) {
+    const std::vector<AttributeReader::Wanted> undated = {{CKA_CLASS, sizeof(CK_ULONG)},
+                                                          {CKA_KEY_TYPE, sizeof(CK_ULONG)},
+                                                          {CKA_ID, kIdBytes},
+                                                          {CKA_GOSTR3411_PARAMS, kIdBytes}};
+    std::vector<AttributeReader::Wanted> dated = undated;
+    dated.push_back({CKA_END_DATE, sizeof(CK_DATE)});
+    AttributeReader whole(dated);
+    AttributeReader part(undated);
+    for (const CK_OBJECT_HANDLE object : objects) {
+        Result result = whole.Read(session.api(), session.handle(), object);
+        const bool hidden = result.rv == CKR_GENERAL_ERROR || result.rv == CKR_FUNCTION_FAILED;
+        if (hidden) result = part.Read(session.api(), session.handle(), object);
+        if (IsGone(result.rv)) continue;
+        if (!result.ok()) return result;
+        const AttributeReader& reader = hidden ? part : whole;
+        stale |= reader.Number(0, object_class) != object_class;
         const CK_KEY_TYPE type = reader.Number(1, CK_UNAVAILABLE_INFORMATION);
-        keys.push_back({object, type, KeyAlgOfObject(type, reader.Bytes(4)), std::string(reader.Bytes(2)),
-                        EndOfDay(reader.Bytes(3))});
-    });
+        keys.push_back({object, type, KeyAlgOfObject(type, reader.Bytes(3)), std::string(reader.Bytes(2)),
+                        hidden ? CERT_TIME_UNKNOWN : EndOfDay(whole.Bytes(4)), hidden});
+    }
+    return {};
 }
 
 /// Reads the components of a key into strings of some kind; one that is not shown is empty.
@@ -110,26 +124,38 @@ Result ReadComponents(Session& session, CK_OBJECT_HANDLE key, std::span<const CK
     return result;
 }
 
-/// End of usage by identifier, and the key pairs.
+/// The key pairs, and the end of usage by identifier.
 struct KeyPairs {
     std::vector<KeyObject> keys{};
-    std::unordered_map<std::string_view, cert_time64_t> not_after{};
+    std::unordered_map<std::string, cert_time64_t> not_after{};
+
+    cert_time64_t NotAfter(const std::string& id) const {
+        const auto found = not_after.find(id);
+        return found == not_after.end() ? CERT_TIME_UNKNOWN : found->second;
+    }
 };
 
+/// Public keys are read only where private ones cannot be seen, or do not show their date.
 Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private_keys_visible, KeyPairs& pairs,
                     bool& stale) {
-    Result result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, pairs.keys, stale);
-    if (result.ok() && !private_keys_visible) {
-        std::vector<KeyObject> public_keys;
-        result = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, public_keys, stale);
-        std::unordered_set<std::string> ids;
-        for (const KeyObject& key : pairs.keys) ids.insert(key.id);
-        for (KeyObject& key : public_keys) {
-            if (ids.insert(key.id).second) pairs.keys.push_back(std::move(key));
-        }
+    const Result result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, pairs.keys, stale);
+    if (!result.ok()) return result;
+    const bool dates_hidden =
+        std::any_of(pairs.keys.begin(), pairs.keys.end(), [](const KeyObject& key) { return key.date_hidden; });
+    for (const KeyObject& key : pairs.keys) {
+        if (!key.date_hidden) pairs.not_after.emplace(key.id, key.not_after);
     }
-    for (const KeyObject& key : pairs.keys) pairs.not_after.emplace(key.id, key.not_after);
-    return result;
+    if (private_keys_visible && !dates_hidden) return result;
+
+    std::vector<KeyObject> public_keys;
+    const Result more = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, public_keys, stale);
+    for (KeyObject& key : public_keys) {
+        pairs.not_after.emplace(key.id, key.not_after);
+        const bool paired = std::any_of(pairs.keys.begin(), pairs.keys.end(),
+                                        [&](const KeyObject& other) { return other.id == key.id; });
+        if (!private_keys_visible && !paired) pairs.keys.push_back(std::move(key));
+    }
+    return more;
 }
 
 FoundOutcome Find(Session& session, AttributeTemplate& wanted) {
@@ -202,7 +228,8 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
         object.id = key.id;
         object.category = PKCS11::kKeyPairCategory;
         object.keyAlg = key.alg;
-        object.keyNotAfter = key.not_after;
+        if (const auto end = pairs.not_after.find(key.id); end != pairs.not_after.end())
+            object.keyNotAfter = end->second;
     }
     return outcome;
 }

@@ -161,14 +161,17 @@ bool TokenSession::CreateCertObject(const CertObject& object, const std::string&
 
 bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der,
                                        bool exportable, cert_time64_t not_after) {
+    impl_->key_not_after[id] = not_after;
     return opened() && impl_->Create([=, key = Share(pkcs8_der)](Session& session) {
         return tokens::CreatePrivateKey(session, keyAlg, id, *key, exportable, not_after);
     });
 }
 
-bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki) {
-    return opened() &&
-           impl_->Create([=](Session& session) { return tokens::CreatePublicKey(session, keyAlg, id, spki); });
+bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki,
+                                      cert_time64_t not_after) {
+    return opened() && impl_->Create([=](Session& session) {
+        return tokens::CreatePublicKey(session, keyAlg, id, spki, not_after);
+    });
 }
 
 bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id,

@@ -274,7 +274,7 @@ bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, 
                                            not_after);
 }
 
-bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki) {
+bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki, cert_time64_t) {
     const Lock lock = impl_->Begin(Op::kCreatePublicKey, "C_CreateObject");
     if (!lock) return false;
     PutKeyPart_unlocked_(*impl_->token, id, {nullptr, keyAlg, spki, CERT_TIME_UNKNOWN, false, true, false});
