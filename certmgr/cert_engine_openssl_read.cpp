@@ -74,10 +74,18 @@ std::string WrapAsPem(std::string_view text) {
     return pem.append(kCertEnd);
 }
 
-template <typename Stack, typename Pop>
-void MoveAll(Stack* stack, Pop pop, std::vector<void*>& handles) {
-    if (stack == nullptr) return;
-    while (void* const item = pop(stack)) handles.push_back(item);
+void MoveCerts(STACK_OF(X509) * stack, std::vector<void*>& handles) {
+    while (X509* const cert = sk_X509_pop(stack)) {
+        if (i2d_X509(cert, nullptr) > static_cast<int>(kMaxCertificateBytes)) {
+            X509_free(cert);
+        } else {
+            handles.push_back(cert);
+        }
+    }
+}
+
+void MoveCrls(STACK_OF(X509_CRL) * stack, std::vector<void*>& handles) {
+    while (X509_CRL* const crl = sk_X509_CRL_pop(stack)) handles.push_back(crl);
 }
 
 }  // namespace
@@ -126,12 +134,8 @@ int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<vo
         bundled_certs = bundle->d.signed_and_enveloped->cert;
         bundled_crls = bundle->d.signed_and_enveloped->crl;
     }
-    MoveAll(
-        bundled_certs, [](STACK_OF(X509) * stack) { return sk_X509_pop(stack); }, certs);
-    if (crls != nullptr) {
-        MoveAll(
-            bundled_crls, [](STACK_OF(X509_CRL) * stack) { return sk_X509_CRL_pop(stack); }, *crls);
-    }
+    MoveCerts(bundled_certs, certs);
+    if (crls != nullptr) MoveCrls(bundled_crls, *crls);
     return kHandled;
 }
 

@@ -137,6 +137,9 @@ TEST_F(EngineTest, BundlesAreReadFromTheirEnd) {
         EXPECT_EQ(read.crls, 2U);
     }
     EXPECT_EQ(ReadBundle(bundle, false).certs, reversed);
+
+    const Cert big = MakeCert({.extensions = {{"1.2.3.4", false, std::string(kMaxCertificateBytes, 'x')}}});
+    EXPECT_EQ(ReadBundle(test_pki::MakePkcs7({a.der, big.der})).certs, std::vector<std::string>{a.der});
 }
 
 TEST_F(EngineTest, BundlesOfOtherTypesOrWithoutContentAreEmpty) {
