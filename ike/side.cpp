@@ -150,9 +150,9 @@ bool Side::EncodePayloads(Authentication& message) {
 }
 
 bool Side::Sign(Authentication& message) {
-    if (!options_.before_signing.empty() &&
-        std::system(options_.before_signing.c_str()) != 0) {  // NOLINT(cert-env33-c): the caller's own command
-        return false;
+    if (!options_.before_signing.empty()) {
+        if (std::system(options_.before_signing.c_str()) != 0) return false;  // NOLINT(cert-env33-c): the caller's own
+        PKCS11::Manager::Instance().ReloadTokensContent(1);  // what it did to the tokens is seen before they sign
     }
     const SignedInput input{own_hello_bytes_, peer_hello_bytes_, peer_hello_.nonce, message.id_type, message.id_value};
     bool signed_ok = false;
