@@ -195,8 +195,8 @@ bool Ike2CheckHashAlg(const X509Cert* cert, pki_alg_t alg) {
 bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signature, const TLogIdent& ident) {
     // 1.
     const pki_alg_t key_alg = peer->info.keyAlg;
-    const auto tokens = PKCS11::Manager::Instance().EnumTokens(key_alg);
-    if (tokens.empty()) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(key_alg);
+    if (tokens->empty()) {
         LabelledText("Can't find tokens for ike verify")
             .Line("peer cert key alg", AlgName(key_alg))
             .Send(kMsgIkeSignOrVerifyFailed, ident);
@@ -205,7 +205,7 @@ bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signa
     // 2.
     ike_signature_to_token_(key_alg, signature);
     // 3. The first token with a session decides.
-    for (const PKCS11::TokenInfo& token : tokens) {
+    for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token, PKCS11::TokenSession::kPublic);
         if (!session.opened()) {
             LabelledText("Can't open public session on token")
@@ -256,8 +256,9 @@ std::string AlgNameAndCode(pki_alg_t alg) {
 
 /// The block that the peer's RSA key signed, from the first token that can tell; empty if none.
 std::string DecryptOnAnyToken(const Ike2Verification& v) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(PKI_KEY_RSA);
     std::string block;
-    for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens(PKI_KEY_RSA)) {
+    for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token, PKCS11::TokenSession::kPublic);
         if (session.opened() && session.VerifyDecrypt(v.peer.rawPubKey, v.signature, block)) return block;
     }
