@@ -130,8 +130,8 @@ class PLATFORM_API TokenSession {
         kPrivate = 1,  // the user must be logged in already, or the PIN must do it
     };
 
-    /// `pin` null: none (a PIN file named in the settings is used for a private session, once). A public session with
-    /// a PIN tries to log in the security officer with it (trusted imports). `logger` null: the event log.
+    /// `pin` null: none (a PIN file named in the settings is used for a private session, once). The PIN of a public session
+    /// is the security officer's: it is used while a trusted certificate is created. `logger` null: the event log.
     explicit TokenSession(const TokenInfo& token, OpenType type = kPublic, const std::string* pin = nullptr,
                           Logger* logger = nullptr);
     ~TokenSession();
@@ -145,7 +145,8 @@ class PLATFORM_API TokenSession {
     /// The last object creation failed because only the security officer may do it.
     bool securityOfficerRequired() const;
 
-    // Enumerations append; false when the token failed half way (what was read so far is kept).
+    // Enumerations append; false when the token failed half way (what was read so far is kept). They share one listing of
+    // the token: enumerating a kind a second time, or after this session changed the token, lists anew.
     bool EnumCertificates(std::list<CertObject>& certificates);
     bool EnumCRLs(std::list<CRLObject>& crls);
     bool EnumPresharedKeys(std::list<PresharedKeyObject>& keys);
@@ -174,18 +175,20 @@ class PLATFORM_API TokenSession {
     bool GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable);
 
     bool CreateCertObject(const CertObject& object, const std::string& subject_der);
-    /// `not_after`: end of the key's usage (CKA_END_DATE, a day); unknown: none. A public key that this session makes
-    /// under the same identifier gets it too: some tokens do not show that of a private key.
+    /// `not_after`: end of the key's usage (CKA_END_DATE, a day); unknown: none. Give it to the public key too: some
+    /// tokens do not show that of a private key.
     bool CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der, bool exportable,
                              cert_time64_t not_after = CERT_TIME_UNKNOWN);
     bool CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki,
                             cert_time64_t not_after = CERT_TIME_UNKNOWN);
-    /// Unwraps an encrypted key on the token, or decrypts it on the host (wiped after) where the token cannot.
+    /// Decrypts the key on the host, where the password is anyway, and wipes it after. False for a wrong password, too.
     bool ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id, bool exportable);
     bool CreateCRLObject(const std::string& id, const std::string& crl_der);
     bool CreatePresharedKeyObject(const std::string& name, const std::string& value);
 
+    /// The certificate of that identifier (when the record has one), serial number and issuer.
     bool DeleteCertObject(const CertInfo& info);
+    // By a record: not while a certificate with the identifier is on the token, a renewed one say.
     bool DeletePrivKeyObject(const CertInfo& info);
     bool DeletePubKeyObject(const CertInfo& info);
     bool DeletePrivKeyObject(const std::string& id);
@@ -235,7 +238,8 @@ class CallbackSlot {
 struct CallbackTable {
     CallbackSlot<const TokenInfo&> tokenInserted;
     CallbackSlot<const TokenInfo&> tokenRemoved;
-    CallbackSlot<const TokenInfo&, bool> tokenLogin;  // the flag: true when a session of the module itself logged in
+    /// The user logged in or, with `loggedIn` clear, out. The flag: true when a session of the module itself logged in.
+    CallbackSlot<const TokenInfo&, bool> tokenLogin;
     CallbackSlot<const ProviderInfo&, unsigned long> providerInserted;  // number of tokens it came with
 };
 extern PLATFORM_API CallbackTable Callbacks;

@@ -149,11 +149,11 @@ Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private
 
     std::vector<KeyObject> public_keys;
     const Result more = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, public_keys, stale);
+    std::unordered_set<std::string> paired;
+    for (const KeyObject& key : pairs.keys) paired.insert(key.id);
     for (KeyObject& key : public_keys) {
         pairs.not_after.emplace(key.id, key.not_after);
-        const bool paired = std::any_of(pairs.keys.begin(), pairs.keys.end(),
-                                        [&](const KeyObject& other) { return other.id == key.id; });
-        if (!private_keys_visible && !paired) pairs.keys.push_back(std::move(key));
+        if (!private_keys_visible && paired.insert(key.id).second) pairs.keys.push_back(std::move(key));
     }
     return more;
 }

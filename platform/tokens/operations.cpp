@@ -83,16 +83,18 @@ VerifyOutcome Verify(Session& session, pki_alg_t alg, const std::string& spki, c
 BytesOutcome RecoverSignedBlock(Session& session, const std::string& spki, const std::string& signature, bool recover) {
     const Api& api = session.api();
     CK_MECHANISM mechanism{recover ? CKM_RSA_PKCS : CKM_RSA_X_509, nullptr, 0};
+    PublicKey parsed;
+    // A number below the modulus: what modules answer to any other is anybody's guess.
+    const bool fits = PublicKeyFromSpki(spki, parsed) && parsed.alg == PKI_KEY_RSA && signature.size() == parsed.size &&
+                      signature < parsed.components[0];
+    if (!fits) return {};
     const PublicKeyObject* key = nullptr;
-    bool fits = false;
     const auto init = [&](const PublicKeyObject& object) -> Result {
-        fits = object.alg == PKI_KEY_RSA && signature.size() == object.size;
-        if (!fits) return {};
         return recover ? api.VerifyRecoverInit(session.handle(), mechanism, object.handle)
                        : api.EncryptInit(session.handle(), mechanism, object.handle);
     };
     Result result = StartWithKey(session, spki, key, init);
-    if (!result.ok() || !fits) return {result};
+    if (!result.ok()) return {result};
     std::string block(signature.size(), '\0');
     if (recover) {
         result = api.VerifyRecover(session.handle(), signature, block);
@@ -100,8 +102,6 @@ BytesOutcome RecoverSignedBlock(Session& session, const std::string& spki, const
         return {result, result.ok() ? std::optional(std::move(block)) : std::nullopt};
     }
     result = api.Encrypt(session.handle(), signature, block);
-    // A signature that is no number below the modulus.
-    if (result.rv == CKR_DATA_INVALID || result.rv == CKR_DATA_LEN_RANGE) return {};
     return {result, result.ok() ? WithoutPadding(block) : std::nullopt};
 }
 

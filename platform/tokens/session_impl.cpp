@@ -89,16 +89,22 @@ bool TokenSession::Impl::IsLoggedIn() {
         return state;
     });
     const CK_STATE state = outcome.info.state;
-    return outcome.result.ok() && (state == CKS_RW_USER_FUNCTIONS || state == CKS_RO_USER_FUNCTIONS);
+    if (!outcome.result.ok() || (state != CKS_RW_USER_FUNCTIONS && state != CKS_RO_USER_FUNCTIONS)) return false;
+    token->link()->LookAgain();
+    return true;
+}
+
+/// Has the monitor find out what became of the token.
+bool TokenSession::Impl::LookNow() const {
+    const auto monitor = Registry::Instance().MonitorOf(*token);
+    return monitor != nullptr && monitor->WaitForLook(token->link()->runner().limit());
 }
 
 /// Replaces a session that is gone, or a login. False when the trouble is another, or nothing can be done about it.
 bool TokenSession::Impl::Recover(const Result& result) {
     if (session == nullptr) return false;
     if (result.rv == CKR_USER_NOT_LOGGED_IN && type == kPrivate) {
-        token->SetLoginState(tokens::LoginState::kPublic);
-        token->link()->LookAgain();
-        return EnsureLogin(nullptr);
+        return LookNow() && EnsureLogin(nullptr);
     }
     if (!IsSessionGone(result.rv)) return false;
     token->GiveBack(std::move(session), false);
@@ -106,8 +112,7 @@ bool TokenSession::Impl::Recover(const Result& result) {
     Changed();
     // The other idle sessions of the token went the same way.
     while (tokens::SessionPtr idle = token->TakeIdle()) token->GiveBack(std::move(idle), false);
-    const auto monitor = Registry::Instance().MonitorOf(*token);
-    if (monitor == nullptr || !monitor->WaitForLook(token->link()->runner().limit())) return false;
+    if (!LookNow()) return false;
     if (const tokens::TokenPtr now = Registry::Instance().Find(token->id()); now != nullptr) token = now;
     if (token->removed() || !OpenSession()) return false;
     return type == kPublic || EnsureLogin(nullptr);

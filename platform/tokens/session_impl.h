@@ -92,6 +92,7 @@ struct TokenSession::Impl {
     bool EnsureLogin(const std::string* pin);
     bool LogIn(const vpnfc::SecretString& pin);
     bool IsLoggedIn();
+    bool LookNow() const;
     bool Recover(const tokens::Result& result);
 
     template <typename Outcome, typename Work>

@@ -161,7 +161,6 @@ bool TokenSession::CreateCertObject(const CertObject& object, const std::string&
 
 bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der,
                                        bool exportable, cert_time64_t not_after) {
-    impl_->key_not_after[id] = not_after;
     return opened() && impl_->Create([=, key = Share(pkcs8_der)](Session& session) {
         return tokens::CreatePrivateKey(session, keyAlg, id, *key, exportable, not_after);
     });

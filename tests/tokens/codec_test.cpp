@@ -1,0 +1,178 @@
+// Keys and signatures between their X.509 and PKCS #11 forms.
+#include "platform/tokens/key_codec.h"
+
+#include <gtest/gtest.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+
+#include "tests/support/der.h"
+#include "tests/support/pki.h"
+
+namespace {
+
+using test_pki::KeyType;
+using vpnfc::SecretString;
+
+struct KeyCase {
+    const char* name;
+    KeyType type;
+    pki_alg_t alg;
+    std::size_t size;  // PublicKey::size
+};
+
+class Keys : public testing::TestWithParam<KeyCase> {};
+
+INSTANTIATE_TEST_SUITE_P(All, Keys,
+                         testing::Values(KeyCase{"rsa", KeyType::kRsa2048, PKI_KEY_RSA, 256},
+                                         KeyCase{"dsa", KeyType::kDsa1024, PKI_KEY_DSA, 20},
+                                         KeyCase{"p256", KeyType::kEcP256, PKI_KEY_EC, 32},
+                                         KeyCase{"p384", KeyType::kEcP384, PKI_KEY_EC, 48},
+                                         KeyCase{"p521", KeyType::kEcP521, PKI_KEY_EC, 66},
+                                         KeyCase{"ed25519", KeyType::kEd25519, PKI_KEY_ED25519, 0}),
+                         [](const auto& test) { return test.param.name; });
+
+TEST_P(Keys, PublicKeysRoundTrip) {
+    const std::string spki = test_pki::Spki(test_pki::MakeKey(GetParam().type));
+    tokens::PublicKey key;
+    ASSERT_TRUE(tokens::PublicKeyFromSpki(spki, key));
+    EXPECT_EQ(key.alg, GetParam().alg);
+    EXPECT_EQ(key.size, GetParam().size);
+    EXPECT_EQ(tokens::SpkiFromComponents(key.alg, key.components), spki);
+}
+
+// What libcrypto reads back must be the same key, also when the token gives numbers without leading zeros.
+TEST_P(Keys, PrivateKeysRoundTrip) {
+    for (int index = 0; index < 3; ++index) {
+        const test_pki::Key original = test_pki::MakeKey(GetParam().type, index);
+        tokens::PrivateKey key;
+        ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(original), key));
+        EXPECT_EQ(key.alg, GetParam().alg);
+        const SecretString pkcs8 = tokens::Pkcs8FromComponents(key.alg, key.components);
+        const auto* der = reinterpret_cast<const unsigned char*>(pkcs8.get().data());
+        const test_pki::Key again(d2i_AutoPrivateKey(nullptr, &der, static_cast<long>(pkcs8.get().size())),
+                                  EVP_PKEY_free);
+        ASSERT_NE(again, nullptr);
+        EXPECT_EQ(EVP_PKEY_eq(original.get(), again.get()), 1);
+    }
+}
+
+// Nothing that is cut off or followed by more is a key.
+TEST_P(Keys, DamagedEncodingsAreRefused) {
+    const test_pki::Key original = test_pki::MakeKey(GetParam().type);
+    const std::string spki = test_pki::Spki(original);
+    const std::string pkcs8 = test_pki::Pkcs8(original);
+    tokens::PublicKey key;
+    tokens::PrivateKey private_key;
+    for (std::size_t length = 0; length < spki.size(); ++length) {
+        EXPECT_FALSE(tokens::PublicKeyFromSpki(spki.substr(0, length), key)) << length;
+    }
+    EXPECT_FALSE(tokens::PublicKeyFromSpki(spki + '\0', key));
+    for (std::size_t length = 0; length < pkcs8.size(); ++length) {
+        EXPECT_FALSE(tokens::PrivateKeyFromPkcs8(pkcs8.substr(0, length), private_key)) << length;
+    }
+}
+
+std::string Spki(const std::string& algorithm, const std::string& bits) {
+    return der::Sequence(der::Sequence(algorithm) + der::BitString(bits));
+}
+
+TEST(PublicKeys, GostKeysRoundTrip) {
+    struct {
+        const char* key;
+        const char* set;
+        const char* digest;
+        std::size_t bytes;
+        pki_alg_t alg;
+    } const cases[] = {
+        {"1.2.643.2.2.19", "1.2.643.2.2.35.1", "1.2.643.2.2.30.1", 64, PKI_KEY_GOST2001},
+        {"1.2.643.7.1.1.1.1", "1.2.643.2.2.35.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256},
+        {"1.2.643.7.1.1.1.2", "1.2.643.7.1.2.1.2.1", "1.2.643.7.1.1.2.3", 128, PKI_KEY_GOST2012_512},
+    };
+    for (const auto& c : cases) {
+        const std::string spki = Spki(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + der::Oid(c.digest)),
+                                      der::OctetString(std::string(c.bytes, 'k')));
+        tokens::PublicKey key;
+        ASSERT_TRUE(tokens::PublicKeyFromSpki(spki, key)) << c.key;
+        EXPECT_EQ(key.alg, c.alg);
+        EXPECT_EQ(key.components.back(), std::string(c.bytes, 'k'));
+        EXPECT_EQ(tokens::KeyAlgOfObject(key.type, key.components[1]), c.alg);
+        EXPECT_EQ(tokens::SpkiFromComponents(key.alg, key.components), spki);
+    }
+}
+
+TEST(PublicKeys, HostileKeysAreRefused) {
+    const std::string rsa = der::Oid("1.2.840.113549.1.1.1") + der::Null();
+    const std::string ec = der::Oid("1.2.840.10045.2.1");
+    const std::string p256 = der::Oid("prime256v1");
+    const std::string ed25519 = der::Oid("1.3.101.112");
+    const std::string modulus = der::IntegerBytes("\x7F" + std::string(255, 'm'));
+    struct {
+        const char* what;
+        std::string spki;
+    } const cases[] = {
+        {"modulus too long",
+         Spki(rsa, der::Sequence(der::IntegerBytes("\x7F" + std::string(2048, 'm')) + der::Integer(65537)))},
+        {"exponent too long", Spki(rsa, der::Sequence(modulus + der::IntegerBytes(std::string(33, 'e'))))},
+        {"negative modulus", Spki(rsa, der::Sequence(der::IntegerBytes("\x80mm") + der::Integer(3)))},
+        {"zero exponent", Spki(rsa, der::Sequence(modulus + der::Integer(0)))},
+        {"three numbers", Spki(rsa, der::Sequence(modulus + der::Integer(3) + der::Integer(3)))},
+        {"unknown curve", Spki(ec + der::Oid("1.2.3.4"), "\4" + std::string(64, 'p'))},
+        {"explicit curve", Spki(ec + der::Sequence(der::Integer(1)), "\4" + std::string(64, 'p'))},
+        {"no curve", Spki(ec, "\4" + std::string(64, 'p'))},
+        {"short point", Spki(ec + p256, "\4" + std::string(63, 'p'))},
+        {"point at infinity", Spki(ec + p256, std::string(1, '\0'))},
+        {"unused bits", der::Sequence(der::Sequence(ec + p256) + der::BitString("\4" + std::string(64, 'p'), 1))},
+        {"short Ed25519 key", Spki(ed25519, std::string(31, 'k'))},
+        {"no domain parameters", Spki(der::Oid("1.2.840.10040.4.1"), der::Integer(5))},
+        {"unknown algorithm", Spki(der::Oid("1.2.3.4"), "k")},
+    };
+    tokens::PublicKey key;
+    for (const auto& c : cases) EXPECT_FALSE(tokens::PublicKeyFromSpki(c.spki, key)) << c.what;
+}
+
+TEST(Signatures, DerBecomesTwoNumbersOfTheKeysWidth) {
+    using std::string;
+    const auto ints = [](const string& r, const string& s) {
+        return der::Sequence(der::IntegerBytes(r) + der::IntegerBytes(s));
+    };
+    const string wide(20, '\x7F');
+    const string high(20, '\xFF');
+    struct {
+        const char* what;
+        pki_alg_t alg;
+        string der;
+        string raw;  // empty: refused
+    } const cases[] = {
+        {"full width", PKI_KEY_DSA, ints(wide, wide), wide + wide},
+        {"sign byte", PKI_KEY_DSA, ints('\0' + high, wide), high + wide},
+        {"no sign byte, DSA", PKI_KEY_DSA, ints(high, high), high + high},
+        {"no sign byte, ECDSA", PKI_KEY_EC, ints(high, high), ""},
+        {"short numbers", PKI_KEY_EC, ints("\1", "\2"), string(19, '\0') + "\1" + string(19, '\0') + "\2"},
+        {"leading zeros", PKI_KEY_DSA, ints(string(30, '\0') + "\1", wide), string(19, '\0') + "\1" + wide},
+        {"too wide", PKI_KEY_DSA, ints("\1" + wide, wide), ""},
+        {"empty number", PKI_KEY_DSA, ints("", wide), ""},
+        {"one number", PKI_KEY_DSA, der::Sequence(der::IntegerBytes(wide)), ""},
+        {"three numbers", PKI_KEY_DSA, der::Sequence(der::Integer(1) + der::Integer(1) + der::Integer(1)), ""},
+        {"trailing byte", PKI_KEY_DSA, ints(wide, wide) + "x", ""},
+        {"raw", PKI_KEY_DSA, wide + wide, ""},
+        {"nothing", PKI_KEY_DSA, "", ""},
+    };
+    for (const auto& c : cases) {
+        string raw;
+        EXPECT_EQ(tokens::RawSignatureFromDer(c.alg, 20, c.der, raw), !c.raw.empty()) << c.what;
+        if (!c.raw.empty()) {
+            EXPECT_EQ(raw, c.raw) << c.what;
+        }
+    }
+}
+
+TEST(Signatures, RawBecomesDer) {
+    std::string der;
+    ASSERT_TRUE(tokens::DerSignatureFromRaw(std::string("\0\xFF\0\1", 4), der));
+    EXPECT_EQ(der, der::Sequence(der::IntegerBytes(std::string("\0\xFF", 2)) + der::Integer(1)));
+    EXPECT_FALSE(tokens::DerSignatureFromRaw("odd", der));
+    EXPECT_FALSE(tokens::DerSignatureFromRaw("", der));
+}
+
+}  // namespace
