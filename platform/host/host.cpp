@@ -15,21 +15,31 @@ bool Refuse(const std::string& text) {
 
 }  // namespace
 
-bool Host::ApplyLogAndTokens(const settings::Settings& loaded, bool first) {
+bool Host::StartLogAndTokens(const settings::Settings& loaded) {
+    std::string error;
+    const std::string& folder = loaded.tokens.softhsm_directory;
+    if (!eventlog::SetSinks(loaded.log.sinks, error)) return Refuse(error);
+    if (!folder.empty() && !tokens::PrepareSoftHsm(folder, error)) return Refuse(error);
+    sinks_ = loaded.log.sinks;
+    softhsm_directory_ = folder;
+    return tokens::Start(loaded.tokens.manager, error) || Refuse(error);
+}
+
+bool Host::ApplyLogAndTokens(const settings::Settings& loaded) {
     std::string error;
     if (!eventlog::SetSinks(loaded.log.sinks, error)) return Refuse(error);
-    if (first) {
-        const std::string& folder = loaded.tokens.softhsm_directory;
-        if (!folder.empty() && !tokens::PrepareSoftHsm(folder, error)) return Refuse(error);
-        softhsm_directory_ = folder;
-        return tokens::Start(loaded.tokens.manager, error) || Refuse(error);
+    if (!tokens::Apply(loaded.tokens.manager, error)) {
+        std::string ignored;
+        eventlog::SetSinks(sinks_, ignored);  // all or nothing
+        return Refuse(error);
     }
+    sinks_ = loaded.log.sinks;
     if (loaded.tokens.softhsm_directory != softhsm_directory_) {
         TLogMessage(kMsgSettingsWarning)
             .Attr("tokens.softhsm_directory changed: takes effect at the next start")
             .Send();
     }
-    return tokens::Apply(loaded.tokens.manager, error) || Refuse(error);
+    return true;
 }
 
 bool Host::Start(const std::string& settings_path) {
@@ -39,7 +49,7 @@ bool Host::Start(const std::string& settings_path) {
     if (!loaded.ok) return false;
     settings::Apply(loaded.settings);
     running_ = true;
-    if (!events::Start() || !ApplyLogAndTokens(loaded.settings, true)) {
+    if (!events::Start() || !StartLogAndTokens(loaded.settings)) {
         Stop();
         return false;
     }
@@ -51,7 +61,7 @@ bool Host::Start(const std::string& settings_path) {
 bool Host::Reload() {
     const settings::LoadResult loaded = settings::Load(path_);
     settings::LogProblems(path_, loaded);
-    if (!loaded.ok || !ApplyLogAndTokens(loaded.settings, false)) return false;
+    if (!loaded.ok || !ApplyLogAndTokens(loaded.settings)) return false;
     settings::Apply(loaded.settings);
     const std::lock_guard lock(mutex_);
     rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);

@@ -37,9 +37,11 @@ class PLATFORM_API Host {
     std::shared_ptr<const LPCFG::Rules> rules() const;
 
   private:
-    bool ApplyLogAndTokens(const settings::Settings& loaded, bool first);
+    bool StartLogAndTokens(const settings::Settings& loaded);
+    bool ApplyLogAndTokens(const settings::Settings& loaded);
 
     std::string path_;
+    eventlog::Sinks sinks_;
     std::string softhsm_directory_;
     bool running_ = false;
     mutable std::mutex mutex_;  // guards rules_

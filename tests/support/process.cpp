@@ -121,11 +121,16 @@ void Process::ReadAll(int out_fd, int err_fd) {
     close(err_fd);
 }
 
-bool Process::WaitForOutput(const std::string& text, std::chrono::milliseconds limit) {
+bool Process::WaitForOutput(const std::string& text, std::chrono::milliseconds limit, unsigned times) {
     std::unique_lock lock(mutex_);
-    const auto found = [&] { return out_.find(text) != std::string::npos || err_.find(text) != std::string::npos; };
-    changed_.wait_for(lock, limit, [&] { return ended_ || found(); });
-    return found();
+    const auto count = [&](const std::string& stream) {
+        unsigned found = 0;
+        for (auto at = stream.find(text); at != std::string::npos; at = stream.find(text, at + 1)) ++found;
+        return found;
+    };
+    const auto enough = [&] { return count(out_) + count(err_) >= times; };
+    changed_.wait_for(lock, limit, [&] { return ended_ || enough(); });
+    return enough();
 }
 
 std::string Process::Out() const {

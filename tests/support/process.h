@@ -46,9 +46,9 @@ class Process {
     pid_t pid() const { return pid_; }
     /// Signals this process alone, while it runs.
     void Kill(int signal = SIGKILL);
-    /// Waits until standard output or standard error holds the text; false when the program ends without it or at the
-    /// limit.
-    bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit = kWaitLimit);
+    /// Waits until standard output or standard error holds the text that many times; false when the program ends without
+    /// it or at the limit.
+    bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit = kWaitLimit, unsigned times = 1);
     /// What was written so far.
     std::string Out() const;
     std::string Err() const;

@@ -1,0 +1,44 @@
+// ikeauth: two processes authenticate each other, or say why not.
+
+#include <gtest/gtest.h>
+
+#include "tests/programs/hosts.h"
+
+namespace program_test {
+namespace {
+
+test_support::ProcessResult Exchange(const Hosts& hosts, const std::vector<std::string>& options) {
+    std::vector<std::string> words{
+        IKEAUTH_PATH,          "exchange", "--initiator", hosts.Settings("alice"), "--responder",
+        hosts.Settings("bob"), "--rule",   "office"};
+    words.insert(words.end(), options.begin(), options.end());
+    return test_support::Run(words);
+}
+
+TEST(ExchangeTest, SaysHowItEnded) {
+    struct Case {
+        std::vector<std::string> options;
+        int exit_code;
+        std::string text;
+    };
+    const Hosts hosts;
+    const std::vector<Case> cases = {
+        {{}, 0, "initiator: success: authenticated as CN=alice, O=Test, peer CN=bob, O=Test"},
+        {{"--ike", "1", "--payload", "pkcs7"}, 0, "responder: success"},
+        {{"--fault", "damage-signature"}, 1, "CM::Ike2Verify failed: Invalid signature"},
+        {{"--fault", "damage-signature", "--ike", "1"}, 1, "Can't ike verify on token"},
+        {{"--fault", "announce-fqdn=mallory.example", "--expect", "No certificate matches"}, 0, "Refused as expected"},
+        {{"--fault", "damage-signature", "--expect", "something else"}, 3, "Refused, but not with: something else"},
+        {{"--expect", "anything"}, 3, "Not refused, although it should be"},
+        {{"--ike", "3"}, 2, "--ike"},
+        {{"--rule", "no such rule"}, 2, ""},
+    };
+    for (const Case& c : cases) {
+        const auto result = Exchange(hosts, c.options);
+        EXPECT_EQ(result.exit_code, c.exit_code) << c.text << "\n" << result.out << result.err;
+        EXPECT_NE((result.out + result.err).find(c.text), std::string::npos) << result.out << result.err;
+    }
+}
+
+}  // namespace
+}  // namespace program_test
