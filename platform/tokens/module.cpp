@@ -3,18 +3,48 @@
 #include <p11-kit/p11-kit.h>
 
 #include <cstdlib>
+#include <set>
 
 namespace tokens {
+namespace {
+
+/// The modules that are loaded now. Never destroyed: a module may be left behind.
+class LoadedPaths {
+  public:
+    static LoadedPaths& Instance() {
+        static LoadedPaths* const paths = new LoadedPaths;
+        return *paths;
+    }
+    bool Add(const std::string& path) {
+        const std::lock_guard lock(mutex_);
+        return paths_.insert(path).second;
+    }
+    void Remove(const std::string& path) {
+        const std::lock_guard lock(mutex_);
+        paths_.erase(path);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::set<std::string> paths_;  // guarded by mutex_
+};
+
+}  // namespace
 
 std::shared_ptr<const Module> Module::Load(const Provider& provider, std::string& error) {
+    if (!LoadedPaths::Instance().Add(provider.module_path)) {
+        error = "is still in use: a call from before does not return";
+        return nullptr;
+    }
     NoteModuleCall("C_GetFunctionList");
     CK_FUNCTION_LIST* const list = p11_kit_module_load(provider.module_path.c_str(), P11_KIT_MODULE_UNMANAGED);
     if (list == nullptr) {
+        LoadedPaths::Instance().Remove(provider.module_path);
         const char* const reason = p11_kit_message();
         error = reason == nullptr ? "cannot be loaded" : reason;
         return nullptr;
     }
-    const std::shared_ptr<Module> module(new Module(list));
+    const std::shared_ptr<Module> module(new Module(provider.module_path, list));
     // What the module registered for the end of the process runs after this.
     std::atexit(Stop);
     if (const Result result = module->Initialize(provider.init_args); !result.ok()) {
@@ -39,6 +69,7 @@ Result Module::Initialize(const std::string& init_args) {
 Module::~Module() {
     if (finalize_) api_.Finalize();
     p11_kit_module_release(list_);
+    LoadedPaths::Instance().Remove(path_);
 }
 
 ModuleLinkPtr ModuleLink::Make(CallRunner::Milliseconds limit, std::function<void()> on_trouble,
@@ -72,14 +103,17 @@ ModuleLink::Entry ModuleLink::Enter() {
 
 void ModuleLink::Leave() {
     if (inside_.fetch_sub(1) != 1 || !closed_) return;
+    std::shared_ptr<const Module> given_up;
     const std::lock_guard lock(empty_mutex_);
     empty_.notify_all();
+    if (left_behind_) given_up = TakeModule();
 }
 
 bool ModuleLink::Close(CallRunner::Milliseconds limit) {
     closed_ = true;
     std::unique_lock lock(empty_mutex_);
-    return empty_.wait_for(lock, limit, [&] { return inside_ == 0; });
+    left_behind_ = !empty_.wait_for(lock, limit, [&] { return inside_ == 0; });
+    return !left_behind_;
 }
 
 }  // namespace tokens

@@ -17,7 +17,8 @@ namespace tokens {
 /// Loads a module and initialises it; the destructor finalises and unloads. All of it calls into the module.
 class Module {
   public:
-    /// Null, and why, when it cannot be loaded or initialised.
+    /// Null, and why, when it cannot be loaded or initialised. A module that is still being finalised, after it was left
+    /// behind, is not loaded before that is done: the old call would finalise the new user's module.
     static std::shared_ptr<const Module> Load(const Provider& provider, std::string& error);
     ~Module();
     Module(const Module&) = delete;
@@ -26,11 +27,12 @@ class Module {
     const Api& api() const { return api_; }
 
   private:
-    explicit Module(CK_FUNCTION_LIST* list) : list_(list), api_(list) {}
+    Module(std::string path, CK_FUNCTION_LIST* list) : path_(std::move(path)), list_(list), api_(list) {}
     Result Initialize(const std::string& init_args);
 
-    CK_FUNCTION_LIST* list_;
-    Api api_;
+    const std::string path_;
+    CK_FUNCTION_LIST* const list_;
+    const Api api_;
     bool finalize_ = false;
 };
 
@@ -72,7 +74,8 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
     Entry Enter();
     void LookAgain() const { on_trouble_(); }
 
-    /// Lets nobody in any more and waits for those inside. False when some are still there.
+    /// Lets nobody in any more and waits for those inside. False when some are still there: the last one to leave gives
+    /// the module up then.
     bool Close(CallRunner::Milliseconds limit);
     /// Gives the module up after Close succeeded; it is finalised on the thread that drops the last reference.
     std::shared_ptr<const Module> TakeModule() { return std::move(module_); }
@@ -89,6 +92,7 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
     std::atomic<int> inside_{0};
     std::mutex empty_mutex_;
     std::condition_variable empty_;
+    bool left_behind_ = false;  // guarded by empty_mutex_
 };
 using ModuleLinkPtr = std::shared_ptr<ModuleLink>;
 

@@ -61,6 +61,7 @@ ModuleMonitorPtr ModuleMonitor::Start(const Provider& provider, Milliseconds pol
         [weak, name = provider.name](const char* function) {
             Log(kMsgProviderFailed, name + ": " + (*function == '\0' ? "a call" : function) +
                                         " does not return; its tokens are left out until it does");
+            Registry::Instance().Publish();
             if (const ModuleMonitorPtr self = weak.lock()) self->LookAgain();
         });
     monitor->thread_ = std::thread([monitor] { monitor->Main(); });
@@ -336,7 +337,9 @@ void ModuleMonitor::ShutDown() {
         looks_done_ = ~0UL;
         looked_.notify_all();
     }
-    if (link_->Close(kStopGrace) && loaded_) {
+    // What hangs already is not waited for.
+    const Milliseconds grace = link_->runner().Answers() ? kStopGrace : Milliseconds(0);
+    if (link_->Close(grace) && loaded_) {
         link_->runner().Hurry(kStopGrace);
         link_->runner().Run([module = link_->TakeModule()]() mutable {
             module.reset();
@@ -344,7 +347,7 @@ void ModuleMonitor::ShutDown() {
         });
     }
     for (const TokenPtr& token : tokens) token->MarkRemoved();
-    link_->runner().Shutdown(kStopGrace);
+    link_->runner().Shutdown(grace);
     tokens.clear();
     const std::lock_guard lock(mutex_);
     tokens_.clear();

@@ -33,7 +33,11 @@ struct StateOutcome {
 
 TokenSession::Impl::Impl(const TokenInfo& on_token, OpenType open_type, const std::string* pin, Logger* to)
     : token(Registry::Instance().Find(on_token.id)), type(open_type), logger(to) {
-    if (token == nullptr || !OpenSession()) return;
+    if (token == nullptr) return;
+    if (const Result result = OpenSession(); !result.ok()) {
+        Report(result);
+        return;
+    }
     if (type == kPublic) {
         if (pin != nullptr) officer_pin = SecretString(std::string_view(*pin));
         return;
@@ -49,18 +53,27 @@ TokenSession::Impl::~Impl() {
     if (session != nullptr) token->GiveBack(std::move(session), true);
 }
 
-bool TokenSession::Impl::OpenSession() {
+/// Takes a session that is not in use, or opens one.
+Result TokenSession::Impl::OpenSession() {
     session = token->TakeIdle();
-    if (session != nullptr) return true;
+    if (session != nullptr) return {};
     const auto outcome = token->link()->runner().Run([on = token]() -> OpenOutcome {
         OpenOutcome opened;
         const tokens::ModuleLink::Entry entry = on->link()->Enter();
-        opened.result = entry ? on->Open(opened.session) : Result{"the module", tokens::kRvNoAnswer};
+        opened.result = entry ? on->Open(opened.session) : Result{"C_OpenSession", tokens::kRvNoAnswer};
         return opened;
     });
-    if (!outcome.has_value()) return Report({"C_OpenSession", tokens::kRvNoAnswer});
+    if (!outcome.has_value()) return {"C_OpenSession", tokens::kRvNoAnswer};
     session = outcome->session;
-    return outcome->result.ok() || Report(outcome->result);
+    return outcome->result;
+}
+
+/// After trouble: the session may be in the middle of an operation that the token did not end.
+void TokenSession::Impl::Renew() {
+    if (session == nullptr) return;
+    token->GiveBack(std::move(session), false);
+    session = nullptr;
+    OpenSession();
 }
 
 bool TokenSession::Impl::EnsureLogin(const std::string* pin) {
@@ -114,7 +127,7 @@ bool TokenSession::Impl::Recover(const Result& result) {
     while (tokens::SessionPtr idle = token->TakeIdle()) token->GiveBack(std::move(idle), false);
     if (!LookNow()) return false;
     if (const tokens::TokenPtr now = Registry::Instance().Find(token->id()); now != nullptr) token = now;
-    if (token->removed() || !OpenSession()) return false;
+    if (token->removed() || !OpenSession().ok()) return false;
     return type == kPublic || EnsureLogin(nullptr);
 }
 

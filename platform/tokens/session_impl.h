@@ -39,6 +39,7 @@ struct TokenSession::Impl {
                 continue;
             }
             Report(outcome.result);
+            Renew();
             return outcome;
         }
     }
@@ -88,7 +89,8 @@ struct TokenSession::Impl {
 
   private:
     void ForgetListing();
-    bool OpenSession();
+    tokens::Result OpenSession();
+    void Renew();
     bool EnsureLogin(const std::string* pin);
     bool LogIn(const vpnfc::SecretString& pin);
     bool IsLoggedIn();

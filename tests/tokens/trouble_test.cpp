@@ -1,0 +1,349 @@
+// Tokens that vanish, fail, or never answer.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "tests/tokens/fixture.h"
+
+namespace token_test {
+namespace {
+
+using PKCS11::TokenSession;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using test_pki::KeyType;
+
+class Trouble : public TokenTest {
+  protected:
+    Trouble() {
+        settings_.call_limit = milliseconds(300);
+        StartForward();
+        token_ = NewToken("one");
+        Import(token_.info, PKI_KEY_ED25519, key_, "id");
+        signature_ = test_pki::SignData(key_, {}, "data");
+    }
+
+    bool Sign(TokenSession& session) {
+        std::string signature;
+        return session.Sign(PKI_KEY_ED25519, "id", "data", signature) &&
+               test_pki::VerifyData(key_, {}, "data", signature);
+    }
+    bool Verify(TokenSession& session) {
+        return session.Verify(PKI_KEY_ED25519, test_pki::Spki(key_), "data", signature_);
+    }
+
+    const test_pki::Key key_ = test_pki::MakeKey(KeyType::kEd25519);
+    std::string signature_;
+    TestToken token_;
+};
+
+TEST_F(Trouble, RemovalAndInsertionAreSeenAtOnce) {
+    // The interval of the settings' default, with and without events from the module.
+    settings_.poll_interval = milliseconds(500);
+    Apply();
+    for (const char* events : {"ghost", "no-events"}) {
+        reports_.Clear();
+        auto begin = steady_clock::now();
+        control_.Set({events, "hide one"});
+        ASSERT_TRUE(reports_.WaitFor("removed one")) << events;
+        EXPECT_FALSE(IsListed("one"));
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(1500)) << events;
+        begin = steady_clock::now();
+        control_.Set({events});
+        ASSERT_TRUE(reports_.WaitFor("inserted one")) << events;
+        EXPECT_TRUE(IsListed("one"));
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(1500)) << events;
+        EXPECT_EQ(reports_.Count("removed one"), 1U);
+        EXPECT_EQ(reports_.Count("inserted one"), 1U);
+        EXPECT_EQ(reports_.Count("log 200"), 1U) << "in the log, too";
+        EXPECT_EQ(reports_.Count("log 201"), 1U);
+    }
+}
+
+TEST_F(Trouble, IdentifiersSurviveReinsertion) {
+    control_.Set({"hide one"});
+    ASSERT_TRUE(WaitUntilListed("one", false));
+    control_.Set({});
+    ASSERT_TRUE(WaitUntilListed("one"));
+    EXPECT_EQ(PKCS11::Manager::Instance().EnumTokens().at(0).id, token_.info.id);
+    EXPECT_FALSE(PKCS11::Manager::Instance().EnumTokens().at(0).loggedIn) << "the login went with the token";
+}
+
+// A token taken out and put back between two calls: the old sessions and keys are worth nothing, but what needs no login
+// goes on.
+TEST_F(Trouble, ATokenPutBackIsUsedAgain) {
+    TokenSession verifier(token_.info);
+    TokenSession signer(token_.info, TokenSession::kPrivate);
+    ASSERT_TRUE(Verify(verifier));
+    ASSERT_TRUE(Sign(signer));
+    control_.Set({"hide one"});
+    ASSERT_TRUE(reports_.WaitFor("removed one"));
+    EXPECT_FALSE(Verify(verifier));
+    EXPECT_FALSE(Sign(signer));
+    EXPECT_FALSE(TokenSession(token_.info).opened());
+    control_.Set({});
+    ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
+    TokenSession anew(token_.info);
+    EXPECT_TRUE(Verify(anew));
+
+    // Between two polls, so that nobody noticed.
+    settings_.poll_interval = milliseconds(60000);
+    Apply();
+    control_.Set({"no-events"});
+    ASSERT_TRUE(Verify(anew));
+    control_.Set({"no-events", "hide one"});
+    EXPECT_FALSE(Verify(anew)) << "it is out";
+    control_.Set({"no-events"});
+    TokenSession again(token_.info);
+    EXPECT_TRUE(WaitUntilListed("one"));
+    EXPECT_TRUE(Verify(*std::make_unique<TokenSession>(token_.info)));
+    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+    TokenSession private_again(token_.info, TokenSession::kPrivate);
+    EXPECT_TRUE(Sign(private_again));
+}
+
+// Sessions that died are replaced without the caller noticing, once.
+TEST_F(Trouble, DeadSessionsAreReplaced) {
+    struct {
+        const char* directive;
+        bool works;
+    } const cases[] = {
+        {"fail C_VerifyInit CKR_SESSION_HANDLE_INVALID times 1", true},
+        {"fail C_Verify CKR_DEVICE_REMOVED times 1", true},
+        {"fail C_VerifyInit CKR_SESSION_CLOSED times 2", false},
+        {"fail C_VerifyInit CKR_KEY_HANDLE_INVALID times 1", true},
+        {"fail C_VerifyInit CKR_OBJECT_HANDLE_INVALID times 2", false},
+    };
+    for (const auto& c : cases) {
+        ErrorLog errors;
+        TokenSession session(token_.info, TokenSession::kPublic, nullptr, &errors);
+        ASSERT_TRUE(Verify(session));
+        control_.Set({c.directive});
+        EXPECT_EQ(Verify(session), c.works) << c.directive;
+        EXPECT_EQ(errors.errors.size(), c.works ? 0U : 1U) << c.directive;
+        control_.Set({});
+        EXPECT_TRUE(Verify(session)) << "afterwards";
+    }
+}
+
+// Trouble with the device is logged once a call, with the function and the name of the CK_RV.
+TEST_F(Trouble, DeviceErrorsAreReported) {
+    const auto check = [&](const char* function, const char* rv, const std::function<bool(TokenSession&)>& work) {
+        SCOPED_TRACE(function);
+        ErrorLog errors;
+        TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
+        ASSERT_TRUE(session.opened());
+        control_.Set({std::string("fail ") + function + " " + rv});
+        EXPECT_FALSE(work(session));
+        EXPECT_EQ(errors.errors, std::vector<std::string>{std::string("one ") + function + " " + rv});
+        control_.Set({});
+        EXPECT_TRUE(Verify(session)) << "the session is still good";
+    };
+    std::string out;
+    std::list<PKCS11::CertObject> certificates;
+    const auto sign = [&](TokenSession& s) { return Sign(s); };
+    const auto verify = [&](TokenSession& s) { return Verify(s); };
+    const auto enumerate = [&](TokenSession& s) { return s.EnumCertificates(certificates); };
+    const auto digest = [&](TokenSession& s) { return s.Digest(PKI_HASH_SHA256, "data", out); };
+    check("C_SignInit", "CKR_DEVICE_MEMORY", sign);
+    check("C_Sign", "CKR_DEVICE_ERROR", sign);
+    check("C_VerifyInit", "CKR_HOST_MEMORY", verify);
+    check("C_Verify", "CKR_DEVICE_ERROR", verify);
+    check("C_FindObjects", "CKR_DEVICE_ERROR", enumerate);
+    check("C_FindObjectsInit", "CKR_DEVICE_ERROR", enumerate);
+    check("C_GetAttributeValue", "CKR_DEVICE_ERROR", enumerate);
+    check("C_DigestInit", "CKR_DEVICE_ERROR", digest);
+    check("C_Digest", "CKR_FUNCTION_FAILED", digest);
+    check("C_SeedRandom", "CKR_RANDOM_SEED_NOT_SUPPORTED", [](TokenSession& s) { return s.SeedRandom("seed"); });
+    check("C_GenerateKeyPair", "CKR_DEVICE_ERROR",
+          [](TokenSession& s) { return s.GenerateKeyPair(PKI_KEY_EC, 256, "x", false); });
+    check("C_CreateObject", "CKR_TOKEN_WRITE_PROTECTED", [](TokenSession& s) { return s.CreateCRLObject("x", "crl"); });
+    check("C_DestroyObject", "CKR_DEVICE_ERROR", [](TokenSession& s) { return s.DeletePrivKeyObject("id"); });
+
+    // Without a logger of its own the event log hears of it.
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    control_.Set({"fail C_Sign CKR_DEVICE_ERROR"});
+    EXPECT_FALSE(Sign(session));
+    EXPECT_EQ(reports_.Count("C_Sign failed: CKR_DEVICE_ERROR"), 1U);
+}
+
+// A module without an open session for us: the session does not open, and that is not for want of a login.
+TEST_F(Trouble, SessionsThatDoNotOpenSayWhy) {
+    TokenSession keeper(token_.info);
+    TokenSession another(token_.info);
+    control_.Set({"fail C_OpenSession CKR_SESSION_COUNT"});
+    ErrorLog errors;
+    std::vector<std::unique_ptr<TokenSession>> sessions;
+    do {
+        sessions.push_back(std::make_unique<TokenSession>(token_.info, TokenSession::kPublic, nullptr, &errors));
+    } while (sessions.back()->opened());
+    EXPECT_FALSE(sessions.back()->loginFailed());
+    EXPECT_EQ(errors.errors, std::vector<std::string>{"one C_OpenSession CKR_SESSION_COUNT"});
+}
+
+TEST_F(Trouble, ReadingEndsWhereTheTokenFails) {
+    {
+        const test_pki::Cert cert = test_pki::MakeCa("CN=CA");
+        TokenSession session(token_.info, TokenSession::kPrivate);
+        for (const char* id : {"a", "b", "c"}) {
+            ASSERT_TRUE(session.CreateCertObject({.id = id, .value = cert.der}, cert.subject_der));
+        }
+        std::list<PKCS11::CertObject> certificates;
+        ASSERT_TRUE(session.EnumCertificates(certificates));
+    }
+    ErrorLog errors;
+    TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
+    control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR skip 3"});  // the key, and two certificates
+    std::list<PKCS11::CertObject> certificates;
+    EXPECT_FALSE(session.EnumCertificates(certificates));
+    EXPECT_EQ(certificates.size(), 2U);
+    EXPECT_EQ(errors.errors.size(), 1U);
+}
+
+/// Two providers: one that hangs at will, and the trust module.
+class Hanging : public Trouble {
+  protected:
+    Hanging() {
+        settings_.providers.push_back({.name = "trust", .module_path = TRUST_MODULE_PATH});
+        Apply();
+        for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
+            if (token.providerName == "trust") other_ = token;
+        }
+        EXPECT_EQ(other_.providerName, "trust");
+    }
+    void ExpectOthersGoOn() {
+        EXPECT_TRUE(IsListed(other_.label));
+        TokenSession session(other_);
+        EXPECT_TRUE(session.opened());
+        std::list<PKCS11::CertObject> certificates;
+        EXPECT_TRUE(session.EnumCertificates(certificates));
+    }
+
+    PKCS11::TokenInfo other_;
+};
+
+TEST_F(Hanging, OneCallThatHangsTakesItsProviderOutOnly) {
+    struct {
+        const char* function;
+        std::function<bool(TokenSession&)> work;
+    } const cases[] = {
+        {"C_Sign", [&](TokenSession& s) { return Sign(s); }},
+        {"C_FindObjects",
+         [](TokenSession& s) {
+             std::list<PKCS11::CertObject> certificates;
+             return s.EnumCertificates(certificates);
+         }},
+        {"C_CreateObject", [](TokenSession& s) { return s.CreateCRLObject("id", "crl"); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.function);
+        reports_.Clear();
+        {
+            TokenSession idle(token_.info);
+            TokenSession session(token_.info, TokenSession::kPrivate);
+            ASSERT_TRUE(session.opened());
+            control_.Set({std::string("hang ") + c.function});
+            const auto begin = steady_clock::now();
+            EXPECT_FALSE(c.work(session));
+            EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
+            EXPECT_FALSE(IsListed("one"));
+            EXPECT_FALSE(session.opened()) << "the session belongs to the call that hangs";
+            EXPECT_FALSE(Verify(idle)) << "nobody else gets into the module";
+            EXPECT_FALSE(TokenSession(token_.info).opened());
+            EXPECT_TRUE(reports_.WaitFor("removed one"));
+            EXPECT_EQ(reports_.Count(std::string(c.function) + " does not return"), 1U);
+            ExpectOthersGoOn();
+        }
+        control_.Set({});
+        ASSERT_TRUE(reports_.WaitFor("inserted one"));
+        EXPECT_TRUE(reports_.WaitFor("answers again"));
+        TokenSession again(token_.info, TokenSession::kPrivate);
+        EXPECT_TRUE(Sign(again)) << "still logged in";
+    }
+}
+
+TEST_F(Hanging, PollingThatHangsDoesTheSame) {
+    control_.Set({"hang C_GetSlotList"});
+    ASSERT_TRUE(reports_.WaitFor("removed one"));
+    EXPECT_FALSE(IsListed("one"));
+    ExpectOthersGoOn();
+    control_.Set({});
+    ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    EXPECT_TRUE(Sign(session));
+}
+
+TEST_F(Hanging, StoppingLeavesAHangingModuleBehind) {
+    struct {
+        const char* function;
+        bool signs;
+    } const cases[] = {{"C_Sign", true}, {"C_GetSlotList", false}, {"C_Finalize", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.function);
+        control_.Set({std::string("hang ") + c.function});
+        TokenSession session(token_.info, TokenSession::kPrivate);
+        if (c.signs) {
+            EXPECT_FALSE(Sign(session));
+        } else {
+            ASSERT_TRUE(session.opened() || true);
+        }
+        const auto begin = steady_clock::now();
+        tokens::Stop();
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(9000));
+        EXPECT_TRUE(PKCS11::Manager::Instance().EnumTokens().empty());
+        EXPECT_FALSE(Verify(session)) << "a session that outlives the manager fails";
+        control_.Set({});
+        std::string error;
+        ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+        ASSERT_TRUE(WaitUntilListed("one"));
+        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+    }
+}
+
+TEST_F(Hanging, AModuleThatDoesNotLoadInTimeComesLater) {
+    tokens::Stop();
+    reports_.Clear();
+    control_.Set({"hang C_Initialize"});
+    std::string error;
+    const auto begin = steady_clock::now();
+    ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+    EXPECT_LT(steady_clock::now() - begin, milliseconds(8000));
+    ExpectOthersGoOn();
+    EXPECT_FALSE(IsListed("one"));
+    EXPECT_TRUE(reports_.WaitFor("provider trust ready"));
+    EXPECT_TRUE(reports_.WaitFor("provider forward failed 0"));
+    control_.Set({});
+    ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
+    EXPECT_TRUE(IsListed("one"));
+}
+
+TEST_F(Trouble, AModuleThatFailsToInitialiseIsTriedAgain) {
+    tokens::Stop();
+    reports_.Clear();
+    control_.Set({"fail C_Initialize CKR_DEVICE_ERROR"});
+    std::string error;
+    ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+    EXPECT_EQ(reports_.Count("C_Initialize: CKR_DEVICE_ERROR"), 1U);
+    ASSERT_EQ(tokens::Providers().size(), 1U);
+    EXPECT_FALSE(tokens::Providers()[0].available);
+    control_.Set({});
+    ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
+    EXPECT_TRUE(tokens::Providers()[0].available);
+}
+
+TEST_F(Trouble, ASlotThatFailsIsLoggedOnceAndHidesNoOther) {
+    const TestToken two = NewToken("two");
+    reports_.Clear();
+    control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR times 1"});  // whichever comes first
+    ASSERT_TRUE(reports_.WaitFor("C_GetTokenInfo failed: CKR_DEVICE_ERROR"));
+    ASSERT_TRUE(WaitUntilListed("one"));
+    EXPECT_TRUE(IsListed("two"));
+    control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR"});
+    ASSERT_TRUE(WaitUntilListed("one", false));
+    for (int i = 0; i < 3; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    EXPECT_LE(reports_.Count("C_GetTokenInfo failed"), 4U) << "once for each slot and trouble";
+}
+
+}  // namespace
+}  // namespace token_test
