@@ -66,21 +66,20 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
 
 TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
     auto release = std::make_shared<std::promise<void>>();
-    test_support::Event ended;
+    test_support::Event recovered;
     {
-        Runner runner;
-        EXPECT_FALSE(runner.calls
-                         .Run([released = release->get_future().share(), &ended] {
-                             released.wait();
-                             ended.Signal();
-                             return 0;
-                         })
-                         .has_value());
-        EXPECT_FALSE(runner.calls.Shutdown(kShort));
-        EXPECT_FALSE(runner.calls.Run([] { return 1; }).has_value());
+        CallRunner calls(
+            kShort, [](const char*) {}, [&] { recovered.Signal(); });
+        const auto result = calls.Run([released = release->get_future().share()] {
+            released.wait();
+            return 0;
+        });
+        EXPECT_FALSE(result.has_value());
+        EXPECT_FALSE(calls.Shutdown(kShort));
+        EXPECT_FALSE(calls.Run([] { return 1; }).has_value());
     }
     release->set_value();
-    EXPECT_TRUE(ended.Wait());
+    EXPECT_TRUE(recovered->Wait()) << "the call outlives its runner";
 }
 
 TEST(CallRunner, HurryCutsWaitingShort) {
