@@ -46,7 +46,8 @@ std::shared_ptr<const Module> Module::Load(const Provider& provider, std::string
     }
     const std::shared_ptr<Module> module(new Module(provider.module_path, list));
     // What the module registered for the end of the process runs after this.
-    std::atexit(Stop);
+    if (std::atexit(Stop) != 0) error = "cannot be taken down at the end of the process";
+    if (!error.empty()) return nullptr;
     if (const Result result = module->Initialize(provider.init_args); !result.ok()) {
         error = std::string(result.function) + ": " + RvName(result.rv);
         return nullptr;
@@ -74,7 +75,7 @@ Module::~Module() {
 
 ModuleLinkPtr ModuleLink::Make(CallRunner::Milliseconds limit, std::function<void()> on_trouble,
                                std::function<void(const char*)> on_stuck) {
-    const ModuleLinkPtr link(new ModuleLink(std::move(on_trouble)));
+    ModuleLinkPtr link(new ModuleLink(std::move(on_trouble)));
     // An abandoned call may return when the link is long gone.
     const std::weak_ptr<ModuleLink> weak = link;
     link->runner_ = std::make_unique<CallRunner>(

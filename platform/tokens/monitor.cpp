@@ -51,7 +51,7 @@ LoadOutcome Load(const Provider& provider) {
 }  // namespace
 
 ModuleMonitorPtr ModuleMonitor::Start(const Provider& provider, Milliseconds poll_interval, Milliseconds call_limit) {
-    const ModuleMonitorPtr monitor(new ModuleMonitor(provider, poll_interval));
+    ModuleMonitorPtr monitor(new ModuleMonitor(provider, poll_interval));
     const std::weak_ptr<ModuleMonitor> weak = monitor;
     monitor->link_ = ModuleLink::Make(
         call_limit,
@@ -210,7 +210,7 @@ void ModuleMonitor::Look() {
         return ScanSlots(link, name, known);
     });
     if (outcome.has_value() && outcome->has_value()) {
-        TakeScan(std::move(**outcome));
+        TakeScan(**outcome);
     } else {
         TokensGone();
     }
@@ -244,7 +244,7 @@ void ModuleMonitor::LogTroubles(const ScanOutcome& outcome) {
     troubles_ = std::move(troubles);
 }
 
-void ModuleMonitor::TakeScan(ScanOutcome outcome) {
+void ModuleMonitor::TakeScan(const ScanOutcome& outcome) {
     LogTroubles(outcome);
     std::vector<TokenPtr> tokens;
     bool changed = false;
@@ -261,11 +261,11 @@ void ModuleMonitor::TakeScan(ScanOutcome outcome) {
         }
         tokens.push_back(seen.token);
     }
-    Replace(std::move(tokens), changed);
+    Replace(tokens, changed);
 }
 
 /// Takes over what stands in the slots now, and tells about the difference.
-void ModuleMonitor::Replace(std::vector<TokenPtr> tokens, bool changed) {
+void ModuleMonitor::Replace(const std::vector<TokenPtr>& tokens, bool changed) {
     std::vector<TokenPtr> before;
     bool was_visible = false;
     {

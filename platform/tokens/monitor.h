@@ -59,9 +59,9 @@ class ModuleMonitor : public std::enable_shared_from_this<ModuleMonitor> {
 
     void LoadModule();
     void Look();
-    void TakeScan(ScanOutcome outcome);
+    void TakeScan(const ScanOutcome& outcome);
     void TokensGone();
-    void Replace(std::vector<TokenPtr> tokens, bool changed);
+    void Replace(const std::vector<TokenPtr>& tokens, bool changed);
     void LogTroubles(const ScanOutcome& outcome);
     void LoginFromPinFiles();
     void DeliverLogins();

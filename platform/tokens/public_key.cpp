@@ -6,7 +6,6 @@
 namespace tokens {
 namespace {
 
-using asn1::AppendTlv;
 using asn1::DerReader;
 using asn1::kTagBitString;
 using asn1::kTagNull;

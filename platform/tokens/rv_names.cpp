@@ -124,7 +124,7 @@ const char* RvName(CK_RV rv) {
         std::lower_bound(kNames.begin(), kNames.end(), rv, [](const Name& a, CK_RV b) { return a.rv < b; });
     if (found != kNames.end() && found->rv == rv) return found->name;
     static thread_local std::array<char, 32> unnamed;
-    std::snprintf(unnamed.data(), unnamed.size(), "CKR_0x%08lX", rv);
+    (void)std::snprintf(unnamed.data(), unnamed.size(), "CKR_0x%08lX", rv);
     return unnamed.data();
 }
 

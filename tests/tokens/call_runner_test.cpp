@@ -66,10 +66,11 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
 
 TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
     auto release = std::make_shared<std::promise<void>>();
-    test_support::Event recovered;
+    // Shared with the thread that is left behind.
+    const auto recovered = std::make_shared<test_support::Event>();
     {
         CallRunner calls(
-            kShort, [](const char*) {}, [&] { recovered.Signal(); });
+            kShort, [](const char*) {}, [recovered] { recovered->Signal(); });
         const auto result = calls.Run([released = release->get_future().share()] {
             released.wait();
             return 0;
