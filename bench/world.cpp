@@ -185,7 +185,7 @@ CM::CertStorage::X509CertsDB MakeVariants(const test_pki::Cert& issuer, const st
 
     CM::CertStorage::X509CertsDB certs;
     for (int i = 0; i < count; ++i) {
-        char digits[kDigits + 1];
+        char digits[16];
         std::snprintf(digits, sizeof digits, "%06d", i);
         der.replace(subject_at, kDigits, digits);
         der.replace(key_id_at, kDigits, digits);

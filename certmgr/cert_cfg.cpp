@@ -240,12 +240,12 @@ struct Ike2Verification {
 
     bool Enabled() const { return TLogMessage::IsEnabled(kMsgIke2Verify); }
     void Log(const std::string& text) const { TLogMessage(kMsgIke2Verify, ident).Attr(text).Send(); }
-    /// Logs the text with the peer's certificate at its end.
-    void LogWithPeer(std::string text) const {
+    /// Logs the text, the peer's certificate and the tail.
+    void LogWithPeer(std::string text, std::string_view tail = {}) const {
         if (!Enabled()) return;
         text.append(", peer cert: ");
         ttt_X509CertToLogString(&peer, text);
-        Log(text);
+        Log(text.append(tail));
     }
 };
 
@@ -281,10 +281,12 @@ pki_alg_t HashOfRsaSignature(const Ike2Verification& v) {
     return hash;
 }
 
-/// Adds the hash to a bare key algorithm. False, logged, when it is not known.
+/// Adds the hash to a bare key algorithm. False, logged, when it is not known. A bare RSA for another key needs no token
+/// to be refused.
 bool AddHash(const Ike2Verification& v, pki_alg_t& alg) {
     pki_alg_t hash = FixedHashOf(alg);
-    if (hash == 0) hash = alg == PKI_KEY_RSA ? HashOfRsaSignature(v) : HashOfOwnSignature(v.peer);
+    const bool rsa = alg == PKI_KEY_RSA && KeyCode(v.peer.info.keyAlg) == PKI_KEY_RSA;
+    if (hash == 0) hash = rsa ? HashOfRsaSignature(v) : HashOfOwnSignature(v.peer);
     alg |= hash;
     return hash != 0;
 }
@@ -350,10 +352,10 @@ bool Ike2Verify(const X509Cert* peer, pki_alg_t auth_alg, const std::string& dat
     // 5.
     const SignatureCheck result = X509Cert_Verify(alg, peer->rawPubKey, data, signature);
     if (result != kSignatureRight) {
-        v.LogWithPeer(std::string("CM::Ike2Verify failed: ") + VerifyFailureText(result) + KeyAndSignAlg(*peer, alg));
+        v.LogWithPeer(std::string("CM::Ike2Verify failed: ") + VerifyFailureText(result), KeyAndSignAlg(*peer, alg));
         return false;
     }
-    if (LogsSuccess()) v.LogWithPeer("CM::Ike2Verify ok" + KeyAndSignAlg(*peer, alg));
+    if (LogsSuccess()) v.LogWithPeer("CM::Ike2Verify ok", KeyAndSignAlg(*peer, alg));
     return true;
 }
 

@@ -11,8 +11,6 @@ namespace CM {
 
 namespace {
 
-/// A peer decides how much there is to report: entries stop at this size.
-constexpr std::size_t kMaxReportBytes = 24U << 10;
 /// Members of one chain that are shown.
 constexpr std::size_t kMaxChainLines = 8;
 
@@ -24,21 +22,6 @@ void AppendCount(std::string& out, std::size_t count, std::string_view noun) {
 void AppendEntry(std::string& out, std::size_t number, std::string_view list_name, std::uint64_t pattern_number) {
     cmprint_Fact(out, "Certificate ", std::to_string(number));
     out.append(": ").append(list_name).append("[").append(std::to_string(pattern_number)).append("]");
-}
-
-/// Renders entries, numbered from 1, until the report is full.
-template <typename Entries, typename Render>
-void AppendEntries(std::string& out, const Entries& entries, Render render) {
-    std::size_t number = 0;
-    for (const auto& entry : entries) {
-        if (out.size() > kMaxReportBytes) {
-            cmprint_Fact(out, "... and ", {});
-            AppendCount(out, entries.size() - number, "certificate");
-            out.append(" more");
-            return;
-        }
-        render(entry, ++number);
-    }
 }
 
 void AppendIdentity(std::string& out, const PeerSearchReport& report) {
@@ -59,7 +42,7 @@ void AppendTrustParams(std::string& out, const LPCFG::auth_ike_t* rule) {
 }
 
 void AppendNotValid(std::string& out, const TrustedCertLogs& not_valid) {
-    AppendEntries(out, not_valid, [&](const TrustedCertLog& entry, std::size_t number) {
+    cmprint_Entries(out, not_valid, [&](const TrustedCertLog& entry, std::size_t number) {
         AppendEntry(out, number, "cert_trust", entry.pattern_index);
         cmprint_Cert(out, entry.cert.get(), false);
         cmprint_Validity(out, entry.cert->info);
@@ -103,7 +86,7 @@ void CMLog_PeerCertificate_NotSelected(const PeerSearchReport& report, const Pee
     cmprint_Fact(text, "Received: ", {});
     AppendCount(text, report.received, "certificate");
     if (statuses.empty()) cmprint_Fact(text, "No certificate matches LSP rule and identity", {});
-    AppendEntries(text, statuses, [&](const PeerCertStatus& status, std::size_t number) {
+    cmprint_Entries(text, statuses, [&](const PeerCertStatus& status, std::size_t number) {
         AppendEntry(text, number, "cert_remote", status.pattern_number);
         text.append(": ").append(RefusalText(status.refusal));
         cmprint_Cert(text, status.chain[0], false);
@@ -117,7 +100,7 @@ void CMLog_TrustedCertificates_Selected(const TrustedCertLogs& selected, const L
     if (!TLogMessage::IsEnabled(kMsgTrustedCertsSelected)) return;
     std::string text;
     AppendTrustParams(text, rule);
-    AppendEntries(text, selected, [&](const TrustedCertLog& entry, std::size_t number) {
+    cmprint_Entries(text, selected, [&](const TrustedCertLog& entry, std::size_t number) {
         AppendEntry(text, number, "cert_trust", entry.pattern_index);
         cmprint_Cert(text, entry.cert.get(), false);
     });

@@ -54,6 +54,11 @@ CertStorage::X509CertsDB::~X509CertsDB() = default;
 CertStorage::X509CertsDB::X509CertsDB(X509CertsDB&&) noexcept = default;
 CertStorage::X509CertsDB& CertStorage::X509CertsDB::operator=(X509CertsDB&&) noexcept = default;
 
+void CertStorage::X509CertsDB::Clear() {
+    index_.reset();
+    CertList::Clear();
+}
+
 void CertStorage::X509CertsDB::Reindex() {
     index_ = certs_.empty() ? nullptr : std::make_unique<CertIndex>(certs_);
 }
@@ -125,8 +130,9 @@ CertStorage& CertStorage::Instance() {
 }
 
 CertStorage::CertStorage() {
-    // libcrypto's clean-up at exit then runs after this object's destructor, which still closes handles.
-    OPENSSL_init_crypto(0, nullptr);
+    // Registers libcrypto's clean-up at exit now, so that it runs after this object's destructor, which still closes
+    // handles. Without any option the call would register nothing.
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 }
 
 CertStorage::~CertStorage() {
@@ -246,7 +252,9 @@ void CertStorage::ClearAll() {
         reloadFlags = kStoreStopped;
     }
     EndPendingReload();
-    // Nothing of this library stays queued, so that it may be unloaded.
+    // Nothing of this library stays queued, so that it may be unloaded: neither what was armed while this waited ...
+    EM_DelTimer(0, ReloadEventHandler, nullptr);
+    // ... nor a notification of the last reload.
     EM_DelTimer(0, cm_send_cert_list_changed_nitification_, nullptr);
 }
 

@@ -63,6 +63,8 @@ constexpr bool FormsStandInOrder() {
     return true;
 }
 static_assert(FormsStandInOrder(), "the table is indexed by the identifier");
+static_assert(kRefusalForms.size() == static_cast<std::size_t>(RefusalId::kRevocation) + 1,
+              "every identifier has a form");
 
 RefusalId RefusalOfSignature(SignatureCheck check) {
     switch (check) {

@@ -90,7 +90,8 @@ class PeerSearch {
   private:
     void FindCandidates(const LPCFG::cert_t& pattern, pki_alg_t alg);
     void cm_SearchValidCertsInList(const CertStorage::X509CertsDB& list, const LPCFG::cert_t& pattern, pki_alg_t alg);
-    void Consider(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg);
+    bool Answers(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) const;
+    void Consider(const X509Cert* cert);
     PeerCertStatus& cm_PeerCertPushBack(const X509Cert* cert);
     Refusal JudgeByItself(const X509Cert* cert) const;
     Refusal JudgeChain(CertList& chain);
@@ -134,7 +135,9 @@ const PeerCertStatus* PeerSearch::Run() {
 /// 3.1. Where candidates are looked for, in this order: what the peer sent; the store's other certificates; and its
 /// trusted ones, but only as the bearers of an identity that is checked.
 void PeerSearch::FindCandidates(const LPCFG::cert_t& pattern, pki_alg_t alg) {
-    for (const X509Cert* cert : received_) Consider(cert, pattern, alg);
+    for (const X509Cert* cert : received_) {
+        if (Answers(cert, pattern, alg)) Consider(cert);
+    }
     const CertStorage& store = CertStorage::Instance();
     cm_SearchValidCertsInList(store.otherCerts, pattern, alg);
     if (identity_.any == 0) cm_SearchValidCertsInList(store.trustedCerts, pattern, alg);
@@ -149,20 +152,30 @@ void PeerSearch::cm_SearchValidCertsInList(const CertStorage::X509CertsDB& list,
     } else if (pattern.subjectExact && !pattern.subject.empty()) {
         subject = &pattern.subject;
     }
-    const vpnfc::ReadLock lock(CertStorage::Instance());
-    if (subject != nullptr) {
-        for (const std::uint32_t position : list.WithSubject(*subject)) Consider(list[position], pattern, alg);
-    } else {
-        for (const X509Cert* cert : list) Consider(cert, pattern, alg);
+    std::vector<CertRef> found;  // judged, which may write to the log, without the lock
+    const auto keep = [&](const X509Cert* cert) {
+        if (Answers(cert, pattern, alg)) found.emplace_back(cert);
+    };
+    {
+        const vpnfc::ReadLock lock(CertStorage::Instance());
+        if (subject != nullptr) {
+            for (const std::uint32_t position : list.WithSubject(*subject)) keep(list[position]);
+        } else {
+            for (const X509Cert* cert : list) keep(cert);
+        }
     }
+    for (const CertRef& cert : found) Consider(cert.get());
 }
 
-/// Makes the certificate a candidate, unless it does not answer identity and pattern or is one already: that leaves no
-/// trace.
-void PeerSearch::Consider(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) {
-    // 1. to 3.
-    if (identity_.any == 0 && cert_map_to_lp_cfg_ipsecid(cert, identity_) == nullptr) return;
-    if (!cert->MatchToPattern(pattern, alg)) return;
+/// 1. and 2. A certificate that does not answer identity and pattern is passed over without a trace.
+bool PeerSearch::Answers(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) const {
+    return (identity_.any != 0 || cert_map_to_lp_cfg_ipsecid(cert, identity_) != nullptr) &&
+           cert->MatchToPattern(pattern, alg);
+}
+
+/// Makes the certificate a candidate, unless it is one already.
+void PeerSearch::Consider(const X509Cert* cert) {
+    // 3.
     if (!candidates_.insert(cert).second) return;
     // 4. and 5.
     cm_PeerCertPushBack(cert).refusal = JudgeByItself(cert);

@@ -254,9 +254,9 @@ int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_
 
 SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
                                const std::string& signature) {
-    const std::vector<PKCS11::TokenInfo> tokens = PKCS11::Manager::Instance().EnumTokens(alg);
-    if (tokens.empty()) return kSignatureNoToken;
-    for (const PKCS11::TokenInfo& token : tokens) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(alg);
+    if (tokens->empty()) return kSignatureNoToken;
+    for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token);
         if (session) return VerifyOnToken(session, alg, spki, data, signature);
     }

@@ -44,7 +44,7 @@ int CheckSettings(const std::string& path) {
 }
 
 int Run(const std::string& path) {
-    // Taken over before any thread starts, so that every thread inherits the mask.
+    // Before anything starts, so that no signal is lost to its default action.
     events::SignalLoop signals{SIGHUP, SIGTERM, SIGINT};
     vpnhost::Host host;
     if (!host.Start(path)) return kExitSettings;

@@ -74,6 +74,8 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
         X509CertsDB(X509CertsDB&&) noexcept;
         X509CertsDB& operator=(X509CertsDB&&) noexcept;
 
+        void Clear();
+
         /// First certificate of that token, identifier and DER value, with one more reference; null if none.
         X509Cert* Take(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) const;
         /// First certificate of that token with equal serial number, subject and issuer, and, when both sides have one,

@@ -46,12 +46,13 @@ namespace CM {
 struct IkeCertRequestIter {
     /// 1: authorities are named by the SHA-1 of their SubjectPublicKeyInfo; any other value: by DER subject name.
     std::int32_t kind = 0;
-    /// Whether the value is among the requested ones.
+    /// Whether the value is among the requested ones. Called with the store's read lock held: it calls nothing that takes
+    /// that lock, not even for reading.
     bool (*requested)(const std::string& value, void* context) = nullptr;
     void* context = nullptr;
 };
 
-/// Chain of a local certificate from the store alone, into an empty vector. False, with the vector emptied, when it
+/// Chain of a local certificate from the store alone, into an empty vector. False, with nothing appended, when it
 /// is not anchored in a trusted certificate.
 CM_API bool BuildLocalCertChain(std::vector<const X509Cert*>& chain, const X509Cert* cert, const TLogIdent& ident);
 

@@ -49,7 +49,7 @@ bool Host::Start(const std::string& settings_path) {
     if (!loaded.ok) return false;
     settings::Apply(loaded.settings);
     running_ = true;
-    if (!events::Start() || !StartLogAndTokens(loaded.settings)) {
+    if (!StartLogAndTokens(loaded.settings) || !events::Start()) {
         Stop();
         return false;
     }
