@@ -21,7 +21,8 @@ namespace {
 using Pkcs12Ptr = cert_engine::Owner<PKCS12, PKCS12_free>;
 using Pkcs7Parser = cert_engine::Parser<PKCS7, PKCS7_new_ex, d2i_PKCS7, PKCS7_free, kMaxBundleBytes>;
 
-static_assert(kMaxBundleBytes <= INT_MAX / 2, "memory streams count their bytes in an int");
+static_assert(kMaxBundleBytes <= INT_MAX / 2 && kMaxCrlTextBytes <= INT_MAX / 2,
+              "memory streams count their bytes in an int");
 
 constexpr std::string_view kCertBegin = "-----BEGIN CERTIFICATE-----";
 constexpr std::string_view kCertEnd = "-----END CERTIFICATE-----";
@@ -104,7 +105,7 @@ void* CertEngine_ReadPEMCertData(const std::string& text) {
 }
 
 void* CertEngine_ReadPEMCRLData(const std::string& text) {
-    if (text.empty() || text.size() > kMaxBundleBytes) return nullptr;
+    if (text.empty() || text.size() > kMaxCrlTextBytes) return nullptr;
     const ErrorMark mark;
     if (auto crl = CrlParser::FromPem(text, PEM_STRING_X509_CRL)) return crl.release();
     if (BeginsWithMarker(text, kCrlBegin)) return nullptr;

@@ -109,11 +109,14 @@ CM_API bool CertEngine_RawCRLSignature(void* crl, std::string& signature);
 CM_API bool CertEngine_HandleToCRLInfo(void* crl, CRLInfo& info);
 /// Appends one entry per revoked certificate, in the CRL's order. Always true.
 CM_API bool CertEngine_CRLRevokedCerts(void* crl, RevokedCertInfoList& entries);
+/// First CRL of a text: PEM, or base64 without markers. At most kMaxCrlTextBytes.
 CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
 
 /// Largest certificate that is decoded: far above any real one, far below what would hurt.
 inline constexpr unsigned kMaxCertificateBytes = 1U << 20;
-/// Largest PKCS #7 bundle or PEM text that is decoded.
+/// Largest PKCS #7 bundle or text of a certificate that is decoded.
 inline constexpr unsigned kMaxBundleBytes = 64U << 20;
 /// Largest CRL that is decoded: a million entries and more. libcrypto needs up to eight times as much memory.
 inline constexpr unsigned kMaxCrlBytes = 64U << 20;
+/// Largest text of a CRL: base64 makes four bytes of three, and line ends come on top.
+inline constexpr unsigned kMaxCrlTextBytes = kMaxCrlBytes / 2 * 3;

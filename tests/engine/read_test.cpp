@@ -106,6 +106,18 @@ TEST_F(EngineTest, CrlTexts) {
     }
 }
 
+TEST_F(EngineTest, TextOfTheLargestCrlFits) {
+    constexpr std::size_t kAround = 1024;
+    const Cert root = MakeCa("CN=Root");
+    const std::string der =
+        MakeCrl({.extensions = {{"1.2.3.4", false, std::string(kMaxCrlBytes - kAround, 'x')}}}, root);
+    ASSERT_LE(der.size(), kMaxCrlBytes);
+    std::string text = ToPem("X509 CRL", der);
+    EXPECT_NE(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
+    text.append(kMaxCrlTextBytes, ' ');
+    EXPECT_EQ(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
+}
+
 struct Bundle {
     int result = -1;
     std::vector<std::string> certs;
