@@ -10,6 +10,7 @@
 #include <openssl/provider.h>
 
 #include <array>
+#include <span>
 
 #include "certmgr/cert_engine.h"
 
@@ -43,31 +44,32 @@ int CreateObject(const NamedObject& object) {
     return nid != NID_undef ? nid : OBJ_txt2nid(object.dotted);
 }
 
-// A digest under the GOST R 34.11-94 names that computes nothing: it lets containers that name the digest be parsed.
-// Hashing is the tokens' work. A real implementation that the process has loaded keeps its place.
-class PlaceholderDigest {
+// Lets libcrypto find a digest by the identifiers and names of GOST R 34.11-94 and its signature: the real one where the
+// process has loaded it, else a placeholder that computes nothing, so that containers that name the digest can be
+// parsed. Hashing is the tokens' work. A real digest that is loaded later takes the placeholder's place.
+class Gost94Digest {
   public:
-    PlaceholderDigest(int digest_nid, int signature_nid) {
-        if (EVP_get_digestbynid(digest_nid) != nullptr) return;
-        md_.reset(EVP_MD_meth_new(digest_nid, signature_nid));
-        if (md_ == nullptr || !Describe() || EVP_add_digest(md_.get()) != 1) return;
-        names_ = {OBJ_nid2sn(digest_nid), OBJ_nid2ln(digest_nid), OBJ_nid2sn(signature_nid), OBJ_nid2ln(signature_nid)};
-        std::size_t next = 4;
+    Gost94Digest(int digest_nid, int signature_nid)
+        : name_(OBJ_nid2sn(digest_nid)),
+          own_names_{name_, OBJ_nid2ln(digest_nid), OBJ_nid2sn(signature_nid), OBJ_nid2ln(signature_nid)} {
+        if (EVP_get_digestbynid(digest_nid) == nullptr && !AddPlaceholder(digest_nid, signature_nid)) return;
+        for (const char* name : own_names_) AddAlias(name);
         for (const auto row : {kGost3411_94, kGost3411_94WithGost3410_2001}) {
-            for (const char* name : {kGostObjects[row].short_name, kGostObjects[row].long_name}) {
-                if (EVP_get_digestbyname(name) == nullptr) OBJ_NAME_add(name, kAlias, names_[0]);
-                names_[next++] = name;
-            }
+            AddAlias(kGostObjects[row].short_name);
+            AddAlias(kGostObjects[row].long_name);
         }
     }
-    // Names that libcrypto keeps must not outlive the digest.
-    ~PlaceholderDigest() {
-        for (const char* name : names_) {
-            if (name != nullptr) OBJ_NAME_remove(name, OBJ_NAME_TYPE_MD_METH);
+    // libcrypto keeps the names' addresses: what was added here must not outlive the engine, what others added stays.
+    ~Gost94Digest() {
+        const bool in_place = placeholder_ != nullptr && EVP_get_digestbyname(name_) == placeholder_.get();
+        for (const char* alias : std::span(aliases_).first(alias_count_)) {
+            if (OBJ_NAME_get(alias, kAlias) == name_) OBJ_NAME_remove(alias, OBJ_NAME_TYPE_MD_METH);
         }
+        if (!in_place) return;
+        for (const char* name : own_names_) OBJ_NAME_remove(name, OBJ_NAME_TYPE_MD_METH);
     }
-    PlaceholderDigest(const PlaceholderDigest&) = delete;
-    PlaceholderDigest& operator=(const PlaceholderDigest&) = delete;
+    Gost94Digest(const Gost94Digest&) = delete;
+    Gost94Digest& operator=(const Gost94Digest&) = delete;
 
   private:
     static constexpr int kAlias = OBJ_NAME_TYPE_MD_METH | OBJ_NAME_ALIAS;
@@ -75,18 +77,32 @@ class PlaceholderDigest {
     static constexpr int kBlockBytes = 256;
     static constexpr int kContextBytes = 8;
 
-    bool Describe() {
-        return EVP_MD_meth_set_result_size(md_.get(), kDigestBytes) == 1 &&
-               EVP_MD_meth_set_input_blocksize(md_.get(), kBlockBytes) == 1 &&
-               EVP_MD_meth_set_app_datasize(md_.get(), kContextBytes) == 1 &&
-               EVP_MD_meth_set_flags(md_.get(), 0) == 1 &&
-               EVP_MD_meth_set_init(md_.get(), [](EVP_MD_CTX*) { return 1; }) == 1 &&
-               EVP_MD_meth_set_update(md_.get(), [](EVP_MD_CTX*, const void*, std::size_t) { return 1; }) == 1 &&
-               EVP_MD_meth_set_final(md_.get(), [](EVP_MD_CTX*, unsigned char*) { return 1; }) == 1;
+    bool AddPlaceholder(int digest_nid, int signature_nid) {
+        placeholder_.reset(EVP_MD_meth_new(digest_nid, signature_nid));
+        return placeholder_ != nullptr && Describe() && EVP_add_digest(placeholder_.get()) == 1;
     }
 
-    Owner<EVP_MD, EVP_MD_meth_free> md_;
-    std::array<const char*, 8> names_{};
+    bool Describe() {
+        EVP_MD* const md = placeholder_.get();
+        return EVP_MD_meth_set_result_size(md, kDigestBytes) == 1 &&
+               EVP_MD_meth_set_input_blocksize(md, kBlockBytes) == 1 &&
+               EVP_MD_meth_set_app_datasize(md, kContextBytes) == 1 && EVP_MD_meth_set_flags(md, 0) == 1 &&
+               EVP_MD_meth_set_init(md, [](EVP_MD_CTX*) { return 1; }) == 1 &&
+               EVP_MD_meth_set_update(md, [](EVP_MD_CTX*, const void*, std::size_t) { return 1; }) == 1 &&
+               EVP_MD_meth_set_final(md, [](EVP_MD_CTX*, unsigned char*) { return 1; }) == 1;
+    }
+
+    // A name that leads to a digest already stays as it is.
+    void AddAlias(const char* name) {
+        if (EVP_get_digestbyname(name) != nullptr || OBJ_NAME_add(name, kAlias, name_) != 1) return;
+        aliases_[alias_count_++] = name;
+    }
+
+    Owner<EVP_MD, EVP_MD_meth_free> placeholder_;
+    const char* const name_;  // of the digest in libcrypto; what aliases lead to
+    const std::array<const char*, 4> own_names_;  // libcrypto's for both identifiers
+    std::array<const char*, 8> aliases_{};
+    std::size_t alias_count_ = 0;
 };
 
 // The two digests that the parsing context offers, borrowed from the default provider. Set while the engine is started.
@@ -164,7 +180,7 @@ class ParsingContext {
 
 struct Engine {
     Engine()
-        : gost_nids(CreateObjects()), placeholder(gost_nids[kGost3411_94], gost_nids[kGost3411_94WithGost3410_2001]) {}
+        : gost_nids(CreateObjects()), gost_digest(gost_nids[kGost3411_94], gost_nids[kGost3411_94WithGost3410_2001]) {}
 
     static std::array<int, kGostObjects.size()> CreateObjects() {
         std::array<int, kGostObjects.size()> nids{};
@@ -173,7 +189,7 @@ struct Engine {
     }
 
     std::array<int, kGostObjects.size()> gost_nids;
-    PlaceholderDigest placeholder;
+    Gost94Digest gost_digest;
     ParsingContext parsing;
 };
 

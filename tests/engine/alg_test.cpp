@@ -1,4 +1,5 @@
 // Start and stop; algorithm identifiers, times, identifier texts, numbers, key lengths, fingerprints.
+#define OPENSSL_SUPPRESS_DEPRECATED  // a digest of another library is registered as such libraries do
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
@@ -58,6 +59,53 @@ TEST(EngineLifecycle, PlaceholderDigestLivesFromStartToStop) {
         EXPECT_EQ(CertEngine_Finit(), 0);
         EXPECT_NE(EVP_get_digestbyname("SHA256"), nullptr) << "the daemon's libcrypto must go on working";
     }
+}
+
+// A digest that another library of the process brings under libcrypto's own identifier.
+class RealGostDigest {
+  public:
+    RealGostDigest() : md_(EVP_MD_meth_new(OBJ_txt2nid("1.2.643.2.2.9"), NID_undef)) {
+        EVP_MD_meth_set_result_size(md_, 32);
+        EVP_add_digest(md_);
+    }
+    ~RealGostDigest() {
+        for (const char* name : {OBJ_nid2sn(EVP_MD_get_type(md_)), OBJ_nid2ln(EVP_MD_get_type(md_))}) {
+            OBJ_NAME_remove(name, OBJ_NAME_TYPE_MD_METH);
+        }
+        EVP_MD_meth_free(md_);
+    }
+    RealGostDigest(const RealGostDigest&) = delete;
+    RealGostDigest& operator=(const RealGostDigest&) = delete;
+
+    /// Whether libcrypto finds it by its identifier.
+    bool IsFound() const { return EVP_get_digestbynid(EVP_MD_get_type(md_)) == md_; }
+    void ExpectFoundByName() const {
+        for (const char* name : kGostNames) EXPECT_EQ(EVP_get_digestbyname(name), md_) << name;
+    }
+
+  private:
+    EVP_MD* md_;
+};
+
+TEST(EngineLifecycle, RealDigestLoadedBeforeTheStartIsTheOneFound) {
+    const RealGostDigest real;
+    for (int cycle = 0; cycle < 2; ++cycle) {
+        CertEngine_Init();
+        EXPECT_TRUE(real.IsFound());
+        real.ExpectFoundByName();
+        CertEngine_Finit();
+        EXPECT_TRUE(real.IsFound());
+        for (const char* name : kGostNames) EXPECT_EQ(EVP_get_digestbyname(name), nullptr) << name;
+    }
+}
+
+TEST(EngineLifecycle, RealDigestLoadedLaterReplacesThePlaceholderAndStays) {
+    CertEngine_Init();
+    const RealGostDigest real;
+    EXPECT_TRUE(real.IsFound());
+    real.ExpectFoundByName();
+    CertEngine_Finit();
+    EXPECT_TRUE(real.IsFound());
 }
 
 TEST(EngineLifecycle, HandlesMayBeClosedAfterStop) {
