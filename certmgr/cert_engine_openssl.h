@@ -36,12 +36,6 @@ class ErrorMark {
   public:
     ErrorMark() { ERR_set_mark(); }
     ~ErrorMark() { ERR_pop_to_mark(); }
-    /// Drops the errors so far. The queue is short: after some sixteen errors the mark itself, and what the daemon had
-    /// there before, would be pushed out.
-    void Rewind() {
-        ERR_pop_to_mark();
-        ERR_set_mark();
-    }
     ErrorMark(const ErrorMark&) = delete;
     ErrorMark& operator=(const ErrorMark&) = delete;
 };

@@ -23,9 +23,11 @@ void ForEach(const Stack* stack, Visit visit) {
     for (int i = 0; i < OPENSSL_sk_num(items); ++i) visit(*static_cast<T*>(OPENSSL_sk_value(items, i)));
 }
 
-// The decoded value of an extension; null when it is malformed.
+// The decoded value of an extension; null when it is malformed. libcrypto's error queue is short: the errors of a few bad
+// extensions together would push out what the daemon had there.
 template <typename T, auto Free>
 Owner<T, Free> Decode(X509_EXTENSION* extension) {
+    const ErrorMark mark;
     return Owner<T, Free>(static_cast<T*>(X509V3_EXT_d2i(extension)));
 }
 
@@ -297,7 +299,6 @@ bool AuthorityInfoAccess(X509_EXTENSION* extension, CertExtentions& out) {
 void GENERAL_SUBTREES_to_std_string(const STACK_OF(GENERAL_SUBTREE) * subtrees, std::string_view label,
                                     std::string& text) {
     if (subtrees == nullptr) return;
-    if (!text.empty()) text += ", ";
     text += label;
     std::string_view separator;
     ForEach<GENERAL_SUBTREE>(subtrees, [&](const GENERAL_SUBTREE& subtree) {
@@ -441,7 +442,7 @@ std::string Fingerprint(const EVP_MD* md, std::string_view der) {
 }  // namespace
 
 void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
-    ErrorMark mark;
+    const ErrorMark mark;
     const X509* const x = static_cast<const X509*>(cert);
     const std::string der = cert_engine::Encode(x, i2d_X509);
     out.md5 = Fingerprint(cert_engine::Md5(), der);
@@ -449,8 +450,6 @@ void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     std::size_t printable_bytes = kMaxPrintedValueBytes;
     for (int i = 0; i < X509_get_ext_count(x); ++i) {
         X509_EXTENSION* const extension = X509_get_ext(x, i);
-        if (ReadKnown(extension, out)) continue;
-        mark.Rewind();
-        AddUnknown(extension, out, printable_bytes);
+        if (!ReadKnown(extension, out)) AddUnknown(extension, out, printable_bytes);
     }
 }

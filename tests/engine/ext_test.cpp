@@ -187,7 +187,7 @@ TEST_F(EngineTest, OtherTexts) {
               "[2] Certificate Policy:\n    Policy Identifier=1.2.3.5");
     EXPECT_EQ(ext.policyMappings, "TODO");
     EXPECT_EQ(ext.policyConstraints, "TODO");
-    EXPECT_EQ(ext.nameConstraints, "permittedSubtrees: DNS=.a,EMAIL=b, excludedSubtrees: DNS=c");
+    EXPECT_EQ(ext.nameConstraints, "permittedSubtrees: DNS=.a,EMAIL=bexcludedSubtrees: DNS=c");
     EXPECT_EQ(ext.authorityInfoAccess,
               "[1] Access Description\n   accessMethod: 1.2.3.4\n   accessLocation: URI=http://o/"
               "[2] Access Description\n   accessMethod: 1.2.3.5\n   accessLocation: DNS=d");
