@@ -10,6 +10,7 @@
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_storage.h"
+#include "certmgr/cert_verifychain.h"
 #include "certmgr/ike.h"
 #include "certmgr/log.h"
 #include "platform/event_codes.h"
@@ -306,21 +307,6 @@ bool FitsKey(pki_alg_t alg, pki_alg_t key_alg) {
     return key == KeyCode(key_alg);
 }
 
-const char* VerifyFailureText(SignatureCheck result) {
-    switch (result) {
-        case kSignatureDigestError:
-            return "Digest error";
-        case kSignatureWrong:
-            return "Invalid signature";
-        case kSignatureNoToken:
-            return "No token to verify signature";
-        case kSignatureNoSession:
-            return "Can't open token to verify signature";
-        default:
-            return "Can't verify signature";
-    }
-}
-
 bool LogsSuccess() {
     const vpnfc::ObjectLock lock(LPARAMS::server.log);
     return LPARAMS::server.log.ike_verify_success;
@@ -352,7 +338,7 @@ bool Ike2Verify(const X509Cert* peer, pki_alg_t auth_alg, const std::string& dat
     // 5.
     const SignatureCheck result = X509Cert_Verify(alg, peer->rawPubKey, data, signature);
     if (result != kSignatureRight) {
-        v.LogWithPeer(std::string("CM::Ike2Verify failed: ") + VerifyFailureText(result), KeyAndSignAlg(*peer, alg));
+        v.LogWithPeer(std::string("CM::Ike2Verify failed: ") + SignatureCheckText(result), KeyAndSignAlg(*peer, alg));
         return false;
     }
     if (LogsSuccess()) v.LogWithPeer("CM::Ike2Verify ok", KeyAndSignAlg(*peer, alg));

@@ -147,7 +147,7 @@ void ReloadPass::ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::
 void ReloadPass::ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
     std::list<PKCS11::CRLObject> objects;
     session.EnumCRLs(objects);
-    for (const PKCS11::CRLObject& object : objects) crls_.push_back(std::make_unique<X509CRL>(token, object));
+    for (const PKCS11::CRLObject& object : objects) crls_.push_back(std::make_shared<X509CRL>(token, object));
 }
 
 void ReloadPass::Prepare() {

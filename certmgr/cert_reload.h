@@ -57,7 +57,7 @@ class ReloadPass {
     std::vector<std::unique_ptr<PresharedKey>> preshared_keys_;
     std::vector<std::string> keys_appeared_;
     std::vector<std::string> keys_disappeared_;
-    std::vector<std::unique_ptr<X509CRL>> crls_;
+    std::vector<CrlRef> crls_;
 };
 
 }  // namespace CM

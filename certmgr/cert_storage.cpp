@@ -258,9 +258,9 @@ void CertStorage::ClearAll() {
     EM_DelTimer(0, cm_send_cert_list_changed_nitification_, nullptr);
 }
 
-void CertStorage::PutCRLToDB(std::unique_ptr<X509CRL> crl) {
+void CertStorage::PutCRLToDB(CrlRef crl) {
     const vpnfc::WriteLock lock(*this);
-    const auto same = [&crl](const std::unique_ptr<X509CRL>& stored) { return stored->rawCrl == crl->rawCrl; };
+    const auto same = [&crl](const CrlRef& stored) { return stored->rawCrl() == crl->rawCrl(); };
     if (std::none_of(crls.begin(), crls.end(), same)) crls.push_back(std::move(crl));
 }
 

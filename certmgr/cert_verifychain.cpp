@@ -106,6 +106,10 @@ std::string RefusalText(const Refusal& refusal) {
     return text.append(form.after);
 }
 
+std::string SignatureCheckText(SignatureCheck check) {
+    return RefusalText({.id = RefusalOfSignature(check)});
+}
+
 Refusal RefusalOfBuild(ChainBuildResult result) {
     if (result == ChainTrusted || result == ChainEndsAtTrusted) return {};
     return {.id = RefusalId::kChainNotBuilt, .detail = CMT_ChainBuildResultText(result)};

@@ -62,6 +62,9 @@ std::string RefusalText(const Refusal& refusal);
 /// The refusal of a chain that was not built to its end, nothing for the results that make a usable chain.
 Refusal RefusalOfBuild(ChainBuildResult result);
 
+/// What a signature check found, as reasons and logs say it; empty for a signature that is right.
+std::string SignatureCheckText(SignatureCheck check);
+
 /// Whether the certificate matches one of the patterns. An empty list accepts every certificate.
 bool cm_FindInTrustList(const X509Cert* cert, const std::list<LPCFG::cert_t>& trust);
 

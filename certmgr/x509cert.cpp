@@ -211,30 +211,48 @@ SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
 }
 
 X509CRL::X509CRL(const PKCS11::TokenInfo& on_token, const PKCS11::CRLObject& object)
-    : token(on_token), rawCrl(object.value) {
+    : token(on_token), downloadedAt(CertTimeNow()), rawCrl_(object.value) {
     info.id = object.id;
-    if (rawCrl.size() <= UINT_MAX) {
-        crlHandle = CertEngine_CreateCRLHandle(rawCrl.data(), static_cast<unsigned>(rawCrl.size()));
+    if (rawCrl_.size() <= UINT_MAX) {
+        crlHandle = CertEngine_CreateCRLHandle(rawCrl_.data(), static_cast<unsigned>(rawCrl_.size()));
     }
     if (crlHandle == nullptr) {
         info.issuer = "CRL object of unknown format";
         return;
     }
-    CertEngine_HandleToCRLInfo(crlHandle, info);
-    CertEngine_CRLRevokedCerts(crlHandle, revoked);
+    init();
 }
 
-X509CRL::X509CRL(void* crl_handle, bool keep_raw) : crlHandle(crl_handle) {
-    if (keep_raw) CertEngine_RawCRL(crlHandle, rawCrl);
-    CertEngine_HandleToCRLInfo(crlHandle, info);
-    CertEngine_CRLRevokedCerts(crlHandle, revoked);
+X509CRL::X509CRL(void* crl_handle, bool keep_raw) : crlHandle(crl_handle), downloadedAt(CertTimeNow()) {
+    if (keep_raw) CertEngine_RawCRL(crlHandle, rawCrl_);
+    init();
 }
 
 X509CRL::~X509CRL() {
     if (crlHandle != nullptr) CertEngine_CloseCRLHandle(crlHandle);
 }
 
-SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) {
+void X509CRL::init() {
+    CertEngine_HandleToCRLInfo(crlHandle, info);
+    CertEngine_CRLScope(crlHandle, scope_);
+}
+
+RevokedCertInfoList X509CRL::revoked() const {
+    RevokedCertInfoList entries;
+    if (crlHandle != nullptr) CertEngine_CRLRevokedCerts(crlHandle, entries);
+    return entries;
+}
+
+bool X509CRL::FindRevoked(const std::string& serial, RevokedEntry& entry) const {
+    return crlHandle != nullptr && CertEngine_CRLFindRevoked(crlHandle, serial, info.issuer, entry);
+}
+
+bool X509CRL::FindRevoked(const X509Cert& cert, RevokedEntry& entry) const {
+    return crlHandle != nullptr &&
+           CertEngine_CRLFindRevoked(crlHandle, cert.info.serialNumber, cert.info.issuer, entry);
+}
+
+SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) const {
     std::string signed_part;
     std::string signature;
     if (crlHandle == nullptr || !CertEngine_RawCRLInfo(crlHandle, signed_part) ||

@@ -109,6 +109,12 @@ CM_API bool CertEngine_RawCRLSignature(void* crl, std::string& signature);
 CM_API bool CertEngine_HandleToCRLInfo(void* crl, CRLInfo& info);
 /// Appends one entry per revoked certificate, in the CRL's order. Always true.
 CM_API bool CertEngine_CRLRevokedCerts(void* crl, RevokedCertInfoList& entries);
+/// First entry with that serial number (byte for byte as CertEngine_CRLRevokedCerts writes it) for a certificate with
+/// that issuer name (printable). An entry names its certificates' issuer, or the last entry before it that does; without
+/// any it is an entry for every issuer name. False, and `entry` unchanged, when there is none.
+CM_API bool CertEngine_CRLFindRevoked(void* crl, const std::string& serial, const std::string& issuer,
+                                      RevokedEntry& entry);
+CM_API void CertEngine_CRLScope(void* crl, CrlScope& scope);
 /// First CRL of a text: PEM, or base64 without markers. At most kMaxCrlTextBytes.
 CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
 

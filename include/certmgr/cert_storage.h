@@ -127,7 +127,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     /// Empties the store and stops it.
     void ClearAll();
     /// Adds a CRL unless one with the same DER is stored. Takes it over either way.
-    void PutCRLToDB(std::unique_ptr<X509CRL> crl);
+    void PutCRLToDB(CrlRef crl);
 
     // The lists, guarded by this object's read-write lock.
     X509CertsDB personalCerts;
@@ -135,7 +135,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     X509CertsDB otherCerts;
     X509CertsDB keyPairCerts;
     std::vector<std::unique_ptr<PresharedKey>> presharedKeys;
-    std::vector<std::unique_ptr<X509CRL>> crls;
+    std::vector<CrlRef> crls;  // a copied reference outlives the lock
 
     /// Serialises whole reloads and token writes. Taken before the read-write lock, never while holding it.
     struct CM_API Lock : vpnfc::ObjectLevelLockable {};

@@ -56,6 +56,31 @@ struct RevokedCertInfo {
 };
 using RevokedCertInfoList = std::vector<RevokedCertInfo>;
 
+/// The entry that a look-up in a CRL found.
+struct RevokedEntry {
+    std::string serialNumber;  // as in RevokedCertInfo
+    cert_time64_t revocationDate = CERT_TIME_UNKNOWN;
+    int reason = 0;  // reason code of X.509 plus one; 0: the entry carries none; -1: what it carries is unreadable
+};
+
+/// What a CRL says about the certificates that it covers (RFC 5280, 5.2.4, 5.2.5 and the rules for critical
+/// extensions in 5.2 and 5.3).
+struct CrlScope {
+    bool hasIssuingPoint = false;  // the issuing distribution point extension is there; it says the seven that follow
+    bool namesPoint = false;  // it names the distribution point
+    std::vector<std::string> uris;  // URIs of the point's full name
+    std::vector<std::string> names;  // all of its full name: GeneralNames, DER; none when the name is a relative one
+    bool onlyContainsUserCerts = false;
+    bool onlyContainsCACerts = false;
+    bool onlyContainsAttributeCerts = false;
+    bool indirectCRL = false;
+    bool onlySomeReasons = false;
+
+    bool isDelta = false;
+    std::string firstUnreadable;  // name of the first extension of these that could not be read
+    std::string firstUnknownCritical;  // name of the first critical extension, of the CRL or an entry, that is unknown
+};
+
 /// Subject alternative names by kind: the last one of each.
 struct AltSubject {
     std::string ipAddress;  // raw bytes: 4 for IPv4

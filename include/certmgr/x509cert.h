@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -149,25 +150,57 @@ class BasicCertRef {
 using CertRef = BasicCertRef<const X509Cert>;
 using MutableCertRef = BasicCertRef<X509Cert>;
 
-/// A CRL from a token, a file or a download. Owned by one holder.
+/// A CRL from a token, a file or a download.
+///
+/// Shared by reference count (CrlRef). Fixed once it has been published, but for `refresh`, and read without a lock. Of
+/// a million entries it keeps the received bytes and an index of serial numbers; records are made for who asks for them.
 class CM_API X509CRL {
   public:
     X509CRL(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object);
-    /// Takes over the handle; `keep_raw` encodes it into rawCrl.
+    /// Takes over the handle; `keep_raw` offers its encoding as rawCrl.
     X509CRL(void* crl_handle, bool keep_raw);
     ~X509CRL();
     X509CRL(const X509CRL&) = delete;
     X509CRL& operator=(const X509CRL&) = delete;
 
-    /// Verifies the CRL's signature with the issuer's key on a token.
-    SignatureCheck CheckSignature(const X509Cert* issuer);
+    /// Verifies the CRL's signature with the issuer's key on a token. Right and wrong are remembered by the issuer's
+    /// public key, so that a token is asked once; any thread.
+    SignatureCheck CheckSignature(const X509Cert* issuer) const;
+
+    /// The first entry with this serial number (byte-exact, as the records have it), of those that are about
+    /// certificates of this CRL's own issuer. False, and `entry` unchanged, when there is none or the CRL does not parse.
+    bool FindRevoked(const std::string& serial, RevokedEntry& entry) const;
+    /// The same for a certificate: entries that name another certificate issuer (indirect CRLs) are not about it.
+    bool FindRevoked(const X509Cert& cert, RevokedEntry& entry) const;
+    /// Which certificates the CRL covers.
+    const CrlScope& scope() const { return scope_; }
+    /// Records of all entries, made at each call: for display, not for look-ups.
+    RevokedCertInfoList revoked() const;
+    /// DER; empty when the constructor was told not to keep it.
+    const std::string& rawCrl() const { return rawCrl_; }
 
     void* crlHandle = nullptr;  // null when the object does not parse
     PKCS11::TokenInfo token;
     CRLInfo info;
-    std::string rawCrl;
-    RevokedCertInfoList revoked;
+
+    // Set by the cache of downloaded CRLs.
+    std::string uri;  // address it was downloaded from; empty for a token's or a file's
+    cert_time64_t downloadedAt;  // when it was downloaded or read; set by the constructors to now
+    bool refresh = false;  // to be downloaded again at its next use; guarded by the cache's lock
+
+  private:
+    void init();
+
+    std::string rawCrl_;
+    CrlScope scope_;
 };
+using CrlRef = std::shared_ptr<X509CRL>;
+
+/// Whether a certificate that the CRL does not list is thereby not revoked (RFC 5280, 5.2.5). `source_uri`: the address
+/// the CRL came from, empty when it came from none. False for a delta CRL, an indirect one, one for some reasons only,
+/// one with an unknown critical or unreadable extension, and one whose issuing distribution point does not cover the
+/// certificate; `why_not` then receives the reason. What such a CRL lists is revoked all the same.
+CM_API bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Cert& cert, std::string& why_not);
 
 /// Signs `data` with a key on the session's token: 0 digest failed, 1 signing failed, 2 signed.
 CM_API int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_alg_t key_alg, pki_alg_t alg,

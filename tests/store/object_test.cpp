@@ -297,9 +297,9 @@ TEST_F(ObjectTest, CrlObjectsAreDescribed) {
     const CM::X509CRL crl(PKCS11::TokenInfo{}, {.id = "i", .value = der});
     EXPECT_EQ(crl.info.id, "i");
     EXPECT_EQ(crl.info.issuer, "CN=Root");
-    EXPECT_EQ(crl.rawCrl, der);
-    ASSERT_EQ(crl.revoked.size(), 1U);
-    EXPECT_EQ(crl.revoked[0].serialNumber, "05");
+    EXPECT_EQ(crl.rawCrl(), der);
+    ASSERT_EQ(crl.revoked().size(), 1U);
+    EXPECT_EQ(crl.revoked()[0].serialNumber, "05");
 
     CM::X509CRL malformed(PKCS11::TokenInfo{}, {.id = "i", .value = der.substr(1)});
     EXPECT_EQ(malformed.info.issuer, "CRL object of unknown format");

@@ -260,7 +260,7 @@ TEST_F(ReloadTest, CrlsAreReplacedAndAddedOnce) {
         store().PutCRLToDB(std::make_unique<CM::X509CRL>(PKCS11::TokenInfo{}, PKCS11::CRLObject{.value = der}));
     }
     ASSERT_EQ(store().crls.size(), 2U);
-    EXPECT_EQ(store().crls[1]->rawCrl, second);
+    EXPECT_EQ(store().crls[1]->rawCrl(), second);
     store().ReloadCRLs();
     EXPECT_EQ(store().crls.size(), 1U);
 }

@@ -24,7 +24,7 @@ class ThreadsTest : public StoreTest {
                 if (list[i]->MatchToPattern(pattern, 0)) held = CM::CertRef(list[i]);
             }
             for (const std::uint32_t position : list.WithSubject("CN=stays")) ASSERT_LT(position, list.size());
-            for (const auto& crl : store().crls) ASSERT_FALSE(crl->rawCrl.empty());
+            for (const auto& crl : store().crls) ASSERT_FALSE(crl->rawCrl().empty());
         }
         if (held) {
             ASSERT_EQ(held->info.subject, pattern.subject);

@@ -1,0 +1,48 @@
+// Whether a CRL covers a certificate (RFC 5280, 5.2.5).
+#include <algorithm>
+
+#include "certmgr/x509cert.h"
+
+namespace CM {
+
+namespace {
+
+bool Holds(const std::vector<std::string>& list, const std::string& value) {
+    return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+/// Whether the issuing distribution point is where the CRL came from, or one that the certificate names.
+bool PointFits(const CrlScope& scope, const std::string& source_uri, const X509Cert& cert) {
+    if (!scope.namesPoint || (!source_uri.empty() && Holds(scope.uris, source_uri))) return true;
+    return std::any_of(scope.uris.begin(), scope.uris.end(),
+                       [&cert](const std::string& uri) { return Holds(cert.ext().crlUris, uri); });
+}
+
+/// Why the kind of CRL, or of certificate, forbids it; empty when nothing does.
+std::string WrongKind(const CrlScope& scope, const X509Cert& cert) {
+    if (!scope.firstUnreadable.empty()) return "extension that cannot be read: " + scope.firstUnreadable;
+    if (!scope.firstUnknownCritical.empty()) return "unknown critical extension: " + scope.firstUnknownCritical;
+    if (scope.isDelta) return "delta CRL";
+    if (scope.indirectCRL) return "indirect CRL";
+    if (scope.onlySomeReasons) return "for some revocation reasons only";
+    if (scope.onlyContainsAttributeCerts) return "for attribute certificates only";
+    if (scope.onlyContainsUserCerts && cert.ext().isCA) return "for user certificates only";
+    if (scope.onlyContainsCACerts && !cert.ext().isCA) return "for CA certificates only";
+    return {};
+}
+
+}  // namespace
+
+bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Cert& cert, std::string& why_not) {
+    const CrlScope& scope = crl.scope();
+    std::string reason = WrongKind(scope, cert);
+    if (reason.empty() && !PointFits(scope, source_uri, cert)) {
+        reason = "for another distribution point";
+        if (!scope.uris.empty()) reason += ": " + scope.uris.front();
+    }
+    if (reason.empty()) return true;
+    why_not = std::move(reason);
+    return false;
+}
+
+}  // namespace CM
