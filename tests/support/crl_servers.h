@@ -62,11 +62,11 @@ class SaturatedPort {
     SaturatedPort(const SaturatedPort&) = delete;
     SaturatedPort& operator=(const SaturatedPort&) = delete;
 
-    std::string Uri(const std::string& scheme, const std::string& path) const { return port_.Uri(scheme, path); }
+    std::string Uri(const std::string& scheme, const std::string& path) const;
 
   private:
-    ReservedPort port_;
     std::list<int> sockets_;
+    std::uint16_t port_ = 0;
 };
 
 /// Certificate and key of a TLS server, PEM.

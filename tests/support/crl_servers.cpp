@@ -1,0 +1,193 @@
+#include "tests/support/crl_servers.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <vector>
+
+#include "tests/support/pki.h"
+#include "tests/support/sockets.h"
+
+namespace test_support {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The entry below which SlapdServer keeps its distribution points.
+constexpr const char* kSuffix = "dc=crl";
+
+void Write(const fs::path& path, const std::string& content) {
+    std::ofstream file(path, std::ios::binary);
+    file << content;
+    if (!file.flush()) throw std::runtime_error("cannot write " + path.string());
+}
+
+std::string ReadFile(const fs::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// Where the files of WriteIdentity are.
+constexpr const char* kCertificateFile = "tls.pem";
+constexpr const char* kKeyFile = "tls.key";
+
+void WriteIdentity(const TempDir& dir, const TlsIdentity* tls) {
+    if (tls == nullptr) return;
+    Write(dir / kCertificateFile, tls->certificate_pem);
+    Write(dir / kKeyFile, tls->key_pem);
+}
+
+/// The one PEM block, without its lines.
+std::string Base64(const std::string& der) {
+    const std::string pem = test_pki::ToPem("X", der);
+    const std::size_t begin = pem.find('\n');
+    std::string text;
+    for (const char c : pem.substr(begin, pem.rfind("-----END") - begin)) {
+        if (c != '\n') text.push_back(c);
+    }
+    return text;
+}
+
+/// An HTTP server without keep-alive is asked for a file; returns when the answer has ended.
+void Ask(std::uint16_t port, const std::string& path) {
+    const int socket = ConnectLoopback(port);
+    SendAll(socket, "GET " + path + " HTTP/1.0\r\n\r\n");
+    WaitForHangUp(socket);
+    close(socket);
+}
+
+unsigned CountOf(const std::string& text, const std::string& part) {
+    unsigned count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+    return count;
+}
+
+}  // namespace
+
+ReservedPort::ReservedPort() {
+    const BoundSocket bound = BindLoopback();
+    socket_ = bound.fd;
+    number_ = bound.port;
+}
+
+ReservedPort::~ReservedPort() {
+    close(socket_);
+}
+
+std::string ReservedPort::Uri(const std::string& scheme, const std::string& path) const {
+    return LoopbackUri(scheme, number_, path);
+}
+
+SaturatedPort::SaturatedPort() {
+    const BoundSocket bound = BindLoopback();
+    sockets_.push_back(bound.fd);
+    port_ = bound.port;
+    Listen(bound.fd, 0);
+    // A queue of length 0 takes one connection; what follows stays in the air.
+    for (int i = 0; i < 3; ++i) sockets_.push_back(ConnectLoopback(port_, i == 0));
+}
+
+SaturatedPort::~SaturatedPort() {
+    for (const int socket : sockets_) close(socket);
+}
+
+std::string SaturatedPort::Uri(const std::string& scheme, const std::string& path) const {
+    return LoopbackUri(scheme, port_, path);
+}
+
+NginxServer::NginxServer(const TlsIdentity* tls) {
+    fs::create_directory(dir_ / "files");
+    WriteIdentity(dir_, tls);
+    WriteConfiguration(tls != nullptr);
+    const std::string folder = dir_.path().string() + "/";
+    process_ = std::make_unique<Process>(
+        std::vector<std::string>{"/usr/sbin/nginx", "-p", folder, "-e", "stderr", "-c", folder + "nginx.conf"});
+    if (!process_->WaitForOutput("OS: ")) throw std::runtime_error("nginx: " + process_->Err());
+}
+
+void NginxServer::WriteConfiguration(bool tls) const {
+    std::string listen = "listen 127.0.0.1:" + std::to_string(port_.number()) + ";\n";
+    if (tls) {
+        listen += "listen 127.0.0.1:" + std::to_string(tls_port_.number()) + " ssl;\n" +  //
+                  "ssl_certificate " + kCertificateFile + ";\nssl_certificate_key " + kKeyFile + ";\n";
+    }
+    std::string temporary;
+    for (const char* const kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+        temporary += std::string(kind) + "_temp_path temp_" + kind + ";\n";
+    }
+    // One process, so that its end is the server's.
+    Write(dir_ / "nginx.conf",
+          "daemon off;\nmaster_process off;\npid nginx.pid;\nerror_log stderr notice;\nevents {}\nhttp {\n" +
+              temporary +
+              "keepalive_timeout 0;\nlog_format line '$request_uri ';\naccess_log access.log line;\n"
+              "default_type application/pkix-crl;\nserver {\n" +
+              listen + "root files;\n}\n}\n");
+}
+
+void NginxServer::Put(const std::string& name, const std::string& content) const {
+    const fs::path staged = dir_ / "staged";
+    Write(staged, content);
+    fs::rename(staged, dir_ / ("files/" + name));
+}
+
+unsigned NginxServer::Requests(const std::string& name) const {
+    // A request is logged before the next is taken: after the answer to this one all others are in the file.
+    Ask(port_.number(), "/counted");
+    return CountOf("\n" + ReadFile(dir_ / "access.log"), "\n/" + name + " ");
+}
+
+SlapdServer::SlapdServer(const std::map<std::string, std::string>& crls, const TlsIdentity* tls) {
+    WriteIdentity(dir_, tls);
+    WriteConfiguration(tls != nullptr);
+    // A profile of AppArmor may tie the packaged program to the packaged folders; a copy is tied to none.
+    fs::copy_file("/usr/sbin/slapd", dir_ / "slapd");
+    Load(crls);
+    std::string listen = port_.Uri("ldap", "/");
+    if (tls != nullptr) listen += " " + tls_port_.Uri("ldaps", "/");
+    process_ = std::make_unique<Process>(
+        std::vector<std::string>{dir_ / "slapd", "-d", "stats", "-h", listen, "-f", dir_ / "slapd.conf"});
+    if (!process_->WaitForOutput("slapd starting")) throw std::runtime_error("slapd: " + process_->Err());
+}
+
+void SlapdServer::WriteConfiguration(bool tls) const {
+    fs::create_directory(dir_ / "database");
+    std::string text =
+        "include /etc/ldap/schema/core.schema\n"
+        "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
+    text += "pidfile " + (dir_ / "slapd.pid").string() + "\n";
+    if (tls) {
+        text += "TLSCertificateFile " + (dir_ / kCertificateFile).string() + "\nTLSCertificateKeyFile " +
+                (dir_ / kKeyFile).string() + "\n";
+    }
+    text += std::string("database mdb\nsuffix ") + kSuffix + "\ndirectory " + (dir_ / "database").string() + "\n";
+    Write(dir_ / "slapd.conf", text);
+}
+
+void SlapdServer::Load(const std::map<std::string, std::string>& crls) const {
+    std::string ldif = std::string("dn: ") + kSuffix + "\nobjectClass: dcObject\nobjectClass: organization\no: Test\n";
+    for (const auto& [cn, der] : crls) {
+        ldif += "\ndn: cn=" + cn + "," + kSuffix + "\nobjectClass: cRLDistributionPoint\ncn: " + cn +
+                "\ncertificateRevocationList;binary:: " + Base64(der) + "\n";
+    }
+    const fs::path file = dir_ / "entries.ldif";
+    Write(file, ldif);
+    const ProcessResult result = Run({dir_ / "slapd", "-Tadd", "-f", dir_ / "slapd.conf", "-l", file});
+    if (result.exit_code != 0) throw std::runtime_error("slapd -Tadd: " + result.err);
+}
+
+std::string SlapdServer::Uri(const std::string& cn, const std::string& attributes) const {
+    return port_.Uri("ldap", "/cn=" + cn + "," + kSuffix + "?" + attributes + "?base");
+}
+
+std::string SlapdServer::TlsUri(const std::string& cn) const {
+    return tls_port_.Uri("ldaps", "/cn=" + cn + "," + kSuffix + "?" + kBinaryCrl + "?base");
+}
+
+bool SlapdServer::WaitForSearches(unsigned count) const {
+    return process_->WaitForOutput(" SRCH base=", kWaitLimit, count);
+}
+
+}  // namespace test_support
