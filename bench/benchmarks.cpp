@@ -67,8 +67,10 @@ struct Payloads {
     std::vector<const CM::X509Cert*> certs;
 };
 
-void PeerVerify(State& state) {
+/// With that many other certificates in the store beside the root.
+void PeerVerify(State& state, int others) {
     World& world = TheWorld();
+    const StoreListReplaced replaced(&CM::CertStorage::otherCerts, world.Variants("Other peer", false, others));
     const LPCFG::ipsecid_t any;
     for (auto _ : state) {
         Payloads payloads;
@@ -92,7 +94,7 @@ void SetLogLevel(eventlog::Severity level) {
 
 void PeerVerifyQuiet(State& state) {
     SetLogLevel(eventlog::Severity::kWarning);
-    PeerVerify(state);
+    PeerVerify(state, 0);
     SetLogLevel(eventlog::Severity::kInfo);
 }
 
@@ -308,7 +310,8 @@ void RegisterBenchmarks() {
     Register("leaf_parse", LeafParse);
     Register("leaf_parse_peer", LeafParsePeer);
     Register("leaf_parse_two_threads", LeafParse)->Threads(2);
-    Register("peer_verify", PeerVerify);
+    Register("peer_verify", PeerVerify, 0);
+    Register("peer_verify_1000", PeerVerify, 1000);
     Register("peer_verify_quiet", PeerVerifyQuiet);
     Register("peer_verify_peer", PeerVerifyPeer);
     for (const int others : {10, 1000, 100000}) {

@@ -23,7 +23,7 @@ pki_alg_t IssuerKeyAlg(const X509Cert* cert) {
 CertRef FindIssuerUnlocked(const X509Cert* cert, CallersList& callers, unsigned flags) {
     const MoreActualIssuerFinder finder;
     CertRef issuer;
-    if (!cert->ext().authorityKeyIdHex.empty()) {
+    if (!cert->facts().authorityKeyIdHex.empty()) {
         issuer = FindIssuer_(finder, SubjectKeyIdMatch{}, cert, callers, flags);
     }
     if (!issuer) issuer = FindIssuer_(finder, SubjectNameMatch{}, cert, callers, flags);
@@ -46,7 +46,7 @@ bool IsRequested(const X509Cert* cert, const IkeCertRequestIter& requests) {
 }  // namespace
 
 bool subject_keyid_equal_(const X509Cert* cert, const X509Cert* candidate) {
-    return candidate->ext().subjectKeyIdHex == cert->ext().authorityKeyIdHex;
+    return candidate->facts().subjectKeyIdHex == cert->facts().authorityKeyIdHex;
 }
 
 bool subject_name_equal_(const X509Cert* cert, const X509Cert* candidate) {
@@ -67,7 +67,7 @@ CallersList::CallersList(std::span<const X509Cert* const> certs) : certs_(certs)
     using Text = std::optional<std::string_view>;
     by_subject_.Build(certs.size(), [&](std::size_t i) { return Text(certs[i]->info.subject); });
     by_key_id_.Build(certs.size(), [&](std::size_t i) {
-        const std::string& key_id = certs[i]->ext().subjectKeyIdHex;
+        const std::string& key_id = certs[i]->facts().subjectKeyIdHex;
         return key_id.empty() ? Text() : Text(key_id);
     });
 }

@@ -1,6 +1,7 @@
 // Searching: the issuer of a certificate, and chains from the leaf upwards. Judging a chain is cert_verifychain.h's.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -30,7 +31,7 @@ struct SubjectKeyIdMatch {
     }
     template <typename IndexedList>
     static std::span<const std::uint32_t> Positions(const IndexedList& list, const X509Cert* cert) {
-        return list.WithSubjectKeyId(cert->ext().authorityKeyIdHex);
+        return list.WithSubjectKeyId(cert->facts().authorityKeyIdHex);
     }
 };
 struct SubjectNameMatch {
@@ -150,11 +151,18 @@ CertRef FindIssuer_(const Finder& find, Match match, const X509Cert* cert, Calle
     return issuer;
 }
 
-/// Orders certificates by their encoding, through the fingerprint that each carries. Ordered, not hashed: a peer that
-/// chooses its certificates cannot slow it down.
+/// The end of the signature: what tells certificates apart soonest.
+inline std::string_view EndOfEncoding(const X509Cert* cert) {
+    constexpr std::size_t kBytes = 32;
+    const std::string_view der = cert->rawCert;
+    return der.substr(der.size() - std::min(der.size(), kBytes));
+}
+
+/// Orders certificates by their encoding, from its end. Ordered, not hashed: a peer that chooses its certificates cannot
+/// slow it down.
 struct EncodingLess {
     bool operator()(const X509Cert* a, const X509Cert* b) const {
-        const int order = a->ext().sha1.compare(b->ext().sha1);
+        const int order = EndOfEncoding(a).compare(EndOfEncoding(b));
         return order != 0 ? order < 0 : a->rawCert < b->rawCert;
     }
 };

@@ -1,10 +1,12 @@
 // Extension rendering: fingerprints, one text per known extension, and the decoded values that the module tests.
+#include <openssl/asn1t.h>
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <memory>
 #include <utility>
 
 #include "certmgr/cert_engine.h"
@@ -13,7 +15,6 @@
 using cert_engine::BioPtr;
 using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
-using cert_engine::Owner;
 
 namespace {
 
@@ -23,12 +24,23 @@ void ForEach(const Stack* stack, Visit visit) {
     for (int i = 0; i < OPENSSL_sk_num(items); ++i) visit(*static_cast<T*>(OPENSSL_sk_value(items, i)));
 }
 
-// The decoded value of an extension; null when it is malformed. libcrypto's error queue is short: the errors of a few bad
-// extensions together would push out what the daemon had there.
-template <typename T, auto Free>
-Owner<T, Free> Decode(X509_EXTENSION* extension) {
+struct ItemDeleter {
+    const ASN1_ITEM* item = nullptr;
+    template <typename T>
+    void operator()(T* value) const {
+        ASN1_item_free(reinterpret_cast<ASN1_VALUE*>(value), item);
+    }
+};
+
+// The decoded value of an extension; null when it is malformed. Not through X509V3_EXT_d2i: it looks the identifier up
+// once more, under a lock that all threads share. libcrypto's error queue is short: the errors of a few bad extensions
+// together would push out what the daemon had there.
+template <typename T>
+std::unique_ptr<T, ItemDeleter> Decode(X509_EXTENSION* extension, const ASN1_ITEM* item) {
     const ErrorMark mark;
-    return Owner<T, Free>(static_cast<T*>(X509V3_EXT_d2i(extension)));
+    const ASN1_OCTET_STRING* const value = X509_EXTENSION_get_data(extension);
+    const unsigned char* p = ASN1_STRING_get0_data(value);
+    return {reinterpret_cast<T*>(ASN1_item_d2i(nullptr, &p, ASN1_STRING_length(value), item)), {item}};
 }
 
 std::string Numbered(int number, std::string_view text) {
@@ -144,11 +156,13 @@ void KeepAlternativeName(const GENERAL_NAME& name, AltSubject& names) {
     }
 }
 
-// --- One function per extension. Each replaces what it fills; false, with nothing changed, when the value is bad. ---
+// --- One function per extension. Each replaces what it fills, the texts when they are wanted; false, with nothing
+// changed, when the value is bad. ---
 
-bool CertificatePolicies(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto policies = Decode<CERTIFICATEPOLICIES, CERTIFICATEPOLICIES_free>(extension);
+bool CertificatePolicies(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    const auto policies = Decode<CERTIFICATEPOLICIES>(extension, ASN1_ITEM_rptr(CERTIFICATEPOLICIES));
     if (policies == nullptr) return false;
+    if (texts == nullptr) return true;
     std::string text;
     int number = 0;
     ForEach<POLICYINFO>(policies.get(), [&](const POLICYINFO& policy) {
@@ -156,35 +170,36 @@ bool CertificatePolicies(X509_EXTENSION* extension, CertExtentions& out) {
         text += Numbered(++number, " Certificate Policy:\n    Policy Identifier=");
         ASN1_OBJECT_to_std_string(policy.policyid, text, kOidName);
     });
-    out.certificatePolicies = std::move(text);
+    texts->certificatePolicies = std::move(text);
     return true;
 }
 
-bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto period = Decode<PKEY_USAGE_PERIOD, PKEY_USAGE_PERIOD_free>(extension);
+bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+    const auto period = Decode<PKEY_USAGE_PERIOD>(extension, ASN1_ITEM_rptr(PKEY_USAGE_PERIOD));
     if (period == nullptr) return false;
+    facts.privateKeyUsageEnd = ASN1_TIME_to_time_t(period->notAfter);
+    if (texts == nullptr) return true;
     std::string text;
     if (period->notBefore != nullptr) {
         text.append("notBefore=").append(CertTimeToString(ASN1_TIME_to_time_t(period->notBefore)));
     }
-    out.privateKeyUsageEnd = ASN1_TIME_to_time_t(period->notAfter);
-    if (period->notAfter != nullptr) text.append(", notAfter=").append(CertTimeToString(out.privateKeyUsageEnd));
-    out.privateKeyUsagePeriod = std::move(text);
+    if (period->notAfter != nullptr) text.append(", notAfter=").append(CertTimeToString(facts.privateKeyUsageEnd));
+    texts->privateKeyUsagePeriod = std::move(text);
     return true;
 }
 
-bool SubjectAltName(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto names = Decode<GENERAL_NAMES, GENERAL_NAMES_free>(extension);
+bool SubjectAltName(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+    const auto names = Decode<GENERAL_NAMES>(extension, ASN1_ITEM_rptr(GENERAL_NAMES));
     if (names == nullptr) return false;
-    out.subjectAltName = GeneralNamesText(names.get());
-    ForEach<GENERAL_NAME>(names.get(), [&out](const GENERAL_NAME& name) { KeepAlternativeName(name, out.altSubject); });
+    ForEach<GENERAL_NAME>(names.get(), [&](const GENERAL_NAME& name) { KeepAlternativeName(name, facts.altSubject); });
+    if (texts != nullptr) texts->subjectAltName = GeneralNamesText(names.get());
     return true;
 }
 
-bool IssuerAltName(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto names = Decode<GENERAL_NAMES, GENERAL_NAMES_free>(extension);
+bool IssuerAltName(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    const auto names = Decode<GENERAL_NAMES>(extension, ASN1_ITEM_rptr(GENERAL_NAMES));
     if (names == nullptr) return false;
-    out.issuerAltName = GeneralNamesText(names.get());
+    if (texts != nullptr) texts->issuerAltName = GeneralNamesText(names.get());
     return true;
 }
 
@@ -199,22 +214,23 @@ std::int32_t PathLength(const BASIC_CONSTRAINTS& constraints) {
     return static_cast<std::int32_t>(value);
 }
 
-bool BasicConstraints(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto constraints = Decode<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>(extension);
+bool BasicConstraints(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+    const auto constraints = Decode<BASIC_CONSTRAINTS>(extension, ASN1_ITEM_rptr(BASIC_CONSTRAINTS));
     if (constraints == nullptr) return false;
-    out.isCA = constraints->ca != 0;
-    out.pathLen = PathLength(*constraints);
-    out.basicConstraints.clear();
-    if (!out.isCA) return true;
-    out.basicConstraints = "Subject Type=CA, Path Length Constraint=";
-    out.basicConstraints += constraints->pathlen != nullptr ? std::to_string(out.pathLen) : "None";
+    facts.isCA = constraints->ca != 0;
+    facts.pathLen = PathLength(*constraints);
+    if (texts == nullptr) return true;
+    texts->basicConstraints.clear();
+    if (!facts.isCA) return true;
+    texts->basicConstraints = "Subject Type=CA, Path Length Constraint=";
+    texts->basicConstraints += constraints->pathlen != nullptr ? std::to_string(facts.pathLen) : "None";
     return true;
 }
 
-bool SubjectKeyIdentifier(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto id = Decode<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>(extension);
+bool SubjectKeyIdentifier(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* /*texts*/) {
+    const auto id = Decode<ASN1_OCTET_STRING>(extension, ASN1_ITEM_rptr(ASN1_OCTET_STRING));
     if (id == nullptr) return false;
-    out.subjectKeyIdHex = HexWithBlanks(id.get());
+    facts.subjectKeyIdHex = HexWithBlanks(id.get());
     return true;
 }
 
@@ -233,43 +249,50 @@ std::string KeyUsageText(const std::array<std::uint8_t, 2>& bits) {
     return text;
 }
 
-bool KeyUsage(X509_EXTENSION* extension, CertExtentions& out) {
+bool KeyUsage(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
     constexpr unsigned char kDecipherOnly = 0x80;
-    const auto usage = Decode<ASN1_BIT_STRING, ASN1_BIT_STRING_free>(extension);
+    const auto usage = Decode<ASN1_BIT_STRING>(extension, ASN1_ITEM_rptr(ASN1_BIT_STRING));
     if (usage == nullptr) return false;
     const std::string_view bytes = BytesOf(usage.get());
-    out.keyUsageBits = {};
-    if (!bytes.empty()) out.keyUsageBits[0] = static_cast<std::uint8_t>(bytes[0]);
-    if (bytes.size() > 1 && (static_cast<unsigned char>(bytes[1]) & kDecipherOnly) != 0) out.keyUsageBits[1] = 1;
-    out.keyUsage = KeyUsageText(out.keyUsageBits);
+    facts.keyUsageBits = {};
+    if (!bytes.empty()) facts.keyUsageBits[0] = static_cast<std::uint8_t>(bytes[0]);
+    if (bytes.size() > 1 && (static_cast<unsigned char>(bytes[1]) & kDecipherOnly) != 0) facts.keyUsageBits[1] = 1;
+    if (texts != nullptr) texts->keyUsage = KeyUsageText(facts.keyUsageBits);
     return true;
 }
 
 constexpr std::string_view kIpsecIke = "\x2B\x06\x01\x05\x05\x07\x03\x11";  // 1.3.6.1.5.5.7.3.17
 
-bool ExtendedKeyUsage(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto purposes = Decode<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>(extension);
+bool ExtendedKeyUsage(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+    const auto purposes = Decode<EXTENDED_KEY_USAGE>(extension, ASN1_ITEM_rptr(EXTENDED_KEY_USAGE));
     if (purposes == nullptr) return false;
-    out.hasIpsecIkeEku = false;
-    out.extKeyUsageNames.clear();
-    out.extKeyUsageOids.clear();
-    ForEach<ASN1_OBJECT>(purposes.get(), [&out](ASN1_OBJECT& purpose) {
-        if (!out.extKeyUsageOids.empty()) {
-            out.extKeyUsageNames += ", ";
-            out.extKeyUsageOids += ", ";
-        }
-        ASN1_OBJECT_to_std_string(&purpose, out.extKeyUsageNames, kOidNameDotted);
-        ASN1_OBJECT_to_std_string(&purpose, out.extKeyUsageOids, kOidDotted);
-        if (BytesOf(&purpose) == kIpsecIke) out.hasIpsecIkeEku = true;
+    facts.hasExtKeyUsage = sk_ASN1_OBJECT_num(purposes.get()) > 0;
+    facts.hasIpsecIkeEku = false;
+    ForEach<ASN1_OBJECT>(purposes.get(), [&facts](const ASN1_OBJECT& purpose) {
+        if (BytesOf(&purpose) == kIpsecIke) facts.hasIpsecIkeEku = true;
     });
+    if (texts == nullptr) return true;
+    std::string names;
+    std::string oids;
+    ForEach<ASN1_OBJECT>(purposes.get(), [&](ASN1_OBJECT& purpose) {
+        if (!oids.empty()) {
+            names += ", ";
+            oids += ", ";
+        }
+        ASN1_OBJECT_to_std_string(&purpose, names, kOidNameDotted);
+        ASN1_OBJECT_to_std_string(&purpose, oids, kOidDotted);
+    });
+    texts->extKeyUsageNames = std::move(names);
+    texts->extKeyUsageOids = std::move(oids);
     return true;
 }
 
-bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto authority = Decode<AUTHORITY_KEYID, AUTHORITY_KEYID_free>(extension);
+bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+    const auto authority = Decode<AUTHORITY_KEYID>(extension, ASN1_ITEM_rptr(AUTHORITY_KEYID));
     if (authority == nullptr) return false;
-    out.authorityKeyIdHex = HexWithBlanks(authority->keyid);
-    std::string text = out.authorityKeyIdHex;
+    facts.authorityKeyIdHex = HexWithBlanks(authority->keyid);
+    if (texts == nullptr) return true;
+    std::string text = facts.authorityKeyIdHex;
     const auto append = [&text](std::string_view label, const std::string& value) {
         if (!text.empty()) text += ", ";
         text.append(label).append(value);
@@ -278,13 +301,14 @@ bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertExtentions& out) {
     if (authority->serial != nullptr) {
         append("authorityCertSerialNumber: ", TO_HEX_STD_STRING(BytesOf(authority->serial), 0));
     }
-    out.authorityKeyId = std::move(text);
+    texts->authorityKeyId = std::move(text);
     return true;
 }
 
-bool AuthorityInfoAccess(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto accesses = Decode<AUTHORITY_INFO_ACCESS, AUTHORITY_INFO_ACCESS_free>(extension);
+bool AuthorityInfoAccess(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    const auto accesses = Decode<AUTHORITY_INFO_ACCESS>(extension, ASN1_ITEM_rptr(AUTHORITY_INFO_ACCESS));
     if (accesses == nullptr) return false;
+    if (texts == nullptr) return true;
     std::string text;
     int number = 0;
     ForEach<ACCESS_DESCRIPTION>(accesses.get(), [&](const ACCESS_DESCRIPTION& access) {
@@ -292,7 +316,7 @@ bool AuthorityInfoAccess(X509_EXTENSION* extension, CertExtentions& out) {
         ASN1_OBJECT_to_std_string(access.method, text, kOidName);
         AppendGeneralName(*access.location, text.append("\n   accessLocation: "));
     });
-    out.authorityInfoAccess = std::move(text);
+    texts->authorityInfoAccess = std::move(text);
     return true;
 }
 
@@ -307,37 +331,36 @@ void GENERAL_SUBTREES_to_std_string(const STACK_OF(GENERAL_SUBTREE) * subtrees, 
     });
 }
 
-bool NameConstraints(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto constraints = Decode<NAME_CONSTRAINTS, NAME_CONSTRAINTS_free>(extension);
+bool NameConstraints(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    const auto constraints = Decode<NAME_CONSTRAINTS>(extension, ASN1_ITEM_rptr(NAME_CONSTRAINTS));
     if (constraints == nullptr) return false;
+    if (texts == nullptr) return true;
     std::string text;
     GENERAL_SUBTREES_to_std_string(constraints->permittedSubtrees, "permittedSubtrees: ", text);
     GENERAL_SUBTREES_to_std_string(constraints->excludedSubtrees, "excludedSubtrees: ", text);
-    out.nameConstraints = std::move(text);
+    texts->nameConstraints = std::move(text);
     return true;
 }
 
 // The value of these two is not shown; the text says so and clients know it.
 constexpr const char* kValueNotShown = "TODO";
 
-bool PolicyMappings(X509_EXTENSION* extension, CertExtentions& out) {
-    const auto mappings =
-        Decode<POLICY_MAPPINGS, [](POLICY_MAPPINGS* m) { sk_POLICY_MAPPING_pop_free(m, POLICY_MAPPING_free); }>(
-            extension);
+bool PolicyMappings(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    const auto mappings = Decode<POLICY_MAPPINGS>(extension, ASN1_ITEM_rptr(POLICY_MAPPINGS));
     if (mappings == nullptr) return false;
-    out.policyMappings = kValueNotShown;
+    if (texts != nullptr) texts->policyMappings = kValueNotShown;
     return true;
 }
 
-bool PolicyConstraints(X509_EXTENSION* extension, CertExtentions& out) {
-    if (Decode<POLICY_CONSTRAINTS, POLICY_CONSTRAINTS_free>(extension) == nullptr) return false;
-    out.policyConstraints = kValueNotShown;
+bool PolicyConstraints(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+    if (Decode<POLICY_CONSTRAINTS>(extension, ASN1_ITEM_rptr(POLICY_CONSTRAINTS)) == nullptr) return false;
+    if (texts != nullptr) texts->policyConstraints = kValueNotShown;
     return true;
 }
 
-bool CrlDistributionPoints(X509_EXTENSION* extension, CertExtentions& out) {
+bool CrlDistributionPoints(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
     constexpr int kFullName = 0;
-    const auto points = Decode<CRL_DIST_POINTS, CRL_DIST_POINTS_free>(extension);
+    const auto points = Decode<CRL_DIST_POINTS>(extension, ASN1_ITEM_rptr(CRL_DIST_POINTS));
     if (points == nullptr) return false;
     std::string text;
     std::vector<std::string> uris;
@@ -352,37 +375,38 @@ bool CrlDistributionPoints(X509_EXTENSION* extension, CertExtentions& out) {
             text.append("\n    URI=").append(uris.back());
         });
     });
-    out.crlDistributionPoints = std::move(text);
-    out.crlUris = std::move(uris);
+    facts.crlUris = std::move(uris);
+    if (texts != nullptr) texts->crlDistributionPoints = std::move(text);
     return true;
 }
 
 struct KnownExtension {
-    int nid;
-    bool (*read)(X509_EXTENSION* extension, CertExtentions& out);
+    std::string_view oid;
+    bool (*read)(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts);
+    bool has_facts = true;
 };
 constexpr std::array<KnownExtension, 14> kKnownExtensions{{
-    {NID_certificate_policies, CertificatePolicies},
-    {NID_private_key_usage_period, PrivateKeyUsagePeriod},
-    {NID_subject_alt_name, SubjectAltName},
-    {NID_issuer_alt_name, IssuerAltName},
-    {NID_basic_constraints, BasicConstraints},
-    {NID_subject_key_identifier, SubjectKeyIdentifier},
-    {NID_key_usage, KeyUsage},
-    {NID_ext_key_usage, ExtendedKeyUsage},
-    {NID_authority_key_identifier, AuthorityKeyIdentifier},
-    {NID_info_access, AuthorityInfoAccess},
-    {NID_name_constraints, NameConstraints},
-    {NID_policy_mappings, PolicyMappings},
-    {NID_policy_constraints, PolicyConstraints},
-    {NID_crl_distribution_points, CrlDistributionPoints},
+    {"\x55\x1D\x0E", SubjectKeyIdentifier},
+    {"\x55\x1D\x0F", KeyUsage},
+    {"\x55\x1D\x10", PrivateKeyUsagePeriod},
+    {"\x55\x1D\x11", SubjectAltName},
+    {"\x55\x1D\x12", IssuerAltName, false},
+    {"\x55\x1D\x13", BasicConstraints},
+    {"\x55\x1D\x1E", NameConstraints, false},
+    {"\x55\x1D\x1F", CrlDistributionPoints},
+    {"\x55\x1D\x20", CertificatePolicies, false},
+    {"\x55\x1D\x21", PolicyMappings, false},
+    {"\x55\x1D\x23", AuthorityKeyIdentifier},
+    {"\x55\x1D\x24", PolicyConstraints, false},
+    {"\x55\x1D\x25", ExtendedKeyUsage},
+    {"\x2B\x06\x01\x05\x05\x07\x01\x01", AuthorityInfoAccess, false},
 }};
 
-bool ReadKnown(X509_EXTENSION* extension, CertExtentions& out) {
-    const int nid = OBJ_obj2nid(X509_EXTENSION_get_object(extension));
+const KnownExtension* FindKnown(X509_EXTENSION* extension) {
+    const std::string_view oid = BytesOf(X509_EXTENSION_get_object(extension));
     const auto* const known = std::find_if(kKnownExtensions.begin(), kKnownExtensions.end(),
-                                           [nid](const KnownExtension& entry) { return entry.nid == nid; });
-    return known != kKnownExtensions.end() && known->read(extension, out);
+                                           [oid](const KnownExtension& entry) { return entry.oid == oid; });
+    return known != kKnownExtensions.end() ? known : nullptr;
 }
 
 // --- Unknown extensions ---
@@ -419,19 +443,36 @@ std::string PrintedValue(X509_EXTENSION* extension) {
     return length > 0 ? Reflow({text, static_cast<std::size_t>(length)}) : std::string();
 }
 
-void AddUnknown(X509_EXTENSION* extension, CertExtentions& out, std::size_t& printable_bytes) {
+// Name as it is listed, without the mark of criticality.
+std::string UnknownName(X509_EXTENSION* extension) {
     std::string name;
     ASN1_OBJECT_to_std_string(X509_EXTENSION_get_object(extension), name, kOidName);
-    if (name.empty()) name = "unknown extension";
-    if (X509_EXTENSION_get_critical(extension) != 0) {
-        if (out.firstUnknownCritical.empty()) out.firstUnknownCritical = name;
-        name += "(critical)";
-    }
+    return name.empty() ? "unknown extension" : name;
+}
+
+void AddUnknown(X509_EXTENSION* extension, CertExtentions& texts, std::size_t& printable_bytes) {
+    std::string name = UnknownName(extension);
+    if (X509_EXTENSION_get_critical(extension) != 0) name += "(critical)";
     const std::size_t size = BytesOf(X509_EXTENSION_get_data(extension)).size();
     const bool printed = size <= printable_bytes;
     if (printed) printable_bytes -= size;
-    out.unknownExtensions.emplace_back(std::move(name),
-                                       printed ? PrintedValue(extension) : std::to_string(size) + " bytes");
+    texts.unknownExtensions.emplace_back(std::move(name),
+                                         printed ? PrintedValue(extension) : std::to_string(size) + " bytes");
+}
+
+// Reads every extension; without `texts` only what the facts need.
+void ReadExtensions(const X509* cert, CertFacts& facts, CertExtentions* texts) {
+    std::size_t printable_bytes = kMaxPrintedValueBytes;
+    for (int i = 0; i < X509_get_ext_count(cert); ++i) {
+        X509_EXTENSION* const extension = X509_get_ext(cert, i);
+        const KnownExtension* const known = FindKnown(extension);
+        const bool critical = X509_EXTENSION_get_critical(extension) != 0;
+        // One that is only shown, or not known, decides nothing unless it is critical.
+        if (texts == nullptr && !critical && (known == nullptr || !known->has_facts)) continue;
+        if (known != nullptr && known->read(extension, facts, texts)) continue;
+        if (critical && facts.firstUnknownCritical.empty()) facts.firstUnknownCritical = UnknownName(extension);
+        if (texts != nullptr) AddUnknown(extension, *texts, printable_bytes);
+    }
 }
 
 std::string Fingerprint(const EVP_MD* md, std::string_view der) {
@@ -441,15 +482,15 @@ std::string Fingerprint(const EVP_MD* md, std::string_view der) {
 
 }  // namespace
 
+void CertEngine_GetCertFacts(void* cert, CertFacts& out) {
+    ReadExtensions(static_cast<const X509*>(cert), out, nullptr);
+}
+
 void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     const ErrorMark mark;
     const X509* const x = static_cast<const X509*>(cert);
     const std::string der = cert_engine::Encode(x, i2d_X509);
     out.md5 = Fingerprint(cert_engine::Md5(), der);
     out.sha1 = Fingerprint(cert_engine::Sha1(), der);
-    std::size_t printable_bytes = kMaxPrintedValueBytes;
-    for (int i = 0; i < X509_get_ext_count(x); ++i) {
-        X509_EXTENSION* const extension = X509_get_ext(x, i);
-        if (!ReadKnown(extension, out)) AddUnknown(extension, out, printable_bytes);
-    }
+    ReadExtensions(x, out, &out);
 }

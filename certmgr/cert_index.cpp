@@ -23,7 +23,7 @@ CertIndex::CertIndex(const std::vector<X509Cert*>& certs) {
     using Text = std::optional<std::string_view>;
     by_subject_.Build(certs.size(), [&](std::size_t i) { return Text(certs[i]->info.subject); });
     by_key_id_.Build(certs.size(), [&](std::size_t i) {
-        const std::string& key_id = certs[i]->ext().subjectKeyIdHex;
+        const std::string& key_id = certs[i]->facts().subjectKeyIdHex;
         return key_id.empty() ? Text() : Text(key_id);
     });
     by_address_.Build(certs.size(), [&](std::size_t i) { return std::optional<const X509Cert*>(certs[i]); });

@@ -167,8 +167,8 @@ Refusal VerifyCertChainTask::CheckTrust(const std::vector<X509Cert*>& chain) con
 Refusal VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::size_t i) const {
     const std::uint64_t position = i + 1;
     const CertInfo& info = authority->info;
-    if (!authority->ext().isCA) return {.id = RefusalId::kNotCa, .position = position, .detail = info.subject};
-    const std::int32_t path_len = authority->ext().pathLen;
+    if (!authority->facts().isCA) return {.id = RefusalId::kNotCa, .position = position, .detail = info.subject};
+    const std::int32_t path_len = authority->facts().pathLen;
     const std::size_t authorities_below = i - 1;
     if (path_len >= 0 && static_cast<std::size_t>(path_len) < authorities_below) {
         return {.id = RefusalId::kPathLengthExceeded, .position = position, .detail = info.subject};

@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "certmgr/cert_chain.h"
 #include "certmgr/cert_log_local.h"
 #include "certmgr/cert_storage.h"
 #include "certmgr/certmgr.h"
@@ -30,9 +31,9 @@ UseHandleFromAuthType cm_without_wait_(UseHandleFromAuthType mode) {
     return static_cast<UseHandleFromAuthType>(mode & ~static_cast<std::uint32_t>(kWaitForReload));
 }
 
-/// Compares certificates by their DER; the fingerprint that each carries serves as the hash.
+/// Compares certificates by their DER; the end of the signature serves as the hash.
 struct SameDer {
-    std::size_t operator()(const X509Cert* cert) const { return std::hash<std::string_view>{}(cert->ext().sha1); }
+    std::size_t operator()(const X509Cert* cert) const { return std::hash<std::string_view>{}(EndOfEncoding(cert)); }
     bool operator()(const X509Cert* a, const X509Cert* b) const { return a == b || a->rawCert == b->rawCert; }
 };
 
@@ -166,7 +167,7 @@ std::uint32_t LocalSearch::JudgeUnlocked(const X509Cert* cert, LocalCertLog& rec
     if (cert->info.validTo < now_) return kLocalExpired;
     if (cert->privKeyNotAfter < now_) return kLocalPrivateKeyExpired;
     // 7.5 purpose: no Extended Key Usage means any
-    if (!cert->ext().extKeyUsageNames.empty() && !cert->ext().hasIpsecIkeEku && !cm_missing_ike_eku_allowed_()) {
+    if (cert->facts().hasExtKeyUsage && !cert->facts().hasIpsecIkeEku && !cm_missing_ike_eku_allowed_()) {
         return kLocalMissingIkeEku;
     }
     // 7.6 what the peer asked for
@@ -377,11 +378,11 @@ namespace {
 const std::string* cm_cert_value_of_type_(const X509Cert* cert, std::uint32_t type) {
     switch (type) {
         case LPCFG::ipsecid_t::kIp4:
-            return &cert->ext().altSubject.ipAddress;
+            return &cert->facts().altSubject.ipAddress;
         case LPCFG::ipsecid_t::kFqdn:
-            return &cert->ext().altSubject.dnsName;
+            return &cert->facts().altSubject.dnsName;
         case LPCFG::ipsecid_t::kEmail:
-            return &cert->ext().altSubject.email;
+            return &cert->facts().altSubject.email;
         case LPCFG::ipsecid_t::kDn:
             return &cert->rawSubject;
         default:

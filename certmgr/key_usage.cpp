@@ -30,7 +30,7 @@ void LogMissing(const X509Cert* cert, KeyUsageBit usage, const LPARAMS::NamedSwi
 }  // namespace
 
 bool HasKeyUsage(const X509Cert* cert, KeyUsageBit usage, const TLogIdent& ident) {
-    if ((cert->ext().keyUsageBits[0] & usage) != 0) return true;
+    if ((cert->facts().keyUsageBits[0] & usage) != 0) return true;
     const LPARAMS::NamedSwitch tolerance = Tolerance();
     LogMissing(cert, usage, tolerance, ident);
     return tolerance.on;

@@ -42,7 +42,7 @@ bool IsSignatureAlg(pki_alg_t alg) {
 
 /// Whether the certificate's unknown critical extension, if any, is none or tolerated.
 bool CriticalExtensionsPass(const X509Cert& cert) {
-    const std::string& unknown = cert.ext().firstUnknownCritical;
+    const std::string& unknown = cert.facts().firstUnknownCritical;
     if (unknown.empty()) return true;
     LPARAMS::NamedSwitch permission;
     {
@@ -144,14 +144,26 @@ void X509Cert::init() {
     CertEngine_GetCertInfo(certHandle, info);
     CertEngine_RawPubKey(certHandle, rawPubKey, pubKeyHash);
     CertEngine_RawSubject(certHandle, rawSubject);
-    CertEngine_GetCertExtentions(certHandle, ext_);
+    CertEngine_GetCertFacts(certHandle, facts_);
     selfSigned = info.subject == info.issuer;
 }
 
 void X509Cert::SetKeyPairPublicKey(std::string spki) {
     rawPubKey = std::move(spki);
     info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, rawPubKey.data(), rawPubKey.size());
-    CertEngine_FingerprintSHA1(rawPubKey, ext_.sha1, 0);
+}
+
+const CertExtentions& X509Cert::ext() const {
+    std::call_once(ext_rendered_, [this] {
+        auto rendered = std::make_unique<CertExtentions>();
+        if (certHandle != nullptr) {
+            CertEngine_GetCertExtentions(certHandle, *rendered);
+        } else if (!rawPubKey.empty()) {
+            CertEngine_FingerprintSHA1(rawPubKey, rendered->sha1, 0);
+        }
+        ext_ = std::move(rendered);
+    });
+    return *ext_;
 }
 
 void X509Cert::AddRef() const {
@@ -187,8 +199,9 @@ CertImportStatus X509Cert::CanBeUsed() const {
 bool X509Cert::MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const {
     const pki_alg_t wanted = pattern.keyAlg != 0 ? pattern.keyAlg : alg;
     if (wanted != 0 && wanted != info.keyAlg) return false;
-    return TextMatches(info.serialNumber, pattern.serialNumber) && TextMatches(ext_.md5, pattern.md5) &&
-           TextMatches(ext_.sha1, pattern.sha1) && NameMatches(info.issuer, pattern.issuer, pattern.issuerExact) &&
+    return TextMatches(info.serialNumber, pattern.serialNumber) && (pattern.md5.empty() || ext().md5 == pattern.md5) &&
+           (pattern.sha1.empty() || ext().sha1 == pattern.sha1) &&
+           NameMatches(info.issuer, pattern.issuer, pattern.issuerExact) &&
            NameMatches(info.subject, pattern.subject, pattern.subjectExact);
 }
 

@@ -89,49 +89,50 @@ struct AltSubject {
     std::string upn;  // Microsoft user principal name, UTF-8
 };
 
-/// Fingerprints and X.509v3 extensions of a certificate. Text members are for display; empty when the extension is
-/// absent.
-///
-/// On the management bridge travel, in this order: the sixteen strings from `md5` to `crlDistributionPoints`, then
-/// `unknownExtensions`, `privateKeyUsageEnd` (8 bytes) and `firstUnknownCritical`. The rest stays local.
-struct CertExtentions {
-    // Decoded values, local.
+/// What a certificate's extensions say that decisions are made by. Cheap to read; an absent extension leaves its members
+/// as they are here.
+struct CertFacts {
     AltSubject altSubject;
     std::array<std::uint8_t, 2> keyUsageBits{};  // keyUsage BIT STRING; second byte bit 0: Decipher Only
     bool isCA = false;  // basicConstraints
     std::int32_t pathLen = -1;  // basicConstraints; -1: no constraint
+    bool hasExtKeyUsage = false;  // at least one purpose is listed
     bool hasIpsecIkeEku = false;  // id-kp-ipsecIKE listed
+    std::string authorityKeyIdHex;
+    std::string subjectKeyIdHex;
+    std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
+    std::string firstUnknownCritical;
+    cert_time64_t privateKeyUsageEnd = CERT_TIME_UNKNOWN;
+};
 
-    // Carried.
+/// Fingerprints and X.509v3 extensions of a certificate, whole. Text members are for display; empty when the extension
+/// is absent.
+///
+/// On the management bridge travel, in this order: `md5`, `sha1`, `subjectAltName`, `issuerAltName`, `keyUsage`,
+/// `authorityKeyId`, `subjectKeyIdHex`, the strings from `privateKeyUsagePeriod` to `crlDistributionPoints` but for
+/// `extKeyUsageOids`, `unknownExtensions`, `privateKeyUsageEnd` (8 bytes) and `firstUnknownCritical`. The rest stays
+/// local.
+struct CertExtentions : CertFacts {
     std::string md5;  // fingerprints of the whole DER, lower-case hexadecimal
     std::string sha1;
     std::string subjectAltName;
     std::string issuerAltName;
     std::string keyUsage;
     std::string authorityKeyId;
-    std::string subjectKeyIdHex;
     std::string privateKeyUsagePeriod;
     std::string certificatePolicies;
     std::string policyMappings;
     std::string nameConstraints;
     std::string policyConstraints;
     std::string extKeyUsageNames;
+    std::string extKeyUsageOids;  // local
     std::string basicConstraints;
     std::string authorityInfoAccess;
     std::string crlDistributionPoints;
-
-    // Local.
-    std::string authorityKeyIdHex;
-    std::string extKeyUsageOids;
-    std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
-
-    // Carried.
-    std::string firstUnknownCritical;
     std::vector<std::pair<std::string, std::string>> unknownExtensions;
-    cert_time64_t privateKeyUsageEnd = CERT_TIME_UNKNOWN;
 };
 
-/// Bits of CertExtentions::keyUsageBits[0].
+/// Bits of CertFacts::keyUsageBits[0].
 enum KeyUsageBit : std::uint8_t {
     kKeyUsageDigitalSignature = 0x80,
     kKeyUsageNonRepudiation = 0x40,

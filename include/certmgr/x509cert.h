@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -84,8 +85,10 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     /// fingerprint of the key. Only before the object is published.
     void SetKeyPairPublicKey(std::string spki);
 
-    /// Fingerprints and extensions.
-    const CertExtentions& ext() const { return ext_; }
+    /// What the extensions say that decisions are made by.
+    const CertFacts& facts() const { return facts_; }
+    /// Fingerprints and extensions, whole. The first call renders them; any thread may make it.
+    const CertExtentions& ext() const;
 
     // Members in declared order; the reference count and the extensions are reached through functions.
     void* certHandle = nullptr;  // null for a key pair without certificate or an unreadable object
@@ -99,7 +102,7 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     std::string rawSubject;  // DER
 
   private:
-    CertExtentions ext_;
+    CertFacts facts_;
 
   public:
     cert_time64_t privKeyNotAfter = CERT_TIME_UNKNOWN;
@@ -110,6 +113,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     void init();
 
     mutable std::uint32_t refCount = 1;
+    mutable std::once_flag ext_rendered_;
+    mutable std::unique_ptr<const CertExtentions> ext_;
 };
 
 /// Counted reference to a certificate: the one place outside X509Cert that calls AddRef and Release.

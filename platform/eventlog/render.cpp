@@ -56,7 +56,13 @@ class SafeText {
     explicit SafeText(std::string& out) : out_(out) {}
 
     void Append(std::string_view text) {
-        while (!text.empty()) text.remove_prefix(Step(text));
+        while (!text.empty()) {
+            const auto special =
+                static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), IsPlain) - text.begin());
+            out_.append(text, 0, special);
+            text.remove_prefix(special);
+            if (!text.empty()) text.remove_prefix(Step(text));
+        }
     }
     // A new line whose indentation is given by the white space at the start of `text`; how much of it was used.
     std::size_t NewLine(std::string_view text) {
@@ -72,6 +78,8 @@ class SafeText {
     }
 
   private:
+    static bool IsPlain(char c) { return c >= ' ' && c < 0x7F && c != '\\'; }
+
     // Writes what stands at the start of `text`; its length.
     std::size_t Step(std::string_view text) {
         const auto byte = static_cast<unsigned char>(text[0]);

@@ -12,6 +12,18 @@ using Clock = std::chrono::steady_clock;
 /// pile them up.
 constexpr std::size_t kMaxThreads = 16;
 
+/// A sleeping thread needs longer to wake up than most tokens in software to answer: who waits for an answer, or for the
+/// next call, looks out for it that long before going to sleep.
+constexpr std::chrono::microseconds kWatchForAnswer(1000);
+constexpr std::chrono::microseconds kWatchForCall(100);
+
+/// Waits, giving way to other threads, until `ready` or the time is over.
+template <typename Ready>
+void WatchFor(std::chrono::microseconds time, const Ready& ready) {
+    const Clock::time_point end = Clock::now() + time;
+    while (!ready() && Clock::now() < end) std::this_thread::yield();
+}
+
 /// The entry into the module that a thread made last.
 struct LastEntry {
     std::atomic<Clock::rep> moment{0};
@@ -38,6 +50,7 @@ struct CallRunner::Call {
     std::function<void()> work;
     LastEntry entry;
     std::condition_variable ended;
+    std::atomic<bool> has_ended = false;  // no more to wait for
     // Guarded by State::mutex.
     bool started = false;
     bool finished = false;
@@ -59,6 +72,7 @@ struct CallRunner::State {
     std::size_t abandoned = 0;
     bool closing = false;
     Clock::time_point last_moment = Clock::time_point::max();  // no call is waited for beyond it
+    std::atomic<std::uint64_t> arrivals = 0;  // calls ever queued
     // Fixed.
     std::function<void(const char*)> on_stuck;
     std::function<void()> on_recovered;
@@ -107,9 +121,13 @@ bool CallRunner::Execute(std::function<void()> work, unsigned patience) {
         }
     }
     state.queue.push_back(call);
+    ++state.arrivals;
     state.work_or_end.notify_one();
     if (patience == 0) return true;
 
+    lock.unlock();
+    WatchFor(kWatchForAnswer, [&] { return call->has_ended.load(); });
+    lock.lock();
     const auto deadline = [&] { return std::min(call->entry.Moment() + limit() * patience, state.last_moment); };
     state.watched.push_back(call.get());
     while (!call->finished && !call->dropped && Clock::now() < deadline()) call->ended.wait_until(lock, deadline());
@@ -135,8 +153,14 @@ void CallRunner::Hurry(Milliseconds limit) {
 
 void CallRunner::Work(const std::shared_ptr<State>& state) {
     std::unique_lock lock(state->mutex);
-    for (;;) {
+    for (bool served = false;; served = true) {
         ++state->idle;
+        if (served && state->queue.empty()) {
+            const std::uint64_t seen = state->arrivals;
+            lock.unlock();
+            WatchFor(kWatchForCall, [&] { return state->arrivals != seen; });
+            lock.lock();
+        }
         state->work_or_end.wait(lock, [&] { return state->closing || !state->queue.empty(); });
         --state->idle;
         if (state->queue.empty()) break;
@@ -153,6 +177,7 @@ void CallRunner::Work(const std::shared_ptr<State>& state) {
 
         lock.lock();
         call->finished = true;
+        call->has_ended = true;
         if (!call->abandoned) {
             call->ended.notify_one();
         } else if (--state->abandoned == 0) {
@@ -175,6 +200,7 @@ bool CallRunner::Shutdown(Milliseconds limit) {
         dropped.swap(state_->queue);
         for (const auto& call : dropped) {
             call->dropped = true;
+            call->has_ended = true;
             call->ended.notify_one();
         }
         state_->work_or_end.notify_all();
