@@ -1,5 +1,6 @@
 #include "platform/tokens/login.h"
 
+#include "platform/tokens/pins.h"
 #include "platform/tokens/registry.h"
 
 namespace tokens {
@@ -17,8 +18,10 @@ struct PinOutcome {
     Result result{};
 };
 
-/// What the flags of the token say about trying a PIN.
-PinOutcome CheckTries(const Token& token, CK_USER_TYPE user, FewTries few_tries) {
+/// Whether a PIN is tried at all: not when it failed on this token before, nor against the token's flags. An empty PIN
+/// is typed on a PIN pad.
+PinOutcome MayTry(const Token& token, CK_USER_TYPE user, const SecretString& pin, FewTries few_tries) {
+    if (!pin.empty() && FailedPins::Instance().Contains(token.id(), user, pin)) return {PinResult::kKnownWrong};
     CK_TOKEN_INFO info{};
     const Result result = token.link()->api().GetTokenInfo(token.slot(), info);
     if (!result.ok()) return {PinResult::kFailed, result};
@@ -44,6 +47,24 @@ PinOutcome FromRv(const Result& result) {
         default:
             return {PinResult::kFailed, result};
     }
+}
+
+/// What the token answered to a PIN. One that it refused is remembered here, on the worker: whoever asked may have given
+/// up waiting.
+PinOutcome Judge(const Token& token, CK_USER_TYPE user, const SecretString& pin, const Result& result) {
+    const PinOutcome outcome = FromRv(result);
+    if (outcome.pin == PinResult::kWrongPin && !pin.empty()) FailedPins::Instance().Add(token.id(), user, pin);
+    return outcome;
+}
+
+/// Tries a PIN that may be tried.
+PinOutcome TryPin(Session& session, const Token& token, CK_USER_TYPE user, const SecretString& pin,
+                  FewTries few_tries) {
+    const PinOutcome may = MayTry(token, user, pin, few_tries);
+    if (may.pin != PinResult::kDone) return may;
+    Result result = session.api().Login(session.handle(), user, pin.get());
+    if (result.rv == CKR_USER_ALREADY_LOGGED_IN && user == CKU_USER) result.rv = CKR_OK;
+    return Judge(token, user, pin, result);
 }
 
 Result TakeOrOpen(Token& token, SessionPtr& session) {
@@ -84,13 +105,8 @@ std::unique_lock<std::shared_timed_mutex> LockLogin(Token& token) {
 }
 
 PinOutcome TryUserPin(const TokenPtr& token, const SecretString& pin, FewTries few_tries) {
-    if (!pin.empty() && token->failed_pins().Contains(CKU_USER, pin)) return {PinResult::kKnownWrong};
-    auto login = [token, few_tries, secret = SecretString(pin.get())](Session& session) -> PinOutcome {
-        const PinOutcome tries = CheckTries(*token, CKU_USER, few_tries);
-        if (tries.pin != PinResult::kDone) return tries;
-        Result result = session.api().Login(session.handle(), CKU_USER, secret.get());
-        if (result.rv == CKR_USER_ALREADY_LOGGED_IN) result.rv = CKR_OK;
-        return FromRv(result);
+    auto login = [token, few_tries, secret = SecretString(pin.get())](Session& session) {
+        return TryPin(session, *token, CKU_USER, secret, few_tries);
     };
     const unsigned patience = pin.empty() ? kPinPadPatience : 1;
     return OnWorker(token, patience, PinOutcome{PinResult::kFailed, kNoAnswer}, std::move(login));
@@ -101,7 +117,7 @@ struct OfficerOutcome {
     Result result{};
     PinOutcome pin{PinResult::kFailed, kNoAnswer};
     CreateOutcome work{};
-    bool user_again = false;
+    PinOutcome user{PinResult::kNotPresent};  // done: the user's login is as it was
 };
 
 struct OfficerCall {
@@ -114,23 +130,25 @@ struct OfficerCall {
     OfficerOutcome operator()(Session& session) const {
         const Api& api = session.api();
         OfficerOutcome outcome;
-        outcome.user_again = user_was_in;
-        outcome.pin = CheckTries(*token, CKU_SO, FewTries::kRefuse);
+        outcome.user = {PinResult::kDone};
+        outcome.pin = MayTry(*token, CKU_SO, officer_pin, FewTries::kRefuse);
         if (outcome.pin.pin != PinResult::kDone) return outcome;
         if (user_was_in) {
             outcome.result = api.Logout(session.handle());
             if (!outcome.result.ok()) return outcome;
-            outcome.user_again = false;
         }
-        outcome.pin = FromRv(api.Login(session.handle(), CKU_SO, officer_pin.get()));
+        outcome.pin = Judge(*token, CKU_SO, officer_pin, api.Login(session.handle(), CKU_SO, officer_pin.get()));
         if (outcome.pin.pin == PinResult::kDone) {
             outcome.work = work(session);
             outcome.result = api.Logout(session.handle());
         }
-        if (user_was_in && !user_pin.empty()) {
-            outcome.user_again = api.Login(session.handle(), CKU_USER, user_pin.get()).ok();
-        }
+        if (user_was_in) outcome.user = LogUserIn(session);
         return outcome;
+    }
+
+    PinOutcome LogUserIn(Session& session) const {
+        if (user_pin.empty()) return {PinResult::kNotPresent};
+        return TryPin(session, *token, CKU_USER, user_pin, FewTries::kRefuse);
     }
 };
 
@@ -141,12 +159,7 @@ PinResult LoginUser(const TokenPtr& token, const SecretString& pin, FewTries few
     if (!lock.owns_lock()) return PinResult::kFailed;
     if (token->login_state() == LoginState::kUser) return PinResult::kDone;
     const PinOutcome outcome = TryUserPin(token, pin, few_tries);
-    if (outcome.pin == PinResult::kDone) {
-        token->failed_pins().Clear();
-        token->SetLoginState(LoginState::kUser);
-    } else if (outcome.pin == PinResult::kWrongPin && !pin.empty()) {
-        token->failed_pins().Add(CKU_USER, pin);
-    }
+    if (outcome.pin == PinResult::kDone) token->SetLoginState(LoginState::kUser);
     Tell(*token, "user", outcome);
     return outcome.pin;
 }
@@ -171,20 +184,18 @@ PinResult ChangeUserPin(const TokenPtr& token, const SecretString& old_pin, cons
                         FewTries few_tries) {
     const auto lock = LockLogin(*token);
     if (!lock.owns_lock()) return PinResult::kFailed;
-    if (token->failed_pins().Contains(CKU_USER, old_pin)) return PinResult::kKnownWrong;
     auto change = [token, few_tries, from = SecretString(old_pin.get()),
                    to = SecretString(new_pin.get())](Session& session) -> PinOutcome {
-        const PinOutcome tries = CheckTries(*token, CKU_USER, few_tries);
-        if (tries.pin != PinResult::kDone) return tries;
+        const PinOutcome may = MayTry(*token, CKU_USER, from, few_tries);
+        if (may.pin != PinResult::kDone) return may;
         const Result result = session.api().SetPIN(session.handle(), from.get(), to.get());
         // Here these two speak of the new PIN.
         if (result.rv == CKR_PIN_INVALID || result.rv == CKR_PIN_LEN_RANGE) return {PinResult::kFailed, result};
-        return FromRv(result);
+        if (result.ok()) FailedPins::Instance().Remove(token->id(), CKU_USER, to);
+        return Judge(*token, CKU_USER, from, result);
     };
     const PinOutcome outcome =
         OnWorker(token, kPinChangePatience, PinOutcome{PinResult::kFailed, kNoAnswer}, std::move(change));
-    if (outcome.pin == PinResult::kDone) token->failed_pins().Clear();
-    if (outcome.pin == PinResult::kWrongPin) token->failed_pins().Add(CKU_USER, old_pin);
     if (outcome.pin == PinResult::kFailed) LogTrouble(token->Info(), outcome.result);
     return outcome.pin;
 }
@@ -194,11 +205,6 @@ CreateOutcome RunAsSecurityOfficer(const TokenPtr& token, const SecretString& pi
     pin_result = PinResult::kFailed;
     const auto lock = LockLogin(*token);
     if (!lock.owns_lock()) return {kNoAnswer};
-    if (token->failed_pins().Contains(CKU_SO, pin)) {
-        Tell(*token, "security officer", {PinResult::kKnownWrong});
-        pin_result = PinResult::kKnownWrong;
-        return {};
-    }
     const bool user_was_in = token->login_state() == LoginState::kUser;
     SecretString user_pin;
     if (user_was_in) Registry::Instance().FindPin(token->Info(), user_pin);
@@ -206,11 +212,11 @@ CreateOutcome RunAsSecurityOfficer(const TokenPtr& token, const SecretString& pi
         OnWorker(token, 1, OfficerOutcome{kNoAnswer},
                  OfficerCall{token, user_was_in, SecretString(pin.get()), std::move(user_pin), std::move(work)});
     if (!outcome.result.ok() && outcome.work.result.ok()) outcome.work.result = outcome.result;
-    if (outcome.pin.pin == PinResult::kWrongPin) token->failed_pins().Add(CKU_SO, pin);
     Tell(*token, "security officer", outcome.pin);
     pin_result = outcome.pin.pin;
     token->ForgetContent();
-    if (user_was_in && !outcome.user_again) {
+    if (user_was_in && outcome.user.pin != PinResult::kDone) {
+        if (outcome.user.pin != PinResult::kNotPresent) Tell(*token, "user", outcome.user);
         token->SetLoginState(LoginState::kPublic);
         Log(kMsgTokenLogin,
             Describe(token->Info()) + ": the user was logged out for the security officer and has to log in again");

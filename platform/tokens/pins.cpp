@@ -14,8 +14,8 @@
 namespace tokens {
 namespace {
 
-/// Failures remembered of one token; a token locks long before.
-constexpr std::size_t kMaxFailedPins = 32;
+/// Failures remembered of all tokens, the latest: tokens lock after a few.
+constexpr std::size_t kMaxFailures = 4096;
 
 class FileDescriptor {
   public:
@@ -38,29 +38,6 @@ const char* WhyNotPrivate(int fd) {
     if (status.st_uid != geteuid()) return "belongs to another user";
     if ((status.st_mode & 077) != 0) return "can be read or written by others; its mode must be 0600";
     return nullptr;
-}
-
-using Salt = std::array<unsigned char, 16>;
-
-const Salt& ProcessSalt() {
-    static const Salt salt = [] {
-        Salt bytes{};
-        RAND_bytes(bytes.data(), static_cast<int>(bytes.size()));
-        return bytes;
-    }();
-    return salt;
-}
-
-std::array<unsigned char, 32> SaltedDigest(unsigned long user, const std::string& pin) {
-    vpnfc::SecretString input;
-    input.edit().reserve(sizeof user + sizeof(Salt) + kMaxPinBytes);
-    input.edit().append(reinterpret_cast<const char*>(&user), sizeof user);
-    input.edit().append(reinterpret_cast<const char*>(ProcessSalt().data()), ProcessSalt().size());
-    input.edit().append(pin);
-    std::array<unsigned char, 32> digest{};
-    unsigned length = 0;
-    EVP_Digest(input.get().data(), input.get().size(), digest.data(), &length, EVP_sha256(), nullptr);
-    return digest;
 }
 
 }  // namespace
@@ -86,21 +63,51 @@ bool ReadPinFile(const std::string& path, vpnfc::SecretString& pin, std::string&
     return usable;
 }
 
-bool FailedPins::Contains(unsigned long user, const vpnfc::SecretString& pin) const {
-    const Digest digest = SaltedDigest(user, pin.get());
-    const std::lock_guard lock(mutex_);
-    return std::find(digests_.begin(), digests_.end(), digest) != digests_.end();
+FailedPins& FailedPins::Instance() {
+    static FailedPins* const failed_pins = new FailedPins;
+    return *failed_pins;
 }
 
-void FailedPins::Add(unsigned long user, const vpnfc::SecretString& pin) {
-    const Digest digest = SaltedDigest(user, pin.get());
-    const std::lock_guard lock(mutex_);
-    if (digests_.size() < kMaxFailedPins) digests_.push_back(digest);
+FailedPins::FailedPins() {
+    RAND_bytes(salt_.data(), static_cast<int>(salt_.size()));
 }
 
-void FailedPins::Clear() {
+FailedPins::Failure FailedPins::Describe(std::uint64_t token, unsigned long user,
+                                         const vpnfc::SecretString& pin) const {
+    vpnfc::SecretString input;
+    input.edit().reserve(salt_.size() + sizeof token + sizeof user + pin.get().size());
+    input.edit().append(reinterpret_cast<const char*>(salt_.data()), salt_.size());
+    input.edit().append(reinterpret_cast<const char*>(&token), sizeof token);
+    input.edit().append(reinterpret_cast<const char*>(&user), sizeof user);
+    input.edit().append(pin.get());
+    Failure failure{token};
+    unsigned length = 0;
+    EVP_Digest(input.get().data(), input.get().size(), failure.digest.data(), &length, EVP_sha256(), nullptr);
+    return failure;
+}
+
+bool FailedPins::Contains(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const {
+    const Failure failure = Describe(token, user, pin);
     const std::lock_guard lock(mutex_);
-    digests_.clear();
+    return std::find(failures_.begin(), failures_.end(), failure) != failures_.end();
+}
+
+void FailedPins::Add(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) {
+    const Failure failure = Describe(token, user, pin);
+    const std::lock_guard lock(mutex_);
+    if (failures_.size() >= kMaxFailures) failures_.pop_front();
+    failures_.push_back(failure);
+}
+
+void FailedPins::Remove(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) {
+    const Failure failure = Describe(token, user, pin);
+    const std::lock_guard lock(mutex_);
+    std::erase(failures_, failure);
+}
+
+void FailedPins::Forget(std::uint64_t token) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(failures_, [token](const Failure& failure) { return failure.token == token; });
 }
 
 }  // namespace tokens

@@ -2,9 +2,10 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "platform/base.h"
 #include "platform/tokens/token_host.h"
@@ -17,19 +18,34 @@ inline constexpr std::size_t kMaxPinBytes = 255;
 /// may read or write.
 bool ReadPinFile(const std::string& path, vpnfc::SecretString& pin, std::string& error);
 
-/// The PINs that a token refused, as salted digests: none of them is tried on it again.
+/// The PINs that tokens refused, as salted digests by token identifier: none of them is tried on its token again, taken
+/// out and put back or not, as long as the process lives.
 class FailedPins {
   public:
-    bool Contains(unsigned long user, const vpnfc::SecretString& pin) const;
-    void Add(unsigned long user, const vpnfc::SecretString& pin);
-    /// After a login, or a change of the PIN: what failed before may be right now.
-    void Clear();
+    /// Never destroyed: a call that was left behind may come back when the process ends.
+    static FailedPins& Instance();
+
+    bool Contains(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const;
+    void Add(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin);
+    /// The PIN was made the right one.
+    void Remove(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin);
+    /// The token was initialised, so that all its PINs are new.
+    void Forget(std::uint64_t token);
 
   private:
-    using Digest = std::array<unsigned char, 32>;
+    struct Failure {
+        std::uint64_t token = 0;
+        std::array<unsigned char, 32> digest{};
 
+        bool operator==(const Failure&) const = default;
+    };
+
+    FailedPins();
+    Failure Describe(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const;
+
+    std::array<unsigned char, 16> salt_{};
     mutable std::mutex mutex_;
-    std::vector<Digest> digests_;
+    std::deque<Failure> failures_;  // guarded by mutex_; the latest last
 };
 
 }  // namespace tokens

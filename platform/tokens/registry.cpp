@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <set>
 
+#include "platform/tokens/pins.h"
+
 namespace tokens {
 namespace {
 

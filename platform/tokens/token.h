@@ -14,7 +14,6 @@
 #include "platform/tokens.h"
 #include "platform/tokens/mechanisms.h"
 #include "platform/tokens/objects.h"
-#include "platform/tokens/pins.h"
 #include "platform/tokens/session.h"
 
 namespace tokens {
@@ -64,7 +63,6 @@ class Token {
     bool ObserveLoginState(LoginState state, unsigned changes_before);
     /// Shared by operations that need the login to stay as it is, held exclusively by those that change it.
     std::shared_timed_mutex& login_lock() { return login_lock_; }
-    FailedPins& failed_pins() { return failed_pins_; }
     /// True once for each state of the settings: a PIN file is tried once at insertion, and again after it changed.
     bool TakeInsertionLogin(unsigned settings_generation);
 
@@ -83,7 +81,6 @@ class Token {
     std::atomic<LoginState> login_state_{LoginState::kPublic};
     std::atomic<unsigned> login_changes_{0};
     std::shared_timed_mutex login_lock_;
-    FailedPins failed_pins_;
     std::atomic<unsigned> insertion_login_{0};
 
     mutable std::mutex mutex_;

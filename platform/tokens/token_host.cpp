@@ -6,6 +6,7 @@
 #include <array>
 
 #include "platform/tokens/login.h"
+#include "platform/tokens/pins.h"
 #include "platform/tokens/registry.h"
 
 namespace tokens {
@@ -176,6 +177,7 @@ bool InitToken(const std::string& provider, const std::string& label, const Secr
     for (const TokenPtr& candidate : monitor->Tokens()) {
         if (candidate->slot() != outcome->slot || candidate->Info().label != label) continue;
         token = candidate->Info();
+        FailedPins::Instance().Forget(token.id);
         return true;
     }
     error = "the new token did not appear";

@@ -91,6 +91,54 @@ TEST_F(Logins, AWrongPinIsNeverTriedTwice) {
     EXPECT_EQ(control_.Calls("C_Login"), 2);
 }
 
+// A new object stands for the token then, with the old memory.
+TEST_F(Logins, AWrongPinIsNotTriedAgainAfterReinsertion) {
+    const std::string wrong = RandomPin();
+    AddPinFile("token", wrong);
+    Apply();
+    ASSERT_TRUE(reports_.WaitFor("wrong PIN"));
+    control_.Set({"trace C_Login", "hide token"});
+    ASSERT_TRUE(reports_.WaitFor("removed token"));
+    control_.Set({"trace C_Login"});
+    ASSERT_TRUE(reports_.WaitFor("inserted token", 2));
+    EXPECT_EQ(LogInWith(wrong), PinResult::kKnownWrong);
+    EXPECT_EQ(control_.Calls("C_Login"), 1);
+    EXPECT_EQ(LogInWith(token_.pin, FewTries::kTryAnyway), PinResult::kDone);
+    ASSERT_TRUE(tokens::Logout(token_.info));
+    EXPECT_EQ(LogInWith(wrong), PinResult::kKnownWrong) << "it is as wrong after a login";
+}
+
+// The user's PIN from a file, to come back after the security officer, goes the same way as any other.
+TEST_F(Logins, ComingBackAfterTheSecurityOfficerTriesNoPinInVain) {
+    struct {
+        const char* what;
+        bool wrong_pin;
+        const char* flags;
+        int logins;  // the user, the officer, and the user from the file, over two trusted certificates
+    } const cases[] = {
+        {"the PIN failed before", true, "trace C_Login", 5},
+        {"few tries are left", false, "flags token 10000", 4},
+    };
+    const test_pki::Cert root = test_pki::MakeCa("CN=root");
+    int before = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        settings_.pin_files.clear();
+        AddPinFile("token", c.wrong_pin ? RandomPin() : token_.pin, 0600, false);
+        Apply();
+        for (int i = 0; i < 2; ++i) {
+            control_.Set({"trace C_Login"});
+            ASSERT_EQ(LogInWith(token_.pin, FewTries::kTryAnyway), PinResult::kDone);
+            control_.Set({"trace C_Login", c.flags});
+            TokenSession session(token_.info, TokenSession::kPublic, &token_.so_pin);
+            EXPECT_TRUE(session.CreateCertObject({.id = "root", .value = root.der, .trusted = true}, root.subject_der));
+            EXPECT_FALSE(IsLoggedIn());
+        }
+        EXPECT_EQ(control_.Calls("C_Login") - before, c.logins);
+        before = control_.Calls("C_Login");
+    }
+}
+
 TEST_F(Logins, FewTriesLeftMeansNone) {
     struct {
         const char* flags;
@@ -224,6 +272,11 @@ TEST_F(Logins, PinsAreChanged) {
     ASSERT_TRUE(tokens::Logout(token_.info));
     EXPECT_EQ(change(token_.pin, next), PinResult::kWrongPin);
     EXPECT_EQ(change(token_.pin, next), PinResult::kKnownWrong);
+    control_.Set({});
+    const SecretString old{std::string_view(token_.pin)};
+    EXPECT_EQ(tokens::ChangePin(token_.info, SecretString(std::string_view(next)), old, FewTries::kTryAnyway),
+              PinResult::kDone);
+    EXPECT_EQ(LogInWith(token_.pin), PinResult::kDone) << "it is the right one again";
     PKCS11::TokenInfo nowhere;
     EXPECT_EQ(tokens::ChangePin(nowhere, {}, {}), PinResult::kNotPresent);
     EXPECT_EQ(tokens::Login(nowhere, {}), PinResult::kNotPresent);
