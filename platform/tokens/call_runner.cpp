@@ -11,6 +11,10 @@ using Clock = std::chrono::steady_clock;
 /// Threads of one module: enough for the calls of a busy host, few enough that a module that hangs every call does not
 /// pile them up.
 constexpr std::size_t kMaxThreads = 16;
+/// With so many threads hanging a module is not probed: the others are for when it answers.
+constexpr std::size_t kMaxHangingForProbe = kMaxThreads / 2;
+/// An operation of many calls, the listing of a slow token say, takes no longer than so many limits.
+constexpr unsigned kOperationLimits = 30;
 
 /// A sleeping thread needs longer to wake up than most tokens in software to answer: who waits for an answer, or for the
 /// next call, looks out for it that long before going to sleep.
@@ -28,6 +32,7 @@ void WatchFor(std::chrono::microseconds time, const Ready& ready) {
 struct LastEntry {
     std::atomic<Clock::rep> moment{0};
     std::atomic<const char*> function{""};
+    std::atomic<bool> abandoned{false};  // the call that the thread works at
 
     void Note(const char* name) {
         function.store(name, std::memory_order_relaxed);
@@ -39,15 +44,21 @@ struct LastEntry {
 };
 
 thread_local LastEntry* t_watched = nullptr;
+thread_local const void* t_runner = nullptr;
 
 }  // namespace
 
-void NoteModuleCall(const char* function) noexcept {
-    if (t_watched != nullptr) t_watched->Note(function);
+bool NoteModuleCall(const char* function) noexcept {
+    if (t_watched == nullptr) return true;
+    t_watched->Note(function);
+    return !t_watched->abandoned;
 }
 
 struct CallRunner::Call {
+    Call(std::function<void()> to_do, Kind of_kind) : work(std::move(to_do)), kind(of_kind) { entry.Note(""); }
+
     std::function<void()> work;
+    const Kind kind;
     LastEntry entry;
     std::condition_variable ended;
     std::atomic<bool> has_ended = false;  // no more to wait for
@@ -55,7 +66,7 @@ struct CallRunner::Call {
     bool started = false;
     bool finished = false;
     bool dropped = false;
-    bool abandoned = false;
+    unsigned abandoned_in = 0;  // the period in which it was; 0: not
 };
 
 /// Outlives the runner as long as an abandoned call runs.
@@ -69,14 +80,57 @@ struct CallRunner::State {
     std::unordered_map<std::thread::id, std::thread> threads;
     std::vector<std::thread::id> ended_threads;
     std::size_t idle = 0;
-    std::size_t abandoned = 0;
+    std::size_t hanging = 0;  // abandoned calls that have not returned
+    unsigned period = 1;  // begins anew when a probe returns: calls abandoned before do not count any more
     bool closing = false;
     Clock::time_point last_moment = Clock::time_point::max();  // no call is waited for beyond it
     std::atomic<std::uint64_t> arrivals = 0;  // calls ever queued
+    // Changed under mutex.
+    std::atomic<std::size_t> abandoned{0};  // of those that hang, the ones of this period
     // Fixed.
     std::function<void(const char*)> on_stuck;
     std::function<void()> on_recovered;
+
+    bool Takes(Kind kind) const {
+        if (closing) return false;
+        return kind == Kind::kPost || abandoned == 0 || (kind == Kind::kProbe && hanging < kMaxHangingForProbe);
+    }
+    /// Whether a thread can begin the first call in the queue.
+    bool CanBegin() const { return !queue.empty() && (abandoned == 0 || queue.front()->kind == Kind::kProbe); }
+    void Abandon(Call& call);
+    bool Returned(const Call& call);
+    void Drop(Call& call) {
+        call.dropped = true;
+        call.has_ended = true;
+        call.ended.notify_one();
+    }
 };
+
+/// Those that wait in the queue for an answer would wait in vain.
+void CallRunner::State::Abandon(Call& call) {
+    call.abandoned_in = period;
+    call.entry.abandoned = true;
+    ++hanging;
+    ++abandoned;
+    std::erase_if(queue, [this](const std::shared_ptr<Call>& queued) {
+        if (queued->kind == Kind::kPost) return false;
+        Drop(*queued);
+        return true;
+    });
+}
+
+/// After a call; true when the module answers again.
+bool CallRunner::State::Returned(const Call& call) {
+    const bool answered = abandoned == 0;
+    if (call.abandoned_in != 0) {
+        --hanging;
+        if (call.abandoned_in == period) --abandoned;
+    } else if (call.kind == Kind::kProbe) {
+        ++period;
+        abandoned = 0;
+    }
+    return !answered && abandoned == 0;
+}
 
 CallRunner::CallRunner(Milliseconds limit, std::function<void(const char*)> on_stuck,
                        std::function<void()> on_recovered)
@@ -94,23 +148,22 @@ void CallRunner::SetLimit(Milliseconds limit) {
 }
 
 bool CallRunner::Answers() const {
-    const std::lock_guard lock(state_->mutex);
     return state_->abandoned == 0;
 }
 
-void CallRunner::Post(std::function<void()> work) {
-    Execute(std::move(work), 0);
+bool CallRunner::OnWorker() const {
+    return t_runner == state_.get();
 }
 
-/// Patience 0: nobody waits.
-bool CallRunner::Execute(std::function<void()> work, unsigned patience) {
-    State& state = *state_;
-    auto call = std::make_shared<Call>();
-    call->work = std::move(work);
-    call->entry.Note("");
+void CallRunner::Post(std::function<void()> work) {
+    Execute(std::move(work), Kind::kPost, 0);
+}
 
+bool CallRunner::Execute(std::function<void()> work, Kind kind, unsigned patience) {
+    State& state = *state_;
+    const auto call = std::make_shared<Call>(std::move(work), kind);
     std::unique_lock lock(state.mutex);
-    if (state.closing || state.abandoned > 0) return false;
+    if (!state.Takes(kind)) return false;
     if (state.idle <= state.queue.size() && state.threads.size() < kMaxThreads) {
         try {
             std::thread thread(Work, state_);
@@ -120,15 +173,23 @@ bool CallRunner::Execute(std::function<void()> work, unsigned patience) {
             if (state.threads.empty()) return false;
         }
     }
-    state.queue.push_back(call);
+    kind == Kind::kProbe ? state.queue.push_front(call) : state.queue.push_back(call);
     ++state.arrivals;
     state.work_or_end.notify_one();
-    if (patience == 0) return true;
+    return kind == Kind::kPost || Await(call, patience, lock);
+}
 
+/// Waits until the call finished, or has to be given up.
+bool CallRunner::Await(const std::shared_ptr<Call>& call, unsigned patience, std::unique_lock<std::mutex>& lock) {
+    State& state = *state_;
+    const Clock::time_point begin = Clock::now();
+    const auto deadline = [&] {
+        const Clock::time_point whole = begin + limit() * (kOperationLimits + patience);
+        return std::min({call->entry.Moment() + limit() * patience, whole, state.last_moment});
+    };
     lock.unlock();
     WatchFor(kWatchForAnswer, [&] { return call->has_ended.load(); });
     lock.lock();
-    const auto deadline = [&] { return std::min(call->entry.Moment() + limit() * patience, state.last_moment); };
     state.watched.push_back(call.get());
     while (!call->finished && !call->dropped && Clock::now() < deadline()) call->ended.wait_until(lock, deadline());
     std::erase(state.watched, call.get());
@@ -137,8 +198,7 @@ bool CallRunner::Execute(std::function<void()> work, unsigned patience) {
         std::erase(state.queue, call);
         return false;
     }
-    call->abandoned = true;
-    ++state.abandoned;
+    state.Abandon(*call);
     const char* const function = call->entry.function.load(std::memory_order_relaxed);
     lock.unlock();
     state.on_stuck(function);
@@ -152,6 +212,7 @@ void CallRunner::Hurry(Milliseconds limit) {
 }
 
 void CallRunner::Work(const std::shared_ptr<State>& state) {
+    t_runner = state.get();
     std::unique_lock lock(state->mutex);
     for (bool served = false;; served = true) {
         ++state->idle;
@@ -161,9 +222,9 @@ void CallRunner::Work(const std::shared_ptr<State>& state) {
             WatchFor(kWatchForCall, [&] { return state->arrivals != seen; });
             lock.lock();
         }
-        state->work_or_end.wait(lock, [&] { return state->closing || !state->queue.empty(); });
+        state->work_or_end.wait(lock, [&] { return state->closing || state->CanBegin(); });
         --state->idle;
-        if (state->queue.empty()) break;
+        if (state->closing) break;
         const std::shared_ptr<Call> call = std::move(state->queue.front());
         state->queue.pop_front();
         call->started = true;
@@ -171,20 +232,23 @@ void CallRunner::Work(const std::shared_ptr<State>& state) {
 
         call->entry.Note("");
         t_watched = &call->entry;
-        call->work();
+        try {
+            call->work();
+        } catch (...) {
+            call->entry.Note("");  // out of memory, most likely: the call has no result
+        }
         call->work = nullptr;  // what it owned may be a session to close: still watched
         t_watched = nullptr;
 
         lock.lock();
         call->finished = true;
         call->has_ended = true;
-        if (!call->abandoned) {
-            call->ended.notify_one();
-        } else if (--state->abandoned == 0) {
-            lock.unlock();
-            state->on_recovered();
-            lock.lock();
-        }
+        call->ended.notify_one();
+        if (!state->Returned(*call)) continue;
+        state->work_or_end.notify_all();
+        lock.unlock();
+        state->on_recovered();
+        lock.lock();
     }
     state->ended_threads.push_back(std::this_thread::get_id());
     state->thread_ended.notify_all();
@@ -198,11 +262,7 @@ bool CallRunner::Shutdown(Milliseconds limit) {
         std::unique_lock lock(state_->mutex);
         state_->closing = true;
         dropped.swap(state_->queue);
-        for (const auto& call : dropped) {
-            call->dropped = true;
-            call->has_ended = true;
-            call->ended.notify_one();
-        }
+        for (const auto& call : dropped) state_->Drop(*call);
         state_->work_or_end.notify_all();
         state_->thread_ended.wait_for(lock, limit,
                                       [&] { return state_->ended_threads.size() == state_->threads.size(); });

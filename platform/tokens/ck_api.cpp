@@ -18,13 +18,25 @@ struct ModuleLeaks {
 };
 #endif
 
-/// Enters the module.
 template <typename... Parameters, typename... Arguments>
-Result Call(const char* name, CK_RV (*function)(Parameters...), Arguments... arguments) {
+Result Enter(const char* name, CK_RV (*function)(Parameters...), Arguments... arguments) {
     if (function == nullptr) return {name, CKR_FUNCTION_NOT_SUPPORTED};
-    NoteModuleCall(name);
     const ModuleLeaks leaks;
     return {name, function(arguments...)};
+}
+
+/// Enters the module, unless the call on this thread was abandoned.
+template <typename Function, typename... Arguments>
+Result Call(const char* name, Function function, Arguments... arguments) {
+    if (!NoteModuleCall(name)) return {name, kRvNoAnswer};
+    return Enter(name, function, arguments...);
+}
+
+/// Enters the module in any case: an abandoned call leaves nothing open behind.
+template <typename Function, typename... Arguments>
+Result CallToCleanUp(const char* name, Function function, Arguments... arguments) {
+    NoteModuleCall(name);
+    return Enter(name, function, arguments...);
 }
 
 // The interface takes input through pointers to non-const.
@@ -51,7 +63,7 @@ Result Api::Initialize(CK_C_INITIALIZE_ARGS& args) const {
 }
 
 Result Api::Finalize() const {
-    return Call("C_Finalize", list_->C_Finalize, nullptr);
+    return CallToCleanUp("C_Finalize", list_->C_Finalize, nullptr);
 }
 
 Result Api::GetInfo(CK_INFO& info) const {
@@ -99,7 +111,7 @@ Result Api::OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, CK_SESSION_HANDLE& sess
 }
 
 Result Api::CloseSession(CK_SESSION_HANDLE session) const {
-    return Call("C_CloseSession", list_->C_CloseSession, session);
+    return CallToCleanUp("C_CloseSession", list_->C_CloseSession, session);
 }
 
 Result Api::GetSessionInfo(CK_SESSION_HANDLE session, CK_SESSION_INFO& info) const {
@@ -111,7 +123,7 @@ Result Api::Login(CK_SESSION_HANDLE session, CK_USER_TYPE user, std::string_view
 }
 
 Result Api::Logout(CK_SESSION_HANDLE session) const {
-    return Call("C_Logout", list_->C_Logout, session);
+    return CallToCleanUp("C_Logout", list_->C_Logout, session);
 }
 
 Result Api::CreateObject(CK_SESSION_HANDLE session, std::span<CK_ATTRIBUTE> attributes,
@@ -138,7 +150,7 @@ Result Api::FindObjects(CK_SESSION_HANDLE session, std::span<CK_OBJECT_HANDLE> o
 }
 
 Result Api::FindObjectsFinal(CK_SESSION_HANDLE session) const {
-    return Call("C_FindObjectsFinal", list_->C_FindObjectsFinal, session);
+    return CallToCleanUp("C_FindObjectsFinal", list_->C_FindObjectsFinal, session);
 }
 
 Result Api::EncryptInit(CK_SESSION_HANDLE session, CK_MECHANISM& mechanism, CK_OBJECT_HANDLE key) const {

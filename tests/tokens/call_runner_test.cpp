@@ -29,7 +29,16 @@ TEST(CallRunner, GivesResultsBack) {
     EXPECT_EQ(moved, "owned");
 }
 
-// A call that makes progress may take as long as it likes.
+TEST(CallRunner, WorkThatThrowsHasNoResult) {
+    Runner runner;
+    EXPECT_FALSE(runner.calls.Run([]() -> int { throw std::bad_alloc(); }).has_value());
+    runner.calls.Post([] { throw std::bad_alloc(); });
+    EXPECT_EQ(runner.calls.Run([] { return 7; }), 7);
+    EXPECT_TRUE(runner.calls.Answers());
+    EXPECT_TRUE(runner.stuck.Get().empty());
+}
+
+// An operation that makes progress may take longer than one call.
 TEST(CallRunner, LongWorkOfShortCallsIsNotAbandoned) {
     Runner runner;
     const auto end = std::chrono::steady_clock::now() + 4 * kShort;
@@ -62,6 +71,66 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
     EXPECT_TRUE(runner.calls.Answers());
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(runner.calls.Run([] { return 1; }), 1);
+}
+
+// A token that answers each call slowly does not keep its caller for ever, nor its thread.
+TEST(CallRunner, EndlessWorkOfShortCallsIsAbandonedAndEnds) {
+    Runner runner;
+    const auto result = runner.calls.Run([] {
+        while (tokens::NoteModuleCall("C_FindObjects")) std::this_thread::yield();
+        return true;
+    });
+    EXPECT_FALSE(result.has_value());
+    EXPECT_EQ(runner.stuck.Get(), std::vector<std::string>{"C_FindObjects"});
+    ASSERT_TRUE(runner.recovered.Wait());
+    EXPECT_TRUE(runner.calls.Answers());
+}
+
+// Calls may hang for ever; probes find out that others do not, as long as enough threads are left.
+TEST(CallRunner, ProbesBringItBackButThreadsDoNotPileUp) {
+    constexpr unsigned kMost = 8;
+    Runner runner;
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    const auto hang = [released] {
+        released.wait();
+        return 0;
+    };
+    std::atomic<int> posted{0};
+    for (unsigned hanging = 1; hanging <= kMost; ++hanging) {
+        ASSERT_FALSE(runner.calls.Run(hang).has_value());
+        EXPECT_FALSE(runner.calls.Answers());
+        runner.calls.Post([&posted] { ++posted; });
+        EXPECT_EQ(posted, static_cast<int>(hanging) - 1) << "waits until the module answers";
+        const bool probed = runner.calls.Probe([] { return true; }).has_value();
+        EXPECT_EQ(probed, hanging < kMost);
+        if (!probed) break;
+        ASSERT_TRUE(runner.recovered.Wait(hanging));
+        EXPECT_EQ(runner.calls.Run([&posted] { return posted.load(); }), static_cast<int>(hanging));
+    }
+    EXPECT_EQ(runner.stuck.Get().size(), kMost);
+    release.set_value();
+    ASSERT_TRUE(runner.recovered.Wait(kMost)) << "the last one returned";
+    EXPECT_EQ(runner.calls.Run([] { return 7; }), 7);
+    EXPECT_TRUE(runner.calls.Shutdown(test_support::kWaitLimit));
+    EXPECT_EQ(posted, static_cast<int>(kMost));
+}
+
+TEST(CallRunner, AProbeThatHangsIsAnAbandonedCall) {
+    Runner runner;
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
+    const auto hang = [released] {
+        released.wait();
+        return 0;
+    };
+    EXPECT_FALSE(runner.calls.Run(hang).has_value());
+    EXPECT_FALSE(runner.calls.Probe(hang).has_value());
+    EXPECT_FALSE(runner.calls.Answers());
+    release.set_value();
+    ASSERT_TRUE(runner.recovered.Wait());
+    EXPECT_TRUE(runner.calls.Answers());
+    EXPECT_EQ(runner.recovered.Count(), 1U);
 }
 
 TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
