@@ -2,6 +2,7 @@
 
 #include "platform/tokens/pins.h"
 #include "platform/tokens/registry.h"
+#include "platform/tokens/slot_scan.h"
 
 namespace tokens {
 namespace {
@@ -25,6 +26,8 @@ PinOutcome MayTry(const Token& token, CK_USER_TYPE user, const SecretString& pin
     CK_TOKEN_INFO info{};
     const Result result = token.link()->api().GetTokenInfo(token.slot(), info);
     if (!result.ok()) return {PinResult::kFailed, result};
+    // Another token stands in the slot, and nobody noticed yet.
+    if (IdentifyToken(info) != token.id()) return {PinResult::kFailed, {"C_GetTokenInfo", CKR_DEVICE_REMOVED}};
     const bool officer = user == CKU_SO;
     const CK_FLAGS locked = officer ? CKF_SO_PIN_LOCKED : CKF_USER_PIN_LOCKED;
     const CK_FLAGS few =
@@ -85,7 +88,7 @@ Outcome OnWorker(const TokenPtr& token, unsigned patience, Outcome no_answer, Wo
                 return no_answer;
             }
             Outcome done = work(*session);
-            token->GiveBack(std::move(session), done.result.ok());
+            if (done.result.ok()) token->GiveBack(std::move(session));
             return done;
         },
         patience);

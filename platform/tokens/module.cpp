@@ -45,14 +45,14 @@ std::shared_ptr<const Module> Module::Load(const Provider& provider, std::string
         return nullptr;
     }
     const std::shared_ptr<Module> module(new Module(provider.module_path, list));
-    // What the module registered for the end of the process runs after this.
-    if (std::atexit(Stop) != 0) error = "cannot be taken down at the end of the process";
-    if (!error.empty()) return nullptr;
     if (const Result result = module->Initialize(provider.init_args); !result.ok()) {
         error = std::string(result.function) + ": " + RvName(result.rv);
         return nullptr;
     }
-    return module;
+    // What the module registered for the end of the process runs after this.
+    if (std::atexit(Stop) == 0) return module;
+    error = "cannot be taken down at the end of the process";
+    return nullptr;
 }
 
 Result Module::Initialize(const std::string& init_args) {
@@ -78,18 +78,9 @@ ModuleLinkPtr ModuleLink::Make(CallRunner::Milliseconds limit, std::function<voi
     ModuleLinkPtr link(new ModuleLink(std::move(on_trouble)));
     // An abandoned call may return when the link is long gone.
     const std::weak_ptr<ModuleLink> weak = link;
-    link->runner_ = std::make_unique<CallRunner>(
-        limit,
-        [weak, told = std::move(on_stuck)](const char* function) {
-            if (const ModuleLinkPtr self = weak.lock()) self->stuck_ = true;
-            told(function);
-        },
-        [weak] {
-            const ModuleLinkPtr self = weak.lock();
-            if (self == nullptr) return;
-            self->stuck_ = false;
-            self->on_trouble_();
-        });
+    link->runner_ = std::make_unique<CallRunner>(limit, std::move(on_stuck), [weak] {
+        if (const ModuleLinkPtr self = weak.lock()) self->on_trouble_();
+    });
     return link;
 }
 
@@ -97,13 +88,13 @@ ModuleLink::Entry ModuleLink::Enter() {
     // The count goes up before the flag is read, and Close sets the flag before it reads the count: one of the two
     // sees the other.
     inside_.fetch_add(1);
-    if (!closed_ && !stuck_) return Entry(this);
+    if (open_) return Entry(this);
     Leave();
     return {};
 }
 
 void ModuleLink::Leave() {
-    if (inside_.fetch_sub(1) != 1 || !closed_) return;
+    if (inside_.fetch_sub(1) != 1 || open_) return;
     std::shared_ptr<const Module> given_up;
     const std::lock_guard lock(empty_mutex_);
     empty_.notify_all();
@@ -111,7 +102,7 @@ void ModuleLink::Leave() {
 }
 
 bool ModuleLink::Close(CallRunner::Milliseconds limit) {
-    closed_ = true;
+    open_ = false;
     std::unique_lock lock(empty_mutex_);
     left_behind_ = !empty_.wait_for(lock, limit, [&] { return inside_ == 0; });
     return !left_behind_;

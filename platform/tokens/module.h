@@ -59,19 +59,24 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
         ModuleLink* link_ = nullptr;
     };
 
-    /// `on_trouble` is told about slots that ought to be looked at again, `on_stuck` about a call that did not return;
-    /// both run on the thread that met it.
+    /// `on_trouble` is told about slots that ought to be looked at again, because the module answers again or a caller
+    /// saw a change; `on_stuck` about a call that did not return. Both run on the thread that met it.
     static std::shared_ptr<ModuleLink> Make(CallRunner::Milliseconds limit, std::function<void()> on_trouble,
                                             std::function<void(const char*)> on_stuck);
 
-    /// Opens the way, once, before anyone else has the link.
-    void Open(std::shared_ptr<const Module> module) { module_ = std::move(module); }
+    /// Opens the way, once.
+    void Open(std::shared_ptr<const Module> module) {
+        module_ = std::move(module);
+        open_ = true;
+    }
     /// Not to be called without an Entry.
     const Api& api() const { return module_->api(); }
     CallRunner& runner() { return *runner_; }
 
-    /// Empty when the link is closed or the module does not answer.
+    /// On a worker. Empty when the link is not open.
     Entry Enter();
+    /// On any other thread. Empty, too, when the module does not answer.
+    Entry EnterHere() { return runner_->Answers() ? Enter() : Entry(); }
     void LookAgain() const { on_trouble_(); }
 
     /// Lets nobody in any more and waits for those inside. False when some are still there: the last one to leave gives
@@ -87,8 +92,7 @@ class ModuleLink : public std::enable_shared_from_this<ModuleLink> {
     std::shared_ptr<const Module> module_;
     std::function<void()> on_trouble_;
     std::unique_ptr<CallRunner> runner_;
-    std::atomic<bool> stuck_{false};
-    std::atomic<bool> closed_{false};
+    std::atomic<bool> open_{false};
     std::atomic<int> inside_{0};
     std::mutex empty_mutex_;
     std::condition_variable empty_;

@@ -14,13 +14,20 @@ using std::chrono::milliseconds;
 /// How often a module that offers C_WaitForSlotEvent is asked for events between two polls. Blocking in that call is
 /// left alone: few modules return from it when they are finalised.
 constexpr milliseconds kEventInterval{100};
-/// How long a module that could not be loaded is left alone.
+/// How long a module that could not be loaded is left alone at first.
 constexpr milliseconds kLoadRetry{5000};
+/// Steps in which the time between attempts doubles.
+constexpr unsigned kBackoffSteps = 4;
 /// How long stopping waits for calls in progress, and for C_Finalize.
 constexpr milliseconds kStopGrace{2000};
 
 bool Contains(const std::vector<TokenPtr>& tokens, const TokenPtr& token) {
     return std::find(tokens.begin(), tokens.end(), token) != tokens.end();
+}
+
+std::vector<TokenPtr> Without(std::vector<TokenPtr> tokens, const std::vector<TokenPtr>& others) {
+    std::erase_if(tokens, [&](const TokenPtr& token) { return Contains(others, token); });
+    return tokens;
 }
 
 struct LoadOutcome {
@@ -50,27 +57,37 @@ LoadOutcome Load(const Provider& provider) {
 
 }  // namespace
 
-ModuleMonitorPtr ModuleMonitor::Start(const Provider& provider, Milliseconds poll_interval, Milliseconds call_limit) {
-    ModuleMonitorPtr monitor(new ModuleMonitor(provider, poll_interval));
+void Backoff::Failed() {
+    next_ = Clock::now() + first_ * (1U << std::min(failures_, kBackoffSteps));
+    ++failures_;
+}
+
+ModuleMonitorPtr ModuleMonitor::Make(const Provider& provider) {
+    ModuleMonitorPtr monitor(new ModuleMonitor(provider));
     const std::weak_ptr<ModuleMonitor> weak = monitor;
     monitor->link_ = ModuleLink::Make(
-        call_limit,
+        Settings{}.call_limit,
         [weak] {
             if (const ModuleMonitorPtr self = weak.lock()) self->LookAgain();
         },
-        [weak, name = provider.name](const char* function) {
-            Log(kMsgProviderFailed, name + ": " + (*function == '\0' ? "a call" : function) +
-                                        " does not return; its tokens are left out until it does");
-            Registry::Instance().Publish();
-            if (const ModuleMonitorPtr self = weak.lock()) self->LookAgain();
+        [weak](const char* function) {
+            if (const ModuleMonitorPtr self = weak.lock()) self->NoteStuck(function);
         });
-    monitor->thread_ = std::thread([monitor] { monitor->Main(); });
     return monitor;
 }
 
-ModuleMonitor::ModuleMonitor(Provider provider, Milliseconds poll_interval)
-    : provider_(std::move(provider)), poll_interval_(poll_interval) {
-    info_.name = provider_.name;
+/// On the thread that asked for the call.
+void ModuleMonitor::NoteStuck(const char* function) {
+    if (!stuck_told_.exchange(true)) {
+        Log(kMsgProviderFailed, provider_.name + ": " + (*function == '\0' ? "a call" : function) +
+                                    " does not return; its tokens are left out until it answers again");
+    }
+    Registry::Instance().Publish();
+    LookAgain();
+}
+
+void ModuleMonitor::Start() {
+    thread_ = std::thread([self = shared_from_this()] { self->Main(); });
 }
 
 PKCS11::ProviderInfo ModuleMonitor::Info() const {
@@ -80,16 +97,25 @@ PKCS11::ProviderInfo ModuleMonitor::Info() const {
 
 std::vector<TokenPtr> ModuleMonitor::Tokens() const {
     const std::lock_guard lock(mutex_);
-    if (!visible_ || stopping_ || !link_->runner().Answers()) return {};
-    return tokens_;
+    if (stopping_ || !link_->runner().Answers()) return {};
+    return shown_;
 }
 
-void ModuleMonitor::Configure(Milliseconds poll_interval, Milliseconds call_limit) {
-    link_->runner().SetLimit(call_limit);
+void ModuleMonitor::Configure(const Settings& settings) {
+    link_->runner().SetLimit(settings.call_limit);
     const std::lock_guard lock(mutex_);
-    poll_interval_ = poll_interval;
+    poll_interval_ = settings.poll_interval;
+    recovery_interval_ = settings.recovery_interval;
+    configured_ = true;
     ++looks_wanted_;
     wake_.notify_all();
+}
+
+void ModuleMonitor::TakeConfiguration() {
+    const std::lock_guard lock(mutex_);
+    if (!std::exchange(configured_, false)) return;
+    loads_ = Backoff(kLoadRetry);
+    looks_ = Backoff(recovery_interval_);
 }
 
 void ModuleMonitor::LookAgain() {
@@ -111,9 +137,10 @@ void ModuleMonitor::ReportLogin(const TokenPtr& token, bool own) {
     wake_.notify_all();
 }
 
-void ModuleMonitor::RequestStop() {
+void ModuleMonitor::RequestStop(bool report_removals) {
     link_->runner().Hurry(kStopGrace);
     const std::lock_guard lock(mutex_);
+    report_removals_ = report_removals;
     stopping_ = true;
     wake_.notify_all();
 }
@@ -132,6 +159,7 @@ void ModuleMonitor::Main() {
             if (stopping_) break;
             wanted = looks_wanted_;
         }
+        TakeConfiguration();
         if (!loaded_) LoadModule();
         if (loaded_) Look();
         {
@@ -170,15 +198,14 @@ bool ModuleMonitor::SlotEventPending() {
         CK_SLOT_ID slot = 0;
         return entry ? link->api().WaitForSlotEvent(CKF_DONT_BLOCK, slot) : Result{"", kRvNoAnswer};
     });
-    if (!result.has_value() || result->rv == kRvNoAnswer) return true;
+    if (!result.has_value() || result->rv == kRvNoAnswer) return false;
     // Anything else than an answer: polling alone, from now on.
     if (!result->ok() && result->rv != CKR_NO_EVENT) slot_events_ = false;
     return result->ok();
 }
 
 void ModuleMonitor::LoadModule() {
-    if (Clock::now() < next_load_ || !link_->runner().Answers()) return;
-    next_load_ = Clock::now() + kLoadRetry;
+    if (!loads_.Due() || !link_->runner().Answers()) return;
     std::optional<LoadOutcome> outcome =
         link_->runner().Run([link = link_, provider = provider_] { return Load(provider); });
     if (!outcome.has_value()) outcome = LoadOutcome{nullptr, {}, "no answer"};
@@ -192,41 +219,50 @@ void ModuleMonitor::LoadModule() {
         link_->Open(std::move(outcome->module));
         return;
     }
+    loads_.Failed();
     if (outcome->error == load_error_) return;
     load_error_ = outcome->error;
     Log(kMsgProviderFailed, provider_.name + ": " + load_error_);
     PKCS11::Callbacks.providerInserted(Info(), 0);
 }
 
+/// A module that does not answer is tried now and then. One whose calls return late after all is looked at when they do;
+/// but when that ends the same way, now and then, too.
+bool ModuleMonitor::MayLook() {
+    if (link_->runner().Answers()) return looks_.failures() <= 1 || looks_.Due();
+    if (looks_.failures() > 0) return looks_.Due();
+    NoAnswer();
+    return false;
+}
+
 void ModuleMonitor::Look() {
-    std::vector<TokenPtr> known;
-    {
-        const std::lock_guard lock(mutex_);
-        known = tokens_;
-    }
-    auto outcome = link_->runner().Run([link = link_, name = provider_.name, known]() -> std::optional<ScanOutcome> {
+    if (!MayLook()) return;
+    const auto scan = [link = link_, name = provider_.name, known = tokens_]() -> std::optional<ScanOutcome> {
         const ModuleLink::Entry entry = link->Enter();
         if (!entry) return std::nullopt;
         return ScanSlots(link, name, known);
-    });
+    };
+    CallRunner& runner = link_->runner();
+    const auto outcome = runner.Answers() ? runner.Run(scan) : runner.Probe(scan);
     if (outcome.has_value() && outcome->has_value()) {
+        looks_.Succeeded();
         TakeScan(**outcome);
     } else {
-        TokensGone();
+        NoAnswer();
     }
 }
 
-/// The module does not answer: what it showed is not there for the time being.
-void ModuleMonitor::TokensGone() {
-    std::vector<TokenPtr> gone;
+/// What the module showed is not there for the time being.
+void ModuleMonitor::NoAnswer() {
+    looks_.Failed();
+    if (!std::exchange(answers_, false)) return;
     {
         const std::lock_guard lock(mutex_);
-        if (!visible_) return;
-        visible_ = false;
-        gone = tokens_;
+        shown_.clear();
     }
     Registry::Instance().Publish();
-    for (const TokenPtr& token : gone) PKCS11::Callbacks.tokenRemoved(token->Info());
+    TellRemoved({});
+    for (const TokenPtr& token : tokens_) Registry::Instance().Release(token);
 }
 
 void ModuleMonitor::LogTroubles(const ScanOutcome& outcome) {
@@ -240,78 +276,123 @@ void ModuleMonitor::LogTroubles(const ScanOutcome& outcome) {
         Log(kMsgTokenError, provider_.name + ": " + where + result.function + " failed: " + RvName(result.rv));
     };
     if (!outcome.result.ok()) note(kAllSlots, outcome.result);
+    if (outcome.slots_left_out != std::exchange(slots_left_out_, outcome.slots_left_out) && slots_left_out_) {
+        Log(kMsgTokenError, provider_.name + ": has more than " + std::to_string(kMaxSlots) +
+                                " slots with a token; the others are left out");
+    }
     for (const SlotTrouble& trouble : outcome.troubles) note(trouble.slot, trouble.result);
     troubles_ = std::move(troubles);
 }
 
 void ModuleMonitor::TakeScan(const ScanOutcome& outcome) {
     LogTroubles(outcome);
-    std::vector<TokenPtr> tokens;
+    std::vector<TokenPtr> present;
     bool changed = false;
     for (const SeenToken& seen : outcome.tokens) {
-        const TokenPtr known = Registry::Instance().Find(seen.token->id());
-        const bool twin = std::any_of(tokens.begin(), tokens.end(),
-                                      [&](const TokenPtr& token) { return token->id() == seen.token->id(); });
-        if (twin || (seen.is_new && known != nullptr && known->link() != link_)) continue;
         if (seen.is_new) {
             seen.token->SetLoginState(seen.login_state);
         } else {
             changed |= seen.token->Update(seen.info);
             if (seen.token->ObserveLoginState(seen.login_state, seen.login_changes)) ReportLogin(seen.token, false);
         }
-        tokens.push_back(seen.token);
+        present.push_back(seen.token);
     }
-    Replace(tokens, changed);
+    stuck_told_ = false;
+    if (!std::exchange(answers_, true)) Log(kMsgProviderReady, provider_.name + " answers again");
+    Depart(present);
+    Arrive(present, changed);
 }
 
-/// Takes over what stands in the slots now, and tells about the difference.
-void ModuleMonitor::Replace(const std::vector<TokenPtr>& tokens, bool changed) {
-    std::vector<TokenPtr> before;
-    bool was_visible = false;
+/// Tells which tokens stand in the slots no more. Only then can others with their identifiers come.
+void ModuleMonitor::Depart(const std::vector<TokenPtr>& present) {
+    std::vector<TokenPtr> gone = Without(tokens_, present);
+    if (gone.empty()) return;
+    for (const TokenPtr& token : gone) token->MarkRemoved();
+    tokens_ = Without(tokens_, gone);
+    left_out_ = Without(left_out_, gone);
+    std::vector<TokenPtr> left;
     {
         const std::lock_guard lock(mutex_);
-        before = std::exchange(tokens_, tokens);
-        was_visible = std::exchange(visible_, true);
-        changed |= before != tokens || !was_visible || !logins_.empty();
+        shown_ = Without(shown_, gone);
+        left = shown_;
     }
-    if (!was_visible) Log(kMsgProviderReady, provider_.name + " answers again");
-    for (const TokenPtr& token : before) {
-        if (!Contains(tokens, token)) token->MarkRemoved();
-    }
-    LoginFromPinFiles();
-    if (changed) Registry::Instance().Publish();
+    Registry::Instance().Publish();
+    TellRemoved(left);
+    for (const TokenPtr& token : gone) Registry::Instance().Release(token);
+}
 
-    for (const TokenPtr& token : before) {
-        if (Contains(tokens, token)) continue;
-        Log(kMsgTokenRemoved, Describe(token->Info()));
-        if (was_visible) PKCS11::Callbacks.tokenRemoved(token->Info());
+/// Shows what stands in the slots now, and tells what is new.
+void ModuleMonitor::Arrive(const std::vector<TokenPtr>& present, bool changed) {
+    tokens_ = present;
+    const std::vector<TokenPtr> claimed = ClaimAll(present);
+    {
+        const std::lock_guard lock(mutex_);
+        changed |= shown_ != claimed || !logins_.empty();
+        shown_ = claimed;
     }
+    if (changed) Registry::Instance().Publish();
+    if (LoginFromPinFiles()) Registry::Instance().Publish();
+    TellInserted();
+}
+
+std::vector<TokenPtr> ModuleMonitor::ClaimAll(const std::vector<TokenPtr>& tokens) {
+    std::vector<TokenPtr> claimed;
     for (const TokenPtr& token : tokens) {
-        if (was_visible && Contains(before, token)) continue;
-        if (!Contains(before, token)) Log(kMsgTokenInserted, Describe(token->Info()));
+        if (Registry::Instance().Claim(token)) {
+            claimed.push_back(token);
+        } else if (!Contains(left_out_, token)) {
+            left_out_.push_back(token);
+            Log(kMsgTokenError,
+                Describe(token->Info()) + " in slot " + std::to_string(token->slot()) +
+                    " is left out: another token has the same manufacturer, model, serial number and label");
+        }
+    }
+    left_out_ = Without(left_out_, claimed);
+    return claimed;
+}
+
+void ModuleMonitor::TellRemoved(const std::vector<TokenPtr>& still_shown) {
+    for (const TokenPtr& token : logged_) {
+        if (token->removed()) Log(kMsgTokenRemoved, Describe(token->Info()));
+    }
+    std::erase_if(logged_, [](const TokenPtr& token) { return token->removed(); });
+    for (const TokenPtr& token : Without(std::exchange(reported_, still_shown), still_shown)) {
+        PKCS11::Callbacks.tokenRemoved(token->Info());
+    }
+}
+
+void ModuleMonitor::TellInserted() {
+    std::vector<TokenPtr> shown;
+    {
+        const std::lock_guard lock(mutex_);
+        shown = shown_;
+    }
+    for (const TokenPtr& token : Without(shown, logged_)) {
+        Log(kMsgTokenInserted, Describe(token->Info()));
+        logged_.push_back(token);
+    }
+    for (const TokenPtr& token : Without(shown, std::exchange(reported_, shown))) {
         if (announced_) PKCS11::Callbacks.tokenInserted(token->Info());
     }
-    if (announced_) return;
-    announced_ = true;
-    Log(kMsgProviderReady, provider_.name + ": " + Info().description + ", " + std::to_string(tokens.size()) +
-                               (tokens.size() == 1 ? " token" : " tokens"));
-    PKCS11::Callbacks.providerInserted(Info(), tokens.size());
+    if (std::exchange(announced_, true)) return;
+    Log(kMsgProviderReady, provider_.name + ": " + Info().description + ", " + std::to_string(shown.size()) +
+                               (shown.size() == 1 ? " token" : " tokens"));
+    PKCS11::Callbacks.providerInserted(Info(), shown.size());
 }
 
-/// Tokens whose PIN file is to be used without being asked for.
-void ModuleMonitor::LoginFromPinFiles() {
+/// Of tokens whose PIN file is to be used without being asked for. True when a user is logged in now.
+bool ModuleMonitor::LoginFromPinFiles() {
     Registry& registry = Registry::Instance();
-    std::vector<TokenPtr> tokens;
-    {
-        const std::lock_guard lock(mutex_);
-        tokens = tokens_;
-    }
-    for (const TokenPtr& token : tokens) {
+    bool any = false;
+    for (const TokenPtr& token : Without(tokens_, left_out_)) {
         if (!token->login_required() || token->login_state() != LoginState::kPublic) continue;
         vpnfc::SecretString pin;
         if (!registry.TakeInsertionLogin(*token) || !registry.FindPin(token->Info(), pin)) continue;
-        if (LoginUser(token, pin, FewTries::kRefuse) == PinResult::kDone) ReportLogin(token, false);
+        if (LoginUser(token, pin, FewTries::kRefuse) != PinResult::kDone) continue;
+        ReportLogin(token, false);
+        any = true;
     }
+    return any;
 }
 
 void ModuleMonitor::DeliverLogins() {
@@ -330,13 +411,18 @@ void ModuleMonitor::DeliverLogins() {
 }
 
 void ModuleMonitor::ShutDown() {
-    std::vector<TokenPtr> tokens;
+    bool report = false;
     {
         const std::lock_guard lock(mutex_);
-        tokens = tokens_;
+        report = report_removals_;
+        shown_.clear();
         looks_done_ = ~0UL;
         looked_.notify_all();
     }
+    for (const TokenPtr& token : tokens_) token->MarkRemoved();
+    Registry::Instance().Publish();
+    if (report) TellRemoved({});
+    for (const TokenPtr& token : tokens_) Registry::Instance().Release(token);
     // What hangs already is not waited for.
     const Milliseconds grace = link_->runner().Answers() ? kStopGrace : Milliseconds(0);
     if (link_->Close(grace) && loaded_) {
@@ -346,11 +432,8 @@ void ModuleMonitor::ShutDown() {
             return true;
         });
     }
-    for (const TokenPtr& token : tokens) token->MarkRemoved();
     link_->runner().Shutdown(grace);
-    tokens.clear();
-    const std::lock_guard lock(mutex_);
-    tokens_.clear();
+    for (std::vector<TokenPtr>* list : {&tokens_, &left_out_, &reported_, &logged_}) list->clear();
 }
 
 }  // namespace tokens

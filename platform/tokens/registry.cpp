@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <set>
 
 #include "platform/tokens/pins.h"
 
@@ -13,6 +12,8 @@ using std::chrono::milliseconds;
 
 /// How long starting waits for slow modules.
 constexpr milliseconds kStartWait{3000};
+/// How long stopping waits for a change of the settings to end: longer than one takes.
+constexpr milliseconds kStopWait{20000};
 constexpr milliseconds kMinPollInterval{10};
 constexpr milliseconds kMinCallLimit{10};
 /// Answers remembered for one set of tokens: the algorithms in use are far fewer.
@@ -61,6 +62,12 @@ TokenPtr TokenTable::Find(std::uint64_t id) const {
     return found == tokens_.end() ? nullptr : *found;
 }
 
+bool TokenTable::SharesLabel(const PKCS11::TokenInfo& token) const {
+    return std::any_of(infos_.begin(), infos_.end(), [&](const PKCS11::TokenInfo& other) {
+        return other.label == token.label && other.id != token.id;
+    });
+}
+
 TokenInfoList TokenTable::Offering(pki_alg_t alg) const {
     alg &= PKI_ALG_MASK;
     const std::lock_guard lock(mutex_);
@@ -91,7 +98,7 @@ bool Registry::Start(const Settings& settings, std::string& error) {
         if (!error.empty()) return false;
         running_ = true;
     }
-    Replace(settings);
+    Replace(settings, true);
     return true;
 }
 
@@ -102,25 +109,28 @@ bool Registry::Apply(const Settings& settings, std::string& error) {
         error = running_ ? FindFault(settings) : "the token manager does not run";
         if (!error.empty()) return false;
     }
-    Replace(settings);
+    Replace(settings, true);
     return true;
 }
 
 void Registry::Stop() {
-    const std::lock_guard host(host_mutex_);
+    // A callback that ends the process gets here on a thread that a change of the settings waits for.
+    const std::unique_lock host(host_mutex_, kStopWait);
+    if (!host.owns_lock()) return;
     Settings nothing;
     {
         const std::lock_guard lock(mutex_);
         if (!running_) return;
         running_ = false;
     }
-    Replace(nothing);
+    Replace(nothing, false);
 }
 
 /// Stops the monitors that the settings have no more, starts those that they have anew.
-void Registry::Replace(const Settings& settings) {
+void Registry::Replace(const Settings& settings, bool report_removals) {
     std::vector<ModuleMonitorPtr> before = Monitors();
     std::vector<ModuleMonitorPtr> monitors;
+    std::vector<ModuleMonitorPtr> fresh;
     const auto take_same = [&](const Provider& provider) -> ModuleMonitorPtr {
         const auto same = std::find_if(before.begin(), before.end(), [&](const ModuleMonitorPtr& monitor) {
             return SameModule(monitor->provider(), provider);
@@ -131,30 +141,38 @@ void Registry::Replace(const Settings& settings) {
         return monitor;
     };
     for (const Provider& provider : settings.providers) monitors.push_back(take_same(provider));
-    for (const ModuleMonitorPtr& monitor : before) monitor->RequestStop();
+    for (const ModuleMonitorPtr& monitor : before) monitor->RequestStop(report_removals);
     for (const ModuleMonitorPtr& monitor : before) monitor->Join();
+    for (std::size_t i = 0; i < monitors.size(); ++i) {
+        if (monitors[i] != nullptr) continue;
+        monitors[i] = ModuleMonitor::Make(settings.providers[i]);
+        fresh.push_back(monitors[i]);
+    }
     {
         const std::lock_guard lock(mutex_);
         pin_files_ = settings.pin_files;
         ++settings_generation_;
-    }
-    for (std::size_t i = 0; i < monitors.size(); ++i) {
-        if (monitors[i] == nullptr) {
-            monitors[i] = ModuleMonitor::Start(settings.providers[i], settings.poll_interval, settings.call_limit);
-        } else {
-            monitors[i]->Configure(settings.poll_interval, settings.call_limit);
-        }
-    }
-    {
-        const std::lock_guard lock(mutex_);
+        tokens_known_ = false;
         monitors_ = monitors;
     }
+    for (const ModuleMonitorPtr& monitor : monitors) monitor->Configure(settings);
+    for (const ModuleMonitorPtr& monitor : fresh) monitor->Start();
     Publish();
-    const auto deadline = std::chrono::steady_clock::now() + kStartWait;
-    for (const ModuleMonitorPtr& monitor : monitors) {
-        const auto left = deadline - std::chrono::steady_clock::now();
-        monitor->WaitForLook(std::chrono::duration_cast<milliseconds>(left));
+    AwaitLooks(monitors);  // all tokens are known before a PIN file is used
+    {
+        const std::lock_guard lock(mutex_);
+        tokens_known_ = true;
     }
+    if (!settings.pin_files.empty()) AwaitLooks(monitors);
+}
+
+/// Drops those that take too long.
+void Registry::AwaitLooks(std::vector<ModuleMonitorPtr>& monitors) {
+    const auto deadline = std::chrono::steady_clock::now() + kStartWait;
+    std::erase_if(monitors, [deadline](const ModuleMonitorPtr& monitor) {
+        const auto left = deadline - std::chrono::steady_clock::now();
+        return !monitor->WaitForLook(std::chrono::duration_cast<milliseconds>(left));
+    });
 }
 
 std::shared_ptr<const TokenTable> Registry::Table() const {
@@ -175,53 +193,89 @@ ModuleMonitorPtr Registry::MonitorOf(const Token& token) const {
 }
 
 void Registry::Publish() {
-    const std::lock_guard publish(publish_mutex_);
-    std::vector<TokenPtr> tokens;
-    for (const ModuleMonitorPtr& monitor : Monitors()) {
-        for (TokenPtr& token : monitor->Tokens()) tokens.push_back(std::move(token));
-    }
-    auto table = std::make_shared<const TokenTable>(std::move(tokens));
-    const std::lock_guard lock(table_mutex_);
-    table_.swap(table);
-}
-
-bool Registry::FindPinFile(const PKCS11::TokenInfo& token, PinFile& file) const {
-    const std::shared_ptr<const TokenTable> table = Table();
-    const TokenInfoList present = table->Offering(0);
-    const auto sharing = std::count_if(present->begin(), present->end(), [&](const PKCS11::TokenInfo& other) {
-        return other.label == token.label && other.id != token.id;
-    });
-    const std::lock_guard lock(mutex_);
-    for (const PinFile& candidate : pin_files_) {
-        if (candidate.token == token.serialNumber) {
-            file = candidate;
-            return true;
+    std::vector<PKCS11::TokenInfo> sharing;
+    {
+        const std::lock_guard publish(publish_mutex_);
+        std::vector<TokenPtr> tokens;
+        for (const ModuleMonitorPtr& monitor : Monitors()) {
+            for (TokenPtr& token : monitor->Tokens()) tokens.push_back(std::move(token));
         }
+        auto table = std::make_shared<const TokenTable>(std::move(tokens));
+        sharing = NoteSharedLabels(*table);
+        const std::lock_guard lock(table_mutex_);
+        table_.swap(table);
     }
-    for (const PinFile& candidate : pin_files_) {
-        if (candidate.token != token.label) continue;
-        if (sharing == 0) {
-            file = candidate;
-            return true;
-        }
+    for (const PKCS11::TokenInfo& token : sharing) {
         Log(kMsgTokenError, Describe(token) + ": another token has the same label; name the serial number for its PIN");
     }
+}
+
+/// The tokens whose PIN file names a label that they share, as far as that is new.
+std::vector<PKCS11::TokenInfo> Registry::NoteSharedLabels(const TokenTable& table) {
+    std::vector<PKCS11::TokenInfo> news;
+    std::set<std::uint64_t> not_used;
+    const std::lock_guard lock(mutex_);
+    for (const PKCS11::TokenInfo& token : table.infos()) {
+        if (FindPinFile(token, false) == FindPinFile(token, table.SharesLabel(token))) continue;
+        not_used.insert(token.id);
+        if (label_not_used_.count(token.id) == 0) news.push_back(token);
+    }
+    label_not_used_.swap(not_used);
+    return news;
+}
+
+bool Registry::Claim(const TokenPtr& token) {
+    const std::lock_guard lock(claims_mutex_);
+    const auto [claim, fresh] = claims_.try_emplace(token->id(), token);
+    if (claim->second == token) return true;
+    claimed_in_vain_.insert(token->id());
     return false;
 }
 
+void Registry::Release(const TokenPtr& token) {
+    {
+        const std::lock_guard lock(claims_mutex_);
+        const auto claim = claims_.find(token->id());
+        if (claim == claims_.end() || claim->second != token) return;
+        claims_.erase(claim);
+        if (claimed_in_vain_.erase(token->id()) == 0) return;
+    }
+    for (const ModuleMonitorPtr& monitor : Monitors()) monitor->LookAgain();
+}
+
+/// By serial number, else by label. Expects mutex_ held.
+const PinFile* Registry::FindPinFile(const PKCS11::TokenInfo& token, bool label_is_shared) const {
+    const auto find = [this](const std::string& name) -> const PinFile* {
+        const auto found =
+            std::find_if(pin_files_.begin(), pin_files_.end(), [&](const PinFile& file) { return file.token == name; });
+        return found == pin_files_.end() ? nullptr : &*found;
+    };
+    const PinFile* const by_serial = find(token.serialNumber);
+    return by_serial != nullptr || label_is_shared ? by_serial : find(token.label);
+}
+
 bool Registry::FindPin(const PKCS11::TokenInfo& token, vpnfc::SecretString& pin) const {
-    PinFile file;
+    const bool shared = Table()->SharesLabel(token);
+    std::string path;
+    {
+        const std::lock_guard lock(mutex_);
+        const PinFile* const file = FindPinFile(token, shared);
+        if (file == nullptr) return false;
+        path = file->path;
+    }
     std::string error;
-    if (!FindPinFile(token, file)) return false;
-    if (ReadPinFile(file.path, pin, error)) return true;
+    if (ReadPinFile(path, pin, error)) return true;
     Log(kMsgTokenError, Describe(token) + ": " + error);
     return false;
 }
 
 bool Registry::TakeInsertionLogin(Token& token) const {
-    PinFile file;
-    if (!FindPinFile(token.Info(), file) || !file.login_on_insertion) return false;
-    return token.TakeInsertionLogin(settings_generation_);
+    const PKCS11::TokenInfo info = token.Info();
+    const bool shared = Table()->SharesLabel(info);
+    const std::lock_guard lock(mutex_);
+    const PinFile* const file = FindPinFile(info, shared);
+    return tokens_known_ && file != nullptr && file->login_on_insertion &&
+           token.TakeInsertionLogin(settings_generation_);
 }
 
 }  // namespace tokens

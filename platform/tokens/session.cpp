@@ -16,8 +16,15 @@ Result Session::Open(const ModuleLinkPtr& link, CK_SLOT_ID slot, bool read_write
     CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
     const CK_FLAGS flags = CKF_SERIAL_SESSION | (read_write ? CKF_RW_SESSION : 0);
     const Result result = link->api().OpenSession(slot, flags, handle);
-    if (result.ok()) session.reset(new Session(link, handle));
+    if (result.ok()) session = SessionPtr(new Session(link, handle), End);
     return result;
+}
+
+/// Closing may hang. A runner that is closing does not take it any more; then nobody gets into the module anyway.
+void Session::End(Session* session) {
+    std::shared_ptr<Session> owned(session);
+    const ModuleLinkPtr link = session->link_;
+    if (!link->runner().OnWorker()) link->runner().Post([owned = std::move(owned)] {});
 }
 
 Session::~Session() {

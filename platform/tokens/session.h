@@ -20,9 +20,11 @@ struct PublicKeyObject {
     std::size_t size = 0;  // as PublicKey::size
 };
 
-/// Used by one thread at a time; every use, its end included, is inside the module: see ModuleLink::Enter.
+/// Used by one thread at a time; every use is inside the module: see ModuleLink::Enter. Whichever thread drops it, it is
+/// closed by a worker.
 class Session {
   public:
+    /// Inside the module.
     static Result Open(const ModuleLinkPtr& link, CK_SLOT_ID slot, bool read_write, std::shared_ptr<Session>& session);
     ~Session();
     Session(const Session&) = delete;
@@ -42,6 +44,7 @@ class Session {
 
     Session(ModuleLinkPtr link, CK_SESSION_HANDLE handle) : link_(std::move(link)), handle_(handle) {}
     void Drop(Keys::iterator key);
+    static void End(Session* session);
 
     ModuleLinkPtr link_;
     CK_SESSION_HANDLE handle_;

@@ -44,13 +44,12 @@ TokenSession::Impl::Impl(const TokenInfo& on_token, OpenType open_type, const st
     }
     if (!EnsureLogin(pin)) {
         login_failed = true;
-        token->GiveBack(std::move(session), true);
-        session = nullptr;
+        token->GiveBack(std::exchange(session, nullptr));
     }
 }
 
 TokenSession::Impl::~Impl() {
-    if (session != nullptr) token->GiveBack(std::move(session), true);
+    if (session != nullptr) token->GiveBack(std::move(session));
 }
 
 /// Takes a session that is not in use, or opens one.
@@ -70,10 +69,7 @@ Result TokenSession::Impl::OpenSession() {
 
 /// After trouble: the session may be in the middle of an operation that the token did not end.
 void TokenSession::Impl::Renew() {
-    if (session == nullptr) return;
-    token->GiveBack(std::move(session), false);
-    session = nullptr;
-    OpenSession();
+    if (std::exchange(session, nullptr) != nullptr) OpenSession();
 }
 
 bool TokenSession::Impl::EnsureLogin(const std::string* pin) {
@@ -120,11 +116,11 @@ bool TokenSession::Impl::Recover(const Result& result) {
         return LookNow() && EnsureLogin(nullptr);
     }
     if (!IsSessionGone(result.rv)) return false;
-    token->GiveBack(std::move(session), false);
     session = nullptr;
     Changed();
     // The other idle sessions of the token went the same way.
-    while (tokens::SessionPtr idle = token->TakeIdle()) token->GiveBack(std::move(idle), false);
+    while (token->TakeIdle() != nullptr) {
+    }
     if (!LookNow()) return false;
     if (const tokens::TokenPtr now = Registry::Instance().Find(token->id()); now != nullptr) token = now;
     if (token->removed() || !OpenSession().ok()) return false;

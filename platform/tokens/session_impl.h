@@ -100,7 +100,7 @@ struct TokenSession::Impl {
     template <typename Outcome, typename Work>
     Outcome Here(Work& work) {
         if (session == nullptr) return NoAnswer<Outcome>();
-        const tokens::ModuleLink::Entry entry = token->link()->Enter();
+        const tokens::ModuleLink::Entry entry = token->link()->EnterHere();
         return entry ? work(*session) : NoAnswer<Outcome>();
     }
 

@@ -4,11 +4,13 @@
 
 #include <algorithm>
 #include <array>
+#include <set>
 
 namespace tokens {
 namespace {
 
-constexpr CK_ULONG kMaxSlots = 1024;
+/// Slots that a module is let list.
+constexpr CK_ULONG kMaxListedSlots = 65536;
 
 template <std::size_t Size>
 std::string Trimmed(const unsigned char (&field)[Size]) {
@@ -17,24 +19,9 @@ std::string Trimmed(const unsigned char (&field)[Size]) {
     return std::string(text.substr(0, end == std::string_view::npos ? 0 : end + 1));
 }
 
-/// The fields as the token gives them, blanks included: of fixed widths, so that they cannot run into each other.
-std::uint64_t Identify(const CK_TOKEN_INFO& info) {
-    std::string fields;
-    fields.append(reinterpret_cast<const char*>(info.manufacturerID), sizeof info.manufacturerID);
-    fields.append(reinterpret_cast<const char*>(info.model), sizeof info.model);
-    fields.append(reinterpret_cast<const char*>(info.serialNumber), sizeof info.serialNumber);
-    fields.append(reinterpret_cast<const char*>(info.label), sizeof info.label);
-    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-    unsigned length = 0;
-    EVP_Digest(fields.data(), fields.size(), digest.data(), &length, EVP_sha256(), nullptr);
-    std::uint64_t id = 0;
-    for (std::size_t i = 0; i < sizeof id; ++i) id = id << 8 | digest[i];
-    return id;
-}
-
 PKCS11::TokenInfo MakeInfo(const std::string& provider, const CK_SLOT_INFO& slot, const CK_TOKEN_INFO& token) {
     PKCS11::TokenInfo info;
-    info.id = Identify(token);
+    info.id = IdentifyToken(token);
     info.label = Trimmed(token.label);
     info.manufacturer = Trimmed(token.manufacturerID);
     info.model = Trimmed(token.model);
@@ -47,21 +34,6 @@ PKCS11::TokenInfo MakeInfo(const std::string& provider, const CK_SLOT_INFO& slot
     info.removable = (slot.flags & CKF_REMOVABLE_DEVICE) != 0;
     info.pinPad = (token.flags & CKF_PROTECTED_AUTHENTICATION_PATH) != 0;
     return info;
-}
-
-Result ListSlots(const Api& api, std::vector<CK_SLOT_ID>& slots) {
-    for (int attempt = 0;; ++attempt) {
-        CK_ULONG count = 0;
-        // Asking for the number is also what makes modules look for new slots.
-        Result result = api.GetSlotList(true, nullptr, count);
-        if (!result.ok()) return result;
-        slots.resize(std::min(count, kMaxSlots));
-        count = slots.size();
-        if (count > 0) result = api.GetSlotList(true, slots.data(), count);
-        if (result.rv == CKR_BUFFER_TOO_SMALL && attempt < 3) continue;  // one more token since
-        if (result.ok()) slots.resize(std::min<std::size_t>(count, slots.size()));
-        return result;
-    }
 }
 
 bool IsAbsent(CK_RV rv) {
@@ -94,10 +66,10 @@ class Scan {
         : link_(link), api_(link->api()), provider_(provider), known_(known) {}
 
     ScanOutcome Run() {
-        std::vector<CK_SLOT_ID> slots;
-        outcome_.result = ListSlots(api_, slots);
-        if (!outcome_.result.ok()) return std::move(outcome_);
-        for (const CK_SLOT_ID slot : slots) {
+        const SlotList list = ListSlots(api_);
+        outcome_.result = list.result;
+        outcome_.slots_left_out = list.left_out;
+        for (const CK_SLOT_ID slot : list.slots) {
             const Result result = Look(slot);
             if (!result.ok() && !IsAbsent(result.rv)) outcome_.troubles.push_back({slot, result});
         }
@@ -156,6 +128,46 @@ class Scan {
 };
 
 }  // namespace
+
+SlotList ListSlots(const Api& api) {
+    SlotList list;
+    std::vector<CK_SLOT_ID> slots;
+    for (int attempt = 0;; ++attempt) {
+        CK_ULONG count = 0;
+        // Asking for the number is also what makes modules look for new slots.
+        list.result = api.GetSlotList(true, nullptr, count);
+        if (!list.result.ok()) return list;
+        list.left_out = count > kMaxSlots;
+        // All of them, or the call fails; of which the first are used.
+        slots.resize(std::min(count, kMaxListedSlots));
+        count = slots.size();
+        if (count > 0) list.result = api.GetSlotList(true, slots.data(), count);
+        if (list.result.rv == CKR_BUFFER_TOO_SMALL && attempt < 3) continue;  // one more token since
+        if (!list.result.ok()) return list;
+        slots.resize(std::min<std::size_t>(count, slots.size()));
+        break;
+    }
+    std::set<CK_SLOT_ID> seen;
+    for (const CK_SLOT_ID slot : slots) {
+        if (seen.insert(slot).second && list.slots.size() < kMaxSlots) list.slots.push_back(slot);
+    }
+    return list;
+}
+
+/// The fields as the token gives them, blanks included: of fixed widths, so that they cannot run into each other.
+std::uint64_t IdentifyToken(const CK_TOKEN_INFO& info) {
+    std::string fields;
+    fields.append(reinterpret_cast<const char*>(info.manufacturerID), sizeof info.manufacturerID);
+    fields.append(reinterpret_cast<const char*>(info.model), sizeof info.model);
+    fields.append(reinterpret_cast<const char*>(info.serialNumber), sizeof info.serialNumber);
+    fields.append(reinterpret_cast<const char*>(info.label), sizeof info.label);
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned length = 0;
+    EVP_Digest(fields.data(), fields.size(), digest.data(), &length, EVP_sha256(), nullptr);
+    std::uint64_t id = 0;
+    for (std::size_t i = 0; i < sizeof id; ++i) id = id << 8 | digest[i];
+    return id;
+}
 
 ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known) {
     return Scan(link, provider_name, known).Run();

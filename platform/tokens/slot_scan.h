@@ -8,6 +8,20 @@
 
 namespace tokens {
 
+/// Slots of one module that are looked at: far more than readers and virtual tokens of use.
+inline constexpr CK_ULONG kMaxSlots = 1024;
+
+/// The slots that hold a token, each once and at most kMaxSlots; `left_out`: there were more.
+struct SlotList {
+    Result result{};
+    std::vector<CK_SLOT_ID> slots{};
+    bool left_out = false;
+};
+SlotList ListSlots(const Api& api);
+
+/// TokenInfo::id.
+std::uint64_t IdentifyToken(const CK_TOKEN_INFO& info);
+
 struct SeenToken {
     TokenPtr token{};
     bool is_new = false;
@@ -25,6 +39,7 @@ struct ScanOutcome {
     Result result{};  // of the listing of slots
     std::vector<SeenToken> tokens{};  // in the module's order
     std::vector<SlotTrouble> troubles{};  // slots whose token could not be looked at
+    bool slots_left_out = false;
 };
 
 /// A token of `known` that still stands in its slot, and was not taken out meanwhile, is the same object again. Enters

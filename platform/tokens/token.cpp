@@ -41,14 +41,14 @@ bool Token::Update(const PKCS11::TokenInfo& info) {
 }
 
 void Token::MarkRemoved() {
-    removed_ = true;
-    std::vector<SessionPtr> sessions;
+    std::vector<SessionPtr> idle;
+    SessionPtr watching;
     {
         const std::lock_guard lock(mutex_);
-        sessions.swap(idle_);
-        if (watch_session_ != nullptr) sessions.push_back(std::move(watch_session_));
+        removed_ = true;
+        idle.swap(idle_);
+        watching.swap(watch_session_);
     }
-    for (SessionPtr& session : sessions) GiveBack(std::move(session), false);
     ForgetContent();
 }
 
@@ -61,20 +61,15 @@ SessionPtr Token::TakeIdle() {
 }
 
 Result Token::Open(SessionPtr& session) const {
+    if (removed_) return {"C_OpenSession", CKR_DEVICE_REMOVED};
     Result result = Session::Open(link_, slot_, read_write_, session);
     if (result.rv == CKR_TOKEN_WRITE_PROTECTED) result = Session::Open(link_, slot_, false, session);
     return result;
 }
 
-void Token::GiveBack(SessionPtr session, bool sound) {
-    if (sound && !removed_) {
-        const std::lock_guard lock(mutex_);
-        if (idle_.size() < kMaxIdleSessions) {
-            idle_.push_back(std::move(session));
-            return;
-        }
-    }
-    link_->runner().Post([closed = std::move(session)] {});
+void Token::GiveBack(SessionPtr session) {
+    const std::lock_guard lock(mutex_);
+    if (!removed_ && idle_.size() < kMaxIdleSessions) idle_.push_back(std::move(session));
 }
 
 SessionPtr Token::watch_session() const {
@@ -84,7 +79,7 @@ SessionPtr Token::watch_session() const {
 
 void Token::SetWatchSession(SessionPtr session) {
     const std::lock_guard lock(mutex_);
-    watch_session_ = std::move(session);
+    if (!removed_) watch_session_.swap(session);
 }
 
 std::optional<CK_OBJECT_HANDLE> Token::PrivateKeyHandle(pki_alg_t alg, const std::string& id) const {

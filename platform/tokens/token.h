@@ -42,8 +42,8 @@ class Token {
     SessionPtr TakeIdle();
     /// Opens one. Enters the module.
     Result Open(SessionPtr& session) const;
-    /// Gives a session back. One that is not `sound` is closed by a worker, as are those above the number kept.
-    void GiveBack(SessionPtr session, bool sound);
+    /// Gives a sound session back. It is kept for the next one to use, unless the token is gone or enough are kept.
+    void GiveBack(SessionPtr session);
 
     // What is remembered of the content. Handles of keys belong to a login: they are forgotten when it ends.
     std::optional<CK_OBJECT_HANDLE> PrivateKeyHandle(pki_alg_t alg, const std::string& id) const;
@@ -77,7 +77,7 @@ class Token {
     const MechanismList mechanisms_;
     const bool read_write_;
     const bool login_required_;
-    std::atomic<bool> removed_{false};
+    std::atomic<bool> removed_{false};  // set under mutex_
     std::atomic<LoginState> login_state_{LoginState::kPublic};
     std::atomic<unsigned> login_changes_{0};
     std::shared_timed_mutex login_lock_;

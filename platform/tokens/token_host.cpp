@@ -2,9 +2,6 @@
 
 #include <p11-kit/p11-kit.h>
 
-#include <algorithm>
-#include <array>
-
 #include "platform/tokens/login.h"
 #include "platform/tokens/pins.h"
 #include "platform/tokens/registry.h"
@@ -27,14 +24,9 @@ void TellLogin(const TokenPtr& token) {
 
 /// The first slot with a token that was never initialised.
 Result FindFreeSlot(const Api& api, CK_SLOT_ID& slot) {
-    CK_ULONG count = 0;
-    Result result = api.GetSlotList(true, nullptr, count);
-    if (!result.ok()) return result;
-    std::vector<CK_SLOT_ID> slots(count);
-    result = api.GetSlotList(true, slots.data(), count);
-    if (!result.ok()) return result;
-    slots.resize(std::min<std::size_t>(count, slots.size()));
-    for (const CK_SLOT_ID candidate : slots) {
+    const SlotList list = ListSlots(api);
+    if (!list.result.ok()) return list.result;
+    for (const CK_SLOT_ID candidate : list.slots) {
         CK_TOKEN_INFO info{};
         if (api.GetTokenInfo(candidate, info).ok() && (info.flags & CKF_TOKEN_INITIALIZED) == 0) {
             slot = candidate;

@@ -8,8 +8,9 @@
 //     tokens::Stop();
 //
 // Each provider is served by threads of its own. A call into a module that does not return within the limit is left
-// to its thread: the provider counts as not answering and its tokens as absent until that call returns; everything
-// else goes on. Functions here may be called from any thread, but not from one of the manager's callbacks.
+// to its thread: the provider counts as not answering and its tokens as absent until that call returns, or another one
+// does when the module is tried again; everything else goes on. Of tokens with the same identifier, in two slots or of
+// two providers, one is shown at a time: the first to come, and the other one when that is gone. Functions here may be called from any thread, but not from one of the manager's callbacks.
 #pragma once
 
 #include <chrono>
@@ -41,7 +42,10 @@ struct Settings {
     std::vector<Provider> providers{};
     std::vector<PinFile> pin_files{};
     std::chrono::milliseconds poll_interval{500};  // how often slots and login states are looked at
-    std::chrono::milliseconds call_limit{10000};  // how long one PKCS #11 call may take
+    std::chrono::milliseconds call_limit{10000};  // how long one PKCS #11 call may take; an operation of many: 30 times
+    /// How long a module that does not answer is left alone before it is tried again; twice as long each further time, up
+    /// to sixteen times. A call that returns late is noticed at once.
+    std::chrono::milliseconds recovery_interval{30000};
 };
 
 /// Loads the modules, each on its own thread, and waits until they have shown their tokens, or a few seconds for those
@@ -50,10 +54,11 @@ struct Settings {
 PLATFORM_API bool Start(const Settings& settings, std::string& error);
 
 /// Brings the running manager to other settings: providers that stay the same keep their sessions, others are stopped
-/// or started; PIN files are looked at anew. False, with nothing changed, when the settings are wrong.
+/// or started; PIN files are looked at anew. Tokens of a provider that goes are reported as removed before anything else
+/// is reported. False, with nothing changed, when the settings are wrong.
 PLATFORM_API bool Apply(const Settings& settings, std::string& error);
 
-/// Ends the manager: threads stop, modules are finalised and unloaded. A module with a call that does not return is
+/// Ends the manager: threads stop, modules are finalised and unloaded; nothing is reported any more. A module with a call that does not return is
 /// left behind. Harmless when not started; leaving the process without it is clean too.
 PLATFORM_API void Stop();
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tests/support/process.h"
 #include "tests/tokens/fixture.h"
 
 namespace token_test {
@@ -52,6 +53,11 @@ TEST_F(Host, ModulesThatAreNoneAreLogged) {
     EXPECT_TRUE(reports_.WaitFor("provider missing failed 0"));
     EXPECT_TRUE(reports_.WaitFor("provider text failed 0"));
     EXPECT_EQ(reports_.Count("log 205"), 2U);
+    PKCS11::TokenInfo token;
+    const std::string pin = RandomPin();
+    EXPECT_FALSE(tokens::InitToken("missing", "label", SecretString(std::string_view(pin)),
+                                   SecretString(std::string_view(pin)), token, error));
+    EXPECT_EQ(error, "the module: no answer");
     EXPECT_TRUE(PKCS11::Manager::Instance().EnumTokens().empty());
 }
 
@@ -69,6 +75,36 @@ TEST_F(Host, NewSettingsKeepWhatStays) {
     Apply();
     EXPECT_FALSE(IsListed("token"));
     EXPECT_FALSE(session.CreatePresharedKeyObject("another", "secret")) << "its provider is gone";
+}
+
+TEST_F(Host, TokensOfARemovedProviderAreReportedFirst) {
+    StartDirect();
+    NewToken("token", false);
+    reports_.Clear();
+    settings_.providers = {{.name = "trust", .module_path = TRUST_MODULE_PATH}};
+    Apply();
+    const std::vector<std::string> reports = reports_.All();
+    ASSERT_GE(reports.size(), 3U);
+    EXPECT_EQ(reports[0].find("log 201 "), 0U) << reports[0];
+    EXPECT_EQ(reports[1], "removed token");
+    EXPECT_EQ(reports_.Count("provider trust ready"), 1U);
+    reports_.Clear();
+    tokens::Stop();
+    EXPECT_TRUE(reports_.All().empty()) << "the end of the manager is no removal";
+}
+
+TEST_F(Host, AProgramMayEndWithoutStopping) {
+    StartForward();
+    NewToken("token", false);
+    tokens::Stop();
+    for (const char* how : {"idle", "hanging", "finalising", "callback"}) {
+        SCOPED_TRACE(how);
+        const test_support::ProcessResult result =
+            test_support::Run({TOKEN_LEAVER_PATH, how, (directory_ / "state").string(), FORWARD_PKCS11_PATH,
+                               (directory_ / "leaver").string()});
+        EXPECT_EQ(result.exit_code, 0) << result.out << result.err;
+        EXPECT_FALSE(result.timed_out);
+    }
 }
 
 TEST_F(Host, TokensDescribeThemselves) {

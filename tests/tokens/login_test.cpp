@@ -226,13 +226,32 @@ TEST_F(Logins, ASharedLabelNamesNoToken) {
     const int calls = control_.Calls("C_Login");
     AddPinFile("token", token_.pin);
     Apply();
-    EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPrivate).opened());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPrivate).opened());
+        PKCS11::Manager::Instance().ReloadTokensContent(1);
+    }
+    EXPECT_EQ(reports_.Count("another token has the same label"), 2U) << "once for each token, not at every look";
+    // When the manager starts it sees the tokens one after the other.
+    tokens::Stop();
+    StartForward();
+    EXPECT_EQ(PKCS11::Manager::Instance().EnumTokens().size(), 2U);
     EXPECT_EQ(control_.Calls("C_Login"), calls);
-    EXPECT_GE(reports_.Count("another token has the same label"), 1U);
     settings_.pin_files[0].token = token_.info.serialNumber;
     Apply();
     EXPECT_TRUE(TokenSession(token_.info, TokenSession::kPrivate).opened());
     EXPECT_FALSE(TokenSession(twin.info, TokenSession::kPrivate).opened());
+}
+
+// Another token in the slot, which the manager has not noticed yet: the PIN is not for that one.
+TEST_F(Logins, APinIsTriedOnItsTokenOnly) {
+    NewToken("other", false);
+    settings_.poll_interval = std::chrono::milliseconds(60000);
+    Apply();
+    const int calls = control_.Calls("C_Login");
+    control_.Set({"trace C_Login", "no-events", "pose token other"});
+    EXPECT_EQ(LogInWith(token_.pin), PinResult::kFailed);
+    EXPECT_EQ(reports_.Count("C_GetTokenInfo failed: CKR_DEVICE_REMOVED"), 1U);
+    EXPECT_EQ(control_.Calls("C_Login"), calls);
 }
 
 // Somebody else in the process logs the user out behind the manager's back.

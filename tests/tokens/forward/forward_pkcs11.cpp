@@ -14,6 +14,7 @@
 //   delay FUNCTION MILLISECONDS        before forwarding
 //   hang FUNCTION                      does not return as long as the directive stands, two minutes at most
 //   flags LABEL BITS                   adds bits (hexadecimal) to CK_TOKEN_INFO.flags
+//   pose LABEL OTHER                   the token describes itself as the token OTHER does
 //   ghost                              every search finds one more object, which does not exist
 //   no-events                          C_WaitForSlotEvent answers CKR_FUNCTION_NOT_SUPPORTED
 //   trace FUNCTION                     appends "FUNCTION CKR" to the control file's name with ".trace" after each call
@@ -62,6 +63,7 @@ struct Directives {
     std::map<std::string, FailRule> fail;
     std::map<std::string, milliseconds> delay;
     std::map<std::string, CK_FLAGS> flags;
+    std::map<std::string, std::string> pose;
     bool ghost = false;
     bool no_events = false;
 };
@@ -84,6 +86,7 @@ Directives Parse(const std::string& path) {
             words >> count;
             directives.delay[name] = milliseconds(count);
         }
+        if (verb == "pose") words >> directives.pose[name];
         if (verb == "flags") words >> std::hex >> directives.flags[name];
         if (verb == "fail") {
             FailRule rule;
@@ -373,10 +376,22 @@ CK_RV GetSlotInfo(CK_SLOT_ID slot, CK_SLOT_INFO* info) {
     });
 }
 
+void Describe(CK_FUNCTION_LIST& module, const std::string& label, CK_TOKEN_INFO& info) {
+    std::array<CK_SLOT_ID, 64> slots{};
+    CK_ULONG count = slots.size();
+    if (module.C_GetSlotList(1, slots.data(), &count) != CKR_OK) return;
+    for (CK_ULONG i = 0; i < count; ++i) {
+        CK_TOKEN_INFO other{};
+        if (module.C_GetTokenInfo(slots[i], &other) == CKR_OK && Label(other) == label) info = other;
+    }
+}
+
 CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     return ForwardOnSlot("C_GetTokenInfo", slot, [&](CK_FUNCTION_LIST& module) {
         const CK_RV rv = module.C_GetTokenInfo(slot, info);
         const Directives directives = Get().control.Get();
+        const auto pose = directives.pose.find(Label(*info));
+        if (rv == CKR_OK && pose != directives.pose.end()) Describe(module, pose->second, *info);
         const auto flags = directives.flags.find(Label(*info));
         if (rv == CKR_OK && flags != directives.flags.end()) info->flags |= flags->second;
         return rv;
