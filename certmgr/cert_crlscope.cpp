@@ -15,7 +15,7 @@ bool Holds(const std::vector<std::string>& list, const std::string& value) {
 bool PointFits(const CrlScope& scope, const std::string& source_uri, const X509Cert& cert) {
     if (!scope.namesPoint || (!source_uri.empty() && Holds(scope.uris, source_uri))) return true;
     return std::any_of(scope.uris.begin(), scope.uris.end(),
-                       [&cert](const std::string& uri) { return Holds(cert.ext().crlUris, uri); });
+                       [&cert](const std::string& uri) { return Holds(cert.names().crlUris, uri); });
 }
 
 /// Why the kind of CRL, or of certificate, forbids it; empty when nothing does.

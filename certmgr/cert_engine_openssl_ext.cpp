@@ -156,13 +156,20 @@ void KeepAlternativeName(const GENERAL_NAME& name, AltSubject& names) {
     }
 }
 
+// Where the readers below write. Texts are optional.
+struct Sinks {
+    CertFacts& facts;
+    CertNames& names;
+    CertExtentions* texts;
+};
+
 // --- One function per extension. Each replaces what it fills, the texts when they are wanted; false, with nothing
 // changed, when the value is bad. ---
 
-bool CertificatePolicies(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool CertificatePolicies(X509_EXTENSION* extension, const Sinks& out) {
     const auto policies = Decode<CERTIFICATEPOLICIES>(extension, ASN1_ITEM_rptr(CERTIFICATEPOLICIES));
     if (policies == nullptr) return false;
-    if (texts == nullptr) return true;
+    if (out.texts == nullptr) return true;
     std::string text;
     int number = 0;
     ForEach<POLICYINFO>(policies.get(), [&](const POLICYINFO& policy) {
@@ -170,36 +177,37 @@ bool CertificatePolicies(X509_EXTENSION* extension, CertFacts& /*facts*/, CertEx
         text += Numbered(++number, " Certificate Policy:\n    Policy Identifier=");
         ASN1_OBJECT_to_std_string(policy.policyid, text, kOidName);
     });
-    texts->certificatePolicies = std::move(text);
+    out.texts->certificatePolicies = std::move(text);
     return true;
 }
 
-bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, const Sinks& out) {
     const auto period = Decode<PKEY_USAGE_PERIOD>(extension, ASN1_ITEM_rptr(PKEY_USAGE_PERIOD));
     if (period == nullptr) return false;
-    facts.privateKeyUsageEnd = ASN1_TIME_to_time_t(period->notAfter);
-    if (texts == nullptr) return true;
+    if (out.texts == nullptr) return true;
+    out.texts->privateKeyUsageEnd = ASN1_TIME_to_time_t(period->notAfter);
     std::string text;
     if (period->notBefore != nullptr) {
         text.append("notBefore=").append(CertTimeToString(ASN1_TIME_to_time_t(period->notBefore)));
     }
-    if (period->notAfter != nullptr) text.append(", notAfter=").append(CertTimeToString(facts.privateKeyUsageEnd));
-    texts->privateKeyUsagePeriod = std::move(text);
+    if (period->notAfter != nullptr) text.append(", notAfter=").append(CertTimeToString(out.texts->privateKeyUsageEnd));
+    out.texts->privateKeyUsagePeriod = std::move(text);
     return true;
 }
 
-bool SubjectAltName(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool SubjectAltName(X509_EXTENSION* extension, const Sinks& out) {
     const auto names = Decode<GENERAL_NAMES>(extension, ASN1_ITEM_rptr(GENERAL_NAMES));
     if (names == nullptr) return false;
-    ForEach<GENERAL_NAME>(names.get(), [&](const GENERAL_NAME& name) { KeepAlternativeName(name, facts.altSubject); });
-    if (texts != nullptr) texts->subjectAltName = GeneralNamesText(names.get());
+    ForEach<GENERAL_NAME>(names.get(),
+                          [&](const GENERAL_NAME& name) { KeepAlternativeName(name, out.names.altSubject); });
+    if (out.texts != nullptr) out.texts->subjectAltName = GeneralNamesText(names.get());
     return true;
 }
 
-bool IssuerAltName(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool IssuerAltName(X509_EXTENSION* extension, const Sinks& out) {
     const auto names = Decode<GENERAL_NAMES>(extension, ASN1_ITEM_rptr(GENERAL_NAMES));
     if (names == nullptr) return false;
-    if (texts != nullptr) texts->issuerAltName = GeneralNamesText(names.get());
+    if (out.texts != nullptr) out.texts->issuerAltName = GeneralNamesText(names.get());
     return true;
 }
 
@@ -214,23 +222,23 @@ std::int32_t PathLength(const BASIC_CONSTRAINTS& constraints) {
     return static_cast<std::int32_t>(value);
 }
 
-bool BasicConstraints(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool BasicConstraints(X509_EXTENSION* extension, const Sinks& out) {
     const auto constraints = Decode<BASIC_CONSTRAINTS>(extension, ASN1_ITEM_rptr(BASIC_CONSTRAINTS));
     if (constraints == nullptr) return false;
-    facts.isCA = constraints->ca != 0;
-    facts.pathLen = PathLength(*constraints);
-    if (texts == nullptr) return true;
-    texts->basicConstraints.clear();
-    if (!facts.isCA) return true;
-    texts->basicConstraints = "Subject Type=CA, Path Length Constraint=";
-    texts->basicConstraints += constraints->pathlen != nullptr ? std::to_string(facts.pathLen) : "None";
+    out.facts.isCA = constraints->ca != 0;
+    out.facts.pathLen = PathLength(*constraints);
+    if (out.texts == nullptr) return true;
+    out.texts->basicConstraints.clear();
+    if (!out.facts.isCA) return true;
+    out.texts->basicConstraints = "Subject Type=CA, Path Length Constraint=";
+    out.texts->basicConstraints += constraints->pathlen != nullptr ? std::to_string(out.facts.pathLen) : "None";
     return true;
 }
 
-bool SubjectKeyIdentifier(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* /*texts*/) {
+bool SubjectKeyIdentifier(X509_EXTENSION* extension, const Sinks& out) {
     const auto id = Decode<ASN1_OCTET_STRING>(extension, ASN1_ITEM_rptr(ASN1_OCTET_STRING));
     if (id == nullptr) return false;
-    facts.subjectKeyIdHex = HexWithBlanks(id.get());
+    out.facts.subjectKeyIdHex = HexWithBlanks(id.get());
     return true;
 }
 
@@ -249,29 +257,29 @@ std::string KeyUsageText(const std::array<std::uint8_t, 2>& bits) {
     return text;
 }
 
-bool KeyUsage(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool KeyUsage(X509_EXTENSION* extension, const Sinks& out) {
     constexpr unsigned char kDecipherOnly = 0x80;
     const auto usage = Decode<ASN1_BIT_STRING>(extension, ASN1_ITEM_rptr(ASN1_BIT_STRING));
     if (usage == nullptr) return false;
     const std::string_view bytes = BytesOf(usage.get());
-    facts.keyUsageBits = {};
-    if (!bytes.empty()) facts.keyUsageBits[0] = static_cast<std::uint8_t>(bytes[0]);
-    if (bytes.size() > 1 && (static_cast<unsigned char>(bytes[1]) & kDecipherOnly) != 0) facts.keyUsageBits[1] = 1;
-    if (texts != nullptr) texts->keyUsage = KeyUsageText(facts.keyUsageBits);
+    out.facts.keyUsageBits = {};
+    if (!bytes.empty()) out.facts.keyUsageBits[0] = static_cast<std::uint8_t>(bytes[0]);
+    if (bytes.size() > 1 && (static_cast<unsigned char>(bytes[1]) & kDecipherOnly) != 0) out.facts.keyUsageBits[1] = 1;
+    if (out.texts != nullptr) out.texts->keyUsage = KeyUsageText(out.facts.keyUsageBits);
     return true;
 }
 
 constexpr std::string_view kIpsecIke = "\x2B\x06\x01\x05\x05\x07\x03\x11";  // 1.3.6.1.5.5.7.3.17
 
-bool ExtendedKeyUsage(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool ExtendedKeyUsage(X509_EXTENSION* extension, const Sinks& out) {
     const auto purposes = Decode<EXTENDED_KEY_USAGE>(extension, ASN1_ITEM_rptr(EXTENDED_KEY_USAGE));
     if (purposes == nullptr) return false;
-    facts.hasExtKeyUsage = sk_ASN1_OBJECT_num(purposes.get()) > 0;
-    facts.hasIpsecIkeEku = false;
-    ForEach<ASN1_OBJECT>(purposes.get(), [&facts](const ASN1_OBJECT& purpose) {
-        if (BytesOf(&purpose) == kIpsecIke) facts.hasIpsecIkeEku = true;
+    out.facts.hasExtKeyUsage = sk_ASN1_OBJECT_num(purposes.get()) > 0;
+    out.facts.hasIpsecIkeEku = false;
+    ForEach<ASN1_OBJECT>(purposes.get(), [&out](const ASN1_OBJECT& purpose) {
+        if (BytesOf(&purpose) == kIpsecIke) out.facts.hasIpsecIkeEku = true;
     });
-    if (texts == nullptr) return true;
+    if (out.texts == nullptr) return true;
     std::string names;
     std::string oids;
     ForEach<ASN1_OBJECT>(purposes.get(), [&](ASN1_OBJECT& purpose) {
@@ -282,17 +290,17 @@ bool ExtendedKeyUsage(X509_EXTENSION* extension, CertFacts& facts, CertExtention
         ASN1_OBJECT_to_std_string(&purpose, names, kOidNameDotted);
         ASN1_OBJECT_to_std_string(&purpose, oids, kOidDotted);
     });
-    texts->extKeyUsageNames = std::move(names);
-    texts->extKeyUsageOids = std::move(oids);
+    out.texts->extKeyUsageNames = std::move(names);
+    out.texts->extKeyUsageOids = std::move(oids);
     return true;
 }
 
-bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool AuthorityKeyIdentifier(X509_EXTENSION* extension, const Sinks& out) {
     const auto authority = Decode<AUTHORITY_KEYID>(extension, ASN1_ITEM_rptr(AUTHORITY_KEYID));
     if (authority == nullptr) return false;
-    facts.authorityKeyIdHex = HexWithBlanks(authority->keyid);
-    if (texts == nullptr) return true;
-    std::string text = facts.authorityKeyIdHex;
+    out.facts.authorityKeyIdHex = HexWithBlanks(authority->keyid);
+    if (out.texts == nullptr) return true;
+    std::string text = out.facts.authorityKeyIdHex;
     const auto append = [&text](std::string_view label, const std::string& value) {
         if (!text.empty()) text += ", ";
         text.append(label).append(value);
@@ -301,14 +309,14 @@ bool AuthorityKeyIdentifier(X509_EXTENSION* extension, CertFacts& facts, CertExt
     if (authority->serial != nullptr) {
         append("authorityCertSerialNumber: ", TO_HEX_STD_STRING(BytesOf(authority->serial), 0));
     }
-    texts->authorityKeyId = std::move(text);
+    out.texts->authorityKeyId = std::move(text);
     return true;
 }
 
-bool AuthorityInfoAccess(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool AuthorityInfoAccess(X509_EXTENSION* extension, const Sinks& out) {
     const auto accesses = Decode<AUTHORITY_INFO_ACCESS>(extension, ASN1_ITEM_rptr(AUTHORITY_INFO_ACCESS));
     if (accesses == nullptr) return false;
-    if (texts == nullptr) return true;
+    if (out.texts == nullptr) return true;
     std::string text;
     int number = 0;
     ForEach<ACCESS_DESCRIPTION>(accesses.get(), [&](const ACCESS_DESCRIPTION& access) {
@@ -316,7 +324,7 @@ bool AuthorityInfoAccess(X509_EXTENSION* extension, CertFacts& /*facts*/, CertEx
         ASN1_OBJECT_to_std_string(access.method, text, kOidName);
         AppendGeneralName(*access.location, text.append("\n   accessLocation: "));
     });
-    texts->authorityInfoAccess = std::move(text);
+    out.texts->authorityInfoAccess = std::move(text);
     return true;
 }
 
@@ -331,34 +339,34 @@ void GENERAL_SUBTREES_to_std_string(const STACK_OF(GENERAL_SUBTREE) * subtrees, 
     });
 }
 
-bool NameConstraints(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool NameConstraints(X509_EXTENSION* extension, const Sinks& out) {
     const auto constraints = Decode<NAME_CONSTRAINTS>(extension, ASN1_ITEM_rptr(NAME_CONSTRAINTS));
     if (constraints == nullptr) return false;
-    if (texts == nullptr) return true;
+    if (out.texts == nullptr) return true;
     std::string text;
     GENERAL_SUBTREES_to_std_string(constraints->permittedSubtrees, "permittedSubtrees: ", text);
     GENERAL_SUBTREES_to_std_string(constraints->excludedSubtrees, "excludedSubtrees: ", text);
-    texts->nameConstraints = std::move(text);
+    out.texts->nameConstraints = std::move(text);
     return true;
 }
 
 // The value of these two is not shown; the text says so and clients know it.
 constexpr const char* kValueNotShown = "TODO";
 
-bool PolicyMappings(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool PolicyMappings(X509_EXTENSION* extension, const Sinks& out) {
     const auto mappings = Decode<POLICY_MAPPINGS>(extension, ASN1_ITEM_rptr(POLICY_MAPPINGS));
     if (mappings == nullptr) return false;
-    if (texts != nullptr) texts->policyMappings = kValueNotShown;
+    if (out.texts != nullptr) out.texts->policyMappings = kValueNotShown;
     return true;
 }
 
-bool PolicyConstraints(X509_EXTENSION* extension, CertFacts& /*facts*/, CertExtentions* texts) {
+bool PolicyConstraints(X509_EXTENSION* extension, const Sinks& out) {
     if (Decode<POLICY_CONSTRAINTS>(extension, ASN1_ITEM_rptr(POLICY_CONSTRAINTS)) == nullptr) return false;
-    if (texts != nullptr) texts->policyConstraints = kValueNotShown;
+    if (out.texts != nullptr) out.texts->policyConstraints = kValueNotShown;
     return true;
 }
 
-bool CrlDistributionPoints(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts) {
+bool CrlDistributionPoints(X509_EXTENSION* extension, const Sinks& out) {
     constexpr int kFullName = 0;
     const auto points = Decode<CRL_DIST_POINTS>(extension, ASN1_ITEM_rptr(CRL_DIST_POINTS));
     if (points == nullptr) return false;
@@ -375,31 +383,34 @@ bool CrlDistributionPoints(X509_EXTENSION* extension, CertFacts& facts, CertExte
             text.append("\n    URI=").append(uris.back());
         });
     });
-    facts.crlUris = std::move(uris);
-    if (texts != nullptr) texts->crlDistributionPoints = std::move(text);
+    out.names.crlUris = std::move(uris);
+    if (out.texts != nullptr) out.texts->crlDistributionPoints = std::move(text);
     return true;
 }
 
+// What an extension is read for, beside its text.
+enum class Use : std::uint8_t { kText, kFacts, kNames };
+
 struct KnownExtension {
     std::string_view oid;
-    bool (*read)(X509_EXTENSION* extension, CertFacts& facts, CertExtentions* texts);
-    bool has_facts = true;
+    Use use;
+    bool (*read)(X509_EXTENSION* extension, const Sinks& out);
 };
 constexpr std::array<KnownExtension, 14> kKnownExtensions{{
-    {"\x55\x1D\x0E", SubjectKeyIdentifier},
-    {"\x55\x1D\x0F", KeyUsage},
-    {"\x55\x1D\x10", PrivateKeyUsagePeriod},
-    {"\x55\x1D\x11", SubjectAltName},
-    {"\x55\x1D\x12", IssuerAltName, false},
-    {"\x55\x1D\x13", BasicConstraints},
-    {"\x55\x1D\x1E", NameConstraints, false},
-    {"\x55\x1D\x1F", CrlDistributionPoints},
-    {"\x55\x1D\x20", CertificatePolicies, false},
-    {"\x55\x1D\x21", PolicyMappings, false},
-    {"\x55\x1D\x23", AuthorityKeyIdentifier},
-    {"\x55\x1D\x24", PolicyConstraints, false},
-    {"\x55\x1D\x25", ExtendedKeyUsage},
-    {"\x2B\x06\x01\x05\x05\x07\x01\x01", AuthorityInfoAccess, false},
+    {"\x55\x1D\x0E", Use::kFacts, SubjectKeyIdentifier},
+    {"\x55\x1D\x0F", Use::kFacts, KeyUsage},
+    {"\x55\x1D\x10", Use::kText, PrivateKeyUsagePeriod},
+    {"\x55\x1D\x11", Use::kNames, SubjectAltName},
+    {"\x55\x1D\x12", Use::kText, IssuerAltName},
+    {"\x55\x1D\x13", Use::kFacts, BasicConstraints},
+    {"\x55\x1D\x1E", Use::kText, NameConstraints},
+    {"\x55\x1D\x1F", Use::kNames, CrlDistributionPoints},
+    {"\x55\x1D\x20", Use::kText, CertificatePolicies},
+    {"\x55\x1D\x21", Use::kText, PolicyMappings},
+    {"\x55\x1D\x23", Use::kFacts, AuthorityKeyIdentifier},
+    {"\x55\x1D\x24", Use::kText, PolicyConstraints},
+    {"\x55\x1D\x25", Use::kFacts, ExtendedKeyUsage},
+    {"\x2B\x06\x01\x05\x05\x07\x01\x01", Use::kText, AuthorityInfoAccess},
 }};
 
 const KnownExtension* FindKnown(X509_EXTENSION* extension) {
@@ -460,19 +471,42 @@ void AddUnknown(X509_EXTENSION* extension, CertExtentions& texts, std::size_t& p
                                          printed ? PrintedValue(extension) : std::to_string(size) + " bytes");
 }
 
-// Reads every extension; without `texts` only what the facts need.
-void ReadExtensions(const X509* cert, CertFacts& facts, CertExtentions* texts) {
-    std::size_t printable_bytes = kMaxPrintedValueBytes;
-    for (int i = 0; i < X509_get_ext_count(cert); ++i) {
-        X509_EXTENSION* const extension = X509_get_ext(cert, i);
+template <typename Visit>
+void ForEachExtension(const X509* cert, Visit visit) {
+    for (int i = 0; i < X509_get_ext_count(cert); ++i) visit(X509_get_ext(cert, i));
+}
+
+// One that is only shown, or not known, decides nothing unless it is critical: then it must be understood.
+void ReadFacts(const X509* cert, CertFacts& facts) {
+    CertNames names;
+    const Sinks sinks{facts, names, nullptr};
+    ForEachExtension(cert, [&](X509_EXTENSION* extension) {
         const KnownExtension* const known = FindKnown(extension);
         const bool critical = X509_EXTENSION_get_critical(extension) != 0;
-        // One that is only shown, or not known, decides nothing unless it is critical.
-        if (texts == nullptr && !critical && (known == nullptr || !known->has_facts)) continue;
-        if (known != nullptr && known->read(extension, facts, texts)) continue;
-        if (critical && facts.firstUnknownCritical.empty()) facts.firstUnknownCritical = UnknownName(extension);
-        if (texts != nullptr) AddUnknown(extension, *texts, printable_bytes);
-    }
+        if (!critical && (known == nullptr || known->use != Use::kFacts)) return;
+        const bool read = known != nullptr && known->read(extension, sinks);
+        if (!read && critical && facts.firstUnknownCritical.empty())
+            facts.firstUnknownCritical = UnknownName(extension);
+    });
+}
+
+void ReadNames(const X509* cert, CertNames& names) {
+    CertFacts facts;
+    const Sinks sinks{facts, names, nullptr};
+    ForEachExtension(cert, [&](X509_EXTENSION* extension) {
+        const KnownExtension* const known = FindKnown(extension);
+        if (known != nullptr && known->use == Use::kNames) known->read(extension, sinks);
+    });
+}
+
+void ReadAll(const X509* cert, CertExtentions& out) {
+    ReadFacts(cert, out);
+    const Sinks sinks{out, out, &out};
+    std::size_t printable_bytes = kMaxPrintedValueBytes;
+    ForEachExtension(cert, [&](X509_EXTENSION* extension) {
+        const KnownExtension* const known = FindKnown(extension);
+        if (known == nullptr || !known->read(extension, sinks)) AddUnknown(extension, out, printable_bytes);
+    });
 }
 
 std::string Fingerprint(const EVP_MD* md, std::string_view der) {
@@ -483,7 +517,11 @@ std::string Fingerprint(const EVP_MD* md, std::string_view der) {
 }  // namespace
 
 void CertEngine_GetCertFacts(void* cert, CertFacts& out) {
-    ReadExtensions(static_cast<const X509*>(cert), out, nullptr);
+    ReadFacts(static_cast<const X509*>(cert), out);
+}
+
+void CertEngine_GetCertNames(void* cert, CertNames& out) {
+    ReadNames(static_cast<const X509*>(cert), out);
 }
 
 void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
@@ -492,5 +530,5 @@ void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     const std::string der = cert_engine::Encode(x, i2d_X509);
     out.md5 = Fingerprint(cert_engine::Md5(), der);
     out.sha1 = Fingerprint(cert_engine::Sha1(), der);
-    ReadExtensions(x, out, &out);
+    ReadAll(x, out);
 }

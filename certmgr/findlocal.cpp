@@ -378,11 +378,11 @@ namespace {
 const std::string* cm_cert_value_of_type_(const X509Cert* cert, std::uint32_t type) {
     switch (type) {
         case LPCFG::ipsecid_t::kIp4:
-            return &cert->facts().altSubject.ipAddress;
+            return &cert->names().altSubject.ipAddress;
         case LPCFG::ipsecid_t::kFqdn:
-            return &cert->facts().altSubject.dnsName;
+            return &cert->names().altSubject.dnsName;
         case LPCFG::ipsecid_t::kEmail:
-            return &cert->facts().altSubject.email;
+            return &cert->names().altSubject.email;
         case LPCFG::ipsecid_t::kDn:
             return &cert->rawSubject;
         default:

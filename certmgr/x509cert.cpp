@@ -153,6 +153,13 @@ void X509Cert::SetKeyPairPublicKey(std::string spki) {
     info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, rawPubKey.data(), rawPubKey.size());
 }
 
+const CertNames& X509Cert::names() const {
+    std::call_once(names_read_, [this] {
+        if (certHandle != nullptr) CertEngine_GetCertNames(certHandle, names_);
+    });
+    return names_;
+}
+
 const CertExtentions& X509Cert::ext() const {
     std::call_once(ext_rendered_, [this] {
         auto rendered = std::make_unique<CertExtentions>();

@@ -62,8 +62,9 @@ CM_API void CertEngine_CloseCertHandle(void* cert);
 CM_API bool CertEngine_GetCertInfo(void* cert, CertInfo& info);
 /// Fills fingerprints and extensions.
 CM_API void CertEngine_GetCertExtentions(void* cert, CertExtentions& out);
-/// The part of it that decisions are made by, at half the price.
+/// The parts of it that decisions are made by, at a fraction of the price.
 CM_API void CertEngine_GetCertFacts(void* cert, CertFacts& out);
+CM_API void CertEngine_GetCertNames(void* cert, CertNames& out);
 /// Appends the dotted identifier of the public-key algorithm.
 CM_API void CertEngine_CertGetKeyAlgOid(void* cert, std::string* appended);
 /// Appends the dotted identifier of the outer signature algorithm.

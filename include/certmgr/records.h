@@ -89,10 +89,9 @@ struct AltSubject {
     std::string upn;  // Microsoft user principal name, UTF-8
 };
 
-/// What a certificate's extensions say that decisions are made by. Cheap to read; an absent extension leaves its members
-/// as they are here.
+/// What a certificate's extensions say that every verification needs. An absent extension leaves its members as they are
+/// here, also in the records below.
 struct CertFacts {
-    AltSubject altSubject;
     std::array<std::uint8_t, 2> keyUsageBits{};  // keyUsage BIT STRING; second byte bit 0: Decipher Only
     bool isCA = false;  // basicConstraints
     std::int32_t pathLen = -1;  // basicConstraints; -1: no constraint
@@ -100,9 +99,13 @@ struct CertFacts {
     bool hasIpsecIkeEku = false;  // id-kp-ipsecIKE listed
     std::string authorityKeyIdHex;
     std::string subjectKeyIdHex;
-    std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
     std::string firstUnknownCritical;
-    cert_time64_t privateKeyUsageEnd = CERT_TIME_UNKNOWN;
+};
+
+/// The names in a certificate's extensions that decisions are made by.
+struct CertNames {
+    AltSubject altSubject;
+    std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
 };
 
 /// Fingerprints and X.509v3 extensions of a certificate, whole. Text members are for display; empty when the extension
@@ -112,7 +115,7 @@ struct CertFacts {
 /// `authorityKeyId`, `subjectKeyIdHex`, the strings from `privateKeyUsagePeriod` to `crlDistributionPoints` but for
 /// `extKeyUsageOids`, `unknownExtensions`, `privateKeyUsageEnd` (8 bytes) and `firstUnknownCritical`. The rest stays
 /// local.
-struct CertExtentions : CertFacts {
+struct CertExtentions : CertFacts, CertNames {
     std::string md5;  // fingerprints of the whole DER, lower-case hexadecimal
     std::string sha1;
     std::string subjectAltName;
@@ -130,6 +133,7 @@ struct CertExtentions : CertFacts {
     std::string authorityInfoAccess;
     std::string crlDistributionPoints;
     std::vector<std::pair<std::string, std::string>> unknownExtensions;
+    cert_time64_t privateKeyUsageEnd = CERT_TIME_UNKNOWN;
 };
 
 /// Bits of CertFacts::keyUsageBits[0].

@@ -85,8 +85,10 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     /// fingerprint of the key. Only before the object is published.
     void SetKeyPairPublicKey(std::string spki);
 
-    /// What the extensions say that decisions are made by.
+    /// What the extensions say that every verification needs.
     const CertFacts& facts() const { return facts_; }
+    /// Alternative names and distribution points. The first call reads them; any thread may make it.
+    const CertNames& names() const;
     /// Fingerprints and extensions, whole. The first call renders them; any thread may make it.
     const CertExtentions& ext() const;
 
@@ -113,6 +115,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     void init();
 
     mutable std::uint32_t refCount = 1;
+    mutable std::once_flag names_read_;
+    mutable CertNames names_;
     mutable std::once_flag ext_rendered_;
     mutable std::unique_ptr<const CertExtentions> ext_;
 };
