@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "tests/support/der.h"
 #include "tests/support/pki.h"
 #include "tests/support/sockets.h"
 
@@ -51,12 +52,34 @@ std::string Base64(const std::string& der) {
     return text;
 }
 
-/// An HTTP server without keep-alive is asked for a file; returns when the answer has ended.
-void Ask(std::uint16_t port, const std::string& path) {
+/// Sends a request to a server that hangs up after its answer.
+void Ask(std::uint16_t port, const std::string& request) {
     const int socket = ConnectLoopback(port);
-    SendAll(socket, "GET " + path + " HTTP/1.0\r\n\r\n");
+    SendAll(socket, request);
     WaitForHangUp(socket);
     close(socket);
+}
+
+/// An anonymous search for an entry and the end of the session. RFC 4511, 4.5.1 and 4.3.
+std::string LdapSearch(const std::string& base) {
+    const std::string zero = der::Integer(0);
+    const auto enumerated = [](char value) { return der::Tlv(0x0A, std::string(1, value)); };
+    const std::string search = der::OctetString(base) + enumerated(0) + enumerated(0) + zero + zero +
+                               der::Boolean(false) + der::Implicit(7, "objectClass") + der::Sequence({});
+    return der::Sequence(der::Integer(1) + der::Tlv(0x63, search)) +
+           der::Sequence(der::Integer(2) + der::Tlv(0x42, {}));
+}
+
+/// How the log of slapd begins the line of a search.
+constexpr const char* kSearchLine = " SRCH base=";
+
+/// A server that ends with this process, however that ends, if the thread that starts it is still there.
+std::unique_ptr<Process> StartServer(std::vector<std::string> command, const std::string& ready) {
+    const std::string name = command.front();
+    command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
+    auto process = std::make_unique<Process>(command);
+    if (!process->WaitForOutput(ready)) throw std::runtime_error(name + ": " + process->Err());
+    return process;
 }
 
 unsigned CountOf(const std::string& text, const std::string& part) {
@@ -103,9 +126,7 @@ NginxServer::NginxServer(const TlsIdentity* tls) {
     WriteIdentity(dir_, tls);
     WriteConfiguration(tls != nullptr);
     const std::string folder = dir_.path().string() + "/";
-    process_ = std::make_unique<Process>(
-        std::vector<std::string>{"/usr/sbin/nginx", "-p", folder, "-e", "stderr", "-c", folder + "nginx.conf"});
-    if (!process_->WaitForOutput("OS: ")) throw std::runtime_error("nginx: " + process_->Err());
+    process_ = StartServer({"/usr/sbin/nginx", "-p", folder, "-e", "stderr", "-c", folder + "nginx.conf"}, "OS: ");
 }
 
 void NginxServer::WriteConfiguration(bool tls) const {
@@ -135,7 +156,7 @@ void NginxServer::Put(const std::string& name, const std::string& content) const
 
 unsigned NginxServer::Requests(const std::string& name) const {
     // A request is logged before the next is taken: after the answer to this one all others are in the file.
-    Ask(port_.number(), "/counted");
+    Ask(port_.number(), "GET /counted HTTP/1.0\r\n\r\n");
     return CountOf("\n" + ReadFile(dir_ / "access.log"), "\n/" + name + " ");
 }
 
@@ -147,9 +168,9 @@ SlapdServer::SlapdServer(const std::map<std::string, std::string>& crls, const T
     Load(crls);
     std::string listen = port_.Uri("ldap", "/");
     if (tls != nullptr) listen += " " + tls_port_.Uri("ldaps", "/");
-    process_ = std::make_unique<Process>(
-        std::vector<std::string>{dir_ / "slapd", "-d", "stats", "-h", listen, "-f", dir_ / "slapd.conf"});
-    if (!process_->WaitForOutput("slapd starting")) throw std::runtime_error("slapd: " + process_->Err());
+    // It says that it starts before it listens; what it says of its event loop comes after.
+    process_ = StartServer({dir_ / "slapd", "-d", "stats", "-d", "conns", "-h", listen, "-f", dir_ / "slapd.conf"},
+                           "daemon: epoll: listen=");
 }
 
 void SlapdServer::WriteConfiguration(bool tls) const {
@@ -187,7 +208,16 @@ std::string SlapdServer::TlsUri(const std::string& cn) const {
 }
 
 bool SlapdServer::WaitForSearches(unsigned count) const {
-    return process_->WaitForOutput(" SRCH base=", kWaitLimit, count);
+    return process_->WaitForOutput(kSearchLine, kWaitLimit, count);
+}
+
+unsigned SlapdServer::Searches() const {
+    const std::string base = "cn=counted";
+    Ask(port_.number(), LdapSearch(base));
+    const std::string line = kSearchLine + ('"' + base);
+    if (!process_->WaitForOutput(line)) throw std::runtime_error("slapd was not asked");
+    const std::string log = process_->Err();
+    return CountOf(log.substr(0, log.find(line)), kSearchLine);
 }
 
 }  // namespace test_support

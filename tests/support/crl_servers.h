@@ -13,8 +13,8 @@
 //     hostile.Release("/held");
 //
 // Each listens on a port of its own, keeps its files in a folder of its own, answers when its constructor returns and is
-// gone, with its processes and threads, when its destructor returns. Constructors throw std::runtime_error with what the
-// server said when it does not come up.
+// gone, with its processes and threads, when its destructor returns; the processes also when the test is killed.
+// Constructors throw std::runtime_error with what the server said when it does not come up.
 #pragma once
 
 #include <chrono>
@@ -107,6 +107,8 @@ class SlapdServer {
     std::string TlsUri(const std::string& cn) const;
     /// Waits until that many searches have come in.
     bool WaitForSearches(unsigned count) const;
+    /// Searches that came in so far. Makes one itself; to be called once.
+    unsigned Searches() const;
 
     static constexpr const char* kBinaryCrl = "certificateRevocationList;binary";
 
