@@ -36,7 +36,7 @@ AttributeTemplate& AttributeTemplate::Flag(CK_ATTRIBUTE_TYPE type, bool value) {
     return Bytes(type, std::string_view(value ? "\1" : "\0", 1));
 }
 
-AttributeReader::AttributeReader(const std::vector<Wanted>& wanted) {
+AttributeReader::AttributeReader(const std::vector<Wanted>& wanted, ByteBudget& budget) : budget_(budget) {
     attributes_.reserve(wanted.size());
     buffers_.reserve(wanted.size());
     for (const auto& [type, expected] : wanted) {
@@ -58,10 +58,13 @@ Result AttributeReader::Read(const Api& api, CK_SESSION_HANDLE session, CK_OBJEC
     Result result = api.GetAttributeValue(session, object, attributes_);
     if (result.rv == CKR_BUFFER_TOO_SMALL) result = ReadLong(api, session, object);
     if (IsPartial(result.rv)) result.rv = CKR_OK;
+    std::size_t total = 0;
     for (std::size_t i = 0; i < attributes_.size(); ++i) {
         CK_ULONG& length = attributes_[i].ulValueLen;
         if (!result.ok() || length > buffers_[i].size()) length = CK_UNAVAILABLE_INFORMATION;
+        total += Bytes(i).size();
     }
+    if (!budget_.Take(total)) result.rv = kRvTooManyBytes;
     return result;
 }
 
@@ -110,7 +113,8 @@ Result FindObjects(const Api& api, CK_SESSION_HANDLE session, AttributeTemplate&
         result = api.FindObjects(session, page, found);
         if (!result.ok() || found > page.size()) break;
         objects.insert(objects.end(), page.begin(), page.begin() + found);
-    } while (found > 0 && objects.size() < kMaxObjects);
+        if (objects.size() > kMaxObjects) result.rv = kRvTooManyObjects;
+    } while (found > 0 && result.ok());
     const Result final = api.FindObjectsFinal(session);
     return result.ok() ? final : result;
 }

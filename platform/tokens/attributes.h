@@ -34,6 +34,20 @@ class AttributeTemplate {
     std::vector<CK_ATTRIBUTE> attributes_;
 };
 
+/// What is left of the bytes that one operation may read from a token, whatever number of readers it has.
+class ByteBudget {
+  public:
+    explicit ByteBudget(std::size_t bytes = kMaxListingBytes) : left_(bytes) {}
+    bool Take(std::size_t bytes) {
+        if (bytes > left_) return false;
+        left_ -= bytes;
+        return true;
+    }
+
+  private:
+    std::size_t left_;
+};
+
 /// Reads the same attributes of one object after the other, each object with one call as long as its values fit the
 /// expected sizes. What was read stays until the next Read; buffers are wiped at the end.
 class AttributeReader {
@@ -43,12 +57,14 @@ class AttributeReader {
         CK_ULONG expected_bytes;
     };
 
-    explicit AttributeReader(const std::vector<Wanted>& wanted);
+    /// `budget` outlives the reader.
+    AttributeReader(const std::vector<Wanted>& wanted, ByteBudget& budget);
     ~AttributeReader();
     AttributeReader(const AttributeReader&) = delete;
     AttributeReader& operator=(const AttributeReader&) = delete;
 
-    /// An attribute that the object lacks or does not let out is no failure: it is just not there.
+    /// An attribute that the object lacks or does not let out is no failure: it is just not there. kRvTooManyBytes when
+    /// the budget is used up.
     Result Read(const Api& api, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object);
 
     // By position in the list of the constructor.
@@ -60,14 +76,12 @@ class AttributeReader {
   private:
     Result ReadLong(const Api& api, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object);
 
+    ByteBudget& budget_;
     std::vector<CK_ATTRIBUTE> attributes_;
     std::vector<std::string> buffers_;
 };
 
-/// Object handles of one listing that match.
-inline constexpr std::size_t kMaxObjects = 200000;
-
-/// Appends the handles of the objects that match all attributes, at most kMaxObjects.
+/// Appends the handles of the objects that match all attributes. kRvTooManyObjects when they are more than kMaxObjects.
 Result FindObjects(const Api& api, CK_SESSION_HANDLE session, AttributeTemplate& wanted,
                    std::vector<CK_OBJECT_HANDLE>& objects);
 

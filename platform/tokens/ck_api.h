@@ -22,6 +22,14 @@ struct Result {
 /// Not a CK_RV of the standard: the call did not return in time, or the module is not to be entered.
 inline constexpr CK_RV kRvNoAnswer = CKR_VENDOR_DEFINED | 0x6E6F0001UL;
 
+// Nor are these: what a token shows is more than is taken from it.
+inline constexpr CK_RV kRvTooManyObjects = CKR_VENDOR_DEFINED | 0x6E6F0002UL;
+inline constexpr CK_RV kRvTooManyBytes = CKR_VENDOR_DEFINED | 0x6E6F0003UL;
+/// Objects that one search finds, and bytes that are read for one listing or search, at most: far above the tokens of
+/// use, low enough for a hostile one.
+inline constexpr std::size_t kMaxObjects = 200000;
+inline constexpr std::size_t kMaxListingBytes = 256UL << 20;
+
 /// "CKR_DEVICE_ERROR"; "CKR_0x80000001" for a value without a name. The text lives as long as the thread.
 const char* RvName(CK_RV rv);
 /// The reverse; kRvUnknownName for a name that is not in the table.

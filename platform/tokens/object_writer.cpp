@@ -53,7 +53,8 @@ Result GenerateDsaParameters(Session& session, unsigned bits, AttributeTemplate&
     Result result = session.api().GenerateKey(session.handle(), mechanism, attributes.view(), object);
     if (!result.ok()) return result;
     constexpr CK_ULONG kBytes = kMaxDsaBits / 8;
-    AttributeReader reader({{CKA_PRIME, kBytes}, {CKA_SUBPRIME, kBytes}, {CKA_BASE, kBytes}});
+    ByteBudget budget;
+    AttributeReader reader({{CKA_PRIME, kBytes}, {CKA_SUBPRIME, kBytes}, {CKA_BASE, kBytes}}, budget);
     result = reader.Read(session.api(), session.handle(), object);
     if (result.ok()) {
         public_key.Bytes(CKA_PRIME, reader.Bytes(0)).Bytes(CKA_SUBPRIME, reader.Bytes(1));

@@ -88,15 +88,15 @@ struct KeyObject {
 
 /// Some modules fail to show the date of a private key that they hold encrypted; the rest is then read without it.
 Result ReadKeys(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, CK_OBJECT_CLASS object_class,
-                std::vector<KeyObject>& keys, bool& stale) {
+                ByteBudget& budget, std::vector<KeyObject>& keys, bool& stale) {
     const std::vector<AttributeReader::Wanted> undated = {{CKA_CLASS, sizeof(CK_ULONG)},
                                                           {CKA_KEY_TYPE, sizeof(CK_ULONG)},
                                                           {CKA_ID, kIdBytes},
                                                           {CKA_GOSTR3411_PARAMS, kIdBytes}};
     std::vector<AttributeReader::Wanted> dated = undated;
     dated.push_back({CKA_END_DATE, sizeof(CK_DATE)});
-    AttributeReader whole(dated);
-    AttributeReader part(undated);
+    AttributeReader whole(dated, budget);
+    AttributeReader part(undated, budget);
     for (const CK_OBJECT_HANDLE object : objects) {
         Result result = whole.Read(session.api(), session.handle(), object);
         const bool hidden = result.rv == CKR_GENERAL_ERROR || result.rv == CKR_FUNCTION_FAILED;
@@ -115,10 +115,10 @@ Result ReadKeys(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, 
 /// Reads the components of a key into strings of some kind; one that is not shown is empty.
 template <typename Component>
 Result ReadComponents(Session& session, CK_OBJECT_HANDLE key, std::span<const CK_ATTRIBUTE_TYPE> types,
-                      std::vector<Component>& components) {
+                      ByteBudget& budget, std::vector<Component>& components) {
     std::vector<AttributeReader::Wanted> wanted;
     for (const CK_ATTRIBUTE_TYPE type : types) wanted.push_back({type, kComponentBytes});
-    AttributeReader reader(wanted);
+    AttributeReader reader(wanted, budget);
     const Result result = reader.Read(session.api(), session.handle(), key);
     for (std::size_t i = 0; i < types.size(); ++i) components.emplace_back(reader.Bytes(i));
     return result;
@@ -136,9 +136,9 @@ struct KeyPairs {
 };
 
 /// Public keys are read only where private ones cannot be seen, or do not show their date.
-Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private_keys_visible, KeyPairs& pairs,
-                    bool& stale) {
-    const Result result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, pairs.keys, stale);
+Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private_keys_visible, ByteBudget& budget,
+                    KeyPairs& pairs, bool& stale) {
+    const Result result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, budget, pairs.keys, stale);
     if (!result.ok()) return result;
     const bool dates_hidden =
         std::any_of(pairs.keys.begin(), pairs.keys.end(), [](const KeyObject& key) { return key.date_hidden; });
@@ -148,7 +148,7 @@ Result ReadKeyPairs(Session& session, const ObjectListing& listing, bool private
     if (private_keys_visible && !dates_hidden) return result;
 
     std::vector<KeyObject> public_keys;
-    const Result more = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, public_keys, stale);
+    const Result more = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, budget, public_keys, stale);
     std::unordered_set<std::string> paired;
     for (const KeyObject& key : pairs.keys) paired.insert(key.id);
     for (KeyObject& key : public_keys) {
@@ -174,7 +174,8 @@ ListingOutcome ListObjects(Session& session, const std::shared_ptr<const ObjectC
     const auto listing = std::make_shared<ObjectListing>();
     const auto classes = std::make_shared<ObjectClasses>();
     classes->reserve(found.objects.size());
-    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}});
+    ByteBudget budget;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}}, budget);
     for (const CK_OBJECT_HANDLE object : found.objects) {
         CK_OBJECT_CLASS object_class = CK_UNAVAILABLE_INFORMATION;
         if (const auto it = known ? known->find(object) : ObjectClasses::const_iterator();
@@ -197,14 +198,16 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
                                                     bool private_keys_visible) {
     ObjectsOutcome<PKCS11::CertObject> outcome;
     KeyPairs pairs;
-    outcome.result = ReadKeyPairs(session, listing, private_keys_visible, pairs, outcome.stale);
+    ByteBudget budget;
+    outcome.result = ReadKeyPairs(session, listing, private_keys_visible, budget, pairs, outcome.stale);
     if (!outcome.result.ok()) return outcome;
 
     AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
                             {CKA_ID, kIdBytes},
                             {CKA_CERTIFICATE_CATEGORY, sizeof(CK_ULONG)},
                             {CKA_TRUSTED, sizeof(CK_BBOOL)},
-                            {CKA_VALUE, kCertificateBytes}});
+                            {CKA_VALUE, kCertificateBytes}},
+                           budget);
     std::unordered_set<std::string_view> certified;
     outcome.result =
         ReadEach(session, listing.certificates, CKO_CERTIFICATE, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
@@ -237,10 +240,12 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
 ObjectsOutcome<PKCS11::CRLObject> ReadCrls(Session& session, const ObjectListing& listing) {
     ObjectsOutcome<PKCS11::CRLObject> outcome;
     if (listing.data.empty()) return outcome;
+    ByteBudget budget;
     AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)},
                             {CKA_APPLICATION, kLabelBytes},
                             {CKA_OBJECT_ID, kIdBytes},
-                            {CKA_VALUE, kCrlBytes}});
+                            {CKA_VALUE, kCrlBytes}},
+                           budget);
     outcome.result = ReadEach(session, listing.data, CKO_DATA, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
         if (reader.Bytes(1) != kCrlApplication) return;
         outcome.objects.push_back({std::string(reader.Bytes(2)), std::string(reader.Bytes(3))});
@@ -250,7 +255,9 @@ ObjectsOutcome<PKCS11::CRLObject> ReadCrls(Session& session, const ObjectListing
 
 ObjectsOutcome<PKCS11::PresharedKeyObject> ReadPresharedKeys(Session& session, const ObjectListing& listing) {
     ObjectsOutcome<PKCS11::PresharedKeyObject> outcome;
-    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_KEY_TYPE, sizeof(CK_ULONG)}, {CKA_LABEL, kLabelBytes}});
+    ByteBudget budget;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_KEY_TYPE, sizeof(CK_ULONG)}, {CKA_LABEL, kLabelBytes}},
+                           budget);
     outcome.result =
         ReadEach(session, listing.secret_keys, CKO_SECRET_KEY, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
             if (reader.Number(1, CK_UNAVAILABLE_INFORMATION) != CKK_GENERIC_SECRET || reader.Bytes(2).empty()) return;
@@ -281,9 +288,10 @@ const PublicKeyIndex::Key* PublicKeyIndex::FindById(pki_alg_t alg, const std::st
 IndexOutcome IndexPublicKeys(Session& session, const ObjectListing& listing) {
     std::vector<KeyObject> keys;
     bool stale = false;
-    Result result = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, keys, stale);
+    ByteBudget budget;
+    Result result = ReadKeys(session, listing.public_keys, CKO_PUBLIC_KEY, budget, keys, stale);
     std::vector<KeyObject> private_keys;
-    if (result.ok()) result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, private_keys, stale);
+    if (result.ok()) result = ReadKeys(session, listing.private_keys, CKO_PRIVATE_KEY, budget, private_keys, stale);
     if (!result.ok()) return {result};
     // Only RSA private keys carry their public half under the same attributes.
     for (KeyObject& key : private_keys) {
@@ -292,7 +300,7 @@ IndexOutcome IndexPublicKeys(Session& session, const ObjectListing& listing) {
     auto index = std::make_shared<PublicKeyIndex>();
     for (KeyObject& key : keys) {
         std::vector<std::string> components;
-        result = ReadComponents(session, key.handle, PublicComponents(key.type), components);
+        result = ReadComponents(session, key.handle, PublicComponents(key.type), budget, components);
         if (IsGone(result.rv)) continue;
         if (!result.ok()) return {result};
         std::string spki = SpkiFromComponents(key.alg, components);
@@ -333,7 +341,8 @@ CertificatesOutcome FindCertificates(Session& session, const std::string& id) {
     CertificatesOutcome outcome{found.result};
     bool stale = false;
     if (!found.result.ok()) return outcome;
-    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_VALUE, kCertificateBytes}});
+    ByteBudget budget;
+    AttributeReader reader({{CKA_CLASS, sizeof(CK_ULONG)}, {CKA_VALUE, kCertificateBytes}}, budget);
     outcome.result = ReadEach(session, found.objects, CKO_CERTIFICATE, reader, stale, [&](CK_OBJECT_HANDLE object) {
         outcome.certificates.push_back({object, std::string(reader.Bytes(1))});
     });
@@ -356,7 +365,8 @@ DeleteOutcome Delete(Session& session, const FoundOutcome& found) {
 SecretOutcome ReadPresharedKey(Session& session, const std::string& name) {
     const FoundOutcome found = FindPresharedKeys(session, name);
     if (!found.result.ok()) return {found.result};
-    AttributeReader reader({{CKA_VALUE, kLabelBytes}});
+    ByteBudget budget;
+    AttributeReader reader({{CKA_VALUE, kLabelBytes}}, budget);
     for (const CK_OBJECT_HANDLE object : found.objects) {
         const Result result = reader.Read(session.api(), session.handle(), object);
         if (IsGone(result.rv)) continue;
@@ -371,11 +381,12 @@ SecretOutcome ReadPrivateKey(Session& session, const std::string& id) {
     if (!found.result.ok()) return {found.result};
     std::vector<KeyObject> keys;
     bool stale = false;
-    Result result = ReadKeys(session, found.objects, CKO_PRIVATE_KEY, keys, stale);
+    ByteBudget budget;
+    Result result = ReadKeys(session, found.objects, CKO_PRIVATE_KEY, budget, keys, stale);
     if (!result.ok() || keys.empty()) return {result};
     const KeyObject& key = keys.front();
     std::vector<vpnfc::SecretString> components;
-    result = ReadComponents(session, key.handle, PrivateComponents(key.type), components);
+    result = ReadComponents(session, key.handle, PrivateComponents(key.type), budget, components);
     if (!result.ok()) return {result};
     vpnfc::SecretString pkcs8 = Pkcs8FromComponents(key.alg, components);
     if (pkcs8.empty()) return {};

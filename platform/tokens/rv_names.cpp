@@ -118,8 +118,12 @@ static_assert(std::is_sorted(kNames.begin(), kNames.end(), [](const Name& a, con
 
 }  // namespace
 
+static_assert(kMaxObjects == 200000 && kMaxListingBytes == 256UL << 20, "the texts below name them");
+
 const char* RvName(CK_RV rv) {
     if (rv == kRvNoAnswer) return "no answer";
+    if (rv == kRvTooManyObjects) return "over the limit of 200000 objects";
+    if (rv == kRvTooManyBytes) return "over the limit of 256 MiB";
     const auto* const found =
         std::lower_bound(kNames.begin(), kNames.end(), rv, [](const Name& a, CK_RV b) { return a.rv < b; });
     if (found != kNames.end() && found->rv == rv) return found->name;

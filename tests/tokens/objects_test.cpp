@@ -204,6 +204,35 @@ TEST_F(Objects, ObjectGoneWhenReadIsSkipped) {
     EXPECT_EQ(errors.errors, std::vector<std::string>());
 }
 
+TEST_F(Objects, ListingsHaveLimits) {
+    control_.Set({"endless"});
+    ErrorLog errors;
+    std::list<CertObject> certificates;
+    EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPublic, nullptr, &errors).EnumCertificates(certificates));
+    EXPECT_EQ(errors.errors, std::vector<std::string>{"objects C_FindObjects over the limit of 200000 objects"});
+    EXPECT_FALSE(TokenSession(token_.info).EnumCertificates(certificates));
+    EXPECT_EQ(reports_.Count("\"objects\" (serial " + token_.info.serialNumber +
+                             ", provider forward): C_FindObjects failed: over the limit of 200000 objects"),
+              1U);
+    control_.Set({});
+
+    // A module that shows ten bytes of each attribute.
+    CK_FUNCTION_LIST list{};
+    list.C_GetAttributeValue = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE, CK_ATTRIBUTE* attributes, CK_ULONG count) {
+        for (CK_ULONG i = 0; i < count; ++i) attributes[i].ulValueLen = 10;
+        return CK_RV{CKR_OK};
+    };
+    const tokens::Api api(&list);
+    tokens::ByteBudget budget(45);
+    tokens::AttributeReader one({{CKA_VALUE, 100}}, budget);
+    tokens::AttributeReader two({{CKA_VALUE, 100}, {CKA_ID, 10}}, budget);
+    EXPECT_TRUE(one.Read(api, 1, 1).ok());
+    EXPECT_TRUE(two.Read(api, 1, 1).ok());
+    EXPECT_TRUE(one.Read(api, 1, 1).ok());
+    EXPECT_EQ(one.Read(api, 1, 1).rv, tokens::kRvTooManyBytes);
+    EXPECT_STREQ(tokens::RvName(tokens::kRvTooManyBytes), "over the limit of 256 MiB");
+}
+
 TEST_F(Objects, CrlsAndPresharedKeys) {
     TokenSession session(token_.info, TokenSession::kPrivate);
     const std::string crl = test_pki::MakeCrl({.entries = {{.serial = "\1"}}}, root_);

@@ -202,6 +202,14 @@ TEST_F(Trouble, ReadingEndsWhereTheTokenFails) {
     EXPECT_EQ(errors.errors.size(), 1U);
 }
 
+TEST_F(Trouble, SlotsHaveALimit) {
+    control_.Set({"slots 2000"});
+    ASSERT_TRUE(reports_.WaitFor("forward: has more than 1024 slots with a token; the others are left out"));
+    for (int i = 0; i < 3; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    EXPECT_TRUE(IsListed("one"));
+    EXPECT_EQ(reports_.Count("more than 1024 slots"), 1U);
+}
+
 // Sessions of a token that is gone end, whoever still has them, and whoever drops them does not wait for that.
 TEST_F(Trouble, SessionsDoNotOutliveTheirToken) {
     const tokens::TokenPtr token = tokens::Registry::Instance().Find(token_.info.id);

@@ -16,6 +16,8 @@
 //   flags LABEL BITS                   adds bits (hexadecimal) to CK_TOKEN_INFO.flags
 //   pose LABEL OTHER                   the token describes itself as the token OTHER does
 //   ghost                              every search finds one more object, which does not exist
+//   slots NUMBER                       as many more slots, after the others, that claim a token and have none
+//   endless                            no search ends: it finds objects that do not exist
 //   no-events                          C_WaitForSlotEvent answers CKR_FUNCTION_NOT_SUPPORTED
 //   trace FUNCTION                     appends "FUNCTION CKR" to the control file's name with ".trace" after each call
 //
@@ -64,7 +66,9 @@ struct Directives {
     std::map<std::string, milliseconds> delay;
     std::map<std::string, CK_FLAGS> flags;
     std::map<std::string, std::string> pose;
+    CK_ULONG slots = 0;
     bool ghost = false;
+    bool endless = false;
     bool no_events = false;
 };
 
@@ -79,7 +83,9 @@ Directives Parse(const std::string& path) {
         if (verb == "hide") directives.hidden.insert(name);
         if (verb == "hang") directives.hang.insert(name);
         if (verb == "trace") directives.trace.insert(name);
+        if (verb == "slots") directives.slots = std::stoul(name);
         if (verb == "ghost") directives.ghost = true;
+        if (verb == "endless") directives.endless = true;
         if (verb == "no-events") directives.no_events = true;
         if (verb == "delay") {
             long count = 0;
@@ -361,6 +367,7 @@ CK_RV GetSlotList(unsigned char token_present, CK_SLOT_ID* slots, CK_ULONG* coun
         if (rv != CKR_OK) return rv;
         list.resize(std::min<std::size_t>(all, list.size()));
         if (token_present != 0) std::erase_if(list, [](CK_SLOT_ID slot) { return Get().slots.IsHidden(slot); });
+        for (CK_ULONG i = Get().control.Get().slots; i > 0; --i) list.push_back(kGhost + i);
         const bool fits = slots == nullptr || *count >= list.size();
         *count = list.size();
         if (slots != nullptr && fits) std::copy(list.begin(), list.end(), slots);
@@ -428,7 +435,11 @@ CK_RV CloseSession(CK_SESSION_HANDLE session) {
 }
 
 CK_RV FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG capacity, CK_ULONG* found) {
-    return ForwardOnSession("C_FindObjects", session, [&](CK_FUNCTION_LIST& module) {
+    return ForwardOnSession("C_FindObjects", session, [&](CK_FUNCTION_LIST& module) -> CK_RV {
+        if (Get().control.Get().endless) {
+            std::fill_n(objects, *found = capacity, kGhost);
+            return CKR_OK;
+        }
         const CK_RV rv = module.C_FindObjects(session, objects, capacity, found);
         // On the last page, which is not full.
         if (rv == CKR_OK && *found > 0 && *found < capacity && Get().control.Get().ghost) objects[(*found)++] = kGhost;
