@@ -175,7 +175,9 @@ bool Provision(const ProvisionOptions& options) {
     if (!ReadOrMakePin(options.pin_file, pin) || !ReadOrMakePin(options.so_pin_file, so_pin)) return false;
 
     std::string error;
-    const tokens::Settings settings{.providers = {{.name = "softhsm", .module_path = tokens::SoftHsmModulePath()}}};
+    const std::string module = tokens::SoftHsmModulePath();
+    if (module.empty()) return Complain("SoftHSM2 is not installed: install softhsm2");
+    const tokens::Settings settings{.providers = {{.name = "softhsm", .module_path = module}}};
     if (!tokens::PrepareSoftHsm(options.state, error) || !tokens::Start(settings, error)) return Complain(error);
 
     PKCS11::TokenInfo token;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -203,11 +204,20 @@ std::string DefaultSoftHsmDirectory() {
     return home == nullptr ? std::string() : std::string(home) + "/.local/state/certmgr/softhsm";
 }
 
-void SetHostDefaults(Tokens& tokens) {
-    if (tokens.softhsm_directory.empty()) tokens.softhsm_directory = DefaultSoftHsmDirectory();
-    if (!tokens.manager.providers.empty()) return;
-    const std::string module = ::tokens::SoftHsmModulePath();
-    if (!module.empty()) tokens.manager.providers.push_back({.name = "softhsm", .module_path = module});
+bool IsSoftHsm(const tokens::Provider& provider) {
+    return std::filesystem::path(provider.module_path).filename().string().starts_with("libsofthsm2");
+}
+
+void SetHostDefaults(Tokens& tokens, const std::string& softhsm_module, ProblemList& problems) {
+    std::vector<::tokens::Provider>& providers = tokens.manager.providers;
+    if (providers.empty() && softhsm_module.empty()) {
+        problems.Add(Problem::Kind::kWarning, {}, "no [[tokens.provider]], and SoftHSM2 is not installed: no tokens",
+                     "install softhsm2 or name a PKCS #11 module");
+    } else if (providers.empty()) {
+        providers.push_back({.name = "softhsm", .module_path = softhsm_module});
+    }
+    const bool uses_softhsm = std::any_of(providers.begin(), providers.end(), IsSoftHsm);
+    if (uses_softhsm && tokens.softhsm_directory.empty()) tokens.softhsm_directory = DefaultSoftHsmDirectory();
 }
 
 std::string Counted(std::size_t number, std::string_view what) {
@@ -251,7 +261,7 @@ std::string Problem::Sentence() const {
     return suggestion.empty() ? text : text + "; " + suggestion;
 }
 
-LoadResult Load(const std::string& path) {
+LoadResult Load(const std::string& path, const std::string& softhsm_module) {
     std::error_code ignored;
     ProblemList problems(std::filesystem::absolute(path, ignored).lexically_normal());
     LoadResult result;
@@ -262,7 +272,7 @@ LoadResult Load(const std::string& path) {
     }
     result.ok = problems.errors() == 0;
     if (result.ok) {
-        SetHostDefaults(result.settings.tokens);
+        SetHostDefaults(result.settings.tokens, softhsm_module, problems);
     } else {
         result.settings = Settings();
     }

@@ -46,7 +46,8 @@ struct Log {
 struct Tokens {
     /// Without any provider in the file: the system's SoftHSM2, if it is installed, under the name "softhsm".
     tokens::Settings manager{};
-    std::string softhsm_directory{};  // state directory of SoftHSM2; by default below the user's state directory
+    /// State directory of SoftHSM2; by default below the user's state directory when a provider is SoftHSM2, else empty.
+    std::string softhsm_directory{};
 };
 
 struct Settings {
@@ -84,8 +85,9 @@ struct LoadResult {
 /// Bytes of a settings file that are read at most.
 inline constexpr std::size_t kMaxFileBytes = 1U << 20;
 
-/// Reads a settings file. Relative paths in it are taken from the file's folder.
-PLATFORM_API LoadResult Load(const std::string& path);
+/// Reads a settings file. Relative paths in it are taken from the file's folder. `softhsm_module` is used when it names
+/// no provider; empty: SoftHSM2 is not installed.
+PLATFORM_API LoadResult Load(const std::string& path, const std::string& softhsm_module = tokens::SoftHsmModulePath());
 
 /// Puts the certificate and the log block into LPARAMS::server, each under its own mutex. Then, without a mutex, calls
 /// the change callbacks of the certificate block: with true at the first Apply of the process, with false at a later

@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -18,15 +19,26 @@ constexpr const char* kModulePaths[] = {
     "/usr/local/lib/softhsm/libsofthsm2.so",
 };
 
-/// Makes the folder if it is not there, for its owner alone.
+/// Makes the folder, for its owner alone, if it is not there. One that is there must be like that already: who could
+/// read it has read it.
 bool MakePrivateFolder(const fs::path& folder, std::string& error) {
     std::error_code code;
     fs::create_directories(folder.parent_path(), code);
     if (!code && mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) code.assign(errno, std::generic_category());
-    if (!code) fs::permissions(folder, fs::perms::owner_all, code);
-    if (!code && !fs::is_directory(folder, code) && !code) code = std::make_error_code(std::errc::not_a_directory);
-    if (code) error = folder.string() + ": " + code.message();
-    return !code;
+    struct stat status {};
+    if (!code && stat(folder.c_str(), &status) != 0) code.assign(errno, std::generic_category());
+    std::string reason;
+    if (code) {
+        reason = code.message();
+    } else if (!S_ISDIR(status.st_mode)) {
+        reason = "is not a directory";
+    } else if (status.st_uid != geteuid()) {
+        reason = "belongs to another user";
+    } else if ((status.st_mode & 077) != 0) {
+        reason = "can be read or written by others; its mode must be 0700";
+    }
+    if (!reason.empty()) error = folder.string() + ": " + reason;
+    return reason.empty();
 }
 
 }  // namespace

@@ -91,8 +91,9 @@ PLATFORM_API PinResult ChangePin(const PKCS11::TokenInfo& token, const vpnfc::Se
 PLATFORM_API bool InitToken(const std::string& provider, const std::string& label, const vpnfc::SecretString& so_pin,
                             const vpnfc::SecretString& user_pin, PKCS11::TokenInfo& token, std::string& error);
 
-/// Makes `folder` (mode 0700; missing parents are made) a private state directory of SoftHSM2, with its configuration, and points
-/// the process's environment at it. Call before Start and before other threads run.
+/// Makes `folder` (mode 0700; missing parents are made) a private state directory of SoftHSM2, with its configuration,
+/// and points the process's environment at it. One that others can read or write is refused as it is. Call before Start
+/// and before other threads run.
 PLATFORM_API bool PrepareSoftHsm(const std::string& folder, std::string& error);
 /// Where the system's SoftHSM2 module stands; empty when it is not installed.
 PLATFORM_API std::string SoftHsmModulePath();

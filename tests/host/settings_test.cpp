@@ -148,6 +148,35 @@ TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
     EXPECT_FALSE(read.tokens.manager.pin_files[0].login_on_insertion);
 }
 
+TEST_F(Settings, SoftHsmIsWhatRemainsWhenNothingIsNamed) {
+    const std::string provider = "[[tokens.provider]]\nname = \"p\"\nmodule = ";
+    const struct {
+        std::string content;
+        std::string installed;
+        std::string used;
+        bool has_directory;
+        std::size_t problems;
+    } cases[] = {
+        {"", "/lib/libsofthsm2.so", "/lib/libsofthsm2.so", true, 0},
+        {"", "", "", false, 1},
+        {provider + "\"/opt/libsofthsm2.so\"\n", "", "/opt/libsofthsm2.so", true, 0},
+        {provider + "\"/lib/card.so\"\n", "/lib/libsofthsm2.so", "/lib/card.so", false, 0},
+        {"[tokens]\nsofthsm_directory = \"/state\"\n" + provider + "\"/lib/card.so\"\n", "", "/lib/card.so", true, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.content + c.installed);
+        const LoadResult loaded = settings::Load(Write(c.content), c.installed);
+        ASSERT_TRUE(loaded.ok);
+        const settings::Tokens& tokens = loaded.settings.tokens;
+        EXPECT_EQ(tokens.manager.providers.empty() ? "" : tokens.manager.providers[0].module_path, c.used);
+        EXPECT_EQ(!tokens.softhsm_directory.empty(), c.has_directory);
+        EXPECT_EQ(loaded.problems.size(), c.problems);
+    }
+    EXPECT_EQ(settings::Load(Write(""), "").problems.at(0).Sentence(),
+              "no [[tokens.provider]], and SoftHSM2 is not installed: no tokens; install softhsm2 or name a PKCS #11 "
+              "module");
+}
+
 // The section of a document whose heading ends with the title (in backquotes when it is a table of the file).
 std::string Section(const std::string& document, std::string_view title) {
     const std::string quote = title.starts_with('[') ? "`" : "";

@@ -169,6 +169,18 @@ TEST_F(Host, StateDirectoriesArePrivate) {
     ASSERT_TRUE(tokens::PrepareSoftHsm(folder, error)) << "again";
     EXPECT_FALSE(tokens::PrepareSoftHsm("relative", error));
     EXPECT_FALSE(tokens::PrepareSoftHsm(control_.path().string() + "/below", error));
+    EXPECT_FALSE(tokens::PrepareSoftHsm(control_.path().string(), error));
+    EXPECT_NE(error.find("is not a directory"), std::string::npos) << error;
+
+    // A folder that others can read stays as it is: they have seen what is in it.
+    for (const char* part : {"", "/tokens"}) {
+        ASSERT_EQ(chmod((folder + part).c_str(), 0750), 0);
+        EXPECT_FALSE(tokens::PrepareSoftHsm(folder, error));
+        EXPECT_EQ(error, folder + part + ": can be read or written by others; its mode must be 0700");
+        ASSERT_EQ(stat((folder + part).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0750U);
+        ASSERT_EQ(chmod((folder + part).c_str(), 0700), 0);
+    }
 }
 
 }  // namespace
