@@ -1,21 +1,29 @@
 // Whether a CRL covers a certificate (RFC 5280, 5.2.5).
 #include <algorithm>
 
+#include <utility>
+
 #include "certmgr/x509cert.h"
 
 namespace CM {
 
 namespace {
 
-bool Holds(const std::vector<std::string>& list, const std::string& value) {
+using Strings = std::vector<std::string>;
+
+bool Holds(const Strings& list, const std::string& value) {
     return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+bool Meet(const Strings& one, const Strings& other) {
+    return std::any_of(one.begin(), one.end(), [&other](const std::string& value) { return Holds(other, value); });
 }
 
 /// Whether the issuing distribution point is where the CRL came from, or one that the certificate names.
 bool PointFits(const CrlScope& scope, const std::string& source_uri, const X509Cert& cert) {
-    if (!scope.namesPoint || (!source_uri.empty() && Holds(scope.uris, source_uri))) return true;
-    return std::any_of(scope.uris.begin(), scope.uris.end(),
-                       [&cert](const std::string& uri) { return Holds(cert.names().crlUris, uri); });
+    if (!scope.namesPoint) return true;
+    if (!source_uri.empty() && Holds(scope.uris, source_uri)) return true;
+    return Meet(scope.uris, cert.names().crlUris) || Meet(scope.otherNames, cert.names().crlOtherNames);
 }
 
 /// Why the kind of CRL, or of certificate, forbids it; empty when nothing does.
@@ -26,8 +34,8 @@ std::string WrongKind(const CrlScope& scope, const X509Cert& cert) {
     if (scope.indirectCRL) return "indirect CRL";
     if (scope.onlySomeReasons) return "for some revocation reasons only";
     if (scope.onlyContainsAttributeCerts) return "for attribute certificates only";
-    if (scope.onlyContainsUserCerts && cert.ext().isCA) return "for user certificates only";
-    if (scope.onlyContainsCACerts && !cert.ext().isCA) return "for CA certificates only";
+    if (scope.onlyContainsUserCerts && cert.facts().isCA) return "for user certificates only";
+    if (scope.onlyContainsCACerts && !cert.facts().isCA) return "for CA certificates only";
     return {};
 }
 

@@ -40,7 +40,7 @@ class ErrorMark {
     ErrorMark& operator=(const ErrorMark&) = delete;
 };
 
-/// Library context in which certificates and CRLs are parsed; null (the default context) while the engine is stopped.
+/// Library context in which certificates are parsed; null (the default context) while the engine is stopped.
 OSSL_LIB_CTX* ParseContext();
 /// Digests fetched at start; null while the engine is stopped.
 const EVP_MD* Md5();
@@ -69,7 +69,6 @@ struct Parser {
     static Ptr FromPem(std::string_view text, const char* kind) { return FromDer(PemPayload(text, kind)); }
 };
 using CertParser = Parser<X509, X509_new_ex, d2i_X509, X509_free, kMaxCertificateBytes>;
-using CrlParser = Parser<X509_CRL, X509_CRL_new_ex, d2i_X509_CRL, X509_CRL_free, kMaxCrlBytes>;
 
 /// Replaces `digest` by the digest of the bytes.
 bool Digest(const EVP_MD* md, std::string_view bytes, std::string& digest);
@@ -105,6 +104,11 @@ bool EncodeTo(T* object, int (*i2d)(T*, unsigned char**), std::string& out) {
 /// Code of a certificate's or CRL's signature algorithm: an algorithm whose key and signature identifiers are one and
 /// the same (Ed25519) reads as signature algorithm here.
 pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm);
+
+/// Packed time of the content of a UTCTime or GeneralizedTime, as ASN1_TIME_to_time_t reads it.
+cert_time64_t PackedTime(int type, std::string_view content);
+/// Text of an integer, as ASN1_INTEGER_to_std_string writes it.
+std::string NumberText(bool negative, std::string_view magnitude);
 
 /// Replaces `tbs` by the to-be-signed part as it was received: the first element of the whole encoding, which
 /// libcrypto keeps byte for byte. `der` is the whole object as libcrypto writes it; algorithm and signature are its

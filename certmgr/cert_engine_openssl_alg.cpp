@@ -145,13 +145,7 @@ bool X509_ALGOR_to_std_string_(const X509_ALGOR* algorithm, std::string* appende
 }
 
 cert_time64_t ASN1_TIME_to_time_t(const ASN1_TIME* time) {
-    if (time == nullptr) return CERT_TIME_UNKNOWN;
-    const int type = ASN1_STRING_type(time);
-    if (type != V_ASN1_UTCTIME && type != V_ASN1_GENERALIZEDTIME) return CERT_TIME_UNKNOWN;
-    std::string_view text = BytesOf(time);
-    std::tm tm{};
-    if (!ReadYear(type, text, tm) || !ReadMonthToSecond(text, tm)) return CERT_TIME_UNKNOWN;
-    return CertTimeFromTm(tm);
+    return time == nullptr ? CERT_TIME_UNKNOWN : cert_engine::PackedTime(ASN1_STRING_type(time), BytesOf(time));
 }
 
 bool ASN1_OBJECT_to_std_string(ASN1_OBJECT* object, std::string& appended, StringOidFormat format) {
@@ -167,23 +161,9 @@ bool ASN1_OBJECT_to_std_string(ASN1_OBJECT* object, std::string& appended, Strin
     return true;
 }
 
-// The text of i2a_ASN1_INTEGER, long numbers broken as it breaks them. CRLs have a million numbers: no stream.
 bool ASN1_INTEGER_to_std_string(ASN1_INTEGER* number, std::string& text) {
     if (number == nullptr) return false;
-    constexpr std::size_t kBytesInLine = 35;
-    constexpr std::string_view kLineBreak = "\\\n";
-    constexpr std::string_view kDigits = "0123456789ABCDEF";
-    const std::string_view bytes = BytesOf(number);
-    text.clear();
-    text.reserve(2 * bytes.size() + 2);
-    if ((ASN1_STRING_type(number) & V_ASN1_NEG) != 0) text += '-';
-    if (bytes.empty()) text += "00";
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i != 0 && i % kBytesInLine == 0) text += kLineBreak;
-        const auto byte = static_cast<unsigned char>(bytes[i]);
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
-    }
+    text = cert_engine::NumberText((ASN1_STRING_type(number) & V_ASN1_NEG) != 0, BytesOf(number));
     return true;
 }
 
@@ -207,6 +187,31 @@ void X509_NAME_to_utf8(X509_NAME* name, std::string& text) {
 }
 
 namespace cert_engine {
+
+cert_time64_t PackedTime(int type, std::string_view content) {
+    if (type != V_ASN1_UTCTIME && type != V_ASN1_GENERALIZEDTIME) return CERT_TIME_UNKNOWN;
+    std::tm tm{};
+    if (!ReadYear(type, content, tm) || !ReadMonthToSecond(content, tm)) return CERT_TIME_UNKNOWN;
+    return CertTimeFromTm(tm);
+}
+
+// The text of i2a_ASN1_INTEGER, long numbers broken as it breaks them. CRLs have a million numbers: no stream.
+std::string NumberText(bool negative, std::string_view magnitude) {
+    constexpr std::size_t kBytesInLine = 35;
+    constexpr std::string_view kLineBreak = "\\\n";
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    std::string text;
+    text.reserve(2 * magnitude.size() + 2);
+    if (negative) text += '-';
+    if (magnitude.empty()) text += "00";
+    for (std::size_t i = 0; i < magnitude.size(); ++i) {
+        if (i != 0 && i % kBytesInLine == 0) text += kLineBreak;
+        const auto byte = static_cast<unsigned char>(magnitude[i]);
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 0xF];
+    }
+    return text;
+}
 
 std::string_view NameDer(const X509_NAME* name) {
     const unsigned char* der = nullptr;

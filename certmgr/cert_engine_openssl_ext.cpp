@@ -366,24 +366,35 @@ bool PolicyConstraints(X509_EXTENSION* extension, const Sinks& out) {
     return true;
 }
 
-bool CrlDistributionPoints(X509_EXTENSION* extension, const Sinks& out) {
+const GENERAL_NAMES* FullName(const DIST_POINT& point) {
     constexpr int kFullName = 0;
+    const bool has_one = point.distpoint != nullptr && point.distpoint->type == kFullName;
+    return has_one ? point.distpoint->name.fullname : nullptr;
+}
+
+bool CrlDistributionPoints(X509_EXTENSION* extension, const Sinks& out) {
     const auto points = Decode<CRL_DIST_POINTS>(extension, ASN1_ITEM_rptr(CRL_DIST_POINTS));
     if (points == nullptr) return false;
     std::string text;
     std::vector<std::string> uris;
+    std::vector<std::string> others;
     int number = 0;
     ForEach<DIST_POINT>(points.get(), [&](const DIST_POINT& point) {
-        if (point.distpoint == nullptr || point.distpoint->type != kFullName) return;
+        const GENERAL_NAMES* const names = FullName(point);
+        if (names == nullptr) return;
         if (number != 0) text += '\n';
         text += Numbered(++number, " CRL Distribution Point");
-        ForEach<GENERAL_NAME>(point.distpoint->name.fullname, [&](const GENERAL_NAME& name) {
-            if (name.type != GEN_URI) return;
+        ForEach<GENERAL_NAME>(names, [&](const GENERAL_NAME& name) {
+            if (name.type != GEN_URI) {
+                others.push_back(cert_engine::Encode(&name, i2d_GENERAL_NAME));
+                return;
+            }
             uris.emplace_back(BytesOf(name.d.uniformResourceIdentifier));
             text.append("\n    URI=").append(uris.back());
         });
     });
     out.names.crlUris = std::move(uris);
+    out.names.crlOtherNames = std::move(others);
     if (out.texts != nullptr) out.texts->crlDistributionPoints = std::move(text);
     return true;
 }

@@ -10,14 +10,15 @@
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
+#include "certmgr/cert_engine_openssl_crl.h"
 
 using cert_engine::BioPtr;
 using cert_engine::CertParser;
-using cert_engine::CrlParser;
 using cert_engine::ErrorMark;
 
 namespace {
 
+using X509CrlPtr = cert_engine::Owner<X509_CRL, X509_CRL_free>;
 using Pkcs12Ptr = cert_engine::Owner<PKCS12, PKCS12_free>;
 using Pkcs7Parser = cert_engine::Parser<PKCS7, PKCS7_new_ex, d2i_PKCS7, PKCS7_free, kMaxBundleBytes>;
 
@@ -85,8 +86,17 @@ void MoveCerts(STACK_OF(X509) * stack, std::vector<void*>& handles) {
     }
 }
 
+void* CrlHandle(std::string der) {
+    return cert_engine::CreateCrlHandle(std::make_shared<const std::string>(std::move(der)));
+}
+
 void MoveCrls(STACK_OF(X509_CRL) * stack, std::vector<void*>& handles) {
-    while (X509_CRL* const crl = sk_X509_CRL_pop(stack)) handles.push_back(crl);
+    while (X509_CRL* const popped = sk_X509_CRL_pop(stack)) {
+        const X509CrlPtr crl(popped);
+        if (void* const handle = CrlHandle(cert_engine::Encode<const X509_CRL>(popped, i2d_X509_CRL))) {
+            handles.push_back(handle);
+        }
+    }
 }
 
 }  // namespace
@@ -107,13 +117,13 @@ void* CertEngine_ReadPEMCertData(const std::string& text) {
 void* CertEngine_ReadPEMCRLData(const std::string& text) {
     if (text.empty() || text.size() > kMaxCrlTextBytes) return nullptr;
     const ErrorMark mark;
-    if (auto crl = CrlParser::FromPem(text, PEM_STRING_X509_CRL)) return crl.release();
+    if (void* const crl = CrlHandle(cert_engine::PemPayload(text, PEM_STRING_X509_CRL))) return crl;
     if (BeginsWithMarker(text, kCrlBegin)) return nullptr;
     std::string_view body = text;
     if (body.back() == '\0') body.remove_suffix(1);
     std::string pem(kCrlBegin);
     pem.append("\n").append(body).append("\n").append(kCrlEnd);
-    return CrlParser::FromPem(pem, PEM_STRING_X509_CRL).release();
+    return CrlHandle(cert_engine::PemPayload(pem, PEM_STRING_X509_CRL));
 }
 
 int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<void*>& certs, std::vector<void*>* crls) {

@@ -1,5 +1,10 @@
 #include "certmgr/cert_findcrl.h"
 
+#include <cstddef>
+#include <string_view>
+#include <utility>
+#include <vector>
+
 #include "certmgr/cert_verifychain.h"
 #include "certmgr/log.h"
 #include "platform/params.h"
@@ -17,7 +22,7 @@ bool LogsDetails() {
     return LPARAMS::server.log.crl_details;
 }
 
-/// Why the CRL is not one that the issuer signs, as the log says it; empty when it may be.
+/// Why the CRL cannot be the issuer's, as the log says it; empty when its signature must tell.
 std::string Mismatch(const X509CRL& crl, const X509Cert& issuer) {
     if ((crl.info.signAlg & PKI_KEY_MASK) != (issuer.info.keyAlg & PKI_ALG_MASK)) {
         return std::string("sign alg missmatch (").append(ttt_pki_alg_to_str(crl.info.signAlg)).append(")");
@@ -32,26 +37,42 @@ std::string Dates(const X509CRL& crl) {
            ", imported at: " + CertTimeToString(crl.downloadedAt);
 }
 
-CrlRef Search(const std::vector<CrlRef>& crls, const X509Cert& issuer, std::string* log) {
-    std::string checked;
-    std::size_t count = 0;
-    CrlRef chosen;
-    for (const CrlRef& crl : crls) {
-        ++count;
-        std::string why_not = Mismatch(*crl, issuer);
-        if (why_not.empty()) why_not = SignatureCheckText(crl->CheckSignature(&issuer));
-        if (why_not.empty()) {
-            chosen = crl;
-            break;
-        }
-        checked.append(kCrlItem).append(why_not);
+using Verdicts = std::vector<std::pair<std::size_t, SignatureCheck>>;  // by position
+
+/// Position of the CRL that the walk through the list takes; the list's size when it takes none. `verdicts` receives
+/// those on the signatures before it.
+std::size_t Choose(const CrlList& crls, const X509Cert& issuer, Verdicts& verdicts) {
+    for (const std::uint32_t position : crls.WithIssuer(issuer.info.subject)) {
+        const X509CRL& crl = *crls[position];
+        if (!Mismatch(crl, issuer).empty()) continue;
+        const SignatureCheck check = crl.CheckSignature(&issuer);
+        if (check == kSignatureRight) return position;
+        verdicts.emplace_back(position, check);
     }
+    return crls.size();
+}
+
+void ListPassedOver(const CrlList& crls, std::size_t count, const X509Cert& issuer, const Verdicts& verdicts,
+                    std::string& log) {
+    auto verdict = verdicts.begin();
+    for (std::size_t i = 0; i < count; ++i) {
+        log.append(kCrlItem).append(Mismatch(*crls[i], issuer));
+        if (verdict != verdicts.end() && verdict->first == i) log.append(SignatureCheckText((verdict++)->second));
+    }
+}
+
+CrlRef Search(const CrlList& crls, const X509Cert& issuer, std::string* log) {
+    Verdicts verdicts;
+    const std::size_t position = Choose(crls, issuer, verdicts);
+    const CrlRef chosen = position != crls.size() ? crls[position] : nullptr;
     if (log == nullptr) return chosen;
     if (chosen != nullptr && !LogsDetails()) {
         log->append(kChosenCrl).append(Dates(*chosen));
         return chosen;
     }
-    log->append(kCheckedCrls).append(std::to_string(count)).append("):").append(checked);
+    const std::size_t count = position + (chosen != nullptr ? 1 : 0);
+    log->append(kCheckedCrls).append(std::to_string(count)).append("):");
+    ListPassedOver(crls, position, issuer, verdicts, *log);
     if (chosen != nullptr) log->append(kCrlItem).append("ok: ").append(Dates(*chosen));
     return chosen;
 }
@@ -63,7 +84,7 @@ CrlRef cm_crl_search_in_db_unlocked_(const X509Cert* /*cert*/, const X509Cert* i
 }
 
 CrlRef FindStoreCrl(const X509Cert* /*cert*/, const X509Cert* issuer, std::string* log) {
-    std::vector<CrlRef> crls;
+    CrlList crls;
     {
         const CertStorage& storage = CertStorage::Instance();
         const vpnfc::ReadLock lock(storage);

@@ -1,5 +1,7 @@
 #include "cert_index.h"
 
+#include <utility>
+
 namespace CM {
 
 namespace {
@@ -31,6 +33,11 @@ CertIndex::CertIndex(const std::vector<X509Cert*>& certs) {
         const X509Cert& cert = *certs[i];
         return std::optional(ObjectHash(cert.token.id, cert.info.id, cert.rawCert));
     });
+}
+
+CrlIndex::CrlIndex(std::vector<CrlRef> crls) : crls_(std::move(crls)) {
+    by_issuer_.Build(crls_.size(),
+                     [&](std::size_t i) { return std::optional<std::string_view>(crls_[i]->info.issuer); });
 }
 
 }  // namespace CM

@@ -89,4 +89,17 @@ class CertIndex {
     PositionMap<std::uint64_t> by_object_;
 };
 
+/// A list of CRLs and its index.
+class CrlIndex {
+  public:
+    explicit CrlIndex(std::vector<CrlRef> crls);
+
+    const std::vector<CrlRef>& crls() const { return crls_; }
+    std::span<const std::uint32_t> WithIssuer(std::string_view issuer) const { return by_issuer_.At(issuer); }
+
+  private:
+    std::vector<CrlRef> crls_;
+    PositionMap<std::string_view> by_issuer_;
+};
+
 }  // namespace CM

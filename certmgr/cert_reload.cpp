@@ -1,5 +1,6 @@
 #include "cert_reload.h"
 
+#include <algorithm>
 #include <initializer_list>
 #include <list>
 #include <string_view>
@@ -85,6 +86,10 @@ ReloadPass::ReloadPass(CertStorage& storage, std::uint32_t what)
       key_pair_(storage.keyPairCerts) {}
 
 void ReloadPass::ReadTokens() {
+    if ((what_ & kReloadCRLs) != 0) {
+        const vpnfc::ReadLock lock(storage_);  // CRLs are added outside of reloads, too
+        for (const CrlRef& crl : storage_.crls) old_crls_.emplace(std::pair(crl->token.id, crl->info.id), crl);
+    }
     for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
         PKCS11::TokenSession session(token);
         if (!session) continue;
@@ -147,7 +152,18 @@ void ReloadPass::ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::
 void ReloadPass::ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
     std::list<PKCS11::CRLObject> objects;
     session.EnumCRLs(objects);
-    for (const PKCS11::CRLObject& object : objects) crls_.push_back(std::make_shared<X509CRL>(token, object));
+    for (PKCS11::CRLObject& object : objects) {
+        const CrlRef old = FindOld(token, object);
+        crls_.push_back(old != nullptr ? std::make_shared<X509CRL>(token, *old)
+                                       : std::make_shared<X509CRL>(token, std::move(object)));
+    }
+}
+
+/// The store's object of a CRL that is still the same: a large one is not read anew.
+CrlRef ReloadPass::FindOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object) const {
+    const auto [first, last] = old_crls_.equal_range({token.id, object.id});
+    const auto same = std::find_if(first, last, [&](const auto& old) { return old.second->rawCrl() == object.value; });
+    return same != last ? same->second : nullptr;
 }
 
 void ReloadPass::Prepare() {
@@ -158,6 +174,7 @@ void ReloadPass::Prepare() {
         keys_disappeared_ = NamesWithoutPartner(storage_.presharedKeys, preshared_keys_);
         keys_appeared_ = NamesWithoutPartner(preshared_keys_, storage_.presharedKeys);
     }
+    next_crls_ = CrlList(std::move(crls_));
 }
 
 void ReloadPass::Swap() {
@@ -165,7 +182,7 @@ void ReloadPass::Swap() {
         if (change->Any()) change->list.Swap(change->next);
     }
     if ((what_ & kReloadPresharedKeys) != 0) storage_.presharedKeys.swap(preshared_keys_);
-    if ((what_ & kReloadCRLs) != 0) storage_.crls.swap(crls_);
+    if ((what_ & kReloadCRLs) != 0) storage_.crls.Swap(next_crls_);
 }
 
 bool ReloadPass::Report() {

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "certmgr/cert_storage.h"
@@ -45,6 +47,7 @@ class ReloadPass {
     void Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
     void ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
     void ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
+    CrlRef FindOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object) const;
     void ReportCertificates() const;
     void ReportPresharedKeys() const;
 
@@ -58,6 +61,8 @@ class ReloadPass {
     std::vector<std::string> keys_appeared_;
     std::vector<std::string> keys_disappeared_;
     std::vector<CrlRef> crls_;
+    std::multimap<std::pair<std::uint64_t, std::string>, CrlRef> old_crls_;  // by token and object identifier
+    CrlList next_crls_;  // after the swap: what the store held before
 };
 
 }  // namespace CM

@@ -121,6 +121,24 @@ CertStorage::CopyCertificates::CopyCertificates(const CertStorage& storage, cons
     for (X509Cert* cert : list) Append(cert);
 }
 
+CrlList::CrlList() : CrlList(std::vector<CrlRef>()) {}
+
+CrlList::CrlList(std::vector<CrlRef> crls) : index_(std::make_shared<const CrlIndex>(std::move(crls))) {}
+
+const std::vector<CrlRef>& CrlList::crls() const {
+    return index_->crls();
+}
+
+std::span<const std::uint32_t> CrlList::WithIssuer(const std::string& issuer) const {
+    return index_->WithIssuer(issuer);
+}
+
+void CrlList::Append(CrlRef crl) {
+    std::vector<CrlRef> longer = crls();
+    longer.push_back(std::move(crl));
+    *this = CrlList(std::move(longer));
+}
+
 // --- Store ---
 
 CertStorage CertStorage::instance;
@@ -242,7 +260,7 @@ void CertStorage::ClearAll() {
         {
             const vpnfc::WriteLock write_lock(*this);
             presharedKeys.swap(old_keys);
-            crls.swap(old_crls);
+            crls.Swap(old_crls);
             otherCerts.Swap(old_lists[0]);
             trustedCerts.Swap(old_lists[1]);
             personalCerts.Swap(old_lists[2]);
@@ -260,8 +278,9 @@ void CertStorage::ClearAll() {
 
 void CertStorage::PutCRLToDB(CrlRef crl) {
     const vpnfc::WriteLock lock(*this);
-    const auto same = [&crl](const CrlRef& stored) { return stored->rawCrl() == crl->rawCrl(); };
-    if (std::none_of(crls.begin(), crls.end(), same)) crls.push_back(std::move(crl));
+    const auto same = [&](std::uint32_t position) { return crls[position]->rawCrl() == crl->rawCrl(); };
+    const std::span<const std::uint32_t> candidates = crls.WithIssuer(crl->info.issuer);
+    if (std::none_of(candidates.begin(), candidates.end(), same)) crls.Append(std::move(crl));
 }
 
 // --- Token handlers ---

@@ -1,11 +1,11 @@
 #include "certmgr/x509cert.h"
 
-#include <climits>
 #include <initializer_list>
 #include <string_view>
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/log.h"
+#include "certmgr/verify_signature.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
 #include "platform/params.h"
@@ -230,58 +230,6 @@ SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
     return X509Cert_Verify(info.signAlg, issuer->rawPubKey, signed_part, signature);
 }
 
-X509CRL::X509CRL(const PKCS11::TokenInfo& on_token, const PKCS11::CRLObject& object)
-    : token(on_token), downloadedAt(CertTimeNow()), rawCrl_(object.value) {
-    info.id = object.id;
-    if (rawCrl_.size() <= UINT_MAX) {
-        crlHandle = CertEngine_CreateCRLHandle(rawCrl_.data(), static_cast<unsigned>(rawCrl_.size()));
-    }
-    if (crlHandle == nullptr) {
-        info.issuer = "CRL object of unknown format";
-        return;
-    }
-    init();
-}
-
-X509CRL::X509CRL(void* crl_handle, bool keep_raw) : crlHandle(crl_handle), downloadedAt(CertTimeNow()) {
-    if (keep_raw) CertEngine_RawCRL(crlHandle, rawCrl_);
-    init();
-}
-
-X509CRL::~X509CRL() {
-    if (crlHandle != nullptr) CertEngine_CloseCRLHandle(crlHandle);
-}
-
-void X509CRL::init() {
-    CertEngine_HandleToCRLInfo(crlHandle, info);
-    CertEngine_CRLScope(crlHandle, scope_);
-}
-
-RevokedCertInfoList X509CRL::revoked() const {
-    RevokedCertInfoList entries;
-    if (crlHandle != nullptr) CertEngine_CRLRevokedCerts(crlHandle, entries);
-    return entries;
-}
-
-bool X509CRL::FindRevoked(const std::string& serial, RevokedEntry& entry) const {
-    return crlHandle != nullptr && CertEngine_CRLFindRevoked(crlHandle, serial, info.issuer, entry);
-}
-
-bool X509CRL::FindRevoked(const X509Cert& cert, RevokedEntry& entry) const {
-    return crlHandle != nullptr &&
-           CertEngine_CRLFindRevoked(crlHandle, cert.info.serialNumber, cert.info.issuer, entry);
-}
-
-SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) const {
-    std::string signed_part;
-    std::string signature;
-    if (crlHandle == nullptr || !CertEngine_RawCRLInfo(crlHandle, signed_part) ||
-        !CertEngine_RawCRLSignature(crlHandle, signature)) {
-        return kSignatureWrong;
-    }
-    return X509Cert_Verify(info.signAlg, issuer->rawPubKey, signed_part, signature);
-}
-
 int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_alg_t key_alg, pki_alg_t alg,
                   const std::string& data, std::string& signature) {
     std::string digest;
@@ -290,15 +238,20 @@ int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_
     return session.Sign((alg & PKI_ALG_MASK) | key_alg, key_id, *input, signature) ? 2 : 1;
 }
 
-SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
-                               const std::string& signature) {
+SignatureCheck VerifySignature(pki_alg_t alg, const std::string& spki, const std::string& data,
+                               const std::string& signature, PKCS11::Logger* logger) {
     const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(alg);
     if (tokens->empty()) return kSignatureNoToken;
     for (const PKCS11::TokenInfo& token : *tokens) {
-        PKCS11::TokenSession session(token);
+        PKCS11::TokenSession session(token, PKCS11::TokenSession::kPublic, nullptr, logger);
         if (session) return VerifyOnToken(session, alg, spki, data, signature);
     }
     return kSignatureNoSession;
+}
+
+SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
+                               const std::string& signature) {
+    return VerifySignature(alg, spki, data, signature, nullptr);
 }
 
 }  // namespace CM

@@ -4,7 +4,7 @@
 // functions expect a valid handle. On failure outputs are unchanged. Nothing logs. CertEngine_Init must have run;
 // between start and stop every function may be called from any thread, a handle by several threads for reading.
 //
-// Standard: RFC 5280, PKCS #7 / RFC 2315 (certificate bundles), PKCS #8.
+// Standard: RFC 5280 (5.2 and 5.3 for CRLs), PKCS #7 / RFC 2315 (certificate bundles), PKCS #8.
 #pragma once
 
 #include <openssl/x509.h>
@@ -102,15 +102,18 @@ CM_API bool CertEngine_PrivKeyToPKCS8(void* key, std::string& der);
 
 // --- CRLs ---
 
-/// As CertEngine_CreateCertHandle; at most kMaxCrlBytes.
+/// Reads the CRL at the beginning of the bytes, of which the handle keeps a copy; null when there is none. Stricter than
+/// for certificates: the frame and every entry must be DER. At most kMaxCrlBytes.
 CM_API void* CertEngine_CreateCRLHandle(const void* der, unsigned length);
 CM_API void CertEngine_CloseCRLHandle(void* crl);
+/// The received bytes.
 CM_API bool CertEngine_RawCRL(void* crl, std::string& der);
+/// To-be-signed part: the received bytes.
 CM_API bool CertEngine_RawCRLInfo(void* crl, std::string& der);
 CM_API bool CertEngine_RawCRLSignature(void* crl, std::string& signature);
 /// Fills everything but `id`. Always true.
 CM_API bool CertEngine_HandleToCRLInfo(void* crl, CRLInfo& info);
-/// Appends one entry per revoked certificate, in the CRL's order. Always true.
+/// Appends one record per entry, in the CRL's order. Always true. Records are large: look-ups do without.
 CM_API bool CertEngine_CRLRevokedCerts(void* crl, RevokedCertInfoList& entries);
 /// First entry with that serial number (byte for byte as CertEngine_CRLRevokedCerts writes it) for a certificate with
 /// that issuer name (printable). An entry names its certificates' issuer, or the last entry before it that does; without
@@ -125,7 +128,7 @@ CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
 inline constexpr unsigned kMaxCertificateBytes = 1U << 20;
 /// Largest PKCS #7 bundle or text of a certificate that is decoded.
 inline constexpr unsigned kMaxBundleBytes = 64U << 20;
-/// Largest CRL that is decoded: a million entries and more. libcrypto needs up to eight times as much memory.
-inline constexpr unsigned kMaxCrlBytes = 64U << 20;
+/// Largest CRL that is read: some eight million entries, which take a third of its size beside the bytes.
+inline constexpr unsigned kMaxCrlBytes = 256U << 20;
 /// Largest text of a CRL: base64 makes four bytes of three, and line ends come on top.
 inline constexpr unsigned kMaxCrlTextBytes = kMaxCrlBytes / 2 * 3;

@@ -44,6 +44,35 @@ class CM_API CertList {
     std::vector<X509Cert*> certs_;
 };
 
+class CrlIndex;
+
+/// The CRLs of the store, in its order. A copy is cheap and stays as it was: it shares what it copied, and a change makes
+/// the list anew. Not locked by itself.
+class CM_API CrlList {
+  public:
+    CrlList();
+    explicit CrlList(std::vector<CrlRef> crls);
+    ~CrlList() = default;
+    CrlList(const CrlList&) = default;  // in place of moves, too: no list is ever without its index
+    CrlList& operator=(const CrlList&) = default;
+
+    std::size_t size() const { return crls().size(); }
+    bool empty() const { return crls().empty(); }
+    const CrlRef& operator[](std::size_t i) const { return crls()[i]; }
+    auto begin() const { return crls().begin(); }
+    auto end() const { return crls().end(); }
+
+    /// Positions, ascending, of the CRLs whose issuer text is the given one.
+    std::span<const std::uint32_t> WithIssuer(const std::string& issuer) const;
+    void Append(CrlRef crl);
+    void Swap(CrlList& other) noexcept { index_.swap(other.index_); }
+
+  private:
+    const std::vector<CrlRef>& crls() const;
+
+    std::shared_ptr<const CrlIndex> index_;
+};
+
 /// A preshared key on a token: where it lives and its name. The value stays on the token.
 struct PresharedKey {
     PKCS11::TokenInfo token;
@@ -135,7 +164,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     X509CertsDB otherCerts;
     X509CertsDB keyPairCerts;
     std::vector<std::unique_ptr<PresharedKey>> presharedKeys;
-    std::vector<CrlRef> crls;  // a copied reference outlives the lock
+    CrlList crls;
 
     /// Serialises whole reloads and token writes. Taken before the read-write lock, never while holding it.
     struct CM_API Lock : vpnfc::ObjectLevelLockable {};

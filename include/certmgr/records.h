@@ -69,7 +69,7 @@ struct CrlScope {
     bool hasIssuingPoint = false;  // the issuing distribution point extension is there; it says the seven that follow
     bool namesPoint = false;  // it names the distribution point
     std::vector<std::string> uris;  // URIs of the point's full name
-    std::vector<std::string> names;  // all of its full name: GeneralNames, DER; none when the name is a relative one
+    std::vector<std::string> otherNames;  // what else the full name holds: GeneralNames, DER; none of a relative name
     bool onlyContainsUserCerts = false;
     bool onlyContainsCACerts = false;
     bool onlyContainsAttributeCerts = false;
@@ -106,6 +106,7 @@ struct CertFacts {
 struct CertNames {
     AltSubject altSubject;
     std::vector<std::string> crlUris;  // URIs of the distribution points' full names, in order
+    std::vector<std::string> crlOtherNames;  // what else these full names hold: GeneralNames, DER
 };
 
 /// Fingerprints and X.509v3 extensions of a certificate, whole. Text members are for display; empty when the extension

@@ -162,18 +162,21 @@ using MutableCertRef = BasicCertRef<X509Cert>;
 /// A CRL from a token, a file or a download.
 ///
 /// Shared by reference count (CrlRef). Fixed once it has been published, but for `refresh`, and read without a lock. Of
-/// a million entries it keeps the received bytes and an index of serial numbers; records are made for who asks for them.
+/// its entries it keeps the received bytes and an index of serial numbers; records are made for who asks for them.
 class CM_API X509CRL {
   public:
     X509CRL(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object);
+    X509CRL(const PKCS11::TokenInfo& token, PKCS11::CRLObject&& object);
     /// Takes over the handle; `keep_raw` offers its encoding as rawCrl.
     X509CRL(void* crl_handle, bool keep_raw);
+    /// The same CRL met again on a token: shares bytes, index and what is known of its signature.
+    X509CRL(const PKCS11::TokenInfo& token, const X509CRL& same);
     ~X509CRL();
     X509CRL(const X509CRL&) = delete;
     X509CRL& operator=(const X509CRL&) = delete;
 
     /// Verifies the CRL's signature with the issuer's key on a token. Right and wrong are remembered by the issuer's
-    /// public key, so that a token is asked once; any thread.
+    /// public key, so that a token is asked once; what failed otherwise is tried again.
     SignatureCheck CheckSignature(const X509Cert* issuer) const;
 
     /// The first entry with this serial number (byte-exact, as the records have it), of those that are about
@@ -182,13 +185,13 @@ class CM_API X509CRL {
     /// The same for a certificate: entries that name another certificate issuer (indirect CRLs) are not about it.
     bool FindRevoked(const X509Cert& cert, RevokedEntry& entry) const;
     /// Which certificates the CRL covers.
-    const CrlScope& scope() const { return scope_; }
+    const CrlScope& scope() const;
     /// Records of all entries, made at each call: for display, not for look-ups.
     RevokedCertInfoList revoked() const;
     /// DER; empty when the constructor was told not to keep it.
-    const std::string& rawCrl() const { return rawCrl_; }
+    const std::string& rawCrl() const;
 
-    void* crlHandle = nullptr;  // null when the object does not parse
+    void* crlHandle = nullptr;  // borrowed from this object; null when it does not parse
     PKCS11::TokenInfo token;
     CRLInfo info;
 
@@ -198,10 +201,8 @@ class CM_API X509CRL {
     bool refresh = false;  // to be downloaded again at its next use; guarded by the cache's lock
 
   private:
-    void init();
-
-    std::string rawCrl_;
-    CrlScope scope_;
+    struct Content;
+    std::shared_ptr<Content> content_;
 };
 using CrlRef = std::shared_ptr<X509CRL>;
 

@@ -1,4 +1,4 @@
-// Certificate and CRL handles: descriptions, raw parts, exports, private keys.
+// Certificate handles: descriptions, raw parts, exports, private keys.
 #include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
@@ -17,7 +17,6 @@ using engine_test::CertHandle;
 using engine_test::EngineTest;
 using engine_test::InfoOf;
 using engine_test::ReadCert;
-using engine_test::ReadCrl;
 using test_pki::Cert;
 using test_pki::CertSpec;
 using test_pki::KeyType;
@@ -282,79 +281,6 @@ TEST_F(EngineTest, Pkcs12IsRecognisedWithoutItsPassword) {
     EXPECT_FALSE(CertEngine_IsP12CertData(der.data(), static_cast<int>(der.size())));
     OPENSSL_free(bytes);
     PKCS12_free(p12);
-}
-
-// --- CRLs ---
-
-CRLInfo CrlInfoOf(const std::string& der) {
-    CRLInfo info;
-    const auto crl = ReadCrl(der);
-    EXPECT_NE(crl, nullptr);
-    if (crl != nullptr) {
-        EXPECT_TRUE(CertEngine_HandleToCRLInfo(crl.get(), info));
-    }
-    return info;
-}
-
-TEST_F(EngineTest, DescribesACrl) {
-    const Cert root = MakeCa("CN=Root", nullptr, KeyType::kEd25519);
-    const CRLInfo info = CrlInfoOf(MakeCrl({.number = "\x01\x02"}, root));
-    EXPECT_EQ(info.issuer, "CN=Root");
-    EXPECT_EQ(CertTimeTo_time_t(info.thisUpdate), test_pki::kNotBefore);
-    EXPECT_EQ(CertTimeTo_time_t(info.nextUpdate), test_pki::kNotAfter);
-    EXPECT_EQ(info.signAlg, 0xC0005U);
-    EXPECT_EQ(info.crlNumber, "0102");
-    EXPECT_EQ(info.deltaCrlIndicator, "");
-
-    const CRLInfo old = CrlInfoOf(MakeCrl({.next_update = std::nullopt, .version = 1}, root));
-    EXPECT_EQ(old.nextUpdate, CERT_TIME_UNKNOWN);
-    EXPECT_EQ(old.crlNumber, "");
-}
-
-TEST_F(EngineTest, DeltaIndicatorRepeatsTheCrlNumber) {
-    const Cert root = MakeCa("CN=Root");
-    const CRLInfo delta = CrlInfoOf(MakeCrl({.number = "\x07", .delta_base = "\x05"}, root));
-    EXPECT_EQ(delta.crlNumber, "07");
-    EXPECT_EQ(delta.deltaCrlIndicator, "07");
-    EXPECT_EQ(CrlInfoOf(MakeCrl({.delta_base = "\x05"}, root)).deltaCrlIndicator, "");
-    // A number that cannot be decoded is no number.
-    EXPECT_EQ(CrlInfoOf(MakeCrl({.extensions = {{"crlNumber", false, "\x01"}}}, root)).crlNumber, "");
-}
-
-TEST_F(EngineTest, RevokedListKeepsItsOrder) {
-    const Cert root = MakeCa("CN=Root");
-    const std::string der = MakeCrl({.entries = {{.serial = "\x30", .reason = 1},
-                                                 {.serial = "\x10", .date = Time::Utc("250301123000Z")},
-                                                 {.serial = "\x20", .date = Time::Utc("never")}}},
-                                    root);
-    RevokedCertInfoList entries(1);
-    EXPECT_TRUE(CertEngine_CRLRevokedCerts(ReadCrl(der).get(), entries));
-    ASSERT_EQ(entries.size(), 4U) << "entries are appended";
-    EXPECT_EQ(entries[1].serialNumber, "30");
-    EXPECT_EQ(entries[2].serialNumber, "10");
-    EXPECT_EQ(entries[3].serialNumber, "20");
-    EXPECT_EQ(entries[1].reasonCode, -1);
-    EXPECT_EQ(CertTimeToString(entries[2].revocationDate), "2025-03-01 12:30:00 UTC");
-    EXPECT_EQ(entries[3].revocationDate, CERT_TIME_UNKNOWN);
-    EXPECT_TRUE(CertEngine_CRLRevokedCerts(ReadCrl(MakeCrl({}, root)).get(), entries));
-    EXPECT_EQ(entries.size(), 4U);
-}
-
-TEST_F(EngineTest, RawPartsOfACrl) {
-    const Cert root = MakeCa("CN=Root");
-    const std::string der = MakeCrl({.entries = {{.serial = "\x30"}}, .number = "\x01"}, root);
-    const auto crl = ReadCrl(der + "trailing");
-    ASSERT_NE(crl, nullptr);
-    std::string raw;
-    std::string tbs;
-    std::string signature;
-    EXPECT_TRUE(CertEngine_RawCRL(crl.get(), raw));
-    EXPECT_TRUE(CertEngine_RawCRLInfo(crl.get(), tbs));
-    EXPECT_TRUE(CertEngine_RawCRLSignature(crl.get(), signature));
-    EXPECT_EQ(raw, der);
-    EXPECT_TRUE(Verifies(root.key, tbs, signature));
-    EXPECT_EQ(ReadCrl(root.der), nullptr);
-    EXPECT_EQ(ReadCrl(""), nullptr);
 }
 
 }  // namespace

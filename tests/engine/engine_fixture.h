@@ -73,14 +73,15 @@ class EngineTest : public ::testing::Test {
         return right;
     }
 
-  private:
-    static constexpr int kForeignReason = 4711;
-
-    // The daemon's own entry must survive everything.
+    /// The daemon's own entry must survive everything. After something else than the engine emptied the queue.
     static void SeedErrorQueue() {
         ERR_clear_error();
         ERR_raise(ERR_LIB_USER, kForeignReason);
     }
+
+  private:
+    static constexpr int kForeignReason = 4711;
+
     static void CheckErrorQueue() {
         EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), kForeignReason);
         EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), kForeignReason);

@@ -169,6 +169,7 @@ TEST_F(EngineTest, DistributionPoints) {
               "[1] CRL Distribution Point\n    URI=http://a/1.crl\n    URI=ldap://b/\n"
               "[2] CRL Distribution Point\n    URI=http://c/");
     EXPECT_EQ(ext.crlUris, (std::vector<std::string>{"http://a/1.crl", "ldap://b/", "http://c/"}));
+    EXPECT_EQ(ext.crlOtherNames, (std::vector<std::string>{test_pki::GeneralName("DNS:ignored")}));
 }
 
 TEST_F(EngineTest, OtherTexts) {

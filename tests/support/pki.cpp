@@ -126,15 +126,6 @@ std::string CertTbs(const CertSpec& spec, const Cert& cert, const Cert& issuer) 
     return der::Sequence(tbs);
 }
 
-std::string EntryDer(const CrlEntry& entry) {
-    std::vector<Extension> extensions = entry.extensions;
-    if (entry.reason) {
-        extensions.push_back({"CRLReason", false, der::Tlv(0x0A, std::string(1, static_cast<char>(*entry.reason)))});
-    }
-    return der::Sequence(der::IntegerBytes(entry.serial) + TimeDer(entry.date) +
-                         (extensions.empty() ? std::string() : ExtensionsDer(extensions)));
-}
-
 std::vector<Extension> CrlExtensions(const CrlSpec& spec, const Cert& issuer) {
     std::vector<Extension> out;
     const std::string aki = AuthorityKeyIdDer(spec.aki, issuer.key_id, "", "");
@@ -144,6 +135,7 @@ std::vector<Extension> CrlExtensions(const CrlSpec& spec, const Cert& issuer) {
     if (!spec.issuing_distribution_point.empty()) {
         out.push_back({"issuingDistributionPoint", true, spec.issuing_distribution_point});
     }
+    for (const ConfExtension& conf : spec.conf) out.push_back(FromConf(conf));
     out.insert(out.end(), spec.extensions.begin(), spec.extensions.end());
     return out;
 }
@@ -204,6 +196,15 @@ Cert MakeLeaf(const std::string& subject, const Cert& issuer, KeyType key, int k
     return MakeCert({.key = key, .key_index = key_index, .subject = subject, .key_usage = "digitalSignature"}, &issuer);
 }
 
+std::string EntryDer(const CrlEntry& entry) {
+    std::vector<Extension> extensions = entry.extensions;
+    if (entry.reason) {
+        extensions.push_back({"CRLReason", false, der::Tlv(0x0A, std::string(1, static_cast<char>(*entry.reason)))});
+    }
+    return der::Sequence(der::IntegerBytes(entry.serial) + TimeDer(entry.date) +
+                         (extensions.empty() ? std::string() : ExtensionsDer(extensions)));
+}
+
 std::string MakeCrl(const CrlSpec& spec, const Cert& issuer) {
     std::string tbs;
     if (spec.version != 1) tbs += der::Integer(static_cast<std::uint64_t>(spec.version - 1));
@@ -211,11 +212,9 @@ std::string MakeCrl(const CrlSpec& spec, const Cert& issuer) {
     tbs += spec.issuer_der ? *spec.issuer_der : issuer.subject_der;
     tbs += TimeDer(spec.this_update);
     if (spec.next_update) tbs += TimeDer(*spec.next_update);
-    if (!spec.entries.empty()) {
-        std::string entries;
-        for (const CrlEntry& entry : spec.entries) entries += EntryDer(entry);
-        tbs += der::Sequence(entries);
-    }
+    std::string entries = spec.entries_der.value_or("");
+    for (const CrlEntry& entry : spec.entries) entries += EntryDer(entry);
+    if (spec.entries_der || !entries.empty()) tbs += der::Sequence(entries);
     const std::vector<Extension> extensions = CrlExtensions(spec, issuer);
     if (spec.version != 1 && !extensions.empty()) tbs += der::Explicit(0, ExtensionsDer(extensions));
     return SignedDer(der::Sequence(tbs), issuer.key, spec.sign, "", spec.damage_signature);

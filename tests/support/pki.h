@@ -174,11 +174,14 @@ struct CrlEntry {
 
 struct CrlSpec {
     std::vector<CrlEntry> entries{};
+    std::optional<std::string>
+        entries_der{};  // content of the list, before `entries`; empty: a list with nothing in it
     std::optional<std::string> number{};  // content bytes of the INTEGER
     std::optional<std::string> delta_base{};  // makes it a delta CRL
     Time this_update = kNotBefore;
     std::optional<Time> next_update = kNotAfter;
     std::string issuing_distribution_point{};  // DER value; written as a critical extension
+    std::vector<ConfExtension> conf{};
     KeyId aki = KeyId::Auto();
     std::optional<std::string> issuer_der{};
     int version = 2;  // 1 has neither extensions nor a version field
@@ -187,6 +190,8 @@ struct CrlSpec {
     bool damage_signature = false;
 };
 
+/// DER of an entry.
+std::string EntryDer(const CrlEntry& entry);
 /// DER of a CRL.
 std::string MakeCrl(const CrlSpec& spec, const Cert& issuer);
 
