@@ -9,7 +9,7 @@ namespace ikeauth {
 struct ExchangeOptions {
     std::vector<std::string> initiator;  // arguments of `ikeauth side` for each side, without --fd and --role
     std::vector<std::string> responder;
-    std::string expect;  // a text that the refusal must show; empty: the exchange must succeed
+    std::vector<std::string> expect;  // texts that the refusal must show; none: the exchange must succeed
     bool quiet = false;  // only the verdict
 };
 
@@ -21,8 +21,8 @@ enum ExitCode : int {
     kExitUnexpected = 3,  // refused, but not with the expected text; or accepted against expectation
 };
 
-/// Prints the sides' event logs line by line, "I | " for the initiator and "R | " for the responder. With an
-/// expected text a refusal that shows it is success. Bounded by a minute.
+/// Prints the sides' event logs line by line, "I | " for the initiator and "R | " for the responder. With
+/// expected texts a refusal that shows them all is success. Bounded by a minute.
 int RunExchange(const ExchangeOptions& options);
 
 }  // namespace ikeauth

@@ -94,7 +94,8 @@ void AddExchange(CLI::App& app, ExchangeCommand& command) {
     exchange->add_option("--payload", command.form, "Certificate payloads: single certificates, or one PKCS#7 bundle")
         ->check(CLI::IsMember({"x509", "pkcs7"}))
         ->capture_default_str();
-    exchange->add_option("--expect", command.options.expect, "Succeed only if refused with this text in the log");
+    exchange->add_option("--expect", command.options.expect,
+                         "Succeed only if refused with this text in the log; may be repeated");
     exchange->add_flag("-q,--quiet", command.options.quiet, "Print the verdict alone");
     exchange->add_option("--fault", command.initiator_faults,
                          "What the initiator does wrong: careless, leaf-only, damage-signature, announce-fqdn=NAME, "
