@@ -89,6 +89,7 @@ bool SideProcess::Start(const std::vector<std::string>& arguments, const char* r
     std::vector<std::string> words{"ikeauth", "side", "--role", role, "--fd", std::to_string(kChannelDescriptor)};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
 

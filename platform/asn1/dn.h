@@ -10,7 +10,7 @@
 namespace asn1 {
 
 /// Longest encoded name: a name of 200 RDNs with values of 256 bytes fits.
-inline constexpr std::size_t kMaxNameBytes = 64 * 1024;
+inline constexpr std::size_t kMaxNameBytes = 65536;
 /// Attributes of one name.
 inline constexpr std::size_t kMaxNameAttributes = 1024;
 /// Attributes of one RDN, which are compared each with each.

@@ -94,6 +94,7 @@ void ReadKeyAlg(const Value& value, pki_alg_t& out) {
     const pki_alg_t alg = PKI_ALG_FROM_NAME(text);
     if (alg == 0 || (alg & ~PKI_KEY_MASK) != 0) {
         std::vector<std::string_view> names;
+        names.reserve(kCertificateKeys.size());
         for (const pki_alg_t known : kCertificateKeys) names.emplace_back(I2S_PKI_ALG_T.getString(known));
         names.pop_back();
         std::string list;
