@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/register.h"
 #include "bench/world.h"
 #include "certmgr/cert_engine.h"
 #include "certmgr/chain.h"
@@ -26,10 +27,6 @@ namespace {
 using benchmark::State;
 
 using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
-
-void Require(bool good, State& state) {
-    if (!good) state.SkipWithError("the operation failed");
-}
 
 // --- Parsing ---
 
@@ -292,16 +289,6 @@ void LibcryptoVerify(State& state) {
     World& world = TheWorld();
     const std::string signature = test_pki::SignData(world.leaf().key, {}, Octets());
     for (auto _ : state) Require(test_pki::VerifyData(world.leaf().key, {}, Octets(), signature), state);
-}
-
-template <typename Function, typename... Args>
-benchmark::internal::Benchmark* Register(const char* name, Function function, Args... args) {
-    return benchmark::RegisterBenchmark(name, function, args...)
-        ->UseRealTime()
-        ->Unit(benchmark::kMicrosecond)
-        ->Repetitions(9)
-        ->MinTime(0.2)
-        ->ReportAggregatesOnly();
 }
 
 }  // namespace

@@ -32,6 +32,12 @@ const std::vector<Row> kRows = {
     {"reload, nothing changed / plain calls", "reload_unchanged", "plain_list", Goal::kRatioBelow, 1.3},
     {"IKEv2 signature RSA-2048 / plain C_SignInit + C_Sign", "ike2_sign", "plain_sign", Goal::kRatioBelow, 1.1},
     {"RSA-2048 verification on the token / libcrypto", "token_verify", "libcrypto_verify", Goal::kReported},
+    {"CRL of 1,000,000 entries, DER to ready / d2i_X509_CRL", "crl_read", "crl_read_peer", Goal::kRatioBelow, 0.5},
+    {"memory that it adds to its DER, in DERs", "crl_memory", "", Goal::kFigureBelow, 0.5},
+    {"the same, libcrypto", "crl_memory_peer", "", Goal::kFigureReported},
+    {"verdict of a CRL of 1,000,000 entries, warm", "crl_verdict_1000000", "", Goal::kTimeBelow, 10},
+    {"the same / of 10,000 entries", "crl_verdict_1000000", "crl_verdict_10000", Goal::kRatioBelow, 1.5},
+    {"the same, 1,000 serial numbers in turn", "crl_verdict_cold_1000000", "", Goal::kTimeBelow, 10},
 };
 
 }  // namespace
@@ -49,6 +55,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "Filling SoftHSM2 tokens ...\n");
         bench::world = std::make_unique<bench::World>();
         bench::RegisterBenchmarks();
+        bench::RegisterCrlBenchmarks();
         bench::Medians medians;
         benchmark::RunSpecifiedBenchmarks(&medians);
         bench::world.reset();

@@ -21,7 +21,10 @@ std::string GoalText(const Row& row) {
             return Number("over %.2f", row.limit);
         case Goal::kTimeBelow:
             return Number("under %.0f us", row.limit);
+        case Goal::kFigureBelow:
+            return Number("under %.2f", row.limit);
         case Goal::kReported:
+        case Goal::kFigureReported:
             break;
     }
     return "-";
@@ -34,8 +37,12 @@ double Figure(const Row& row, double ours, double peer) {
     return peer > 0 ? ours / peer : 0;
 }
 
+bool HasGoal(const Row& row) {
+    return row.goal != Goal::kReported && row.goal != Goal::kFigureReported;
+}
+
 bool Met(const Row& row, double figure) {
-    if (row.goal == Goal::kReported) return true;
+    if (!HasGoal(row)) return true;
     return row.goal == Goal::kSpeedupAbove ? figure > row.limit : figure < row.limit;
 }
 
@@ -47,12 +54,19 @@ void Medians::ReportRuns(const std::vector<Run>& runs) {
         if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
         const double seconds = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
         microseconds_[run.run_name.function_name] = seconds * kMicrosecondsPerSecond;
+        const auto figure = run.counters.find("figure");
+        if (figure != run.counters.end()) figures_[run.run_name.function_name] = figure->second.value;
     }
 }
 
 double Medians::Microseconds(const std::string& name) const {
     const auto found = microseconds_.find(name);
     return found == microseconds_.end() ? 0 : found->second;
+}
+
+double Medians::Figure(const std::string& name) const {
+    const auto found = figures_.find(name);
+    return found == figures_.end() ? 0 : found->second;
 }
 
 int PrintTable(const std::vector<Row>& rows, const Medians& medians) {
@@ -62,15 +76,16 @@ int PrintTable(const std::vector<Row>& rows, const Medians& medians) {
         const double ours = medians.Microseconds(row.ours);
         const double peer = medians.Microseconds(row.peer);
         if (ours <= 0) continue;
-        const double figure = Figure(row, ours, peer);
+        const bool own_figure = row.goal == Goal::kFigureBelow || row.goal == Goal::kFigureReported;
+        const double figure = own_figure ? medians.Figure(row.ours) : Figure(row, ours, peer);
         const bool met = Met(row, figure);
         if (!met) ++missed;
         std::printf("%-58s %12s %12s %7s  %-14s %s\n", row.what.c_str(), Number("%.1f", ours).c_str(),
-                    peer > 0 ? Number("%.1f", peer).c_str() : "-", peer > 0 ? Number("%.2f", figure).c_str() : "-",
-                    GoalText(row).c_str(),
-                    row.goal == Goal::kReported ? ""
-                    : met                       ? "met"
-                                                : "MISSED");
+                    peer > 0 ? Number("%.1f", peer).c_str() : "-",
+                    peer > 0 || own_figure ? Number("%.2f", figure).c_str() : "-", GoalText(row).c_str(),
+                    !HasGoal(row) ? ""
+                    : met         ? "met"
+                                  : "MISSED");
     }
     return missed;
 }

@@ -15,6 +15,8 @@ enum class Goal : int {
     kSpeedupAbove,  // peer / ours must be over the limit
     kTimeBelow,  // our time in microseconds must be under the limit
     kReported,  // no goal
+    kFigureBelow,  // the benchmark's own figure, its counter of that name, must be under the limit
+    kFigureReported,
 };
 
 struct Row {
@@ -33,9 +35,12 @@ class Medians : public benchmark::ConsoleReporter {
 
     /// Median real time of one iteration, in microseconds; 0 when the benchmark did not run.
     double Microseconds(const std::string& name) const;
+    /// The counter "figure" of a benchmark; 0 when it did not run.
+    double Figure(const std::string& name) const;
 
   private:
     std::map<std::string, double> microseconds_;
+    std::map<std::string, double> figures_;
 };
 
 /// Prints the rows whose benchmarks ran. Returns how many goals were missed.
