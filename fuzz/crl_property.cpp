@@ -41,13 +41,14 @@ std::string Encoded(T* object, int (*i2d)(T*, unsigned char**)) {
 }
 
 /// A value that libcrypto decodes to its last byte.
-template <typename T>
-T* Decoded(T* (*d2i)(T**, const unsigned char**, long), const X509_EXTENSION* extension) {
+template <typename T, void (*Free)(T*)>
+Owned<T, Free> Decoded(T* (*d2i)(T**, const unsigned char**, long), const X509_EXTENSION* extension) {
     const ASN1_OCTET_STRING* data = X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension));
     const unsigned char* p = ASN1_STRING_get0_data(data);
     const unsigned char* const end = p + ASN1_STRING_length(data);
-    T* value = d2i(nullptr, &p, static_cast<long>(end - p));
-    return p == end ? value : nullptr;
+    Owned<T, Free> value(d2i(nullptr, &p, static_cast<long>(end - p)));
+    if (p != end) value.reset();
+    return value;
 }
 
 struct Entry {
@@ -76,7 +77,7 @@ int ReasonOf(const X509_REVOKED* revoked) {
     const X509_EXTENSION* extension = Only(revoked, NID_crl_reason, present);
     if (!present) return 0;
     if (extension == nullptr) return -1;
-    const Owned<ASN1_ENUMERATED, ASN1_ENUMERATED_free> reason(Decoded(d2i_ASN1_ENUMERATED, extension));
+    const auto reason = Decoded<ASN1_ENUMERATED, ASN1_ENUMERATED_free>(d2i_ASN1_ENUMERATED, extension);
     const long code = reason != nullptr ? ASN1_ENUMERATED_get(reason.get()) : -1;
     return code >= 0 && code <= 255 ? static_cast<int>(code) + 1 : -1;
 }
@@ -87,7 +88,7 @@ std::optional<bool> Names(const X509_REVOKED* revoked, const std::string& issuer
     const X509_EXTENSION* extension = Only(revoked, NID_certificate_issuer, present);
     if (!present) return std::nullopt;
     if (extension == nullptr) return true;
-    const Owned<GENERAL_NAMES, GENERAL_NAMES_free> names(Decoded(d2i_GENERAL_NAMES, extension));
+    const auto names = Decoded<GENERAL_NAMES, GENERAL_NAMES_free>(d2i_GENERAL_NAMES, extension);
     if (names == nullptr) return true;
     for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
