@@ -21,6 +21,8 @@ constexpr unsigned kBackoffSteps = 4;
 /// How long stopping waits for calls in progress, and for C_Finalize.
 constexpr milliseconds kStopGrace{2000};
 
+thread_local bool t_on_monitor = false;
+
 bool Contains(const std::vector<TokenPtr>& tokens, const TokenPtr& token) {
     return std::find(tokens.begin(), tokens.end(), token) != tokens.end();
 }
@@ -60,6 +62,10 @@ LoadOutcome Load(const Provider& provider) {
 void Backoff::Failed() {
     next_ = Clock::now() + first_ * (1U << std::min(failures_, kBackoffSteps));
     ++failures_;
+}
+
+bool ModuleMonitor::OnMonitor() {
+    return t_on_monitor;
 }
 
 ModuleMonitorPtr ModuleMonitor::Make(const Provider& provider) {
@@ -152,6 +158,7 @@ void ModuleMonitor::Join() {
 }
 
 void ModuleMonitor::Main() {
+    t_on_monitor = true;
     for (;;) {
         unsigned long wanted = 0;
         {
@@ -247,7 +254,7 @@ void ModuleMonitor::Look() {
     if (outcome.has_value() && outcome->has_value()) {
         looks_.Succeeded();
         TakeScan(**outcome);
-    } else {
+    } else if (!runner.Answers()) {  // else every thread is busy, or memory short
         NoAnswer();
     }
 }
@@ -400,6 +407,7 @@ void ModuleMonitor::DeliverLogins() {
     {
         const std::lock_guard lock(mutex_);
         logins.swap(logins_);
+        std::erase_if(logins, [this](const LoginReport& login) { return !Contains(shown_, login.token); });
     }
     if (logins.empty()) return;
     Registry::Instance().Publish();

@@ -44,6 +44,9 @@ class ModuleMonitor : public std::enable_shared_from_this<ModuleMonitor> {
   public:
     using Milliseconds = std::chrono::milliseconds;
 
+    /// Whether this is the thread of a monitor.
+    static bool OnMonitor();
+
     static std::shared_ptr<ModuleMonitor> Make(const Provider& provider);
     /// After the first Configure.
     void Start();

@@ -12,8 +12,6 @@ using std::chrono::milliseconds;
 
 /// How long starting waits for slow modules.
 constexpr milliseconds kStartWait{3000};
-/// How long stopping waits for a change of the settings to end: longer than one takes.
-constexpr milliseconds kStopWait{20000};
 constexpr milliseconds kMinPollInterval{10};
 constexpr milliseconds kMinCallLimit{10};
 /// Answers remembered for one set of tokens: the algorithms in use are far fewer.
@@ -114,9 +112,13 @@ bool Registry::Apply(const Settings& settings, std::string& error) {
 }
 
 void Registry::Stop() {
-    // A callback that ends the process gets here on a thread that a change of the settings waits for.
-    const std::unique_lock host(host_mutex_, kStopWait);
-    if (!host.owns_lock()) return;
+    std::unique_lock host(host_mutex_, std::defer_lock);
+    // A callback that ends the process gets here, perhaps while a change of the settings waits for its monitor.
+    if (!ModuleMonitor::OnMonitor()) {
+        host.lock();
+    } else if (!host.try_lock()) {
+        return;
+    }
     Settings nothing;
     {
         const std::lock_guard lock(mutex_);

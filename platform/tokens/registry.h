@@ -72,7 +72,7 @@ class Registry {
     void Replace(const Settings& settings, bool report_removals);
     static void AwaitLooks(std::vector<ModuleMonitorPtr>& monitors);
 
-    std::timed_mutex host_mutex_;  // one Start, Apply or Stop at a time
+    std::mutex host_mutex_;  // one Start, Apply or Stop at a time
 
     mutable std::mutex mutex_;
     // Guarded by mutex_.

@@ -15,6 +15,8 @@ using tokens::CallRunner;
 constexpr milliseconds kShort{50};
 
 struct Runner {
+    ~Runner() { EXPECT_TRUE(calls.Shutdown(test_support::kWaitLimit)) << "its threads use the other members"; }
+
     test_support::Watched<std::vector<std::string>> stuck;
     test_support::Event recovered;
     CallRunner calls{kShort,

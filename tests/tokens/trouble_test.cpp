@@ -18,7 +18,7 @@ using test_pki::KeyType;
 class Trouble : public TokenTest {
   protected:
     Trouble() {
-        settings_.call_limit = milliseconds(300);
+        settings_.call_limit = milliseconds(1000);
         StartForward();
         token_ = NewToken("one");
         Import(token_.info, PKI_KEY_ED25519, key_, "id");
@@ -316,7 +316,7 @@ class Hanging : public Trouble {
         TokenSession session(other_);
         EXPECT_TRUE(session.opened());
         std::list<PKCS11::CertObject> certificates;
-        EXPECT_TRUE(session.EnumCertificates(certificates));
+        EXPECT_TRUE(session.EnumCertificates(certificates)) << testing::PrintToString(reports_.All());
     }
 
     PKCS11::TokenInfo other_;

@@ -35,12 +35,14 @@ int Leave(const std::string& how, const std::string& state, const std::string& m
         return 2;
     }
     while (how == "callback") pause();
-    const auto& manager = PKCS11::Manager::Instance();
-    LastSession() = std::make_unique<PKCS11::TokenSession>(manager.EnumTokens().at(0));
-    if (!LastSession()->opened()) return 3;
+    auto& manager = PKCS11::Manager::Instance();
+    for (const PKCS11::TokenInfo& token : manager.EnumTokens()) {
+        LastSession() = std::make_unique<PKCS11::TokenSession>(token);
+    }
+    if (LastSession() == nullptr || !LastSession()->opened()) return 3;
     if (how == "finalising") forward.Set({"hang C_Finalize"});
     if (how == "hanging") forward.Set({"hang C_GetSlotList"});
-    while (how == "hanging" && !manager.EnumTokens().empty()) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    while (how == "hanging" && !manager.EnumTokens().empty()) manager.ReloadTokensContent(1);
     return 0;
 }
 
