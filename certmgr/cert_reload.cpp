@@ -51,7 +51,7 @@ void CompleteKeyPair(X509Cert& cert, PKCS11::TokenSession& session, const PKCS11
     cert.info.kind = kCertKindKeyPair;
     std::string spki;
     if (session.GetRawPubKeyObjectData(object.keyAlg, object.id, spki) && !spki.empty()) {
-        cert.SetKeyPairPublicKey(std::move(spki));
+        cert.SetKeyPairPublicKey(object.keyAlg, std::move(spki));
     }
 }
 
@@ -90,7 +90,8 @@ void ReloadPass::ReadTokens() {
         const vpnfc::ReadLock lock(storage_);  // CRLs are added outside of reloads, too
         for (const CrlRef& crl : storage_.crls) old_crls_.emplace(std::pair(crl->token.id, crl->info.id), crl);
     }
-    for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
+    for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token);
         if (!session) continue;
         if ((what_ & kReloadCertificates) != 0) ReadCertificates(session, token);

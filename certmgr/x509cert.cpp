@@ -148,9 +148,9 @@ void X509Cert::init() {
     selfSigned = info.subject == info.issuer;
 }
 
-void X509Cert::SetKeyPairPublicKey(std::string spki) {
+void X509Cert::SetKeyPairPublicKey(pki_alg_t key_alg, std::string spki) {
     rawPubKey = std::move(spki);
-    info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, rawPubKey.data(), rawPubKey.size());
+    info.keyBits = CertEngine_PubKeyBitLength(key_alg, rawPubKey.data(), rawPubKey.size());
 }
 
 const CertNames& X509Cert::names() const {

@@ -134,7 +134,8 @@ CM_API const X509Cert* IkeVerifyPeerCertificate(const LPCFG::auth_ike_t& rule, c
                                                 const TLogIdent& ident);
 
 /// Calls `add` with the datum of every trusted certificate that the rule (null: any) allows and that is valid now, in
-/// the store's order, under the store's read lock. True when there was one.
+/// the store's order. True when there was one. `add` runs with the store's read lock held: it calls nothing of the
+/// module, where a reload that waits for the lock would block it for ever, and does not throw.
 CM_API bool IkeBuildCertRequestList(void (*add)(const std::string& datum, void* argument), void* argument,
                                     CertDataFormat format, const LPCFG::auth_ike_t* rule, const TLogIdent& ident);
 

@@ -81,9 +81,9 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     /// Verifies this certificate's signature with the issuer's key on a token.
     SignatureCheck CheckSignature(const X509Cert* issuer) const;
 
-    /// Completes a key pair without certificate with its public key (SubjectPublicKeyInfo, DER): key length and SHA-1
-    /// fingerprint of the key. Only before the object is published.
-    void SetKeyPairPublicKey(std::string spki);
+    /// Completes a key-pair entry with its public key (SubjectPublicKeyInfo, DER): key length, by the algorithm that the
+    /// token names, and SHA-1 fingerprint of the key. Only before the object is published.
+    void SetKeyPairPublicKey(pki_alg_t key_alg, std::string spki);
 
     /// What the extensions say that every verification needs.
     const CertFacts& facts() const { return facts_; }

@@ -86,6 +86,18 @@ TEST_F(ReloadTest, KeyPairShowsItsPublicKey) {
     EXPECT_EQ(entry.ext().sha1.size(), 40U);
 }
 
+TEST_F(ReloadTest, UnreadableCertificateShowsThePublicKeyOfItsAlgorithm) {
+    const auto key = test_pki::MakeKey(test_pki::KeyType::kRsa2048);
+    card->AddKeyPair("bad", key);
+    card->AddObject({.id = "bad", .value = "junk", .keyAlg = PKI_KEY_RSA});
+    Reload();
+    ASSERT_EQ(store().keyPairCerts.size(), 1U);
+    const CM::X509Cert& entry = *store().keyPairCerts[0];
+    EXPECT_EQ(entry.info.subject, "Certificate object of unknown format");
+    EXPECT_EQ(entry.rawPubKey, test_pki::Spki(key));
+    EXPECT_EQ(entry.info.keyBits, 2048U);
+}
+
 TEST_F(ReloadTest, UnchangedCertificatesStayTheSameObjectsInPlace) {
     Strings ids;
     for (int i = 0; i < 4; ++i) {
