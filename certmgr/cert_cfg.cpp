@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "certmgr/cert_engine.h"
+#include "certmgr/cert_log.h"
 #include "certmgr/cert_storage.h"
 #include "certmgr/cert_verifychain.h"
 #include "certmgr/ike.h"
@@ -66,9 +67,10 @@ class LabelledText {
     explicit LabelledText(std::string_view first_line) : text_(first_line) {}
 
     LabelledText& Line(std::string_view label, std::string_view value) {
-        text_.append("\\\n\t[").append(label).append("] ").append(value);
+        cmprint_Value(text_.append("\\\n\t[").append(label).append("] "), value);
         return *this;
     }
+    LabelledText& Token(const PKCS11::TokenInfo& token) { return Line("token", asn_text_to_printable(token.label)); }
     void Send(EventCode code, const TLogIdent& ident) const { TLogMessage(code, ident).Attr(text_).Send(); }
 
   private:
@@ -137,7 +139,7 @@ bool IkeSign(const X509Cert* cert, const std::string& hash, std::string& signatu
     PKCS11::TokenSession session(cert->token, PKCS11::TokenSession::kPrivate);
     if (!session.opened()) {
         LabelledText("Can't open private session on token")
-            .Line("token", cert->token.label)
+            .Token(cert->token)
             .Line("cert", cert->info.subject)
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
@@ -146,7 +148,7 @@ bool IkeSign(const X509Cert* cert, const std::string& hash, std::string& signatu
     const pki_alg_t key_alg = cert->info.keyAlg;
     if (!session.Sign(key_alg, cert->info.id, hash, signature)) {
         LabelledText("Can't ike sign on token")
-            .Line("token", cert->token.label)
+            .Token(cert->token)
             .Line("private key", AlgName(key_alg))
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
@@ -161,7 +163,7 @@ bool Ike2Sign(const X509Cert* cert, pki_alg_t sign_alg, const std::string& data,
     PKCS11::TokenSession session(cert->token, PKCS11::TokenSession::kPrivate);
     if (!session.opened()) {
         LabelledText("Ike2Sign: Can't open private session on token")
-            .Line("token", cert->token.label)
+            .Token(cert->token)
             .Line("cert", cert->info.subject)
             .Line("key alg", AlgName(cert->info.keyAlg))
             .Send(kMsgIke2SignFailed, ident);
@@ -173,7 +175,7 @@ bool Ike2Sign(const X509Cert* cert, pki_alg_t sign_alg, const std::string& data,
     if (result == kSigned) return true;
     // 4.
     LabelledText(result == kSignDigestError ? "Ike2Sign: can't form digest" : "Ike2Sign: can't form sign")
-        .Line("token", cert->token.label)
+        .Token(cert->token)
         .Line("cert", cert->info.subject)
         .Line("sign alg", AlgName(sign_alg))
         .Line("digest alg", AlgName(digest_alg))
@@ -209,14 +211,12 @@ bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signa
     for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token, PKCS11::TokenSession::kPublic);
         if (!session.opened()) {
-            LabelledText("Can't open public session on token")
-                .Line("token", token.label)
-                .Send(kMsgIkeSignOrVerifyFailed, ident);
+            LabelledText("Can't open public session on token").Token(token).Send(kMsgIkeSignOrVerifyFailed, ident);
             continue;
         }
         if (session.Verify(key_alg, peer->rawPubKey, hash, signature)) return true;
         LabelledText("Can't ike verify on token")
-            .Line("token", token.label)
+            .Token(token)
             .Line("public key", std::to_string(key_alg))
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;

@@ -10,7 +10,8 @@ namespace {
 constexpr std::string_view kItem = " \\\n\t\t";
 
 void AppendItem(std::string& out, std::string_view label, std::string_view value) {
-    out.append(kItem).append(label).append(value);
+    out.append(kItem).append(label);
+    CM::cmprint_Value(out, value);
 }
 
 void AppendCertInfo(const CertInfo& info, std::string& out) {
@@ -24,7 +25,7 @@ void AppendCertInfo(const CertInfo& info, std::string& out) {
 
 void AppendName(std::string& out, std::string_view label, const std::string& name, bool exact) {
     if (name.empty()) return;
-    out.append(kItem).append(label).append(exact ? ": " : " attrs: ").append(name);
+    AppendItem(out, std::string(label).append(exact ? ": " : " attrs: "), name);
 }
 
 void AppendIfSet(std::string& out, std::string_view label, const std::string& value) {
@@ -59,8 +60,9 @@ void ttt_CRLInfoToLogString(const CRLInfo& info, std::string& out) {
 
 void ttt_TokenInfoToLogString(const PKCS11::TokenInfo* token, std::string& out) {
     out.clear();
-    AppendItem(out, "label: ", token->label);
-    out.append(",\t serial: ").append(token->serialNumber);
+    AppendItem(out, "label: ", {});
+    CM::cmprint_Text(out, token->label);
+    CM::cmprint_Text(out.append(",\t serial: "), token->serialNumber);
 }
 
 void ttt_CertPatternToLogString(const LPCFG::cert_t& pattern, std::string& appended) {
@@ -82,8 +84,24 @@ const char* CertKindText(std::uint32_t kind) {
     return kNames[kind < kNames.size() ? kind : 0];
 }
 
+void cmprint_Value(std::string& out, std::string_view value) {
+    if (value.size() <= kMaxValueBytes) {
+        out.append(value);
+        return;
+    }
+    std::size_t shown = kMaxValueBytes;
+    while ((static_cast<unsigned char>(value[shown]) & 0xC0) == 0x80 && shown + 4 > kMaxValueBytes) --shown;
+    out.append(value.substr(0, shown)).append("... (").append(std::to_string(value.size() - shown));
+    out.append(" bytes cut)");
+}
+
+void cmprint_Text(std::string& out, std::string_view text) {
+    cmprint_Value(out, asn_text_to_printable(text));
+}
+
 void cmprint_Fact(std::string& out, std::string_view label, std::string_view value) {
-    out.append(kReportLine).append(label).append(value);
+    out.append(kReportLine).append(label);
+    cmprint_Value(out, value);
 }
 
 void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details) {
@@ -93,6 +111,10 @@ void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details) {
     cmprint_Fact(out, "Sn: ", info.serialNumber);
     if (!with_details) return;
     cmprint_Fact(out, "Kind: ", CertKindText(info.kind));
+    if (!cert->token.label.empty()) {
+        cmprint_Fact(out, "Token: ", {});
+        cmprint_Text(out, cert->token.label);
+    }
     cmprint_Fact(out, "KeyAlg: ", ttt_pki_alg_to_str(info.keyAlg));
     if (info.keyBits != 0) out.append(", ").append(std::to_string(info.keyBits)).append(" bits");
     cmprint_Fact(out, "SignAlg: ", ttt_pki_alg_to_str(info.signAlg));
@@ -101,7 +123,6 @@ void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details) {
     if (cert->privKeyNotAfter != CERT_TIME_UNKNOWN) {
         cmprint_Fact(out, "Private key valid to: ", CertTimeToString(cert->privKeyNotAfter));
     }
-    if (!cert->token.label.empty()) cmprint_Fact(out, "Token: ", cert->token.label);
 }
 
 void cmprint_Validity(std::string& out, const CertInfo& info) {

@@ -2,6 +2,7 @@
 // it: it starts with kReportLine, one fact a line.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,16 @@ namespace CM {
 
 /// Starts a line of a report.
 inline constexpr std::string_view kReportLine = " \\\n\t  ";
+
+/// Bytes of one value that are shown: what a peer puts into a name must not push the other facts out of the entry.
+inline constexpr std::size_t kMaxValueBytes = 2U << 10;
+
+/// Appends a value, cut at kMaxValueBytes with a note of how much is missing. Printable names and texts of our own.
+void cmprint_Value(std::string& out, std::string_view value);
+
+/// The same for a text that a token, a certificate or a peer chose, such as a label or an alternative name: escaped as the
+/// values of printable names are.
+void cmprint_Text(std::string& out, std::string_view text);
 
 /// Appends a line made of a label such as "Subject: " and its value.
 void cmprint_Fact(std::string& out, std::string_view label, std::string_view value);

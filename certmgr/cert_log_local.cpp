@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "iputils/iputils.h"
+#include "platform/asn1.h"
 #include "platform/event_codes.h"
 
 namespace CM {
@@ -14,22 +15,9 @@ namespace {
 
 constexpr std::size_t kIp4Bytes = 4;
 
-/// Text of a certificate or a rule; control characters cannot pass for lines of the report.
-void AppendPlain(std::string& out, std::string_view text) {
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte != 0x7F) {
-            out.push_back(c);
-        } else {
-            out.append("\\x").append(TO_HEX_STD_STRING(std::string_view(&c, 1)));
-        }
-    }
-}
-
 void AppendIp4(std::string& out, const std::string& value) {
     if (value.size() != kIp4Bytes) {
-        out.append("0x").append(TO_HEX_STD_STRING(value));
-        return;
+        return cmprint_Value(out.append("0x"), TO_HEX_STD_STRING(value));
     }
     std::uint32_t address = 0;
     for (const char c : value) address = address << 8 | static_cast<unsigned char>(c);
@@ -38,10 +26,13 @@ void AppendIp4(std::string& out, const std::string& value) {
     out.append(text.data());
 }
 
+/// A name is read and printed again: what the caller gives may be any text.
 void AppendDn(std::string& out, const LPCFG::ipsecid_t& id) {
-    std::string printable = id.dn;
-    if (printable.empty()) asn_dn_to_printable(id.value, printable);
-    AppendPlain(out, printable);
+    std::string der = id.value;
+    if (!id.dn.empty() && !printable_to_asn_dn(id.dn, der)) return cmprint_Text(out, id.dn);
+    std::string printable;
+    asn_dn_to_printable(der, printable);
+    cmprint_Value(out, printable);
 }
 
 void AppendIdentityValue(std::string& out, const LPCFG::ipsecid_t& id) {
@@ -51,7 +42,7 @@ void AppendIdentityValue(std::string& out, const LPCFG::ipsecid_t& id) {
         case LPCFG::ipsecid_t::kDn:
             return AppendDn(out, id);
         default:
-            return AppendPlain(out, id.value);
+            return cmprint_Text(out, id.value);
     }
 }
 
@@ -213,7 +204,7 @@ void CMLog_LocalCertificate_Selected_(const LocalCertLog& selected, const Announ
     if (!TLogMessage::IsEnabled(kMsgLocalCertSelected)) return;
     std::string text;
     cmprint_Cert(text, selected.cert.get(), true);
-    if (selected.status == kLocalNotRequested) cmprint_Fact(text, "Certificate requests:", " (Not matched to CR)");
+    if (selected.status == kLocalNotRequested) text.append(" (Not matched to CR)");
     cmprint_Fact(text, "Identity: ", AnnouncedText(announced));
     TLogMessage(kMsgLocalCertSelected, ident).Attr(text).Send();
 }

@@ -58,7 +58,7 @@ void cmprint_Chain(std::string& out, const CertList& chain) {
     for (std::size_t i = 0; i < shown; ++i) {
         const CertInfo& info = chain[i]->info;
         cmprint_Fact(out, "  [", std::to_string(i));
-        out.append("] ").append(CertKindText(info.kind)).append(": ").append(info.subject);
+        cmprint_Value(out.append("] ").append(CertKindText(info.kind)).append(": "), info.subject);
     }
     if (shown < chain.size()) cmprint_Fact(out, "  ... and more: ", std::to_string(chain.size() - shown));
 }
@@ -88,7 +88,7 @@ void CMLog_PeerCertificate_NotSelected(const PeerSearchReport& report, const Pee
     if (statuses.empty()) cmprint_Fact(text, "No certificate matches LSP rule and identity", {});
     cmprint_Entries(text, statuses, [&](const PeerCertStatus& status, std::size_t number) {
         AppendEntry(text, number, "cert_remote", status.pattern_number);
-        text.append(": ").append(RefusalText(status.refusal));
+        cmprint_Value(text.append(": "), RefusalText(status.refusal));
         cmprint_Cert(text, status.chain[0], false);
         if (status.chain.size() > 1) cmprint_Chain(text, status.chain);
     });

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "cert_index.h"
+#include "certmgr/cert_log.h"
 #include "certmgr/certmgr.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
@@ -38,12 +39,13 @@ std::vector<std::string> NamesWithoutPartner(const PresharedKeys& keys, const Pr
     return names;
 }
 
-void LogChange(std::string_view what, const std::string& name) {
+void LogChange(std::string text, std::string_view name) {
     {
         const vpnfc::ObjectLock lock(LPARAMS::server.log);
         if (!LPARAMS::server.log.certificate_changes) return;
     }
-    TLogMessage(kMsgStoreChanged).Attr(std::string(what).append(name)).Send();
+    cmprint_Value(text, name);
+    TLogMessage(kMsgStoreChanged).Attr(text).Send();
 }
 
 /// An entry without a parsed certificate: its key is known from the token's public-key object, if there is one.
@@ -206,11 +208,11 @@ void ReloadPass::ReportCertificates() const {
 
 void ReloadPass::ReportPresharedKeys() const {
     for (const std::string& name : keys_disappeared_) {
-        LogChange("PresharedKeyDisappeared: ", name);
+        LogChange("PresharedKeyDisappeared: ", asn_text_to_printable(name));
         if (Callbacks.PresharedKeyDisappeared != nullptr) Callbacks.PresharedKeyDisappeared(name);
     }
     for (const std::string& name : keys_appeared_) {
-        LogChange("PresharedKeyAppeared: ", name);
+        LogChange("PresharedKeyAppeared: ", asn_text_to_printable(name));
         if (Callbacks.PresharedKeyAppeared != nullptr) Callbacks.PresharedKeyAppeared(name);
     }
 }

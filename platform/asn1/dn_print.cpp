@@ -37,8 +37,7 @@ void AppendHexPair(std::string& out, char c) {
     out.push_back(kHexDigits[byte & 0xF]);
 }
 
-/// Valid UTF-8 with the escapes of RFC 4514; control characters as pairs of digits, so that a name cannot forge a line
-/// of a log.
+/// Text with the escapes of RFC 4514; control characters as pairs of digits, so that a name cannot forge a line of a log.
 void AppendEscaped(std::string& out, std::string_view text) {
     std::size_t verbatim_from = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -48,7 +47,7 @@ void AppendEscaped(std::string& out, std::string_view text) {
         if (escape == kVerbatim && !edge_blank && !leading_hash) {
             continue;
         }
-        if (escape == kMaybeC1 && static_cast<unsigned char>(text[at + 1]) >= 0xA0) {
+        if (escape == kMaybeC1 && (at + 1 == text.size() || static_cast<unsigned char>(text[at + 1]) >= 0xA0)) {
             continue;
         }
         out.append(text, verbatim_from, at - verbatim_from);
@@ -117,6 +116,12 @@ bool AppendRdn(DerReader& name, OID_MAP_HANDLE map, std::size_t& attributes, std
 
 }  // namespace
 }  // namespace asn1
+
+std::string asn_text_to_printable(std::string_view text) {
+    std::string printable;
+    asn1::AppendEscaped(printable, text);
+    return printable;
+}
 
 bool asn_dn_to_printable(std::string_view name_der, std::string& printable, OID_MAP_HANDLE map) {
     asn1::DerReader name({});

@@ -382,8 +382,8 @@ void ModuleMonitor::TellInserted() {
         if (announced_) PKCS11::Callbacks.tokenInserted(token->Info());
     }
     if (std::exchange(announced_, true)) return;
-    Log(kMsgProviderReady, provider_.name + ": " + Info().description + ", " + std::to_string(shown.size()) +
-                               (shown.size() == 1 ? " token" : " tokens"));
+    Log(kMsgProviderReady, provider_.name + ": " + asn_text_to_printable(Info().description) + ", " +
+                               std::to_string(shown.size()) + (shown.size() == 1 ? " token" : " tokens"));
     PKCS11::Callbacks.providerInserted(Info(), shown.size());
 }
 

@@ -1,5 +1,6 @@
 #include "platform/tokens/token.h"
 
+#include "platform/asn1.h"
 #include "platform/eventlog.h"
 
 namespace tokens {
@@ -131,7 +132,8 @@ bool Token::TakeInsertionLogin(unsigned settings_generation) {
 }
 
 std::string Describe(const PKCS11::TokenInfo& info) {
-    return "\"" + info.label + "\" (serial " + info.serialNumber + ", provider " + info.providerName + ")";
+    return "\"" + asn_text_to_printable(info.label) + "\" (serial " + asn_text_to_printable(info.serialNumber) +
+           ", provider " + info.providerName + ")";
 }
 
 void Log(EventCode code, const std::string& text) {

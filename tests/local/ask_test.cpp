@@ -155,7 +155,8 @@ TEST_F(AskTest, ChoiceAmongCertificatesThatWereNotRequested) {
     const auto result = CM::IkeSelectLocalCertificate(nullptr, {}, CM::kIgnoreBoundFirst, nullptr, &nobody, ident_);
     EXPECT_EQ(Handle(result.cert).Subject(), "CN=b");
     EXPECT_EQ(result.status, CM::kLocalAccepted);
-    EXPECT_NE(OnlyMessage(kMsgLocalCertSelected).find(" (Not matched to CR)"), std::string::npos);
+    EXPECT_NE(OnlyMessage(kMsgLocalCertSelected).find(" UTC (Not matched to CR) \\\n\t  Identity: "), std::string::npos)
+        << vendor_host::AllText();
 }
 
 // --- Streams ---

@@ -414,7 +414,7 @@ TEST_F(SelectTest, AnnouncesTheIdentityAndSaysWhereItIsFrom) {
          kIp4,
          {127, 0, 0, 1},
          "IP: 127.0.0.1" + explicit_mark},
-        {{Id(kFqdn, "x\n.example")}, true, kFqdn, "x\n.example", "DNS: x\\x0a.example" + explicit_mark},
+        {{Id(kFqdn, "x\n.example")}, true, kFqdn, "x\n.example", "DNS: x\\0a.example" + explicit_mark},
         {{Id(kEmail, "x@example")}, true, kEmail, "x@example", "E-Mail: x@example" + explicit_mark},
         {{Id(kDn, "", "CN=x")}, true, kDn, "", "DN: CN=x" + explicit_mark},
         {{AnyId(kFqdn)}, true, kFqdn, "", "empty - any local IP address will be used"},

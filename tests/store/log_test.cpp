@@ -56,6 +56,9 @@ TEST_F(LogTest, CrlAndToken) {
     token.serialNumber = "42";
     ttt_TokenInfoToLogString(&token, text);
     EXPECT_EQ(text, " \\\n\t\tlabel: card,\t serial: 42");
+    token.label = "my \\\n\t\tcard, 2";
+    ttt_TokenInfoToLogString(&token, text);
+    EXPECT_EQ(text, " \\\n\t\tlabel: my \\\\\\0a\\09\\09card\\, 2,\t serial: 42");
 }
 
 TEST_F(LogTest, PatternShowsWhatIsSet) {
@@ -78,6 +81,16 @@ TEST_F(LogTest, PatternShowsWhatIsSet) {
         ttt_CertPatternToLogString(pattern, text);
         EXPECT_EQ(text, "> " + expected);
     }
+}
+
+TEST_F(LogTest, LongValuesAreCutBetweenCharacters) {
+    CertInfo info = Info();
+    info.subject = "CN=" + std::string(2044, 'x') + "\xd0\x96" + std::string(1000, 'y');
+    std::string text;
+    ttt_CertInfoToLogString(info, text);
+    EXPECT_TRUE(
+        text.starts_with(" \\\n\t\tSubject: CN=" + std::string(2044, 'x') + "... (1002 bytes cut) \\\n\t\tIssuer: "))
+        << text;
 }
 
 TEST_F(LogTest, KindsHaveNames) {

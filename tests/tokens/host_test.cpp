@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "platform/tokens/token.h"
 #include "tests/support/process.h"
 #include "tests/tokens/fixture.h"
 
@@ -138,6 +139,11 @@ TEST_F(Host, TokensDescribeThemselves) {
     for (const PKCS11::TokenInfo& info : PKCS11::Manager::Instance().EnumTokens()) ids.insert(info.id);
     EXPECT_EQ(ids, (std::set<std::uint64_t>{token.info.id, second.info.id}));
     EXPECT_EQ(reports_.Count("provider softhsm ready 2"), 1U);
+}
+
+TEST(TokenLog, LabelsCannotPassForOtherFacts) {
+    EXPECT_EQ(tokens::Describe({.label = "a\" (serial 1)\\\n", .serialNumber = "2, 3", .providerName = "card"}),
+              R"("a\" (serial 1)\\\0a" (serial 2\, 3, provider card))");
 }
 
 TEST_F(Host, InitTokenRefusesBadWishes) {

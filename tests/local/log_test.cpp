@@ -1,0 +1,105 @@
+// What a token, a certificate or a peer chooses must not change the shape of a log entry: its lines and their facts.
+#include <certmgr/log.h>
+
+#include <algorithm>
+
+#include "tests/local/local_fixture.h"
+
+namespace {
+
+using namespace local_test;
+using namespace std::string_literals;
+
+/// The labels of an entry's lines, and how many unescaped separators and marks it holds.
+std::string Shape(const std::string& entry) {
+    static const std::string kContinuation = "\\\n";
+    std::string shape;
+    for (std::size_t at = 0; at < entry.size();) {
+        const std::size_t end = std::min(entry.find(kContinuation, at), entry.size());
+        const std::string line = entry.substr(at, end - at);
+        shape += line.substr(0, line.find(": ")).substr(0, line.find("] ")) + "\n";
+        at = end + kContinuation.size();
+    }
+    const auto count = [&](const std::string& mark) {
+        std::size_t found = 0;
+        for (std::size_t at = entry.find(mark); at != std::string::npos; at = entry.find(mark, at + 1)) {
+            const std::size_t before = entry.find_last_not_of('\\', at == 0 ? 0 : at - 1);
+            if ((at - before) % 2 == 1) ++found;  // an even number of backslashes stands before it
+        }
+        return mark + std::to_string(found) + "\n";
+    };
+    return shape + count(", ") + count(",\t") + count("<any>") + count("\"");
+}
+
+bool IsControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+class HostileLogTest : public LocalTest {
+  protected:
+    /// Everything that is logged when a label, a serial number, a preshared key's name, an alternative name and the peer's
+    /// identity are this text.
+    std::vector<std::string> EntriesWith(const std::string& text) {
+        token_->EditInfo([&](PKCS11::TokenInfo& info) { info.label = info.serialNumber = text; });
+        AddPersonal({.key = KeyType::kRsa2048, .subject = "CN=host", .san = {"email:" + text, "DNS:" + text}},
+                    {.id = "host"});
+        token_->AddPresharedKey(text, "secret");
+        vendor_host::ClearMessages();
+        CM::Reload();
+        LPCFG::auth_ike_t rule;
+        rule.id_local = {AnyId(LPCFG::ipsecid_t::kEmail)};
+        const Handle cert(
+            CM::IkeSelectLocalCertificate(nullptr, rule, CM::kIgnoreBoundFirst, nullptr, nullptr, ident_).cert);
+        token_->Fail(vendor_host::Op::kSign);
+        std::string signature;
+        CM::IkeSign(cert.get(), "hash", signature, ident_);
+        token_->Fail(vendor_host::Op::kSign, 0);
+        for (const auto type : {LPCFG::ipsecid_t::kFqdn, LPCFG::ipsecid_t::kIp4, LPCFG::ipsecid_t::kDn}) {
+            const Handle none(CM::IkeVerifyPeerCertificate({}, Id(type, text, text), {}, {}, {}, ident_));
+        }
+        std::vector<std::string> entries(1);
+        ttt_TokenInfoToLogString(&cert->token, entries.front());
+        for (const auto& message : vendor_host::Messages()) {
+            if (message.code != kMsgTokenError)
+                entries.push_back(message.Text());  // the host's own is no business of ours
+        }
+        token_->Remove("host");
+        token_->RemovePresharedKey(text);
+        CM::Reload();
+        return entries;
+    }
+};
+
+TEST_F(HostileLogTest, TextsOfOthersNeitherForgeNorPushOutFacts) {
+    const std::vector<std::string> plain = EntriesWith("plain");
+    ASSERT_EQ(plain.size(), 8U);
+    const std::string hostile[] = {
+        "x \\\n\t  Identity: empty",
+        "x\n2031-02-28 23:59:58.171Z error 4 forged",
+        "x\\",
+        "x,\t serial: 99, provider y",
+        "x\" (serial 1)",
+        "\x1b[2J\r\x07\x7f",
+        "x\0y"s,
+        "x\xc2\x9b"
+        "1m",
+        "x\xff\xc2",
+        "<any>",
+        std::string(100'000, 'x'),
+        std::string(100'000, '\n'),
+    };
+    for (const std::string& text : hostile) {
+        SCOPED_TRACE(text.substr(0, 60));
+        const std::vector<std::string> entries = EntriesWith(text);
+        ASSERT_EQ(entries.size(), plain.size());
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            EXPECT_EQ(Shape(entries[i]), Shape(plain[i]));
+            EXPECT_EQ(std::count_if(entries[i].begin(), entries[i].end(), IsControl),
+                      std::count_if(plain[i].begin(), plain[i].end(), IsControl))
+                << entries[i];
+            EXPECT_LT(entries[i].size(), 6000U);
+        }
+    }
+}
+
+}  // namespace
