@@ -21,6 +21,28 @@ enum ExitCode : int {
     kExitSettings = 2,  // wrong arguments or settings
 };
 
+constexpr const char* kFooter =
+    "Signals:\n"
+    "  SIGHUP           reload settings and tokens; settings with errors change nothing\n"
+    "  SIGTERM, SIGINT  stop in order\n"
+    "\n"
+    "Exit codes:\n"
+    "  0  stopped in order\n"
+    "  1  something that the settings ask for could not be started\n"
+    "  2  wrong arguments, or a settings file that cannot be read or has errors\n";
+
+int ExitCodeOf(vpnhost::StartResult result) {
+    switch (result) {
+        case vpnhost::StartResult::kRunning:
+            return kExitSuccess;
+        case vpnhost::StartResult::kWrongSettings:
+            return kExitSettings;
+        case vpnhost::StartResult::kFailed:
+            break;
+    }
+    return kExitFailure;
+}
+
 void LogLine(const std::string& text) {
     TLogMessage(kMsgDaemon).Attr(text).Send();
 }
@@ -46,8 +68,13 @@ int CheckSettings(const std::string& path) {
 int Run(const std::string& path) {
     // Before anything starts, so that no signal is lost to its default action.
     events::SignalLoop signals{SIGHUP, SIGTERM, SIGINT};
+    // Whoever reads stderr may go away.
+    std::signal(SIGPIPE, SIG_IGN);
     vpnhost::Host host;
-    if (!host.Start(path)) return kExitSettings;
+    if (const auto result = host.Start(path); result != vpnhost::StartResult::kRunning) {
+        std::cerr << "certmgrd: not started; the log says why\n";
+        return ExitCodeOf(result);
+    }
     {
         const CM::RunningModule module;
         CM::Reload();
@@ -68,14 +95,15 @@ int Run(const std::string& path) {
 int main(int argc, char** argv) {
     CLI::App app{
         "Certificate manager for IKE/IPsec VPN clients: keeps a live store of what PKCS#11 tokens hold.\n"
-        "Runs in the foreground. SIGHUP reloads settings and tokens, SIGTERM and SIGINT stop in order.\n"
-        "Exit codes: 0 stopped in order, 1 could not start, 2 wrong arguments or settings.",
+        "Runs in the foreground until told to stop, and logs to stderr unless the settings say otherwise.\n",
         "certmgrd"};
+    app.footer(kFooter);
     std::string config = "/etc/certmgr/certmgr.toml";
     bool check = false;
-    app.add_option("-c,--config", config, "Settings file")->capture_default_str();
-    app.add_flag("--check", check, "Check the settings file and exit");
-    app.set_version_flag("--version", CERTMGR_VERSION);
+    app.add_option("-c,--config", config, "Settings file; default " + config)->option_text("FILE");
+    app.add_flag("--check", check, "Say what is wrong in the settings file, and exit");
+    app.set_version_flag("--version", "certmgrd " CERTMGR_VERSION, "Print the version and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
     try {
         app.parse(argc, argv);
         return check ? CheckSettings(config) : Run(config);

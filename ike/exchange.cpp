@@ -166,7 +166,7 @@ std::string Flatten(const std::string& text) {
 
 int Judge(const ExchangeOptions& options, int initiator, int responder, const std::string& everything) {
     const bool success = initiator == kExitSuccess && responder == kExitSuccess;
-    if (initiator == kExitUsage || responder == kExitUsage) return kExitUsage;
+    if (initiator == kExitCannotRun || responder == kExitCannotRun) return kExitCannotRun;
     if (options.expect.empty()) return success ? kExitSuccess : kExitRefused;
     if (success) {
         std::cout << "Not refused, although it should be\n";
@@ -193,7 +193,7 @@ int RunExchange(const ExchangeOptions& options) {
     if (!MakePair(a, b) || !initiator.Start(options.initiator, "initiator", a) ||
         !responder.Start(options.responder, "responder", b)) {
         std::cerr << "ikeauth: the sides could not be started\n";
-        return kExitUsage;
+        return kExitCannotRun;
     }
     a.Close();
     b.Close();

@@ -13,11 +13,11 @@ struct ExchangeOptions {
     bool quiet = false;  // only the verdict
 };
 
-/// Exit codes of `ikeauth exchange` and `ikeauth side`.
+/// Exit codes of `ikeauth`.
 enum ExitCode : int {
     kExitSuccess = 0,
     kExitRefused = 1,  // one side refused the other, or could not authenticate
-    kExitUsage = 2,  // wrong arguments or settings
+    kExitCannotRun = 2,  // wrong arguments or settings, or files or tokens that cannot be used
     kExitUnexpected = 3,  // refused, but not with the expected text; or accepted against expectation
 };
 

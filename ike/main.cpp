@@ -20,6 +20,22 @@ using ikeauth::ExchangeOptions;
 using ikeauth::ProvisionOptions;
 using ikeauth::SideOptions;
 
+constexpr const char* kExitCodes =
+    "Exit codes:\n"
+    "  0  success: authenticated, refused as expected, or provisioned\n"
+    "  1  one side refused the other or could not authenticate\n"
+    "  2  could not run: wrong arguments or settings, or files or tokens that cannot be used\n"
+    "  3  not refused although it should be, or not for the expected reason\n";
+
+constexpr const char* kFaults =
+    "Faults:\n"
+    "  careless                take the first personal certificate without judging it\n"
+    "  leaf-only               send no intermediate certificates\n"
+    "  damage-signature        turn a bit of the authentication data\n"
+    "  announce-fqdn=NAME      announce this identity instead of the certificate's\n"
+    "  before-signing=COMMAND  run this shell command just before signing\n"
+    "\n";
+
 struct SideCommand {
     std::string config;
     std::string rule;
@@ -35,12 +51,12 @@ const std::map<std::string, ikeauth::PayloadForm> kForms{{"x509", ikeauth::Paylo
 
 int RunSide(const SideCommand& command) {
     vpnhost::Host host;
-    if (!host.Start(command.config)) return ikeauth::kExitUsage;
+    if (host.Start(command.config) != vpnhost::StartResult::kRunning) return ikeauth::kExitCannotRun;
     const std::shared_ptr<const LPCFG::Rules> rules = host.rules();
     const LPCFG::auth_ike_t* rule = rules->find(command.rule);
     if (rule == nullptr) {
         std::cerr << "ikeauth: no rule '" << command.rule << "' in " << command.config << "\n";
-        return ikeauth::kExitUsage;
+        return ikeauth::kExitCannotRun;
     }
     std::string verdict;
     bool success = false;
@@ -83,23 +99,29 @@ struct ExchangeCommand {
 };
 
 void AddExchange(CLI::App& app, ExchangeCommand& command) {
-    CLI::App* exchange = app.add_subcommand(
-        "exchange", "Two hosts authenticate each other: two processes, each with the module and its own tokens");
-    exchange->add_option("--initiator", command.initiator_config, "Settings file of the initiator")->required();
-    exchange->add_option("--responder", command.responder_config, "Settings file of the responder")->required();
-    exchange->add_option("--rule", command.rule, "Rule to authenticate by, in both files")->required();
-    exchange->add_option("--ike", command.version, "IKE version whose authentication is made: 1 signs a hash, 2 octets")
+    CLI::App* exchange =
+        app.add_subcommand("exchange", "Two hosts, each a process with tokens of its own, authenticate each other");
+    exchange->footer(std::string(kFaults) + kExitCodes);
+    exchange->add_option("--initiator", command.initiator_config, "Settings file of the initiator")
+        ->required()
+        ->option_text("FILE (required)");
+    exchange->add_option("--responder", command.responder_config, "Settings file of the responder")
+        ->required()
+        ->option_text("FILE (required)");
+    exchange->add_option("--rule", command.rule, "Rule to authenticate by, in both files")
+        ->required()
+        ->option_text("NAME (required)");
+    exchange->add_option("--ike", command.version, "IKE version: 1 signs a hash, 2 octets; default 2")
         ->check(CLI::IsMember({"1", "2"}))
-        ->capture_default_str();
-    exchange->add_option("--payload", command.form, "Certificate payloads: single certificates, or one PKCS#7 bundle")
+        ->option_text("1|2");
+    exchange->add_option("--payload", command.form, "Single certificates or one bundle; default x509")
         ->check(CLI::IsMember({"x509", "pkcs7"}))
-        ->capture_default_str();
-    exchange->add_option("--expect", command.options.expect,
-                         "Succeed only if refused with this text in the log; may be repeated");
+        ->option_text("x509|pkcs7");
+    exchange->add_option("--expect", command.options.expect, "Succeed only if refused with this text in the log")
+        ->option_text("TEXT (repeatable)");
+    exchange->add_option("--fault", command.initiator_faults, "What the initiator does wrong, see below; repeatable")
+        ->option_text("FAULT");
     exchange->add_flag("-q,--quiet", command.options.quiet, "Print the verdict alone");
-    exchange->add_option("--fault", command.initiator_faults,
-                         "What the initiator does wrong: careless, leaf-only, damage-signature, announce-fqdn=NAME, "
-                         "before-signing=COMMAND");
 }
 
 int RunExchangeCommand(ExchangeCommand& command) {
@@ -115,27 +137,36 @@ int RunExchangeCommand(ExchangeCommand& command) {
 
 void AddProvision(CLI::App& app, ProvisionOptions& options) {
     CLI::App* provision = app.add_subcommand("provision", "Makes a SoftHSM2 token with a host's key and certificates");
-    provision->add_option("--state", options.state, "State folder of SoftHSM2; made when absent")->required();
-    provision->add_option("--label", options.label, "Label of the token")->required();
-    provision->add_option("--pin-file", options.pin_file, "User PIN; a random one is written if the file is not there")
-        ->required();
-    provision->add_option("--so-pin-file", options.so_pin_file, "The same for the security officer")->required();
-    CLI::Option* cert = provision->add_option("--cert", options.cert, "Certificate of the host (PEM)");
-    provision->add_option("--key", options.key, "Its private key (PEM, not encrypted)")->needs(cert);
-    provision->add_option("--other", options.others, "Further certificates (PEM)");
-    provision->add_option("--trusted", options.trusted, "Certificates to be trusted (PEM)");
-    provision->add_option("--key-not-after", options.key_not_after, "Last day of the private key's usage, YYYY-MM-DD");
+    provision->footer(
+        "A PIN file that is not there is written with a random PIN; one that is there must have mode 0600.\n"
+        "Certificates and keys are PEM files.\n\n" +
+        std::string(kExitCodes));
+    provision->add_option("--state", options.state, "State folder of SoftHSM2; made when absent")
+        ->required()
+        ->option_text("FOLDER (required)");
+    provision->add_option("--label", options.label, "Label of the token")->required()->option_text("TEXT (required)");
+    provision->add_option("--pin-file", options.pin_file, "PIN of the user")
+        ->required()
+        ->option_text("FILE (required)");
+    provision->add_option("--so-pin-file", options.so_pin_file, "PIN of the security officer")
+        ->required()
+        ->option_text("FILE (required)");
+    CLI::Option* cert = provision->add_option("--cert", options.cert, "Certificate of the host")->option_text("FILE");
+    provision->add_option("--key", options.key, "Its private key, not encrypted")->needs(cert)->option_text("FILE");
+    provision->add_option("--other", options.others, "Further certificates")->option_text("FILE ...");
+    provision->add_option("--trusted", options.trusted, "Certificates to be trusted")->option_text("FILE ...");
+    provision->add_option("--key-not-after", options.key_not_after, "Last day of the private key's usage")
+        ->option_text("YYYY-MM-DD");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app{
-        "Drives the certificate services of an IKE engine: choose, sign, send, verify.\n"
-        "Exit codes: 0 success, 1 refused, 2 wrong arguments or settings, 3 not refused as expected.",
-        "ikeauth"};
+    CLI::App app{"Drives the certificate services of an IKE engine: choose, sign, send, verify.\n", "ikeauth"};
+    app.footer("\"ikeauth SUBCOMMAND --help\" shows the options of one.\n\n" + std::string(kExitCodes));
     app.require_subcommand(1);
-    app.set_version_flag("--version", CERTMGR_VERSION);
+    app.set_version_flag("--version", "ikeauth " CERTMGR_VERSION, "Print the version and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
     SideCommand side;
     ExchangeCommand exchange;
     ProvisionOptions provision;
@@ -148,9 +179,9 @@ int main(int argc, char** argv) {
         if (app.got_subcommand("exchange")) return RunExchangeCommand(exchange);
         return ikeauth::RunProvision(provision);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ikeauth::kExitSuccess : ikeauth::kExitUsage;
+        return app.exit(error) == 0 ? ikeauth::kExitSuccess : ikeauth::kExitCannotRun;
     } catch (const std::exception& error) {
         std::cerr << "ikeauth: " << error.what() << "\n";
-        return ikeauth::kExitUsage;
+        return ikeauth::kExitCannotRun;
     }
 }

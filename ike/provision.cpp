@@ -8,9 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -46,8 +47,9 @@ bool Complain(const std::string& text) {
 
 bool ReadFile(const std::string& path, std::string& content) {
     std::ifstream file(path, std::ios::binary);
+    if (!file) return Complain(path + ": cannot be read: " + std::strerror(errno));
     std::ostringstream text;
-    if (!file || !(text << file.rdbuf())) return Complain(path + ": cannot be read");
+    if (!(text << file.rdbuf())) return Complain(path + ": cannot be read");
     content = std::move(text).str();
     return content.size() <= kMaxFileBytes || Complain(path + ": larger than 1 MiB");
 }
@@ -78,31 +80,25 @@ bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
     return true;
 }
 
-std::string RandomPin() {
-    std::string pin;
-    while (pin.size() < kPinDigits) {
+bool MakeRandomPin(vpnfc::SecretString& pin) {
+    while (pin.get().size() < kPinDigits) {
         unsigned char byte = 0;
-        RAND_bytes(&byte, 1);
-        if (byte < 250) pin.push_back(static_cast<char>('0' + byte % 10));  // below 250 every digit is as likely
+        if (RAND_bytes(&byte, 1) != 1) return Complain("no random numbers for a PIN");
+        if (byte < 250) pin.edit().push_back(static_cast<char>('0' + byte % 10));  // below 250 every digit is as likely
     }
-    return pin;
+    return true;
 }
 
 /// Reads a PIN file, or makes one with a random PIN.
 bool ReadOrMakePin(const std::string& path, vpnfc::SecretString& pin) {
-    if (access(path.c_str(), F_OK) == 0) {
-        std::string text;
-        if (!ReadFile(path, text)) return false;
-        pin = vpnfc::SecretString(std::string_view(text).substr(0, text.find_first_of("\r\n")));
-        vpnfc::SecureWipe(text);
-        return true;
-    }
-    pin = vpnfc::SecretString(RandomPin());
+    std::string error;
+    if (access(path.c_str(), F_OK) == 0) return tokens::ReadPinFile(path, pin, error) || Complain(error);
+    if (!MakeRandomPin(pin)) return false;
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    const bool written =
-        fd >= 0 && write(fd, pin.get().data(), pin.get().size()) == static_cast<ssize_t>(pin.get().size());
-    if (fd >= 0) close(fd);
-    return written || Complain(path + ": cannot be written");
+    if (fd < 0) return Complain("PIN file " + path + " cannot be made: " + std::strerror(errno));
+    const bool written = write(fd, pin.get().data(), pin.get().size()) == static_cast<ssize_t>(pin.get().size());
+    close(fd);
+    return written || Complain("PIN file " + path + " cannot be written");
 }
 
 bool ReadDate(const std::string& text, cert_time64_t& time) {
@@ -177,8 +173,9 @@ bool Provision(const ProvisionOptions& options) {
     std::string error;
     const std::string module = tokens::SoftHsmModulePath();
     if (module.empty()) return Complain("SoftHSM2 is not installed: install softhsm2");
-    const tokens::Settings settings{.providers = {{.name = "softhsm", .module_path = module}}};
-    if (!tokens::PrepareSoftHsm(options.state, error) || !tokens::Start(settings, error)) return Complain(error);
+    const std::string state = std::filesystem::absolute(options.state);
+    if (!tokens::PrepareSoftHsm(state, error)) return Complain("state folder " + error);
+    if (!tokens::Start({.providers = {{.name = "softhsm", .module_path = module}}}, error)) return Complain(error);
 
     PKCS11::TokenInfo token;
     if (!tokens::InitToken("softhsm", options.label, so_pin, pin, token, error)) return Complain(error);
@@ -193,7 +190,7 @@ int RunProvision(const ProvisionOptions& options) {
     const bool done = Provision(options);
     tokens::Stop();
     CM::CertEngine_Finit();
-    return done ? kExitSuccess : kExitUsage;
+    return done ? kExitSuccess : kExitCannotRun;
 }
 
 }  // namespace ikeauth

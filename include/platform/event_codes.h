@@ -77,5 +77,6 @@ enum EventCode : std::uint16_t {
     kMsgSettingsLoaded = 210,
     kMsgSettingsRejected = 211,
     kMsgSettingsWarning = 212,
+    kMsgStartFailed = 213,
     kMsgDaemon = 220,
 };

@@ -83,6 +83,7 @@ constexpr Wording kCatalogue[] = {
     {kMsgSettingsLoaded, kInfo, "Settings loaded: %1"},
     {kMsgSettingsRejected, kError, "Settings rejected: %1"},
     {kMsgSettingsWarning, kWarning, "Settings: %1"},
+    {kMsgStartFailed, kError, "Cannot start: %1"},
     {kMsgDaemon, kInfo, "%1"},
 };
 

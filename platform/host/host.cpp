@@ -13,21 +13,37 @@ bool Refuse(const std::string& text) {
     return false;
 }
 
+StartResult Fail(const std::string& text) {
+    TLogMessage(kMsgStartFailed).Attr(text).Send();
+    return StartResult::kFailed;
+}
+
+bool OpenLog(const eventlog::Sinks& sinks, std::string& error) {
+    if (eventlog::SetSinks(sinks, error)) return true;
+    error = "the log file cannot be opened: " + error + "; name another as \"file\" in [log]";
+    return false;
+}
+
 }  // namespace
 
-bool Host::StartLogAndTokens(const settings::Settings& loaded) {
+StartResult Host::StartLibraries(const settings::Settings& loaded) {
     std::string error;
     const std::string& folder = loaded.tokens.softhsm_directory;
-    if (!eventlog::SetSinks(loaded.log.sinks, error)) return Refuse(error);
-    if (!folder.empty() && !tokens::PrepareSoftHsm(folder, error)) return Refuse(error);
+    if (!folder.empty() && !tokens::PrepareSoftHsm(folder, error)) {
+        return Fail("state directory of SoftHSM2: " + error + "; name another as \"softhsm_directory\" in [tokens]");
+    }
     sinks_ = loaded.log.sinks;
     softhsm_directory_ = folder;
-    return tokens::Start(loaded.tokens.manager, error) || Refuse(error);
+    if (!tokens::Start(loaded.tokens.manager, error)) {
+        Refuse(error);
+        return StartResult::kWrongSettings;
+    }
+    return events::Start() ? StartResult::kRunning : Fail("the event thread cannot be made");
 }
 
 bool Host::ApplyLogAndTokens(const settings::Settings& loaded) {
     std::string error;
-    if (!eventlog::SetSinks(loaded.log.sinks, error)) return Refuse(error);
+    if (!OpenLog(loaded.log.sinks, error)) return Refuse(error);
     if (!tokens::Apply(loaded.tokens.manager, error)) {
         std::string ignored;
         eventlog::SetSinks(sinks_, ignored);  // all or nothing
@@ -42,26 +58,31 @@ bool Host::ApplyLogAndTokens(const settings::Settings& loaded) {
     return true;
 }
 
-bool Host::Start(const std::string& settings_path) {
+StartResult Host::Start(const std::string& settings_path) {
     path_ = settings_path;
     const settings::LoadResult loaded = settings::Load(path_);
+    std::string error;
+    const bool log_open = !loaded.ok || OpenLog(loaded.settings.log.sinks, error);
     settings::LogProblems(path_, loaded);
-    if (!loaded.ok) return false;
+    if (!loaded.ok) return StartResult::kWrongSettings;
+    if (!log_open) return Fail(error);
     settings::Apply(loaded.settings);
     running_ = true;
-    if (!StartLogAndTokens(loaded.settings) || !events::Start()) {
+    const StartResult result = StartLibraries(loaded.settings);
+    if (result != StartResult::kRunning) {
         Stop();
-        return false;
+        return result;
     }
     const std::lock_guard lock(mutex_);
     rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);
-    return true;
+    return StartResult::kRunning;
 }
 
 bool Host::Reload() {
     const settings::LoadResult loaded = settings::Load(path_);
-    settings::LogProblems(path_, loaded);
-    if (!loaded.ok || !ApplyLogAndTokens(loaded.settings)) return false;
+    const bool applied = loaded.ok && ApplyLogAndTokens(loaded.settings);
+    if (applied || !loaded.ok) settings::LogProblems(path_, loaded);
+    if (!applied) return false;
     settings::Apply(loaded.settings);
     const std::lock_guard lock(mutex_);
     rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);

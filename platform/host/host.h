@@ -1,11 +1,12 @@
 // All host libraries of a program, started from one settings file and stopped in order.
 //
 //     vpnhost::Host host;
-//     if (!host.Start(path)) return 2;  // what was wrong is in the event log, which goes to stderr by default
+//     if (host.Start(path) != vpnhost::StartResult::kRunning) return 1;  // the log, by default stderr, says why
 //     CM::RunningModule module;
 //     ...
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,13 @@
 
 namespace vpnhost {
 
+/// How a start ended. After anything but kRunning nothing runs, and the reason is logged.
+enum class StartResult : std::uint8_t {
+    kRunning,
+    kWrongSettings,  // the file cannot be read, or has errors
+    kFailed,  // what the settings ask for cannot be had: log file, state directory, event thread
+};
+
 /// One at a time in a process. Start and Stop on the main thread; Reload and rules() from any.
 class PLATFORM_API Host {
   public:
@@ -23,9 +31,9 @@ class PLATFORM_API Host {
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    /// Reads the settings and starts event log, parameters, event manager and token manager. False, with nothing
-    /// running, when the settings are wrong or something cannot start; the reason is logged.
-    bool Start(const std::string& settings_path);
+    /// Reads the settings and starts event log, parameters, event manager and token manager. What is doubtful in the
+    /// settings is logged to where they say that messages go.
+    StartResult Start(const std::string& settings_path);
 
     /// Reads the settings again and puts them into force. False, with the old ones kept, when they are wrong.
     bool Reload();
@@ -37,7 +45,7 @@ class PLATFORM_API Host {
     std::shared_ptr<const LPCFG::Rules> rules() const;
 
   private:
-    bool StartLogAndTokens(const settings::Settings& loaded);
+    StartResult StartLibraries(const settings::Settings& loaded);
     bool ApplyLogAndTokens(const settings::Settings& loaded);
 
     std::string path_;

@@ -156,17 +156,26 @@ class FileDescriptor {
     int fd_;
 };
 
+// What to do about a settings file that cannot be opened.
+std::string RemedyOf(int error) {
+    if (error == ENOENT) return "write one, as docs/settings.md describes, or name another with --config";
+    if (error == EACCES) return "let the user with the number " + std::to_string(geteuid()) + " read it";
+    return {};
+}
+
 // Reads the whole file; false when it cannot be used, with the reason reported.
 bool ReadFile(const std::string& path, ProblemList& problems, std::string& content) {
-    const auto fail = [&](const std::string& text) {
-        problems.Add(Problem::Kind::kError, {}, text);
+    const auto fail = [&](const std::string& text, const std::string& remedy = {}) {
+        problems.Add(Problem::Kind::kError, {}, text, remedy);
         return false;
     };
     const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0)
-        return fail("cannot be opened: " + std::string(std::strerror(errno)));
-    if (!S_ISREG(status.st_mode)) return fail("is not a regular file");
+    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+        const int error = errno;
+        return fail("cannot be opened: " + std::string(std::strerror(error)), RemedyOf(error));
+    }
+    if (!S_ISREG(status.st_mode)) return fail("is not a regular file", "name the settings file itself");
     content.resize(kMaxFileBytes + 1);
     std::size_t length = 0;
     ssize_t got = 1;

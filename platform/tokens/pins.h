@@ -14,10 +14,6 @@ namespace tokens {
 
 inline constexpr std::size_t kMaxPinBytes = 255;
 
-/// First line of a PIN file. False, and why, unless the file is a regular one of the effective user that nobody else
-/// may read or write.
-bool ReadPinFile(const std::string& path, vpnfc::SecretString& pin, std::string& error);
-
 /// The PINs that tokens refused, as salted digests by token identifier: none of them is tried on its token again, taken
 /// out and put back or not, as long as the process lives.
 class FailedPins {

@@ -38,6 +38,10 @@ struct PinFile {
     bool login_on_insertion = true;  // so that private objects are seen at once; else at the first private session
 };
 
+/// First line of a PIN file. False, and why, unless the file is a regular one of the effective user that nobody else
+/// may read or write.
+PLATFORM_API bool ReadPinFile(const std::string& path, vpnfc::SecretString& pin, std::string& error);
+
 struct Settings {
     std::vector<Provider> providers{};
     std::vector<PinFile> pin_files{};

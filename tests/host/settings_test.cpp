@@ -101,10 +101,13 @@ TEST_F(Settings, NamesEveryProblemWithItsPlace) {
 
 TEST_F(Settings, RefusesWhatIsNoSettingsFile) {
     EXPECT_EQ(Problems(settings::Load(folder_ / "none")),
-              std::vector<std::string>{"none: error: cannot be opened: No such file or directory"});
+              std::vector<std::string>{
+                  "none: error: cannot be opened: No such file or directory; write one, as docs/settings.md describes, "
+                  "or name another with --config"});
     const LoadResult directory = settings::Load(folder_.path());
     ASSERT_EQ(directory.problems.size(), 1U);
-    EXPECT_TRUE(directory.problems[0].ToString().ends_with(": error: is not a regular file"));
+    EXPECT_TRUE(
+        directory.problems[0].ToString().ends_with(": error: is not a regular file; name the settings file itself"));
     EXPECT_EQ(Problems(Load(std::string(settings::kMaxFileBytes + 1, '\n'))),
               std::vector<std::string>{"certmgr.toml: error: is larger than 1048576 bytes"});
     EXPECT_TRUE(Load(std::string(settings::kMaxFileBytes, '\n')).ok);

@@ -1,6 +1,9 @@
 // ikeauth: two processes authenticate each other, or say why not.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
 
 #include "tests/programs/hosts.h"
 
@@ -35,12 +38,36 @@ TEST(ExchangeTest, SaysHowItEnded) {
         {{"--expect", "anything"}, 3, "Not refused, although it should be"},
         {{"--ike", "3"}, 2, "--ike"},
         {{"--rule", "no such rule"}, 2, ""},
+        {{"--help"}, 0, "Exit codes:"},
     };
     for (const Case& c : cases) {
         const auto result = Exchange(hosts, c.options);
         EXPECT_EQ(result.exit_code, c.exit_code) << c.text << "\n" << result.out << result.err;
         EXPECT_NE((result.out + result.err).find(c.text), std::string::npos) << result.out << result.err;
     }
+}
+
+TEST(ProvisionTest, ReadsNoPinThatOthersCouldRead) {
+    const Hosts hosts;
+    const std::filesystem::path folder = std::filesystem::path(hosts.Settings("alice")).parent_path();
+    const auto provision = [&] {
+        return test_support::Run(
+            {"sh", "-c",
+             "cd \"$0\" && exec \"$1\" provision --state carol.tokens --label carol --pin-file carol.pin "
+             "--so-pin-file carol.so",
+             folder, IKEAUTH_PATH});
+    };
+    hosts.Write("carol.pin", "12345678\n");
+    ASSERT_EQ(chmod((folder / "carol.pin").c_str(), 0644), 0);
+    const auto refused = provision();
+    EXPECT_EQ(refused.exit_code, 2);
+    EXPECT_NE(refused.err.find("its mode must be 0600"), std::string::npos) << refused.err;
+    EXPECT_FALSE(exists(folder / "carol.tokens"));
+
+    ASSERT_EQ(chmod((folder / "carol.pin").c_str(), 0600), 0);
+    const auto made = provision();
+    EXPECT_EQ(made.exit_code, 0) << made.err;
+    EXPECT_TRUE(exists(folder / "carol.tokens"));
 }
 
 }  // namespace

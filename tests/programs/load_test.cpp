@@ -67,7 +67,7 @@ TEST(LoadTest, SelectionsAndVerificationsWhileTokensComeAndGo) {
     hosts.WriteSettings("alice", "");
     setenv("FORWARD_PKCS11_CONTROL", hosts.control().path().c_str(), 1);  // before any thread starts
     vpnhost::Host host;
-    ASSERT_TRUE(host.Start(hosts.Settings("alice")));
+    ASSERT_EQ(host.Start(hosts.Settings("alice")), vpnhost::StartResult::kRunning);
     {
         const CM::RunningModule module;
         CM::Reload();
