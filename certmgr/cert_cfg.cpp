@@ -135,7 +135,6 @@ void ike_signature_to_token_(pki_alg_t key_alg, std::string& signature) {
 // --- Signing ---
 
 bool IkeSign(const X509Cert* cert, const std::string& hash, std::string& signature, const TLogIdent& ident) {
-    // 1.
     PKCS11::TokenSession session(cert->token, PKCS11::TokenSession::kPrivate);
     if (!session.opened()) {
         LabelledText("Can't open private session on token")
@@ -144,7 +143,6 @@ bool IkeSign(const X509Cert* cert, const std::string& hash, std::string& signatu
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
     }
-    // 2.
     const pki_alg_t key_alg = cert->info.keyAlg;
     if (!session.Sign(key_alg, cert->info.id, hash, signature)) {
         LabelledText("Can't ike sign on token")
@@ -153,13 +151,11 @@ bool IkeSign(const X509Cert* cert, const std::string& hash, std::string& signatu
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
     }
-    // 3. and 4.
     return ike_signature_from_token_(key_alg, signature);
 }
 
 bool Ike2Sign(const X509Cert* cert, pki_alg_t sign_alg, const std::string& data, std::string& signature,
               const TLogIdent& ident) {
-    // 1.
     PKCS11::TokenSession session(cert->token, PKCS11::TokenSession::kPrivate);
     if (!session.opened()) {
         LabelledText("Ike2Sign: Can't open private session on token")
@@ -169,11 +165,10 @@ bool Ike2Sign(const X509Cert* cert, pki_alg_t sign_alg, const std::string& data,
             .Send(kMsgIke2SignFailed, ident);
         return false;
     }
-    // 2. and 3. The signature stays as the token gives it.
+    // The signature stays as the token gives it.
     const pki_alg_t digest_alg = sign_alg & ~PKI_KEY_MASK;
     const int result = X509Cert_Sign(session, cert->info.id, sign_alg & PKI_NO_HASH_MASK, digest_alg, data, signature);
     if (result == kSigned) return true;
-    // 4.
     LabelledText(result == kSignDigestError ? "Ike2Sign: can't form digest" : "Ike2Sign: can't form sign")
         .Token(cert->token)
         .Line("cert", cert->info.subject)
@@ -196,7 +191,6 @@ bool Ike2CheckHashAlg(const X509Cert* cert, pki_alg_t alg) {
 // --- Verifying, IKEv1 ---
 
 bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signature, const TLogIdent& ident) {
-    // 1.
     const pki_alg_t key_alg = peer->info.keyAlg;
     const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(key_alg);
     if (tokens->empty()) {
@@ -205,9 +199,8 @@ bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signa
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
     }
-    // 2.
     ike_signature_to_token_(key_alg, signature);
-    // 3. The first token with a session decides.
+    // The first token with a session decides.
     for (const PKCS11::TokenInfo& token : *tokens) {
         PKCS11::TokenSession session(token, PKCS11::TokenSession::kPublic);
         if (!session.opened()) {
@@ -221,7 +214,6 @@ bool IkeVerify(const X509Cert* peer, const std::string& hash, std::string& signa
             .Send(kMsgIkeSignOrVerifyFailed, ident);
         return false;
     }
-    // 4.
     LabelledText("Can't open public session for ike verify")
         .Line("peer cert key alg", AlgName(key_alg))
         .Send(kMsgIkeSignOrVerifyFailed, ident);
@@ -322,20 +314,17 @@ bool Ike2Verify(const X509Cert* peer, pki_alg_t auth_alg, const std::string& dat
                 const TLogIdent& ident) {
     const Ike2Verification v{*peer, data, signature, ident};
     pki_alg_t alg = auth_alg;
-    // 1. and 2. A bare key algorithm gets its hash.
+    // A bare key algorithm gets its hash.
     if (auth_alg <= PKI_KEY_MASK && !AddHash(v, alg)) return false;
-    // 3.
     if (!IsSignatureAlgorithm(alg)) {
         v.Log("CM::Ike2Verify: not sign alg:" + AlgNameAndCode(alg));
         return false;
     }
-    // 4.
     if (!FitsKey(alg, peer->info.keyAlg)) {
         v.LogWithPeer("CM::Ike2Verify: incompatible sign alg:" + AlgNameAndCode(alg) +
                       ", key alg: " + AlgName(peer->info.keyAlg) + ", auth alg: " + AlgNameAndCode(auth_alg));
         return false;
     }
-    // 5.
     const SignatureCheck result = X509Cert_Verify(alg, peer->rawPubKey, data, signature);
     if (result != kSignatureRight) {
         v.LogWithPeer(std::string("CM::Ike2Verify failed: ") + SignatureCheckText(result), KeyAndSignAlg(*peer, alg));

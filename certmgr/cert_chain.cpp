@@ -93,19 +93,16 @@ ChainBuildResult ChainBuilder::Build(CertList& chain) {
     for (const X509Cert* member : chain) members_.Add(member);
     const X509Cert* current = chain[0];
     for (;;) {
-        // 1. and 2. Stops, judged in 7.
+        // The chain ends here, trusted or not.
         const bool stop = (flags_ & StopAtTrusted) != 0 && IsTrusted(current);
         if (stop || current->selfSigned) break;
-        // 3. and 4.
         CertRef issuer = FindIssuer(current);
-        // 5.
         if (!issuer) return IsTrusted(current) ? ChainEndsAtTrusted : ChainIncomplete;
-        // 6. The issuer stays in the chain even when it closes a cycle.
+        // The issuer stays in the chain even when it closes a cycle.
         current = issuer.get();
         AppendToChain(chain, std::move(issuer));
         if (!members_.Add(current)) return ChainCycle;
     }
-    // 7.
     return JudgeTrust(chain);
 }
 
@@ -132,15 +129,12 @@ bool CheckLocalChainUnlocked(const X509Cert* cert, const IkeCertRequestIter* req
     std::size_t next_mark = 1;
     CertRef current(cert);
     for (;;) {
-        // 1.
         if (IsRequested(current.get(), *requests)) return true;
-        // 2.
         if (current->selfSigned || current.get() == mark) return false;
         if (++steps == next_mark) {
             mark = current.get();
             next_mark *= 2;
         }
-        // 3. and 4.
         CertRef issuer = FindIssuerUnlocked(current.get(), nobodys, kWholeStore);
         if (!issuer) return false;
         current = std::move(issuer);

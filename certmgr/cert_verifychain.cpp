@@ -140,26 +140,21 @@ Refusal CheckRoot(const std::vector<X509Cert*>& chain) {
 }  // namespace
 
 Refusal VerifyCertChainTask::Run(const std::vector<X509Cert*>& chain) {
-    // 1.
     const bool up_to_root = SelfSignedRootRequired();
     Refusal refusal;
     if (up_to_root) refusal = CheckRoot(chain);
-    // 2.
     if (!refusal && check_trust_) refusal = CheckTrust(chain);
-    // 3.
     if (!refusal) refusal = CheckSignatures(chain, up_to_root);
     return refusal;
 }
 
 Refusal VerifyCertChainTask::CheckTrust(const std::vector<X509Cert*>& chain) const {
-    // 2.1. A trusted leaf is matched itself; under any other only an empty list is satisfied from the start.
+    // A trusted leaf is matched itself; under any other only an empty list is satisfied from the start.
     bool matched = IsTrusted(chain[0]) ? cm_FindInTrustList(chain[0], trust_) : trust_.empty();
-    // 2.2.
     for (std::size_t i = 1; i < chain.size(); ++i) {
         if (Refusal refusal = CheckAuthority(chain[i], i)) return refusal;
         if (!matched && IsTrusted(chain[i])) matched = cm_FindInTrustList(chain[i], trust_);
     }
-    // 2.3.
     if (!matched) return {.id = RefusalId::kTrustNotMatched, .position = chain.size()};
     return {};
 }
@@ -179,27 +174,23 @@ Refusal VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::size
 
 Refusal VerifyCertChainTask::CheckSignatures(const std::vector<X509Cert*>& chain, bool up_to_root) {
     for (std::size_t i = 0; i < chain.size(); ++i) {
-        // 3.1. What is trusted, and what stands above it, is not checked.
+        // What is trusted, and what stands above it, is not checked.
         if (!up_to_root && IsTrusted(chain[i])) break;
-        // 3.2.
         const bool last = i + 1 == chain.size();
         if (last && !chain[i]->selfSigned) break;
         const X509Cert* issuer = last ? chain[i] : chain[i + 1];
-        // 3.3. and 3.4.
         if (Refusal refusal = CheckSignature(chain[i], issuer, i, chain.size())) return refusal;
     }
-    // 3.5.
     return {};
 }
 
 Refusal VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509Cert* issuer, std::size_t i,
                                             std::size_t chain_length) {
     const auto index = static_cast<std::uint32_t>(i);
-    // 3.3. The index is that of the certificate being checked, not the issuer's.
+    // The index is that of the certificate being checked, not the issuer's.
     if (!HasKeyUsage(issuer, kKeyUsageCertSign, ident_)) {
         return {.id = RefusalId::kNoCertificateSigning, .position = i + 1, .index = index};
     }
-    // 3.4.
     if (right_.contains({cert, issuer})) return {};
     const RefusalId id = RefusalOfSignature(cert->CheckSignature(issuer));
     if (id == RefusalId::kNone) {
@@ -215,7 +206,7 @@ Refusal VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509Cert
 
 namespace {
 
-/// 1. Validity of the certificate and of its private key.
+/// Validity of the certificate and of its private key.
 Refusal CheckValidity(const X509Cert* cert, cert_time64_t now) {
     const CertInfo& info = cert->info;
     if (now < info.validFrom) return {.id = RefusalId::kCertificateNotYetValid, .time = info.validFrom};
@@ -224,7 +215,7 @@ Refusal CheckValidity(const X509Cert* cert, cert_time64_t now) {
     return {};
 }
 
-/// 1. to 3.
+/// Validity, chain, trust and signatures.
 Refusal CheckSingle(CertList& chain, const TLogIdent& ident) {
     const cert_time64_t now = CertTimeNow();
     if (Refusal refusal = CheckValidity(chain[0], now)) return refusal;
@@ -241,11 +232,9 @@ bool CMT_VerifyCertChain(CM::X509Cert* cert, int crl_mode, std::string* reason) 
     const TLogIdent ident;
     CM::CertList chain;
     chain.Append(cert);
-    // 1. to 3.
     if (const CM::Refusal refusal = CM::CheckSingle(chain, ident)) {
         *reason = CM::RefusalText(refusal);
         return false;
     }
-    // 4.
     return CM::CertChainVerifyRevocation(chain.certs(), static_cast<LPARAMS::CRL_PROC_t>(crl_mode), {}, reason, ident);
 }

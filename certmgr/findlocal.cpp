@@ -85,15 +85,13 @@ LocalCertLog& cm_cert_logs_push_back_(LocalSearchRecords& records, const X509Cer
 }
 
 bool LocalSearch::Run() {
-    // 1. A bound certificate is the only one looked at.
+    // A bound certificate is the only one looked at.
     if (use_bound_ && rule_.boundCert != nullptr) return UseBound();
 
-    // 2. The patterns, and the algorithm where there are none.
     const bool any = rule_.cert_local.empty();
     const auto& patterns = any ? *CM_GetAnyCertPatternList() : rule_.cert_local;
     const pki_alg_t alg = any ? rule_.authAlg : 0;
 
-    // 3. to 8. Pattern by pattern, each under the read lock.
     std::uint64_t index = 0;
     for (const auto& pattern : patterns) {
         if (WalkPattern(pattern, alg, ++index)) break;
@@ -123,7 +121,8 @@ bool LocalSearch::UseBound() {
     return true;
 }
 
-/// True when the search is over. An exact subject is looked up in the store's index instead of walking everything.
+/// One pattern, under the read lock. True when the search is over. An exact subject is looked up in the store's index
+/// instead of walking everything.
 bool LocalSearch::WalkPattern(const LPCFG::cert_t& pattern, pki_alg_t alg, std::uint64_t index) {
     const auto& storage = CertStorage::Instance();
     const vpnfc::ReadLock lock(storage);
@@ -136,13 +135,13 @@ bool LocalSearch::WalkPattern(const LPCFG::cert_t& pattern, pki_alg_t alg, std::
     return std::ranges::any_of(personal, done);
 }
 
-/// 4. to 6. What fails here leaves no record, so the cheapest test goes first.
+/// What fails here leaves no record, so the cheapest test goes first.
 bool LocalSearch::IsCandidate(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) const {
     return cert->MatchToPattern(pattern, alg) &&
            (excluded_subject_ == nullptr || cert->info.subject != *excluded_subject_) && !judged_.contains(cert);
 }
 
-/// 7. Makes the record and judges the certificate. True when it ends the search.
+/// Makes the record and judges the certificate. True when it ends the search.
 bool LocalSearch::Consider(const X509Cert* cert, std::uint64_t pattern_index) {
     LocalCertLog& record = cm_cert_logs_push_back_(records_, cert, pattern_index);
     judged_.insert(cert);
@@ -157,22 +156,18 @@ bool cm_missing_ike_eku_allowed_() {
 
 /// The first filter that refuses decides. Expects the store's read lock.
 std::uint32_t LocalSearch::JudgeUnlocked(const X509Cert* cert, LocalCertLog& record) const {
-    // 7.1 identity
     if (!rule_.id_local.empty()) {
         record.id_index = rule_.no_map_id_local ? 1 : cert_map_to_lp_cfg_ipsecid_list(nullptr, cert, rule_.id_local);
         if (record.id_index == 0) return kLocalIdMismatch;
     }
-    // 7.2 to 7.4 validity
     if (now_ < cert->info.validFrom) return kLocalNotYetValid;
     if (cert->info.validTo < now_) return kLocalExpired;
     if (cert->privKeyNotAfter < now_) return kLocalPrivateKeyExpired;
-    // 7.5 purpose: no Extended Key Usage means any
+    // No Extended Key Usage means any.
     if (cert->facts().hasExtKeyUsage && !cert->facts().hasIpsecIkeEku && !cm_missing_ike_eku_allowed_()) {
         return kLocalMissingIkeEku;
     }
-    // 7.6 what the peer asked for
     if (requests_ != nullptr && !CheckLocalChainUnlocked(cert, requests_)) return kLocalNotRequested;
-    // 7.7
     return kLocalAccepted;
 }
 
@@ -221,13 +216,11 @@ void cm_set_status_(const Candidates& candidates, std::uint32_t status) {
 /// Asks the user which candidate to take and waits for the answer, without a lock. Null, with the reason in the
 /// candidates' status, when none was chosen. Throws "CommandStreamError" on a short answer.
 LocalCertLog* cm_send_select_cert_notification_(const Candidates& candidates) {
-    // 1. and 2. Ask.
     std::string message = cm_select_cert_question_(candidates);
     if (!bridge::server::NotifyClientAndWaitResponse(kNotifySelectCertificate, message, kWaitWithoutLimit)) {
         cm_set_status_(candidates, kLocalAskFailed);
         return nullptr;
     }
-    // 3. and 4. The verdict.
     CommandStreamIn answer(message);
     bool certificate_chosen = false;
     answer.fields(certificate_chosen);
@@ -235,7 +228,7 @@ LocalCertLog* cm_send_select_cert_notification_(const Candidates& candidates) {
         cm_set_status_(candidates, kLocalAskCancelled);
         return nullptr;
     }
-    // 5. to 7. The first candidate that is the chosen one; those before it lost.
+    // The first candidate that is the chosen one; those before it lost.
     CertInfo chosen;
     sync(answer, chosen);
     for (LocalCertLog* candidate : candidates) {
@@ -279,12 +272,10 @@ struct Selection {
 
 Selection cm_select_among_(LocalSearchRecords& records, LPCFG::ipsecid_t* id, const LocalSearchReport& report,
                            bool requests_given) {
-    // 2. Candidates: the accepted ones, else those whose only fault is that the peer did not ask for them.
+    // The accepted ones, else those whose only fault is that the peer did not ask for them.
     Candidates candidates = cm_records_with_status_(records, kLocalAccepted);
     if (candidates.empty() && requests_given) candidates = cm_records_with_status_(records, kLocalNotRequested);
-    // 3.
     if (candidates.empty()) return {};
-    // 4. Several: the user's choice.
     const LocalCertLog* chosen = candidates.front();
     if (candidates.size() > 1) {
         chosen = cm_send_select_cert_notification_(candidates);
@@ -293,7 +284,6 @@ Selection cm_select_among_(LocalSearchRecords& records, LPCFG::ipsecid_t* id, co
             return {true, cm_make_result_(candidates.front()->status, candidates.front()->cert)};
         }
     }
-    // 5. to 8.
     const AnnouncedIdentity announced = cm_announce_identity_(id, report.rule, chosen->cert.get());
     CMLog_LocalCertificate_Selected_(*chosen, announced, report.ident);
     return {true, cm_make_result_(kLocalAccepted, chosen->cert)};
@@ -304,7 +294,6 @@ Selection cm_select_among_(LocalSearchRecords& records, LPCFG::ipsecid_t* id, co
 SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::auth_ike_t& rule,
                                             UseHandleFromAuthType mode, const std::string* excluded_subject,
                                             IkeCertRequestIter* requests, const TLogIdent& ident) {
-    // 1. Search.
     LocalSearchRecords records;
     if (!cm_IkeSelectLocalCertificates_(records, rule, cm_without_wait_(mode), excluded_subject, requests)) {
         return {kLocalBoundMissing, nullptr};
@@ -313,7 +302,7 @@ SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::a
     if (const Selection selection = cm_select_among_(records, id, report, requests != nullptr); selection.found) {
         return selection.result;
     }
-    // 9. Nothing found: a pending reload may bring it, once.
+    // A pending reload may bring it, once.
     if ((mode & kWaitForReload) != 0 && CertStorage::Instance().WaitReloadDone()) {
         records.clear();
         return IkeSelectLocalCertificate(id, rule, cm_without_wait_(mode), excluded_subject, requests, ident);
@@ -393,12 +382,10 @@ const std::string* cm_cert_value_of_type_(const X509Cert* cert, std::uint32_t ty
 }  // namespace
 
 const std::string* cert_map_to_lp_cfg_ipsecid(const X509Cert* cert, const LPCFG::ipsecid_t& id) {
-    // 1. and 2.
     const std::string* const value = cm_cert_value_of_type_(cert, id.type);
     if (value == nullptr || value->empty()) return nullptr;
     // An IPv6 address is not an IPv4 identity, whatever the "any" flag says.
     if (id.type == LPCFG::ipsecid_t::kIp4 && value->size() != kIp4Bytes) return nullptr;
-    // 3. and 4.
     if (id.any != 0) return value;
     const bool equal = id.type == LPCFG::ipsecid_t::kDn ? id.dn == cert->info.subject : id.value == *value;
     return equal ? value : nullptr;

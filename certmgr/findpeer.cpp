@@ -73,7 +73,6 @@ class PeerSearch {
                const std::vector<const X509Cert*>& received, LPARAMS::CRL_PROC_t crl_mode,
                const std::string& default_crl_server, const TLogIdent& ident)
         : rule_(rule),
-          // 1.
           identity_(rule.no_map_id_remote ? g_any_id_remote : peer_id),
           received_(received),
           crl_mode_(crl_mode),
@@ -113,11 +112,9 @@ class PeerSearch {
 };
 
 const PeerCertStatus* PeerSearch::Run() {
-    // 2.
     const bool any = rule_.cert_remote.empty();
     const auto& patterns = any ? *CM_GetAnyCertPatternList() : rule_.cert_remote;
     const pki_alg_t alg = any ? rule_.authAlg : 0;
-    // 3.
     for (const LPCFG::cert_t& pattern : patterns) {
         ++pattern_number_;
         const std::size_t judged = statuses_.size();
@@ -132,7 +129,7 @@ const PeerCertStatus* PeerSearch::Run() {
     return nullptr;
 }
 
-/// 3.1. Where candidates are looked for, in this order: what the peer sent; the store's other certificates; and its
+/// Where candidates are looked for, in this order: what the peer sent; the store's other certificates; and its
 /// trusted ones, but only as the bearers of an identity that is checked.
 void PeerSearch::FindCandidates(const LPCFG::cert_t& pattern, pki_alg_t alg) {
     for (const X509Cert* cert : received_) {
@@ -167,7 +164,7 @@ void PeerSearch::cm_SearchValidCertsInList(const CertStorage::X509CertsDB& list,
     for (const CertRef& cert : found) Consider(cert.get());
 }
 
-/// 1. and 2. A certificate that does not answer identity and pattern is passed over without a trace.
+/// A certificate that does not answer identity and pattern is passed over without a trace.
 bool PeerSearch::Answers(const X509Cert* cert, const LPCFG::cert_t& pattern, pki_alg_t alg) const {
     return (identity_.any != 0 || cert_map_to_lp_cfg_ipsecid(cert, identity_) != nullptr) &&
            cert->MatchToPattern(pattern, alg);
@@ -175,9 +172,7 @@ bool PeerSearch::Answers(const X509Cert* cert, const LPCFG::cert_t& pattern, pki
 
 /// Makes the certificate a candidate, unless it is one already.
 void PeerSearch::Consider(const X509Cert* cert) {
-    // 3.
     if (!candidates_.insert(cert).second) return;
-    // 4. and 5.
     cm_PeerCertPushBack(cert).refusal = JudgeByItself(cert);
 }
 
@@ -189,22 +184,17 @@ PeerCertStatus& PeerSearch::cm_PeerCertPushBack(const X509Cert* cert) {
 }
 
 Refusal PeerSearch::JudgeByItself(const X509Cert* cert) const {
-    // 4.
     if (!HasKeyUsage(cert, kKeyUsageDigitalSignature, ident_)) return {.id = RefusalId::kNoDigitalSignature};
-    // 5.
     const CertInfo& info = cert->info;
     if (info.validFrom > now_) return {.id = RefusalId::kNotYetValid, .time = info.validFrom};
     if (info.validTo < now_) return {.id = RefusalId::kExpired, .time = info.validTo};
     return {};
 }
 
-/// 3.2. Builds the candidate's chain and judges it.
+/// Builds the candidate's chain and judges it.
 Refusal PeerSearch::JudgeChain(CertList& chain) {
-    // 3.2.1. and 3.2.2.
     if (Refusal refusal = RefusalOfBuild(builder_.Build(chain))) return refusal;
-    // 3.2.3.
     if (Refusal refusal = verify_task_.Run(chain.certs())) return refusal;
-    // 3.2.4.
     if (crl_mode_ == LPARAMS::CRL_PROC_DISABLED) return {};
     std::string reason;
     if (CertChainVerifyRevocation(chain.certs(), crl_mode_, default_crl_server_, &reason, ident_)) return {};
@@ -220,11 +210,9 @@ const X509Cert* IkeVerifyPeerCertificate(const LPCFG::auth_ike_t& rule, const LP
     const PeerCertStatus* selected = search.Run();
     const PeerSearchReport report{rule, search.identity(), received.size(), ident};
     if (selected == nullptr) {
-        // 5.
         CMLog_PeerCertificate_NotSelected(report, search.statuses());
         return nullptr;
     }
-    // 4.
     CMLog_PeerCertificate_Selected(report, *selected);
     return CertRef(selected->chain[0]).Detach();
 }

@@ -30,13 +30,12 @@ struct AllowedCerts {
 
 AllowedCerts FindAllowed(const std::list<LPCFG::cert_t>& patterns, cert_time64_t now,
                          void (*add)(const std::string& datum, void* argument), void* argument, CertDataFormat format) {
-    // 2. The lock is held for the whole walk, the callback included.
+    // Held for the whole walk, the callback included.
     const CertStorage& store = CertStorage::Instance();
     const vpnfc::ReadLock lock(store);
     AllowedCerts allowed;
     allowed.store_is_empty = store.trustedCerts.empty();
     allowed.selected.reserve(store.trustedCerts.size());
-    // 3.
     for (const X509Cert* cert : store.trustedCerts) {
         const std::uint32_t pattern_index = FirstPattern(cert, patterns);
         if (pattern_index == 0) continue;
@@ -51,12 +50,9 @@ AllowedCerts FindAllowed(const std::list<LPCFG::cert_t>& patterns, cert_time64_t
 
 bool IkeBuildCertRequestList(void (*add)(const std::string& datum, void* argument), void* argument,
                              CertDataFormat format, const LPCFG::auth_ike_t* rule, const TLogIdent& ident) {
-    // 1.
     const bool any = rule == nullptr || rule->cert_trust.empty();
     const std::list<LPCFG::cert_t>& patterns = any ? *CM_GetAnyCertPatternList() : rule->cert_trust;
-    // 2. to 4.
     const AllowedCerts allowed = FindAllowed(patterns, CertTimeNow(), add, argument, format);
-    // 5.
     if (allowed.selected.empty()) {
         CMLog_TrustedCertificates_NotSelected(allowed.not_valid, rule, allowed.store_is_empty, ident);
         return false;
