@@ -49,6 +49,10 @@ const EVP_MD* Sha1();
 /// Payload of the first PEM block of that kind; empty when there is none or it is bad or encrypted.
 std::string PemPayload(std::string_view text, const char* kind);
 
+/// What CertEngine_ReadPEMCRLData decodes: the payload of the first block of a CRL, or of the whole text taken as the
+/// inside of one. Empty when there is none.
+std::string CrlTextPayload(std::string_view text);
+
 /// Reads one kind of object in the engine's library context. Nothing larger than the limit is decoded.
 template <typename T, auto New, auto D2i, auto Free, unsigned Limit>
 struct Parser {

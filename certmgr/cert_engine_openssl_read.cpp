@@ -115,15 +115,8 @@ void* CertEngine_ReadPEMCertData(const std::string& text) {
 }
 
 void* CertEngine_ReadPEMCRLData(const std::string& text) {
-    if (text.empty() || text.size() > kMaxCrlTextBytes) return nullptr;
     const ErrorMark mark;
-    if (void* const crl = CrlHandle(cert_engine::PemPayload(text, PEM_STRING_X509_CRL))) return crl;
-    if (BeginsWithMarker(text, kCrlBegin)) return nullptr;
-    std::string_view body = text;
-    if (body.back() == '\0') body.remove_suffix(1);
-    std::string pem(kCrlBegin);
-    pem.append("\n").append(body).append("\n").append(kCrlEnd);
-    return CrlHandle(cert_engine::PemPayload(pem, PEM_STRING_X509_CRL));
+    return CrlHandle(cert_engine::CrlTextPayload(text));
 }
 
 int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<void*>& certs, std::vector<void*>* crls) {
@@ -158,6 +151,17 @@ bool CertEngine_IsP12CertData(void* data, int length) {
 }
 
 namespace cert_engine {
+
+std::string CrlTextPayload(std::string_view text) {
+    if (text.empty() || text.size() > kMaxCrlTextBytes) return {};
+    const ErrorMark mark;
+    std::string der = PemPayload(text, PEM_STRING_X509_CRL);
+    if (!der.empty() || BeginsWithMarker(text, kCrlBegin)) return der;
+    if (text.back() == '\0') text.remove_suffix(1);
+    std::string pem(kCrlBegin);
+    pem.append("\n").append(text).append("\n").append(kCrlEnd);
+    return PemPayload(pem, PEM_STRING_X509_CRL);
+}
 
 std::string PemPayload(std::string_view text, const char* kind) {
     const BioPtr stream(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));

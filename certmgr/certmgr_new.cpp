@@ -1,5 +1,6 @@
 #include "certmgr/certmgr.h"
 
+#include "certmgr/cert_crlcache.h"
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_storage.h"
 #include "platform/tokens.h"
@@ -20,14 +21,16 @@ void Init() {
     PKCS11::Callbacks.tokenRemoved = CertStorage_OnTokenRemove;
     PKCS11::Callbacks.tokenLogin = CertStorage_OnTokenLogin;
     PKCS11::Callbacks.providerInserted = CertStorage_OnProviderInsert;
+    InitDownloadedCrlDB();
 }
 
-void Finit() {
+int Finit() {
     PKCS11::Callbacks.tokenInserted = nullptr;
     PKCS11::Callbacks.tokenRemoved = nullptr;
     PKCS11::Callbacks.tokenLogin = nullptr;
     PKCS11::Callbacks.providerInserted = nullptr;
     CertStorage::Instance().ClearAll();
+    return FiniDownloadedCrlDB();
 }
 
 void Reload() {

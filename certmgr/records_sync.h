@@ -20,6 +20,12 @@ void sync(Stream& stream, Record& info) {
                   info.signAlg, info.isCA, info.version, info.keyBits, info.kind);
 }
 
+template <typename Stream, RecordOf<CRLInfo> Record>
+void sync(Stream& stream, Record& info) {
+    stream.fields(info.id, info.issuer, info.thisUpdate, info.nextUpdate, info.signAlg, info.crlNumber,
+                  info.deltaCrlIndicator);
+}
+
 template <typename Stream, RecordOf<PKCS11::TokenInfo> Record>
 void sync(Stream& stream, Record& token) {
     stream.fields(token.id, token.label, token.manufacturer, token.model, token.serialNumber, token.slotDescription,

@@ -27,8 +27,9 @@ extern CM_API CallbackTable Callbacks;
 
 /// Installs the store's token handlers, registers the bridge listener, opens the downloaded-CRL cache.
 CM_API void Init();
-/// Undoes Init and empties the store. Callbacks stay as they are.
-CM_API void Finit();
+/// Undoes Init, empties the store and the downloaded-CRL cache. Callbacks stay as they are. The result is the cache's:
+/// always 0.
+CM_API int Finit();
 /// Starts the store with a full reload, or reloads everything, on the calling thread.
 CM_API void Reload();
 

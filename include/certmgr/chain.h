@@ -60,7 +60,13 @@ CM_API bool BuildLocalCertChain(std::vector<const X509Cert*>& chain, const X509C
 /// read lock.
 CM_API bool CheckLocalChainUnlocked(const X509Cert* cert, const IkeCertRequestIter* requests);
 
-/// Whether no certificate of the chain is revoked under the mode. `reason` receives why not.
+/// Whether a certificate is not revoked under the mode, by a CRL that the cache has, a distribution point offers or a
+/// token holds. An address of the certificate that has no host is completed with the default server. Waits for transfers,
+/// at most the time-out for each address, with no lock held.
+CM_API bool CertVerifyRevocation(const X509Cert* cert, const X509Cert* issuer, LPARAMS::CRL_PROC_t mode,
+                                 const std::string& default_crl_server, const TLogIdent& ident);
+
+/// Whether no certificate of the chain, leaf first, is revoked under the mode. `reason` receives why not.
 CM_API bool CertChainVerifyRevocation(const std::vector<X509Cert*>& chain, LPARAMS::CRL_PROC_t mode,
                                       const std::string& default_crl_server, std::string* reason,
                                       const TLogIdent& ident);

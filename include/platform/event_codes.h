@@ -22,10 +22,10 @@ enum EventCode : std::uint16_t {
     kMsgTrustedCertsExpired = 122,
 
     // Revocation.
-    kMsgCrlTransfer = 128,  // text of the transfer and its outcome
+    kMsgCrlTransfer = 128,  // outcome, transfer
     kMsgCertRevoked = 129,  // certificate, entry (serial number, date, reason), CRL
     kMsgCrlNotFound = 130,  // certificate, CRLs checked
-    kMsgCrlUsed = 131,  // certificate, CRL
+    kMsgCrlUsed = 131,  // certificate, CRL, search of the store's
     kMsgCrlNotCurrent = 132,  // certificate, CRL
     kMsgCrlOutOfScope = 133,  // certificate, CRL, why
     kMsgNoDistributionPoint = 134,  // subject, serial number, key algorithm name

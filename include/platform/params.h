@@ -41,10 +41,16 @@ struct CertParams : vpnfc::ObjectLevelLockable {
     std::uint32_t crl_download_timeout_seconds = 10;
     /// 0: downloaded CRLs are not kept. Any other value keeps them.
     std::uint32_t crl_cache = 1;
+    /// Bytes of all CRLs that are kept; beyond it the one that was downloaded first goes.
+    std::uint64_t crl_cache_max_bytes = 256ULL << 20;
     /// Size cap of one downloaded CRL, in bytes, enforced while receiving.
     std::uint64_t crl_max_bytes = 64ULL << 20;
     /// How long an address that failed is not asked again, in seconds; 0 asks always.
     std::uint32_t crl_retry_seconds = 30;
+    /// Proxy for HTTP addresses, "[scheme://]host[:port]"; empty: none, whatever the environment says.
+    std::string crl_proxy;
+    /// PEM file of the authorities that may vouch for https and ldaps servers; empty: the system's.
+    std::string crl_tls_ca_file;
     /// Evaluate the issuing distribution point and unknown critical CRL extensions.
     bool honour_crl_scope = true;
 

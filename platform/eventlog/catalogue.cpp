@@ -27,10 +27,10 @@ constexpr Wording kCatalogue[] = {
     {kMsgTrustedCertsNotSelected, kWarning, "No authority to request from the peer: %1"},
     {kMsgTrustedCertsExpired, kWarning, "Authorities not requested, not currently valid: %1"},
 
-    {kMsgCrlTransfer, kInfo, "CRL transfer: %1"},
+    {kMsgCrlTransfer, kWarning, "CRL transfer%2: %1", "CRL "},
     {kMsgCertRevoked, kWarning, "Certificate is revoked: %2\n\tCertificate: %1\n\tCRL: %3"},
-    {kMsgCrlNotFound, kWarning, "No CRL for a certificate.\n\tCertificate: %1\n\tCRLs checked: %2"},
-    {kMsgCrlUsed, kInfo, "Certificate checked with a CRL.\n\tCertificate: %1\n\tCRL: %2"},
+    {kMsgCrlNotFound, kWarning, "No CRL for a certificate.\n\tCertificate: %1 %2"},
+    {kMsgCrlUsed, kInfo, "Certificate checked with a CRL.\n\tCertificate: %1\n\tCRL: %2 %3"},
     {kMsgCrlNotCurrent, kWarning, "CRL is out of date.\n\tCertificate: %1\n\tCRL: %2"},
     {kMsgCrlOutOfScope, kWarning, "CRL does not cover the certificate: %3\n\tCertificate: %1\n\tCRL: %2"},
     {kMsgNoDistributionPoint, kInfo,

@@ -31,8 +31,12 @@ constexpr Field<Certificates> kCertificateFields[] = {
     {"crl_download_timeout_seconds",
      [](const Value& v, Certificates& c) { v.ReadNumber(1, 600, c.crl_download_timeout_seconds); }},
     {"crl_cache", [](const Value& v, Certificates& c) { v.Read(c.crl_cache); }},
-    {"crl_max_bytes", [](const Value& v, Certificates& c) { v.ReadNumber(1024, 1ULL << 32, c.crl_max_bytes); }},
+    {"crl_cache_max_bytes",
+     [](const Value& v, Certificates& c) { v.ReadNumber(1024, 1ULL << 40, c.crl_cache_max_bytes); }},
+    {"crl_max_bytes", [](const Value& v, Certificates& c) { v.ReadNumber(1024, 256ULL << 20, c.crl_max_bytes); }},
     {"crl_retry_seconds", [](const Value& v, Certificates& c) { v.ReadNumber(0, 86400, c.crl_retry_seconds); }},
+    {"crl_proxy", [](const Value& v, Certificates& c) { v.Read(c.crl_proxy); }},
+    {"crl_tls_ca_file", [](const Value& v, Certificates& c) { v.ReadPath(c.crl_tls_ca_file); }},
     {"honour_crl_scope", [](const Value& v, Certificates& c) { v.Read(c.honour_crl_scope); }},
 };
 
@@ -240,8 +244,11 @@ void CopyToServer(const Certificates& from, LPARAMS::CertParams& to) {
     to.allow_missing_ike_eku.on = from.allow_missing_ike_eku;
     to.crl_download_timeout_seconds = from.crl_download_timeout_seconds;
     to.crl_cache = from.crl_cache ? 1 : 0;
+    to.crl_cache_max_bytes = from.crl_cache_max_bytes;
     to.crl_max_bytes = from.crl_max_bytes;
     to.crl_retry_seconds = from.crl_retry_seconds;
+    to.crl_proxy = from.crl_proxy;
+    to.crl_tls_ca_file = from.crl_tls_ca_file;
     to.honour_crl_scope = from.honour_crl_scope;
 }
 

@@ -27,8 +27,11 @@ struct Certificates {
     bool allow_missing_ike_eku = false;
     std::uint32_t crl_download_timeout_seconds = 10;
     bool crl_cache = true;
+    std::uint64_t crl_cache_max_bytes = 256ULL << 20;
     std::uint64_t crl_max_bytes = 64ULL << 20;
     std::uint32_t crl_retry_seconds = 30;
+    std::string crl_proxy{};
+    std::string crl_tls_ca_file{};
     bool honour_crl_scope = true;
 
     bool operator==(const Certificates&) const = default;

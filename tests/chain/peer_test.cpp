@@ -227,14 +227,19 @@ TEST_F(PeerTest, SettingsTakeEffectWithTheNextCheck) {
     EXPECT_EQ(Verify({&no_usage}), (PeerVerdict{"", {"1: Selfsigned certificate not present in chain"}}));
 }
 
-TEST_F(PeerTest, RevocationModesRefuseUntilTheyCanBeChecked) {
+TEST_F(PeerTest, ARevokedCandidateGivesWayToTheNext) {
+    // The address is refused; the token has the CRL.
+    CertSpec spec = PeerSpec();
+    spec.crl_points = {{"URI:file:///none"}};
+    const Cert revoked = MakeCert(spec, &issuing_);
+    const Cert good = MakeCert(spec, &issuing_);
+    token_->AddCrl("crl", test_pki::MakeCrl({.entries = {{.serial = revoked.serial}}}, issuing_));
     Store({&root_});
-    const Payload payload({&peer_, &issuing_});
-    for (const auto mode : {LPARAMS::CRL_PROC_ENABLED, LPARAMS::CRL_PROC_ENABLED_SOFT}) {
-        const PeerVerdict verdict = Verify(payload, mode);
-        ASSERT_EQ(verdict.refusals.size(), 1U);
-        EXPECT_TRUE(Has(verdict.refusals[0], "Revocation cannot be checked")) << verdict.refusals[0];
-    }
+    const Payload payload({&revoked, &issuing_, &good});
+    EXPECT_EQ(Verify(payload, LPARAMS::CRL_PROC_ENABLED), (PeerVerdict{"CN=peer", {}}));
+    EXPECT_EQ(Verify(Payload({&revoked, &issuing_}), LPARAMS::CRL_PROC_ENABLED_SOFT),
+              (PeerVerdict{"", {"1: Revoked certificate(s) present in chain"}}));
+    EXPECT_EQ(Verify(Payload({&revoked, &issuing_}), LPARAMS::CRL_PROC_DISABLED).selected, "CN=peer");
 }
 
 TEST_F(PeerTest, ReportOfASelection) {

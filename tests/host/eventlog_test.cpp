@@ -62,9 +62,10 @@ class EventLog : public testing::Test {
 
 TEST_F(EventLog, EveryCodeHasAWordingThatUsesItsAttributes) {
     // Attributes of the codes that have other than one.
-    std::map<int, std::size_t> counts = {{kMsgCertRevoked, 3},
+    std::map<int, std::size_t> counts = {{kMsgCrlTransfer, 2},
+                                         {kMsgCertRevoked, 3},
                                          {kMsgCrlNotFound, 2},
-                                         {kMsgCrlUsed, 2},
+                                         {kMsgCrlUsed, 3},
                                          {kMsgCrlNotCurrent, 2},
                                          {kMsgCrlOutOfScope, 3},
                                          {kMsgNoDistributionPoint, 3},

@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/params.h"
@@ -70,7 +71,7 @@ TEST_F(Settings, NamesEveryProblemWithItsPlace) {
           "certmgr.toml:3:10: error: [log] syslog: expected true or false, found a text; write true without quotes",
           "certmgr.toml:4:8: error: [log] file: expected a text, found a whole number; put it in double quotes"}},
         {"[certificates]\ncrl_max_bytes = 12\ncrl_retry_seconds = -1\ncrl_download_timeout_seconds = \"5\"\n",
-         {"certmgr.toml:2:17: error: [certificates] crl_max_bytes: 12 is out of range, expected 1024 to 4294967296",
+         {"certmgr.toml:2:17: error: [certificates] crl_max_bytes: 12 is out of range, expected 1024 to 268435456",
           "certmgr.toml:3:21: error: [certificates] crl_retry_seconds: -1 is out of range, expected 0 to 86400",
           "certmgr.toml:4:32: error: [certificates] crl_download_timeout_seconds: expected a whole number, found a "
           "text; write it without quotes"}},
@@ -130,7 +131,7 @@ TEST_F(Settings, WarnsAboutAFileThatOthersCanWrite) {
 
 TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
     const LoadResult loaded = Load(
-        "[certificates]\ncrl_cache = false\ncrl_max_bytes = 4294967296\n"
+        "[certificates]\ncrl_cache = false\ncrl_max_bytes = 268435456\n"
         "[log]\nlevel = \"off\"\ncolour = \"never\"\nfile = \"logs/../log\"\n"
         "[tokens]\ncall_limit_milliseconds = 1500\nsofthsm_directory = \"/somewhere\"\n"
         "[[tokens.provider]]\nname = \"card\"\nmodule = \"card.so\"\n"
@@ -138,7 +139,7 @@ TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
     ASSERT_TRUE(loaded.ok) << testing::PrintToString(Problems(loaded));
     const settings::Settings& read = loaded.settings;
     EXPECT_FALSE(read.certificates.crl_cache);
-    EXPECT_EQ(read.certificates.crl_max_bytes, 1ULL << 32);
+    EXPECT_EQ(read.certificates.crl_max_bytes, 256ULL << 20);
     EXPECT_EQ(read.log.sinks.level, eventlog::Severity::kOff);
     EXPECT_EQ(read.log.sinks.colour, eventlog::Colour::kNever);
     EXPECT_EQ(read.log.sinks.file, folder_ / "log");
@@ -195,7 +196,11 @@ TEST_F(Settings, DocumentsNameEveryKeyAndTheRightDefaults) {
     const std::string used = std::regex_replace(example, std::regex("\n#(?=[a-z \\[\\]])(?! [A-Za-z])"), "\n");
     const LoadResult loaded = Load(used);
     EXPECT_TRUE(loaded.problems.empty()) << testing::PrintToString(Problems(loaded));
-    EXPECT_EQ(loaded.settings.certificates, settings::Certificates{});
+    settings::Certificates certificates = loaded.settings.certificates;
+    // By default there is none of these.
+    EXPECT_FALSE(std::exchange(certificates.crl_proxy, {}).empty());
+    EXPECT_FALSE(std::exchange(certificates.crl_tls_ca_file, {}).empty());
+    EXPECT_EQ(certificates, settings::Certificates{});
     EXPECT_EQ(loaded.settings.log.sinks.level, eventlog::Sinks{}.level);
     EXPECT_EQ(loaded.settings.log.sinks.file_max_bytes, eventlog::Sinks{}.file_max_bytes);
     EXPECT_EQ(loaded.settings.log.sinks.file_count, eventlog::Sinks{}.file_count);

@@ -1,0 +1,384 @@
+#include "certmgr/cert_crlcache.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "certmgr/cert_crlfetch.h"
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
+#include "certmgr/cert_engine_openssl_crl.h"
+#include "certmgr/cert_verifychain.h"
+#include "certmgr/records_sync.h"
+#include "platform/base.h"
+#include "platform/params.h"
+
+namespace CM {
+
+CrlDbLock g_crl_db_lock;
+CrlDb g_crl_db;
+CrlCounters g_crl_counters;
+
+namespace {
+
+/// What addresses answered that is no use, each until its time is over. Guarded by the cache's lock.
+class FailureMemory {
+  public:
+    void Note(const std::string& key, std::string outcome);
+    void Forget(const std::string& key) { failures_.erase(key); }
+    void Clear() { failures_.clear(); }
+    /// What the log says of a failure that is not older than that.
+    std::optional<std::string> Recall(const std::string& key, std::uint32_t seconds) const;
+
+  private:
+    struct Failure {
+        std::time_t at;
+        std::string outcome;
+    };
+    std::map<std::string, Failure> failures_;
+};
+
+void FailureMemory::Note(const std::string& key, std::string outcome) {
+    if (failures_.size() >= kMaxCrlFailures && !failures_.contains(key)) {
+        failures_.erase(std::min_element(failures_.begin(), failures_.end(),
+                                         [](const auto& a, const auto& b) { return a.second.at < b.second.at; }));
+    }
+    failures_[key] = {vpnfc::CurrentTime(), std::move(outcome)};
+}
+
+std::optional<std::string> FailureMemory::Recall(const std::string& key, std::uint32_t seconds) const {
+    const auto found = failures_.find(key);
+    if (found == failures_.end()) return std::nullopt;
+    const std::time_t age = vpnfc::CurrentTime() - found->second.at;
+    if (age < 0 || age >= static_cast<std::time_t>(seconds)) return std::nullopt;
+    return found->second.outcome + " (" + std::to_string(age) + " s ago, not asked again yet)";
+}
+
+// Guarded by the cache's lock.
+FailureMemory g_failures;
+std::map<std::string, std::shared_future<CrlAnswer>> g_flights;  // transfers under way, by address
+
+/// Takes the module out of the parameter server, and closes the CRLs while libcrypto still works, when the library goes
+/// away without CM::Finit. Constructed after, so destroyed before what is above.
+struct AtUnload {
+    // Registers libcrypto's clean-up at exit before this object's destructor.
+    AtUnload() { OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr); }
+    ~AtUnload() { FiniDownloadedCrlDB(); }
+    AtUnload(const AtUnload&) = delete;
+    AtUnload& operator=(const AtUnload&) = delete;
+} g_at_unload;
+
+/// Failures of one issuer's certificates with an address that others may be content with.
+std::string IssuerKey(const CrlRequest& request) {
+    return request.address + '\n' + request.issuer.pubKeyHash;
+}
+
+CrlRef FindUnderLock(const std::string& address) {
+    const auto found = g_crl_db.find(&address);
+    return found == g_crl_db.end() ? nullptr : found->second;
+}
+
+std::uint64_t CachedBytesUnderLock() {
+    std::uint64_t bytes = 0;
+    for (const auto& [uri, crl] : g_crl_db) bytes += crl->rawCrl().size();
+    return bytes;
+}
+
+/// Puts a CRL under its address, in place of what was there. What was downloaded first goes when there is no room.
+void Keep(const CrlRef& crl, const CrlParams& params) {
+    std::vector<CrlRef> dropped;  // destroyed without the lock
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    if (!params.keep || crl->rawCrl().size() > params.keep_max_bytes) return;
+    if (const auto place = g_crl_db.find(&crl->uri); place != g_crl_db.end()) {
+        if (place->second == crl) return;
+        dropped.push_back(place->second);
+        g_crl_db.erase(place);
+    }
+    std::uint64_t bytes = CachedBytesUnderLock() + crl->rawCrl().size();
+    while (g_crl_db.size() >= kMaxCachedCrls || bytes > params.keep_max_bytes) {
+        const auto oldest = std::min_element(g_crl_db.begin(), g_crl_db.end(), [](const auto& a, const auto& b) {
+            return a.second->downloadedAt < b.second->downloadedAt;
+        });
+        bytes -= oldest->second->rawCrl().size();
+        dropped.push_back(oldest->second);
+        g_crl_db.erase(oldest);
+    }
+    g_crl_db.emplace(&crl->uri, crl);
+}
+
+// --- One transfer ---
+
+/// The CRL in data that is DER, or text of it; null when it is neither. One that is known is not decoded again.
+CrlRef Decode(std::string data, const std::vector<CrlRef>& known) {
+    using cert_engine::SharedBytes;
+    const cert_engine::ErrorMark mark;
+    const auto known_or_parsed = [&known](const SharedBytes& der) -> CrlRef {
+        // 3.2.
+        const auto same = [&der](const CrlRef& crl) { return crl != nullptr && crl->rawCrl() == *der; };
+        const auto found = std::find_if(known.begin(), known.end(), same);
+        if (found != known.end()) return *found;
+        // 3.3.
+        void* const handle = cert_engine::CreateCrlHandle(der);
+        if (handle == nullptr) return nullptr;
+        ++g_crl_counters.parsed;
+        return std::make_shared<X509CRL>(handle, true);
+    };
+    const auto bytes = std::make_shared<const std::string>(std::move(data));
+    CrlRef crl = known_or_parsed(bytes);
+    if (crl != nullptr) return crl;
+    return known_or_parsed(std::make_shared<const std::string>(cert_engine::CrlTextPayload(*bytes)));
+}
+
+/// Asks the address, and reads what comes.
+CrlAnswer Transfer(const CrlRequest& request) {
+    ++g_crl_counters.transfers;
+    std::string data;
+    std::string content_type;
+    std::string note;
+    const bool received =
+        download_data_from_uri(request.address.c_str(), data, content_type, request.params.timeout_seconds, &note);
+    CrlAnswer answer;
+    log_content_type_(answer.received, content_type);
+    log_data_(answer.received, data);
+    const auto because = [&note](const char* text) { return note.empty() ? text : std::string(text) + ": " + note; };
+    // 3.1.
+    if (!received || data.empty()) {
+        answer.outcome = because("no data");
+        return answer;
+    }
+    std::vector<CrlRef> known{request.known};
+    {
+        const vpnfc::ObjectLock lock(g_crl_db_lock);
+        known.push_back(FindUnderLock(request.address));
+    }
+    answer.crl = Decode(std::move(data), known);
+    if (answer.crl == nullptr) {
+        answer.outcome = because("data malformed, X509 ASN.1 expected");
+    } else if (std::find(known.begin(), known.end(), answer.crl) != known.end()) {
+        answer.outcome = "CRL not changed, first downloaded at: " + CertTimeToString(answer.crl->downloadedAt);
+    } else {
+        // 3.5.
+        answer.crl->uri = request.address;
+        answer.outcome = "CRL downloaded";
+    }
+    return answer;
+}
+
+/// A transfer under way, which others wait for. It ends with this object, whatever happens.
+class Flight {
+  public:
+    /// With the cache's lock held.
+    explicit Flight(const CrlRequest& request) : request_(request) {
+        g_flights.emplace(request.address, promise_.get_future().share());
+    }
+    ~Flight() { Land(); }
+    Flight(const Flight&) = delete;
+    Flight& operator=(const Flight&) = delete;
+
+    CrlAnswer answer{.crl = nullptr, .received = {}, .outcome = "no data"};
+
+  private:
+    void Land() {
+        {
+            const vpnfc::ObjectLock lock(g_crl_db_lock);
+            g_flights.erase(request_.address);
+            if (answer.crl != nullptr) {
+                g_failures.Forget(request_.address);
+            } else if (request_.params.retry_seconds != 0) {
+                g_failures.Note(request_.address, answer.outcome);
+            }
+        }
+        promise_.set_value(std::move(answer));
+    }
+
+    const CrlRequest& request_;
+    std::promise<CrlAnswer> promise_;
+};
+
+/// 3.4. and 3.5. The answer as it is for this issuer: a CRL that it has signed is kept, another one is none.
+CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
+    if (answer.crl == nullptr) return answer;
+    const SignatureCheck check = answer.crl->CheckSignature(&request.issuer);
+    if (check != kSignatureRight) {
+        answer.crl = nullptr;
+        answer.outcome = SignatureCheckText(check);
+        if (check == kSignatureWrong && request.params.retry_seconds != 0) {
+            const vpnfc::ObjectLock lock(g_crl_db_lock);
+            g_failures.Note(IssuerKey(request), answer.outcome);
+        }
+        return answer;
+    }
+    CrlRef cached;
+    {
+        const vpnfc::ObjectLock lock(g_crl_db_lock);
+        cached = FindUnderLock(answer.crl->uri);
+    }
+    // Whoever answers in the server's place cannot take back a revocation that was seen already.
+    if (cached != nullptr && cached->info.thisUpdate != CERT_TIME_UNKNOWN &&
+        answer.crl->info.thisUpdate < cached->info.thisUpdate &&
+        cached->CheckSignature(&request.issuer) == kSignatureRight) {
+        answer.crl = cached;
+        answer.outcome =
+            "CRL is older than the cached one, first downloaded at: " + CertTimeToString(cached->downloadedAt);
+        return answer;
+    }
+    Keep(answer.crl, request.params);
+    return answer;
+}
+
+}  // namespace
+
+CrlAnswer ObtainCrl(const CrlRequest& request) {
+    std::shared_future<CrlAnswer> others;
+    std::optional<Flight> own;
+    {
+        const vpnfc::ObjectLock lock(g_crl_db_lock);
+        CrlRef cached = FindUnderLock(request.address);
+        if (cached != nullptr && cached != request.known && !cached->refresh && request.now < cached->info.nextUpdate) {
+            return {.crl = std::move(cached), .received = {}, .outcome = {}};
+        }
+        if (auto outcome = g_failures.Recall(IssuerKey(request), request.params.retry_seconds)) {
+            return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
+        }
+        if (auto outcome = g_failures.Recall(request.address, request.params.retry_seconds)) {
+            return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
+        }
+        if (const auto flight = g_flights.find(request.address); flight != g_flights.end()) {
+            others = flight->second;
+        } else {
+            own.emplace(request);
+        }
+    }
+    if (!own) {
+        ++g_crl_counters.joined;
+        return Accept(others.get(), request);
+    }
+    own->answer = Transfer(request);
+    return Accept(own->answer, request);
+}
+
+CrlParams CrlParams::Read() {
+    const LPARAMS::CertParams& block = LPARAMS::server.cert;
+    const vpnfc::ObjectLock lock(block);
+    return {.timeout_seconds = block.crl_download_timeout_seconds,
+            .keep = block.crl_cache != 0,
+            .keep_max_bytes = block.crl_cache_max_bytes,
+            .retry_seconds = block.crl_retry_seconds,
+            .honour_scope = block.honour_crl_scope};
+}
+
+// --- The cache's life ---
+
+namespace {
+
+void Register(bool present) {
+    LPARAMS::CertParams& block = LPARAMS::server.cert;
+    const vpnfc::ObjectLock lock(block);
+    std::erase(block.on_change, cm_crl_apply_lparams_);
+    if (present) block.on_change.push_back(cm_crl_apply_lparams_);
+}
+
+}  // namespace
+
+void InitDownloadedCrlDB() {
+    Register(true);
+}
+
+void ClearDownloadedCrlDB() {
+    CrlDb old;  // destroyed without the lock
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    g_crl_db.swap(old);
+    g_failures.Clear();
+}
+
+int FiniDownloadedCrlDB() {
+    Register(false);
+    ClearDownloadedCrlDB();
+    return 0;
+}
+
+void cm_crl_apply_lparams_(bool first) {
+    // 1.
+    if (first) return;
+    // 2.
+    if (!CrlParams::Read().keep) {
+        ClearDownloadedCrlDB();
+        return;
+    }
+    // 3. What failed may work now.
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    for (const auto& [uri, crl] : g_crl_db) crl->refresh = true;
+    g_failures.Clear();
+}
+
+bool DeleteDownloadedCrlDB(const PKCS11::TokenInfo& token, const CRLInfo& info) {
+    CrlRef deleted;  // destroyed without the lock
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    const auto found = std::find_if(g_crl_db.begin(), g_crl_db.end(), [&](const auto& entry) {
+        const CRLInfo& cached = entry.second->info;
+        return entry.second->token.id == token.id && cached.issuer == info.issuer &&
+               cached.thisUpdate == info.thisUpdate && cached.nextUpdate == info.nextUpdate &&
+               cached.signAlg == info.signAlg && cached.crlNumber == info.crlNumber;
+    });
+    if (found == g_crl_db.end()) return false;
+    deleted = found->second;
+    g_crl_db.erase(found);
+    return true;
+}
+
+void EnumDownloadedCrlDB(CommandStreamOut& stream) {
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    for (const auto& [uri, crl] : g_crl_db) {
+        sync(stream, std::as_const(crl->token));
+        sync(stream, std::as_const(crl->info));
+    }
+}
+
+CachedCrl TakeCachedCrl(const std::string& address) {
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    CachedCrl cached{.crl = FindUnderLock(address)};
+    if (cached.crl != nullptr) cached.marked = std::exchange(cached.crl->refresh, false);
+    return cached;
+}
+
+void DropCachedCrl(const CrlRef& crl) {
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    if (FindUnderLock(crl->uri) == crl) g_crl_db.erase(&crl->uri);
+}
+
+// --- Log renderings ---
+
+std::string& log_uri_(std::string& text, const std::string& used, const std::string& named) {
+    text.append(" - ").append(PrintableUri(used));
+    return used == named ? text : text.append("(modified)");
+}
+
+std::string& log_content_type_(std::string& text, const std::string& content_type) {
+    return content_type.empty() ? text : text.append(", ").append(content_type);
+}
+
+std::string& log_data_(std::string& text, const std::string& data) {
+    constexpr std::size_t kEnds = 6;
+    const auto append_hex = [&text](std::string_view bytes) {
+        for (const unsigned char byte : bytes) {
+            text.push_back("0123456789ABCDEF"[byte >> 4U]);
+            text.push_back("0123456789ABCDEF"[byte & 0xFU]);
+        }
+    };
+    text.append(", data[").append(std::to_string(data.size())).append("]: ");
+    const std::string_view bytes = data;
+    if (bytes.size() < 2 * kEnds) {
+        append_hex(bytes);
+        return text;
+    }
+    append_hex(bytes.substr(0, kEnds));
+    text.append("...");
+    append_hex(bytes.substr(bytes.size() - kEnds));
+    return text;
+}
+
+}  // namespace CM

@@ -1,0 +1,276 @@
+// The cache of downloaded CRLs and the memory of failures: what they hold, how much, and until when.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "certmgr/records_sync.h"
+#include "tests/revocation/revocation_fixture.h"
+
+namespace revocation_test {
+namespace {
+
+class CrlCacheTest : public RevocationTest {
+  protected:
+    /// Has the path's CRL downloaded.
+    void Fill(const std::string& path, const CrlSpec& spec = {}) {
+        Serve(path, Crl(spec));
+        EXPECT_TRUE(Passes(LeafAt(path), kSoft));
+    }
+    static CM::CrlRef At(const std::string& address) {
+        const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
+        const auto found = CM::g_crl_db.find(&address);
+        return found == CM::g_crl_db.end() ? nullptr : found->second;
+    }
+    Strings Addresses(const Strings& paths) const {
+        Strings addresses;
+        for (const std::string& path : paths) addresses.push_back(server_.Uri(path));
+        return addresses;
+    }
+};
+
+TEST_F(CrlCacheTest, KeepsTheAddressAndTheTimeOfTheDownload) {
+    Fill("/b");
+    vpnfc::SetCurrentTimeForTesting(kNow + 5);
+    Fill("/a");
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    const CM::CrlRef crl = At(server_.Uri("/a"));
+    EXPECT_EQ(crl->uri, server_.Uri("/a"));
+    EXPECT_EQ(crl->downloadedAt, CertTimeFrom_time_t(kNow + 5));
+    EXPECT_EQ(At(server_.Uri("/b"))->downloadedAt, CertTimeFrom_time_t(kNow));
+}
+
+TEST_F(CrlCacheTest, AChangeOfTheParametersReachesIt) {
+    ASSERT_EQ(LPARAMS::server.cert.on_change.size(), 1U);
+    const auto change = LPARAMS::server.cert.on_change[0];
+    Fill("/a");
+    Fill("/b");
+    change(true);
+    EXPECT_FALSE(At(server_.Uri("/a"))->refresh);
+    change(false);
+    EXPECT_TRUE(At(server_.Uri("/a"))->refresh);
+    EXPECT_TRUE(At(server_.Uri("/b"))->refresh);
+    SetParams([](LPARAMS::CertParams& params) { params.crl_cache = 0; });
+    EXPECT_EQ(CachedAddresses().size(), 2U);
+    change(false);
+    EXPECT_EQ(CachedAddresses(), Strings());
+    Fill("/a");
+    Fill("/a");
+    EXPECT_EQ(CachedAddresses(), Strings()) << "nothing is kept";
+    EXPECT_EQ(server_.Requests("/a"), 3U);
+
+    EXPECT_EQ(CM::Finit(), 0);
+    EXPECT_TRUE(LPARAMS::server.cert.on_change.empty());
+    CM::Init();
+}
+
+TEST_F(CrlCacheTest, IsEmptiedByTheModulesEnd) {
+    Fill("/a");
+    EXPECT_EQ(CM::Finit(), 0);
+    EXPECT_EQ(CachedAddresses(), Strings());
+    CM::Init();
+}
+
+TEST_F(CrlCacheTest, ListsInTheOrderOfTheAddresses) {
+    Fill("/b", {.number = "\x0B"});
+    Fill("/a", {.number = "\x0A"});
+    std::string bytes;
+    CommandStreamOut out(bytes);
+    CM::EnumDownloadedCrlDB(out);
+    CommandStreamIn in(bytes);
+    for (const char* number : {"0A", "0B"}) {
+        PKCS11::TokenInfo token;
+        CRLInfo info;
+        CM::sync(in, token);
+        CM::sync(in, info);
+        EXPECT_EQ(info.crlNumber, number);
+        EXPECT_EQ(info.issuer, "CN=issuing");
+        EXPECT_EQ(info.nextUpdate, CertTimeFrom_time_t(test_pki::kNotAfter));
+    }
+    EXPECT_ANY_THROW({
+        bool more = false;
+        in.fields(more);
+    }) << "nothing beside the records";
+}
+
+// The order of the fields is the bridge's.
+TEST_F(CrlCacheTest, ARecordHasItsFieldsInOrder) {
+    const CRLInfo info{.id = "i",
+                       .issuer = "CN",
+                       .thisUpdate = 0x0102,
+                       .nextUpdate = CERT_TIME_UNKNOWN,
+                       .signAlg = 0x040001,
+                       .crlNumber = "0A",
+                       .deltaCrlIndicator = ""};
+    std::string bytes;
+    CommandStreamOut out(bytes);
+    CM::sync(out, info);
+    EXPECT_EQ(TO_HEX_STD_STRING(bytes),
+              "0100000069"
+              "02000000434e"
+              "0201000000000000"
+              "ffffffffffffffff"
+              "01000400"
+              "020000003041"
+              "00000000");
+}
+
+TEST_F(CrlCacheTest, DeletesTheFirstOneThatFits) {
+    Fill("/a", {.number = "\x01"});
+    Fill("/b", {.number = "\x02"});
+    Fill("/c", {.number = "\x02"});
+    const CM::CrlRef crl = At(server_.Uri("/b"));
+    const auto differs = [&](auto change) {
+        PKCS11::TokenInfo token = crl->token;
+        CRLInfo info = crl->info;
+        change(token, info);
+        EXPECT_FALSE(CM::DeleteDownloadedCrlDB(token, info));
+    };
+    differs([](auto& token, auto&) { ++token.id; });
+    differs([](auto&, auto& info) { info.issuer += "x"; });
+    differs([](auto&, auto& info) { ++info.thisUpdate; });
+    differs([](auto&, auto& info) { ++info.nextUpdate; });
+    differs([](auto&, auto& info) { ++info.signAlg; });
+    differs([](auto&, auto& info) { info.crlNumber = "03"; });
+    CRLInfo wanted = crl->info;
+    wanted.id = "ignored";
+    wanted.deltaCrlIndicator = "ignored";
+    EXPECT_TRUE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/c"}));
+    EXPECT_TRUE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
+    EXPECT_FALSE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a"}));
+}
+
+TEST_F(CrlCacheTest, HasABoundInBytes) {
+    const std::size_t size = Crl({.number = "\x01"}).size();
+    SetParams([&](LPARAMS::CertParams& params) { params.crl_cache_max_bytes = 2 * size + size / 2; });
+    // Downloaded at different times, not in the order of the addresses.
+    std::time_t now = kNow;
+    for (const char* path : {"/c", "/b", "/a"}) {
+        vpnfc::SetCurrentTimeForTesting(++now);
+        Fill(path, {.number = "\x01"});
+    }
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    Fill("/a", {.number = "\x02", .this_update = kNow});
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    CrlSpec large;
+    for (int i = 0; i < 100; ++i) large.entries.push_back({.serial = "serial" + std::to_string(i)});
+    Fill("/d", large);
+    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"})) << "too large to be kept";
+}
+
+TEST_F(CrlCacheTest, HasABoundInNumber) {
+    const std::string der = Crl();
+    {
+        const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
+        for (std::size_t i = 0; i < CM::kMaxCachedCrls; ++i) {
+            const auto crl = std::make_shared<CM::X509CRL>(
+                CertEngine_CreateCRLHandle(der.data(), static_cast<unsigned>(der.size())), true);
+            crl->uri = "http://filler/" + std::to_string(i);
+            crl->downloadedAt = i == 7 ? 0 : crl->downloadedAt;
+            CM::g_crl_db.emplace(&crl->uri, crl);
+        }
+    }
+    Fill("/a");
+    EXPECT_EQ(CachedAddresses().size(), CM::kMaxCachedCrls);
+    EXPECT_NE(At(server_.Uri("/a")), nullptr);
+    EXPECT_EQ(At("http://filler/7"), nullptr);
+}
+
+// --- Failures ---
+
+class CrlFailureTest : public CrlCacheTest {
+  protected:
+    CrlFailureTest() {
+        SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
+    }
+    void Ask(const std::string& path = "/a") { Passes(LeafAt(path), kSoft); }
+    void At(std::time_t seconds) { vpnfc::SetCurrentTimeForTesting(kNow + seconds); }
+};
+
+TEST_F(CrlFailureTest, IsNotRepeatedForAWhile) {
+    Ask();
+    At(29);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 1U);
+    EXPECT_EQ(Outcomes(),
+              (Strings{"no data: HTTP status 404", "no data: HTTP status 404 (29 s ago, not asked again yet)"}));
+    EXPECT_FALSE(Passes(LeafAt("/a"), kStrict)) << "it counts as a failure of its own";
+    Ask("/b");
+    EXPECT_EQ(server_.Requests("/b"), 1U) << "another address";
+    At(30);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 2U);
+    At(10);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 3U) << "a clock that was put back";
+    SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 0; });
+    Ask();
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 5U) << "0 asks always";
+}
+
+TEST_F(CrlFailureTest, IsForgottenWhenTheParametersChangeOrTheCacheIsEmptied) {
+    Ask();
+    CM::cm_crl_apply_lparams_(true);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 1U);
+    CM::cm_crl_apply_lparams_(false);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 2U);
+    CM::ClearDownloadedCrlDB();
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 3U);
+}
+
+TEST_F(CrlFailureTest, OfEveryKindIsRemembered) {
+    const test_support::ReservedPort closed;
+    Serve("/empty", "");
+    Serve("/html", "<html></html>");
+    for (const std::string& address : {server_.Uri("/empty"), server_.Uri("/html"), closed.Uri("http", "/a")}) {
+        const std::uint64_t transfers = Transfers();
+        for (int i = 0; i < 2; ++i) EXPECT_FALSE(Passes(Leaf({address})));
+        EXPECT_EQ(Transfers(), transfers + 1) << address;
+    }
+}
+
+TEST_F(CrlFailureTest, OfOneIssuerIsNotAnothers) {
+    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
+    Serve("/a", Crl());
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(PassesUnder(others, other, kStrict));
+    EXPECT_EQ(Transfers(), 1U);
+    EXPECT_EQ(Outcomes(), (Strings{"Invalid signature", "Invalid signature (0 s ago, not asked again yet)"}));
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+}
+
+TEST_F(CrlFailureTest, TroubleWithTheTokenIsNotTheAddresss) {
+    Serve("/a", Crl());
+    token_->Fail(vendor_host::Op::kDigest, 1);
+    EXPECT_FALSE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Outcomes(), Strings{"Digest error"});
+    token_->SetAlgorithms({});
+    EXPECT_FALSE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Outcomes(), Strings{"No token to verify signature"});
+    token_->SetAlgorithms({PKI_KEY_EC, PKI_HASH_SHA256});
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+}
+
+TEST_F(CrlFailureTest, MemoryHasABound) {
+    const test_support::ReservedPort closed;
+    Ask();
+    At(1);
+    for (std::size_t i = 0; i < CM::kMaxCrlFailures - 1; ++i) {
+        Passes(Leaf({closed.Uri("http", "/" + std::to_string(i))}), kSoft);
+    }
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 1U);
+    Passes(Leaf({closed.Uri("http", "/one-more")}), kSoft);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 2U) << "the oldest one had to go";
+}
+
+}  // namespace
+}  // namespace revocation_test

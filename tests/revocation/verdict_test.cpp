@@ -1,0 +1,429 @@
+// The verdict: modes, and the steps from the cached CRL to the store's.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/revocation/revocation_fixture.h"
+#include "tests/support/der.h"
+
+namespace revocation_test {
+namespace {
+
+class VerdictTest : public RevocationTest {
+  protected:
+    const std::string path_ = "/ca.crl";
+    const Cert leaf_ = LeafAt(path_);
+};
+
+TEST_F(VerdictTest, Modes) {
+    const auto mark = [this](const CrlSpec& spec) {
+        Serve(path_, Crl(spec));
+        Passes(leaf_, kSoft);
+        CM::cm_crl_apply_lparams_(false);
+        ServeNothing(path_);
+    };
+    const struct {
+        const char* situation;
+        std::function<void()> arrange;
+        bool strict;
+        bool soft;
+    } rows[] = {
+        {"no CRL", [&] { ServeNothing(path_); }, false, true},
+        {"a CRL", [&] { Serve(path_, Crl()); }, true, true},
+        {"a CRL that lists it", [&] { Serve(path_, Crl(Listing(leaf_))); }, false, false},
+        {"a CRL past its next update", [&] { Serve(path_, Crl(Expired())); }, false, true},
+        {"the same, listing it", [&] { Serve(path_, Crl(Expired(Listing(leaf_)))); }, false, false},
+        {"marked for refresh and not to be had", [&] { mark({}); }, false, true},
+        {"the same, listing it", [&] { mark(Listing(leaf_)); }, false, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.situation);
+        const auto verdict = [&](LPARAMS::CRL_PROC_t mode) {
+            CM::ClearDownloadedCrlDB();
+            row.arrange();
+            return Passes(leaf_, mode);
+        };
+        EXPECT_EQ(verdict(kStrict), row.strict);
+        EXPECT_EQ(verdict(kSoft), row.soft);
+        const std::uint64_t transfers = Transfers();
+        CM::ClearDownloadedCrlDB();
+        EXPECT_TRUE(Passes(leaf_, LPARAMS::CRL_PROC_DISABLED));
+        EXPECT_EQ(Transfers(), transfers);
+    }
+}
+
+TEST_F(VerdictTest, WhatIsLoggedOfTheVerdict) {
+    const auto logged = [](EventCode code) { return vendor_host::FindMessages(code).size(); };
+    ServeNothing(path_);
+    Passes(leaf_, kSoft);
+    EXPECT_EQ(logged(kMsgCrlNotFound), 0U);
+    Passes(leaf_, kStrict);
+    ASSERT_EQ(logged(kMsgCrlNotFound), 1U);
+    EXPECT_TRUE(vendor_host::Logged("Subject: CN=host", kMsgCrlNotFound));
+    EXPECT_TRUE(vendor_host::Logged("Checked CRLs (0)", kMsgCrlNotFound));
+
+    Serve(path_, Crl(Expired()));
+    Passes(leaf_, kSoft);
+    EXPECT_EQ(logged(kMsgCrlNotCurrent), 0U);
+    Passes(leaf_, kStrict);
+    EXPECT_TRUE(vendor_host::Logged("From: " + server_.Uri(path_), kMsgCrlNotCurrent));
+
+    Serve(path_, Crl());
+    Passes(leaf_, kStrict);
+    EXPECT_EQ(logged(kMsgCrlUsed), 0U);
+    SetDetails();
+    Passes(leaf_, kStrict);
+    EXPECT_EQ(logged(kMsgCrlUsed), 1U);
+}
+
+TEST_F(VerdictTest, NamesTheReason) {
+    const struct {
+        std::optional<int> code;
+        const char* name;
+    } cases[] = {{std::nullopt, "None"},
+                 {0, "Unspecified"},
+                 {1, "KeyCompromise"},
+                 {2, "CACompromise"},
+                 {3, "AffiliationChanged"},
+                 {4, "Superseded"},
+                 {5, "CessationOfOperation"},
+                 {6, "CertificateHold"},
+                 {7, "Unknown"},
+                 {8, "RemoveFromCRL"},
+                 {9, "PrivilegeWithDrawn"},
+                 {10, "AA Compromise"},
+                 {11, "Unknown"}};
+    for (const auto& test : cases) {
+        CM::ClearDownloadedCrlDB();
+        vendor_host::ClearMessages();
+        Serve(path_, Crl({.entries = {{.serial = "other"}, {.serial = leaf_.serial, .reason = test.code}}}));
+        EXPECT_FALSE(Passes(leaf_, kSoft));
+        const auto messages = vendor_host::FindMessages(kMsgCertRevoked);
+        ASSERT_EQ(messages.size(), 1U);
+        EXPECT_TRUE(messages[0].attributes[1].ends_with(std::string("reason: ") + test.name))
+            << messages[0].attributes[1];
+    }
+}
+
+TEST_F(VerdictTest, ACrlIsCurrentBeforeItsNextUpdateOnly) {
+    Serve(path_, Crl({.next_update = kNow + 10}));
+    EXPECT_TRUE(Passes(leaf_));
+    vpnfc::SetCurrentTimeForTesting(kNow + 9);
+    EXPECT_TRUE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 1U);
+    vpnfc::SetCurrentTimeForTesting(kNow + 10);
+    EXPECT_FALSE(Passes(leaf_)) << "asked again, and no newer one there";
+    EXPECT_EQ(Transfers(), 2U);
+    Serve(path_, Crl({.this_update = kNow + 9, .next_update = kNow + 20}));
+    EXPECT_TRUE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 3U);
+    vpnfc::SetCurrentTimeForTesting(kNow + kDay);
+    Serve(path_, Crl({.next_update = std::nullopt}));
+    CM::ClearDownloadedCrlDB();
+    EXPECT_TRUE(Passes(leaf_)) << "one without an end is current";
+}
+
+TEST_F(VerdictTest, AddressesAreTriedInOrderUntilOneYieldsACrl) {
+    const Cert stranger = chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 7);
+    const test_support::ReservedPort closed;
+    const struct {
+        const char* what;
+        std::string address;
+        std::function<void()> arrange;
+        const char* outcome;
+    } cases[] = {
+        {"refused", closed.Uri("http", "/a.crl"), [] {}, "no data: Couldn't connect to server"},
+        {"empty", server_.Uri("/first"), [&] { Serve("/first", ""); }, "no data"},
+        {"missing", server_.Uri("/first"), [&] { ServeNothing("/first"); }, "no data: HTTP status 404"},
+        {"HTML", server_.Uri("/first"), [&] { Serve("/first", "<html></html>"); },
+         "data malformed, X509 ASN.1 expected"},
+        {"truncated", server_.Uri("/first"), [&] { Serve("/first", Crl().substr(0, 50)); },
+         "data malformed, X509 ASN.1 expected"},
+        {"another key", server_.Uri("/first"), [&] { Serve("/first", test_pki::MakeCrl({}, stranger)); },
+         "Invalid signature"},
+        {"file", "file:///etc/hostname", [] {}, "no data: Unsupported protocol"},
+    };
+    Serve("/second", Crl());
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        CM::ClearDownloadedCrlDB();
+        vendor_host::ClearMessages();
+        test.arrange();
+        EXPECT_TRUE(Passes(Leaf({test.address, server_.Uri("/second")})));
+        EXPECT_EQ(Outcomes(), (Strings{test.outcome, "CRL downloaded"}));
+        EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/second")});
+    }
+    CM::ClearDownloadedCrlDB();
+    Serve("/first", Crl());
+    EXPECT_TRUE(Passes(Leaf({server_.Uri("/first"), server_.Uri("/second")})));
+    EXPECT_EQ(Outcomes(), Strings{"CRL downloaded"}) << "the first is enough";
+}
+
+TEST_F(VerdictTest, TheFirstAddressInTheCacheGivesTheCrl) {
+    Serve("/a", Crl());
+    Serve("/b", Crl());
+    EXPECT_TRUE(Passes(LeafAt("/b")));
+    EXPECT_TRUE(Passes(Leaf({server_.Uri("/a"), server_.Uri("/b")})));
+    EXPECT_EQ(server_.Requests("/a"), 0U);
+    EXPECT_EQ(Transfers(), 1U);
+}
+
+TEST_F(VerdictTest, ACrlFromAnotherAddressReplacesWhatIsOutOfDate) {
+    Serve("/a", Crl());
+    Serve("/b", Crl(Expired()));
+    Passes(LeafAt("/b"), kSoft);
+    EXPECT_TRUE(Passes(Leaf({server_.Uri("/a"), server_.Uri("/b")})));
+    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
+}
+
+TEST_F(VerdictTest, EqualDataIsNotDecodedAgain) {
+    const std::string der = Crl(Expired());
+    const std::string pem = test_pki::ToPem("X509 CRL", der);
+    std::string base64 = pem.substr(pem.find('\n') + 1);
+    base64.erase(base64.find('-'));
+    std::erase(base64, '\n');
+    for (const std::string& data : {der, pem, base64}) {
+        Serve(path_, data);
+        EXPECT_TRUE(Passes(leaf_, kSoft));
+    }
+    EXPECT_EQ(Transfers(), 3U);
+    EXPECT_EQ(Parsed(), 1U);
+    const std::string unchanged =
+        "CRL not changed, first downloaded at: " + CertTimeToString(CertTimeFrom_time_t(kNow));
+    EXPECT_EQ(Outcomes(), (Strings{"CRL downloaded", unchanged, unchanged}));
+    // Not at the first address, where it has not been seen, either.
+    Serve("/other", der);
+    EXPECT_TRUE(Passes(Leaf({server_.Uri("/other"), server_.Uri(path_)}), kSoft));
+    EXPECT_EQ(Outcomes(), Strings{unchanged});
+    EXPECT_EQ(token_->Calls(vendor_host::Op::kVerify), 1U) << "nor is its signature verified again";
+    Serve(path_, Crl(Listing(leaf_)));
+    EXPECT_FALSE(Passes(leaf_, kSoft));
+    EXPECT_EQ(Parsed(), 2U);
+}
+
+TEST_F(VerdictTest, AMarkedCrlIsDownloadedOnce) {
+    Serve(path_, Crl());
+    EXPECT_TRUE(Passes(leaf_));
+    Serve(path_, Crl({.number = "\x02"}));
+    CM::cm_crl_apply_lparams_(false);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 2U);
+    CM::cm_crl_apply_lparams_(false);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(Passes(leaf_)) << "unchanged";
+    EXPECT_EQ(Transfers(), 3U);
+    CM::cm_crl_apply_lparams_(true);
+    EXPECT_TRUE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 3U) << "the first load of the settings changes nothing";
+}
+
+TEST_F(VerdictTest, ARevocationThatWasSeenIsNotTakenBack) {
+    CrlSpec newer = Listing(leaf_);
+    newer.this_update = kNow - 1;
+    Serve(path_, Crl(newer));
+    EXPECT_FALSE(Passes(leaf_));
+    Serve(path_, Crl({.this_update = kNow - 2}));
+    CM::cm_crl_apply_lparams_(false);
+    vendor_host::ClearMessages();
+    EXPECT_FALSE(Passes(leaf_));
+    EXPECT_EQ(Outcomes()[0].find("CRL is older than the cached one"), 0U);
+    EXPECT_FALSE(Passes(leaf_));
+}
+
+TEST_F(VerdictTest, ACachedCrlServesThoseWhoseIssuerSignedIt) {
+    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    const Cert others = MakeCert(Spec({server_.Uri(path_)}), &other);
+    Serve(path_, Crl());
+    EXPECT_TRUE(Passes(leaf_));
+    EXPECT_FALSE(PassesUnder(others, other, kStrict));
+    EXPECT_TRUE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 2U);
+}
+
+// --- The store ---
+
+TEST_F(VerdictTest, TheStoreServesWhereNothingCanBeDownloaded) {
+    ServeNothing(path_);
+    PutOnToken(Crl(Listing(leaf_)));
+    EXPECT_FALSE(Passes(leaf_, kSoft));
+    EXPECT_TRUE(Passes(LeafAt(path_), kStrict));
+    Serve(path_, Crl());
+    EXPECT_TRUE(Passes(leaf_, kStrict)) << "but not before the address";
+}
+
+TEST_F(VerdictTest, ACachedCrlOutOfDateComesAfterTheStore) {
+    vpnfc::SetCurrentTimeForTesting(kNow);
+    CrlSpec cached = Expired(Listing(leaf_));
+    cached.this_update = kNow - 2 * kDay;
+    Serve(path_, Crl(cached));
+    Passes(leaf_, kSoft);
+    ServeNothing(path_);
+    EXPECT_FALSE(Passes(leaf_, kStrict));
+    EXPECT_TRUE(vendor_host::Logged("From: ", kMsgCrlNotCurrent));
+    PutOnToken(Crl({.this_update = kNow - 3 * kDay}));
+    EXPECT_TRUE(Passes(leaf_, kStrict)) << "the store's is current";
+    EXPECT_FALSE(Passes(leaf_, kSoft)) << "the cache's is newer";
+}
+
+// --- Scope ---
+
+/// Issuing distribution point for the CRL at that address.
+std::string PointAt(const std::string& address) {
+    return der::Sequence(der::Explicit(0, der::Explicit(0, test_pki::GeneralName("URI:" + address))));
+}
+
+TEST_F(VerdictTest, ACrlOutOfScopeRevokesButDoesNotClear) {
+    const std::string elsewhere = PointAt("http://elsewhere.example/shard.crl");
+    Serve(path_, Crl({.issuing_distribution_point = elsewhere}));
+    EXPECT_FALSE(Passes(leaf_, kStrict));
+    EXPECT_TRUE(Passes(leaf_, kSoft));
+    const auto messages = vendor_host::FindMessages(kMsgCrlOutOfScope);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_NE(messages[0].attributes[2].find("http://elsewhere.example/shard.crl"), std::string::npos);
+    EXPECT_EQ(vendor_host::FindMessages(kMsgCrlNotFound).size(), 1U);
+    EXPECT_EQ(Transfers(), 1U) << "what is in the cache is not asked for again";
+
+    CM::ClearDownloadedCrlDB();
+    CrlSpec listing = Listing(leaf_);
+    listing.issuing_distribution_point = elsewhere;
+    Serve(path_, Crl(listing));
+    EXPECT_FALSE(Passes(leaf_, kSoft));
+
+    CM::ClearDownloadedCrlDB();
+    Serve(path_, Crl({.issuing_distribution_point = PointAt(server_.Uri(path_))}));
+    EXPECT_TRUE(Passes(leaf_, kStrict));
+
+    SetParams([](LPARAMS::CertParams& params) { params.honour_crl_scope = false; });
+    CM::ClearDownloadedCrlDB();
+    Serve(path_, Crl({.issuing_distribution_point = elsewhere}));
+    EXPECT_TRUE(Passes(leaf_, kStrict));
+}
+
+TEST_F(VerdictTest, TheNextSourceClearsWhatAnOutOfScopeCrlCannot) {
+    const std::string elsewhere = PointAt("http://elsewhere.example/shard.crl");
+    const Cert leaf = Leaf({server_.Uri("/shard"), server_.Uri("/full")});
+    Serve("/shard", Crl({.issuing_distribution_point = elsewhere}));
+    Serve("/full", Crl());
+    EXPECT_TRUE(Passes(leaf));
+    EXPECT_TRUE(Passes(leaf));
+    EXPECT_EQ(Transfers(), 2U) << "both are kept";
+    ServeNothing("/full");
+    CM::ClearDownloadedCrlDB();
+    PutOnToken(Crl({.number = "\x01", .delta_base = "\x01"}));
+    EXPECT_FALSE(Passes(leaf));
+    PutOnToken(Crl());
+    EXPECT_TRUE(Passes(leaf)) << "the store's second one";
+}
+
+// --- Addresses ---
+
+TEST_F(VerdictTest, AnAddressWithoutHostIsCompleted) {
+    Serve(path_, Crl());
+    const std::string whole = server_.Uri(path_);
+    const std::string host = whole.substr(0, whole.size() - path_.size());
+    const Cert leaf = Leaf({"http://" + path_});
+    EXPECT_FALSE(Passes(leaf));
+    EXPECT_TRUE(Passes(leaf, kStrict, host));
+    EXPECT_TRUE(vendor_host::Logged(" - " + whole + "(modified), application/pkix-crl", kMsgCrlTransfer));
+    EXPECT_EQ(CachedAddresses(), Strings{whole});
+}
+
+TEST_F(VerdictTest, AddressesThatWouldOnlyCostAreNotAsked) {
+    Strings addresses(17, server_.Uri("/none"));
+    addresses.push_back(server_.Uri("/" + std::string(5000, 'x')));
+    addresses.emplace_back("http://127.0.0.1/\0.crl", 22);
+    EXPECT_FALSE(Passes(Leaf(addresses)));
+    EXPECT_EQ(Transfers(), 16U);
+    const Strings outcomes = Outcomes();
+    ASSERT_EQ(outcomes.size(), 19U);
+    EXPECT_EQ(outcomes[0], "not asked: the certificate names too many addresses");
+    EXPECT_EQ(outcomes[1], "not asked: the address is too long");
+    EXPECT_EQ(outcomes[2], "not asked: the address is malformed");
+}
+
+TEST_F(VerdictTest, CredentialsReachTheServerAndNoLog) {
+    std::string address = server_.Uri(path_);
+    address.insert(address.find("127"), "user:s%65cret@");
+    SetDetails();
+    ServeNothing(path_);
+    EXPECT_FALSE(Passes(Leaf({address})));
+    EXPECT_NE(server_.counts().last_head.find("Authorization: Basic dXNlcjpzZWNyZXQ="), std::string::npos);
+    Serve(path_, Crl());
+    EXPECT_TRUE(Passes(Leaf({address})));
+    EXPECT_TRUE(vendor_host::Logged("From: " + server_.Uri(path_), kMsgCrlUsed));
+    for (const char* secret : {"s%65cret", "user", "secret"}) {
+        EXPECT_EQ(vendor_host::AllText().find(secret), std::string::npos) << secret;
+    }
+}
+
+// --- Chains ---
+
+class ChainVerdictTest : public VerdictTest {
+  protected:
+    std::string Verdict(const std::vector<const Cert*>& certs, LPARAMS::CRL_PROC_t mode) const {
+        CM::CertList chain;
+        for (const Cert* cert : certs) chain.Append(Object(*cert).get());
+        std::string reason;
+        const bool passes = CM::CertChainVerifyRevocation(chain.certs(), mode, {}, &reason, ident_);
+        EXPECT_EQ(passes, reason.empty());
+        return reason;
+    }
+};
+
+TEST_F(ChainVerdictTest, EveryCertificateThatNamesAnAddressIsChecked) {
+    test_pki::CertSpec spec = Spec({server_.Uri("/root.crl")}, "CN=issuing 2");
+    spec.ca = true;
+    spec.key_usage = "keyCertSign, cRLSign";
+    const Cert issuing = MakeCert(spec, &root_);
+    const Cert leaf = MakeCert(Spec({server_.Uri(path_)}), &issuing);
+    const std::string revoked = "Revoked certificate(s) present in chain";
+    Serve(path_, test_pki::MakeCrl({}, issuing));
+    Serve("/root.crl", test_pki::MakeCrl({}, root_));
+    EXPECT_EQ(Verdict({&leaf, &issuing, &root_}, kStrict), "");
+    Serve("/root.crl", test_pki::MakeCrl(Listing(issuing), root_));
+    CM::ClearDownloadedCrlDB();
+    EXPECT_EQ(Verdict({&leaf, &issuing, &root_}, kStrict), revoked);
+    EXPECT_EQ(Verdict({&leaf, &issuing, &root_}, LPARAMS::CRL_PROC_DISABLED), "");
+    EXPECT_EQ(Verdict({&leaf, &issuing}, kStrict), revoked) << "the last one is taken for its own issuer";
+    EXPECT_EQ(Verdict({}, kStrict), "");
+}
+
+TEST_F(ChainVerdictTest, AnIssuerThatMayNotSignCrlsIsNotAsked) {
+    test_pki::CertSpec spec{.key_index = 1, .subject = "CN=issuing", .ca = true, .key_usage = "keyCertSign"};
+    const Cert issuing = MakeCert(spec, &root_);
+    Serve(path_, Crl());
+    EXPECT_EQ(Verdict({&leaf_, &issuing, &root_}, kSoft),
+              "Revocation cannot be checked, issuer[0] does not contain required key usage: CRL Signing");
+    EXPECT_EQ(Transfers(), 0U);
+    const auto missing = vendor_host::FindMessages(kMsgKeyUsageMissing);
+    ASSERT_EQ(missing.size(), 1U);
+    EXPECT_EQ(missing[0].attributes[0], "CRL Signing");
+    EXPECT_NE(missing[0].attributes[1].find("CN=issuing"), std::string::npos);
+
+    SetParams([](LPARAMS::CertParams& params) { params.ignore_key_usage.on = true; });
+    EXPECT_EQ(Verdict({&leaf_, &issuing, &root_}, kStrict), "");
+    const auto tolerated = vendor_host::FindMessages(kMsgKeyUsageTolerated);
+    ASSERT_EQ(tolerated.size(), 1U);
+    EXPECT_EQ(tolerated[0].attributes[0], "CRL Signing");
+    EXPECT_EQ(tolerated[0].attributes[1], "ignore_key_usage");
+}
+
+TEST_F(ChainVerdictTest, CertificatesWithoutAddressesPassAndMayBeLogged) {
+    const Cert silent = chain_test::MakeCert(Spec({}), &ca_);
+    const auto logged = [] { return vendor_host::FindMessages(kMsgNoDistributionPoint).size(); };
+    EXPECT_EQ(Verdict({&silent, &ca_, &root_}, kStrict), "");
+    EXPECT_EQ(logged(), 0U);
+    SetDetails();
+    EXPECT_EQ(Verdict({&silent, &ca_, &root_}, kSoft), "");
+    EXPECT_EQ(logged(), 0U);
+    EXPECT_EQ(Verdict({&silent, &ca_, &root_}, kStrict), "");
+    const auto messages = vendor_host::FindMessages(kMsgNoDistributionPoint);
+    ASSERT_EQ(messages.size(), 2U) << "not of the self-signed one";
+    const auto object = Object(silent);
+    EXPECT_EQ(messages[0].attributes, (Strings{"CN=host", object->info.serialNumber, "ECDSA"}));
+}
+
+}  // namespace
+}  // namespace revocation_test

@@ -1,0 +1,176 @@
+// Who waits for whom: a transfer holds nobody up but those who need what it brings.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "certmgr/records_sync.h"
+#include "tests/revocation/revocation_fixture.h"
+
+namespace revocation_test {
+namespace {
+
+class WaitingTest : public RevocationTest {
+  protected:
+    /// Threads that are joined at the end.
+    template <typename Work>
+    void Start(unsigned count, Work work) {
+        for (unsigned i = 0; i < count; ++i) threads_.emplace_back(work, i);
+    }
+    void Join() {
+        for (std::thread& thread : threads_) thread.join();
+        threads_.clear();
+    }
+
+    std::vector<std::thread> threads_;
+};
+
+TEST_F(WaitingTest, NothingIsHeldWhileATransferHangs) {
+    Serve("/kept", Crl());
+    Serve("/new", Crl());
+    Serve("/held", Crl());
+    const Cert kept = LeafAt("/kept");
+    const Cert held = LeafAt("/held");
+    EXPECT_TRUE(Passes(kept));
+    server_.Hold("/held");
+    std::atomic<bool> answered{false};
+    Start(1, [&](unsigned) {
+        EXPECT_TRUE(Passes(held));
+        answered = true;
+    });
+    ASSERT_TRUE(server_.WaitForRequests("/held", 1));
+
+    // Each of these would wait for ever.
+    EXPECT_TRUE(Passes(kept));
+    EXPECT_TRUE(Passes(LeafAt("/new")));
+    EXPECT_TRUE(CM::g_crl_db_lock.try_lock());
+    CM::g_crl_db_lock.unlock();
+    EXPECT_TRUE(LPARAMS::server.cert.try_lock());
+    LPARAMS::server.cert.unlock();
+    std::string bytes;
+    CommandStreamOut stream(bytes);
+    CM::EnumDownloadedCrlDB(stream);
+    EXPECT_FALSE(CM::DeleteDownloadedCrlDB({}, {}));
+    CM::cm_crl_apply_lparams_(false);
+    CM::ClearDownloadedCrlDB();
+    CM::Reload();
+    EXPECT_FALSE(answered);
+
+    server_.Release("/held");
+    Join();
+    EXPECT_TRUE(answered);
+    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/held")});
+}
+
+TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {
+    Serve("/a", Crl());
+    Serve("/kept", Crl());
+    EXPECT_TRUE(Passes(LeafAt("/kept")));
+    const auto gate = std::make_shared<vendor_host::Gate>();
+    token_->Block(vendor_host::Op::kVerify, gate);
+    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    ASSERT_TRUE(gate->WaitForArrivals(1));
+    EXPECT_TRUE(CM::g_crl_db_lock.try_lock());
+    CM::g_crl_db_lock.unlock();
+    { const vpnfc::WriteLock free(store()); }
+    gate->Open();
+    Join();
+}
+
+TEST_F(WaitingTest, OneTransferServesAllWhoNeedTheAddress) {
+    Serve("/a", Crl());
+    server_.Hold("/a");
+    std::atomic<unsigned> passed{0};
+    Start(32, [&](unsigned) { passed += Passes(LeafAt("/a")) ? 1 : 0; });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 1));
+    server_.Release("/a");
+    Join();
+    EXPECT_EQ(passed, 32U);
+    EXPECT_EQ(server_.Requests("/a"), 1U);
+    EXPECT_EQ(Parsed(), 1U);
+}
+
+TEST_F(WaitingTest, AnswersOfASharedTransferAreJudgedByEachIssuer) {
+    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
+    Serve("/a", Crl());
+    server_.Hold("/a");
+    Start(1, [&](unsigned) { EXPECT_FALSE(PassesUnder(others, other, kStrict)); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 1));
+    Start(4, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    server_.Release("/a");
+    Join();
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
+}
+
+TEST_F(WaitingTest, ADeadAddressCostsOneTimeOut) {
+    SetParams([](LPARAMS::CertParams& params) {
+        params.crl_retry_seconds = 30;
+        params.crl_download_timeout_seconds = 1;
+    });
+    server_.Set("/dead", {.silent = true});
+    Serve("/alive", Crl());
+    Start(64, [&](unsigned) {
+        EXPECT_TRUE(Passes(Leaf({server_.Uri("/dead"), server_.Uri("/alive")})));
+        EXPECT_FALSE(Passes(LeafAt("/dead")));
+    });
+    Join();
+    EXPECT_EQ(server_.Requests("/dead"), 1U);
+    EXPECT_EQ(server_.Requests("/alive"), 1U);
+}
+
+// For the thread sanitizer above all.
+TEST_F(WaitingTest, ChecksAmongChangesOfTheCache) {
+    using std::chrono::milliseconds;
+    SetParams([](LPARAMS::CertParams& params) { params.crl_cache_max_bytes = 4 * 400; });
+    const Cert revoked = LeafAt("/4");
+    std::vector<Cert> good;
+    for (int i = 0; i < 5; ++i) {
+        const std::string path = "/" + std::to_string(i);
+        server_.Set(path, {.body = Crl(Listing(revoked)), .byte_interval = milliseconds(i == 0 ? 1 : 0)});
+        good.push_back(LeafAt(path));
+    }
+    const test_support::ReservedPort closed;
+    const Cert dead = Leaf({closed.Uri("http", "/a")});
+    Start(16, [&](unsigned thread) {
+        for (unsigned i = 0; i < 24; ++i) {
+            switch ((thread + i) % 12) {
+                case 0:
+                    CM::ClearDownloadedCrlDB();
+                    break;
+                case 1:
+                    CM::cm_crl_apply_lparams_(false);
+                    break;
+                case 2: {
+                    std::string bytes;
+                    CommandStreamOut stream(bytes);
+                    CM::EnumDownloadedCrlDB(stream);
+                    CommandStreamIn in(bytes);
+                    if (bytes.empty()) break;
+                    PKCS11::TokenInfo token;
+                    CRLInfo info;
+                    CM::sync(in, token);
+                    CM::sync(in, info);
+                    CM::DeleteDownloadedCrlDB(token, info);
+                    break;
+                }
+                case 3:
+                    EXPECT_FALSE(Passes(revoked, kSoft));
+                    break;
+                case 4:
+                    EXPECT_TRUE(Passes(dead, kSoft));
+                    break;
+                default:
+                    EXPECT_TRUE(Passes(good[(thread * 7 + i) % good.size()], kSoft));
+            }
+        }
+    });
+    Join();
+}
+
+}  // namespace
+}  // namespace revocation_test
