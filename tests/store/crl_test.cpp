@@ -239,7 +239,7 @@ class StoreCrlTest : public CrlTest {
             const vpnfc::ReadLock lock(store());
             unlocked = CM::cm_crl_search_in_db_unlocked_(issuer, issuer, log != nullptr ? &other_log : nullptr);
         }
-        const CrlRef found = CM::FindStoreCrl(issuer, issuer, log);
+        const CrlRef found = CM::StoreCrls().Next(issuer, log);
         EXPECT_EQ(found, unlocked);
         if (log != nullptr) {
             EXPECT_EQ(other_log, *log);
@@ -364,7 +364,7 @@ TEST_F(StoreCrlTest, TheStoreChangesWhileATokenVerifies) {
     const auto gate = std::make_shared<vendor_host::Gate>();
     card_->Block(Op::kVerify, gate);
     CrlRef found;
-    std::thread check([&] { found = CM::FindStoreCrl(issuer_.get(), issuer_.get(), nullptr); });
+    std::thread check([&] { found = CM::StoreCrls().Next(issuer_.get(), nullptr); });
     ASSERT_TRUE(gate->WaitForArrivals(1));
     store().ReloadCRLs();
     Put(Crl({.number = "\2"}, root_));
