@@ -75,7 +75,11 @@ class RevocationCheck {
   public:
     RevocationCheck(const X509Cert& cert, const X509Cert& issuer, LPARAMS::CRL_PROC_t mode,
                     const std::string& default_server, const TLogIdent& ident)
-        : cert_(cert), issuer_(issuer), mode_(mode), default_server_(default_server), ident_(ident) {}
+        : cert_(cert),
+          issuer_(issuer),
+          strict_(mode != LPARAMS::CRL_PROC_ENABLED_SOFT),
+          default_server_(default_server),
+          ident_(ident) {}
 
     /// Whether the certificate passes.
     bool Run();
@@ -98,7 +102,7 @@ class RevocationCheck {
 
     const X509Cert& cert_;
     const X509Cert& issuer_;
-    const LPARAMS::CRL_PROC_t mode_;
+    const bool strict_;
     const std::string& default_server_;
     const TLogIdent& ident_;
     const CrlParams params_ = CrlParams::Read();
@@ -116,12 +120,12 @@ bool RevocationCheck::Run() {
     if (finding == Finding::kOpen) finding = JudgeDownloaded();
     if (finding == Finding::kOpen) finding = JudgeStored();
     if (finding != Finding::kOpen) return finding == Finding::kGood;
-    return mode_ == LPARAMS::CRL_PROC_ENABLED_SOFT;
+    return !strict_;
 }
 
 /// 1. Addresses that would only cost time and memory are left out.
 void RevocationCheck::CompleteAddresses() {
-    const std::vector<std::string>& named = cert_.ext().crlUris;
+    const std::vector<std::string>& named = cert_.names().crlUris;
     addresses_.reserve(std::min(named.size(), kMaxAddresses));
     std::string work;
     for (const std::string& uri : named) {
@@ -175,12 +179,12 @@ Finding RevocationCheck::JudgeDownloaded() {
 /// one does.
 Finding RevocationCheck::JudgeStored() {
     StoreCrls stored;
-    const bool told = mode_ != LPARAMS::CRL_PROC_ENABLED_SOFT || LogsCrlDetails();
+    const bool told = strict_ || LogsCrlDetails();
     const auto next = [&] { return stored.Next(&issuer_, told ? &searched_ : nullptr); };
     CrlRef crl = next();
     if (known_ != nullptr && known_->CheckSignature(&issuer_) != kSignatureRight) known_ = nullptr;
     const bool newer = known_ != nullptr && (crl == nullptr || known_->info.thisUpdate > crl->info.thisUpdate);
-    if (newer && mode_ == LPARAMS::CRL_PROC_ENABLED_SOFT) {
+    if (newer && !strict_) {
         if (const Finding finding = Judge(*known_, known_marked_); finding != Finding::kOpen) return finding;
         known_ = nullptr;
     }
@@ -190,13 +194,13 @@ Finding RevocationCheck::JudgeStored() {
     if (known_ != nullptr) {
         if (const Finding finding = Judge(*known_, known_marked_); finding != Finding::kOpen) return finding;
     }
-    if (mode_ != LPARAMS::CRL_PROC_ENABLED_SOFT) Log(kMsgCrlNotFound, cert_, searched_);
+    if (strict_) Log(kMsgCrlNotFound, cert_, searched_);
     return Finding::kOpen;
 }
 
 Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
     // 5.
-    if (mode_ == LPARAMS::CRL_PROC_ENABLED && (marked || crl.info.nextUpdate <= now_)) {
+    if (strict_ && (marked || crl.info.nextUpdate <= now_)) {
         Log(kMsgCrlNotCurrent, cert_, crl);
         return Finding::kBad;
     }
@@ -259,7 +263,7 @@ bool CertChainVerifyRevocation(const std::vector<X509Cert*>& chain, LPARAMS::CRL
     for (std::size_t i = 0; i < chain.size(); ++i) {
         const X509Cert* const cert = chain[i];
         const X509Cert* const issuer = i + 1 < chain.size() ? chain[i + 1] : cert;
-        if (cert->ext().crlUris.empty()) {
+        if (cert->names().crlUris.empty()) {
             // 2.2.
             if (mode == LPARAMS::CRL_PROC_ENABLED && !cert->selfSigned) LogNoDistributionPoint(*cert, ident);
             continue;

@@ -335,16 +335,22 @@ TEST_F(SingleTest, EveryStepRefusesWithItsReason) {
     EXPECT_EQ(Check(orphan, {}), (Verdict{1, "Certificates chain is not complete"}));
 }
 
-TEST_F(SingleTest, RevocationIsNeverPassedWithoutACheck) {
-    Store({&root_}, {&upper_, &lower_});
-    for (const int mode : {1, 2, 3, -1}) {
-        const Verdict verdict = Check(leaf_, {}, mode);
-        EXPECT_EQ(verdict.position, 1U) << mode;
-        EXPECT_EQ(verdict.reason.rfind("Revocation cannot be checked", 0), 0U) << verdict.reason;
-        EXPECT_FALSE(vendor_host::FindMessages(kMsgCrlNotFound).empty());
-        vendor_host::ClearMessages();
-    }
-    EXPECT_TRUE(CM::CertChainVerifyRevocation({}, LPARAMS::CRL_PROC_ENABLED, {}, nullptr, ident_));
+TEST_F(SingleTest, RevocationIsCheckedUnderTheMode) {
+    const Cert issuer = MakeCert({.subject = "CN=issuer", .ca = true, .key_usage = "keyCertSign, cRLSign"}, &root_);
+    const Cert leaf = MakeCert({.subject = "CN=leaf", .crl_points = {{"URI:file:///none"}}}, &issuer);
+    Store({&root_}, {&issuer, &upper_, &lower_});
+    const struct {
+        int mode;
+        Verdict verdict;
+    } cases[] = {
+        {0, {}},
+        {1, {1, "Revoked certificate(s) present in chain"}},
+        {2, {}},
+        {3, {1, "Revoked certificate(s) present in chain"}},  // no such mode
+        {-1, {1, "Revoked certificate(s) present in chain"}},
+    };
+    for (const auto& test : cases) EXPECT_EQ(Check(leaf, {}, test.mode), test.verdict) << test.mode;
+    EXPECT_EQ(Check(leaf_, {}, 1), Verdict{}) << "names no distribution point";
 }
 
 }  // namespace
