@@ -44,7 +44,8 @@ TEST_F(DaemonTest, KeepsItsSettingsWhenTheNewOnesAreWrong) {
 
 TEST_F(DaemonTest, StopsAlthoughAModuleHangs) {
     hosts_.control().Set({"hang C_GetTokenInfo", "hang C_GetSlotList", "hang C_FindObjects", "hang C_Finalize"});
-    EXPECT_TRUE(daemon_.WaitForOutput("does not return; its tokens are left out until it answers again")) << daemon_.Err();
+    EXPECT_TRUE(daemon_.WaitForOutput("does not return; its tokens are left out until it answers again"))
+        << daemon_.Err();
     EXPECT_TRUE(daemon_.WaitForOutput("PersonalCertDisappeared: CN=alice")) << daemon_.Err();
     daemon_.Kill(SIGTERM);
     const auto result = daemon_.Wait();
