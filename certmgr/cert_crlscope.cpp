@@ -44,6 +44,8 @@ std::string WrongKind(const CrlScope& scope, const X509Cert& cert) {
 bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Cert& cert, std::string& why_not) {
     const CrlScope& scope = crl.scope();
     std::string reason = WrongKind(scope, cert);
+    // One key may sign under several names.
+    if (reason.empty() && crl.info.issuer != cert.info.issuer) reason = "of another issuer: " + crl.info.issuer;
     if (reason.empty() && !PointFits(scope, source_uri, cert)) {
         reason = "for another distribution point";
         if (!scope.uris.empty()) reason += ": " + scope.uris.front();

@@ -207,8 +207,8 @@ class CM_API X509CRL {
 using CrlRef = std::shared_ptr<X509CRL>;
 
 /// Whether a certificate that the CRL does not list is thereby not revoked (RFC 5280, 5.2.5). `source_uri`: the address
-/// the CRL came from, empty when it came from none. False for a delta CRL, an indirect one, one for some reasons only,
-/// one with an unknown critical or unreadable extension, and one whose issuing distribution point does not cover the
+/// the CRL came from, empty when it came from none. False for a CRL that is another issuer's, a delta, indirect, for some
+/// reasons only, has an unknown critical or unreadable extension, or whose issuing distribution point does not cover the
 /// certificate; `why_not` then receives the reason. What such a CRL lists is revoked all the same.
 CM_API bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Cert& cert, std::string& why_not);
 

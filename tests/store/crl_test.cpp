@@ -219,6 +219,9 @@ TEST_F(CrlTest, ACrlClearsOnlyWhatItCovers) {
         EXPECT_EQ(why_not, c.why_not) << c.what;
         EXPECT_EQ(clears, why_not.empty()) << c.what;
     }
+    std::string why_not;
+    EXPECT_FALSE(CrlCanClear(*Crl({}, MakeCa("CN=alias")), here, *Object(plain), why_not));
+    EXPECT_EQ(why_not, "of another issuer: CN=alias");
 }
 
 // --- The store's CRLs ---
