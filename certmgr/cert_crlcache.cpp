@@ -230,28 +230,46 @@ CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
     return answer;
 }
 
+/// The cached CRL of the address, when it is current and not the one that would not do.
+CrlRef CurrentUnderLock(const CrlRequest& request) {
+    const CrlRef cached = FindUnderLock(request.address);
+    const bool current = cached != nullptr && !cached->refresh && request.now < cached->info.nextUpdate;
+    return current && cached != request.known ? cached : nullptr;
+}
+
+/// What the log says of a failure that this request need not repeat.
+std::optional<std::string> RecallUnderLock(const CrlRequest& request) {
+    auto outcome = g_failures.Recall(IssuerKey(request), request.params.retry_seconds);
+    return outcome ? outcome : g_failures.Recall(request.address, request.params.retry_seconds);
+}
+
 }  // namespace
 
 CrlAnswer ObtainCrl(const CrlRequest& request) {
     std::shared_future<CrlAnswer> others;
     std::optional<Flight> own;
-    {
-        const vpnfc::ObjectLock lock(g_crl_db_lock);
-        CrlRef cached = FindUnderLock(request.address);
-        if (cached != nullptr && cached != request.known && !cached->refresh && request.now < cached->info.nextUpdate) {
+    CrlRef refused;  // cached under the address, signed by another issuer
+    while (!own && !others.valid()) {
+        CrlRef cached;
+        {
+            const vpnfc::ObjectLock lock(g_crl_db_lock);
+            cached = CurrentUnderLock(request);
+            if (cached == nullptr || cached == refused) {
+                if (auto outcome = RecallUnderLock(request)) {
+                    return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
+                }
+                if (const auto flight = g_flights.find(request.address); flight != g_flights.end()) {
+                    others = flight->second;
+                } else {
+                    own.emplace(request);
+                }
+            }
+        }
+        if (own || others.valid()) break;
+        if (cached->CheckSignature(&request.issuer) == kSignatureRight) {
             return {.crl = std::move(cached), .received = {}, .outcome = {}};
         }
-        if (auto outcome = g_failures.Recall(IssuerKey(request), request.params.retry_seconds)) {
-            return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
-        }
-        if (auto outcome = g_failures.Recall(request.address, request.params.retry_seconds)) {
-            return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
-        }
-        if (const auto flight = g_flights.find(request.address); flight != g_flights.end()) {
-            others = flight->second;
-        } else {
-            own.emplace(request);
-        }
+        refused = std::move(cached);
     }
     if (!own) {
         ++g_crl_counters.joined;

@@ -98,19 +98,17 @@ struct ExchangeCommand {
     ExchangeOptions options;
 };
 
+void AddRequired(CLI::App& app, const char* name, std::string& value, const std::string& kind, const char* what) {
+    app.add_option(name, value, what)->required()->option_text(kind + " (required)");
+}
+
 void AddExchange(CLI::App& app, ExchangeCommand& command) {
     CLI::App* exchange =
         app.add_subcommand("exchange", "Two hosts, each a process with tokens of its own, authenticate each other");
     exchange->footer(std::string(kFaults) + kExitCodes);
-    exchange->add_option("--initiator", command.initiator_config, "Settings file of the initiator")
-        ->required()
-        ->option_text("FILE (required)");
-    exchange->add_option("--responder", command.responder_config, "Settings file of the responder")
-        ->required()
-        ->option_text("FILE (required)");
-    exchange->add_option("--rule", command.rule, "Rule to authenticate by, in both files")
-        ->required()
-        ->option_text("NAME (required)");
+    AddRequired(*exchange, "--initiator", command.initiator_config, "FILE", "Settings file of the initiator");
+    AddRequired(*exchange, "--responder", command.responder_config, "FILE", "Settings file of the responder");
+    AddRequired(*exchange, "--rule", command.rule, "NAME", "Rule to authenticate by, in both files");
     exchange->add_option("--ike", command.version, "IKE version: 1 signs a hash, 2 octets; default 2")
         ->check(CLI::IsMember({"1", "2"}))
         ->option_text("1|2");
@@ -141,16 +139,10 @@ void AddProvision(CLI::App& app, ProvisionOptions& options) {
         "A PIN file that is not there is written with a random PIN; one that is there must have mode 0600.\n"
         "Certificates and keys are PEM files.\n\n" +
         std::string(kExitCodes));
-    provision->add_option("--state", options.state, "State folder of SoftHSM2; made when absent")
-        ->required()
-        ->option_text("FOLDER (required)");
-    provision->add_option("--label", options.label, "Label of the token")->required()->option_text("TEXT (required)");
-    provision->add_option("--pin-file", options.pin_file, "PIN of the user")
-        ->required()
-        ->option_text("FILE (required)");
-    provision->add_option("--so-pin-file", options.so_pin_file, "PIN of the security officer")
-        ->required()
-        ->option_text("FILE (required)");
+    AddRequired(*provision, "--state", options.state, "FOLDER", "State folder of SoftHSM2; made when absent");
+    AddRequired(*provision, "--label", options.label, "TEXT", "Label of the token");
+    AddRequired(*provision, "--pin-file", options.pin_file, "FILE", "PIN of the user");
+    AddRequired(*provision, "--so-pin-file", options.so_pin_file, "FILE", "PIN of the security officer");
     CLI::Option* cert = provision->add_option("--cert", options.cert, "Certificate of the host")->option_text("FILE");
     provision->add_option("--key", options.key, "Its private key, not encrypted")->needs(cert)->option_text("FILE");
     provision->add_option("--other", options.others, "Further certificates")->option_text("FILE ...");

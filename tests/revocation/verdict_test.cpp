@@ -242,6 +242,18 @@ TEST_F(VerdictTest, ACachedCrlServesThoseWhoseIssuerSignedIt) {
     EXPECT_EQ(Transfers(), 2U);
 }
 
+TEST_F(VerdictTest, AnotherIssuersCrlAtALaterAddressDoesNotServe) {
+    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    for (const char* path : {"/a", "/b"}) {
+        Serve(path, test_pki::MakeCrl({}, other));
+        EXPECT_TRUE(PassesUnder(MakeCert(Spec({server_.Uri(path)}), &other), other, kStrict));
+    }
+    ServeNothing("/a");
+    const Cert leaf = Leaf({server_.Uri("/a"), server_.Uri("/b")});
+    Serve("/b", Crl(Listing(leaf)));
+    EXPECT_FALSE(Passes(leaf, kSoft));
+}
+
 // --- The store ---
 
 TEST_F(VerdictTest, TheStoreServesWhereNothingCanBeDownloaded) {

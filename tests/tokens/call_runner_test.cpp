@@ -24,6 +24,20 @@ struct Runner {
                      [this] { recovered.Signal(); }};
 };
 
+/// A call that hangs until it is released. Copies hang together, and may outlive the test.
+class HangingCall {
+  public:
+    int operator()() const {
+        released_.wait();
+        return 0;
+    }
+    void Release() { release_->set_value(); }
+
+  private:
+    std::shared_ptr<std::promise<void>> release_ = std::make_shared<std::promise<void>>();
+    std::shared_future<void> released_ = release_->get_future().share();
+};
+
 TEST(CallRunner, GivesResultsBack) {
     Runner runner;
     EXPECT_EQ(runner.calls.Run([] { return 7; }), 7);
@@ -53,13 +67,12 @@ TEST(CallRunner, LongWorkOfShortCallsIsNotAbandoned) {
 
 TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
     Runner runner;
-    auto release = std::make_shared<std::promise<void>>();
-    std::shared_future<void> released = release->get_future().share();
+    HangingCall hang;
     auto owned = std::make_shared<int>(5);
     const std::weak_ptr<int> watch = owned;
-    const auto result = runner.calls.Run([released, owned = std::move(owned)] {
+    const auto result = runner.calls.Run([hang, owned = std::move(owned)] {
         tokens::NoteModuleCall("C_Sign");
-        released.wait();
+        hang();
         return *owned;
     });
     EXPECT_FALSE(result.has_value());
@@ -68,7 +81,7 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
     EXPECT_FALSE(runner.calls.Run([] { return 1; }).has_value()) << "no more calls meanwhile";
     EXPECT_FALSE(watch.expired()) << "the call still works on what it owns";
 
-    release->set_value();
+    hang.Release();
     ASSERT_TRUE(runner.recovered.Wait());
     EXPECT_TRUE(runner.calls.Answers());
     EXPECT_TRUE(watch.expired());
@@ -92,12 +105,7 @@ TEST(CallRunner, EndlessWorkOfShortCallsIsAbandonedAndEnds) {
 TEST(CallRunner, ProbesBringItBackButThreadsDoNotPileUp) {
     constexpr unsigned kMost = 8;
     Runner runner;
-    std::promise<void> release;
-    const std::shared_future<void> released = release.get_future().share();
-    const auto hang = [released] {
-        released.wait();
-        return 0;
-    };
+    HangingCall hang;
     std::atomic<int> posted{0};
     for (unsigned hanging = 1; hanging <= kMost; ++hanging) {
         ASSERT_FALSE(runner.calls.Run(hang).has_value());
@@ -111,7 +119,7 @@ TEST(CallRunner, ProbesBringItBackButThreadsDoNotPileUp) {
         EXPECT_EQ(runner.calls.Run([&posted] { return posted.load(); }), static_cast<int>(hanging));
     }
     EXPECT_EQ(runner.stuck.Get().size(), kMost);
-    release.set_value();
+    hang.Release();
     ASSERT_TRUE(runner.recovered.Wait(kMost)) << "the last one returned";
     EXPECT_EQ(runner.calls.Run([] { return 7; }), 7);
     EXPECT_TRUE(runner.calls.Shutdown(test_support::kWaitLimit));
@@ -120,57 +128,41 @@ TEST(CallRunner, ProbesBringItBackButThreadsDoNotPileUp) {
 
 TEST(CallRunner, AProbeThatHangsIsAnAbandonedCall) {
     Runner runner;
-    std::promise<void> release;
-    const std::shared_future<void> released = release.get_future().share();
-    const auto hang = [released] {
-        released.wait();
-        return 0;
-    };
+    HangingCall hang;
     EXPECT_FALSE(runner.calls.Run(hang).has_value());
     EXPECT_FALSE(runner.calls.Probe(hang).has_value());
     EXPECT_FALSE(runner.calls.Answers());
-    release.set_value();
+    hang.Release();
     ASSERT_TRUE(runner.recovered.Wait());
     EXPECT_TRUE(runner.calls.Answers());
     EXPECT_EQ(runner.recovered.Count(), 1U);
 }
 
 TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
-    auto release = std::make_shared<std::promise<void>>();
+    HangingCall hang;
     // Shared with the thread that is left behind.
     const auto recovered = std::make_shared<test_support::Event>();
     {
         CallRunner calls(
             kShort, [](const char*) {}, [recovered] { recovered->Signal(); });
-        const auto result = calls.Run([released = release->get_future().share()] {
-            released.wait();
-            return 0;
-        });
-        EXPECT_FALSE(result.has_value());
+        EXPECT_FALSE(calls.Run(hang).has_value());
         EXPECT_FALSE(calls.Shutdown(kShort));
         EXPECT_FALSE(calls.Run([] { return 1; }).has_value());
     }
-    release->set_value();
+    hang.Release();
     EXPECT_TRUE(recovered->Wait()) << "the call outlives its runner";
 }
 
 TEST(CallRunner, HurryCutsWaitingShort) {
     test_support::Event stuck;
-    auto release = std::make_shared<std::promise<void>>();
+    HangingCall hang;
     CallRunner calls(
         test_support::kWaitLimit, [&](const char*) { stuck.Signal(); }, [] {});
-    std::thread waiting([&] {
-        EXPECT_FALSE(calls
-                         .Run([released = release->get_future().share()] {
-                             released.wait();
-                             return 0;
-                         })
-                         .has_value());
-    });
+    std::thread waiting([&] { EXPECT_FALSE(calls.Run(hang).has_value()); });
     calls.Hurry(kShort);
     waiting.join();
     EXPECT_EQ(stuck.Count(), 1U);
-    release->set_value();
+    hang.Release();
     EXPECT_TRUE(calls.Shutdown(test_support::kWaitLimit));
 }
 
