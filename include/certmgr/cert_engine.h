@@ -1,10 +1,11 @@
-// Certificate engine: reads, describes and writes certificates and CRLs over libcrypto.
+// Certificate engine: reads, describes and writes certificates, CRLs, requests and PKCS #12 files over libcrypto.
 //
 // Handles are opaque; each is closed exactly once by its close function. Close and duplicate accept null; all other
 // functions expect a valid handle. On failure outputs are unchanged. Nothing logs. CertEngine_Init must have run;
 // between start and stop every function may be called from any thread, a handle by several threads for reading.
 //
-// Standard: RFC 5280 (5.2 and 5.3 for CRLs), PKCS #7 / RFC 2315 (certificate bundles), PKCS #8.
+// Standard: RFC 5280 (5.2 and 5.3 for CRLs), PKCS #7 / RFC 2315 (certificate bundles), PKCS #8, PKCS #10 / RFC 2986
+// (requests), PKCS #12 / RFC 7292.
 #pragma once
 
 #include <openssl/x509.h>
@@ -15,6 +16,7 @@
 
 #include "certmgr/api.h"
 #include "certmgr/records.h"
+#include "platform/tokens.h"
 
 /// How an object identifier becomes text.
 enum StringOidFormat : int {
@@ -100,6 +102,57 @@ CM_API void CertEngine_ClosePrivKeyHandle(void* key);
 /// Unencrypted PrivateKeyInfo DER; the caller wipes it.
 CM_API bool CertEngine_PrivKeyToPKCS8(void* key, std::string& der);
 
+// --- PKCS #12 ---
+
+/// A private key as it stands in a PKCS #12 file, still encrypted, with the password that opens it.
+struct PKCS12_PBE_key_iv_t : PKCS11::EncryptedPrivateKey {};
+
+/// A still-encrypted key and its certificate. The holder closes both.
+struct PBEPrivKeyHandle {
+    void* certHandle = nullptr;
+    PKCS12_PBE_key_iv_t* key = nullptr;
+};
+void CertEngine_ClosePBEPrivKey(PKCS12_PBE_key_iv_t* key);
+
+/// Results of the PKCS #12 readers.
+enum P12ReadResult : int {
+    kP12Read = 0,
+    kP12NotReadable = 1,  // not PKCS #12, or damaged
+    kP12WrongPassword = 2,
+    kP12Unsupported = 3,  // beyond the limits, protected in a way that is not known, or not this reader's kind of file
+};
+
+/// Reads a file with one private key that libcrypto understands: the key in the clear, its certificate, and the other
+/// certificates in the order of the file, appended. Fails for any other file.
+P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password, void*& cert,
+                                         void*& key, std::vector<void*>& certs);
+/// Reads a file with any number of keys, which stay encrypted: each with its certificate, and the remaining
+/// certificates, appended. Keys without a certificate are left out.
+P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
+                                             std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs);
+/// Writes certificates, and the private key of the first one (PrivateKeyInfo DER; empty: none), encrypted with AES-256
+/// under the password (UTF-8; null is the empty one). 1 success, 3 failure. Null handles are left out.
+int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8, const char* password,
+                                   std::string& out);
+
+// --- Requests ---
+
+/// Builds the body of a request: subject, key usage, extended key usage and alternative names. Null when one of them is
+/// not understood or the subject is empty.
+void* CertEngine_CreateCertReqHandle(const CertRequestInfo& info);
+void CertEngine_CloseCertReqHandle(void* request);
+/// Replaces the public key by a SubjectPublicKeyInfo. True when it decodes.
+bool CertEngine_CertReqSetPubKey(void* request, unsigned char* spki, unsigned int length);
+/// Always true; an algorithm without identifier shows when the request is written.
+bool CertEngine_CertReqSetSignature(void* request, pki_alg_t keyAlg, pki_alg_t hashAlg, unsigned char* signature,
+                                    unsigned int length);
+/// To-be-signed part, DER.
+bool CertEngine_CertReqInfoToRaw(void* request, std::string& der);
+bool CertEngine_CertReqToPem(void* request, std::string& pem);
+/// Describes a request, PEM or DER, of at most kMaxCertificateBytes; `spki` receives its public key. 0 read, 1 not a
+/// request.
+int CertEngine_ReadP10CertReqInfo(const void* data, unsigned int length, CertRequestInfo& info, std::string& spki);
+
 // --- CRLs ---
 
 /// Reads the CRL at the beginning of the bytes, of which the handle keeps a copy; null when there is none. Stricter than
@@ -128,6 +181,8 @@ CM_API void* CertEngine_ReadPEMCRLData(const std::string& text);
 inline constexpr unsigned kMaxCertificateBytes = 1U << 20;
 /// Largest PKCS #7 bundle or text of a certificate that is decoded.
 inline constexpr unsigned kMaxBundleBytes = 64U << 20;
+/// Largest PKCS #12 file that is read: in memory it takes many times its size.
+inline constexpr unsigned kMaxPkcs12Bytes = 8U << 20;
 /// Largest CRL that is read: some eight million entries, which take a third of its size beside the bytes.
 inline constexpr unsigned kMaxCrlBytes = 256U << 20;
 /// Largest text of a CRL: base64 makes four bytes of three, and line ends come on top.

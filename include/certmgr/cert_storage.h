@@ -88,6 +88,26 @@ enum ReloadBits : std::uint32_t {
     kStoreStopped = 8,
 };
 
+/// Results of CertStorage::ExportCertificate.
+enum CertExportResult : std::uint32_t {
+    ExportCertOk = 1,
+    ExportCertNotFound = 2,
+    ExportCertError = 3,
+    ExportCertUnknownFormat = 4,
+    ExportCertErrorPrivKey = 5,  // the token does not let the key out
+    ExportCertErrorLogin = 6,
+};
+
+/// Results of CertStorage::ImportCRL.
+enum CrlImportResult : std::uint32_t {
+    ImportCrlOk = 0,
+    ImportCrlError = 2,
+    ImportCrlErrorLogin = 3,
+};
+
+/// "ImportCertOk" and its kin, by value; "ImportCertErrorUnknown" for any other value.
+const char* CertImportStatusText(std::uint32_t status);
+
 class CertIndex;
 struct TokenObjectKey;
 
@@ -157,6 +177,33 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     void ClearAll();
     /// Adds a CRL unless one with the same DER is stored. Takes it over either way.
     void PutCRLToDB(CrlRef crl);
+
+    // Changes write to a token and reload what they changed; the lists are never changed directly. The caller holds no
+    // lock. `pin` may be null.
+
+    /// The certificate in the lists other, trusted, personal and key pairs, tried in this order; none: empty.
+    MutableCertRef FindCertificate(const PKCS11::TokenInfo& token, const CertInfo& info) const;
+    /// A new identifier of a token object: 8 bytes, unique in this process.
+    static void GenNewCertObjectId(std::string& id);
+
+    /// Writes a certificate of a file, with its private key if it carries one (`exportable`: it may leave the token
+    /// again). For a trusted import the PIN is the security officer's. ImportCertWarningTrustedNotCA: it was written, but
+    /// is no CA's; the store shows it after the next reload.
+    CertImportStatus ImportCertificate(const PKCS11::TokenInfo& token, const X509Cert& cert, CertImportMode mode,
+                                       bool exportable, const std::string* pin);
+    /// `password` (null: empty) encrypts PKCS #12. The chain goes into PKCS #7 and PKCS #12 alone, the private key into
+    /// PKCS #12. `out` is unchanged on failure.
+    CertExportResult ExportCertificate(const PKCS11::TokenInfo& token, const CertInfo& info, CertExportFormat format,
+                                       const char* password, bool with_chain, bool with_private_key, std::string& out);
+    /// Deletes a certificate and its key pair; the log says what went.
+    void DeleteCertificate(const PKCS11::TokenInfo& token, const CertInfo& info);
+
+    CrlImportResult ImportCRL(const PKCS11::TokenInfo& token, const X509CRL& crl);
+    void DeleteCRL(const PKCS11::TokenInfo& token, const CRLInfo& info);
+
+    /// False when the token refuses it: a name in use, say.
+    bool CreatePresharedKey(const PKCS11::TokenInfo& token, const PresharedKeyInfo& info, const std::string& value);
+    void DeletePresharedKey(const PKCS11::TokenInfo& token, const PresharedKeyInfo& info);
 
     // The lists, guarded by this object's read-write lock.
     X509CertsDB personalCerts;

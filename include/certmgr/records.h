@@ -153,3 +153,48 @@ enum KeyUsageBit : std::uint8_t {
 struct PresharedKeyInfo {
     std::string name;
 };
+
+/// What a certificate request asks for, or what an existing one says. Empty strings: none.
+///
+/// On the management bridge `keyGenFlag` travels after the six strings that follow it.
+struct CertRequestInfo {
+    pki_alg_t keyAlg = 0;  // of the key pair
+    std::uint32_t keyBits = 0;
+    pki_alg_t hashAlg = 0;  // of the request's signature
+    bool keyGenFlag = false;  // the private key may leave the token
+    std::string subject;  // printable name; required
+    std::string ipAddress;  // alternative names, as text
+    std::string email;
+    std::string dnsName;
+    std::string upn;
+    std::string extKeyUsage;  // names or dotted identifiers, separated by commas; dotted when read
+    std::string randomSeed;  // for the token's random generator
+};
+
+/// A kind of key pair that a token makes, and what may sign the request for it.
+struct CertRequestKeyInfo {
+    pki_alg_t keyAlg = 0;
+    std::vector<std::uint32_t> keySizes;  // bits
+    std::vector<pki_alg_t> hashAlgs;
+};
+
+/// As what a certificate is imported. Any other value is kImportOther, too.
+enum CertImportMode : std::uint32_t {
+    kImportTrusted = 1,
+    kImportPersonal = 2,
+    kImportOther = 3,
+};
+
+enum CertExportFormat : std::uint32_t {
+    kExportDer = 0,
+    kExportPem = 1,
+    kExportPkcs7 = 2,
+    kExportPkcs12 = 3,
+};
+
+/// Where a certificate of a file may be imported to.
+struct CertImportOption {
+    CertInfo info;
+    std::uint32_t mode = kImportOther;  // CertImportMode that goes with the proposed tokens
+    std::vector<std::uint32_t> tokens;  // positions in the list of tokens that was asked about
+};

@@ -63,6 +63,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
   public:
     /// Takes over both handles (the private key may be null).
     X509Cert(void* cert_handle, void* priv_key_handle);
+    /// Takes over the certificate and the encrypted key.
+    explicit X509Cert(const PBEPrivKeyHandle& handle);
     /// From a token object. An object that does not parse becomes a key-pair entry.
     X509Cert(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
 
