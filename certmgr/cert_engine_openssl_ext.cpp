@@ -487,17 +487,21 @@ void ForEachExtension(const X509* cert, Visit visit) {
     for (int i = 0; i < X509_get_ext_count(cert); ++i) visit(X509_get_ext(cert, i));
 }
 
-// One that is only shown, or not known, decides nothing unless it is critical: then it must be understood.
+// An extension that could not be read, or is not known: a critical one must be understood.
+void NoteUnknown(X509_EXTENSION* extension, CertFacts& facts) {
+    if (X509_EXTENSION_get_critical(extension) == 0 || !facts.firstUnknownCritical.empty()) return;
+    facts.firstUnknownCritical = UnknownName(extension);
+}
+
+// One that is only shown, or not known, decides nothing unless it is critical.
 void ReadFacts(const X509* cert, CertFacts& facts) {
     CertNames names;
     const Sinks sinks{facts, names, nullptr};
     ForEachExtension(cert, [&](X509_EXTENSION* extension) {
         const KnownExtension* const known = FindKnown(extension);
-        const bool critical = X509_EXTENSION_get_critical(extension) != 0;
-        if (!critical && (known == nullptr || known->use != Use::kFacts)) return;
-        const bool read = known != nullptr && known->read(extension, sinks);
-        if (!read && critical && facts.firstUnknownCritical.empty())
-            facts.firstUnknownCritical = UnknownName(extension);
+        const bool decides = known != nullptr && known->use == Use::kFacts;
+        if (!decides && X509_EXTENSION_get_critical(extension) == 0) return;
+        if (known == nullptr || !known->read(extension, sinks)) NoteUnknown(extension, facts);
     });
 }
 
@@ -511,12 +515,13 @@ void ReadNames(const X509* cert, CertNames& names) {
 }
 
 void ReadAll(const X509* cert, CertExtentions& out) {
-    ReadFacts(cert, out);
     const Sinks sinks{out, out, &out};
     std::size_t printable_bytes = kMaxPrintedValueBytes;
     ForEachExtension(cert, [&](X509_EXTENSION* extension) {
         const KnownExtension* const known = FindKnown(extension);
-        if (known == nullptr || !known->read(extension, sinks)) AddUnknown(extension, out, printable_bytes);
+        if (known != nullptr && known->read(extension, sinks)) return;
+        NoteUnknown(extension, out);
+        AddUnknown(extension, out, printable_bytes);
     });
 }
 
