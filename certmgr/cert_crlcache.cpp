@@ -381,21 +381,15 @@ std::string& log_content_type_(std::string& text, const std::string& content_typ
 
 std::string& log_data_(std::string& text, const std::string& data) {
     constexpr std::size_t kEnds = 6;
-    const auto append_hex = [&text](std::string_view bytes) {
-        for (const unsigned char byte : bytes) {
-            text.push_back("0123456789ABCDEF"[byte >> 4U]);
-            text.push_back("0123456789ABCDEF"[byte & 0xFU]);
-        }
-    };
     text.append(", data[").append(std::to_string(data.size())).append("]: ");
     const std::string_view bytes = data;
     if (bytes.size() < 2 * kEnds) {
-        append_hex(bytes);
+        cert_engine::UpperHex(bytes, text);
         return text;
     }
-    append_hex(bytes.substr(0, kEnds));
+    cert_engine::UpperHex(bytes.substr(0, kEnds), text);
     text.append("...");
-    append_hex(bytes.substr(bytes.size() - kEnds));
+    cert_engine::UpperHex(bytes.substr(bytes.size() - kEnds), text);
     return text;
 }
 

@@ -195,21 +195,28 @@ cert_time64_t PackedTime(int type, std::string_view content) {
     return CertTimeFromTm(tm);
 }
 
+void UpperHex(std::string_view bytes, std::string& appended) {
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    for (const unsigned char byte : bytes) {
+        appended += kDigits[byte >> 4U];
+        appended += kDigits[byte & 0xFU];
+    }
+}
+
 // The text of i2a_ASN1_INTEGER, long numbers broken as it breaks them. CRLs have a million numbers: no stream.
 std::string NumberText(bool negative, std::string_view magnitude) {
     constexpr std::size_t kBytesInLine = 35;
     constexpr std::string_view kLineBreak = "\\\n";
-    constexpr std::string_view kDigits = "0123456789ABCDEF";
     std::string text;
     text.reserve(2 * magnitude.size() + 2);
     if (negative) text += '-';
     if (magnitude.empty()) text += "00";
-    for (std::size_t i = 0; i < magnitude.size(); ++i) {
-        if (i != 0 && i % kBytesInLine == 0) text += kLineBreak;
-        const auto byte = static_cast<unsigned char>(magnitude[i]);
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
+    while (magnitude.size() > kBytesInLine) {
+        UpperHex(magnitude.substr(0, kBytesInLine), text);
+        text += kLineBreak;
+        magnitude.remove_prefix(kBytesInLine);
     }
+    UpperHex(magnitude, text);
     return text;
 }
 
