@@ -1,0 +1,65 @@
+// The engine interface is deprecated in libcrypto 3, and the only one there is for these algorithms.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "tokens/gost/engine.h"
+
+#include <openssl/crypto.h>
+#include <openssl/engine.h>
+#include <openssl/obj_mac.h>
+
+#include "tokens/gost/failure.h"
+
+namespace gost_token {
+namespace {
+
+/// The process may have made the engine its default.
+bool IsRegistered() {
+    ENGINE* const found = ENGINE_get_pkey_asn1_meth_engine(NID_id_GostR3410_2001);
+    if (found != nullptr) ENGINE_finish(found);
+    return found != nullptr;
+}
+
+int Nid(HashAlg alg) {
+    switch (alg) {
+        case HashAlg::k94:
+            return NID_id_GostR3411_94;
+        case HashAlg::k2012_256:
+            return NID_id_GostR3411_2012_256;
+        default:
+            return NID_id_GostR3411_2012_512;
+    }
+}
+
+}  // namespace
+
+Engine::Engine() {
+    OPENSSL_init_crypto(OPENSSL_INIT_ENGINE_DYNAMIC, nullptr);
+    const Owner<ENGINE, ENGINE_free> found(ENGINE_by_id("gost"));
+    Require(found != nullptr && ENGINE_init(found.get()) == 1, CKR_DEVICE_ERROR);
+    engine_ = found.get();
+    registered_ = !IsRegistered() && ENGINE_register_pkey_asn1_meths(engine_) == 1;
+}
+
+Engine::~Engine() {
+    if (registered_) ENGINE_unregister_pkey_asn1_meths(engine_);
+    ENGINE_finish(engine_);
+}
+
+Hash::Hash(const Engine& engine, HashAlg alg) : context_(EVP_MD_CTX_new()) {
+    const EVP_MD* const digest = ENGINE_get_digest(engine.get(), Nid(alg));
+    Require(digest != nullptr && EVP_DigestInit_ex(context_.get(), digest, engine.get()) == 1, CKR_DEVICE_ERROR);
+}
+
+void Hash::Update(std::string_view data) {
+    Require(EVP_DigestUpdate(context_.get(), data.data(), data.size()) == 1, CKR_DEVICE_ERROR);
+}
+
+std::string Hash::Finish() {
+    std::string digest(EVP_MAX_MD_SIZE, '\0');
+    unsigned length = 0;
+    Require(EVP_DigestFinal_ex(context_.get(), Data(digest), &length) == 1, CKR_DEVICE_ERROR);
+    digest.resize(length);
+    return digest;
+}
+
+}  // namespace gost_token

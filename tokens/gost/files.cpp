@@ -1,0 +1,147 @@
+#include "tokens/gost/files.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "tokens/gost/failure.h"
+#include "tokens/gost/sealing.h"
+
+namespace gost_token {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kTemporaryPrefix = ".new-";
+constexpr std::time_t kLeftoverSeconds = 3600;
+constexpr std::size_t kNameBytes = 8;
+constexpr mode_t kFileMode = 0600;
+constexpr mode_t kFolderMode = 0700;
+
+class Descriptor {
+  public:
+    Descriptor(const fs::path& path, int flags, mode_t mode = 0) : fd_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
+    ~Descriptor() { Close(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
+
+  private:
+    int fd_;
+};
+
+bool WriteAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(fd, content.data(), content.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return false;
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+[[noreturn]] void FailToWrite(const fs::path& temporary) {
+    const bool full = errno == ENOSPC || errno == EDQUOT;
+    unlink(temporary.c_str());
+    Fail(full ? CKR_DEVICE_MEMORY : CKR_DEVICE_ERROR);
+}
+
+/// Makes the names in a folder last.
+void SyncFolder(const fs::path& folder) {
+    const Descriptor descriptor(folder, O_RDONLY | O_DIRECTORY);
+    if (descriptor) fsync(descriptor.get());
+}
+
+}  // namespace
+
+std::optional<Stamp> StampOf(const fs::path& path) {
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) return std::nullopt;
+    return Stamp{status.st_dev, status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_size};
+}
+
+std::optional<std::string> ReadFile(const fs::path& path, std::size_t max_bytes) {
+    const Descriptor file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    if (static_cast<std::size_t>(status.st_size) > max_bytes) return std::nullopt;
+    std::string content(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t done = 0;
+    while (done < content.size()) {
+        const ssize_t got = read(file.get(), content.data() + done, content.size() - done);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return std::nullopt;
+        done += static_cast<std::size_t>(got);
+    }
+    return content;
+}
+
+void WriteFile(const fs::path& path, std::string_view content) {
+    const fs::path temporary = TemporaryName(path.parent_path());
+    Descriptor file(temporary, O_WRONLY | O_CREAT | O_EXCL, kFileMode);
+    if (!file || !WriteAll(file.get(), content) || fsync(file.get()) != 0 || !file.Close() ||
+        rename(temporary.c_str(), path.c_str()) != 0) {
+        FailToWrite(temporary);
+    }
+    SyncFolder(path.parent_path());
+}
+
+bool MakePrivateFolder(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder.parent_path(), error);
+    if (error || (mkdir(folder.c_str(), kFolderMode) != 0 && errno != EEXIST)) return false;
+    struct stat status {};
+    return stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
+           (status.st_mode & 077) == 0;
+}
+
+void PutFolder(const fs::path& folder, const fs::path& place) {
+    SyncFolder(folder);
+    const bool exists = StampOf(place).has_value();
+    const unsigned flags = exists ? RENAME_EXCHANGE : RENAME_NOREPLACE;
+    Require(renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, place.c_str(), flags) == 0, CKR_DEVICE_ERROR);
+    SyncFolder(place.parent_path());
+}
+
+fs::path TemporaryName(const fs::path& folder) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string name(kTemporaryPrefix);
+    for (const char byte : RandomBytes(kNameBytes)) {
+        name.push_back(kDigits[static_cast<unsigned char>(byte) >> 4]);
+        name.push_back(kDigits[static_cast<unsigned char>(byte) & 0xF]);
+    }
+    return folder / name;
+}
+
+void RemoveLeftovers(const fs::path& folder) {
+    const std::time_t now = time(nullptr);
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
+        const auto stamp = StampOf(entry.path());
+        const bool leftover = entry.path().filename().string().starts_with(kTemporaryPrefix);
+        if (leftover && stamp && stamp->seconds < now - kLeftoverSeconds) fs::remove_all(entry.path(), error);
+    }
+}
+
+FolderLock::FolderLock(const fs::path& folder) : fd_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0) {
+        if (errno == EINTR) continue;
+        close(fd_);
+        Fail(CKR_DEVICE_ERROR);
+    }
+    Require(fd_ >= 0, CKR_DEVICE_ERROR);
+}
+
+FolderLock::~FolderLock() {
+    close(fd_);
+}
+
+}  // namespace gost_token

@@ -1,0 +1,253 @@
+#include "tokens/gost/token.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace gost_token {
+namespace {
+
+namespace fs = std::filesystem;
+using vpnfc::SecretString;
+using Lock = std::lock_guard<std::mutex>;
+
+constexpr std::size_t kMaxTokenFileBytes = 64U << 10;
+constexpr std::string_view kManufacturer = "certmgr";
+constexpr std::string_view kModel = "GOST in software";
+
+template <std::size_t Size>
+void Fill(unsigned char (&field)[Size], std::string_view text) {
+    std::memset(field, ' ', Size);
+    std::memcpy(field, text.data(), std::min(Size, text.size()));
+}
+
+}  // namespace
+
+Token::Token(fs::path folder, CK_SLOT_ID slot) : folder_(std::move(folder)), slot_(slot), objects_(folder_) {}
+
+void Token::RefreshLocked() {
+    const std::optional<Stamp> now = StampOf(FilePath());
+    if (now != looked_at_) {
+        const std::optional<std::string> content = ReadFile(FilePath(), kMaxTokenFileBytes);
+        file_ = content ? TokenFile::Decode(*content) : std::nullopt;
+        looked_at_ = now;
+        const std::string serial = file_ ? file_->serial() : std::string();
+        if (serial != access_.serial) {
+            ForgetLoginLocked();
+            objects_.Clear();
+            access_.serial = serial;
+            sessions_ = read_only_sessions_ = 0;
+        }
+    }
+}
+
+const TokenFile& Token::FileLocked() {
+    RefreshLocked();
+    Require(looked_at_.has_value(), CKR_TOKEN_NOT_PRESENT);
+    Require(file_.has_value(), CKR_TOKEN_NOT_RECOGNIZED);
+    return *file_;
+}
+
+TokenFile Token::Snapshot() {
+    const Lock lock(mutex_);
+    return FileLocked();
+}
+
+bool Token::IsInitialized() {
+    const Lock lock(mutex_);
+    RefreshLocked();
+    return looked_at_.has_value();
+}
+
+void Token::Describe(CK_TOKEN_INFO& info) {
+    const Lock lock(mutex_);
+    RefreshLocked();
+    info = {};
+    Require(!looked_at_ || file_.has_value(), CKR_TOKEN_NOT_RECOGNIZED);
+    Fill(info.label, file_ ? file_->label() : "");
+    Fill(info.manufacturerID, kManufacturer);
+    Fill(info.model, kModel);
+    Fill(info.serialNumber, file_ ? file_->serial() : "");
+    Fill(info.utcTime, "");
+    info.flags = CKF_RNG | CKF_LOGIN_REQUIRED;
+    if (file_) info.flags |= CKF_TOKEN_INITIALIZED;
+    if (file_ && file_->HasUserPin()) info.flags |= CKF_USER_PIN_INITIALIZED;
+    info.ulMaxSessionCount = info.ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;
+    info.ulSessionCount = sessions_;
+    info.ulRwSessionCount = sessions_ - read_only_sessions_;
+    info.ulMinPinLen = kMinPinBytes;
+    info.ulMaxPinLen = kMaxPinBytes;
+    info.ulTotalPublicMemory = info.ulFreePublicMemory = CK_UNAVAILABLE_INFORMATION;
+    info.ulTotalPrivateMemory = info.ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
+}
+
+void Token::Initialize(std::string_view officer_pin, std::string_view label) {
+    if (IsInitialized()) {
+        const TokenFile before = Snapshot();
+        SecretString key;
+        Require(before.Unlock(Role::kOfficer, officer_pin, key), CKR_PIN_INCORRECT);
+    }
+    const TokenFile file = TokenFile::New(label, officer_pin);
+    const fs::path fresh = TemporaryName(folder_.parent_path());
+    Require(MakePrivateFolder(fresh), CKR_DEVICE_ERROR);
+    WriteFile(fresh / "token", file.Encode());
+    PutFolder(fresh, folder_);
+    std::error_code ignored;
+    fs::remove_all(fresh, ignored);  // what was there before
+    const Lock lock(mutex_);
+    RefreshLocked();
+}
+
+void Token::Login(Role role, std::string_view pin) {
+    {
+        const Lock lock(mutex_);
+        FileLocked();
+        Require(role_ != role, CKR_USER_ALREADY_LOGGED_IN);
+        Require(role_ == Role::kNobody, CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+        Require(role == Role::kUser || read_only_sessions_ == 0, CKR_SESSION_READ_ONLY_EXISTS);
+    }
+    const TokenFile file = Snapshot();
+    SecretString key;
+    Require(role == Role::kOfficer || file.HasUserPin(), CKR_USER_PIN_NOT_INITIALIZED);
+    Require(file.Unlock(role, pin, key), CKR_PIN_INCORRECT);
+    RemoveLeftovers(folder_);
+    const Lock lock(mutex_);
+    // Another thread may have logged in, another process may have made a new token.
+    Require(FileLocked().serial() == file.serial(), CKR_DEVICE_REMOVED);
+    Require(role_ == Role::kNobody, CKR_USER_ALREADY_LOGGED_IN);
+    role_ = role;
+    access_.key = std::move(key);
+    objects_.ForgetPrivate();
+}
+
+void Token::ForgetLoginLocked() {
+    role_ = Role::kNobody;
+    access_.key = SecretString();
+    objects_.ForgetPrivate();
+}
+
+void Token::Logout() {
+    const Lock lock(mutex_);
+    Require(role_ != Role::kNobody, CKR_USER_NOT_LOGGED_IN);
+    ForgetLoginLocked();
+}
+
+Role Token::role() {
+    const Lock lock(mutex_);
+    return role_;
+}
+
+/// Another process may change the other PIN at the same time.
+void Token::Rewrite(Role role, std::string_view pin, const SecretString& key) {
+    const FolderLock folder_lock(folder_);
+    TokenFile file = Snapshot();
+    file.SetPin(role, pin, key);
+    WriteFile(FilePath(), file.Encode());
+}
+
+void Token::InitUserPin(std::string_view pin) {
+    SecretString key;
+    {
+        const Lock lock(mutex_);
+        FileLocked();
+        Require(role_ == Role::kOfficer, CKR_USER_NOT_LOGGED_IN);
+        key = SecretString(std::string_view(access_.key.get()));
+    }
+    Rewrite(Role::kUser, pin, key);
+}
+
+void Token::ChangePin(std::string_view old_pin, std::string_view new_pin) {
+    const Role who = role() == Role::kOfficer ? Role::kOfficer : Role::kUser;
+    const TokenFile file = Snapshot();
+    Require(who == Role::kOfficer || file.HasUserPin(), CKR_USER_PIN_NOT_INITIALIZED);
+    SecretString key;
+    Require(file.Unlock(who, old_pin, key), CKR_PIN_INCORRECT);
+    Rewrite(who, new_pin, key);
+}
+
+std::string Token::OpenSession(const SessionView& session) {
+    const Lock lock(mutex_);
+    const std::string serial = FileLocked().serial();
+    Require(session.read_write || role_ != Role::kOfficer, CKR_SESSION_READ_WRITE_SO_EXISTS);
+    ++sessions_;
+    if (!session.read_write) ++read_only_sessions_;
+    return serial;
+}
+
+void Token::CloseSession(const SessionView& session) {
+    const Lock lock(mutex_);
+    objects_.DropSession(session.handle);
+    if (sessions_ > 0) --sessions_;
+    if (!session.read_write && read_only_sessions_ > 0) --read_only_sessions_;
+    // The last session takes the login with it.
+    if (sessions_ == 0) ForgetLoginLocked();
+}
+
+bool Token::IsStill(const std::string& serial) {
+    const Lock lock(mutex_);
+    RefreshLocked();
+    return file_ && file_->serial() == serial;
+}
+
+void Token::RequireWritableLocked(const Attributes& object, const SessionView& session) const {
+    Require(!object.Flag(CKA_PRIVATE) || role_ == Role::kUser, CKR_USER_NOT_LOGGED_IN);
+    Require(!object.Flag(CKA_TOKEN) || session.read_write, CKR_SESSION_READ_ONLY);
+}
+
+ObjectPtr Token::VisibleLocked(CK_OBJECT_HANDLE handle) {
+    ObjectPtr object = objects_.Look(handle, access_);
+    const bool visible = object != nullptr && (role_ == Role::kUser || !object->Flag(CKA_PRIVATE));
+    Require(visible, CKR_OBJECT_HANDLE_INVALID);
+    return object;
+}
+
+CK_OBJECT_HANDLE Token::Create(Attributes object, const SessionView& session) {
+    const Lock lock(mutex_);
+    FileLocked();
+    RequireWritableLocked(object, session);
+    return object.Flag(CKA_TOKEN) ? objects_.Add(std::move(object), access_)
+                                  : objects_.AddToSession(std::move(object), session.handle);
+}
+
+void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session) {
+    const Lock lock(mutex_);
+    FileLocked();
+    const ObjectPtr object = VisibleLocked(handle);
+    RequireWritableLocked(*object, session);
+    objects_.Replace(handle, Changed(*object, changes, role_), access_);
+}
+
+void Token::Destroy(CK_OBJECT_HANDLE handle, const SessionView& session) {
+    const Lock lock(mutex_);
+    FileLocked();
+    RequireWritableLocked(*VisibleLocked(handle), session);
+    objects_.Remove(handle);
+}
+
+ObjectPtr Token::Find(CK_OBJECT_HANDLE handle) {
+    const Lock lock(mutex_);
+    FileLocked();
+    return VisibleLocked(handle);
+}
+
+ObjectPtr Token::FindKey(CK_OBJECT_HANDLE handle) {
+    try {
+        return Find(handle);
+    } catch (const Failure& failure) {
+        Fail(failure.rv() == CKR_OBJECT_HANDLE_INVALID ? CKR_KEY_HANDLE_INVALID : failure.rv());
+    }
+}
+
+std::vector<CK_OBJECT_HANDLE> Token::FindAll(const Template& wanted) {
+    const Lock lock(mutex_);
+    FileLocked();
+    objects_.Refresh(access_);
+    std::vector<CK_OBJECT_HANDLE> found;
+    for (const CK_OBJECT_HANDLE handle : objects_.Handles()) {
+        const ObjectPtr object = objects_.Find(handle);
+        const bool visible = role_ == Role::kUser || !object->Flag(CKA_PRIVATE);
+        if (visible && object->Matches(wanted.attributes, wanted.count)) found.push_back(handle);
+    }
+    return found;
+}
+
+}  // namespace gost_token

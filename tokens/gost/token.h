@@ -1,0 +1,86 @@
+// A token: a folder of the state directory, and who is logged in on it in this process. A slot that has none yet is one
+// whose folder does not exist.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tokens/gost/object_store.h"
+#include "tokens/gost/token_file.h"
+
+namespace gost_token {
+
+/// What a session is to its token.
+struct SessionView {
+    CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+    bool read_write = false;
+};
+
+/// May be used from several threads. Its mutex is held while files of its folder are read and written, so that all
+/// sessions see the same objects, and not while a PIN is tried.
+class Token {
+  public:
+    Token(std::filesystem::path folder, CK_SLOT_ID slot);
+
+    CK_SLOT_ID slot() const { return slot_; }
+    bool IsInitialized();
+    void Describe(CK_TOKEN_INFO& info);
+
+    /// Erases what is there, if the PIN is the security officer's; a new token takes it as that.
+    void Initialize(std::string_view officer_pin, std::string_view label);
+    void Login(Role role, std::string_view pin);
+    void Logout();
+    /// By the security officer: gives the user a PIN.
+    void InitUserPin(std::string_view pin);
+    /// Of who is logged in, the user's if nobody is.
+    void ChangePin(std::string_view old_pin, std::string_view new_pin);
+    Role role();
+
+    /// A number that a later token in the same slot does not have.
+    std::string OpenSession(const SessionView& session);
+    void CloseSession(const SessionView& session);
+    /// Whether the token of that number is still there.
+    bool IsStill(const std::string& serial);
+
+    CK_OBJECT_HANDLE Create(Attributes object, const SessionView& session);
+    void Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session);
+    void Destroy(CK_OBJECT_HANDLE handle, const SessionView& session);
+    /// Fails with CKR_OBJECT_HANDLE_INVALID for one that the caller may not see.
+    ObjectPtr Find(CK_OBJECT_HANDLE handle);
+    /// Likewise, with CKR_KEY_HANDLE_INVALID.
+    ObjectPtr FindKey(CK_OBJECT_HANDLE handle);
+    std::vector<CK_OBJECT_HANDLE> FindAll(const Template& wanted);
+
+  private:
+    // With mutex_ held.
+    void RefreshLocked();
+    const TokenFile& FileLocked();
+    void ForgetLoginLocked();
+    void RequireWritableLocked(const Attributes& object, const SessionView& session) const;
+    ObjectPtr VisibleLocked(CK_OBJECT_HANDLE handle);
+
+    TokenFile Snapshot();
+    void Rewrite(Role role, std::string_view pin, const vpnfc::SecretString& key);
+    std::filesystem::path FilePath() const { return folder_ / "token"; }
+
+    const std::filesystem::path folder_;
+    const CK_SLOT_ID slot_;
+
+    std::mutex mutex_;
+    // Guarded by mutex_.
+    std::optional<TokenFile> file_;
+    std::optional<Stamp> looked_at_;
+    Role role_ = Role::kNobody;
+    Access access_;
+    ObjectStore objects_;
+    unsigned long sessions_ = 0;
+    unsigned long read_only_sessions_ = 0;
+};
+
+using TokenPtr = std::shared_ptr<Token>;
+
+}  // namespace gost_token
