@@ -81,11 +81,11 @@ void AddSide(CLI::App& app, SideCommand& command) {
     side->add_option("--role", command.side.initiator)->required()->transform(CLI::CheckedTransformer(kRoles));
     side->add_option("--ike", command.side.version)->transform(CLI::CheckedTransformer(kVersions));
     side->add_option("--payload", command.side.form)->transform(CLI::CheckedTransformer(kForms));
-    side->add_flag("--careless", command.side.careless);
-    side->add_flag("--leaf-only", command.side.leaf_only);
-    side->add_flag("--damage-signature", command.side.damage_signature);
-    side->add_option("--announce-fqdn", command.side.announce_fqdn);
-    side->add_option("--before-signing", command.side.before_signing);
+    side->add_flag("--careless", command.side.faults.careless);
+    side->add_flag("--leaf-only", command.side.faults.leaf_only);
+    side->add_flag("--damage-signature", command.side.faults.damage_signature);
+    side->add_option("--announce-fqdn", command.side.faults.announce_fqdn);
+    side->add_option("--before-signing", command.side.faults.before_signing);
 }
 
 struct ExchangeCommand {

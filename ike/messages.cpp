@@ -53,8 +53,8 @@ std::string IdentityPayload(const SignedInput& input) {
 std::string Hello::Encode() const {
     std::string message;
     CommandStreamOut out(message);
-    out.fields(nonce, static_cast<std::uint32_t>(request_format));
-    WriteList(out, requests);
+    out.fields(nonce, static_cast<std::uint32_t>(requests.format));
+    WriteList(out, requests.authorities);
     return message;
 }
 
@@ -62,8 +62,8 @@ bool Hello::Decode(const std::string& message) {
     return ReadAll(message, [this](CommandStreamIn& in) {
         std::uint32_t format = 0;
         in.fields(nonce, format);
-        request_format = static_cast<CM::CertDataFormat>(format);
-        ReadList(in, requests);
+        requests.format = static_cast<CM::CertDataFormat>(format);
+        ReadList(in, requests.authorities);
     });
 }
 

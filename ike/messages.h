@@ -6,22 +6,18 @@
 #include <string>
 #include <vector>
 
-#include "certmgr/ike.h"
+#include "ike/credentials.h"
 
 namespace ikeauth {
 
 enum class IkeVersion : std::uint32_t { kIke1 = 1, kIke2 = 2 };
-
-/// Form of the certificate payloads.
-enum class PayloadForm : std::uint32_t { kX509 = 4, kPkcs7 = 1 };
 
 /// Most certificate requests and certificate payloads that a message may carry.
 inline constexpr std::uint32_t kMaxListEntries = 4096;
 
 struct Hello {
     std::string nonce;
-    CM::CertDataFormat request_format = CM::kSubjectNameDer;
-    std::vector<std::string> requests;
+    CertRequests requests;
 
     std::string Encode() const;
     bool Decode(const std::string& message);

@@ -1,0 +1,137 @@
+#include "ike/wire/message.h"
+
+#include <algorithm>
+
+#include "ike/wire/bytes.h"
+#include "ike/wire/payloads.h"
+
+namespace ikeauth {
+namespace {
+
+constexpr std::uint8_t kCriticalBit = 0x80;
+
+bool IsEncrypted(std::uint8_t type) {
+    return type == kPayloadSk || type == kPayloadSkf;
+}
+
+bool IsKnown(std::uint8_t type) {
+    return (type >= kPayloadSa && type <= kPayloadEap) || type == kPayloadSkf;
+}
+
+bool Fail(std::string& error, std::string text) {
+    error = std::move(text);
+    return false;
+}
+
+/// Reads one payload; `type` becomes the next one's.
+bool ParsePayload(ByteReader& reader, std::uint8_t& type, Payload& payload, std::string& error) {
+    std::uint8_t flags = 0;
+    std::uint16_t length = 0;
+    std::string_view body;
+    payload.type = type;
+    if (!reader.Read(payload.next) || !reader.Read(flags) || !reader.Read(length)) {
+        return Fail(error, "the header of payload " + std::to_string(type) + " is cut off");
+    }
+    if (length < kPayloadHeaderBytes || !reader.Read(length - kPayloadHeaderBytes, body)) {
+        return Fail(error,
+                    "payload " + std::to_string(type) + " has an impossible length of " + std::to_string(length));
+    }
+    payload.critical = (flags & kCriticalBit) != 0;
+    if (payload.critical && !IsKnown(type)) {
+        return Fail(error, "payload " + std::to_string(type) + " is critical and not known");
+    }
+    payload.body = body;
+    type = IsEncrypted(type) ? static_cast<std::uint8_t>(kNoPayload) : payload.next;
+    return true;
+}
+
+std::string PayloadName(const Payload& payload) {
+    static constexpr const char* kNames[] = {"SA", "KE",     "IDi", "IDr", "CERT", "CERTREQ", "AUTH", "Nonce",
+                                             "N",  "DELETE", "V",   "TSi", "TSr",  "SK",      "CP",   "EAP"};
+    if (payload.type == kPayloadSkf) return "SKF";
+    if (!IsKnown(payload.type)) return "payload " + std::to_string(payload.type);
+    Notify notify;
+    if (payload.type == kPayloadNotify && Decode(payload.body, notify)) return "N(" + NotifyName(notify.type) + ")";
+    return kNames[payload.type - kPayloadSa];
+}
+
+}  // namespace
+
+bool ParseHeader(std::string_view bytes, Header& header, std::uint8_t& first_payload, std::string& error) {
+    ByteReader reader(bytes);
+    std::uint32_t length = 0;
+    if (!reader.Read(header.initiator_spi) || !reader.Read(header.responder_spi) || !reader.Read(first_payload) ||
+        !reader.Read(header.version) || !reader.Read(header.exchange) || !reader.Read(header.flags) ||
+        !reader.Read(header.message_id) || !reader.Read(length)) {
+        return Fail(error, "shorter than an IKE header");
+    }
+    if (length != bytes.size()) {
+        return Fail(error,
+                    "the header says " + std::to_string(length) + " bytes, there are " + std::to_string(bytes.size()));
+    }
+    if (header.initiator_spi == 0) return Fail(error, "the initiator's SPI is zero");
+    return true;
+}
+
+bool ParsePayloads(std::uint8_t first, std::string_view bytes, Payloads& payloads, std::string& error) {
+    if (bytes.size() > kMaxInnerBytes) return Fail(error, "larger than this system reads");
+    ByteReader reader(bytes);
+    std::uint8_t type = first;
+    while (type != kNoPayload) {
+        if (payloads.size() >= kMaxPayloads) return Fail(error, "more payloads than this system reads");
+        if (!ParsePayload(reader, type, payloads.emplace_back(), error)) {
+            payloads.pop_back();
+            return false;
+        }
+    }
+    return reader.at_end() || Fail(error, std::to_string(reader.rest().size()) + " bytes follow the last payload");
+}
+
+bool ParseMessage(std::string_view bytes, Message& message, std::string& error) {
+    std::uint8_t first = 0;
+    return ParseHeader(bytes, message.header, first, error) &&
+           ParsePayloads(first, bytes.substr(kHeaderBytes), message.payloads, error);
+}
+
+std::string EncodePayloadHeader(std::uint8_t next, bool critical, std::size_t body_bytes) {
+    return Byte(next) + Byte(critical ? kCriticalBit : 0) +
+           NetworkOrder(static_cast<std::uint16_t>(body_bytes + kPayloadHeaderBytes));
+}
+
+std::string EncodePayloads(const Payloads& payloads) {
+    std::string bytes;
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+        const Payload& payload = payloads[i];
+        const std::uint8_t next = i + 1 < payloads.size() ? payloads[i + 1].type : payload.next;
+        bytes += EncodePayloadHeader(next, payload.critical, payload.body.size());
+        bytes += payload.body;
+    }
+    return bytes;
+}
+
+std::string EncodeHeader(const Header& header, std::uint8_t first_payload, std::size_t message_bytes) {
+    return NetworkOrder(header.initiator_spi) + NetworkOrder(header.responder_spi) + Byte(first_payload) +
+           Byte(header.version) + Byte(header.exchange) + Byte(header.flags) + NetworkOrder(header.message_id) +
+           NetworkOrder(static_cast<std::uint32_t>(message_bytes));
+}
+
+std::string EncodeMessage(const Message& message) {
+    const std::string body = EncodePayloads(message.payloads);
+    const std::uint8_t first =
+        message.payloads.empty() ? static_cast<std::uint8_t>(kNoPayload) : message.payloads.front().type;
+    return EncodeHeader(message.header, first, kHeaderBytes + body.size()) + body;
+}
+
+const Payload* FindPayload(const Payloads& payloads, std::uint8_t type) {
+    const auto found =
+        std::find_if(payloads.begin(), payloads.end(), [type](const Payload& payload) { return payload.type == type; });
+    return found == payloads.end() ? nullptr : &*found;
+}
+
+std::string DescribePayloads(const Payloads& payloads) {
+    std::string text;
+    for (const Payload& payload : payloads) text += (text.empty() ? "" : ", ") + PayloadName(payload);
+    return text.empty() ? "nothing" : text;
+}
+
+}  // namespace ikeauth
