@@ -193,7 +193,7 @@ void cmprint_SearchParams(std::string& out, const LPCFG::auth_ike_t* rule, std::
         if (alg != 0) out.append(", key alg: ").append(ttt_pki_alg_to_str(alg));
     }
     if (excluded_subject != nullptr && !excluded_subject->empty()) {
-        out.append(", exclude subject name: ").append(*excluded_subject);
+        cmprint_Value(out.append(", exclude subject name: "), *excluded_subject);
     }
     std::size_t index = 0;
     for (const LPCFG::cert_t& pattern : patterns) cmprint_Pattern(out, list_name, ++index, pattern);

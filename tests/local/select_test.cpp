@@ -173,9 +173,11 @@ TEST_F(SelectTest, TwoRefusedCertificatesGiveNoneAndBothReasons) {
     AddPersonal({.subject = "CN=first", .not_after = kNow - kDay});
     AddPersonal({.subject = "CN=second", .eku = {"serverAuth"}});
     Load();
-    const auto result = Select({});
+    const std::string excluded(100'000, 'x');
+    const auto result = Select({}, CM::kIgnoreBoundCollect, nullptr, nullptr, &excluded);
     EXPECT_EQ(result.status, CM::kLocalNotFound);
     EXPECT_EQ(result.cert, nullptr);
+    EXPECT_LT(OnlyMessage(kMsgLocalCertNotFound).size(), 6000U) << "a long name is cut";
     const std::string report = OnlyMessage(kMsgLocalCertNotFound);
     EXPECT_NE(report.find(" - 'cert_local' is empty"), std::string::npos) << report;
     EXPECT_LT(report.find("Certificate 1: cert_local[1]: Not valid after: "),
