@@ -139,7 +139,7 @@ Refusal CheckRoot(const std::vector<X509Cert*>& chain) {
 
 }  // namespace
 
-Refusal VerifyCertChainTask::Run(const std::vector<X509Cert*>& chain) {
+Refusal cm_VerifyCertChainTask::Run(const std::vector<X509Cert*>& chain) {
     const bool up_to_root = SelfSignedRootRequired();
     Refusal refusal;
     if (up_to_root) refusal = CheckRoot(chain);
@@ -148,7 +148,7 @@ Refusal VerifyCertChainTask::Run(const std::vector<X509Cert*>& chain) {
     return refusal;
 }
 
-Refusal VerifyCertChainTask::CheckTrust(const std::vector<X509Cert*>& chain) const {
+Refusal cm_VerifyCertChainTask::CheckTrust(const std::vector<X509Cert*>& chain) const {
     // A trusted leaf is matched itself; under any other only an empty list is satisfied from the start.
     bool matched = IsTrusted(chain[0]) ? cm_FindInTrustList(chain[0], trust_) : trust_.empty();
     for (std::size_t i = 1; i < chain.size(); ++i) {
@@ -159,7 +159,7 @@ Refusal VerifyCertChainTask::CheckTrust(const std::vector<X509Cert*>& chain) con
     return {};
 }
 
-Refusal VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::size_t i) const {
+Refusal cm_VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::size_t i) const {
     const std::uint64_t position = i + 1;
     const CertInfo& info = authority->info;
     if (!authority->facts().isCA) return {.id = RefusalId::kNotCa, .position = position, .detail = info.subject};
@@ -172,7 +172,7 @@ Refusal VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::size
     return {};
 }
 
-Refusal VerifyCertChainTask::CheckSignatures(const std::vector<X509Cert*>& chain, bool up_to_root) {
+Refusal cm_VerifyCertChainTask::CheckSignatures(const std::vector<X509Cert*>& chain, bool up_to_root) {
     for (std::size_t i = 0; i < chain.size(); ++i) {
         // What is trusted, and what stands above it, is not checked.
         if (!up_to_root && IsTrusted(chain[i])) break;
@@ -184,20 +184,20 @@ Refusal VerifyCertChainTask::CheckSignatures(const std::vector<X509Cert*>& chain
     return {};
 }
 
-Refusal VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509Cert* issuer, std::size_t i,
-                                            std::size_t chain_length) {
+Refusal cm_VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509Cert* issuer, std::size_t i,
+                                               std::size_t chain_length) {
     const auto index = static_cast<std::uint32_t>(i);
     // The index is that of the certificate being checked, not the issuer's.
     if (!HasKeyUsage(issuer, kKeyUsageCertSign, ident_)) {
         return {.id = RefusalId::kNoCertificateSigning, .position = i + 1, .index = index};
     }
-    if (right_.contains({cert, issuer})) return {};
-    const RefusalId id = RefusalOfSignature(cert->CheckSignature(issuer));
-    if (id == RefusalId::kNone) {
-        right_.emplace(cert, issuer);
-        return {};
+    const std::pair key(cert, issuer);
+    auto checked = checked_.find(key);
+    if (checked == checked_.end()) {
+        checked = checked_.emplace(key, RefusalOfSignature(cert->CheckSignature(issuer))).first;
     }
-    Refusal refusal{.id = id, .position = i + 1};
+    if (checked->second == RefusalId::kNone) return {};
+    Refusal refusal{.id = checked->second, .position = i + 1};
     if (chain_length > 2) refusal.index = index;
     return refusal;
 }
@@ -221,7 +221,7 @@ Refusal CheckSingle(CertList& chain, const TLogIdent& ident) {
     if (Refusal refusal = CheckValidity(chain[0], now)) return refusal;
     if (Refusal refusal = RefusalOfBuild(BuildCertChainFromStore(chain))) return refusal;
     const std::list<LPCFG::cert_t> any_trusted;
-    return VerifyCertChainTask(any_trusted, true, now, ident).Run(chain.certs());
+    return cm_VerifyCertChainTask(any_trusted, true, now, ident).Run(chain.certs());
 }
 
 }  // namespace

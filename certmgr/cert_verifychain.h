@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -71,14 +71,14 @@ bool cm_FindInTrustList(const X509Cert* cert, const std::list<LPCFG::cert_t>& tr
 /// Judges chains: root, basic constraints, validity, the trust that the rule asks for, signatures. Not the leaf's own
 /// validity, and not revocation.
 ///
-/// One object serves one decision, at one moment and on one thread, with any number of chains: a signature that was
-/// found right is not verified again, so that chains that share their upper part pay for it once. The patterns and all
+/// One object serves one decision, at one moment and on one thread, with any number of chains: what a token found about a
+/// signature is not asked again, so that chains that share their upper part pay for it once. The patterns and all
 /// certificates of the chains outlive the object.
-class VerifyCertChainTask {
+class cm_VerifyCertChainTask {
   public:
     /// Without `check_trust` only the root and the signatures are checked.
-    VerifyCertChainTask(const std::list<LPCFG::cert_t>& trust, bool check_trust, cert_time64_t now,
-                        const TLogIdent& ident)
+    cm_VerifyCertChainTask(const std::list<LPCFG::cert_t>& trust, bool check_trust, cert_time64_t now,
+                           const TLogIdent& ident)
         : trust_(trust), check_trust_(check_trust), now_(now), ident_(ident) {}
 
     /// The chain holds at least the leaf.
@@ -94,7 +94,7 @@ class VerifyCertChainTask {
     const bool check_trust_;
     const cert_time64_t now_;
     const TLogIdent& ident_;
-    std::set<std::pair<const X509Cert*, const X509Cert*>> right_;  // certificate and issuer
+    std::map<std::pair<const X509Cert*, const X509Cert*>, RefusalId> checked_;  // by certificate and issuer
 };
 
 }  // namespace CM

@@ -108,7 +108,7 @@ class PeerSearch {
     PeerCertStatuses statuses_;
     std::set<const X509Cert*, EncodingLess> candidates_;
     ChainBuilder builder_;  // never from the personal list
-    VerifyCertChainTask verify_task_;
+    cm_VerifyCertChainTask verify_task_;
 };
 
 const PeerCertStatus* PeerSearch::Run() {

@@ -47,7 +47,7 @@ class VerifyTest : public ChainTest {
         for (const Member& member : members) chain.Adopt(Object(*member.cert, member.kind).Detach());
         std::list<LPCFG::cert_t> trust;
         for (const std::string& subject : trust_subjects) trust.push_back(SubjectPattern(subject));
-        CM::VerifyCertChainTask task(trust, check_trust, CertTimeNow(), ident());
+        CM::cm_VerifyCertChainTask task(trust, check_trust, CertTimeNow(), ident());
         const CM::Refusal refusal = task.Run(chain.certs());
         return {refusal.position, CM::RefusalText(refusal)};
     }
@@ -282,7 +282,7 @@ TEST_F(VerifyTest, ChainsThatShareTheirUpperPartPayForItOnce) {
     const CM::MutableCertRef upper = Object(upper_);
     const CM::MutableCertRef root = Object(root_, kTrusted);
     const std::list<LPCFG::cert_t> any;
-    CM::VerifyCertChainTask task(any, true, CertTimeNow(), ident());
+    CM::cm_VerifyCertChainTask task(any, true, CertTimeNow(), ident());
     const CM::MutableCertRef first = Object(leaf_);
     const CM::MutableCertRef second = Object(second_leaf);
     EXPECT_FALSE(task.Run({first.get(), lower.get(), upper.get(), root.get()}));
