@@ -10,12 +10,14 @@
 #include <openssl/provider.h>
 
 #include <array>
+#include <mutex>
 #include <span>
 
 #include "certmgr/cert_engine.h"
 
 namespace {
 
+using cert_engine::ErrorMark;
 using cert_engine::Owner;
 
 struct NamedObject {
@@ -178,6 +180,27 @@ class ParsingContext {
     Owner<EVP_MD, EVP_MD_free> sha1_;
 };
 
+// Files are opened with what was good once. The ciphers that are not any more stay out of every other context.
+class LazyLegacyContext {
+  public:
+    OSSL_LIB_CTX* Get() {
+        std::call_once(made_, [this] {
+            const ErrorMark mark;
+            context_.reset(OSSL_LIB_CTX_new());
+            if (context_ == nullptr) return;
+            default_.reset(OSSL_PROVIDER_load(context_.get(), "default"));
+            legacy_.reset(OSSL_PROVIDER_load(context_.get(), "legacy"));
+        });
+        return context_.get();
+    }
+
+  private:
+    std::once_flag made_;
+    Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context_;
+    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> default_;
+    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> legacy_;
+};
+
 struct Engine {
     Engine()
         : gost_nids(CreateObjects()), gost_digest(gost_nids[kGost3411_94], gost_nids[kGost3411_94WithGost3410_2001]) {}
@@ -191,6 +214,7 @@ struct Engine {
     std::array<int, kGostObjects.size()> gost_nids;
     Gost94Digest gost_digest;
     ParsingContext parsing;
+    LazyLegacyContext legacy;
 };
 
 // Leaked on purpose when the process ends without a stop: handles may still be closed after that.
@@ -218,6 +242,10 @@ namespace cert_engine {
 
 OSSL_LIB_CTX* ParseContext() {
     return engine != nullptr ? engine->parsing.context() : nullptr;
+}
+
+OSSL_LIB_CTX* LegacyContext() {
+    return engine != nullptr ? engine->legacy.Get() : nullptr;
 }
 
 const EVP_MD* Md5() {

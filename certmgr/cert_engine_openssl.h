@@ -42,6 +42,9 @@ class ErrorMark {
 
 /// Library context in which certificates are parsed; null (the default context) while the engine is stopped.
 OSSL_LIB_CTX* ParseContext();
+/// Library context that knows old ciphers, too, as far as libcrypto is installed with them; made at the first use. For files
+/// of the user's own alone. Null while the engine is stopped.
+OSSL_LIB_CTX* LegacyContext();
 /// Digests fetched at start; null while the engine is stopped.
 const EVP_MD* Md5();
 const EVP_MD* Sha1();
@@ -73,6 +76,22 @@ struct Parser {
     static Ptr FromPem(std::string_view text, const char* kind) { return FromDer(PemPayload(text, kind)); }
 };
 using CertParser = Parser<X509, X509_new_ex, d2i_X509, X509_free, kMaxCertificateBytes>;
+
+/// What CertEngine_Export* answer.
+enum ExportResult : int { kExported = 1, kExportFailed = 3 };
+
+/// Replaces `out` by what `write(stream)` puts into a memory stream.
+template <typename Write>
+ExportResult ExportThroughStream(std::string& out, Write write) {
+    const ErrorMark mark;
+    const BioPtr stream(BIO_new(BIO_s_mem()));
+    if (stream == nullptr || write(stream.get()) != 1) return kExportFailed;
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(stream.get(), &text);
+    if (length <= 0) return kExportFailed;
+    out.assign(text, static_cast<std::size_t>(length));
+    return kExported;
+}
 
 /// Replaces `digest` by the digest of the bytes.
 bool Digest(const EVP_MD* md, std::string_view bytes, std::string& digest);
@@ -108,6 +127,9 @@ bool EncodeTo(T* object, int (*i2d)(T*, unsigned char**), std::string& out) {
 /// Code of a certificate's or CRL's signature algorithm: an algorithm whose key and signature identifiers are one and
 /// the same (Ed25519) reads as signature algorithm here.
 pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm);
+
+/// Reads those extensions of a request that certificates have, too. Unknown and bad ones are left out.
+void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions& out);
 
 /// Packed time of the content of a UTCTime or GeneralizedTime, as ASN1_TIME_to_time_t reads it.
 cert_time64_t PackedTime(int type, std::string_view content);

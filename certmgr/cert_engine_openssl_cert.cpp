@@ -8,9 +8,10 @@
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
 
-using cert_engine::BioPtr;
 using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
+using cert_engine::ExportThroughStream;
+using cert_engine::kExportFailed;
 using cert_engine::Owner;
 
 namespace {
@@ -20,8 +21,6 @@ using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 
 using BasicConstraintsPtr = Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
 using KeyUsagePtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
-
-enum ExportResult : int { kExported = 1, kExportFailed = 3 };
 
 X509* Certificate(void* handle) {
     return static_cast<X509*>(handle);
@@ -63,19 +62,6 @@ bool IsCa(X509* cert) {
         if (usage != nullptr && ASN1_BIT_STRING_get_bit(usage.get(), kCertSignBit) == 0) return false;
     }
     return X509_check_ca(cert) != 0 || IsVersion1Root(cert);
-}
-
-// Replaces `out` by what the writer puts into a memory stream.
-template <typename Write>
-int ExportThroughStream(std::string& out, Write write) {
-    const ErrorMark mark;
-    const BioPtr stream(BIO_new(BIO_s_mem()));
-    if (stream == nullptr || write(stream.get()) != 1) return kExportFailed;
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(stream.get(), &text);
-    if (length <= 0) return kExportFailed;
-    out.assign(text, static_cast<std::size_t>(length));
-    return kExported;
 }
 
 }  // namespace

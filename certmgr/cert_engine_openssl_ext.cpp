@@ -548,3 +548,15 @@ void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     out.sha1 = Fingerprint(cert_engine::Sha1(), der);
     ReadAll(x, out);
 }
+
+namespace cert_engine {
+
+void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions& out) {
+    const Sinks sinks{out, out, &out};
+    for (int i = 0; i < sk_X509_EXTENSION_num(extensions); ++i) {
+        X509_EXTENSION* const extension = sk_X509_EXTENSION_value(extensions, i);
+        if (const KnownExtension* const known = FindKnown(extension)) known->read(extension, sinks);
+    }
+}
+
+}  // namespace cert_engine

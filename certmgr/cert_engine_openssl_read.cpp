@@ -144,7 +144,7 @@ int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<vo
 }
 
 bool CertEngine_IsP12CertData(void* data, int length) {
-    if (data == nullptr || length <= 0 || static_cast<unsigned>(length) > kMaxBundleBytes) return false;
+    if (data == nullptr || length <= 0 || static_cast<unsigned>(length) > kMaxPkcs12Bytes) return false;
     const ErrorMark mark;
     const auto* p = static_cast<const unsigned char*>(data);
     return Pkcs12Ptr(d2i_PKCS12(nullptr, &p, length)) != nullptr;

@@ -112,7 +112,7 @@ struct PBEPrivKeyHandle {
     void* certHandle = nullptr;
     PKCS12_PBE_key_iv_t* key = nullptr;
 };
-void CertEngine_ClosePBEPrivKey(PKCS12_PBE_key_iv_t* key);
+CM_API void CertEngine_ClosePBEPrivKey(PKCS12_PBE_key_iv_t* key);
 
 /// Results of the PKCS #12 readers.
 enum P12ReadResult : int {
@@ -124,34 +124,35 @@ enum P12ReadResult : int {
 
 /// Reads a file with one private key that libcrypto understands: the key in the clear, its certificate, and the other
 /// certificates in the order of the file, appended. Fails for any other file.
-P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password, void*& cert,
-                                         void*& key, std::vector<void*>& certs);
+CM_API P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password,
+                                                void*& cert, void*& key, std::vector<void*>& certs);
 /// Reads a file with any number of keys, which stay encrypted: each with its certificate, and the remaining
 /// certificates, appended. Keys without a certificate are left out.
-P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
-                                             std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs);
+CM_API P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
+                                                    std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs);
 /// Writes certificates, and the private key of the first one (PrivateKeyInfo DER; empty: none), encrypted with AES-256
 /// under the password (UTF-8; null is the empty one). 1 success, 3 failure. Null handles are left out.
-int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8, const char* password,
-                                   std::string& out);
+CM_API int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8,
+                                          const char* password, std::string& out);
 
 // --- Requests ---
 
 /// Builds the body of a request: subject, key usage, extended key usage and alternative names. Null when one of them is
 /// not understood or the subject is empty.
-void* CertEngine_CreateCertReqHandle(const CertRequestInfo& info);
-void CertEngine_CloseCertReqHandle(void* request);
+CM_API void* CertEngine_CreateCertReqHandle(const CertRequestInfo& info);
+CM_API void CertEngine_CloseCertReqHandle(void* request);
 /// Replaces the public key by a SubjectPublicKeyInfo. True when it decodes.
-bool CertEngine_CertReqSetPubKey(void* request, unsigned char* spki, unsigned int length);
+CM_API bool CertEngine_CertReqSetPubKey(void* request, const unsigned char* spki, unsigned int length);
 /// Always true; an algorithm without identifier shows when the request is written.
-bool CertEngine_CertReqSetSignature(void* request, pki_alg_t keyAlg, pki_alg_t hashAlg, unsigned char* signature,
-                                    unsigned int length);
+CM_API bool CertEngine_CertReqSetSignature(void* request, pki_alg_t keyAlg, pki_alg_t hashAlg,
+                                           const unsigned char* signature, unsigned int length);
 /// To-be-signed part, DER.
-bool CertEngine_CertReqInfoToRaw(void* request, std::string& der);
-bool CertEngine_CertReqToPem(void* request, std::string& pem);
+CM_API bool CertEngine_CertReqInfoToRaw(void* request, std::string& der);
+CM_API bool CertEngine_CertReqToPem(void* request, std::string& pem);
 /// Describes a request, PEM or DER, of at most kMaxCertificateBytes; `spki` receives its public key. 0 read, 1 not a
 /// request.
-int CertEngine_ReadP10CertReqInfo(const void* data, unsigned int length, CertRequestInfo& info, std::string& spki);
+CM_API int CertEngine_ReadP10CertReqInfo(const void* data, unsigned int length, CertRequestInfo& info,
+                                         std::string& spki);
 
 // --- CRLs ---
 

@@ -1,0 +1,184 @@
+// PKCS #12 files: the two readers, which differ in what becomes of the keys, and the writer.
+#include "certmgr/cert_engine_openssl_pfx.h"
+
+#include <openssl/x509v3.h>
+
+#include <memory>
+#include <utility>
+
+#include "certmgr/cert_engine.h"
+
+using cert_engine::BagCert;
+using cert_engine::BagKey;
+using cert_engine::EncryptedKeyPtr;
+using cert_engine::ErrorMark;
+using cert_engine::kExportFailed;
+using cert_engine::KeyPtr;
+using cert_engine::Owner;
+using cert_engine::Pkcs12File;
+using cert_engine::Pkcs12Ptr;
+using cert_engine::Pkcs8Ptr;
+
+namespace {
+
+/// What is written: PBES2 with AES-256, HMAC-SHA-256 both for the keys and for the integrity check.
+constexpr int kCipher = NID_aes_256_cbc;
+constexpr int kIterations = 100'000;
+constexpr int kSaltBytes = 16;
+
+std::string_view View(const void* data, unsigned length) {
+    return {static_cast<const char*>(data), data != nullptr ? length : 0};
+}
+
+// --- Reading ---
+
+/// In the engine's own context; null when it is too large.
+void* HandleOf(const BagCert& bag) {
+    return cert_engine::CertParser::FromDer(cert_engine::Encode<const X509>(bag.cert.get(), i2d_X509)).release();
+}
+
+/// The certificates that are not marked as taken, in the order of the file.
+void AppendOthers(const Pkcs12File& file, const std::vector<bool>& taken, std::vector<void*>& certs) {
+    for (std::size_t i = 0; i < file.certs().size(); ++i) {
+        if (taken[i]) continue;
+        if (void* const handle = HandleOf(file.certs()[i])) certs.push_back(handle);
+    }
+}
+
+EncryptedKeyPtr Encrypt(PKCS8_PRIV_KEY_INFO* info, std::string_view password) {
+    const Owner<EVP_CIPHER, EVP_CIPHER_free> cipher(EVP_CIPHER_fetch(nullptr, OBJ_nid2sn(kCipher), nullptr));
+    return EncryptedKeyPtr(PKCS8_encrypt(-1, cipher.get(), password.data(), static_cast<int>(password.size()), nullptr,
+                                         kSaltBytes, kIterations, info));
+}
+
+/// A key that the file has in the clear, or under a cipher or a form of the password that nobody else may know, is
+/// encrypted anew. Null when that fails.
+std::unique_ptr<PKCS12_PBE_key_iv_t> KeepEncrypted(const BagKey& bag, const std::string& password) {
+    auto key = std::make_unique<PKCS12_PBE_key_iv_t>();
+    key->password = vpnfc::SecretString(std::string_view(password));
+    key->encryptedKeyInfoDer = bag.encrypted;
+    if (!bag.encrypted.empty()) return key;
+    const EncryptedKeyPtr encrypted = Encrypt(bag.info.get(), password);
+    if (encrypted == nullptr) return nullptr;
+    key->encryptedKeyInfoDer = cert_engine::Encode<const X509_SIG>(encrypted.get(), i2d_X509_SIG);
+    return key;
+}
+
+// --- Writing ---
+
+void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+}
+using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
+
+void FreeSafes(STACK_OF(PKCS7) * safes) {
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+}
+using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
+
+/// Takes over both. `key_id` (empty: none) tells which certificate is the key's.
+bool AddBag(STACK_OF(PKCS12_SAFEBAG) * bags, PKCS12_SAFEBAG* bag, std::string& key_id) {
+    auto* const id = reinterpret_cast<unsigned char*>(key_id.data());
+    const bool marked =
+        bag != nullptr && (key_id.empty() || PKCS12_add_localkeyid(bag, id, static_cast<int>(key_id.size())) == 1);
+    if (marked && sk_PKCS12_SAFEBAG_push(bags, bag) > 0) return true;
+    PKCS12_SAFEBAG_free(bag);
+    return false;
+}
+
+/// Takes over the safe.
+bool AddSafe(STACK_OF(PKCS7) * safes, PKCS7* safe) {
+    if (safe != nullptr && sk_PKCS7_push(safes, safe) > 0) return true;
+    PKCS7_free(safe);
+    return false;
+}
+
+bool AddCerts(STACK_OF(PKCS7) * safes, const std::vector<void*>& certs, std::string key_id, const char* password) {
+    const BagsPtr bags(sk_PKCS12_SAFEBAG_new_null());
+    if (bags == nullptr) return false;
+    for (void* cert : certs) {
+        if (cert == nullptr) continue;
+        if (!AddBag(bags.get(), PKCS12_SAFEBAG_create_cert(static_cast<X509*>(cert)), key_id)) return false;
+        key_id.clear();
+    }
+    if (sk_PKCS12_SAFEBAG_num(bags.get()) == 0) return true;
+    return AddSafe(safes, PKCS12_pack_p7encdata(kCipher, password, -1, nullptr, kSaltBytes, kIterations, bags.get()));
+}
+
+bool AddKey(STACK_OF(PKCS7) * safes, const std::string& pkcs8, std::string key_id, const char* password) {
+    const auto* p = reinterpret_cast<const unsigned char*>(pkcs8.data());
+    const Pkcs8Ptr info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(pkcs8.size())));
+    const BagsPtr bags(sk_PKCS12_SAFEBAG_new_null());
+    if (info == nullptr || bags == nullptr) return false;
+    EncryptedKeyPtr encrypted = Encrypt(info.get(), password);
+    if (encrypted == nullptr) return false;
+    PKCS12_SAFEBAG* const bag = PKCS12_SAFEBAG_create0_pkcs8(encrypted.get());
+    if (bag == nullptr) return false;
+    static_cast<void>(encrypted.release());
+    return AddBag(bags.get(), bag, key_id) && AddSafe(safes, PKCS12_pack_p7data(bags.get()));
+}
+
+}  // namespace
+
+void CertEngine_ClosePBEPrivKey(PKCS12_PBE_key_iv_t* key) {
+    delete key;
+}
+
+P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password, void*& cert,
+                                         void*& key, std::vector<void*>& certs) {
+    const ErrorMark mark;
+    Pkcs12File file(password);
+    const P12ReadResult result = file.Read(View(data, length));
+    if (result != kP12Read) return result;
+    if (file.keys().size() != 1) return kP12Unsupported;
+    KeyPtr private_key = Decode(file.keys().front());
+    const int main = file.CertOf(file.keys().front());
+    void* const handle = private_key != nullptr && main >= 0 ? HandleOf(file.certs()[main]) : nullptr;
+    if (handle == nullptr) return kP12Unsupported;
+    std::vector<bool> taken(file.certs().size());
+    taken[main] = true;
+    AppendOthers(file, taken, certs);
+    cert = handle;
+    key = private_key.release();
+    return kP12Read;
+}
+
+P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
+                                             std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs) {
+    const ErrorMark mark;
+    Pkcs12File file(password);
+    const P12ReadResult result = file.Read(View(data, length));
+    if (result != kP12Read) return result;
+    std::vector<bool> taken(file.certs().size());
+    for (const BagKey& bag : file.keys()) {
+        const int of_key = file.CertOf(bag);
+        if (of_key < 0 || taken[of_key]) continue;
+        auto key = KeepEncrypted(bag, password);
+        void* const handle = key != nullptr ? HandleOf(file.certs()[of_key]) : nullptr;
+        if (handle == nullptr) continue;
+        keys.push_back({handle, key.release()});
+        taken[of_key] = true;
+    }
+    AppendOthers(file, taken, certs);
+    return kP12Read;
+}
+
+int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8, const char* password,
+                                   std::string& out) {
+    const ErrorMark mark;
+    const char* const secret = password != nullptr ? password : "";
+    const SafesPtr safes(sk_PKCS7_new_null());
+    std::string key_id;
+    if (!pkcs8.empty() && !certs.empty() && certs.front() != nullptr) {
+        const std::string der = cert_engine::Encode<const X509>(static_cast<X509*>(certs.front()), i2d_X509);
+        if (!cert_engine::Digest(cert_engine::Sha1(), der, key_id)) return kExportFailed;
+    }
+    if (safes == nullptr || !AddCerts(safes.get(), certs, key_id, secret)) return kExportFailed;
+    if (!pkcs8.empty() && !AddKey(safes.get(), pkcs8, key_id, secret)) return kExportFailed;
+    const Pkcs12Ptr file(PKCS12_add_safes(safes.get(), 0));
+    if (file == nullptr ||
+        PKCS12_set_mac(file.get(), secret, -1, nullptr, kSaltBytes, kIterations, EVP_sha256()) != 1) {
+        return kExportFailed;
+    }
+    return cert_engine::ExportThroughStream(out, [&file](BIO* stream) { return i2d_PKCS12_bio(stream, file.get()); });
+}

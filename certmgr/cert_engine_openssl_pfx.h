@@ -1,0 +1,96 @@
+// What a PKCS #12 file holds.
+#pragma once
+
+#include <openssl/pkcs12.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "certmgr/cert_engine_openssl.h"
+#include "platform/base.h"
+
+namespace cert_engine {
+
+using Pkcs12Ptr = Owner<PKCS12, PKCS12_free>;
+using CertPtr = Owner<X509, X509_free>;
+using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;
+using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using EncryptedKeyPtr = Owner<X509_SIG, X509_SIG_free>;
+
+/// Bytes that a key is derived from; null is no password, which is not the empty one.
+struct PasswordBytes {
+    const char* data = nullptr;
+    int length = 0;
+};
+
+/// Iterations of key derivation that one file may cost: seconds. Writers use some thousands for each part, a million at
+/// most.
+class WorkBudget {
+  public:
+    /// False when that would be too much.
+    bool Take(std::uint64_t iterations);
+
+  private:
+    std::uint64_t left_ = 10'000'000;
+};
+
+/// A certificate in the default library context, which knows its public key.
+struct BagCert {
+    CertPtr cert;
+    std::string key_id;  // localKeyID; empty: none
+};
+
+struct BagKey {
+    Pkcs8Ptr info;  // null for a cipher that libcrypto lacks
+    std::string encrypted;  // EncryptedPrivateKeyInfo that the password opens as it was given; empty: there is none
+    std::string key_id;
+};
+
+/// The private key, when libcrypto knows its algorithm.
+KeyPtr Decode(const BagKey& key);
+
+/// Certificates and keys of a file. Reads one file.
+class Pkcs12File {
+  public:
+    explicit Pkcs12File(const std::string& password);
+
+    P12ReadResult Read(std::string_view bytes);
+
+    const std::vector<BagCert>& certs() const { return certs_; }
+    const std::vector<BagKey>& keys() const { return keys_; }
+
+    /// Position of the certificate of a key, or -1. By the public key where libcrypto knows it; else by localKeyID; else
+    /// the only end entity's.
+    int CertOf(const BagKey& key) const;
+
+  private:
+    bool CheckMac(PKCS12* file);
+    bool ReadSafes(const PKCS12* file);
+    bool ReadSafe(PKCS7* safe);
+    bool ReadEncryptedSafe(const PKCS7_ENC_CONTENT& content);
+    bool ReadBags(const STACK_OF(PKCS12_SAFEBAG) * bags, int depth);
+    bool ReadBag(const PKCS12_SAFEBAG* bag, int depth);
+    bool ReadCert(const PKCS12_SAFEBAG* bag);
+    bool ReadKey(const PKCS12_SAFEBAG* bag);
+    bool ReadEncryptedKey(const PKCS12_SAFEBAG* bag);
+    bool Refuse();
+    P12ReadResult Verdict() const;
+    template <typename Open>
+    bool TryPasswords(std::uint64_t iterations, Open open);
+
+    vpnfc::SecretString given_;
+    vpnfc::SecretString wide_;  // the password as old programs took it
+    std::vector<PasswordBytes> passwords_;  // the likeliest first
+    WorkBudget budget_;
+    std::vector<BagCert> certs_;
+    std::vector<BagKey> keys_;
+    bool mac_right_ = false;
+    bool mac_wrong_ = false;
+    bool opened_ = false;  // something encrypted was
+    bool failed_ = false;  // something encrypted was not
+    bool refused_ = false;
+};
+
+}  // namespace cert_engine

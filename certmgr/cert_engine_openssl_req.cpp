@@ -1,0 +1,210 @@
+// PKCS #10 requests.
+#include <arpa/inet.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
+#include <array>
+#include <utility>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
+
+using cert_engine::BytesOf;
+using cert_engine::ErrorMark;
+using cert_engine::Owner;
+
+namespace {
+
+using RequestPtr = Owner<X509_REQ, X509_REQ_free>;
+using NamePtr = Owner<X509_NAME, X509_NAME_free>;
+using PublicKeyPtr = Owner<X509_PUBKEY, X509_PUBKEY_free>;
+using AlgorithmPtr = Owner<X509_ALGOR, X509_ALGOR_free>;
+using BitStringPtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
+using PurposesPtr = Owner<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
+
+void FreeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
+    sk_X509_EXTENSION_pop_free(extensions, X509_EXTENSION_free);
+}
+using ExtensionsPtr = Owner<STACK_OF(X509_EXTENSION), FreeExtensions>;
+
+using RequestParser = cert_engine::Parser<X509_REQ, X509_REQ_new_ex, d2i_X509_REQ, X509_REQ_free, kMaxCertificateBytes>;
+
+X509_REQ* Request(void* handle) {
+    return static_cast<X509_REQ*>(handle);
+}
+
+// --- Building ---
+
+bool SetSubject(X509_REQ* request, const std::string& subject) {
+    std::string der;
+    if (subject.empty() || !printable_to_asn_dn(subject, der, OID_MAP_HANDLE_DEFAULT_FILE)) return false;
+    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+    const NamePtr name(d2i_X509_NAME(nullptr, &p, static_cast<long>(der.size())));
+    return name != nullptr && X509_REQ_set_subject_name(request, name.get()) == 1;
+}
+
+// libcrypto would silently drop what follows one of these.
+bool IsOneLine(const std::string& value) {
+    return value.find_first_of(std::string_view("\0\r\n", 3)) == std::string::npos;
+}
+
+bool AddExtension(STACK_OF(X509_EXTENSION) * extensions, int nid, const std::string& value) {
+    if (!IsOneLine(value)) return false;
+    X509V3_CTX context{};
+    X509V3_set_ctx_nodb(&context);
+    X509_EXTENSION* const extension = X509V3_EXT_nconf_nid(nullptr, &context, nid, value.c_str());
+    if (extension == nullptr) return false;
+    if (sk_X509_EXTENSION_push(extensions, extension) > 0) return true;
+    X509_EXTENSION_free(extension);
+    return false;
+}
+
+// libcrypto takes bytes of any kind for an extension when the value says so.
+bool AddExtendedKeyUsage(STACK_OF(X509_EXTENSION) * extensions, const std::string& purposes) {
+    if (!AddExtension(extensions, NID_ext_key_usage, purposes)) return false;
+    const PurposesPtr decoded(
+        static_cast<EXTENDED_KEY_USAGE*>(X509V3_get_d2i(extensions, NID_ext_key_usage, nullptr, nullptr)));
+    return sk_ASN1_OBJECT_num(decoded.get()) > 0;
+}
+
+std::string AlternativeNames(const CertRequestInfo& info) {
+    const std::array<std::pair<const char*, const std::string*>, 4> parts{{
+        {"IP:", &info.ipAddress},
+        {"DNS:", &info.dnsName},
+        {"email:", &info.email},
+        {"otherName:msUPN;UTF8:", &info.upn},
+    }};
+    std::string names;
+    for (const auto& [kind, value] : parts) {
+        if (value->empty()) continue;
+        if (!names.empty()) names += ',';
+        names.append(kind).append(*value);
+    }
+    return names;
+}
+
+bool AddExtensions(X509_REQ* request, const CertRequestInfo& info) {
+    const ExtensionsPtr extensions(sk_X509_EXTENSION_new_null());
+    if (extensions == nullptr ||
+        !AddExtension(extensions.get(), NID_key_usage, "critical,digitalSignature,keyEncipherment")) {
+        return false;
+    }
+    if (!info.extKeyUsage.empty() && !AddExtendedKeyUsage(extensions.get(), info.extKeyUsage)) return false;
+    const std::string names = AlternativeNames(info);
+    if (!names.empty() && !AddExtension(extensions.get(), NID_subject_alt_name, names)) return false;
+    return X509_REQ_add_extensions(request, extensions.get()) == 1;
+}
+
+// --- Reading ---
+
+std::string AddressText(const std::string& address) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    const int family = address.size() == sizeof(in_addr) ? AF_INET : AF_INET6;
+    if (family == AF_INET6 && address.size() != sizeof(in6_addr)) return {};
+    return inet_ntop(family, address.data(), text.data(), text.size()) != nullptr ? text.data() : std::string();
+}
+
+void DescribeExtensions(X509_REQ* request, CertRequestInfo& info) {
+    const ExtensionsPtr extensions(X509_REQ_get_extensions(request));
+    CertExtentions read;
+    cert_engine::ReadExtensions(extensions.get(), read);
+    info.ipAddress = AddressText(read.altSubject.ipAddress);
+    info.email = std::move(read.altSubject.email);
+    info.dnsName = std::move(read.altSubject.dnsName);
+    info.upn = std::move(read.altSubject.upn);
+    info.extKeyUsage = std::move(read.extKeyUsageOids);
+}
+
+void DescribeAlgorithms(X509_REQ* request, const std::string& spki, CertRequestInfo& info) {
+    const X509_ALGOR* signature = nullptr;
+    X509_REQ_get0_signature(request, nullptr, &signature);
+    const pki_alg_t code = cert_engine::SignatureAlgorithm(signature);
+    info.keyAlg = code & PKI_NO_HASH_MASK;
+    info.hashAlg = code & ~PKI_KEY_MASK;
+    X509_ALGOR* key = nullptr;
+    X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &key, X509_REQ_get_X509_PUBKEY(request));
+    if (const pki_alg_t key_alg = X509_ALGOR_to_pki_alg_t(key); key_alg != 0) info.keyAlg = key_alg;
+    info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, spki.data(), spki.size());
+}
+
+}  // namespace
+
+void* CertEngine_CreateCertReqHandle(const CertRequestInfo& info) {
+    const ErrorMark mark;
+    RequestPtr request(X509_REQ_new());
+    if (request == nullptr || X509_REQ_set_version(request.get(), X509_REQ_VERSION_1) != 1 ||
+        !SetSubject(request.get(), info.subject) || !AddExtensions(request.get(), info)) {
+        return nullptr;
+    }
+    return request.release();
+}
+
+void CertEngine_CloseCertReqHandle(void* request) {
+    X509_REQ_free(Request(request));
+}
+
+// Part by part: libcrypto's own setter wants a key that it knows, and these may be GOST keys.
+bool CertEngine_CertReqSetPubKey(void* request, const unsigned char* spki, unsigned int length) {
+    const ErrorMark mark;
+    const unsigned char* p = spki;
+    const PublicKeyPtr key(length <= kMaxCertificateBytes ? d2i_X509_PUBKEY(nullptr, &p, length) : nullptr);
+    if (key == nullptr || p != spki + length) return false;
+    const unsigned char* bits = nullptr;
+    int bits_length = 0;
+    X509_ALGOR* algorithm = nullptr;
+    X509_PUBKEY_get0_param(nullptr, &bits, &bits_length, &algorithm, key.get());
+    X509_PUBKEY* const own = X509_REQ_get_X509_PUBKEY(Request(request));
+    X509_ALGOR* own_algorithm = nullptr;
+    auto* const copy = static_cast<unsigned char*>(OPENSSL_memdup(bits, static_cast<std::size_t>(bits_length)));
+    if (copy == nullptr) return false;
+    if (X509_PUBKEY_set0_param(own, OBJ_nid2obj(NID_undef), V_ASN1_UNDEF, nullptr, copy, bits_length) != 1) {
+        OPENSSL_free(copy);
+        return false;
+    }
+    X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &own_algorithm, own);
+    return X509_ALGOR_copy(own_algorithm, algorithm) == 1;
+}
+
+bool CertEngine_CertReqSetSignature(void* request, pki_alg_t keyAlg, pki_alg_t hashAlg, const unsigned char* signature,
+                                    unsigned int length) {
+    const ErrorMark mark;
+    const AlgorithmPtr algorithm(X509_ALGOR_new());
+    BitStringPtr bits(ASN1_BIT_STRING_new());
+    if (algorithm == nullptr || bits == nullptr) return true;
+    if (X509_ALGOR_from_pki_alg_t(algorithm.get(), (hashAlg & PKI_ALG_MASK) | keyAlg)) {
+        X509_REQ_set1_signature_algo(Request(request), algorithm.get());
+    }
+    if (ASN1_BIT_STRING_set(bits.get(), const_cast<unsigned char*>(signature), static_cast<int>(length)) != 1) {
+        return true;
+    }
+    bits->flags = (bits->flags & ~(ASN1_STRING_FLAG_BITS_LEFT | 0x07)) | ASN1_STRING_FLAG_BITS_LEFT;
+    X509_REQ_set0_signature(Request(request), bits.release());
+    return true;
+}
+
+bool CertEngine_CertReqInfoToRaw(void* request, std::string& der) {
+    const ErrorMark mark;
+    return cert_engine::EncodeTo<X509_REQ>(Request(request), i2d_re_X509_REQ_tbs, der);
+}
+
+bool CertEngine_CertReqToPem(void* request, std::string& pem) {
+    const auto write = [request](BIO* stream) { return PEM_write_bio_X509_REQ(stream, Request(request)); };
+    return cert_engine::ExportThroughStream(pem, write) == cert_engine::kExported;
+}
+
+int CertEngine_ReadP10CertReqInfo(const void* data, unsigned int length, CertRequestInfo& info, std::string& spki) {
+    enum Result : int { kRead = 0, kNotRequest = 1 };
+    if (data == nullptr || length > kMaxBundleBytes) return kNotRequest;
+    const ErrorMark mark;
+    const std::string_view bytes(static_cast<const char*>(data), length);
+    RequestParser::Ptr request = RequestParser::FromPem(bytes, PEM_STRING_X509_REQ);
+    if (request == nullptr) request = RequestParser::FromDer(bytes);
+    if (request == nullptr) return kNotRequest;
+    std::string key = cert_engine::Encode<const X509_PUBKEY>(X509_REQ_get_X509_PUBKEY(request.get()), i2d_X509_PUBKEY);
+    if (key.empty()) return kNotRequest;
+    X509_NAME_to_utf8(X509_REQ_get_subject_name(request.get()), info.subject);
+    DescribeAlgorithms(request.get(), key, info);
+    DescribeExtensions(request.get(), info);
+    spki = std::move(key);
+    return kRead;
+}
