@@ -10,6 +10,7 @@
 #include "cert_index.h"
 #include "certmgr/cert_log.h"
 #include "certmgr/certmgr.h"
+#include "certmgr/discarded_keys.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
 #include "platform/params.h"
@@ -106,7 +107,7 @@ void ReloadPass::ReadCertificates(PKCS11::TokenSession& session, const PKCS11::T
     std::list<PKCS11::CertObject> objects;
     session.EnumCertificates(objects);
     for (const PKCS11::CertObject& object : objects) {
-        if (!Keep(token, object)) Add(session, token, object);
+        if (!DeleteIfDiscarded(token, object) && !Keep(token, object)) Add(session, token, object);
     }
 }
 

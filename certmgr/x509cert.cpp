@@ -116,6 +116,11 @@ X509Cert::X509Cert(void* cert_handle, void* priv_key_handle) : certHandle(cert_h
     init();
 }
 
+X509Cert::X509Cert(const PBEPrivKeyHandle& handle) : certHandle(handle.certHandle), pbeKey(handle.key) {
+    CertEngine_RawCert(certHandle, rawCert);
+    init();
+}
+
 X509Cert::X509Cert(const PKCS11::TokenInfo& on_token, const PKCS11::CertObject& object)
     : token(on_token), rawCert(object.value) {
     info.id = object.id;
@@ -138,6 +143,7 @@ X509Cert::X509Cert(const PKCS11::TokenInfo& on_token, const PKCS11::CertObject& 
 X509Cert::~X509Cert() {
     CertEngine_CloseCertHandle(certHandle);
     if (privKeyHandle != nullptr) CertEngine_ClosePrivKeyHandle(privKeyHandle);
+    CertEngine_ClosePBEPrivKey(pbeKey);
 }
 
 void X509Cert::init() {

@@ -35,10 +35,11 @@ class CM_API X509CertFile {
 
 /// Proposes tokens for an import. With a private key: those that know its algorithm. Without: those that hold the key
 /// pair; when there are none, those that hold trusted certificates.
-void GetCertImportOption(const std::vector<PKCS11::TokenInfo>& tokens, const X509Cert* cert, CertImportOption& option);
+CM_API void GetCertImportOption(const std::vector<PKCS11::TokenInfo>& tokens, const X509Cert* cert,
+                                CertImportOption& option);
 
 /// Stores the certificates of a file: CAs as trusted, others beside their key pair. Stops at the first that cannot be
 /// stored, with one reason appended to the report; earlier ones stay.
-bool ImportCertsFromFile(const std::string& content, const std::string& password, std::string* report);
+CM_API bool ImportCertsFromFile(const std::string& content, const std::string& password, std::string* report);
 
 }  // namespace CM

@@ -22,14 +22,15 @@ enum CertRequestResult : unsigned {
 
 /// Makes a key pair on the token and a request for it, PEM. The store shows the key pair at once. After a failure no key
 /// stays on the token. Takes as long as the token's key generation.
-CertRequestResult CMT_MakeCertRequest(const PKCS11::TokenInfo& token, const CertRequestInfo& info, std::string& pem);
+CM_API CertRequestResult CMT_MakeCertRequest(const PKCS11::TokenInfo& token, const CertRequestInfo& info,
+                                             std::string& pem);
 
 /// Appends one entry for each kind of key pair that the token makes, in the token's order.
-void CMT_EnumCertRequestMechanisms(const PKCS11::TokenInfo& token, std::list<CertRequestKeyInfo>& mechanisms);
+CM_API void CMT_EnumCertRequestMechanisms(const PKCS11::TokenInfo& token, std::list<CertRequestKeyInfo>& mechanisms);
 
 namespace CM {
 
 /// The same; on failure `pem` receives the name of the error.
-bool MakeCertRequest(const PKCS11::TokenInfo& token, const CertRequestInfo& info, std::string& pem);
+CM_API bool MakeCertRequest(const PKCS11::TokenInfo& token, const CertRequestInfo& info, std::string& pem);
 
 }  // namespace CM

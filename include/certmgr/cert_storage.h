@@ -106,7 +106,7 @@ enum CrlImportResult : std::uint32_t {
 };
 
 /// "ImportCertOk" and its kin, by value; "ImportCertErrorUnknown" for any other value.
-const char* CertImportStatusText(std::uint32_t status);
+CM_API const char* CertImportStatusText(std::uint32_t status);
 
 class CertIndex;
 struct TokenObjectKey;
