@@ -250,28 +250,36 @@ bool CertStorage::WaitReloadDone() {
     return true;
 }
 
-void CertStorage::ClearAll() {
-    EM_DelTimer(0, ReloadEventHandler, nullptr);
+void CertStorage::Stop() {
+    const vpnfc::ObjectLock lock(reloadLock);
+    reloadFlags = kStoreStopped;
+}
+
+void CertStorage::ClearLists() {
+    const vpnfc::ObjectLock lock(tokensLock);  // a reload on another thread ends first
+    decltype(presharedKeys) old_keys;
+    decltype(crls) old_crls;
+    X509CertsDB old_lists[4];
     {
-        const vpnfc::ObjectLock lock(tokensLock);  // a reload on another thread ends first
-        decltype(presharedKeys) old_keys;
-        decltype(crls) old_crls;
-        X509CertsDB old_lists[4];
-        {
-            const vpnfc::WriteLock write_lock(*this);
-            presharedKeys.swap(old_keys);
-            crls.Swap(old_crls);
-            otherCerts.Swap(old_lists[0]);
-            trustedCerts.Swap(old_lists[1]);
-            personalCerts.Swap(old_lists[2]);
-            keyPairCerts.Swap(old_lists[3]);
-        }
-        const vpnfc::ObjectLock reload_lock(reloadLock);
-        reloadFlags = kStoreStopped;
+        const vpnfc::WriteLock write_lock(*this);
+        presharedKeys.swap(old_keys);
+        crls.Swap(old_crls);
+        otherCerts.Swap(old_lists[0]);
+        trustedCerts.Swap(old_lists[1]);
+        personalCerts.Swap(old_lists[2]);
+        keyPairCerts.Swap(old_lists[3]);
     }
-    EndPendingReload();
-    // Nothing of this library stays queued, so that it may be unloaded: neither what was armed while this waited ...
+    Stop();
+}
+
+void CertStorage::ClearAll() {
+    Stop();  // from here on token events queue nothing
     EM_DelTimer(0, ReloadEventHandler, nullptr);
+    ClearLists();
+    EndPendingReload();
+    // Nothing of this library stays queued, so that it may be unloaded: neither a reload that was armed all the same ...
+    EM_DelTimer(0, ReloadEventHandler, nullptr);
+    ClearLists();  // which may have run, and filled the lists, while it was waited for
     // ... nor a notification of the last reload.
     EM_DelTimer(0, cm_send_cert_list_changed_nitification_, nullptr);
 }

@@ -224,6 +224,8 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     void ReloadTokensObjects(std::uint32_t what);
     void ReloadOne(std::uint32_t bit);
     void EndPendingReload();
+    void Stop();
+    void ClearLists();
 
     // Guarded by reloadLock.
     std::uint32_t reloadFlags = kStoreStopped;

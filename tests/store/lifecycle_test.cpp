@@ -184,18 +184,27 @@ TEST_F(LifecycleTest, StoppingReleasesWhoWaitsForAReload) {
     waiter.join();
 }
 
-TEST_F(LifecycleTest, StoppingWaitsForARunningReload) {
+TEST_F(LifecycleTest, NothingThatIsReadDuringTheStopRemains) {
     Settle();
-    vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
-    const auto gate = std::make_shared<vendor_host::Gate>();
-    card->Block(Op::kEnumCRLs, gate);
-    card->AddCertificate(MakeCa("CN=Second").der);
-    vendor_host::FireInsert(*card);
-    ASSERT_TRUE(gate->WaitForArrivals(1));
-    std::thread stopper([] { CM::Finit(); });
-    gate->Open();
+    const auto until = [end = std::chrono::steady_clock::now() + test_support::kWaitLimit](auto condition) {
+        while (!condition() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+        EXPECT_TRUE(condition());
+    };
+    std::thread stopper;
+    {
+        const vpnfc::ObjectLock running_reload(store().tokensLock);
+        stopper = std::thread([] { CM::Finit(); });
+        until([] {
+            CM::CertStorage::PutReloadEvent(CM::kReloadAll);
+            return vendor_host::PendingEvents() == 0;  // ignored already
+        });
+        vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
+        store().ReloadCertificatesAsync();  // is not, and waits for the lock as the stopper does
+        until([] { return vendor_host::PendingEvents() == 0; });
+    }
     stopper.join();
-    EXPECT_TRUE(store().otherCerts.empty());
+    EXPECT_TRUE(store().trustedCerts.empty());
+    CM::CertStorage::PutReloadEvent(CM::kReloadAll);
     EXPECT_EQ(vendor_host::PendingEvents(), 0U);
 }
 
