@@ -134,12 +134,16 @@ int RunExchangeCommand(ExchangeCommand& command) {
 }
 
 void AddProvision(CLI::App& app, ProvisionOptions& options) {
-    CLI::App* provision = app.add_subcommand("provision", "Makes a SoftHSM2 token with a host's key and certificates");
+    CLI::App* provision = app.add_subcommand(
+        "provision", "Makes a token with a host's key and certificates, with SoftHSM2 or a module like it");
     provision->footer(
         "A PIN file that is not there is written with a random PIN; one that is there must have mode 0600.\n"
         "Certificates and keys are PEM files.\n\n" +
         std::string(kExitCodes));
-    AddRequired(*provision, "--state", options.state, "FOLDER", "State folder of SoftHSM2; made when absent");
+    AddRequired(*provision, "--state", options.state, "FOLDER", "State folder of the module; made when absent");
+    provision
+        ->add_option("--module", options.module, "PKCS#11 module that takes \"directory=FOLDER\"; default SoftHSM2")
+        ->option_text("FILE");
     AddRequired(*provision, "--label", options.label, "TEXT", "Label of the token");
     AddRequired(*provision, "--pin-file", options.pin_file, "FILE", "PIN of the user");
     AddRequired(*provision, "--so-pin-file", options.so_pin_file, "FILE", "PIN of the security officer");

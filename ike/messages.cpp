@@ -90,9 +90,25 @@ std::string SignedOctets(const SignedInput& input) {
     return input.own_hello + input.peer_nonce + KeyedDigest(EVP_sha256(), input.peer_nonce, IdentityPayload(input));
 }
 
+namespace {
+
+/// One with as many bytes as the key signs.
+const EVP_MD* DigestFor(pki_alg_t key_alg) {
+    switch (key_alg) {
+        case PKI_KEY_DSA:
+            return EVP_sha1();
+        case PKI_KEY_GOST2012_512:
+            return EVP_sha512();
+        default:
+            return EVP_sha256();
+    }
+}
+
+}  // namespace
+
 std::string ExchangeHash(const SignedInput& input, pki_alg_t key_alg) {
-    const EVP_MD* md = key_alg == PKI_KEY_DSA ? EVP_sha1() : EVP_sha256();
-    return KeyedDigest(md, input.peer_nonce, input.own_hello + input.peer_hello + IdentityPayload(input));
+    return KeyedDigest(DigestFor(key_alg), input.peer_nonce,
+                       input.own_hello + input.peer_hello + IdentityPayload(input));
 }
 
 }  // namespace ikeauth

@@ -46,7 +46,7 @@ struct SignedInput {
 
 /// IKEv2: the signed octets (own first message, the peer's nonce, a keyed digest of the identity).
 std::string SignedOctets(const SignedInput& input);
-/// IKEv1: the hash of the exchange, as long as the key algorithm takes it (DSA: 20 bytes).
+/// IKEv1: the hash of the exchange, as long as the key algorithm takes it (DSA: 20 bytes, GOST keys of 512 bits: 64).
 std::string ExchangeHash(const SignedInput& input, pki_alg_t key_alg);
 
 }  // namespace ikeauth

@@ -65,13 +65,22 @@ bool ReadCert(const std::string& path, CertFile& cert) {
            CertEngine_RawPubKey(handle.get(), cert.spki, cert.key_hash);
 }
 
+using KeyInfo = std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)>;
+
+/// In the form of PKCS #8 as it stands, whatever the algorithm; the older forms are libcrypto's to read.
+KeyInfo ReadKeyInfo(BIO* file) {
+    KeyInfo info(PEM_read_bio_PKCS8_PRIV_KEY_INFO(file, nullptr, nullptr, nullptr), PKCS8_PRIV_KEY_INFO_free);
+    if (info != nullptr || BIO_reset(file) != 0) return info;
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+        PEM_read_bio_PrivateKey(file, nullptr, nullptr, const_cast<char*>("")), EVP_PKEY_free);
+    if (key != nullptr) info.reset(EVP_PKEY2PKCS8(key.get()));
+    return info;
+}
+
 /// PrivateKeyInfo DER of a PEM private key without password.
 bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
     const std::unique_ptr<BIO, decltype(&BIO_free_all)> file(BIO_new_file(path.c_str(), "r"), BIO_free_all);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        file ? PEM_read_bio_PrivateKey(file.get(), nullptr, nullptr, const_cast<char*>("")) : nullptr, EVP_PKEY_free);
-    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)> info(
-        key ? EVP_PKEY2PKCS8(key.get()) : nullptr, PKCS8_PRIV_KEY_INFO_free);
+    const KeyInfo info = file ? ReadKeyInfo(file.get()) : KeyInfo(nullptr, PKCS8_PRIV_KEY_INFO_free);
     unsigned char* der = nullptr;
     const int length = info ? i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der) : -1;
     if (length <= 0) return Complain(path + ": not an unencrypted PEM private key");
@@ -165,20 +174,31 @@ class TokenWriter {
     unsigned char last_id_ = 0;
 };
 
+bool PrepareProvider(const ProvisionOptions& options, tokens::Provider& provider) {
+    const std::string state = std::filesystem::absolute(options.state);
+    if (!options.module.empty()) {
+        const std::string module = std::filesystem::absolute(options.module);
+        provider = {.name = "module", .module_path = module, .init_args = "directory=" + state};
+        return true;
+    }
+    provider = {.name = "softhsm", .module_path = tokens::SoftHsmModulePath()};
+    if (provider.module_path.empty()) return Complain("SoftHSM2 is not installed: install softhsm2");
+    std::string error;
+    return tokens::PrepareSoftHsm(state, error) || Complain("state folder " + error);
+}
+
 bool Provision(const ProvisionOptions& options) {
     vpnfc::SecretString pin;
     vpnfc::SecretString so_pin;
     if (!ReadOrMakePin(options.pin_file, pin) || !ReadOrMakePin(options.so_pin_file, so_pin)) return false;
 
     std::string error;
-    const std::string module = tokens::SoftHsmModulePath();
-    if (module.empty()) return Complain("SoftHSM2 is not installed: install softhsm2");
-    const std::string state = std::filesystem::absolute(options.state);
-    if (!tokens::PrepareSoftHsm(state, error)) return Complain("state folder " + error);
-    if (!tokens::Start({.providers = {{.name = "softhsm", .module_path = module}}}, error)) return Complain(error);
+    tokens::Provider provider;
+    if (!PrepareProvider(options, provider)) return false;
+    if (!tokens::Start({.providers = {provider}}, error)) return Complain(error);
 
     PKCS11::TokenInfo token;
-    if (!tokens::InitToken("softhsm", options.label, so_pin, pin, token, error)) return Complain(error);
+    if (!tokens::InitToken(provider.name, options.label, so_pin, pin, token, error)) return Complain(error);
     TokenWriter writer(token);
     return writer.WriteHost(options, pin) && writer.WriteTrusted(options.trusted, so_pin);
 }

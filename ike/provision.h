@@ -1,4 +1,4 @@
-// Makes a SoftHSM2 token for a host: its key pair and certificate, other certificates and trusted ones.
+// Makes a token for a host: its key pair and certificate, other certificates and trusted ones.
 #pragma once
 
 #include <string>
@@ -7,7 +7,8 @@
 namespace ikeauth {
 
 struct ProvisionOptions {
-    std::string state;  // state directory of SoftHSM2; made when absent
+    std::string state;  // state directory of the token's module; made when absent
+    std::string module;  // PKCS #11 module that takes "directory=STATE"; empty: SoftHSM2
     std::string label;
     std::string pin_file;  // user PIN; written (mode 0600) with a random PIN when the file is not there
     std::string so_pin_file;  // likewise for the security officer

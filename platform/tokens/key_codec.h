@@ -1,7 +1,8 @@
 // Keys and signatures between their X.509 forms and those of PKCS #11.
 //
-// Standards: RFC 5280, 3279, 5480, 8410, 9215 (SubjectPublicKeyInfo), RFC 5208 and 5915 (private keys), PKCS #11 v2.40
-// (components). Everything that is read may come from a peer or from a damaged token; sizes are bounded here.
+// Standards: RFC 5280, 3279, 5480, 8410, 4491, 9215 (SubjectPublicKeyInfo), RFC 5208 and 5915 (private keys),
+// PKCS #11 v2.40 (components). GOST keys and signatures have one byte order in X.509 and PKCS #11; IKEv1 turns those of
+// 34.10-2001 around, which is the business of who speaks IKE. Everything that is read may come from a peer or from a damaged token; sizes are bounded here.
 #pragma once
 
 #include <span>

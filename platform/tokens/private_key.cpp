@@ -73,27 +73,29 @@ bool ReadEd25519Private(std::string_view der, PrivateKey& key) {
     return true;
 }
 
-/// The number stands in an OCTET STRING, least significant byte first, or in an INTEGER.
+/// The number stands there as it is, least significant byte first, or so in an OCTET STRING, or in an INTEGER. Its size
+/// decides first: a number as it is may begin like anything.
 bool ReadGostPrivate(const KeyAlgorithm& algorithm, std::string_view der, PrivateKey& key) {
     const std::size_t size = GostKeyBytes(algorithm.alg);
     std::vector<std::string> sets;
-    DerReader reader(der);
     SecretString number;
     std::string_view content;
+    DerReader reader(der);
     if (!ReadGostParameters(algorithm.parameters, algorithm.alg, sets)) return false;
-    if (!der.empty() && der[0] == kTagInteger) {
-        if (!ReadPositive(reader, size, content)) return false;
+    if (der.size() == size) {
+        number = SecretString(der);
+    } else if (reader.Read(kTagOctetString, content) && reader.AtEnd() && content.size() == size) {
+        number = SecretString(content);
+    } else if (ReadPositive(reader, size, content) && reader.AtEnd()) {
         number.edit().reserve(size);
         number.edit().assign(content.rbegin(), content.rend());
         number.edit().resize(size, '\0');
-    } else if (!reader.Read(kTagOctetString, content) || content.size() != size) {
-        return false;
     } else {
-        number.edit().assign(content);
+        return false;
     }
     for (const std::string& set : sets) Add(key.components, set);
     key.components.push_back(std::move(number));
-    return reader.AtEnd();
+    return true;
 }
 
 bool ReadPrivate(const KeyAlgorithm& algorithm, std::string_view der, PrivateKey& key) {
@@ -157,7 +159,7 @@ void WriteParts(CK_KEY_TYPE type, const std::vector<SecretString>& components, P
         case CKK_EC_EDWARDS:
             return asn1::AppendTlv(parts.key.edit(), kTagOctetString, components[1].get());
         default:
-            parts.parameters = Tlv(kTagSequence, components[0].get() + components[1].get());
+            parts.parameters = GostParametersDer(components[0].get(), components[1].get());
             return asn1::AppendTlv(parts.key.edit(), kTagOctetString, components[2].get());
     }
 }

@@ -84,16 +84,22 @@ TEST(PublicKeys, GostKeysRoundTrip) {
         const char* digest;
         std::size_t bytes;
         pki_alg_t alg;
+        bool digest_written;
     } const cases[] = {
-        {"1.2.643.2.2.19", "1.2.643.2.2.35.1", "1.2.643.2.2.30.1", 64, PKI_KEY_GOST2001},
-        {"1.2.643.7.1.1.1.1", "1.2.643.2.2.35.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256},
-        {"1.2.643.7.1.1.1.2", "1.2.643.7.1.2.1.2.1", "1.2.643.7.1.1.2.3", 128, PKI_KEY_GOST2012_512},
+        {"1.2.643.2.2.19", "1.2.643.2.2.35.1", "1.2.643.2.2.30.1", 64, PKI_KEY_GOST2001, true},
+        {"1.2.643.7.1.1.1.1", "1.2.643.2.2.35.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256, true},
+        {"1.2.643.7.1.1.1.1", "1.2.643.7.1.2.1.1.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256, false},
+        {"1.2.643.7.1.1.1.2", "1.2.643.7.1.2.1.2.1", "1.2.643.7.1.1.2.3", 128, PKI_KEY_GOST2012_512, false},
     };
     for (const auto& c : cases) {
-        const std::string spki = Spki(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + der::Oid(c.digest)),
-                                      der::OctetString(std::string(c.bytes, 'k')));
+        const auto make = [&](bool with_digest) {
+            const std::string digest = with_digest ? der::Oid(c.digest) : std::string();
+            return Spki(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + digest),
+                        der::OctetString(std::string(c.bytes, 'k')));
+        };
+        const std::string spki = make(c.digest_written);
         tokens::PublicKey key;
-        ASSERT_TRUE(tokens::PublicKeyFromSpki(spki, key)) << c.key;
+        ASSERT_TRUE(tokens::PublicKeyFromSpki(make(true), key)) << c.key;
         EXPECT_EQ(key.alg, c.alg);
         EXPECT_EQ(key.components.back(), std::string(c.bytes, 'k'));
         EXPECT_EQ(tokens::KeyAlgOfObject(key.type, key.components[1]), c.alg);

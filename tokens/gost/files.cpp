@@ -111,14 +111,18 @@ void PutFolder(const fs::path& folder, const fs::path& place) {
     SyncFolder(place.parent_path());
 }
 
-fs::path TemporaryName(const fs::path& folder) {
+std::string RandomName() {
     static constexpr char kDigits[] = "0123456789abcdef";
-    std::string name(kTemporaryPrefix);
+    std::string name;
     for (const char byte : RandomBytes(kNameBytes)) {
         name.push_back(kDigits[static_cast<unsigned char>(byte) >> 4]);
         name.push_back(kDigits[static_cast<unsigned char>(byte) & 0xF]);
     }
-    return folder / name;
+    return name;
+}
+
+fs::path TemporaryName(const fs::path& folder) {
+    return folder / std::string(kTemporaryPrefix).append(RandomName());
 }
 
 void RemoveLeftovers(const fs::path& folder) {

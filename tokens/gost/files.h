@@ -30,7 +30,9 @@ void WriteFile(const std::filesystem::path& path, std::string_view content);
 bool MakePrivateFolder(const std::filesystem::path& folder);
 /// Puts a folder in the place of another one, which takes the first one's name, or where there was none.
 void PutFolder(const std::filesystem::path& folder, const std::filesystem::path& place);
-/// A name that no other writer chooses; what bears it and is left over counts as not there.
+/// Sixteen hexadecimal digits that no other writer chooses.
+std::string RandomName();
+/// A name under which nothing counts as there yet.
 std::filesystem::path TemporaryName(const std::filesystem::path& folder);
 /// Removes what a process that was killed left in the folder an hour ago or more.
 void RemoveLeftovers(const std::filesystem::path& folder);

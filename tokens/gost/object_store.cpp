@@ -79,7 +79,7 @@ void ObjectStore::Write(const std::string& file, const Attributes& object, const
 }
 
 CK_OBJECT_HANDLE ObjectStore::Add(Attributes object, const Access& access) {
-    const std::string file = TemporaryName(folder_).filename().string().substr(1).append(kSuffix);
+    const std::string file = RandomName().append(kSuffix);
     Write(file, object, access);
     const auto written = by_file_.find(file);
     Require(written != by_file_.end() && Find(written->second) != nullptr, CKR_DEVICE_ERROR);
