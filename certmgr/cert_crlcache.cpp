@@ -28,21 +28,24 @@ namespace {
 /// What addresses answered that is no use, each until its time is over. Guarded by the cache's lock.
 class FailureMemory {
   public:
-    void Note(const std::string& key, std::string outcome);
-    void Forget(const std::string& key) { failures_.erase(key); }
+    /// An address, and the public key of the one issuer that its answer is no use for; empty: for nobody.
+    using Key = std::pair<std::string, std::string>;
+
+    void Note(const Key& key, std::string outcome);
+    void Forget(const Key& key) { failures_.erase(key); }
     void Clear() { failures_.clear(); }
     /// What the log says of a failure that is not older than that.
-    std::optional<std::string> Recall(const std::string& key, std::uint32_t seconds) const;
+    std::optional<std::string> Recall(const Key& key, std::uint32_t seconds) const;
 
   private:
     struct Failure {
         std::time_t at;
         std::string outcome;
     };
-    std::map<std::string, Failure> failures_;
+    std::map<Key, Failure> failures_;
 };
 
-void FailureMemory::Note(const std::string& key, std::string outcome) {
+void FailureMemory::Note(const Key& key, std::string outcome) {
     if (failures_.size() >= kMaxCrlFailures && !failures_.contains(key)) {
         failures_.erase(std::min_element(failures_.begin(), failures_.end(),
                                          [](const auto& a, const auto& b) { return a.second.at < b.second.at; }));
@@ -50,7 +53,7 @@ void FailureMemory::Note(const std::string& key, std::string outcome) {
     failures_[key] = {vpnfc::CurrentTime(), std::move(outcome)};
 }
 
-std::optional<std::string> FailureMemory::Recall(const std::string& key, std::uint32_t seconds) const {
+std::optional<std::string> FailureMemory::Recall(const Key& key, std::uint32_t seconds) const {
     const auto found = failures_.find(key);
     if (found == failures_.end()) return std::nullopt;
     const std::time_t age = vpnfc::CurrentTime() - found->second.at;
@@ -61,6 +64,7 @@ std::optional<std::string> FailureMemory::Recall(const std::string& key, std::ui
 // Guarded by the cache's lock.
 FailureMemory g_failures;
 std::map<std::string, std::shared_future<CrlAnswer>> g_flights;  // transfers under way, by address
+std::uint64_t g_generation = 0;  // counts what made a CRL that is under way one of yesterday
 
 /// Takes the module out of the parameter server, and closes the CRLs while libcrypto still works, when the library goes
 /// away without CM::Finit. Constructed after, so destroyed before what is above.
@@ -72,9 +76,19 @@ struct AtUnload {
     AtUnload& operator=(const AtUnload&) = delete;
 } g_at_unload;
 
+/// Failures with an address, whoever asks it.
+FailureMemory::Key AddressKey(const CrlRequest& request) {
+    return {request.address, {}};
+}
+
 /// Failures of one issuer's certificates with an address that others may be content with.
-std::string IssuerKey(const CrlRequest& request) {
-    return request.address + '\n' + request.issuer.pubKeyHash;
+FailureMemory::Key IssuerKey(const CrlRequest& request) {
+    return {request.address, request.issuer.pubKeyHash};
+}
+
+/// Has the address not asked again for a while, unless it was asked before something changed.
+void NoteUnderLock(const FailureMemory::Key& key, const CrlAnswer& answer, const CrlParams& params) {
+    if (params.retry_seconds != 0 && answer.generation == g_generation) g_failures.Note(key, answer.outcome);
 }
 
 CrlRef FindUnderLock(const std::string& address) {
@@ -88,13 +102,22 @@ std::uint64_t CachedBytesUnderLock() {
     return bytes;
 }
 
-/// Puts a CRL under its address, in place of what was there. What was downloaded first goes when there is no room.
-void Keep(const CrlRef& crl, const CrlParams& params) {
+bool IsOlder(const CrlRef& crl, const CrlRef& other) {
+    return other->info.thisUpdate != CERT_TIME_UNKNOWN && crl->info.thisUpdate < other->info.thisUpdate;
+}
+
+/// Puts a CRL under its address, in place of what was there; nothing when a newer one is there, which is the result,
+/// unless that is the one to be `ignored`. What was downloaded first goes when there is no room.
+CrlRef Keep(const CrlAnswer& answer, const CrlParams& params, const CrlRef& ignored) {
+    const CrlRef& crl = answer.crl;
     std::vector<CrlRef> dropped;  // destroyed without the lock
     const vpnfc::ObjectLock lock(g_crl_db_lock);
-    if (!params.keep || crl->rawCrl().size() > params.keep_max_bytes) return;
-    if (const auto place = g_crl_db.find(&crl->uri); place != g_crl_db.end()) {
-        if (place->second == crl) return;
+    const auto place = g_crl_db.find(&crl->uri);
+    if (place != g_crl_db.end() && place->second != ignored && IsOlder(crl, place->second)) return place->second;
+    const bool outdated = answer.generation != g_generation || params.generation != g_generation;
+    if (!params.keep || outdated || crl->rawCrl().size() > params.keep_max_bytes) return nullptr;
+    if (place != g_crl_db.end()) {
+        if (place->second == crl) return nullptr;
         dropped.push_back(place->second);
         g_crl_db.erase(place);
     }
@@ -108,6 +131,7 @@ void Keep(const CrlRef& crl, const CrlParams& params) {
         g_crl_db.erase(oldest);
     }
     g_crl_db.emplace(&crl->uri, crl);
+    return nullptr;
 }
 
 // --- One transfer ---
@@ -141,7 +165,7 @@ CrlAnswer Transfer(const CrlRequest& request) {
     std::string note;
     const bool received =
         download_data_from_uri(request.address.c_str(), data, content_type, request.params.timeout_seconds, &note);
-    CrlAnswer answer;
+    CrlAnswer answer{.generation = request.params.generation};
     log_content_type_(answer.received, content_type);
     log_data_(answer.received, data);
     const auto because = [&note](const char* text) { return note.empty() ? text : std::string(text) + ": " + note; };
@@ -179,7 +203,7 @@ class Flight {
     Flight(const Flight&) = delete;
     Flight& operator=(const Flight&) = delete;
 
-    CrlAnswer answer{.crl = nullptr, .received = {}, .outcome = "no data"};
+    CrlAnswer answer{.outcome = "no data"};
 
   private:
     void Land() {
@@ -187,46 +211,59 @@ class Flight {
             const vpnfc::ObjectLock lock(g_crl_db_lock);
             g_flights.erase(request_.address);
             if (answer.crl != nullptr) {
-                g_failures.Forget(request_.address);
-            } else if (request_.params.retry_seconds != 0) {
-                g_failures.Note(request_.address, answer.outcome);
+                g_failures.Forget(AddressKey(request_));
+            } else {
+                NoteUnderLock(AddressKey(request_), answer, request_.params);
             }
+            UnmarkUnderLock();
         }
         promise_.set_value(std::move(answer));
+    }
+    /// What was to be downloaded again has been, or cannot be. Until now whoever met the mark waited for this.
+    void UnmarkUnderLock() const {
+        const CrlRef cached = FindUnderLock(request_.address);
+        if (cached == nullptr || answer.generation != g_generation) return;
+        if (answer.crl == nullptr || answer.crl == cached || IsOlder(answer.crl, cached)) cached->refresh = false;
     }
 
     const CrlRequest& request_;
     std::promise<CrlAnswer> promise_;
 };
 
+/// The newer CRL that a cached one is; whoever answers in a server's place cannot take back a revocation that was seen.
+CrlAnswer Older(const CrlRef& newer) {
+    return {
+        .crl = newer,
+        .outcome = "CRL is older than the cached one, first downloaded at: " + CertTimeToString(newer->downloadedAt)};
+}
+
+/// Whether what the cache has from another address is current, but for its mark, newer, and for the same certificates.
+bool KnownIsBetter(const CrlRequest& request, const CrlRef& crl) {
+    const CrlRef& known = request.known;
+    return known != nullptr && known != crl && request.now < known->info.nextUpdate && IsOlder(crl, known) &&
+           known->scope() == crl->scope();
+}
+
 /// 3.4. and 3.5. The answer as it is for this issuer: a CRL that it has signed is kept, another one is none.
 CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
     if (answer.crl == nullptr) return answer;
-    const SignatureCheck check = answer.crl->CheckSignature(&request.issuer);
+    bool definite = false;
+    const SignatureCheck check = answer.crl->CheckSignature(&request.issuer, &definite);
     if (check != kSignatureRight) {
         answer.crl = nullptr;
         answer.outcome = SignatureCheckText(check);
-        if (check == kSignatureWrong && request.params.retry_seconds != 0) {
-            const vpnfc::ObjectLock lock(g_crl_db_lock);
-            g_failures.Note(IssuerKey(request), answer.outcome);
-        }
-        return answer;
-    }
-    CrlRef cached;
-    {
         const vpnfc::ObjectLock lock(g_crl_db_lock);
-        cached = FindUnderLock(answer.crl->uri);
-    }
-    // Whoever answers in the server's place cannot take back a revocation that was seen already.
-    if (cached != nullptr && cached->info.thisUpdate != CERT_TIME_UNKNOWN &&
-        answer.crl->info.thisUpdate < cached->info.thisUpdate &&
-        cached->CheckSignature(&request.issuer) == kSignatureRight) {
-        answer.crl = cached;
-        answer.outcome =
-            "CRL is older than the cached one, first downloaded at: " + CertTimeToString(cached->downloadedAt);
+        if (definite) NoteUnderLock(IssuerKey(request), answer, request.params);
+        const bool tried = request.known != nullptr && request.known == FindUnderLock(request.address);
+        if (tried && answer.generation == g_generation) request.known->refresh = false;
         return answer;
     }
-    Keep(answer.crl, request.params);
+    if (KnownIsBetter(request, answer.crl)) return Older(request.known);
+    CrlRef ignored;
+    while (const CrlRef newer = Keep(answer, request.params, ignored)) {
+        if (newer->CheckSignature(&request.issuer) == kSignatureRight) return Older(newer);
+        ignored = newer;
+    }
     return answer;
 }
 
@@ -240,7 +277,7 @@ CrlRef CurrentUnderLock(const CrlRequest& request) {
 /// What the log says of a failure that this request need not repeat.
 std::optional<std::string> RecallUnderLock(const CrlRequest& request) {
     auto outcome = g_failures.Recall(IssuerKey(request), request.params.retry_seconds);
-    return outcome ? outcome : g_failures.Recall(request.address, request.params.retry_seconds);
+    return outcome ? outcome : g_failures.Recall(AddressKey(request), request.params.retry_seconds);
 }
 
 }  // namespace
@@ -255,9 +292,7 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
             const vpnfc::ObjectLock lock(g_crl_db_lock);
             cached = CurrentUnderLock(request);
             if (cached == nullptr || cached == refused) {
-                if (auto outcome = RecallUnderLock(request)) {
-                    return {.crl = nullptr, .received = {}, .outcome = std::move(*outcome)};
-                }
+                if (auto outcome = RecallUnderLock(request)) return {.outcome = std::move(*outcome)};
                 if (const auto flight = g_flights.find(request.address); flight != g_flights.end()) {
                     others = flight->second;
                 } else {
@@ -266,9 +301,7 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
             }
         }
         if (own || others.valid()) break;
-        if (cached->CheckSignature(&request.issuer) == kSignatureRight) {
-            return {.crl = std::move(cached), .received = {}, .outcome = {}};
-        }
+        if (cached->CheckSignature(&request.issuer) == kSignatureRight) return {.crl = std::move(cached)};
         refused = std::move(cached);
     }
     if (!own) {
@@ -280,13 +313,19 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
 }
 
 CrlParams CrlParams::Read() {
+    // Before the settings: whoever changes them counts on afterwards.
+    const std::uint64_t generation = [] {
+        const vpnfc::ObjectLock lock(g_crl_db_lock);
+        return g_generation;
+    }();
     const LPARAMS::CertParams& block = LPARAMS::server.cert;
     const vpnfc::ObjectLock lock(block);
     return {.timeout_seconds = block.crl_download_timeout_seconds,
             .keep = block.crl_cache != 0,
             .keep_max_bytes = block.crl_cache_max_bytes,
             .retry_seconds = block.crl_retry_seconds,
-            .honour_scope = block.honour_crl_scope};
+            .honour_scope = block.honour_crl_scope,
+            .generation = generation};
 }
 
 // --- The cache's life ---
@@ -311,6 +350,7 @@ void ClearDownloadedCrlDB() {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     g_crl_db.swap(old);
     g_failures.Clear();
+    ++g_generation;
 }
 
 int FiniDownloadedCrlDB() {
@@ -331,6 +371,7 @@ void cm_crl_apply_lparams_(bool first) {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     for (const auto& [uri, crl] : g_crl_db) crl->refresh = true;
     g_failures.Clear();
+    ++g_generation;
 }
 
 bool DeleteDownloadedCrlDB(const PKCS11::TokenInfo& token, const CRLInfo& info) {
@@ -356,11 +397,14 @@ void EnumDownloadedCrlDB(CommandStreamOut& stream) {
     }
 }
 
-CachedCrl TakeCachedCrl(const std::string& address) {
+CrlRef FindCachedCrl(const std::string& address) {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
-    CachedCrl cached{.crl = FindUnderLock(address)};
-    if (cached.crl != nullptr) cached.marked = std::exchange(cached.crl->refresh, false);
-    return cached;
+    return FindUnderLock(address);
+}
+
+bool IsMarked(const X509CRL& crl) {
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    return crl.refresh;
 }
 
 void DropCachedCrl(const CrlRef& crl) {

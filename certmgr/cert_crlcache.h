@@ -62,24 +62,24 @@ struct CrlParams {
     std::uint64_t keep_max_bytes;
     std::uint32_t retry_seconds;
     bool honour_scope;
+    std::uint64_t generation;  // of the cache: what is transferred for another one is not kept
 
     static CrlParams Read();
 };
 
-/// A CRL of the cache as a check met it.
-struct CachedCrl {
-    CrlRef crl;  // null: none
-    bool marked = false;  // it was to be downloaded again; the mark is cleared
-};
-CachedCrl TakeCachedCrl(const std::string& address);
+/// The CRL that the cache has for the address; null: none.
+CrlRef FindCachedCrl(const std::string& address);
+/// Whether a CRL of the cache is to be downloaded again.
+bool IsMarked(const X509CRL& crl);
 /// Takes a CRL out, unless another one has its place by now.
 void DropCachedCrl(const CrlRef& crl);
 
 /// What asking an address came to.
 struct CrlAnswer {
-    CrlRef crl;  // null: nothing
-    std::string received;  // for the log: content type and data
-    std::string outcome;  // for the log
+    CrlRef crl = nullptr;  // null: nothing
+    std::string received = {};  // for the log: content type and data
+    std::string outcome = {};  // for the log
+    std::uint64_t generation = 0;  // of the cache when it was asked for
 };
 
 /// What is wanted from an address.

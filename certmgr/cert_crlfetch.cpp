@@ -17,6 +17,7 @@
 #include <memory>
 #include <new>
 
+#include "platform/asn1.h"
 #include "platform/params.h"
 
 namespace {
@@ -26,6 +27,8 @@ constexpr const char* kProtocols = "http,https,ldap,ldaps";
 constexpr const char* kRedirectProtocols = "http,https";
 /// What a transfer may receive beside the CRL: headers, names, the answers that redirect.
 constexpr std::uint64_t kEnvelopeBytes = 256U << 10;
+/// Of what a CRL may take, the share that TLS records and chunks may add to it.
+constexpr std::uint64_t kFramingShare = 8;
 
 using CurlHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 
@@ -153,7 +156,7 @@ int Reception::Close(int fd) {
 bool Reception::WithinLimit() {
     std::uint64_t received = received_;
     for (const CM::TransferSocket& socket : sockets_) received += socket.BytesReceived();
-    too_large_ = too_large_ || received > limit_ + kEnvelopeBytes;
+    too_large_ = too_large_ || received > limit_ + limit_ / kFramingShare + kEnvelopeBytes;
     return !too_large_;
 }
 
@@ -287,7 +290,9 @@ const std::string& cm_crl_tune_uri_source_addr_(const std::string& uri, const st
     return work;
 }
 
-std::string PrintableUri(const std::string& uri) {
+namespace {
+
+std::string WithoutCredentials(const std::string& uri) {
     constexpr std::string_view kAfterScheme = "://";
     if (uri.find('@') == std::string::npos) return uri;
     const std::size_t scheme_end = std::min(uri.find(kAfterScheme), uri.size());
@@ -304,6 +309,12 @@ std::string PrintableUri(const std::string& uri) {
     // Of what is not written as it should be nobody knows what is taken for a password.
     if (!has_scheme || !has_host || !(at != std::string::npos || has_port)) return "(address with credentials)";
     return at == std::string::npos ? uri : uri.substr(0, begin) + uri.substr(begin + at + 1);
+}
+
+}  // namespace
+
+std::string PrintableUri(const std::string& uri) {
+    return asn_text_to_printable(WithoutCredentials(uri));
 }
 
 void LdapValueFinder::Take(std::string_view chunk, std::string& value) {

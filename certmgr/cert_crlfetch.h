@@ -24,7 +24,7 @@ namespace CM {
 const std::string& cm_crl_tune_uri_source_addr_(const std::string& uri, const std::string& default_server,
                                                 std::string& work);
 
-/// The address as it may be shown: without user name and password.
+/// The address as it may be shown: without user name and password, and with the escapes of asn_text_to_printable.
 std::string PrintableUri(const std::string& uri);
 
 /// Finds the value in the text that libcurl makes of an LDAP search, which comes in chunks that may end anywhere:

@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include "certmgr/cert_crlfetch.h"
 #include "certmgr/x509cert.h"
 
 namespace CM {
@@ -48,7 +49,7 @@ bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Ce
     if (reason.empty() && crl.info.issuer != cert.info.issuer) reason = "of another issuer: " + crl.info.issuer;
     if (reason.empty() && !PointFits(scope, source_uri, cert)) {
         reason = "for another distribution point";
-        if (!scope.uris.empty()) reason += ": " + scope.uris.front();
+        if (!scope.uris.empty()) reason += ": " + PrintableUri(scope.uris.front());
     }
     if (reason.empty()) return true;
     why_not = std::move(reason);

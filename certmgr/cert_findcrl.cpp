@@ -67,7 +67,7 @@ CrlRef Search(const CrlList& crls, std::size_t& next, const X509Cert& issuer, st
     const CrlRef chosen = position != crls.size() ? crls[position] : nullptr;
     if (log == nullptr) return chosen;
     if (chosen != nullptr && !LogsCrlDetails()) {
-        log->append(kChosenCrl).append(Dates(*chosen));
+        log->assign(kChosenCrl).append(Dates(*chosen));
         return chosen;
     }
     log->append(kCheckedCrls).append(std::to_string(next - first)).append("):");

@@ -63,6 +63,19 @@ std::string Rendered(const RevokedEntry& entry) {
            ", reason: " + ReasonName(entry.reason);
 }
 
+/// Why an address is of no use; null when it is worth a transfer.
+const char* WhyNotAsked(const std::string& address) {
+    constexpr std::string_view kAfterScheme = "://";
+    if (address.size() > kMaxAddressBytes) return "not asked: the address is too long";
+    const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7F; };
+    if (std::any_of(address.begin(), address.end(), is_control)) return "not asked: the address is malformed";
+    // What libcurl would guess a scheme for, or take the first part of the path for the host of.
+    const std::size_t scheme_end = address.find(kAfterScheme);
+    if (scheme_end == std::string::npos) return "not asked: the address names no scheme";
+    const std::size_t host = scheme_end + kAfterScheme.size();
+    return host == address.size() || address[host] == '/' ? "not asked: the address names no host" : nullptr;
+}
+
 /// What a CRL says of the certificate.
 enum class Finding : std::uint8_t {
     kOpen,  // nothing
@@ -128,34 +141,39 @@ void RevocationCheck::CompleteAddresses() {
     const std::vector<std::string>& named = cert_.names().crlUris;
     addresses_.reserve(std::min(named.size(), kMaxAddresses));
     std::string work;
-    for (const std::string& uri : named) {
-        const std::string& used = cm_crl_tune_uri_source_addr_(uri, default_server_, work);
-        const char* refused = nullptr;
-        if (addresses_.size() == kMaxAddresses) refused = "not asked: the certificate names too many addresses";
-        if (used.size() > kMaxAddressBytes) refused = "not asked: the address is too long";
-        if (used.find('\0') != std::string::npos) refused = "not asked: the address is malformed";
-        if (refused != nullptr) {
-            LogTransfer(uri, used, {.crl = nullptr, .received = {}, .outcome = refused});
+    for (std::size_t i = 0; i < named.size(); ++i) {
+        const std::string& used = cm_crl_tune_uri_source_addr_(named[i], default_server_, work);
+        const auto same = [&used](const Address& address) { return address.used == used; };
+        if (std::any_of(addresses_.begin(), addresses_.end(), same)) continue;
+        if (addresses_.size() == kMaxAddresses) {
+            const std::string count = std::to_string(named.size() - i);
+            LogTransfer(named[i], used,
+                        {.outcome = "not asked: the certificate names too many addresses, the last " + count +
+                                    " are left out"});
+            return;
+        }
+        if (const char* const refused = WhyNotAsked(used)) {
+            LogTransfer(named[i], used, {.outcome = refused});
         } else {
-            addresses_.push_back({uri, used});
+            addresses_.push_back({named[i], used});
         }
     }
 }
 
-/// 1. and 2. The first address that has a CRL in the cache gives it. Where that does not cover the certificate, the next
-/// one does.
+/// 1. and 2. The first address that has a CRL of the issuer's in the cache gives it. Where that does not cover the
+/// certificate, the next one does.
 Finding RevocationCheck::JudgeCached() {
     for (Address& address : addresses_) {
-        const CachedCrl cached = TakeCachedCrl(address.used);
-        if (cached.crl == nullptr) continue;
-        if (cached.marked || cached.crl->info.nextUpdate <= now_ ||
-            cached.crl->CheckSignature(&issuer_) != kSignatureRight) {
-            known_ = cached.crl;
-            known_marked_ = cached.marked;
+        const CrlRef cached = FindCachedCrl(address.used);
+        if (cached == nullptr || cached->CheckSignature(&issuer_) != kSignatureRight) continue;
+        const bool marked = IsMarked(*cached);
+        if (marked || cached->info.nextUpdate <= now_) {
+            known_ = cached;
+            known_marked_ = marked;
             return Finding::kOpen;
         }
         address.judged = true;
-        if (const Finding finding = Judge(*cached.crl, false); finding != Finding::kOpen) return finding;
+        if (const Finding finding = Judge(*cached, false); finding != Finding::kOpen) return finding;
     }
     return Finding::kOpen;
 }
@@ -167,10 +185,12 @@ Finding RevocationCheck::JudgeDownloaded() {
         const CrlAnswer answer = ObtainCrl({address.used, issuer_, known_, params_, now_});
         LogTransfer(address.named, address.used, answer);
         if (answer.crl == nullptr) continue;
+        const Finding finding = Judge(*answer.crl, false);
+        if (finding == Finding::kOpen && answer.crl != known_) continue;
         // 3.5. It takes the place of what another address had given.
         if (known_ != nullptr && answer.crl != known_) DropCachedCrl(known_);
         known_ = nullptr;
-        if (const Finding finding = Judge(*answer.crl, false); finding != Finding::kOpen) return finding;
+        if (finding != Finding::kOpen) return finding;
     }
     return Finding::kOpen;
 }
@@ -182,7 +202,6 @@ Finding RevocationCheck::JudgeStored() {
     const bool told = strict_ || LogsCrlDetails();
     const auto next = [&] { return stored.Next(&issuer_, told ? &searched_ : nullptr); };
     CrlRef crl = next();
-    if (known_ != nullptr && known_->CheckSignature(&issuer_) != kSignatureRight) known_ = nullptr;
     const bool newer = known_ != nullptr && (crl == nullptr || known_->info.thisUpdate > crl->info.thisUpdate);
     if (newer && !strict_) {
         if (const Finding finding = Judge(*known_, known_marked_); finding != Finding::kOpen) return finding;
@@ -199,8 +218,11 @@ Finding RevocationCheck::JudgeStored() {
 }
 
 Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
+    // What does not cover the certificate counts as not there, but for what it lists.
+    std::string why_not;
+    const bool covers = !params_.honour_scope || CrlCanClear(crl, crl.uri, cert_, why_not);
     // 5.
-    if (strict_ && (marked || crl.info.nextUpdate <= now_)) {
+    if (covers && strict_ && (marked || crl.info.nextUpdate <= now_)) {
         Log(kMsgCrlNotCurrent, cert_, crl);
         return Finding::kBad;
     }
@@ -210,8 +232,7 @@ Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
         Log(kMsgCertRevoked, cert_, entry, crl);
         return Finding::kBad;
     }
-    std::string why_not;
-    if (params_.honour_scope && !CrlCanClear(crl, crl.uri, cert_, why_not)) {
+    if (!covers) {
         Log(kMsgCrlOutOfScope, cert_, crl, why_not);
         return Finding::kOpen;
     }

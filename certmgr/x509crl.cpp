@@ -127,7 +127,10 @@ bool X509CRL::FindRevoked(const X509Cert& cert, RevokedEntry& entry) const {
            CertEngine_CRLFindRevoked(crlHandle, cert.info.serialNumber, cert.info.issuer, entry);
 }
 
-SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) const {
+SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer, bool* definite_out) const {
+    bool unused = false;
+    bool& definite = definite_out != nullptr ? *definite_out : unused;
+    definite = true;
     if (crlHandle == nullptr) return kSignatureWrong;
     if (const auto known = content_->signatures.Recall(issuer->rawPubKey)) return *known;
     std::string signed_part;
@@ -136,7 +139,7 @@ SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer) const {
     CertEngine_RawCRLSignature(crlHandle, signature);
     TroubleWatch trouble;
     const SignatureCheck check = VerifySignature(info.signAlg, issuer->rawPubKey, signed_part, signature, &trouble);
-    const bool definite = check == kSignatureRight || (check == kSignatureWrong && !trouble.seen());
+    definite = check == kSignatureRight || (check == kSignatureWrong && !trouble.seen());
     if (definite) content_->signatures.Remember(issuer->rawPubKey, check);
     return check;
 }

@@ -11,6 +11,7 @@
 
 #include "certmgr/cert_crlfetch.h"
 #include "fuzz/target.h"
+#include "platform/asn1.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ std::string Part(CURLU* address, CURLUPart part) {
 /// What does not hold of an address that is shown.
 std::string ShownProblem(const std::string& uri) {
     const std::string shown = CM::PrintableUri(uri);
-    if (uri.find('@') == std::string::npos && shown != uri) return "an address without credentials was changed";
+    const bool plain = uri.find('@') == std::string::npos;
+    if (plain && shown != asn_text_to_printable(uri)) return "an address without credentials was changed";
     const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> address(curl_url(), curl_url_cleanup);
     constexpr unsigned kAsInTransfers = CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE;
     if (curl_url_set(address.get(), CURLUPART_URL, shown.c_str(), kAsInTransfers) != CURLUE_OK) return {};

@@ -79,6 +79,8 @@ struct CrlScope {
     bool isDelta = false;
     std::string firstUnreadable;  // name of the first extension of these that could not be read
     std::string firstUnknownCritical;  // name of the first critical extension, of the CRL or an entry, that is unknown
+
+    bool operator==(const CrlScope&) const = default;
 };
 
 /// Subject alternative names by kind: the last one of each.

@@ -178,8 +178,9 @@ class CM_API X509CRL {
     X509CRL& operator=(const X509CRL&) = delete;
 
     /// Verifies the CRL's signature with the issuer's key on a token. Right and wrong are remembered by the issuer's
-    /// public key, so that a token is asked once; what failed otherwise is tried again.
-    SignatureCheck CheckSignature(const X509Cert* issuer) const;
+    /// public key, so that a token is asked once; what failed otherwise is tried again. `definite` (may be null) tells
+    /// which it was.
+    SignatureCheck CheckSignature(const X509Cert* issuer, bool* definite = nullptr) const;
 
     /// The first entry with this serial number (byte-exact, as the records have it), of those that are about
     /// certificates of this CRL's own issuer. False, and `entry` unchanged, when there is none or the CRL does not parse.

@@ -240,6 +240,9 @@ TEST_F(PeerTest, ARevokedCandidateGivesWayToTheNext) {
     EXPECT_EQ(Verify(Payload({&revoked, &issuing_}), LPARAMS::CRL_PROC_ENABLED_SOFT),
               (PeerVerdict{"", {"1: Revoked certificate(s) present in chain"}}));
     EXPECT_EQ(Verify(Payload({&revoked, &issuing_}), LPARAMS::CRL_PROC_DISABLED).selected, "CN=peer");
+    CM::VCertHandleClose(
+        CM::IkeVerifyPeerCertificate(rule_, id_, payload.list(), LPARAMS::CRL_PROC_ENABLED, "file://default", ident_));
+    EXPECT_TRUE(vendor_host::Logged(" - file://default/none(modified)", kMsgCrlTransfer));
 }
 
 TEST_F(PeerTest, ReportOfASelection) {

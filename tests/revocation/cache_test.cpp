@@ -153,8 +153,6 @@ TEST_F(CrlCacheTest, HasABoundInBytes) {
         Fill(path, {.number = "\x01"});
     }
     EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
-    Fill("/a", {.number = "\x02", .this_update = kNow});
-    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
     CrlSpec large;
     for (int i = 0; i < 100; ++i) large.entries.push_back({.serial = "serial" + std::to_string(i)});
     Fill("/d", large);
@@ -251,6 +249,9 @@ TEST_F(CrlFailureTest, TroubleWithTheTokenIsNotTheAddresss) {
     token_->Fail(vendor_host::Op::kDigest, 1);
     EXPECT_FALSE(Passes(LeafAt("/a")));
     EXPECT_EQ(Outcomes(), Strings{"Digest error"});
+    token_->Fail(vendor_host::Op::kVerify, 1);
+    EXPECT_FALSE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Outcomes(), Strings{"Invalid signature"});
     token_->SetAlgorithms({});
     EXPECT_FALSE(Passes(LeafAt("/a")));
     EXPECT_EQ(Outcomes(), Strings{"No token to verify signature"});

@@ -62,7 +62,25 @@ TEST_F(WaitingTest, NothingIsHeldWhileATransferHangs) {
     server_.Release("/held");
     Join();
     EXPECT_TRUE(answered);
-    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/held")});
+    EXPECT_EQ(CachedAddresses(), Strings()) << "what was under way when all was to be downloaded again";
+}
+
+TEST_F(WaitingTest, AMarkedCrlServesNobodyUntilItsTransferHasLanded) {
+    const Cert leaf = LeafAt("/a");
+    Serve("/a", Crl());
+    EXPECT_TRUE(Passes(leaf));
+    CM::cm_crl_apply_lparams_(false);
+    Serve("/a", Crl(Listing(leaf)));
+    server_.Hold("/a");
+    const auto check = [&](unsigned) { EXPECT_FALSE(Passes(leaf)); };
+    Start(1, check);
+    ASSERT_TRUE(server_.WaitForRequests("/a", 2));
+    const std::uint64_t joined = CM::g_crl_counters.joined;
+    Start(1, check);
+    const auto limit = std::chrono::steady_clock::now() + test_support::kWaitLimit;
+    while (CM::g_crl_counters.joined == joined && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
+    server_.Release("/a");
+    Join();
 }
 
 TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {
