@@ -10,6 +10,7 @@
 #include <openssl/provider.h>
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <span>
 
@@ -148,16 +149,30 @@ int InitDigestProvider(const OSSL_CORE_HANDLE* /*core*/, const OSSL_DISPATCH* /*
     return 1;
 }
 
-// Certificates are parsed in a library context that offers two digests and nothing else. libcrypto decodes the public key
+// What lends the digests: the default provider, in a context where nobody else's settings reach it.
+class DigestSource {
+  public:
+    DigestSource() : context_(OSSL_LIB_CTX_new()) {
+        if (context_ == nullptr) return;
+        provider_.reset(OSSL_PROVIDER_load(context_.get(), "default"));
+        if (provider_ != nullptr) Borrow(provider_.get());
+    }
+    ~DigestSource() { borrowed = {}; }
+    DigestSource(const DigestSource&) = delete;
+    DigestSource& operator=(const DigestSource&) = delete;
+
+  private:
+    Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context_;
+    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> provider_;
+};
+
+// Certificates are parsed in library contexts that offer two digests and nothing else. libcrypto decodes the public key
 // of each certificate when it can, which costs ten times the rest of the parsing and serialises threads; the keys are
 // the tokens' business. Digests must be there: the extension cache behind X509_check_ca takes a fingerprint.
 class ParsingContext {
   public:
-    ParsingContext() : source_(OSSL_LIB_CTX_new()), context_(OSSL_LIB_CTX_new()) {
-        if (source_ == nullptr || context_ == nullptr) return;
-        default_.reset(OSSL_PROVIDER_load(source_.get(), "default"));
-        if (default_ == nullptr) return;
-        Borrow(default_.get());
+    ParsingContext() : context_(borrowed.source != nullptr ? OSSL_LIB_CTX_new() : nullptr) {
+        if (context_ == nullptr) return;
         if (OSSL_PROVIDER_add_builtin(context_.get(), kName, InitDigestProvider) != 1) return;
         digests_.reset(OSSL_PROVIDER_load(context_.get(), kName));
         md5_.reset(EVP_MD_fetch(context_.get(), "MD5", nullptr));
@@ -171,14 +186,22 @@ class ParsingContext {
   private:
     static constexpr const char* kName = "certmgr-digests";
 
-    // Destroyed from the last to the first: what borrows goes before what lends.
-    Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> source_;
-    Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> default_;
+    // Destroyed from the last to the first.
     Owner<OSSL_LIB_CTX, OSSL_LIB_CTX_free> context_;
     Owner<OSSL_PROVIDER, OSSL_PROVIDER_unload> digests_;
     Owner<EVP_MD, EVP_MD_free> md5_;
     Owner<EVP_MD, EVP_MD_free> sha1_;
 };
+
+// Each parse looks, under the context's locks, for a decoder of the public key: threads that share a context wait for each
+// other's cache lines. So many threads parse side by side without.
+constexpr std::size_t kLanes = 4;
+
+std::size_t Lane() {
+    static std::atomic<std::size_t> threads{0};
+    thread_local const std::size_t lane = threads.fetch_add(1, std::memory_order_relaxed) % kLanes;
+    return lane;
+}
 
 // Files are opened with what was good once. The ciphers that are not any more stay out of every other context.
 class LazyLegacyContext {
@@ -213,7 +236,8 @@ struct Engine {
 
     std::array<int, kGostObjects.size()> gost_nids;
     Gost94Digest gost_digest;
-    ParsingContext parsing;
+    DigestSource digest_source;
+    std::array<ParsingContext, kLanes> parsing;
     LazyLegacyContext legacy;
 };
 
@@ -241,7 +265,7 @@ int CertEngine_Finit() {
 namespace cert_engine {
 
 OSSL_LIB_CTX* ParseContext() {
-    return engine != nullptr ? engine->parsing.context() : nullptr;
+    return engine != nullptr ? engine->parsing[Lane()].context() : nullptr;
 }
 
 OSSL_LIB_CTX* LegacyContext() {
@@ -249,11 +273,11 @@ OSSL_LIB_CTX* LegacyContext() {
 }
 
 const EVP_MD* Md5() {
-    return engine != nullptr ? engine->parsing.md5() : nullptr;
+    return engine != nullptr ? engine->parsing[Lane()].md5() : nullptr;
 }
 
 const EVP_MD* Sha1() {
-    return engine != nullptr ? engine->parsing.sha1() : nullptr;
+    return engine != nullptr ? engine->parsing[Lane()].sha1() : nullptr;
 }
 
 bool Digest(const EVP_MD* md, std::string_view bytes, std::string& digest) {
