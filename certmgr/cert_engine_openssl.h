@@ -138,6 +138,8 @@ void UpperHex(std::string_view bytes, std::string& appended);
 /// Text of an integer, as ASN1_INTEGER_to_std_string writes it.
 std::string NumberText(bool negative, std::string_view magnitude);
 
+/// The to-be-signed part of a certificate, cut out of its encoding; empty when a length on the way is indefinite.
+std::string_view ToBeSigned(std::string_view der);
 /// Replaces `tbs` by the to-be-signed part as it was received: the first element of the whole encoding, which
 /// libcrypto keeps byte for byte. `der` is the whole object as libcrypto writes it; algorithm and signature are its
 /// other two elements.

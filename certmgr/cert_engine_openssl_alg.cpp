@@ -235,6 +235,20 @@ pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm) {
     return (signature & PKI_HASH_MASK) == PKI_HASH_NONE ? signature : code;
 }
 
+std::string_view ToBeSigned(std::string_view der) {
+    const ErrorMark mark;
+    const auto* const begin = reinterpret_cast<const unsigned char*>(der.data());
+    const auto* content = begin;
+    long length = 0;
+    int tag = 0;
+    int tag_class = 0;
+    constexpr int kDefinite = V_ASN1_CONSTRUCTED;
+    if (ASN1_get_object(&content, &length, &tag, &tag_class, static_cast<long>(der.size())) != kDefinite) return {};
+    const auto* const first = content;
+    if (ASN1_get_object(&content, &length, &tag, &tag_class, length) != kDefinite) return {};
+    return der.substr(static_cast<std::size_t>(first - begin), static_cast<std::size_t>(content + length - first));
+}
+
 // The sibling elements are measured rather than the first one read: its length may be indefinite.
 bool CutToBeSigned(std::string_view der, const X509_ALGOR* algorithm, const ASN1_BIT_STRING* signature,
                    std::string& tbs) {

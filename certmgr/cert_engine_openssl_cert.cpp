@@ -38,6 +38,22 @@ const X509_ALGOR* OuterAlgorithm(const X509* cert) {
     return algorithm;
 }
 
+// The SubjectPublicKeyInfo. i2d_X509_PUBKEY writes the same: it measures every part several times.
+std::string PublicKeyDer(const X509* cert) {
+    const X509_ALGOR* const algorithm = KeyAlgorithm(cert);
+    const ASN1_BIT_STRING* const key = X509_get0_pubkey_bitstr(cert);
+    const int algorithm_length = i2d_X509_ALGOR(algorithm, nullptr);
+    const int key_length = i2d_ASN1_BIT_STRING(key, nullptr);
+    if (algorithm_length <= 0 || key_length <= 0) return {};
+    const int length = algorithm_length + key_length;
+    std::string der(static_cast<std::size_t>(ASN1_object_size(1, length, V_ASN1_SEQUENCE)), '\0');
+    auto* out = reinterpret_cast<unsigned char*>(der.data());
+    ASN1_put_object(&out, 1, length, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
+    i2d_X509_ALGOR(algorithm, &out);
+    i2d_ASN1_BIT_STRING(key, &out);
+    return der;
+}
+
 // X509_check_ca takes a self-signed certificate of version 1 for a CA, and decides whether it is one with its public key,
 // which is decoded in the default context only.
 bool IsVersion1Root(const X509* cert) {
@@ -94,7 +110,7 @@ bool CertEngine_GetCertInfo(void* cert, CertInfo& info) {
     info.signAlg = cert_engine::SignatureAlgorithm(OuterAlgorithm(x));
     info.isCA = IsCa(x);
     info.version = static_cast<std::uint32_t>(X509_get_version(x) + 1);
-    const std::string spki = cert_engine::Encode<const X509_PUBKEY>(X509_get_X509_PUBKEY(x), i2d_X509_PUBKEY);
+    const std::string spki = PublicKeyDer(x);
     info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, spki.data(), spki.size());
     return true;
 }
@@ -137,7 +153,7 @@ bool CertEngine_RawSubject(void* cert, std::string& der) {
 
 bool CertEngine_RawPubKey(void* cert, std::string& spki, std::string& sha1) {
     const ErrorMark mark;
-    std::string key = cert_engine::Encode<const X509_PUBKEY>(X509_get_X509_PUBKEY(Certificate(cert)), i2d_X509_PUBKEY);
+    std::string key = PublicKeyDer(Certificate(cert));
     if (key.empty() || !cert_engine::Digest(cert_engine::Sha1(), key, sha1)) return false;
     spki = std::move(key);
     return true;

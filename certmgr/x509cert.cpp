@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "certmgr/cert_engine.h"
+#include "certmgr/cert_engine_openssl.h"
 #include "certmgr/log.h"
 #include "certmgr/verify_signature.h"
 #include "platform/event_codes.h"
@@ -227,9 +228,10 @@ ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
 }
 
 SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
-    std::string signed_part;
+    if (certHandle == nullptr) return kSignatureWrong;
+    std::string signed_part(cert_engine::ToBeSigned(rawCert));
     std::string signature;
-    if (certHandle == nullptr || !CertEngine_RawCertInfo(certHandle, signed_part) ||
+    if ((signed_part.empty() && !CertEngine_RawCertInfo(certHandle, signed_part)) ||
         !CertEngine_RawCertSignature(certHandle, signature)) {
         return kSignatureWrong;
     }
