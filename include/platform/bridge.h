@@ -1,4 +1,5 @@
-// Management bridge: command streams, and on the server side notifications to the connected clients.
+// Management bridge: command streams, the commands that the libraries of the daemon offer to clients, and notifications
+// and questions to the clients that are connected.
 //
 // A command stream is a flat sequence of fields, without names or tags. Numbers are little-endian; 64-bit numbers and
 // times take 8 bytes, 32-bit numbers and algorithm codes 4, a bool 1 (only the byte 1 reads as true); a string is its
@@ -9,6 +10,8 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -90,14 +93,111 @@ class CommandStreamIn {
     std::size_t position_ = 0;  // past the end after a failure; counts of 32 bits cannot make it wrap
 };
 
+/// A connected client. Lives from OnOpenSession until OnCloseSession has returned.
+class PLATFORM_API BridgeSession {
+  public:
+    virtual ~BridgeSession() = default;
+    /// Unique as long as the server runs.
+    virtual std::uint64_t Id() const = 0;
+    /// User number of the client's process, as the kernel tells it.
+    virtual std::uint32_t User() const = 0;
+
+  protected:
+    BridgeSession() = default;
+    BridgeSession(const BridgeSession&) = default;
+    BridgeSession& operator=(const BridgeSession&) = default;
+};
+
+/// Serves the commands of one group. The functions are called from threads of the bridge: those of one session one after
+/// another in the order in which things happened, those of several sessions at the same time.
+class PLATFORM_API CommandListener {
+  public:
+    virtual ~CommandListener() = default;
+    CommandListener(const CommandListener&) = delete;
+    CommandListener& operator=(const CommandListener&) = delete;
+
+    /// Carries out a command. `input` is wiped after the call, `output` (empty at first) after it was sent. False for an
+    /// unknown number. An exception becomes an error of this command alone, and `output` is dropped: the text
+    /// "CommandStreamError" tells the client that its input is malformed.
+    virtual bool ExecCommand(BridgeSession& session, long number, const std::string& input, std::string& output) = 0;
+
+    virtual void OnOpenSession(BridgeSession* /*session*/) {}
+    virtual void OnCloseSession(BridgeSession* /*session*/) {}
+    virtual void OnOpenFirstSession() {}  // before its OnOpenSession
+    virtual void OnCloseLastSession() {}  // after its OnCloseSession
+    virtual void OnCloseLastSessionWithUser(BridgeSession* /*session*/) {}  // that user has no other; likewise
+
+    std::uint32_t group() const { return group_; }
+
+  protected:
+    explicit CommandListener(std::uint32_t group) : group_(group) {}
+
+  private:
+    std::uint32_t group_;
+};
+
+/// Routes the commands of the listener's group to it, and tells it of sessions that open from now on and of all that
+/// close. The listener is borrowed. False when the group is taken.
+PLATFORM_API bool AddCommandListener(CommandListener* listener);
+
+/// Ends that; waits for what the listener is doing, so not to be called by itself. No call is made to it afterwards.
+/// Harmless for one that was not added.
+PLATFORM_API void DelCommandListener(CommandListener* listener);
+
+/// What a listener keeps for each session: for pointers an ordered map that owns what they point at. Not locked.
+template <typename Cookie>
+class BridgeSessionCookies;
+
+template <typename T>
+class BridgeSessionCookies<T*> {
+  public:
+    /// Replaces, and destroys, what the session had.
+    void Set(const BridgeSession* session, std::unique_ptr<T> cookie) { cookies_[session] = std::move(cookie); }
+    /// Null when the session has nothing.
+    T* Find(const BridgeSession* session) const {
+        const auto found = cookies_.find(session);
+        return found == cookies_.end() ? nullptr : found->second.get();
+    }
+    void Erase(const BridgeSession* session) { cookies_.erase(session); }
+
+  private:
+    std::map<const BridgeSession*, std::unique_ptr<T>> cookies_;
+};
+
+namespace bridge {
+
+/// Groups of commands.
+inline constexpr std::uint32_t kGroupCertificates = 8;
+inline constexpr std::uint32_t kGroupTokens = 9;
+
+/// Codes of notifications and questions.
+inline constexpr std::uint32_t kQuestionSelectCertificate = 6;
+inline constexpr std::uint32_t kNotifyCertListChanged = 9;
+
+/// Why a client's frame was not answered as it wished. docs/bridge.md describes them.
+enum class Error : std::uint32_t {
+    kMalformed = 1,  // the input of a command is too short for its fields
+    kUnknownGroup = 2,
+    kUnknownCommand = 3,
+    kStaleAnswer = 4,  // no open question of this client has that number
+    kFailed = 5,  // the command failed inside; the log of the daemon says why
+    kReplyTooLarge = 6,  // the answer of a command does not fit into a frame
+    kProtocol = 7,  // a frame that cannot be; the session is closed
+    kRefused = 8,  // this user may not connect, or there are too many sessions; the session is closed
+    kStopping = 9,  // the server stops
+};
+
+}  // namespace bridge
+
 namespace bridge::server {
 
 /// Sends a notification to every connected client; returns at once. Does nothing when none is connected.
 PLATFORM_API void NotifyClients(std::uint32_t code, const std::string& body);
 
-/// Asks the connected clients and waits for the first answer. `message` holds the question and, on success, the
-/// answer. `timeout_ms` below 0 waits without limit. False when no client could be asked, when the last one went
-/// before it answered, or when the time ran out (`message` unchanged).
+/// Asks the connected clients that answer questions, and those that connect meanwhile, and waits for the first answer;
+/// the others are told that it was given. `message` holds the question and, on success, the answer. `timeout_ms` below 0
+/// waits without limit. False when no client could be asked, when the last one went before it answered, when the time
+/// ran out or the bridge stopped (`message` unchanged).
 PLATFORM_API bool NotifyClientAndWaitResponse(std::uint32_t code, std::string& message, int timeout_ms);
 
 }  // namespace bridge::server

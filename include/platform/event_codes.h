@@ -79,4 +79,8 @@ enum EventCode : std::uint16_t {
     kMsgSettingsWarning = 212,
     kMsgStartFailed = 213,
     kMsgDaemon = 220,
+    kMsgBridgeReady = 230,
+    kMsgBridgeClientRefused = 231,
+    kMsgBridgeClientDropped = 232,
+    kMsgBridgeCommandFailed = 233,
 };

@@ -85,6 +85,10 @@ constexpr Wording kCatalogue[] = {
     {kMsgSettingsWarning, kWarning, "Settings: %1"},
     {kMsgStartFailed, kError, "Cannot start: %1"},
     {kMsgDaemon, kInfo, "%1"},
+    {kMsgBridgeReady, kInfo, "Management bridge ready: %1"},
+    {kMsgBridgeClientRefused, kWarning, "Management client refused: %1"},
+    {kMsgBridgeClientDropped, kWarning, "Management client dropped: %1"},
+    {kMsgBridgeCommandFailed, kError, "Management command failed: %1"},
 };
 
 constexpr Wording kUnknown = {0, Severity::kWarning, "Message without wording: %1"};
