@@ -32,6 +32,9 @@ class CommandStreamOut {
         (write(values), ...);
     }
 
+    /// Makes room for that many bytes, so that what is secret is not copied while the byte string grows.
+    void reserve(std::size_t bytes) { bytes_.reserve(bytes_.size() + bytes); }
+
   private:
     template <CommandStreamNumber T>
     void write(T value) {
@@ -43,7 +46,7 @@ class CommandStreamOut {
     void write(T value) {
         bytes_.push_back(value ? '\1' : '\0');
     }
-    void write(const std::string& text) {
+    void write(std::string_view text) {
         write(static_cast<std::uint32_t>(text.size()));
         bytes_.append(text);
     }
@@ -62,6 +65,9 @@ class CommandStreamIn {
     void fields(Fields&... values) {
         (read(values), ...);
     }
+
+    /// Whether nothing is left.
+    bool at_end() const { return position_ >= bytes_.size(); }
 
   private:
     std::string_view take(std::size_t count) {

@@ -30,17 +30,19 @@ std::optional<std::string> Questions::Await(std::uint32_t number, int timeout_ms
     return answer;
 }
 
-Questions::SharedFrame Questions::FrameOf(std::uint32_t number) const {
+Questions::SharedFrame Questions::Announce(std::uint32_t number) {
     const std::lock_guard lock(mutex_);
     const auto found = questions_.find(number);
-    return found == questions_.end() || !found->second.open ? nullptr : found->second.frame;
+    if (found == questions_.end() || !found->second.open) return nullptr;
+    found->second.announced = true;
+    return found->second.frame;
 }
 
-std::vector<Questions::SharedFrame> Questions::OpenFrames() const {
+std::vector<Questions::SharedFrame> Questions::Announced() const {
     const std::lock_guard lock(mutex_);
     std::vector<SharedFrame> frames;
     for (const auto& [number, question] : questions_) {
-        if (question.open) frames.push_back(question.frame);
+        if (question.open && question.announced) frames.push_back(question.frame);
     }
     return frames;
 }

@@ -29,9 +29,10 @@ class Questions {
     /// Waits; `timeout_ms` below 0 without limit. The answer, or nothing. The question is closed after.
     std::optional<std::string> Await(std::uint32_t number, int timeout_ms);
 
-    /// Nothing when it is not open any more.
-    SharedFrame FrameOf(std::uint32_t number) const;
-    std::vector<SharedFrame> OpenFrames() const;
+    /// What is sent to the clients of the moment; null when the question is not open any more.
+    SharedFrame Announce(std::uint32_t number);
+    /// What is sent to a client that comes later.
+    std::vector<SharedFrame> Announced() const;
     /// False when it is not open any more.
     bool Answer(std::uint32_t number, std::string answer);
 
@@ -44,6 +45,7 @@ class Questions {
   private:
     struct Question {
         SharedFrame frame;
+        bool announced = false;
         bool open = true;
         std::optional<std::string> answer;
     };

@@ -128,7 +128,7 @@ bool Server::Ask(std::uint32_t code, std::string& message, int timeout_ms) {
     const std::optional<std::uint32_t> number = questions_.Open(code, message);
     if (!number.has_value()) return false;
     Post([this, number = *number] {
-        const Questions::SharedFrame frame = questions_.FrameOf(number);
+        const Questions::SharedFrame frame = questions_.Announce(number);
         if (frame == nullptr) return;
         const auto connected = connected_;
         for (const auto& [id, session] : connected) {
@@ -145,8 +145,7 @@ bool Server::Ask(std::uint32_t code, std::string& message, int timeout_ms) {
 }
 
 void Server::CloseQuestion(std::uint32_t number, CloseReason reason, const Session* but) {
-    const auto frame =
-        ShareFrame(MakeFrameOf(FrameType::kQuestionClosed, number, static_cast<std::uint32_t>(reason)));
+    const auto frame = ShareFrame(MakeFrameOf(FrameType::kQuestionClosed, number, static_cast<std::uint32_t>(reason)));
     const auto connected = connected_;
     for (const auto& [id, session] : connected) {
         if (session->answers() && session.get() != but) session->Send(frame);
@@ -191,11 +190,15 @@ void Server::Admit(Session::Socket socket) {
 }
 
 void Server::Refuse(Session::Socket& socket, const Peer& peer, const std::string& why) {
+    LogRefusal(peer, why);
     std::error_code ignored;
     const std::string frame = MakeFrameOf(FrameType::kError, 0, static_cast<std::uint32_t>(Error::kRefused), why);
     socket.non_blocking(true, ignored);
     socket.write_some(asio::buffer(frame), ignored);
     socket.close(ignored);
+}
+
+void Server::LogRefusal(const Peer& peer, const std::string& why) {
     if (++refusals_ > kMaxRefusalsLogged) return;
     TLogMessage(kMsgBridgeClientRefused)
         .Attr("user " + std::to_string(peer.user) + ", process " + std::to_string(peer.process) + ": " + why +
@@ -224,8 +227,7 @@ void Server::Watch() {
     watch_timer_.async_wait([this](const std::error_code& cancelled) {
         if (cancelled) return;
         const auto now = Session::Clock::now();
-        const milliseconds limit =
-            stopping_ ? std::min(settings_.stall_limit, kLastWordsLimit) : settings_.stall_limit;
+        const milliseconds limit = stopping_ ? std::min(settings_.stall_limit, kLastWordsLimit) : settings_.stall_limit;
         const auto connected = connected_;
         for (const auto& [id, session] : connected) session->CheckStall(now, limit);
         if (now - refusals_since_ > std::chrono::minutes(1)) {

@@ -139,11 +139,11 @@ void Session::OnHello() {
     greeted_ = true;
     answers_ = (flags & kHelloAnswers) != 0;
     Queue({.kind = JobKind::kOpened});
+    if (answers_) server_.questions().ClientJoined();  // whoever has the hello can be asked
     Send(ShareFrame(
         MakeFrameOf(FrameType::kHello, 0, kProtocolVersion, max_frame_bytes_, id_, server_.settings().program)));
     if (!answers_) return;
-    server_.questions().ClientJoined();
-    for (const SharedFrame& question : server_.questions().OpenFrames()) Send(question);
+    for (const SharedFrame& question : server_.questions().Announced()) Send(question);
 }
 
 void Session::OnCommand() {
@@ -326,8 +326,8 @@ Session::SharedFrame Session::Execute(const Command& command) {
     };
     try {
         vpnfc::SecretString output;
-        switch (Listeners::Instance().Execute(*this, command.group, command.command, command.input.get(),
-                                              output.edit())) {
+        switch (
+            Listeners::Instance().Execute(*this, command.group, command.command, command.input.get(), output.edit())) {
             case ExecResult::kDone:
                 break;
             case ExecResult::kUnknownGroup:

@@ -168,11 +168,11 @@ TEST(CommandStreamTest, FieldsTravelUnchangedAndOnlyOneIsTrue) {
     token.pinPad = true;
     std::string bytes;
     CommandStreamOut out(bytes);
-    CM::sync(out, token);
+    sync(out, token);
     EXPECT_EQ(bytes, Encoded(token));
     PKCS11::TokenInfo read;
     CommandStreamIn in(bytes);
-    CM::sync(in, read);
+    sync(in, read);
     EXPECT_EQ(Encoded(read), bytes);
 
     bool flag = true;

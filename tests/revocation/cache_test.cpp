@@ -82,8 +82,8 @@ TEST_F(CrlCacheTest, ListsInTheOrderOfTheAddresses) {
     for (const char* number : {"0A", "0B"}) {
         PKCS11::TokenInfo token;
         CRLInfo info;
-        CM::sync(in, token);
-        CM::sync(in, info);
+        sync(in, token);
+        sync(in, info);
         EXPECT_EQ(info.crlNumber, number);
         EXPECT_EQ(info.issuer, "CN=issuing");
         EXPECT_EQ(info.nextUpdate, CertTimeFrom_time_t(test_pki::kNotAfter));
@@ -105,7 +105,7 @@ TEST_F(CrlCacheTest, ARecordHasItsFieldsInOrder) {
                        .deltaCrlIndicator = ""};
     std::string bytes;
     CommandStreamOut out(bytes);
-    CM::sync(out, info);
+    sync(out, info);
     EXPECT_EQ(TO_HEX_STD_STRING(bytes),
               "0100000069"
               "02000000434e"

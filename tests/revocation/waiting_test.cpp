@@ -171,8 +171,8 @@ TEST_F(WaitingTest, ChecksAmongChangesOfTheCache) {
                     if (bytes.empty()) break;
                     PKCS11::TokenInfo token;
                     CRLInfo info;
-                    CM::sync(in, token);
-                    CM::sync(in, info);
+                    sync(in, token);
+                    sync(in, info);
                     CM::DeleteDownloadedCrlDB(token, info);
                     break;
                 }

@@ -69,8 +69,8 @@ bool Client::Open(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) {
-        return Fail(Kind::kNoServer, "the socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) +
-                                         " bytes: " + path);
+        return Fail(Kind::kNoServer,
+                    "the socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) + " bytes: " + path);
     }
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

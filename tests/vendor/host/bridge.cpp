@@ -1,6 +1,7 @@
 #include <platform/bridge.h>
 
 #include <algorithm>
+#include <map>
 
 #include "reset.h"
 #include "vendor_host.h"
@@ -12,6 +13,7 @@ struct Bridge {
     std::vector<vendor_host::Notification> notifications;
     std::vector<vendor_host::Notification> questions;
     vendor_host::Answer answer;
+    std::map<std::uint32_t, CommandListener*> listeners;
 };
 
 Bridge& State() {
@@ -21,14 +23,27 @@ Bridge& State() {
 
 }  // namespace
 
+// Weak: a test may bring a bridge of its own.
+#define OWN_BRIDGE_WINS __attribute__((weak))
+
+OWN_BRIDGE_WINS bool AddCommandListener(CommandListener* listener) {
+    const std::lock_guard lock(State().mutex);
+    return State().listeners.emplace(listener->group(), listener).second;
+}
+
+OWN_BRIDGE_WINS void DelCommandListener(CommandListener* listener) {
+    const std::lock_guard lock(State().mutex);
+    std::erase_if(State().listeners, [listener](const auto& entry) { return entry.second == listener; });
+}
+
 namespace bridge::server {
 
-void NotifyClients(std::uint32_t code, const std::string& body) {
+OWN_BRIDGE_WINS void NotifyClients(std::uint32_t code, const std::string& body) {
     const std::lock_guard lock(State().mutex);
     State().notifications.push_back({code, body});
 }
 
-bool NotifyClientAndWaitResponse(std::uint32_t code, std::string& message, int timeout_ms) {
+OWN_BRIDGE_WINS bool NotifyClientAndWaitResponse(std::uint32_t code, std::string& message, int timeout_ms) {
     vendor_host::Answer answer;
     {
         const std::lock_guard lock(State().mutex);
@@ -49,6 +64,12 @@ namespace vendor_host {
 std::vector<Notification> Notifications() {
     const std::lock_guard lock(State().mutex);
     return State().notifications;
+}
+
+CommandListener* Listener(std::uint32_t group) {
+    const std::lock_guard lock(State().mutex);
+    const auto found = State().listeners.find(group);
+    return found == State().listeners.end() ? nullptr : found->second;
 }
 
 std::size_t NotificationCount(std::uint32_t code) {

@@ -30,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include <platform/bridge.h>
 #include <platform/eventlog.h>
 #include <platform/params.h>
 #include <platform/tokens.h>
@@ -95,6 +96,8 @@ std::vector<Notification> Questions();
 /// default) no client is connected. Runs on the asking thread, no lock held.
 using Answer = std::function<std::optional<std::string>(std::uint32_t code, const std::string& question, int timeout)>;
 void SetAnswer(Answer answer);
+/// The listener of a command group; null when there is none.
+CommandListener* Listener(std::uint32_t group);
 
 // --- Tokens ---
 
