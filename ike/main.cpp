@@ -1,18 +1,17 @@
 // ikeauth: drives the IKE services of the certificate manager as an IKE engine does.
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <string>
 
-#include "certmgr/certmgr.h"
 #include "ike/exchange.h"
+#include "ike/host.h"
+#include "ike/probe.h"
 #include "ike/provision.h"
+#include "ike/report_text.h"
+#include "ike/respond.h"
 #include "ike/side.h"
-#include "platform/host/host.h"
 
 namespace {
 
@@ -50,26 +49,22 @@ const std::map<std::string, ikeauth::PayloadForm> kForms{{"x509", ikeauth::Paylo
                                                          {"pkcs7", ikeauth::PayloadForm::kPkcs7}};
 
 int RunSide(const SideCommand& command) {
-    vpnhost::Host host;
-    if (host.Start(command.config) != vpnhost::StartResult::kRunning) return ikeauth::kExitCannotRun;
-    const std::shared_ptr<const LPCFG::Rules> rules = host.rules();
-    const LPCFG::auth_ike_t* rule = rules->find(command.rule);
-    if (rule == nullptr) {
-        std::cerr << "ikeauth: no rule '" << command.rule << "' in " << command.config << "\n";
-        return ikeauth::kExitCannotRun;
-    }
-    std::string verdict;
-    bool success = false;
-    {
-        const CM::RunningModule module;
-        CM::Reload();
+    return ikeauth::WithRule(command.config, command.rule, [&](const LPCFG::auth_ike_t& rule) {
+        std::string verdict;
         ikeauth::Channel channel(command.descriptor);
-        success = ikeauth::Side(*rule, command.side, channel).Run(verdict);
-    }
-    host.Stop();
-    std::cout << (command.side.initiator ? "initiator" : "responder") << (success ? ": success: " : ": failure: ")
-              << verdict << "\n";
-    return success ? ikeauth::kExitSuccess : ikeauth::kExitRefused;
+        const bool success = ikeauth::Side(rule, command.side, channel).Run(verdict);
+        std::cout << (command.side.initiator ? "initiator" : "responder") << (success ? ": success: " : ": failure: ")
+                  << verdict << "\n";
+        return static_cast<int>(success ? ikeauth::kExitSuccess : ikeauth::kExitRefused);
+    });
+}
+
+void AddFaults(CLI::App& app, ikeauth::Faults& faults) {
+    app.add_flag("--careless", faults.careless)->group("");
+    app.add_flag("--leaf-only", faults.leaf_only)->group("");
+    app.add_flag("--damage-signature", faults.damage_signature)->group("");
+    app.add_option("--announce-fqdn", faults.announce_fqdn)->group("");
+    app.add_option("--before-signing", faults.before_signing)->group("");
 }
 
 void AddSide(CLI::App& app, SideCommand& command) {
@@ -81,11 +76,7 @@ void AddSide(CLI::App& app, SideCommand& command) {
     side->add_option("--role", command.side.initiator)->required()->transform(CLI::CheckedTransformer(kRoles));
     side->add_option("--ike", command.side.version)->transform(CLI::CheckedTransformer(kVersions));
     side->add_option("--payload", command.side.form)->transform(CLI::CheckedTransformer(kForms));
-    side->add_flag("--careless", command.side.faults.careless);
-    side->add_flag("--leaf-only", command.side.faults.leaf_only);
-    side->add_flag("--damage-signature", command.side.faults.damage_signature);
-    side->add_option("--announce-fqdn", command.side.faults.announce_fqdn);
-    side->add_option("--before-signing", command.side.faults.before_signing);
+    AddFaults(*side, command.side.faults);
 }
 
 struct ExchangeCommand {
@@ -155,6 +146,71 @@ void AddProvision(CLI::App& app, ProvisionOptions& options) {
         ->option_text("YYYY-MM-DD");
 }
 
+// --- On the wire ---
+
+constexpr const char* kProposals =
+    "Proposals are words joined by '-', several by ',': aes256gcm16-sha384-ecp384,aes128-sha256-modp2048\n"
+    "  ciphers  aes128gcm16 aes192gcm16 aes256gcm16 aes128 aes192 aes256\n"
+    "  hashes   sha256 sha384 sha512\n"
+    "  groups   x25519 ecp256 ecp384 modp2048\n\n"
+    "Neither side carries traffic: the SA is deleted as soon as both have authenticated.\n\n";
+
+void AddAuthentication(CLI::App& app, ikeauth::WireOptions& wire) {
+    ikeauth::ExchangeSettings& settings = wire.settings;
+    app.add_option("--config", wire.config, "Settings file")->required()->option_text("FILE (required)");
+    app.add_option("--rule", wire.rule, "Rule to authenticate by")->required()->option_text("NAME (required)");
+    app.add_option("--psk", settings.preshared_key, "Authenticate with the preshared key of this name, on a token")
+        ->option_text("NAME");
+    app.add_option("--payload", settings.form, "Single certificates or one bundle; default x509")
+        ->transform(CLI::CheckedTransformer(kForms))
+        ->option_text("x509|pkcs7");
+    app.add_flag("--pss", settings.pss, "Sign with RSASSA-PSS where the key is RSA");
+    app.add_flag("--classic", settings.classic, "The methods before RFC 7427: RSA with SHA-1, ECDSA by curve");
+    AddFaults(app, settings.faults);
+}
+
+void AddWire(CLI::App& app, ikeauth::WireOptions& wire, unsigned& seconds) {
+    ikeauth::ExchangeSettings& settings = wire.settings;
+    app.footer(std::string(kProposals) + ikeauth::StageHelp());
+    AddAuthentication(app, wire);
+    app.add_option("--proposal", wire.proposals, "What to propose or allow; default all below")->option_text("WORDS");
+    app.add_option("--fragment-bytes", settings.fragment_bytes, "Largest IP datagram; default 1280")
+        ->check(CLI::Range(ikeauth::kMinFragmentBytes, ikeauth::kMaxFragmentBytes))
+        ->option_text("BYTES");
+    app.add_option("--time-out", seconds, "How long to wait for each answer; default 10")
+        ->check(CLI::Range(1U, 600U))
+        ->option_text("SECONDS");
+    app.add_option("--pcap", wire.pcap, "Write the datagrams to this file")->option_text("FILE");
+    app.add_option("--keys", wire.keys, "Write the session keys to this file, as Wireshark's ikev2_decryption_table")
+        ->option_text("FILE");
+    app.add_flag("--json", wire.json, "Print JSON");
+}
+
+void AddProbe(CLI::App& app, ikeauth::ProbeOptions& options, unsigned& seconds) {
+    CLI::App* probe =
+        app.add_subcommand("probe", "Authenticates with an IKEv2 peer, and says step by step how that goes");
+    AddWire(*probe, options.wire, seconds);
+    probe->add_option("host", options.host, "Name or address of the peer")->required()->option_text("HOST (required)");
+    probe->add_option("--port", options.port, "UDP port; default 500")->check(CLI::Range(1, 65535))->option_text("N");
+    probe->add_option("--nat-port", options.nat_port, "Port behind an address translator; default 4500")
+        ->check(CLI::Range(1, 65535))
+        ->option_text("N");
+    probe->add_flag("--child", options.wire.settings.want_child, "Ask for a child SA even where none is needed");
+}
+
+void AddRespond(CLI::App& app, ikeauth::RespondOptions& options, unsigned& seconds) {
+    CLI::App* respond = app.add_subcommand("respond", "Answers IKEv2 initiators, to check a client");
+    AddWire(*respond, options.wire, seconds);
+    respond->add_option("--listen", options.listen, "Address; default 127.0.0.1")->option_text("ADDRESS");
+    respond->add_option("--port", options.port, "UDP port, 0 for a free one; default 500")
+        ->check(CLI::Range(0, 65535))
+        ->option_text("N");
+    respond->add_option("--count", options.count, "End after that many exchanges, with the last one's code")
+        ->option_text("N");
+    respond->add_flag("--cookies", options.cookies, "Ask every initiator for a cookie");
+    respond->add_flag("-q,--quiet", options.quiet, "One line for each exchange");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -169,10 +225,20 @@ int main(int argc, char** argv) {
     AddExchange(app, exchange);
     AddProvision(app, provision);
     AddSide(app, side);
+    ikeauth::ProbeOptions probe;
+    ikeauth::RespondOptions respond;
+    unsigned seconds = 10;
+    AddProbe(app, probe, seconds);
+    AddRespond(app, respond, seconds);
     try {
         app.parse(argc, argv);
         if (app.got_subcommand("side")) return RunSide(side);
         if (app.got_subcommand("exchange")) return RunExchangeCommand(exchange);
+        for (ikeauth::WireOptions* wire : {&probe.wire, &respond.wire}) {
+            wire->settings.time_limit = std::chrono::seconds(seconds);
+        }
+        if (app.got_subcommand("probe")) return ikeauth::RunProbe(probe);
+        if (app.got_subcommand("respond")) return ikeauth::RunRespond(respond);
         return ikeauth::RunProvision(provision);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? ikeauth::kExitSuccess : ikeauth::kExitCannotRun;

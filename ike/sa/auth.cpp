@@ -1,0 +1,264 @@
+#include "ike/sa/auth.h"
+
+#include <openssl/ec.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "certmgr/ike.h"
+#include "ike/crypto/keys.h"
+#include "ike/wire/bytes.h"
+
+namespace ikeauth {
+namespace {
+
+constexpr std::string_view kKeyPad = "Key Pad for IKEv2";
+
+struct HashNumber {
+    std::uint16_t number;
+    pki_alg_t hash;
+};
+constexpr std::array<HashNumber, 5> kHashes{
+    {{2, PKI_HASH_SHA256}, {3, PKI_HASH_SHA384}, {4, PKI_HASH_SHA512}, {5, PKI_HASH_NONE}, {1, PKI_HASH_SHA1}}};
+
+/// The older methods of ECDSA: each a curve and a hash.
+struct EcdsaMethod {
+    AuthMethod method;
+    std::uint32_t key_bits;
+    pki_alg_t alg;
+    std::size_t number_bytes;  // of r and of s
+};
+constexpr std::array<EcdsaMethod, 3> kEcdsaMethods{{{kMethodEcdsa256, 256, PKI_KEY_EC | PKI_HASH_SHA256, 32},
+                                                    {kMethodEcdsa384, 384, PKI_KEY_EC | PKI_HASH_SHA384, 48},
+                                                    {kMethodEcdsa521, 521, PKI_KEY_EC | PKI_HASH_SHA512, 66}}};
+
+const EcdsaMethod* FindEcdsa(std::uint8_t method) {
+    const auto* found = std::find_if(kEcdsaMethods.begin(), kEcdsaMethods.end(),
+                                     [method](const EcdsaMethod& entry) { return entry.method == method; });
+    return found == kEcdsaMethods.end() ? nullptr : found;
+}
+
+bool Holds(const HashSet& hashes, pki_alg_t hash) {
+    return std::any_of(kHashes.begin(), kHashes.end(), [&](const HashNumber& entry) {
+        return entry.hash == hash && std::find(hashes.begin(), hashes.end(), entry.number) != hashes.end();
+    });
+}
+
+std::string AlgName(pki_alg_t alg) {
+    return I2S_PKI_ALG_T.getString(alg);
+}
+
+// --- DER, all of it shorter than 128 bytes ---
+
+constexpr std::uint8_t kSequence = 0x30;
+constexpr std::uint8_t kOid = 0x06;
+constexpr std::uint8_t kInteger = 0x02;
+constexpr std::uint8_t kContext = 0xA0;
+
+std::string Der(std::uint8_t tag, const std::string& content) {
+    return Byte(tag) + Byte(static_cast<std::uint8_t>(content.size())) + content;
+}
+
+std::string DerIdentifier(const std::string& oid, const std::string& parameters) {
+    return Der(kSequence, Der(kOid, oid) + parameters);
+}
+
+/// RSASSA-PSS with the hash, MGF1 over it and a salt as long as it.
+std::string PssIdentifier(pki_alg_t hash) {
+    static const std::string null("\x05\x00", 2);
+    static const std::string pss("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0a", 9);
+    static const std::string mgf1("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x08", 9);
+    std::string oid;
+    bool null_parameter = false;
+    if (!asn_pki_alg_to_identifier(hash, oid, null_parameter)) return {};
+    const std::string identifier = DerIdentifier(oid, null);
+    const std::string salt = Der(kInteger, Byte(static_cast<std::uint8_t>(PKI_HASH_LENGTH(hash))));
+    return DerIdentifier(pss,
+                         Der(kSequence, Der(kContext, identifier) + Der(kContext + 1, DerIdentifier(mgf1, identifier)) +
+                                            Der(kContext + 2, salt)));
+}
+
+std::string AlgorithmIdentifier(pki_alg_t alg) {
+    if ((alg & PKI_KEY_MASK) == PKI_KEY_RSA_PSS) return PssIdentifier(alg & PKI_HASH_MASK);
+    std::string oid;
+    bool null_parameter = false;
+    if (!asn_pki_alg_to_identifier(alg, oid, null_parameter)) return {};
+    return DerIdentifier(oid, null_parameter ? std::string("\x05\x00", 2) : std::string());
+}
+
+/// Reads SEQUENCE { OID, the rest }, short or with a length of one more byte.
+pki_alg_t ReadAlgorithmIdentifier(std::string_view der) {
+    ByteReader reader(der);
+    std::uint8_t tag = 0;
+    std::uint8_t length = 0;
+    std::string_view oid;
+    constexpr std::uint8_t kLongForm = 0x81;
+    if (!reader.Read(tag) || tag != kSequence || !reader.Read(length)) return 0;
+    if (length == kLongForm && !reader.Read(length)) return 0;
+    if (reader.rest().size() != length || !reader.Read(tag) || tag != kOid || !reader.Read(length) ||
+        !reader.Read(length, oid)) {
+        return 0;
+    }
+    return asn_ike_signalg_t_to_pki_alg(oid, reader.rest());
+}
+
+// --- ECDSA: tokens use DER, the older methods r and s side by side ---
+
+using EcdsaSignature = std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)>;
+
+bool EcdsaFromDer(const std::string& der, std::size_t number_bytes, std::string& out) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
+    const EcdsaSignature signature(d2i_ECDSA_SIG(nullptr, &bytes, static_cast<long>(der.size())), ECDSA_SIG_free);
+    if (!signature) return false;
+    out.assign(2 * number_bytes, '\0');
+    auto* to = reinterpret_cast<unsigned char*>(out.data());
+    const int width = static_cast<int>(number_bytes);
+    return BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), to, width) == width &&
+           BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), to + number_bytes, width) == width;
+}
+
+bool EcdsaToDer(const std::string& numbers, std::size_t number_bytes, std::string& der) {
+    if (numbers.size() != 2 * number_bytes) return false;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(numbers.data());
+    const EcdsaSignature signature(ECDSA_SIG_new(), ECDSA_SIG_free);
+    const int width = static_cast<int>(number_bytes);
+    if (!signature || ECDSA_SIG_set0(signature.get(), BN_bin2bn(bytes, width, nullptr),
+                                     BN_bin2bn(bytes + number_bytes, width, nullptr)) != 1) {
+        return false;
+    }
+    unsigned char* out = nullptr;
+    const int length = i2d_ECDSA_SIG(signature.get(), &out);
+    if (length <= 0) return false;
+    der.assign(reinterpret_cast<char*>(out), static_cast<std::size_t>(length));
+    OPENSSL_free(out);
+    return true;
+}
+
+// --- Choosing ---
+
+bool ChooseOlderMethod(const CM::X509Cert& cert, SignatureChoice& choice, std::string& why) {
+    const pki_alg_t key = cert.info.keyAlg & PKI_KEY_MASK;
+    if (key == PKI_KEY_RSA) {
+        choice = {kMethodRsa, PKI_KEY_RSA | PKI_HASH_SHA1};
+        return true;
+    }
+    for (const EcdsaMethod& method : kEcdsaMethods) {
+        if (key != PKI_KEY_EC || cert.info.keyBits != method.key_bits) continue;
+        choice = {method.method, method.alg};
+        return true;
+    }
+    why = "the peer announced no hash algorithms, and there is no older method for " + AlgName(key) + " keys";
+    return false;
+}
+
+bool ReadSignatureMethod(const std::string& data, const HashSet& announced, pki_alg_t& alg, std::string& signature,
+                         std::string& why) {
+    ByteReader reader(data);
+    std::uint8_t length = 0;
+    std::string_view identifier;
+    if (!reader.Read(length) || !reader.Read(length, identifier)) {
+        why = "the authentication data is cut off";
+        return false;
+    }
+    alg = ReadAlgorithmIdentifier(identifier);
+    signature = reader.rest();
+    if (alg == 0) {
+        why = "the signature algorithm is not known: " + TO_HEX_STD_STRING(identifier);
+    } else if (!Holds(announced, alg & PKI_HASH_MASK)) {
+        why = AlgName(alg) + " was not announced";
+    }
+    return why.empty();
+}
+
+}  // namespace
+
+HashSet AnnouncedHashes() {
+    return {2, 3, 4, 5};
+}
+
+std::string EncodeHashes(const HashSet& hashes) {
+    std::string data;
+    for (const std::uint16_t number : hashes) data += NetworkOrder(number);
+    return data;
+}
+
+HashSet DecodeHashes(std::string_view data) {
+    HashSet hashes;
+    ByteReader reader(data);
+    std::uint16_t number = 0;
+    while (reader.Read(number)) hashes.push_back(number);
+    return hashes;
+}
+
+std::string Describe(const HashSet& hashes) {
+    std::string text;
+    for (const HashNumber& entry : kHashes) {
+        if (!Holds(hashes, entry.hash)) continue;
+        text += (text.empty() ? "" : ", ") + (entry.hash == PKI_HASH_NONE ? "identity" : AlgName(entry.hash));
+    }
+    return text.empty() ? "none" : text;
+}
+
+std::string AuthOctets(const AuthInput& input, const Algorithm& prf, const std::string& identity_key) {
+    return input.message + input.peer_nonce + KeyedDigest(prf, identity_key, input.identity);
+}
+
+std::string PresharedKeyAuth(const Algorithm& prf, const std::string& key, const std::string& octets) {
+    const vpnfc::SecretString padded(KeyedDigest(prf, key, kKeyPad));
+    return KeyedDigest(prf, padded.get(), octets);
+}
+
+bool ChooseSignature(const CM::X509Cert& cert, const HashSet& peer_hashes, bool pss, SignatureChoice& choice,
+                     std::string& why) {
+    if (peer_hashes.empty()) return ChooseOlderMethod(cert, choice, why);
+    const pki_alg_t preferred = CM::Ike2GetSignAlg(&cert);
+    pki_alg_t key = preferred & PKI_NO_HASH_MASK;
+    if (pss && key == PKI_KEY_RSA) key = PKI_KEY_RSA_PSS;
+    const bool fixed = key != PKI_KEY_RSA && key != PKI_KEY_RSA_PSS && key != PKI_KEY_EC;
+    for (const pki_alg_t hash : {preferred & PKI_HASH_MASK, PKI_HASH_SHA256, PKI_HASH_SHA384, PKI_HASH_SHA512}) {
+        if (fixed && hash != (preferred & PKI_HASH_MASK)) break;
+        choice = {kMethodSignature, key | hash};
+        if (Holds(peer_hashes, hash) && !AlgorithmIdentifier(choice.alg).empty()) return true;
+    }
+    why = "the peer takes none of the hash algorithms of " + AlgName(key) + ", it announced " + Describe(peer_hashes);
+    return false;
+}
+
+bool EncodeSignature(const SignatureChoice& choice, const std::string& signature, std::string& data) {
+    if (const EcdsaMethod* method = FindEcdsa(choice.method)) {
+        return EcdsaFromDer(signature, method->number_bytes, data);
+    }
+    data = signature;
+    if (choice.method != kMethodSignature) return true;
+    const std::string identifier = AlgorithmIdentifier(choice.alg);
+    data.insert(0, Byte(static_cast<std::uint8_t>(identifier.size())) + identifier);
+    return true;
+}
+
+bool DecodeSignature(const AuthData& auth, const HashSet& announced, pki_alg_t& alg, std::string& signature,
+                     std::string& why) {
+    if (auth.method == kMethodSignature) return ReadSignatureMethod(auth.data, announced, alg, signature, why);
+    if (auth.method == kMethodRsa) {
+        alg = PKI_KEY_RSA;  // the hash stands in the signature
+        signature = auth.data;
+        return true;
+    }
+    const EcdsaMethod* method = FindEcdsa(auth.method);
+    if (method == nullptr) {
+        why = "authentication by " + AuthMethodName(auth.method) + " is not offered";
+        return false;
+    }
+    alg = method->alg;
+    if (EcdsaToDer(auth.data, method->number_bytes, signature)) return true;
+    why = "the signature has " + std::to_string(auth.data.size()) + " bytes";
+    return false;
+}
+
+std::string Describe(const SignatureChoice& choice) {
+    const std::string method = AuthMethodName(choice.method);
+    return choice.method == kMethodSignature || choice.method == kMethodRsa ? method + ", " + AlgName(choice.alg)
+                                                                            : method;
+}
+
+}  // namespace ikeauth

@@ -1,0 +1,79 @@
+// What happened in an exchange: steps as they come, and how it ended.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ikeauth {
+
+using Time = std::chrono::steady_clock::time_point;
+
+/// How an exchange ended. The order is that of its stages.
+enum class Ending : std::uint8_t {
+    kAuthenticated,
+    kUnreachable,
+    kSilent,
+    kGarbage,
+    kProposalsRefused,
+    kInitRefused,
+    kInitInvalid,
+    kNoCertificate,
+    kNoPresharedKey,
+    kCannotSign,
+    kAuthSilent,
+    kPeerRefused,
+    kIdentityRefused,
+    kCertificateRefused,
+    kMethodRefused,
+    kSignatureWrong,
+    kPresharedKeyWrong,
+};
+
+struct EndingInfo {
+    Ending ending;
+    std::string_view name;  // for programs
+    std::string_view stage;
+    int exit_code;
+    std::string_view advice;
+};
+/// Every ending, in order.
+const std::vector<EndingInfo>& Endings();
+const EndingInfo& Info(Ending ending);
+
+struct Outcome {
+    Ending ending = Ending::kSilent;
+    std::string reason{};  // one line
+};
+
+struct Step {
+    std::chrono::milliseconds at{0};  // since the start
+    std::string_view what{};  // "proposed", "sent", "received", "chosen", "judged", ...
+    std::string text{};
+};
+
+/// Collects the steps of one exchange and hands each on as it comes. Used by one thread.
+class Report {
+  public:
+    explicit Report(std::function<void(const Step&)> listener = {}) : listener_(std::move(listener)) {}
+
+    void Start(Time now) { start_ = now; }
+    /// The time of the steps that follow.
+    void SetTime(Time now) { now_ = now; }
+    void Add(std::string_view what, std::string text) {
+        steps_.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(now_ - start_), what, std::move(text)});
+        if (listener_) listener_(steps_.back());
+    }
+    const std::vector<Step>& steps() const { return steps_; }
+
+  private:
+    std::function<void(const Step&)> listener_;
+    Time start_{};
+    Time now_{};
+    std::vector<Step> steps_;
+};
+
+}  // namespace ikeauth

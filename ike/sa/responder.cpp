@@ -1,0 +1,176 @@
+#include "ike/sa/responder.h"
+
+#include "ike/wire/bytes.h"
+
+namespace ikeauth {
+namespace {
+
+constexpr std::size_t kNonceBytes = 32;
+constexpr std::size_t kMinNonceBytes = 16;
+constexpr std::size_t kMaxNonceBytes = 256;
+constexpr std::size_t kEspSpiBytes = 4;
+constexpr std::chrono::milliseconds kFarewellLimit{2000};
+constexpr std::chrono::milliseconds kPatience{1000};  // how long the peer has to delete the SA itself
+
+}  // namespace
+
+Responder::Responder(const ExchangeSettings& settings, const Endpoints& endpoints, Report& report,
+                     std::uint64_t initiator_spi)
+    : Association(settings, endpoints, report, false, initiator_spi, 0) {}
+
+// --- IKE_SA_INIT ---
+
+Message Responder::InitResponse(const Message& request) const {
+    Message message;
+    message.header = {.initiator_spi = initiator_spi_,
+                      .responder_spi = responder_spi_,
+                      .exchange = kSaInit,
+                      .flags = kIsResponse,
+                      .message_id = request.header.message_id};
+    return message;
+}
+
+void Responder::RefuseInit(const Message& message, std::uint16_t notify, std::string data) {
+    Message answer = InitResponse(message);
+    answer.payloads.push_back(MakeNotify(notify, std::move(data)));
+    SendPlainResponse(answer);
+    Finish();
+}
+
+/// Suite, nonce and the peer's value; the peer is answered when they will not do.
+bool Responder::ChooseSuite(const Message& message, KeyExchangeData& data) {
+    const Payload* sa = FindPayload(message.payloads, kPayloadSa);
+    const Payload* ke = FindPayload(message.payloads, kPayloadKe);
+    const Payload* nonce = FindPayload(message.payloads, kPayloadNonce);
+    SaOffer offer;
+    if (sa == nullptr || ke == nullptr || nonce == nullptr || !Decode(sa->body, offer) || !Decode(ke->body, data) ||
+        nonce->body.size() < kMinNonceBytes || nonce->body.size() > kMaxNonceBytes) {
+        Conclude(Ending::kInitInvalid, "a payload of IKE_SA_INIT is missing or malformed");
+        RefuseInit(message, kInvalidSyntax);
+        return false;
+    }
+    for (const Proposal& proposal : offer.proposals) report_.Add("proposed", "by the peer: " + Describe(proposal));
+    if (!ChooseProposal(offer, settings_.offer, chosen_) || !ReadSuite(chosen_, suite_)) {
+        Conclude(Ending::kProposalsRefused, "the peer proposes nothing that is allowed here");
+        RefuseInit(message, kNoProposalChosen);
+        return false;
+    }
+    context_.initiator_nonce = nonce->body;
+    return true;
+}
+
+void Responder::OnInit(const Message& message, std::string_view datagram) {
+    if (state_ != State::kInit || message.header.is_response()) return;
+    report_.Add("received", DescribeMessage(message.header, datagram.size(), message.payloads));
+    KeyExchangeData data;
+    if (!ChooseSuite(message, data)) return;
+    if (suite_.group->id != data.group) {
+        report_.Add("chosen", std::string(suite_.group->name) + ": the peer must come with a key of it");
+        return RefuseInit(message, kInvalidKePayload, NetworkOrder(suite_.group->id));
+    }
+    report_.Add("chosen", Describe(suite_));
+    ReadInitNotifies(message.payloads);  // before there is an SPI of ours
+    responder_spi_ = MakeSpi();
+    context_.initiator_message = datagram;
+    context_.responder_nonce = RandomBytes(kNonceBytes);
+    const std::unique_ptr<KeyExchange> own = KeyExchange::Make(*suite_.group);
+    if (!own || !ComputeKeys(*own, data.value)) {
+        Conclude(Ending::kInitInvalid, "the peer's key exchange value is none of the group");
+        return RefuseInit(message, kInvalidSyntax);
+    }
+    AnswerInit(message, *own);
+}
+
+void Responder::AnswerInit(const Message& message, const KeyExchange& own) {
+    Message answer = InitResponse(message);
+    Payloads& payloads = answer.payloads;
+    payloads.push_back(MakePayload(kPayloadSa, SaOffer{.proposals = {chosen_}}));
+    payloads.push_back(MakePayload(kPayloadKe, KeyExchangeData{.group = own.group().id, .value = own.public_value()}));
+    payloads.push_back({.type = kPayloadNonce, .body = context_.responder_nonce});
+    AddInitNotifies(payloads);
+    payloads.push_back(MakeNotify(kChildlessSupported));
+    authenticator_.AddRequests(payloads);
+    SendPlainResponse(answer);
+    context_.responder_message = last_datagram_;
+    state_ = State::kAuth;
+    StartTimer(settings_.time_limit);
+}
+
+// --- IKE_AUTH ---
+
+/// The first proposal that will do; the peer's selectors as they are. There is no traffic.
+void Responder::AnswerChild(const Payloads& in, Payloads& out) {
+    const Payload* sa = FindPayload(in, kPayloadSa);
+    const Payload* tsi = FindPayload(in, kPayloadTsi);
+    const Payload* tsr = FindPayload(in, kPayloadTsr);
+    if (sa == nullptr) return;
+    SaOffer offer;
+    Proposal chosen;
+    child_spi_ = RandomBytes(kEspSpiBytes);
+    if (tsi == nullptr || tsr == nullptr || !Decode(sa->body, offer) ||
+        !ChooseProposal(offer, EspOffer(child_spi_), chosen)) {
+        out.push_back(MakeNotify(kNoProposalChosen));
+        return;
+    }
+    out.push_back(MakePayload(kPayloadSa, SaOffer{.proposals = {chosen}}));
+    out.push_back({.type = kPayloadTsi, .body = tsi->body});
+    out.push_back({.type = kPayloadTsr, .body = tsr->body});
+    child_open_ = true;
+    report_.Add("agreed", "a child SA, which is deleted at once");
+}
+
+void Responder::OnAuth(const Message& message) {
+    state_ = State::kFarewell;
+    limit_ = kFarewellLimit;
+    authenticator_.ReadRequests(message.payloads);
+    Payloads payloads;
+    Outcome outcome;
+    const bool proved =
+        authenticator_.Judge(context_, message.payloads, outcome) && authenticator_.Prove(context_, payloads, outcome);
+    StartTimer(kPatience);
+    if (!proved) {
+        report_.Add("judged", outcome.reason);
+        Conclude(outcome);
+        goodbye_sent_ = true;  // the SA ends with this answer
+        return Respond(message, {MakeNotify(kAuthenticationFailed)});
+    }
+    AnswerChild(message.payloads, payloads);
+    Respond(message, payloads);
+    if (!child_open_) return;
+    Request(kInformational, {MakePayload(kPayloadDelete, DeleteData{.protocol = kProtocolEsp, .spis = {child_spi_}})});
+}
+
+void Responder::ConcludeGood() {
+    Conclude(Ending::kAuthenticated,
+             authenticator_.peer_name() + " and " + authenticator_.own_name() + " authenticated each other");
+}
+
+void Responder::OnRequest(const Message& message) {
+    if (state_ == State::kAuth) {
+        if (message.header.exchange == kAuth) OnAuth(message);
+        return;
+    }
+    Notify refused;
+    if (FindNotify(message.payloads, kAuthenticationFailed, refused)) {
+        Conclude(Ending::kPeerRefused, "the peer answers " + NotifyName(kAuthenticationFailed));
+        Finish();
+    }
+    if (RespondAfterwards(message)) {
+        ConcludeGood();
+        Finish();
+    }
+}
+
+void Responder::OnResponse(const Message& /*message*/) {
+    if (goodbye_sent_) Finish();
+}
+
+void Responder::OnTimer() {
+    if (state_ == State::kAuth) Conclude(Ending::kAuthSilent, "no IKE_AUTH within the time-out");
+    if (state_ == State::kAuth || goodbye_sent_) return Finish();
+    ConcludeGood();
+    goodbye_sent_ = true;
+    Request(kInformational, {MakePayload(kPayloadDelete, DeleteData{})});
+}
+
+}  // namespace ikeauth

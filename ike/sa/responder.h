@@ -1,0 +1,43 @@
+// The responder's side of an IKE SA.
+#pragma once
+
+#include <memory>
+
+#include "ike/sa/association.h"
+
+namespace ikeauth {
+
+class Responder : public Association {
+  public:
+    Responder(const ExchangeSettings& settings, const Endpoints& endpoints, Report& report,
+              std::uint64_t initiator_spi);
+
+    /// The peer has proved who it is, or failed to: it is no longer one of the half-open ones.
+    bool half_open() const { return state_ == State::kInit || state_ == State::kAuth; }
+
+  private:
+    enum class State : std::uint8_t { kInit, kAuth, kFarewell };
+
+    void OnInit(const Message& message, std::string_view datagram) override;
+    void OnResponse(const Message& message) override;
+    void OnRequest(const Message& message) override;
+    void OnSilence() override { Finish(); }
+    void OnTimer() override;
+
+    bool ChooseSuite(const Message& message, KeyExchangeData& data);
+    void RefuseInit(const Message& message, std::uint16_t notify, std::string data = {});
+    void AnswerInit(const Message& message, const KeyExchange& own);
+    Message InitResponse(const Message& request) const;
+    void OnAuth(const Message& message);
+    /// The initiator has our AUTH and did not refuse it.
+    void ConcludeGood();
+    void AnswerChild(const Payloads& in, Payloads& out);
+
+    State state_ = State::kInit;
+    Proposal chosen_;
+    std::string child_spi_;
+    bool child_open_ = false;
+    bool goodbye_sent_ = false;
+};
+
+}  // namespace ikeauth

@@ -1,0 +1,74 @@
+// Many responders on one port: finds the SA of a datagram, and keeps strangers from costing much.
+//
+// A peer costs nothing but a digest until it has shown that it receives at its address (RFC 7296, 2.6): cookies are asked
+// for when many SAs are half-open. Beyond kMaxHalfOpen there are no new ones. Pure, as associations are.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "ike/sa/responder.h"
+
+namespace ikeauth {
+
+inline constexpr std::size_t kCookieThreshold = 16;  // half-open SAs
+inline constexpr std::size_t kMaxHalfOpen = 256;
+inline constexpr std::size_t kMaxAssociations = 4096;
+
+/// A datagram and where it came from or goes to, which the server does not look into.
+struct Packet {
+    std::string peer;
+    std::string datagram;
+};
+
+class Server {
+  public:
+    struct Listener {
+        /// A step of the exchange with that initiator SPI.
+        std::function<void(std::uint64_t, const Step&)> on_step;
+        /// An exchange has ended; the last time that the association is seen.
+        std::function<void(const Responder&, const Report&)> on_ended;
+    };
+
+    /// Settings are borrowed. `always_cookies`: also when nothing else is going on.
+    Server(const ExchangeSettings& settings, Listener listener, bool always_cookies);
+
+    /// `peer` is opaque; endpoints as in Endpoints.
+    void Receive(const std::string& peer, const Endpoints& endpoints, std::string_view datagram, Time now);
+    void Tick(Time now);
+    std::optional<Time> wake() const;
+    std::vector<Packet> TakeOutgoing();
+    std::size_t size() const { return entries_.size(); }
+
+  private:
+    struct Entry {
+        Endpoints endpoints;
+        Report report;
+        std::unique_ptr<Responder> responder;
+        bool told = false;
+    };
+    using Key = std::pair<std::uint64_t, std::string>;  // SPI and peer
+    using Entries = std::map<Key, std::unique_ptr<Entry>>;
+
+    bool Admit(const Key& key, std::string_view datagram);
+    bool HasCookie(const Message& message, const Key& key) const;
+    std::string Cookie(const std::string& nonce, const Key& key) const;
+    Entry& Make(const Key& key, const Endpoints& endpoints, Time now);
+    /// Collects what an entry sends and tells of its end. The iterator is the next one's.
+    Entries::iterator Settle(Entries::iterator entry);
+
+    const ExchangeSettings& settings_;
+    Listener listener_;
+    const bool always_cookies_;
+    std::string secret_ = RandomBytes(32);
+    Entries entries_;
+    std::size_t half_open_ = 0;
+    std::vector<Packet> outgoing_;
+};
+
+}  // namespace ikeauth
