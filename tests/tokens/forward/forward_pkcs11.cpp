@@ -18,6 +18,7 @@
 //   ghost                              every search finds one more object, which does not exist
 //   slots NUMBER                       as many more slots, after the others, that claim a token and have none
 //   endless                            no search ends: it finds objects that do not exist
+//   without MECHANISM                  the token does not offer it (hexadecimal)
 //   no-events                          C_WaitForSlotEvent answers CKR_FUNCTION_NOT_SUPPORTED
 //   trace FUNCTION                     appends "FUNCTION CKR" to the control file's name with ".trace" after each call
 //
@@ -66,6 +67,7 @@ struct Directives {
     std::map<std::string, milliseconds> delay;
     std::map<std::string, CK_FLAGS> flags;
     std::map<std::string, std::string> pose;
+    std::set<CK_MECHANISM_TYPE> without;
     CK_ULONG slots = 0;
     bool ghost = false;
     bool endless = false;
@@ -84,6 +86,7 @@ Directives Parse(const std::string& path) {
         if (verb == "hang") directives.hang.insert(name);
         if (verb == "trace") directives.trace.insert(name);
         if (verb == "slots") directives.slots = std::stoul(name);
+        if (verb == "without") directives.without.insert(std::stoul(name, nullptr, 16));
         if (verb == "ghost") directives.ghost = true;
         if (verb == "endless") directives.endless = true;
         if (verb == "no-events") directives.no_events = true;
@@ -405,6 +408,20 @@ CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     });
 }
 
+bool IsLeftOut(CK_MECHANISM_TYPE type) {
+    return Get().control.Ask([&](const Directives& d) { return d.without.count(type) > 0; });
+}
+
+CK_RV GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE* types, CK_ULONG* count) {
+    return ForwardOnSlot("C_GetMechanismList", slot, [&](CK_FUNCTION_LIST& module) {
+        const CK_RV rv = module.C_GetMechanismList(slot, types, count);
+        // Asked for the number alone, it may be too high.
+        if (rv == CKR_OK && types != nullptr)
+            *count = static_cast<CK_ULONG>(std::remove_if(types, types + *count, IsLeftOut) - types);
+        return rv;
+    });
+}
+
 CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* /*reserved*/) {
     const auto end = std::chrono::steady_clock::now() + kLongestHang;
     for (;;) {
@@ -451,12 +468,23 @@ CK_RV FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG
 /// first argument.
 enum class On { kSlot, kSession };
 
+/// Whether a call's second argument is a mechanism that the token does not offer.
+template <typename... Rest>
+bool UsesLeftOut(CK_MECHANISM* mechanism, Rest...) {
+    return IsLeftOut(mechanism->mechanism);
+}
+bool UsesLeftOut(...) {
+    return false;
+}
+
 template <auto Member, On Kind, const char* Name, typename Function>
 struct Plain;
 template <auto Member, On Kind, const char* Name, typename... Arguments>
 struct Plain<Member, Kind, Name, CK_RV (*)(unsigned long, Arguments...)> {
     static CK_RV Call(unsigned long first, Arguments... arguments) {
-        const auto call = [&](CK_FUNCTION_LIST& module) { return (module.*Member)(first, arguments...); };
+        const auto call = [&](CK_FUNCTION_LIST& module) {
+            return UsesLeftOut(arguments...) ? CKR_MECHANISM_INVALID : (module.*Member)(first, arguments...);
+        };
         return Kind == On::kSlot ? ForwardOnSlot(Name, first, call) : ForwardOnSession(Name, first, call);
     }
 };
@@ -485,11 +513,11 @@ CK_FUNCTION_LIST MakeList() {
     list.C_GetSlotList = GetSlotList;
     list.C_GetSlotInfo = GetSlotInfo;
     list.C_GetTokenInfo = GetTokenInfo;
+    list.C_GetMechanismList = GetMechanismList;
     list.C_WaitForSlotEvent = WaitForSlotEvent;
     list.C_OpenSession = OpenSession;
     list.C_CloseSession = CloseSession;
     list.C_FindObjects = FindObjects;
-    ON_SLOT(C_GetMechanismList)
     ON_SLOT(C_GetMechanismInfo)
     ON_SLOT(C_InitToken)
     ON_SLOT(C_CloseAllSessions)

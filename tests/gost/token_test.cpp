@@ -1,0 +1,402 @@
+// The GOST token by itself: logins, objects, damage, clients that nobody here wrote.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "tests/gost/examples.h"
+#include "tests/gost/module.h"
+#include "tests/support/der.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+#include "tests/tokens/fixture.h"
+
+namespace gost_test {
+namespace {
+
+namespace fs = std::filesystem;
+using Values = std::set<std::string>;
+
+std::string FromHex(const std::string& hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 2)
+        bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
+
+std::string Reversed(std::string text) {
+    std::reverse(text.begin(), text.end());
+    return text;
+}
+
+/// A token in slot 0 whose PINs are set.
+class GostToken : public testing::Test {
+  protected:
+    GostToken() {
+        module_ = std::make_unique<Module>(GOST_TOKEN_PATH, directory());
+        EXPECT_EQ(module_->InitToken(0, so_pin_), CKR_OK);
+        const CK_SESSION_HANDLE session = module_->Open();
+        EXPECT_EQ(module_->Login(session, so_pin_, CKU_SO), CKR_OK);
+        EXPECT_EQ((*module_)->C_InitPIN(session, Bytes(pin_), pin_.size()), CKR_OK);
+        EXPECT_EQ((*module_)->C_CloseSession(session), CKR_OK);
+    }
+    std::string directory() const { return (directory_ / "state").string(); }
+    /// As another process sees the token.
+    void Restart() {
+        module_.reset();
+        module_ = std::make_unique<Module>(GOST_TOKEN_PATH, directory());
+    }
+    CK_SESSION_HANDLE User() {
+        const CK_SESSION_HANDLE session = module_->Open();
+        EXPECT_EQ(module_->Login(session, pin_), CKR_OK);
+        return session;
+    }
+    Values Shown(CK_SESSION_HANDLE session) {
+        Values values;
+        for (const CK_OBJECT_HANDLE object : module_->Find(session))
+            values.insert(module_->Get(session, object, CKA_VALUE));
+        return values;
+    }
+
+    test_support::TempDir directory_;
+    std::string so_pin_ = token_test::RandomPin();
+    std::string pin_ = token_test::RandomPin();
+    std::unique_ptr<Module> module_;
+};
+
+TEST_F(GostToken, ObjectsOutliveTheProcessAndPrivateOnesNeedThePin) {
+    CK_OBJECT_HANDLE object = 0;
+    CK_SESSION_HANDLE session = User();
+    EXPECT_EQ(module_->AddData(session, "a", "seen", false, object), CKR_OK);
+    EXPECT_EQ(module_->AddData(session, "b", "hidden", true, object), CKR_OK);
+    Restart();
+    session = module_->Open();
+    EXPECT_EQ(Shown(session), Values{"seen"});
+    EXPECT_EQ(module_->Login(session, so_pin_), CKR_PIN_INCORRECT);
+    EXPECT_EQ(module_->AddData(session, "c", "x", true, object), CKR_USER_NOT_LOGGED_IN);
+    EXPECT_EQ(module_->Login(session, so_pin_, CKU_SO), CKR_OK);
+    EXPECT_EQ(Shown(session), Values{"seen"}) << "the security officer does not see private objects";
+    EXPECT_EQ((*module_)->C_Logout(session), CKR_OK);
+    EXPECT_EQ(module_->Login(session, pin_), CKR_OK);
+    EXPECT_EQ(Shown(session), (Values{"hidden", "seen"}));
+    for (const auto& file : fs::recursive_directory_iterator(directory())) {
+        if (!file.is_regular_file()) continue;
+        std::ifstream in(file.path(), std::ios::binary);
+        const std::string content{std::istreambuf_iterator<char>(in), {}};
+        EXPECT_EQ(content.find("hidden"), std::string::npos);
+    }
+}
+
+TEST_F(GostToken, NewPinsOpenTheSameObjects) {
+    CK_OBJECT_HANDLE object = 0;
+    CK_SESSION_HANDLE session = User();
+    ASSERT_EQ(module_->AddData(session, "b", "hidden", true, object), CKR_OK);
+    std::string next = token_test::RandomPin() + "1";
+    EXPECT_EQ((*module_)->C_SetPIN(session, Bytes(so_pin_), 8, Bytes(next), 9), CKR_PIN_INCORRECT);
+    EXPECT_EQ((*module_)->C_SetPIN(session, Bytes(pin_), 8, Bytes(next), 3), CKR_PIN_LEN_RANGE);
+    EXPECT_EQ((*module_)->C_SetPIN(session, Bytes(pin_), 8, Bytes(next), 9), CKR_OK);
+    Restart();
+    session = module_->Open();
+    EXPECT_EQ(module_->Login(session, pin_), CKR_PIN_INCORRECT);
+    EXPECT_EQ(module_->Login(session, so_pin_, CKU_SO), CKR_OK);
+    EXPECT_EQ((*module_)->C_InitPIN(session, Bytes(pin_), 8), CKR_OK) << "a forgotten PIN";
+    EXPECT_EQ((*module_)->C_Logout(session), CKR_OK);
+    EXPECT_EQ(module_->Login(session, next), CKR_PIN_INCORRECT);
+    EXPECT_EQ(module_->Login(session, pin_), CKR_OK);
+    EXPECT_EQ(Shown(session), Values{"hidden"});
+}
+
+TEST_F(GostToken, ANewTokenInTheSlotTakesTheOldOnesPlaceForEverybody) {
+    CK_OBJECT_HANDLE object = 0;
+    const CK_SESSION_HANDLE session = User();
+    ASSERT_EQ(module_->AddData(session, "b", "old", true, object), CKR_OK);
+    EXPECT_EQ(module_->InitToken(0, so_pin_), CKR_SESSION_EXISTS);
+    const auto pkcs11_tool = [&](const std::string& so_pin) {
+        return test_support::Run({"pkcs11-tool", "--module", GOST_TOKEN_PATH, "--init-token", "--slot", "0", "--label",
+                                  "new", "--so-pin", "env:SO_PIN"},
+                                 {{"CERTMGR_GOST_DIRECTORY", directory()}, {"SO_PIN", so_pin}})
+            .exit_code;
+    };
+    EXPECT_NE(pkcs11_tool(pin_), 0);
+    EXPECT_EQ(Shown(session), Values{"old"});
+    EXPECT_EQ(pkcs11_tool(so_pin_), 0);
+    CK_SESSION_INFO info{};
+    EXPECT_EQ((*module_)->C_GetSessionInfo(session, &info), CKR_DEVICE_REMOVED);
+    EXPECT_EQ((*module_)->C_GetSessionInfo(session, &info), CKR_SESSION_HANDLE_INVALID);
+    EXPECT_TRUE(Shown(module_->Open()).empty());
+}
+
+TEST_F(GostToken, WrongCallsGetTheStandardsAnswers) {
+    const CK_SESSION_HANDLE session = User();
+    const CK_SESSION_HANDLE reader = module_->Open(0, 0);
+    CK_OBJECT_HANDLE object = 0;
+    CK_MECHANISM digest{CKM_GOSTR3411, nullptr, 0};
+    CK_MECHANISM unknown{CKM_SHA256, nullptr, 0};
+    CK_BYTE out[64];
+    CK_ULONG size = 31;
+    auto& m = *module_;
+    EXPECT_EQ(m.AddData(reader, "x", "x", false, object), CKR_SESSION_READ_ONLY);
+    EXPECT_EQ(m.Login(reader, pin_), CKR_USER_ALREADY_LOGGED_IN);
+    EXPECT_EQ(m.Login(reader, so_pin_, CKU_SO), CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
+    EXPECT_EQ(m->C_DestroyObject(session, 4711), CKR_OBJECT_HANDLE_INVALID);
+    EXPECT_EQ(m->C_SignInit(session, &digest, 4711), CKR_MECHANISM_INVALID);
+    EXPECT_EQ(m->C_DigestInit(session, &unknown), CKR_MECHANISM_INVALID);
+    EXPECT_EQ(m->C_Digest(session, out, 1, out, &size), CKR_OPERATION_NOT_INITIALIZED);
+    ASSERT_EQ(m->C_DigestInit(session, &digest), CKR_OK);
+    EXPECT_EQ(m->C_DigestInit(session, &digest), CKR_OPERATION_ACTIVE);
+    EXPECT_EQ(m->C_Digest(session, out, 1, out, &size), CKR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, 32U);
+    EXPECT_EQ(m->C_Digest(session, out, 1, out, &size), CKR_OK) << "the operation goes on after a short buffer";
+    EXPECT_EQ(m->C_Initialize(nullptr), CKR_CRYPTOKI_ALREADY_INITIALIZED);
+    EXPECT_EQ(m->C_EncryptInit(session, &digest, 1), CKR_FUNCTION_NOT_SUPPORTED);
+    // CKA_TRUSTED is for the security officer.
+    CK_OBJECT_CLASS certificate = CKO_CERTIFICATE;
+    CK_CERTIFICATE_TYPE x509 = CKC_X_509;
+    CK_BBOOL yes = CK_TRUE;
+    CK_ATTRIBUTE trusted[] = {{CKA_CLASS, &certificate, sizeof certificate},
+                              {CKA_CERTIFICATE_TYPE, &x509, sizeof x509},
+                              {CKA_VALUE, out, 10},
+                              {CKA_TRUSTED, &yes, 1}};
+    EXPECT_EQ(m->C_CreateObject(session, trusted, 4, &object), CKR_ATTRIBUTE_READ_ONLY);
+    EXPECT_EQ(m->C_CreateObject(session, trusted, 2, &object), CKR_TEMPLATE_INCOMPLETE);
+    trusted[3].type = CKA_MODULUS;
+    EXPECT_EQ(m->C_CreateObject(session, trusted, 4, &object), CKR_ATTRIBUTE_TYPE_INVALID);
+}
+
+TEST_F(GostToken, ADirectoryThatOthersCanReadIsRefused) {
+    fs::permissions(directory(), fs::perms::group_read, fs::perm_options::add);
+    module_.reset();
+    const Module refused(GOST_TOKEN_PATH, directory());
+    EXPECT_EQ(refused.result, CKR_DEVICE_ERROR);
+    const Module relative(GOST_TOKEN_PATH, "state");
+    EXPECT_EQ(relative.result, CKR_ARGUMENTS_BAD);
+}
+
+/// Each file of the token is cut and has bits turned: the token never takes what was damaged, and everything else stays.
+TEST_F(GostToken, DamagedFilesAreNotTakenAndHarmNothingElse) {
+    CK_OBJECT_HANDLE object = 0;
+    CK_SESSION_HANDLE session = User();
+    const Values all{"hidden", "seen"};
+    ASSERT_EQ(module_->AddData(session, "a", "seen", false, object), CKR_OK);
+    ASSERT_EQ(module_->AddData(session, "b", "hidden", true, object), CKR_OK);
+    std::vector<fs::path> files;
+    for (const auto& file : fs::directory_iterator(fs::path(directory()) / "slot-0")) files.push_back(file.path());
+    ASSERT_EQ(files.size(), 3U);
+    for (const fs::path& file : files) {
+        std::ifstream in(file, std::ios::binary);
+        const std::string good{std::istreambuf_iterator<char>(in), {}};
+        const auto put = [&](const std::string& content) {
+            std::ofstream(file.string() + ".next", std::ios::binary) << content;
+            fs::rename(file.string() + ".next", file);
+        };
+        for (std::size_t at = 0; at < good.size(); at += 7) {
+            std::string flipped = good;
+            flipped[at] = static_cast<char>(flipped[at] ^ (1 << at % 8));
+            for (const std::string& bad : {flipped, good.substr(0, at)}) {
+                put(bad);
+                CK_TOKEN_INFO info{};
+                if (file.filename() == "token") {
+                    EXPECT_EQ((*module_)->C_GetTokenInfo(0, &info), CKR_TOKEN_NOT_RECOGNIZED) << at;
+                } else {
+                    const Values left = Shown(session);
+                    EXPECT_TRUE(left.size() == 1 && all.contains(*left.begin())) << file << " " << at;
+                }
+            }
+        }
+        put(good);
+        if (file.filename() == "token") session = User();
+        EXPECT_EQ(Shown(session), all);
+    }
+}
+
+TEST_F(GostToken, AKilledProcessLeavesEveryObjectReadable) {
+    for (unsigned round = 0; round < 3; ++round) {
+        test_support::Process writer({GOST_WRITER_PATH, GOST_TOKEN_PATH, directory(), pin_});
+        const std::string last = "wrote " + std::to_string(20 + 17 * round);
+        ASSERT_TRUE(writer.WaitForOutput(last)) << writer.Err();
+        writer.Kill();
+        unsigned written = 0;
+        std::istringstream lines(writer.Wait().out);
+        for (std::string line; std::getline(lines, line);) ++written;
+        Restart();
+        const CK_SESSION_HANDLE session = User();
+        std::set<std::string> whole;
+        std::size_t begun = 0;
+        for (const CK_OBJECT_HANDLE object : module_->Find(session)) {
+            const std::string label = module_->Get(session, object, CKA_LABEL);
+            const std::string value = module_->Get(session, object, CKA_VALUE);
+            std::string expected;
+            for (int i = 0; i < 1000; ++i) expected += label;
+            if (value == expected)
+                whole.insert(label);
+            else
+                ++begun;
+            EXPECT_TRUE(value == expected || value == "first" || label == "passing") << label;
+            EXPECT_EQ((*module_)->C_DestroyObject(session, object), CKR_OK);
+        }
+        EXPECT_GE(whole.size(), written);
+        EXPECT_LE(begun, 1U) << "at most the one that was being written";
+    }
+}
+
+/// RFC 5832 and RFC 7091, 7.1 (the same numbers), RFC 7091, 7.2: the published public keys, hashes and signatures.
+TEST_F(GostToken, PublishedExamplesPinTheByteOrders) {
+    struct {
+        const char* what;
+        CK_KEY_TYPE type;
+        CK_MECHANISM_TYPE mechanism;
+        const char* set;
+        const char* digest;
+        const char* x;
+        const char* y;
+        const char* e;
+        const char* r;
+        const char* s;
+    } const cases[] = {
+        {"2001", CKK_GOSTR3410, CKM_GOSTR3410, "1.2.643.2.2.35.0", "1.2.643.2.2.30.1", kExample256.x, kExample256.y,
+         kExample256.e, kExample256.r, kExample256.s},
+        {"2012-256", CKK_GOSTR3410, CKM_GOSTR3410, "1.2.643.2.2.35.0", "1.2.643.7.1.1.2.2", kExample256.x,
+         kExample256.y, kExample256.e, kExample256.r, kExample256.s},
+        {"2012-512", CKK_GOSTR3410_512, CKM_GOSTR3410_512, "1.2.643.7.1.2.1.2.0", "1.2.643.7.1.1.2.3", kExample512.x,
+         kExample512.y, kExample512.e, kExample512.r, kExample512.s},
+    };
+    const CK_SESSION_HANDLE session = module_->Open();
+    for (const auto& c : cases) {
+        CK_OBJECT_CLASS object_class = CKO_PUBLIC_KEY;
+        CK_KEY_TYPE type = c.type;
+        std::string set = der::Oid(c.set);
+        std::string digest_set = der::Oid(c.digest);
+        std::string value = Reversed(FromHex(c.x)) + Reversed(FromHex(c.y));
+        CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &object_class, sizeof object_class},
+                                     {CKA_KEY_TYPE, &type, sizeof type},
+                                     {CKA_GOSTR3410_PARAMS, set.data(), set.size()},
+                                     {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()},
+                                     {CKA_VALUE, value.data(), value.size()}};
+        CK_OBJECT_HANDLE key = 0;
+        ASSERT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_OK) << c.what;
+        CK_MECHANISM mechanism{c.mechanism, nullptr, 0};
+        const auto verify = [&](const std::string& digest, const std::string& signature) {
+            EXPECT_EQ((*module_)->C_VerifyInit(session, &mechanism, key), CKR_OK);
+            return (*module_)->C_Verify(session, Bytes(digest), digest.size(), Bytes(signature), signature.size());
+        };
+        const std::string digest = Reversed(FromHex(c.e));
+        const std::string signature = FromHex(c.s) + FromHex(c.r);
+        EXPECT_EQ(verify(digest, signature), CKR_OK) << c.what;
+        EXPECT_EQ(verify(digest, FromHex(c.r) + FromHex(c.s)), CKR_SIGNATURE_INVALID) << c.what;
+        EXPECT_EQ(verify(digest, Reversed(signature)), CKR_SIGNATURE_INVALID) << c.what;
+        EXPECT_EQ(verify(Reversed(digest), signature), CKR_SIGNATURE_INVALID) << c.what;
+        EXPECT_EQ(verify(digest, signature.substr(1)), CKR_SIGNATURE_LEN_RANGE) << c.what;
+        value.back() = static_cast<char>(value.back() ^ 1);
+        EXPECT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_ATTRIBUTE_VALUE_INVALID)
+            << "not on the curve";
+        set.back() = static_cast<char>(set.back() ^ 64);
+        EXPECT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_DOMAIN_PARAMS_INVALID);
+    }
+}
+
+/// RFC 6986, 10.1; RFC 5831's function with the parameters of RFC 4357.
+TEST_F(GostToken, DigestsAreThePublishedOnes) {
+    const std::string m1 = "012345678901234567890123456789012345678901234567890123456789012";
+    struct {
+        CK_MECHANISM_TYPE mechanism;
+        std::string data;
+        const char* digest;
+    } const cases[] = {
+        {CKM_GOSTR3411, "abc", "b285056dbf18d7392d7677369524dd14747459ed8143997e163b2986f92fd42c"},
+        {CKM_GOSTR3411_2012_256, m1, "9d151eefd8590b89daa6ba6cb74af9275dd051026bb149a452fd84e5e57b5500"},
+        {CKM_GOSTR3411_2012_512, m1,
+         "1b54d01a4af5b9d5cc3d86d68d285462b19abc2475222f35c085122be4ba1ffa"
+         "00ad30f8767b3a82384c6574f024c311e2a481332b08ef7f41797891c1646f48"},
+    };
+    const CK_SESSION_HANDLE session = module_->Open();
+    for (const auto& c : cases) {
+        CK_MECHANISM mechanism{c.mechanism, nullptr, 0};
+        std::string digest(64, '\0');
+        CK_ULONG size = digest.size();
+        EXPECT_EQ((*module_)->C_DigestInit(session, &mechanism), CKR_OK);
+        for (const char& byte : c.data)
+            EXPECT_EQ((*module_)->C_DigestUpdate(session, Bytes(std::string(1, byte)), 1), CKR_OK);
+        EXPECT_EQ((*module_)->C_DigestFinal(session, Bytes(digest), &size), CKR_OK);
+        EXPECT_EQ(digest.substr(0, size), FromHex(c.digest));
+    }
+}
+
+/// OpenSC's tool makes, lists and uses keys; p11-kit's server of modules shows them in the same way to GnuTLS's.
+TEST_F(GostToken, ToolsOfOthersWork) {
+    module_.reset();
+    const std::string data = directory_ / "data";
+    const std::string signature = directory_ / "signature";
+    std::ofstream(data) << "what is signed";
+    const auto tool = [&](std::vector<std::string> words) {
+        words.insert(words.begin(),
+                     {"pkcs11-tool", "--module", GOST_TOKEN_PATH, "--slot", "0", "--login", "--pin", "env:PIN"});
+        const auto result = test_support::Run(words, {{"CERTMGR_GOST_DIRECTORY", directory()}, {"PIN", pin_}});
+        EXPECT_EQ(result.exit_code, 0) << words[8] << " " << words[9] << "\n" << result.out << result.err;
+        return result.out;
+    };
+    const std::vector<std::vector<std::string>> kinds{
+        {"01", "GOSTR3410:A", "GOSTR3410-WITH-GOSTR3411"},
+        {"02", "GOSTR3410-2012-256:A", "GOSTR3410-WITH-GOSTR3411-12-256"},
+        {"03", "GOSTR3410-2012-512:A", "GOSTR3410-WITH-GOSTR3411-12-512"}};
+    for (const auto& kind : kinds) {
+        tool({"--keypairgen", "--key-type", kind[1], "--id", kind[0], "--label", kind[0]});
+        tool({"--sign", "-m", kind[2], "--id", kind[0], "-i", data, "-o", signature});
+        EXPECT_NE(tool({"--verify", "-m", kind[2], "--id", kind[0], "-i", data, "--signature-file", signature})
+                      .find("Signature is valid"),
+                  std::string::npos);
+        std::ofstream(data, std::ios::app) << "more";
+        EXPECT_EQ(tool({"--verify", "-m", kind[2], "--id", kind[0], "-i", data, "--signature-file", signature})
+                      .find("Signature is valid"),
+                  std::string::npos);
+    }
+    tool({"--write-object", data, "--type", "data", "--label", "file", "--private"});
+    tool({"--delete-object", "--type", "privkey", "--id", "02"});
+    const std::string listed = tool({"--list-objects"});
+    for (const char* what : {"Private Key Object; GOSTR3410-2012-512", "Public Key Object; GOSTR3410-2012-256",
+                             "label:          'file'"}) {
+        EXPECT_NE(listed.find(what), std::string::npos) << what << "\n" << listed;
+    }
+    EXPECT_EQ(listed.find("Private Key Object; GOSTR3410-2012-256"), std::string::npos);
+    const auto tokens = test_support::Run({"p11tool", "--provider", GOST_TOKEN_PATH, "--list-tokens"},
+                                          {{"CERTMGR_GOST_DIRECTORY", directory()}});
+    EXPECT_NE(tokens.out.find("Label: gost"), std::string::npos) << tokens.err;
+}
+
+TEST_F(GostToken, ThreadsSignAndListAtOnce) {
+    User();
+    std::string set = der::Oid("1.2.643.2.2.35.1");
+    std::string digest_set = der::Oid("1.2.643.7.1.1.2.2");
+    CK_ATTRIBUTE attributes[] = {{CKA_GOSTR3410_PARAMS, set.data(), set.size()},
+                                 {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()}};
+    std::vector<std::thread> threads;
+    std::atomic<int> good = 0;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            const CK_SESSION_HANDLE session = module_->Open();
+            CK_OBJECT_HANDLE pair[2];
+            CK_MECHANISM generate{CKM_GOSTR3410_KEY_PAIR_GEN, nullptr, 0};
+            CK_MECHANISM sign{CKM_GOSTR3410, nullptr, 0};
+            if ((*module_)->C_GenerateKeyPair(session, &generate, attributes, 2, nullptr, 0, pair, pair + 1) != CKR_OK)
+                return;
+            for (int n = 0; n < 20; ++n) {
+                std::string digest(32, static_cast<char>(n));
+                std::string signature(64, '\0');
+                CK_ULONG size = signature.size();
+                const bool done = (*module_)->C_SignInit(session, &sign, pair[1]) == CKR_OK &&
+                                  (*module_)->C_Sign(session, Bytes(digest), 32, Bytes(signature), &size) == CKR_OK &&
+                                  (*module_)->C_VerifyInit(session, &sign, pair[0]) == CKR_OK &&
+                                  (*module_)->C_Verify(session, Bytes(digest), 32, Bytes(signature), 64) == CKR_OK;
+                good += done && module_->Find(session).size() >= 2 ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(good, 80);
+}
+
+}  // namespace
+}  // namespace gost_test
