@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <iterator>
 #include <list>
+#include <ranges>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -38,6 +40,10 @@ std::vector<std::string> NamesWithoutPartner(const PresharedKeys& keys, const Pr
         }
     }
     return names;
+}
+
+std::unique_ptr<PresharedKey> MakeKey(const PKCS11::TokenInfo& token, std::string name) {
+    return std::make_unique<PresharedKey>(PresharedKey{token, std::move(name)});
 }
 
 void LogChange(std::string text, std::string_view name) {
@@ -80,6 +86,12 @@ void ReloadPass::ListChange::Prepare() {
     next.Reindex();
 }
 
+void ReloadPass::ListChange::KeepAllOf(const PKCS11::TokenInfo& token) {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (list[i]->token.id == token.id) kept[i] = true;
+    }
+}
+
 ReloadPass::ReloadPass(CertStorage& storage, std::uint32_t what)
     : storage_(storage),
       what_(what),
@@ -105,10 +117,13 @@ void ReloadPass::ReadTokens() {
 
 void ReloadPass::ReadCertificates(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
     std::list<PKCS11::CertObject> objects;
-    session.EnumCertificates(objects);
+    const bool complete = session.EnumCertificates(objects);
     for (const PKCS11::CertObject& object : objects) {
         if (!DeleteIfDiscarded(token, object) && !Keep(token, object)) Add(session, token, object);
     }
+    if (complete) return;
+    failures_.emplace(token.id, kReloadCertificates);
+    for (ListChange* change : {&other_, &trusted_, &personal_, &key_pair_}) change->KeepAllOf(token);
 }
 
 /// Looks the object up in the old lists: personal, trusted, other (none of them for a key pair), key pair last. Each
@@ -147,27 +162,39 @@ void ReloadPass::Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& tok
 
 void ReloadPass::ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
     std::list<PKCS11::PresharedKeyObject> objects;
-    session.EnumPresharedKeys(objects);
-    for (PKCS11::PresharedKeyObject& object : objects) {
-        preshared_keys_.push_back(std::make_unique<PresharedKey>(PresharedKey{token, std::move(object.name)}));
+    const bool complete = session.EnumPresharedKeys(objects);
+    PresharedKeys read;
+    for (PKCS11::PresharedKeyObject& object : objects) read.push_back(MakeKey(token, std::move(object.name)));
+    if (!complete) {
+        failures_.emplace(token.id, kReloadPresharedKeys);
+        PresharedKeys old;
+        for (const auto& key : storage_.presharedKeys) {
+            if (key->token.id == token.id) old.push_back(MakeKey(token, key->name));
+        }
+        for (std::string& name : NamesWithoutPartner(old, read)) read.push_back(MakeKey(token, std::move(name)));
     }
+    std::move(read.begin(), read.end(), std::back_inserter(preshared_keys_));
 }
 
 void ReloadPass::ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
     std::list<PKCS11::CRLObject> objects;
-    session.EnumCRLs(objects);
+    const bool complete = session.EnumCRLs(objects);
     for (PKCS11::CRLObject& object : objects) {
-        const CrlRef old = FindOld(token, object);
+        const CrlRef old = TakeOld(token, object);
         crls_.push_back(old != nullptr ? std::make_shared<X509CRL>(token, *old)
                                        : std::make_shared<X509CRL>(token, std::move(object)));
     }
+    if (complete) return;
+    failures_.emplace(token.id, kReloadCRLs);
+    const auto of_token = [&](const auto& old) { return old.first.first == token.id; };
+    for (const auto& [key, crl] : old_crls_ | std::views::filter(of_token)) crls_.push_back(crl);
 }
 
-/// The store's object of a CRL that is still the same: a large one is not read anew.
-CrlRef ReloadPass::FindOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object) const {
+/// The store's object of a CRL that is still the same, once: a large one is not read anew.
+CrlRef ReloadPass::TakeOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object) {
     const auto [first, last] = old_crls_.equal_range({token.id, object.id});
     const auto same = std::find_if(first, last, [&](const auto& old) { return old.second->rawCrl() == object.value; });
-    return same != last ? same->second : nullptr;
+    return same != last ? old_crls_.extract(same).mapped() : nullptr;
 }
 
 void ReloadPass::Prepare() {

@@ -20,8 +20,10 @@ class ReloadPass {
     /// `what` is a mask of ReloadBits.
     ReloadPass(CertStorage& storage, std::uint32_t what);
 
-    /// Reads the objects of every token that opens a session.
+    /// Reads the objects of every token that opens a session. What one that fails half way does not show stays as it was.
     void ReadTokens();
+    /// The tokens that failed, and the kinds of objects that they did not show to the end.
+    const ReadFailures& failures() const { return failures_; }
     /// Builds the lists to come.
     void Prepare();
     /// Puts them in. Under the store's write lock.
@@ -33,6 +35,7 @@ class ReloadPass {
     struct ListChange {
         explicit ListChange(CertStorage::X509CertsDB& stored);
         bool Any() const { return !appeared.empty() || !disappeared.empty(); }
+        void KeepAllOf(const PKCS11::TokenInfo& token);
         void Prepare();
 
         CertStorage::X509CertsDB& list;
@@ -47,12 +50,13 @@ class ReloadPass {
     void Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
     void ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
     void ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
-    CrlRef FindOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object) const;
+    CrlRef TakeOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object);
     void ReportCertificates() const;
     void ReportPresharedKeys() const;
 
     CertStorage& storage_;
     std::uint32_t what_;
+    ReadFailures failures_;
     ListChange other_;
     ListChange trusted_;
     ListChange personal_;

@@ -171,7 +171,18 @@ void CertStorage::ReloadTokensObjects(std::uint32_t what) {
         const vpnfc::WriteLock write_lock(*this);
         pass.Swap();
     }
+    const std::uint32_t again = NewFailures(what, pass.failures());
     if (pass.Report()) EM_AsyncCall(cm_send_cert_list_changed_nitification_, nullptr);
+    if (again != 0) PutReloadEvent(again);
+}
+
+/// Bits worth one more reload: a token that failed the last time, too, is left to its next event.
+std::uint32_t CertStorage::NewFailures(std::uint32_t what, const ReadFailures& failures) {
+    std::uint32_t bits = 0;
+    for (const auto& failure : failures) bits |= lastFailures.contains(failure) ? 0 : failure.second;
+    std::erase_if(lastFailures, [what](const auto& failure) { return (failure.second & what) != 0; });
+    lastFailures.insert(failures.begin(), failures.end());
+    return bits;
 }
 
 void CertStorage::Reload() {
@@ -269,6 +280,7 @@ void CertStorage::ClearLists() {
         personalCerts.Swap(old_lists[2]);
         keyPairCerts.Swap(old_lists[3]);
     }
+    lastFailures.clear();
     Stop();
 }
 

@@ -5,8 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "certmgr/api.h"
@@ -87,6 +89,9 @@ enum ReloadBits : std::uint32_t {
     kReloadAll = 7,
     kStoreStopped = 8,
 };
+
+/// Tokens that failed half way through a reload: identifier and bit of what was read.
+using ReadFailures = std::set<std::pair<std::uint64_t, std::uint32_t>>;
 
 /// Results of CertStorage::ExportCertificate.
 enum CertExportResult : std::uint32_t {
@@ -224,8 +229,11 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     void ReloadTokensObjects(std::uint32_t what);
     void ReloadOne(std::uint32_t bit);
     void EndPendingReload();
+    std::uint32_t NewFailures(std::uint32_t what, const ReadFailures& failures);
     void Stop();
     void ClearLists();
+
+    ReadFailures lastFailures;  // guarded by tokensLock
 
     // Guarded by reloadLock.
     std::uint32_t reloadFlags = kStoreStopped;

@@ -191,13 +191,29 @@ TEST_F(ReloadTest, TokenThatDoesNotOpenContributesNothing) {
     EXPECT_NE(store().personalCerts[0], held.get());
 }
 
-TEST_F(ReloadTest, ObjectsReadBeforeAFailureAreKept) {
-    card->AddCertificate(Leaf("CN=own").der, {.category = 1});
+TEST_F(ReloadTest, WhatATokenFailsToShowStaysAndIsReadOnceMore) {
     const auto second = vendor_host::AddToken("second");
-    second->AddCertificate(Leaf("CN=second").der, {.category = 1});
-    card->Fail(Op::kEnumCertificates);
+    const std::string own = card->AddCertificate(Leaf("CN=own").der, {.category = 1});
+    card->AddPresharedKey("psk", "secret");
+    card->AddCrl("crl", MakeCrl({}, root));
     Reload();
-    EXPECT_EQ(Subjects(store().personalCerts), Strings{"CN=second"});
+    second->AddCertificate(Leaf("CN=second").der, {.category = 1});
+    HookLog::Take();
+    const auto fail = [this](unsigned times) {
+        for (const Op op : {Op::kEnumCertificates, Op::kEnumPresharedKeys, Op::kEnumCRLs}) card->Fail(op, times);
+    };
+    fail(~0U);
+    EXPECT_EQ(Reload(), 1U);
+    EXPECT_EQ(HookLog::Take(), Strings{"cert+ CN=second"});
+    EXPECT_EQ(Subjects(store().personalCerts), (Strings{"CN=own", "CN=second"}));
+    EXPECT_EQ(KeyNames(), Strings{"psk"});
+    EXPECT_EQ(store().crls.size(), 1U);
+    EXPECT_EQ(vendor_host::Advance(10), 1U) << "once";
+    EXPECT_EQ(HookLog::Take(), Strings());
+    card->Remove(own);
+    fail(0);
+    Reload();
+    EXPECT_EQ(HookLog::Take(), Strings{"cert- CN=own"});
 }
 
 TEST_F(ReloadTest, PresharedKeysAreComparedByNameOneToOne) {
