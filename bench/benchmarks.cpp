@@ -54,29 +54,12 @@ void LeafParsePeer(State& state) {
 
 // --- Peer verification ---
 
-struct Payloads {
-    ~Payloads() {
-        for (const CM::X509Cert* cert : certs) CM::VCertHandleClose(cert);
-    }
-    void Add(const std::string& der) {
-        CM::VCertsListAddRawX509(certs, der.data(), static_cast<unsigned>(der.size()), {});
-    }
-    std::vector<const CM::X509Cert*> certs;
-};
-
 /// With that many other certificates in the store beside the root.
 void PeerVerify(State& state, int others) {
     World& world = TheWorld();
     const StoreListReplaced replaced(&CM::CertStorage::otherCerts, world.Variants("Other peer", false, others));
-    const LPCFG::ipsecid_t any;
     for (auto _ : state) {
-        Payloads payloads;
-        payloads.Add(world.leaf().der);
-        payloads.Add(world.intermediate().der);
-        const CM::X509Cert* peer =
-            CM::IkeVerifyPeerCertificate(world.rule(), any, payloads.certs, LPARAMS::CRL_PROC_DISABLED, {}, {});
-        Require(peer != nullptr, state);
-        CM::VCertHandleClose(peer);
+        Require(world.VerifyPeer(world.leaf(), world.intermediate(), LPARAMS::CRL_PROC_DISABLED), state);
     }
 }
 

@@ -1,19 +1,26 @@
-// CRLs of real-world size: reading, memory, verdicts.
+// CRLs of real-world size: reading, memory, verdicts; checks with CRLs in the cache and beside servers that are dead.
 #include <malloc.h>
 #include <openssl/x509.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/benchmarks.h"
 #include "bench/register.h"
 #include "bench/world.h"
+#include "certmgr/chain.h"
 #include "certmgr/x509cert.h"
+#include "platform/params.h"
+#include "tests/support/crl_servers.h"
 #include "tests/support/pki.h"
 
 namespace bench {
@@ -24,11 +31,10 @@ using benchmark::State;
 constexpr int kLarge = 1000000;
 constexpr std::size_t kSerialBytes = 16;
 
-/// A CRL of the root: entries of 35 bytes each, with random serial numbers.
-const PKCS11::CRLObject& CrlObject(int entries) {
-    static std::map<int, PKCS11::CRLObject> made;
-    PKCS11::CRLObject& object = made[entries];
-    if (!object.value.empty()) return object;
+constexpr int kSmall = 10000;
+
+/// Entries of 35 bytes each, with random serial numbers.
+std::string CrlDer(int entries, const test_pki::Cert& issuer) {
     std::mt19937_64 random(20300101);
     std::string list;
     for (int i = 0; i < entries; ++i) {
@@ -36,7 +42,14 @@ const PKCS11::CRLObject& CrlObject(int entries) {
         for (std::size_t at = 1; at < serial.size(); ++at) serial[at] = static_cast<char>(random());
         list += test_pki::EntryDer({.serial = serial});
     }
-    object.value = test_pki::MakeCrl({.entries_der = list}, TheWorld().root());
+    return test_pki::MakeCrl({.entries_der = list}, issuer);
+}
+
+/// A CRL of the root.
+const PKCS11::CRLObject& CrlObject(int entries) {
+    static std::map<int, PKCS11::CRLObject> made;
+    PKCS11::CRLObject& object = made[entries];
+    if (object.value.empty()) object.value = CrlDer(entries, TheWorld().root());
     return object;
 }
 
@@ -135,6 +148,123 @@ void CrlLookUp(State& state, int entries) {
     }
 }
 
+// --- Checks of peers whose CRLs are on a server ---
+
+class CheckedPeers {
+  public:
+    CheckedPeers()
+        : intermediate_(Issue("/root.crl", "CN=Checked, O=Bench, C=EX", true, &TheWorld().root())),
+          leaf_(Leaf("/issuing.crl")) {
+        server_.Set("/root.crl", {.body = CrlDer(kSmall, TheWorld().root())});
+        server_.Set("/issuing.crl", {.body = CrlDer(kSmall, intermediate_)});
+    }
+
+    test_support::HostileServer& server() { return server_; }
+    const test_pki::Cert& intermediate() const { return intermediate_; }
+    const test_pki::Cert& leaf() const { return leaf_; }
+    /// Whose CRL is at that path of the server.
+    test_pki::Cert Leaf(const std::string& path) const {
+        return Issue(path, "CN=checked, O=Bench, C=EX", false, &intermediate_);
+    }
+    /// A path that was not used before.
+    std::string NewPath() { return "/" + std::to_string(++paths_) + ".crl"; }
+
+  private:
+    test_pki::Cert Issue(const std::string& path, const std::string& subject, bool ca,
+                         const test_pki::Cert* issuer) const {
+        return test_pki::MakeCert({.key = test_pki::KeyType::kRsa2048,
+                                   .key_index = ca ? 1 : 2,
+                                   .subject = subject,
+                                   .ca = ca,
+                                   .key_usage = ca ? "keyCertSign, cRLSign" : "digitalSignature",
+                                   .crl_points = {{"URI:" + server_.Uri(path)}}},
+                                  issuer);
+    }
+
+    test_support::HostileServer server_;
+    test_pki::Cert intermediate_;
+    test_pki::Cert leaf_;
+    unsigned paths_ = 0;
+};
+
+CheckedPeers& ThePeers() {
+    static CheckedPeers peers;
+    return peers;
+}
+
+bool PassesCheck(const CM::CertRef& cert) {
+    static const CM::CertRef& issuer = *new CM::CertRef(Certificate(ThePeers().intermediate()));
+    return CM::CertVerifyRevocation(cert.get(), issuer.get(), LPARAMS::CRL_PROC_ENABLED, {}, {});
+}
+
+void VerifyChecked(State& state, LPARAMS::CRL_PROC_t mode) {
+    const auto passes = [mode] { return TheWorld().VerifyPeer(ThePeers().leaf(), ThePeers().intermediate(), mode); };
+    const StoreListReplaced no_others(&CM::CertStorage::otherCerts, TheWorld().Variants("Other peer", false, 0));
+    Require(passes(), state);  // fetches the CRLs
+    for (auto _ : state) Require(passes(), state);
+}
+
+/// Sets the time-out of transfers while it lives.
+class TransferTimeOut {
+  public:
+    explicit TransferTimeOut(std::uint32_t seconds) : before_(Exchange(seconds)) {}
+    ~TransferTimeOut() { Exchange(before_); }
+    TransferTimeOut(const TransferTimeOut&) = delete;
+    TransferTimeOut& operator=(const TransferTimeOut&) = delete;
+
+  private:
+    static std::uint32_t Exchange(std::uint32_t seconds) {
+        const vpnfc::ObjectLock lock(LPARAMS::server.cert);
+        return std::exchange(LPARAMS::server.cert.crl_download_timeout_seconds, seconds);
+    }
+    const std::uint32_t before_;
+};
+
+/// From the start of the first check to the answer of the last.
+void ChecksOfDead(State& state) {
+    constexpr int kChecks = 64;
+    const TransferTimeOut time_out(3);
+    const std::string path = ThePeers().NewPath();
+    ThePeers().server().Set(path, {.silent = true});
+    const CM::CertRef cert = Certificate(ThePeers().Leaf(path));
+    std::atomic<int> refused{0};
+    for (auto _ : state) {
+        std::vector<std::jthread> checks;
+        for (int i = 0; i < kChecks; ++i) {
+            checks.emplace_back([&] { refused += PassesCheck(cert) ? 0 : 1; });
+        }
+    }
+    Require(refused == kChecks && ThePeers().server().Requests(path) == 1, state);
+}
+
+/// A check that waits for its server while this lives.
+class HangingCheck {
+  public:
+    HangingCheck() : path_(ThePeers().NewPath()) {
+        ThePeers().server().Hold(path_);
+        thread_ = std::jthread([cert = Certificate(ThePeers().Leaf(path_))] { PassesCheck(cert); });
+        ThePeers().server().WaitForRequests(path_, 1);
+    }
+    ~HangingCheck() { ThePeers().server().Release(path_); }
+    HangingCheck(const HangingCheck&) = delete;
+    HangingCheck& operator=(const HangingCheck&) = delete;
+
+  private:
+    const TransferTimeOut time_out_{600};
+    const std::string path_;
+    std::jthread thread_;
+};
+
+void Checks(State& state, bool beside_hanging) {
+    constexpr int kChecks = 1000;
+    std::optional<HangingCheck> hanging;
+    if (beside_hanging) hanging.emplace();
+    const CM::CertRef cert = Certificate(ThePeers().leaf());
+    for (auto _ : state) {
+        for (int i = 0; i < kChecks; ++i) Require(PassesCheck(cert), state);
+    }
+}
+
 }  // namespace
 
 void RegisterCrlBenchmarks() {
@@ -143,9 +273,14 @@ void RegisterCrlBenchmarks() {
     Register("crl_memory", CrlMemory)->Repetitions(3);
     Register("crl_memory_peer", CrlMemoryPeer)->Repetitions(3);
     Register("crl_verdict", CrlVerdict);
-    for (const int entries : {10000, kLarge}) {
+    for (const int entries : {kSmall, kLarge}) {
         Register(("crl_look_up_" + std::to_string(entries)).c_str(), CrlLookUp, entries);
     }
+    Register("peer_crls", VerifyChecked, LPARAMS::CRL_PROC_ENABLED);
+    Register("peer_no_crls", VerifyChecked, LPARAMS::CRL_PROC_DISABLED);
+    RegisterOnce("checks_of_dead", ChecksOfDead);
+    Register("checks", Checks, false);
+    Register("checks_beside_hanging", Checks, true);
 }
 
 }  // namespace bench

@@ -38,6 +38,11 @@ const std::vector<Row> kRows = {
     {"signature, look-up and coverage for a certificate, warm", "crl_verdict", "", Goal::kTimeBelow, 10},
     {"look-up of 1,000 serial numbers in turn / in 10,000 entries", "crl_look_up_1000000", "crl_look_up_10000",
      Goal::kRatioBelow, 1.5},
+    {"peer verification, 10,000-entry CRLs in the cache / no CRLs", "peer_crls", "peer_no_crls", Goal::kRatioBelow,
+     1.1},
+    {"64 checks at once for a dead address, time-out 3 s", "checks_of_dead", "", Goal::kTimeBelow, 3.3e6},
+    {"1,000 checks while another peer's address hangs / without", "checks_beside_hanging", "checks", Goal::kRatioBelow,
+     1.1},
 };
 
 }  // namespace

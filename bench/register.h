@@ -17,6 +17,17 @@ benchmark::internal::Benchmark* Register(const char* name, Function function, Ar
         ->ReportAggregatesOnly();
 }
 
+/// For what takes seconds: run once for each figure.
+template <typename Function, typename... Args>
+benchmark::internal::Benchmark* RegisterOnce(const char* name, Function function, Args... args) {
+    return benchmark::RegisterBenchmark(name, function, args...)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond)
+        ->Iterations(1)
+        ->Repetitions(3)
+        ->ReportAggregatesOnly();
+}
+
 inline void Require(bool good, benchmark::State& state) {
     if (!good) state.SkipWithError("the operation failed");
 }

@@ -153,6 +153,18 @@ void World::FindPlainFunctions() {
     });
 }
 
+bool World::VerifyPeer(const test_pki::Cert& leaf, const test_pki::Cert& intermediate, LPARAMS::CRL_PROC_t mode) const {
+    const LPCFG::ipsecid_t any;
+    std::vector<const CM::X509Cert*> sent;
+    for (const std::string* der : {&leaf.der, &intermediate.der}) {
+        CM::VCertsListAddRawX509(sent, der->data(), static_cast<unsigned>(der->size()), {});
+    }
+    const CM::X509Cert* const peer = CM::IkeVerifyPeerCertificate(rule_, any, sent, mode, {}, {});
+    for (const CM::X509Cert* cert : sent) CM::VCertHandleClose(cert);
+    if (peer != nullptr) CM::VCertHandleClose(peer);
+    return peer != nullptr;
+}
+
 CM::CertStorage::X509CertsDB& World::Variants(const std::string& name, bool ca, int count) {
     const auto [entry, fresh] = variants_.try_emplace({name, count});
     if (!fresh) return entry->second;

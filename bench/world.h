@@ -36,6 +36,9 @@ class World {
     const CM::X509Cert* personal() const { return personal_.get(); }
     const LPCFG::auth_ike_t& rule() const { return rule_; }
 
+    /// Verifies a peer that sends these two, from the payloads' bytes on. Whether it passes.
+    bool VerifyPeer(const test_pki::Cert& leaf, const test_pki::Cert& intermediate, LPARAMS::CRL_PROC_t mode) const;
+
     /// Many certificates of a kind, and the intermediate after them if they are CAs; made at the first call.
     CM::CertStorage::X509CertsDB& Variants(const std::string& name, bool ca, int count);
 
@@ -65,7 +68,7 @@ class World {
 /// The world of this run.
 World& TheWorld();
 
-/// Swaps a list of the store with another one while it lives.
+/// Swaps a list of the store with another one while it lives. No reload comes in between.
 class StoreListReplaced {
   public:
     StoreListReplaced(CM::CertStorage::X509CertsDB CM::CertStorage::*list, CM::CertStorage::X509CertsDB& other)
@@ -79,6 +82,7 @@ class StoreListReplaced {
   private:
     void Swap();
 
+    const vpnfc::ObjectLock no_reload_{CM::CertStorage::Instance().tokensLock};
     CM::CertStorage::X509CertsDB CM::CertStorage::*list_;
     CM::CertStorage::X509CertsDB& other_;
 };
