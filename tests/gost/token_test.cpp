@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "tests/gost/examples.h"
+#include "tests/gost/hex.h"
 #include "tests/gost/module.h"
 #include "tests/support/der.h"
 #include "tests/support/process.h"
@@ -20,18 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Values = std::set<std::string>;
-
-std::string FromHex(const std::string& hex) {
-    std::string bytes;
-    for (std::size_t i = 0; i < hex.size(); i += 2)
-        bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
-
-std::string Reversed(std::string text) {
-    std::reverse(text.begin(), text.end());
-    return text;
-}
 
 /// A token in slot 0 whose PINs are set.
 class GostToken : public testing::Test {

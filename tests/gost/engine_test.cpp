@@ -1,0 +1,272 @@
+// GOST keys through the token manager and the module, held against openssl(1) with its engine, both ways.
+#include <gtest/gtest.h>
+#include <p11-kit/pkcs11.h>
+#include <p11-kit/pkcs11x.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "certmgr/cert_engine.h"
+#include "certmgr/cert_request.h"
+#include "certmgr/certmgr.h"
+#include "certmgr/ike.h"
+#include "certmgr/x509cert.h"
+#include "tests/gost/examples.h"
+#include "tests/gost/hex.h"
+#include "tests/support/der.h"
+#include "tests/support/process.h"
+#include "tests/tokens/fixture.h"
+
+namespace gost_test {
+namespace {
+
+using CM::CertRef;
+using CM::X509Cert;
+using PKCS11::TokenSession;
+
+struct Algorithm {
+    const char* name;  // of the engine and of scripts/pki
+    pki_alg_t key;
+    pki_alg_t hash;
+    const char* md;
+    unsigned bits;
+    CK_MECHANISM_TYPE generate;
+    CK_MECHANISM_TYPE sign;
+    CK_MECHANISM_TYPE digest;
+    const char* sets;
+};
+
+const Algorithm kAlgorithms[] = {
+    {"gost2001", PKI_KEY_GOST2001, PKI_HASH_GOST94, "md_gost94", 512, CKM_GOSTR3410_KEY_PAIR_GEN, CKM_GOSTR3410,
+     CKM_GOSTR3411, "0 A B C XA XB"},
+    {"gost2012_256", PKI_KEY_GOST2012_256, PKI_HASH_GOST2012_256, "md_gost12_256", 512, CKM_GOSTR3410_KEY_PAIR_GEN,
+     CKM_GOSTR3410, CKM_GOSTR3411_2012_256, "0 A B C XA XB TCA TCB TCC TCD"},
+    {"gost2012_512", PKI_KEY_GOST2012_512, PKI_HASH_GOST2012_512, "md_gost12_512", 1024, CKM_GOSTR3410_512_KEY_PAIR_GEN,
+     CKM_GOSTR3410_512, CKM_GOSTR3411_2012_512, "A B C"},
+};
+
+const TLogIdent kIdent{};
+
+class GostEngine : public token_test::TokenTest {
+  protected:
+    GostEngine() { CM::CertEngine_Init(); }
+    ~GostEngine() override { CM::CertEngine_Finit(); }
+
+    std::string StateFolder() const { return (directory_ / "gost").string(); }
+    void StartGost() {
+        Start({.name = "gost", .module_path = GOST_TOKEN_PATH, .init_args = "directory=" + StateFolder()});
+    }
+    /// Behind the module that leaves mechanisms out.
+    void StartWithout(CK_MECHANISM_TYPE mechanism) {
+        char directive[40];
+        std::snprintf(directive, sizeof directive, "without %lx", mechanism);
+        control_.Set({directive});
+        setenv("FORWARD_PKCS11_MODULE", GOST_TOKEN_PATH, 1);
+        setenv("CERTMGR_GOST_DIRECTORY", StateFolder().c_str(), 1);
+        Start({.name = "forward", .module_path = FORWARD_PKCS11_PATH, .init_args = control_.InitArgs()});
+    }
+    void Start(tokens::Provider provider) {
+        settings_.providers = {std::move(provider)};
+        std::string error;
+        ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+    }
+
+    std::string Path(const std::string& name) const { return (directory_ / name).string(); }
+    void Write(const std::string& name, const std::string& content) const { std::ofstream(Path(name)) << content; }
+    std::string Read(const std::string& name) const {
+        std::ifstream in(Path(name), std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    /// A command in the tests' folder that may use scripts/pki: whether it succeeded.
+    bool Shell(const std::string& command) const {
+        const auto result =
+            test_support::Run({"bash", "-ec", "cd " + directory_.path().string() + "; . " PKI_SCRIPT "; " + command});
+        output_ = result.out + result.err;
+        return result.exit_code == 0;
+    }
+    /// Whether the engine takes the signature of `data` for right; of a ready digest with `digest`.
+    bool EngineVerifies(const Algorithm& alg, const std::string& public_key, const std::string& data,
+                        const std::string& signature, bool digest = false) const {
+        Write("data", data);
+        Write("signature", signature);
+        if (digest) {
+            return Shell("openssl pkeyutl -engine gost -verify -pubin -inkey " + public_key +
+                         " -in data -sigfile signature");
+        }
+        return Shell(std::string("openssl dgst -engine gost -") + alg.md + " -verify " + public_key +
+                     " -signature signature data");
+    }
+    CertRef Cert(const std::string& file) const {
+        return CertRef::Adopt(new X509Cert(CertEngine_ReadPEMCertData(Read(file)), nullptr));
+    }
+    /// The certificate of a key pair on the token.
+    CertRef OwnCert(const PKCS11::TokenInfo& token, const std::string& file, const std::string& id) const {
+        return CertRef::Adopt(new X509Cert(token, PKCS11::CertObject{.id = id, .value = Cert(file)->rawCert}));
+    }
+
+    mutable std::string output_;
+};
+
+CertRequestInfo Request(const Algorithm& alg) {
+    CertRequestInfo info;
+    info.keyAlg = alg.key;
+    info.keyBits = alg.bits;
+    info.hashAlg = alg.hash;
+    info.subject = "CN=host, O=Demo, C=EX";
+    info.dnsName = "host.example";
+    return info;
+}
+
+TEST_F(GostEngine, CertificatesCrlsAndKeysOfEverySetAreUnderstood) {
+    StartGost();
+    const token_test::TestToken token = NewToken("gost");
+    TokenSession session(token.info, TokenSession::kPrivate);
+    for (const Algorithm& alg : kAlgorithms) {
+        std::istringstream sets(alg.sets);
+        for (std::string set; sets >> set;) {
+            SCOPED_TRACE(std::string(alg.name) + " " + set);
+            const std::string name = alg.name + set;
+            ASSERT_TRUE(Shell(
+                "export PKI_GOST_SET=" + set + "; pki_new $PWD; pki_root $PWD " + name + " " + alg.name +
+                "; pki_crl $PWD " + name + " " + alg.name + "; openssl pkcs8 -engine gost -topk8 -nocrypt -in " + name +
+                ".key -outform DER -out key.der; openssl pkey -engine gost -in " + name + ".key -pubout -out pub.pem"))
+                << output_;
+            const CertRef cert = Cert(name + ".pem");
+            EXPECT_EQ(cert->info.keyAlg, alg.key);
+            EXPECT_EQ(cert->info.signAlg & PKI_ALG_MASK, alg.key | alg.hash);
+            EXPECT_EQ(cert->info.keyBits, alg.bits);
+            EXPECT_EQ(cert->CheckSignature(cert.get()), CM::kSignatureRight);
+            std::string der = cert->rawCert;
+            der[der.size() / 2] = static_cast<char>(der[der.size() / 2] ^ 4);
+            const CertRef damaged = CertRef::Adopt(new X509Cert(token.info, PKCS11::CertObject{.value = der}));
+            EXPECT_NE(damaged->CheckSignature(cert.get()), CM::kSignatureRight);
+            const CM::X509CRL crl(token.info, PKCS11::CRLObject{"", Read(name + ".crl")});
+            EXPECT_EQ(crl.CheckSignature(cert.get()), CM::kSignatureRight);
+
+            ASSERT_TRUE(session.CreatePrivKeyObject(alg.key, name, Read("key.der"), true));
+            ASSERT_TRUE(session.CreatePubKeyObject(alg.key, name, cert->rawPubKey));
+            EXPECT_TRUE(session.ContainPubKeyObject(cert->rawPubKey));
+            std::string signature;
+            ASSERT_EQ(CM::X509Cert_Sign(session, name, alg.key, alg.hash, "what is signed", signature), 2);
+            EXPECT_TRUE(EngineVerifies(alg, "pub.pem", "what is signed", signature)) << output_;
+            EXPECT_FALSE(EngineVerifies(alg, "pub.pem", "something else", signature));
+            // What the token gives back is the same key to the engine.
+            std::string exported;
+            ASSERT_TRUE(session.ExportPrivateKey(name, exported));
+            Write("exported.der", exported);
+            EXPECT_TRUE(Shell("openssl pkey -engine gost -inform DER -in exported.der -pubout | cmp - pub.pem"))
+                << output_;
+        }
+    }
+}
+
+/// A request from the token, its certificate from the engine's authority, and signatures of both IKE versions.
+TEST_F(GostEngine, RequestsAreCertifiedAndTheirKeysAuthenticate) {
+    StartGost();
+    const token_test::TestToken token = NewToken("gost");
+    for (const Algorithm& alg : kAlgorithms) {
+        SCOPED_TRACE(alg.name);
+        std::string pem;
+        ASSERT_TRUE(CM::MakeCertRequest(token.info, Request(alg), pem)) << pem;
+        Write("host.csr", pem);
+        ASSERT_TRUE(Shell(
+            std::string("pki_new $PWD; pki_root $PWD root ") + alg.name +
+            "; openssl req -engine gost -in host.csr -verify -noout -pubkey -out pub.pem; pki_certify $PWD host " +
+            alg.name + " root host"))
+            << output_;
+        const CertRef root = Cert("root.pem");
+        std::list<PKCS11::CertObject> objects;
+        ASSERT_TRUE(TokenSession(token.info, TokenSession::kPrivate).EnumCertificates(objects));
+        const auto pair = std::find_if(objects.begin(), objects.end(), [&](const auto& object) {
+            return object.category == PKCS11::kKeyPairCategory && object.keyAlg == alg.key;
+        });
+        ASSERT_NE(pair, objects.end());
+        const CertRef host = OwnCert(token.info, "host.pem", pair->id);
+        EXPECT_EQ(host->CheckSignature(root.get()), CM::kSignatureRight);
+
+        const std::string hash(alg.bits / 16, 'h');
+        std::string ike1;
+        std::string ike2;
+        ASSERT_TRUE(CM::IkeSign(host.get(), hash, ike1, kIdent));
+        std::string forward = ike1;
+        if (alg.key == PKI_KEY_GOST2001) std::reverse(forward.begin(), forward.end());
+        EXPECT_TRUE(EngineVerifies(alg, "pub.pem", hash, forward, true)) << output_;
+        EXPECT_TRUE(CM::IkeVerify(host.get(), hash, ike1, kIdent));
+        const pki_alg_t sign_alg = CM::Ike2GetSignAlg(host.get());
+        EXPECT_EQ(sign_alg, alg.key | alg.hash);
+        EXPECT_TRUE(CM::Ike2CheckHashAlg(host.get(), sign_alg));
+        ASSERT_TRUE(CM::Ike2Sign(host.get(), sign_alg, "octets", ike2, kIdent));
+        EXPECT_TRUE(EngineVerifies(alg, "pub.pem", "octets", ike2)) << output_;
+        EXPECT_TRUE(CM::Ike2Verify(host.get(), alg.key, "octets", ike2, kIdent));
+        EXPECT_FALSE(CM::Ike2Verify(host.get(), alg.key, "0ctets", ike2, kIdent));
+    }
+}
+
+/// RFC 5832 and RFC 7091, 7.1: in IKEv1 a signature of 34.10-2001 comes turned around, one of 34.10-2012 does not.
+TEST_F(GostEngine, PublishedExamplesPinTheFormsOfIke1) {
+    StartGost();
+    NewToken("gost");
+    const std::string signature = FromHex(kExample256.s) + FromHex(kExample256.r);
+    struct {
+        const char* key;
+        const char* digest;
+        bool turned;
+    } const cases[] = {{"1.2.643.2.2.19", "1.2.643.2.2.30.1", true}, {"1.2.643.7.1.1.1.1", "1.2.643.7.1.1.2.2", false}};
+    for (const auto& c : cases) {
+        const std::string point = Reversed(FromHex(kExample256.x)) + Reversed(FromHex(kExample256.y));
+        const std::string algorithm =
+            der::Sequence(der::Oid(c.key) + der::Sequence(der::Oid("1.2.643.2.2.35.0") + der::Oid(c.digest)));
+        const test_pki::Cert made =
+            test_pki::MakeCert({.spki = der::Sequence(algorithm + der::BitString(der::OctetString(point)))});
+        const CertRef peer = CertRef::Adopt(new X509Cert({}, PKCS11::CertObject{.value = made.der}));
+        std::string given = c.turned ? Reversed(signature) : signature;
+        EXPECT_TRUE(CM::IkeVerify(peer.get(), Reversed(FromHex(kExample256.e)), given, kIdent)) << c.key;
+        given = c.turned ? signature : Reversed(signature);
+        EXPECT_FALSE(CM::IkeVerify(peer.get(), Reversed(FromHex(kExample256.e)), given, kIdent)) << c.key;
+    }
+}
+
+/// Each mechanism in turn is missing: every function fails as documented, and no key is left behind.
+TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
+    ASSERT_TRUE(Shell("pki_new $PWD; for alg in gost2001 gost2012_256 gost2012_512; do pki_root $PWD $alg $alg; done"));
+    int number = 0;
+    for (const Algorithm& alg : kAlgorithms) {
+        struct {
+            CK_MECHANISM_TYPE missing;
+            const char* request_error;
+            CM::SignatureCheck check;
+            bool listed;  // among the kinds of keys for requests, with its hash
+        } const cases[] = {
+            {alg.generate, "GenerateKeyPairError", CM::kSignatureRight, false},
+            {alg.digest, "MakeCertRequestDigestError", CM::kSignatureNoToken, false},
+            {alg.sign, "MakeCertRequestSignatureError", CM::kSignatureNoToken, true},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(alg.name) + " " + c.request_error);
+            StartWithout(c.missing);
+            const token_test::TestToken token = NewToken("gost" + std::to_string(++number));
+            std::string text;
+            EXPECT_FALSE(CM::MakeCertRequest(token.info, Request(alg), text));
+            EXPECT_EQ(text, c.request_error);
+            std::list<PKCS11::CertObject> objects;
+            EXPECT_TRUE(TokenSession(token.info, TokenSession::kPrivate).EnumCertificates(objects));
+            EXPECT_TRUE(objects.empty());
+            const CertRef cert = Cert(std::string(alg.name) + ".pem");
+            EXPECT_EQ(cert->CheckSignature(cert.get()), c.check);
+            std::list<CertRequestKeyInfo> kinds;
+            CMT_EnumCertRequestMechanisms(token.info, kinds);
+            const bool listed = std::any_of(kinds.begin(), kinds.end(), [&](const CertRequestKeyInfo& kind) {
+                return kind.keyAlg == alg.key && kind.hashAlgs == std::vector<pki_alg_t>{alg.hash};
+            });
+            EXPECT_EQ(listed, c.listed);
+            std::string signature(alg.bits / 8, 's');
+            EXPECT_FALSE(CM::IkeVerify(cert.get(), std::string(alg.bits / 16, 'h'), signature, kIdent));
+            EXPECT_EQ(reports_.Count("Can't find tokens for ike verify") > 0, c.missing == alg.sign);
+            reports_.Clear();
+            tokens::Stop();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace gost_test
