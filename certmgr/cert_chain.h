@@ -85,8 +85,8 @@ class CallersList {
         const X509Cert* issuer;
     };
     const std::span<const X509Cert* const> certs_;
-    PositionMap<std::string_view> by_subject_;
-    PositionMap<std::string_view> by_key_id_;
+    PositionMap<std::string_view, std::map> by_subject_;
+    PositionMap<std::string_view, std::map> by_key_id_;
     std::array<std::unordered_map<const X509Cert*, Answer>, 2> answers_;  // by Match::kNumber
 };
 

@@ -27,15 +27,16 @@ struct TokenObjectKey {
     std::uint64_t hash;
 };
 
-/// Positions in a list by a key, ascending.
-template <typename Key>
+/// Positions in a list by a key, ascending. `Map` is std::map where a peer chooses the keys: it could make all of them hash
+/// alike.
+template <typename Key, template <typename...> typename Map = std::unordered_map>
 class PositionMap {
   public:
     /// `key_of(i)` is the key of entry i, or nullopt to leave the entry out.
     template <typename KeyOf>
     void Build(std::size_t size, KeyOf key_of) {
         std::vector<Range*> range_of(size);
-        ranges_.reserve(size);
+        if constexpr (requires { ranges_.reserve(size); }) ranges_.reserve(size);
         for (std::size_t i = 0; i < size; ++i) {
             const std::optional<Key> key = key_of(i);
             if (!key) continue;
@@ -67,7 +68,7 @@ class PositionMap {
         std::uint32_t size = 0;
         std::uint32_t filled = 0;
     };
-    std::unordered_map<Key, Range> ranges_;
+    Map<Key, Range> ranges_;
     std::vector<std::uint32_t> positions_;
 };
 

@@ -11,9 +11,6 @@ namespace CM {
 
 namespace {
 
-/// Members of one chain that are shown.
-constexpr std::size_t kMaxChainLines = 8;
-
 void AppendCount(std::string& out, std::size_t count, std::string_view noun) {
     out.append(std::to_string(count)).append(" ").append(noun).append(count == 1 ? "" : "s");
 }
@@ -51,16 +48,18 @@ void AppendNotValid(std::string& out, const TrustedCertLogs& not_valid) {
 
 }  // namespace
 
-void cmprint_Chain(std::string& out, const CertList& chain) {
+void cmprint_Chain(std::string& out, const PeerCertStatus& status) {
+    const CertList& chain = status.chain;
+    const std::size_t length = chain.size() + status.left_out;
     cmprint_Fact(out, "Chain: ", {});
-    AppendCount(out, chain.size(), "certificate");
-    const std::size_t shown = std::min(chain.size(), kMaxChainLines);
+    AppendCount(out, length, "certificate");
+    const std::size_t shown = std::min(chain.size(), kReportedMembers);
     for (std::size_t i = 0; i < shown; ++i) {
         const CertInfo& info = chain[i]->info;
         cmprint_Fact(out, "  [", std::to_string(i));
         cmprint_Value(out.append("] ").append(CertKindText(info.kind)).append(": "), info.subject);
     }
-    if (shown < chain.size()) cmprint_Fact(out, "  ... and more: ", std::to_string(chain.size() - shown));
+    if (shown < length) cmprint_Fact(out, "  ... and more: ", std::to_string(length - shown));
 }
 
 void CMLog_PeerCertificate_Selected(const PeerSearchReport& report, const PeerCertStatus& selected) {
@@ -74,7 +73,7 @@ void CMLog_PeerCertificate_Selected(const PeerSearchReport& report, const PeerCe
         text.append("->cert_remote[").append(std::to_string(selected.pattern_number)).append("]");
     }
     AppendIdentity(text, report);
-    cmprint_Chain(text, selected.chain);
+    cmprint_Chain(text, selected);
     TLogMessage(kMsgPeerCertSelected, report.ident).Attr(text).Send();
 }
 
@@ -90,7 +89,7 @@ void CMLog_PeerCertificate_NotSelected(const PeerSearchReport& report, const Pee
         AppendEntry(text, number, "cert_remote", status.pattern_number);
         cmprint_Value(text.append(": "), RefusalText(status.refusal));
         cmprint_Cert(text, status.chain[0], false);
-        if (status.chain.size() > 1) cmprint_Chain(text, status.chain);
+        if (status.chain.size() > 1) cmprint_Chain(text, status);
     });
     TLogMessage(kMsgPeerCertNotSelected, report.ident).Attr(text).Send();
 }

@@ -18,8 +18,8 @@ struct PeerSearchReport {
     const TLogIdent& ident;
 };
 
-/// Appends the members of a chain, leaf first, each with its role.
-void cmprint_Chain(std::string& out, const CertList& chain);
+/// Appends the members of a candidate's chain, leaf first, each with its role.
+void cmprint_Chain(std::string& out, const PeerCertStatus& status);
 
 void CMLog_PeerCertificate_Selected(const PeerSearchReport& report, const PeerCertStatus& selected);
 /// Every candidate, with its pattern, its chain and why it was refused.

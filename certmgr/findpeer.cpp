@@ -22,6 +22,18 @@ namespace CM {
 
 namespace {
 
+/// Whether a list of received certificates may grow by that much. Logs, under the code of a failure, when it may not.
+bool HasRoom(const std::vector<const X509Cert*>& list, std::size_t certs, std::size_t bytes, EventCode code,
+             const TLogIdent& ident) {
+    for (const X509Cert* cert : list) bytes += cert->rawCert.size();
+    if (list.size() + certs <= kMaxReceivedCerts && bytes <= kMaxReceivedBytes) return true;
+    TLogMessage(code, ident)
+        .Attr("a peer may send " + std::to_string(kMaxReceivedCerts) + " certificates and " +
+              std::to_string(kMaxReceivedBytes) + " bytes")
+        .Send();
+    return false;
+}
+
 /// Takes over a decoded certificate and appends it when it can be used.
 bool AppendReceived(std::vector<const X509Cert*>& list, void* handle, EventCode code, const TLogIdent& ident) {
     MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(handle, nullptr));
@@ -40,6 +52,7 @@ bool AppendReceived(std::vector<const X509Cert*>& list, void* handle, EventCode 
 
 bool VCertsListAddRawX509(std::vector<const X509Cert*>& list, const void* data, unsigned length,
                           const TLogIdent& ident) {
+    if (!HasRoom(list, 1, length, kMsgCertUnreadableX509, ident)) return false;
     void* handle = data != nullptr ? CertEngine_CreateCertHandle(data, length) : nullptr;
     if (handle == nullptr) {
         TLogMessage(kMsgCertUnreadableX509, ident).Send();
@@ -51,9 +64,14 @@ bool VCertsListAddRawX509(std::vector<const X509Cert*>& list, const void* data, 
 bool VCertsListAddRawPKCS7(std::vector<const X509Cert*>& list, const void* data, unsigned length,
                            const TLogIdent& ident) {
     constexpr int kHandled = 0;
+    if (!HasRoom(list, 0, length, kMsgCertUnreadablePkcs7, ident)) return false;
     std::vector<void*> handles;
     if (data == nullptr || CertEngine_ReadP7CCertData(data, length, handles, nullptr) != kHandled) {
         TLogMessage(kMsgCertUnreadablePkcs7, ident).Send();
+        return false;
+    }
+    if (!HasRoom(list, handles.size(), 0, kMsgCertUnreadablePkcs7, ident)) {
+        for (void* handle : handles) CertEngine_CloseCertHandle(handle);
         return false;
     }
     for (void* handle : handles) AppendReceived(list, handle, kMsgCertReceivedPkcs7, ident);
@@ -65,6 +83,15 @@ bool VCertsListAddRawPKCS7(std::vector<const X509Cert*>& list, const void* data,
 const LPCFG::ipsecid_t g_any_id_remote{LPCFG::ipsecid_t::kIp4, 1, {}, {}};
 
 namespace {
+
+/// Keeps of a refused chain what its report shows: a thousand candidates may share a chain of a thousand.
+void Shorten(PeerCertStatus& status) {
+    if (status.chain.size() <= kReportedMembers) return;
+    CertList shown;
+    for (std::size_t i = 0; i < kReportedMembers; ++i) shown.Append(status.chain[i]);
+    status.left_out = status.chain.size() - shown.size();
+    status.chain = std::move(shown);
+}
 
 /// One verification: what was asked, read once, and the candidates found so far.
 class PeerSearch {
@@ -104,10 +131,9 @@ class PeerSearch {
     const cert_time64_t now_ = CertTimeNow();
 
     std::uint64_t pattern_number_ = 0;
-    // The candidates and their chains keep alive what the members below point at.
     PeerCertStatuses statuses_;
-    std::set<const X509Cert*, EncodingLess> candidates_;
-    ChainBuilder builder_;  // never from the personal list
+    std::set<const X509Cert*, EncodingLess> candidates_;  // the statuses keep them alive
+    ChainBuilder builder_;  // never from the personal list; keeps alive every member of its chains
     cm_VerifyCertChainTask verify_task_;
 };
 
@@ -124,6 +150,7 @@ const PeerCertStatus* PeerSearch::Run() {
             if (status->refusal) continue;
             status->refusal = JudgeChain(status->chain);
             if (!status->refusal) return &*status;
+            Shorten(*status);
         }
     }
     return nullptr;

@@ -117,6 +117,8 @@ CM_API std::time_t GetCertPrivKeyExpireTime(const X509Cert* cert);
 CM_API const PKCS11::TokenInfo& GetCertToken(const X509Cert* cert);
 CM_API const CertInfo& GetCertInfo(const X509Cert* cert);
 
+// A list holds at most 1024 certificates and 2 MiB: a payload that would make it longer counts as unreadable.
+
 /// Decodes one DER certificate of a payload and appends it. False when it is unreadable (logged) or unusable.
 CM_API bool VCertsListAddRawX509(std::vector<const X509Cert*>& list, const void* data, unsigned length,
                                  const TLogIdent& ident);
