@@ -128,6 +128,9 @@ bool EncodeTo(T* object, int (*i2d)(T*, unsigned char**), std::string& out) {
 /// the same (Ed25519) reads as signature algorithm here.
 pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm);
 
+/// Whether the algorithm that is signed is the one that is named beside the signature.
+bool SignedAlgorithmAgrees(void* cert);
+
 /// Reads those extensions of a request that certificates have, too. Unknown and bad ones are left out.
 void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions& out);
 

@@ -98,6 +98,9 @@ std::string_view ObjectName(const ASN1_OBJECT* object) {
 
 bool AppendDotted(const ASN1_OBJECT* object, std::string& appended) {
     if (oid_asn_to_str_(BytesOf(object), &appended)) return true;
+    // Some releases of libcrypto 3 take a time that grows with the square of the length, others refuse what is longer.
+    constexpr std::size_t kMaxBytes = 586;
+    if (BytesOf(object).size() > kMaxBytes) return false;
     const ErrorMark mark;
     std::array<char, 1024> buffer{};
     const int length = OBJ_obj2txt(buffer.data(), static_cast<int>(buffer.size()), object, 1);

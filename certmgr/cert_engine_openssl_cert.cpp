@@ -123,6 +123,11 @@ bool CertEngine_CertGetSignAlgOid(void* cert, std::string* appended) {
     return X509_ALGOR_to_std_string_(OuterAlgorithm(Certificate(cert)), appended);
 }
 
+bool cert_engine::SignedAlgorithmAgrees(void* cert) {
+    const X509* const x = Certificate(cert);
+    return X509_ALGOR_cmp(X509_get0_tbs_sigalg(x), OuterAlgorithm(x)) == 0;
+}
+
 bool CertEngine_RawCert(void* cert, std::string& der) {
     const ErrorMark mark;
     return cert_engine::EncodeTo<const X509>(Certificate(cert), i2d_X509, der);

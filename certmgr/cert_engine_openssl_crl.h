@@ -90,6 +90,8 @@ class Crl {
     const ASN1_TIME* nextUpdate() const { return next_update_.get(); }
     /// Null when it has none.
     const STACK_OF(X509_EXTENSION) * extensions() const { return extensions_.get(); }
+    /// Whether the algorithm that is signed is the one that is named beside the signature.
+    bool signedAlgorithmAgrees() const { return signed_algorithm_agrees_; }
     /// Name of the first critical extension of an entry that is unknown; empty when there is none.
     const std::string& unknownCriticalOfEntries() const { return unknown_critical_; }
 
@@ -120,6 +122,7 @@ class Crl {
     SerialIndex index_;
     std::vector<std::uint32_t> issuer_entries_;  // offsets of the entries that name a certificate issuer, ascending
     std::string unknown_critical_;
+    bool signed_algorithm_agrees_ = false;
 };
 
 /// The CRL behind a handle.

@@ -256,6 +256,7 @@ bool Crl::ReadToBeSigned(std::string_view content) {
     AlgorithmPtr inner_algorithm;
     if (in.NextIs(kTagInteger) && !(in.Take(kTagInteger, field) && IsInteger(field.content))) return false;
     if (!in.Take(kTagSequence, field) || !Decode<d2i_X509_ALGOR>(field.whole, inner_algorithm)) return false;
+    signed_algorithm_agrees_ = X509_ALGOR_cmp(inner_algorithm.get(), algorithm_.get()) == 0;
     if (!in.Take(kTagSequence, field) || !Decode<d2i_X509_NAME>(field.whole, issuer_)) return false;
     if (!TakeTime(in, field) || !Decode<d2i_ASN1_TIME>(field.whole, this_update_)) return false;
     if (TakeTime(in, field) && !Decode<d2i_ASN1_TIME>(field.whole, next_update_)) return false;

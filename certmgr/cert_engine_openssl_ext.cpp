@@ -181,7 +181,7 @@ bool CertificatePolicies(X509_EXTENSION* extension, const Sinks& out) {
     return true;
 }
 
-bool PrivateKeyUsagePeriod(X509_EXTENSION* extension, const Sinks& out) {
+bool cert_ext_PrivateKeyUsagePeriod(X509_EXTENSION* extension, const Sinks& out) {
     const auto period = Decode<PKEY_USAGE_PERIOD>(extension, ASN1_ITEM_rptr(PKEY_USAGE_PERIOD));
     if (period == nullptr) return false;
     if (out.texts == nullptr) return true;
@@ -410,7 +410,7 @@ struct KnownExtension {
 constexpr std::array<KnownExtension, 14> kKnownExtensions{{
     {"\x55\x1D\x0E", Use::kFacts, SubjectKeyIdentifier},
     {"\x55\x1D\x0F", Use::kFacts, KeyUsage},
-    {"\x55\x1D\x10", Use::kText, PrivateKeyUsagePeriod},
+    {"\x55\x1D\x10", Use::kText, cert_ext_PrivateKeyUsagePeriod},
     {"\x55\x1D\x11", Use::kNames, SubjectAltName},
     {"\x55\x1D\x12", Use::kText, IssuerAltName},
     {"\x55\x1D\x13", Use::kFacts, BasicConstraints},
@@ -433,9 +433,10 @@ const KnownExtension* FindKnown(X509_EXTENSION* extension) {
 
 // --- Unknown extensions ---
 
-// Values up to this many bytes together are printed. A printed value may be sixteen times as long as its bytes, and
-// printing costs far more than parsing: without a bound a peer's certificate could keep a thread busy for seconds.
+// Values up to this many bytes together are printed. Printing costs far more than parsing, and makes of a deeply nested
+// value a text eighty times as long: without bounds a certificate could keep a thread busy for seconds.
 constexpr std::size_t kMaxPrintedValueBytes = 16384;
+constexpr std::size_t kMaxPrintedText = 65536;
 
 // Lines without surrounding blanks, empty ones left out.
 std::string Reflow(std::string_view text) {
@@ -462,7 +463,13 @@ std::string PrintedValue(X509_EXTENSION* extension) {
     X509V3_EXT_print(stream.get(), extension, X509V3_EXT_PARSE_UNKNOWN, kIndent);
     char* text = nullptr;
     const long length = BIO_get_mem_data(stream.get(), &text);
-    return length > 0 ? Reflow({text, static_cast<std::size_t>(length)}) : std::string();
+    if (length <= 0) return {};
+    std::string lines = Reflow({text, static_cast<std::size_t>(length)});
+    if (lines.size() > kMaxPrintedText) {
+        const std::string cut = "\n... (" + std::to_string(lines.size() - kMaxPrintedText) + " bytes cut)";
+        lines.replace(kMaxPrintedText, std::string::npos, cut);
+    }
+    return lines;
 }
 
 // Name as it is listed, without the mark of criticality.
@@ -472,7 +479,7 @@ std::string UnknownName(X509_EXTENSION* extension) {
     return name.empty() ? "unknown extension" : name;
 }
 
-void AddUnknown(X509_EXTENSION* extension, CertExtentions& texts, std::size_t& printable_bytes) {
+void cert_ext_Unknown(X509_EXTENSION* extension, CertExtentions& texts, std::size_t& printable_bytes) {
     std::string name = UnknownName(extension);
     if (X509_EXTENSION_get_critical(extension) != 0) name += "(critical)";
     const std::size_t size = BytesOf(X509_EXTENSION_get_data(extension)).size();
@@ -521,7 +528,7 @@ void ReadAll(const X509* cert, CertExtentions& out) {
         const KnownExtension* const known = FindKnown(extension);
         if (known != nullptr && known->read(extension, sinks)) return;
         NoteUnknown(extension, out);
-        AddUnknown(extension, out, printable_bytes);
+        cert_ext_Unknown(extension, out, printable_bytes);
     });
 }
 
@@ -543,10 +550,12 @@ void CertEngine_GetCertNames(void* cert, CertNames& out) {
 void CertEngine_GetCertExtentions(void* cert, CertExtentions& out) {
     const ErrorMark mark;
     const X509* const x = static_cast<const X509*>(cert);
-    const std::string der = cert_engine::Encode(x, i2d_X509);
-    out.md5 = Fingerprint(cert_engine::Md5(), der);
-    out.sha1 = Fingerprint(cert_engine::Sha1(), der);
+    static_cast<CertFingerprints&>(out) = CertEngine_CertFingerprints(cert_engine::Encode(x, i2d_X509));
     ReadAll(x, out);
+}
+
+CertFingerprints CertEngine_CertFingerprints(const std::string& der) {
+    return {Fingerprint(cert_engine::Md5(), der), Fingerprint(cert_engine::Sha1(), der)};
 }
 
 namespace cert_engine {

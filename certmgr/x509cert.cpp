@@ -167,13 +167,26 @@ const CertNames& X509Cert::names() const {
     return names_;
 }
 
+const CertFingerprints& X509Cert::fingerprints() const {
+    std::call_once(fingerprints_read_, [this] {
+        if (certHandle != nullptr) {
+            std::string der;  // without what may follow it in `rawCert`
+            CertEngine_RawCert(certHandle, der);
+            fingerprints_ = CertEngine_CertFingerprints(der);
+        } else if (!rawPubKey.empty()) {
+            CertEngine_FingerprintSHA1(rawPubKey, fingerprints_.sha1, 0);
+        }
+    });
+    return fingerprints_;
+}
+
 const CertExtentions& X509Cert::ext() const {
     std::call_once(ext_rendered_, [this] {
         auto rendered = std::make_unique<CertExtentions>();
         if (certHandle != nullptr) {
             CertEngine_GetCertExtentions(certHandle, *rendered);
-        } else if (!rawPubKey.empty()) {
-            CertEngine_FingerprintSHA1(rawPubKey, rendered->sha1, 0);
+        } else {
+            static_cast<CertFingerprints&>(*rendered) = fingerprints();
         }
         ext_ = std::move(rendered);
     });
@@ -213,10 +226,11 @@ CertImportStatus X509Cert::CanBeUsed() const {
 bool X509Cert::MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const {
     const pki_alg_t wanted = pattern.keyAlg != 0 ? pattern.keyAlg : alg;
     if (wanted != 0 && wanted != info.keyAlg) return false;
-    return TextMatches(info.serialNumber, pattern.serialNumber) && (pattern.md5.empty() || ext().md5 == pattern.md5) &&
-           (pattern.sha1.empty() || ext().sha1 == pattern.sha1) &&
+    return TextMatches(info.serialNumber, pattern.serialNumber) &&
            NameMatches(info.issuer, pattern.issuer, pattern.issuerExact) &&
-           NameMatches(info.subject, pattern.subject, pattern.subjectExact);
+           NameMatches(info.subject, pattern.subject, pattern.subjectExact) &&
+           (pattern.md5.empty() || fingerprints().md5 == pattern.md5) &&
+           (pattern.sha1.empty() || fingerprints().sha1 == pattern.sha1);
 }
 
 ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
@@ -228,7 +242,7 @@ ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
 }
 
 SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
-    if (certHandle == nullptr) return kSignatureWrong;
+    if (certHandle == nullptr || !cert_engine::SignedAlgorithmAgrees(certHandle)) return kSignatureWrong;
     std::string signed_part(cert_engine::ToBeSigned(rawCert));
     std::string signature;
     if ((signed_part.empty() && !CertEngine_RawCertInfo(certHandle, signed_part)) ||

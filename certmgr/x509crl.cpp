@@ -131,7 +131,7 @@ SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer, bool* definite_ou
     bool unused = false;
     bool& definite = definite_out != nullptr ? *definite_out : unused;
     definite = true;
-    if (crlHandle == nullptr) return kSignatureWrong;
+    if (crlHandle == nullptr || !cert_engine::CrlOf(crlHandle).signedAlgorithmAgrees()) return kSignatureWrong;
     if (const auto known = content_->signatures.Recall(issuer->rawPubKey)) return *known;
     std::string signed_part;
     std::string signature;

@@ -67,6 +67,7 @@ CM_API void CertEngine_GetCertExtentions(void* cert, CertExtentions& out);
 /// The parts of it that decisions are made by, at a fraction of the price.
 CM_API void CertEngine_GetCertFacts(void* cert, CertFacts& out);
 CM_API void CertEngine_GetCertNames(void* cert, CertNames& out);
+CM_API CertFingerprints CertEngine_CertFingerprints(const std::string& der);
 /// Appends the dotted identifier of the public-key algorithm.
 CM_API void CertEngine_CertGetKeyAlgOid(void* cert, std::string* appended);
 /// Appends the dotted identifier of the outer signature algorithm.

@@ -111,6 +111,12 @@ struct CertNames {
     std::vector<std::string> crlOtherNames;  // what else these full names hold: GeneralNames, DER
 };
 
+/// Of a certificate's whole DER, lower-case hexadecimal.
+struct CertFingerprints {
+    std::string md5;
+    std::string sha1;
+};
+
 /// Fingerprints and X.509v3 extensions of a certificate, whole. Text members are for display; empty when the extension
 /// is absent.
 ///
@@ -118,9 +124,7 @@ struct CertNames {
 /// `authorityKeyId`, `subjectKeyIdHex`, the strings from `privateKeyUsagePeriod` to `crlDistributionPoints` but for
 /// `extKeyUsageOids`, `unknownExtensions`, `privateKeyUsageEnd` (8 bytes) and `firstUnknownCritical`. The rest stays
 /// local.
-struct CertExtentions : CertFacts, CertNames {
-    std::string md5;  // fingerprints of the whole DER, lower-case hexadecimal
-    std::string sha1;
+struct CertExtentions : CertFacts, CertNames, CertFingerprints {
     std::string subjectAltName;
     std::string issuerAltName;
     std::string keyUsage;

@@ -80,7 +80,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     bool MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const;
     /// Validity of the certificate and of its private key now.
     ValidityCheck PrivKeyCheckValidFromTo() const;
-    /// Verifies this certificate's signature with the issuer's key on a token.
+    /// Verifies this certificate's signature with the issuer's key on a token. Wrong also when the algorithm that is
+    /// signed is not the one that is named beside the signature (RFC 5280, 4.1.1.2 and 5.1.1.2 for a CRL).
     SignatureCheck CheckSignature(const X509Cert* issuer) const;
 
     /// Completes a key-pair entry with its public key (SubjectPublicKeyInfo, DER): key length, by the algorithm that the
@@ -91,6 +92,9 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     const CertFacts& facts() const { return facts_; }
     /// Alternative names and distribution points. The first call reads them; any thread may make it.
     const CertNames& names() const;
+    /// Of the DER; of a key pair without certificate the SHA-1 of its public key. The first call computes them; any thread
+    /// may make it.
+    const CertFingerprints& fingerprints() const;
     /// Fingerprints and extensions, whole. The first call renders them; any thread may make it.
     const CertExtentions& ext() const;
 
@@ -119,6 +123,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     mutable std::uint32_t refCount = 1;
     mutable std::once_flag names_read_;
     mutable CertNames names_;
+    mutable std::once_flag fingerprints_read_;
+    mutable CertFingerprints fingerprints_;
     mutable std::once_flag ext_rendered_;
     mutable std::unique_ptr<const CertExtentions> ext_;
 };

@@ -4,7 +4,9 @@
 #include <certmgr/log.h>
 #include <platform/event_codes.h>
 
+#include "certmgr/cert_engine.h"
 #include "store_fixture.h"
+#include "tests/support/der.h"
 
 namespace {
 
@@ -237,6 +239,28 @@ TEST_F(ObjectTest, SignaturesAreCheckedForEveryAlgorithm) {
         EXPECT_EQ(crl.CheckSignature(issuer.get()), CM::kSignatureRight);
         EXPECT_EQ(crl.CheckSignature(FromDer(other.der).get()), CM::kSignatureWrong);
     }
+}
+
+// The algorithm beside the signature is not signed: only the one inside tells what the issuer meant.
+TEST_F(ObjectTest, AnAlgorithmChangedAfterSigningMakesTheSignatureWrong) {
+    vendor_host::AddToken("card");
+    const std::string with_null = der::Sequence(der::Oid("1.2.840.10045.4.3.2") + der::Null());
+    const auto root = MakeCa("CN=Root");
+    const auto issuer = FromDer(root.der);
+    const auto cert = FromDer(MakeCert({.subject = "CN=host", .outer_algorithm = with_null}, &root).der);
+    EXPECT_EQ(cert->info.signAlg, issuer->info.signAlg);
+    EXPECT_EQ(cert->CheckSignature(issuer.get()), CM::kSignatureWrong);
+
+    const CM::X509CRL signed_crl(PKCS11::TokenInfo{}, {.value = MakeCrl({}, root)});
+    ASSERT_EQ(signed_crl.CheckSignature(issuer.get()), CM::kSignatureRight);
+    std::string body;
+    std::string signature;
+    CertEngine_RawCRLInfo(signed_crl.crlHandle, body);
+    CertEngine_RawCRLSignature(signed_crl.crlHandle, signature);
+    const std::string changed = der::Sequence(body + with_null + der::BitString(signature));
+    const CM::X509CRL crl(PKCS11::TokenInfo{}, {.value = changed});
+    EXPECT_EQ(crl.info.signAlg, signed_crl.info.signAlg);
+    EXPECT_EQ(crl.CheckSignature(issuer.get()), CM::kSignatureWrong);
 }
 
 TEST_F(ObjectTest, VerificationTellsTroubleFromABadSignature) {
