@@ -18,15 +18,14 @@ void Fill(unsigned char (&field)[Size], std::string_view text) {
     std::memcpy(field, text.data(), std::min(Size, text.size()));
 }
 
-struct Current {
-    std::mutex mutex;
-    LibraryPtr library;  // guarded by mutex
-};
 /// Never destroyed: a call may come while the process ends.
-Current& TheCurrent() {
-    static Current& current = *new Current;
-    return current;
-}
+union Current {
+    constexpr Current() : library() {}
+    ~Current() {}
+    LibraryPtr library;  // guarded by current_mutex
+};
+constinit std::mutex current_mutex;
+constinit Current current;
 
 /// The text that the arguments carry for this module.
 std::string_view ReadArguments(const void* arguments) {
@@ -40,15 +39,15 @@ std::string_view ReadArguments(const void* arguments) {
 }  // namespace
 
 LibraryPtr CurrentLibrary() {
-    const std::lock_guard lock(TheCurrent().mutex);
-    return TheCurrent().library;
+    const std::lock_guard lock(current_mutex);
+    return current.library;
 }
 
 CK_RV Initialize(void* arguments) {
     return Enter([&] {
-        const std::lock_guard lock(TheCurrent().mutex);
-        Require(TheCurrent().library == nullptr, CKR_CRYPTOKI_ALREADY_INITIALIZED);
-        TheCurrent().library = std::make_shared<Library>(ReadArguments(arguments));
+        const std::lock_guard lock(current_mutex);
+        Require(current.library == nullptr, CKR_CRYPTOKI_ALREADY_INITIALIZED);
+        current.library = std::make_shared<Library>(ReadArguments(arguments));
     });
 }
 
@@ -56,8 +55,8 @@ CK_RV Finalize(void* reserved) {
     return Enter([&] {
         Require(reserved == nullptr, CKR_ARGUMENTS_BAD);
         LibraryPtr ended;  // goes away without the lock
-        const std::lock_guard lock(TheCurrent().mutex);
-        ended = std::exchange(TheCurrent().library, nullptr);
+        const std::lock_guard lock(current_mutex);
+        ended = std::exchange(current.library, nullptr);
         Require(ended != nullptr, CKR_CRYPTOKI_NOT_INITIALIZED);
     });
 }
