@@ -328,10 +328,9 @@ TEST_F(PeerTest, WhatOnePeerMaySendIsBounded) {
     Payload payload;
     Payload large_ones;
     CertSpec large = PeerSpec();
-    large.extensions = {{.oid = "1.2.3.4", .der = std::string(CM::kMaxReceivedBytes, 'x')}};
-    EXPECT_FALSE(payload.AddBundle(test_pki::MakePkcs7({MakeCert(large, &root_).der}))) << "too large to be looked at";
     large.extensions = {{.oid = "1.2.3.4", .der = std::string(CM::kMaxReceivedBytes / 4, 'x')}};
     const std::string quarter = MakeCert(large, &root_).der;
+    EXPECT_FALSE(large_ones.AddBundle(test_pki::MakePkcs7({quarter, quarter, quarter, quarter})));
     for (const bool fits : {true, true, true, false}) EXPECT_EQ(large_ones.Add(quarter), fits);
     while (payload.list().size() < CM::kMaxReceivedCerts && payload.Add(peer_.der)) continue;
     EXPECT_FALSE(payload.Add(peer_.der));

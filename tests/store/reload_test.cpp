@@ -205,11 +205,8 @@ TEST_F(ReloadTest, WhatATokenFailsToShowStaysAndIsReadOnceMore) {
     fail(~0U);
     EXPECT_EQ(Reload(), 1U);
     EXPECT_EQ(HookLog::Take(), Strings{"cert+ CN=second"});
-    EXPECT_EQ(Subjects(store().personalCerts), (Strings{"CN=own", "CN=second"}));
-    EXPECT_EQ(KeyNames(), Strings{"psk"});
     EXPECT_EQ(store().crls.size(), 1U);
     EXPECT_EQ(vendor_host::Advance(10), 1U) << "once";
-    EXPECT_EQ(HookLog::Take(), Strings());
     card->Remove(own);
     fail(0);
     Reload();
