@@ -93,12 +93,25 @@ bool AddSafe(STACK_OF(PKCS7) * safes, PKCS7* safe) {
     return false;
 }
 
+/// A certificate that belongs to no key. Java shows it only with this attribute: for which purposes it is trusted.
+PKCS12_SAFEBAG* LoneCertificate(X509* cert) {
+    constexpr const char* kTrustedKeyUsage = "2.16.840.1.113894.746875.1.1";
+    PKCS12_SAFEBAG* const bag = PKCS12_SAFEBAG_create_cert(cert);
+    // An identifier is handed over as the object that it is, with no length.
+    const auto* const any = reinterpret_cast<const unsigned char*>(OBJ_nid2obj(NID_anyExtendedKeyUsage));
+    if (bag != nullptr) PKCS12_add1_attr_by_txt(bag, kTrustedKeyUsage, V_ASN1_OBJECT, any, -1);
+    return bag;
+}
+
 bool AddCerts(STACK_OF(PKCS7) * safes, const std::vector<void*>& certs, std::string key_id, const char* password) {
     const BagsPtr bags(sk_PKCS12_SAFEBAG_new_null());
     if (bags == nullptr) return false;
-    for (void* cert : certs) {
+    const bool with_key = !key_id.empty();
+    for (void* handle : certs) {
+        auto* const cert = static_cast<X509*>(handle);
         if (cert == nullptr) continue;
-        if (!AddBag(bags.get(), PKCS12_SAFEBAG_create_cert(static_cast<X509*>(cert)), key_id)) return false;
+        PKCS12_SAFEBAG* const bag = with_key ? PKCS12_SAFEBAG_create_cert(cert) : LoneCertificate(cert);
+        if (!AddBag(bags.get(), bag, key_id)) return false;
         key_id.clear();
     }
     if (sk_PKCS12_SAFEBAG_num(bags.get()) == 0) return true;

@@ -33,7 +33,7 @@ class WorkBudget {
     bool Take(std::uint64_t iterations);
 
   private:
-    std::uint64_t left_ = 10'000'000;
+    std::uint64_t left_ = 20'000'000;
 };
 
 /// A certificate in the default library context, which knows its public key.

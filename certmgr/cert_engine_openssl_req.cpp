@@ -20,6 +20,10 @@ using NamePtr = Owner<X509_NAME, X509_NAME_free>;
 using PublicKeyPtr = Owner<X509_PUBKEY, X509_PUBKEY_free>;
 using AlgorithmPtr = Owner<X509_ALGOR, X509_ALGOR_free>;
 using BitStringPtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
+using ExtensionPtr = Owner<X509_EXTENSION, X509_EXTENSION_free>;
+using GeneralNamePtr = Owner<GENERAL_NAME, GENERAL_NAME_free>;
+using GeneralNamesPtr = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
+using TypePtr = Owner<ASN1_TYPE, ASN1_TYPE_free>;
 using PurposesPtr = Owner<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
 
 void FreeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
@@ -48,50 +52,71 @@ bool IsOneLine(const std::string& value) {
     return value.find_first_of(std::string_view("\0\r\n", 3)) == std::string::npos;
 }
 
-bool AddExtension(STACK_OF(X509_EXTENSION) * extensions, int nid, const std::string& value) {
-    if (!IsOneLine(value)) return false;
+// In the words of libcrypto's configuration files.
+X509_EXTENSION* MakeExtension(int nid, const std::string& words) {
+    if (!IsOneLine(words)) return nullptr;
     X509V3_CTX context{};
     X509V3_set_ctx_nodb(&context);
-    X509_EXTENSION* const extension = X509V3_EXT_nconf_nid(nullptr, &context, nid, value.c_str());
-    if (extension == nullptr) return false;
-    if (sk_X509_EXTENSION_push(extensions, extension) > 0) return true;
+    return X509V3_EXT_nconf_nid(nullptr, &context, nid, words.c_str());
+}
+
+// Takes over the extension.
+bool Push(STACK_OF(X509_EXTENSION) * extensions, X509_EXTENSION* extension) {
+    if (extension != nullptr && sk_X509_EXTENSION_push(extensions, extension) > 0) return true;
     X509_EXTENSION_free(extension);
     return false;
 }
 
-// libcrypto takes bytes of any kind for an extension when the value says so.
+// libcrypto takes bytes of any kind for an extension when the words say so.
 bool AddExtendedKeyUsage(STACK_OF(X509_EXTENSION) * extensions, const std::string& purposes) {
-    if (!AddExtension(extensions, NID_ext_key_usage, purposes)) return false;
-    const PurposesPtr decoded(
-        static_cast<EXTENDED_KEY_USAGE*>(X509V3_get_d2i(extensions, NID_ext_key_usage, nullptr, nullptr)));
-    return sk_ASN1_OBJECT_num(decoded.get()) > 0;
+    X509_EXTENSION* const extension = MakeExtension(NID_ext_key_usage, purposes);
+    if (!Push(extensions, extension)) return false;
+    const PurposesPtr decoded(static_cast<EXTENDED_KEY_USAGE*>(X509V3_EXT_d2i(extension)));
+    return decoded != nullptr && sk_ASN1_OBJECT_num(decoded.get()) > 0;
 }
 
-std::string AlternativeNames(const CertRequestInfo& info) {
-    const std::array<std::pair<const char*, const std::string*>, 4> parts{{
-        {"IP:", &info.ipAddress},
-        {"DNS:", &info.dnsName},
-        {"email:", &info.email},
-        {"otherName:msUPN;UTF8:", &info.upn},
-    }};
-    std::string names;
-    for (const auto& [kind, value] : parts) {
-        if (value->empty()) continue;
-        if (!names.empty()) names += ',';
-        names.append(kind).append(*value);
+bool AddUpn(GENERAL_NAMES* names, const std::string& upn) {
+    TypePtr value(ASN1_TYPE_new());
+    ASN1_UTF8STRING* const text = ASN1_UTF8STRING_new();
+    if (value == nullptr || ASN1_STRING_set(text, upn.data(), static_cast<int>(upn.size())) != 1) {
+        ASN1_UTF8STRING_free(text);
+        return false;
     }
-    return names;
+    ASN1_TYPE_set(value.get(), V_ASN1_UTF8STRING, text);
+    GeneralNamePtr name(GENERAL_NAME_new());
+    if (name == nullptr || GENERAL_NAME_set0_othername(name.get(), OBJ_nid2obj(NID_ms_upn), value.get()) != 1) {
+        return false;
+    }
+    static_cast<void>(value.release());
+    return sk_GENERAL_NAME_push(names, name.get()) > 0 && name.release() != nullptr;
+}
+
+// The user principal name goes past libcrypto's words, which know neither UTF-8 nor a comma inside a name.
+bool AddAlternativeNames(STACK_OF(X509_EXTENSION) * extensions, const CertRequestInfo& info) {
+    const std::array<std::pair<const char*, const std::string*>, 3> parts{
+        {{"IP:", &info.ipAddress}, {"DNS:", &info.dnsName}, {"email:", &info.email}}};
+    std::string words;
+    for (const auto& [kind, value] : parts) {
+        if (!value->empty()) words.append(words.empty() ? "" : ",").append(kind).append(*value);
+    }
+    GeneralNamesPtr names(GENERAL_NAMES_new());
+    if (!words.empty()) {
+        const ExtensionPtr extension(MakeExtension(NID_subject_alt_name, words));
+        names.reset(extension != nullptr ? static_cast<GENERAL_NAMES*>(X509V3_EXT_d2i(extension.get())) : nullptr);
+    }
+    if (names == nullptr || (!info.upn.empty() && !AddUpn(names.get(), info.upn))) return false;
+    return sk_GENERAL_NAME_num(names.get()) == 0 ||
+           Push(extensions, X509V3_EXT_i2d(NID_subject_alt_name, 0, names.get()));
 }
 
 bool AddExtensions(X509_REQ* request, const CertRequestInfo& info) {
     const ExtensionsPtr extensions(sk_X509_EXTENSION_new_null());
     if (extensions == nullptr ||
-        !AddExtension(extensions.get(), NID_key_usage, "critical,digitalSignature,keyEncipherment")) {
+        !Push(extensions.get(), MakeExtension(NID_key_usage, "critical,digitalSignature,keyEncipherment"))) {
         return false;
     }
     if (!info.extKeyUsage.empty() && !AddExtendedKeyUsage(extensions.get(), info.extKeyUsage)) return false;
-    const std::string names = AlternativeNames(info);
-    if (!names.empty() && !AddExtension(extensions.get(), NID_subject_alt_name, names)) return false;
+    if (!AddAlternativeNames(extensions.get(), info)) return false;
     return X509_REQ_add_extensions(request, extensions.get()) == 1;
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "certmgr/cert_engine.h"
@@ -85,9 +86,12 @@ bool StoreFile(const std::string& content, const std::string& password, std::str
 }  // namespace
 
 X509CertFile::X509CertFile(const std::string& content, const std::string& password) {
-    const bool read = ReadCert(content) || ReadCrl(content) || ReadPkcs7(content) || ReadPkcs12(content, password) ||
-                      ReadEncryptedPkcs12(content, password);
-    if (read) status = kP12Read;
+    if (ReadCert(content) || ReadCrl(content) || ReadPkcs7(content) || ReadBase64Lines(content) ||
+        ReadPkcs12(content, password)) {
+        status = kP12Read;
+    } else if (status == kP12Unsupported) {  // else the last reader would find the same, at the same price
+        ReadEncryptedPkcs12(content, password);
+    }
 }
 
 bool X509CertFile::ReadCert(const std::string& content) {
@@ -118,6 +122,16 @@ bool X509CertFile::ReadPkcs7(const std::string& content) {
     return true;
 }
 
+/// The text readers take base64 without markers on one line alone.
+bool X509CertFile::ReadBase64Lines(const std::string& content) {
+    constexpr std::string_view kBlanks = "\r\n\t ";
+    constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=\r\n\t ";
+    if (content.find_first_not_of(kAlphabet) != std::string::npos) return false;
+    std::string line = content;
+    std::erase_if(line, [kBlanks](char c) { return kBlanks.find(c) != std::string_view::npos; });
+    return ReadCert(line) || ReadCrl(line);
+}
+
 bool X509CertFile::ReadPkcs12(const std::string& content, const std::string& password) {
     void* cert = nullptr;
     void* key = nullptr;
@@ -129,14 +143,13 @@ bool X509CertFile::ReadPkcs12(const std::string& content, const std::string& pas
     return true;
 }
 
-bool X509CertFile::ReadEncryptedPkcs12(const std::string& content, const std::string& password) {
+void X509CertFile::ReadEncryptedPkcs12(const std::string& content, const std::string& password) {
     std::vector<PBEPrivKeyHandle> keys;
     std::vector<void*> others;
     status = CertEngine_ReadP12CertData_XXX(content.data(), Length(content), password, keys, others);
-    if (status != kP12Read) return false;
+    if (status != kP12Read) return;
     for (const PBEPrivKeyHandle& key : keys) certs.Adopt(new X509Cert(key));
     AdoptCerts(others);
-    return true;
 }
 
 void X509CertFile::AdoptCerts(const std::vector<void*>& handles) {

@@ -28,8 +28,9 @@ class CM_API X509CertFile {
     bool ReadCert(const std::string& content);
     bool ReadCrl(const std::string& content);
     bool ReadPkcs7(const std::string& content);
+    bool ReadBase64Lines(const std::string& content);
     bool ReadPkcs12(const std::string& content, const std::string& password);
-    bool ReadEncryptedPkcs12(const std::string& content, const std::string& password);
+    void ReadEncryptedPkcs12(const std::string& content, const std::string& password);
     void AdoptCerts(const std::vector<void*>& handles);
 };
 

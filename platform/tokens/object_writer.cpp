@@ -120,8 +120,9 @@ CreateOutcome CreateCertificate(Session& session, const PKCS11::CertObject& obje
     if (!object.trusted) return Create(session, attributes);
     attributes.Flag(CKA_TRUSTED, true);
     const CreateOutcome outcome = Create(session, attributes);
-    if (IsForOfficerAlone(outcome.result.rv)) return {{}, false, true};
-    return outcome;
+    if (!IsForOfficerAlone(outcome.result.rv)) return outcome;
+    Delete(session, FindEmptyCertificates(session));  // what some tokens leave of an object that they refused
+    return {{}, false, true};
 }
 
 CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::string& id, const vpnfc::SecretString& pkcs8,

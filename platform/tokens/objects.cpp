@@ -321,6 +321,13 @@ FoundOutcome FindPrivateKeys(Session& session, pki_alg_t alg, const std::string&
     return Find(session, wanted);
 }
 
+FoundOutcome FindEmptyCertificates(Session& session) {
+    AttributeTemplate wanted;
+    wanted.Number(CKA_CLASS, CKO_CERTIFICATE).Bytes(CKA_ID, {}).Bytes(CKA_SUBJECT, {}).Bytes(CKA_VALUE, {});
+    wanted.Bytes(CKA_URL, {});
+    return Find(session, wanted);
+}
+
 FoundOutcome FindCrls(Session& session, const std::string& id) {
     AttributeTemplate wanted;
     wanted.Number(CKA_CLASS, CKO_DATA).Bytes(CKA_APPLICATION, kCrlApplication).Bytes(CKA_OBJECT_ID, id);

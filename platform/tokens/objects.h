@@ -86,6 +86,8 @@ struct FoundOutcome {
 FoundOutcome FindById(Session& session, CK_OBJECT_CLASS object_class, const std::string& id);
 /// Private keys of the key type of `alg`.
 FoundOutcome FindPrivateKeys(Session& session, pki_alg_t alg, const std::string& id);
+/// Certificates that have nothing but their class.
+FoundOutcome FindEmptyCertificates(Session& session);
 FoundOutcome FindCrls(Session& session, const std::string& id);
 FoundOutcome FindPresharedKeys(Session& session, const std::string& name);
 

@@ -1,0 +1,289 @@
+// Imports, exports and deletions: what they answer, what the token holds afterwards, and what the log says.
+#include <thread>
+
+#include "platform/asn1.h"
+#include "platform/event_codes.h"
+#include "tests/manage/manage_fixture.h"
+
+namespace manage_test {
+namespace {
+
+using CM::X509CertFile;
+using test_pki::Cert;
+
+const Cert& Root() {
+    static const Cert root = test_pki::MakeCa("CN=Root, O=Test");
+    return root;
+}
+const Cert& Leaf() {
+    static const Cert leaf = test_pki::MakeLeaf("CN=leaf, O=Test", Root());
+    return leaf;
+}
+std::string LeafWithKey() {
+    return MakePkcs12(Leaf().key, {Leaf().der, Root().der});
+}
+
+enum class What : std::uint8_t { kLeaf, kLeafWithKey, kLeafBesideKey, kRoot, kUnknownCritical };
+enum class Pin : std::uint8_t { kNone, kOfficer, kWrong };
+
+struct ImportCase {
+    const char* name;
+    What what;
+    CertImportMode mode;
+    CM::CertImportStatus expected;
+    std::vector<std::string> trouble{};
+    Pin pin = Pin::kNone;
+    bool logged_in = true;
+};
+
+std::string ContentOf(What what) {
+    switch (what) {
+        case What::kLeafWithKey:
+            return LeafWithKey();
+        case What::kRoot:
+            return Root().der;
+        case What::kUnknownCritical:
+            return test_pki::MakeCert({.extensions = {{.oid = "1.2.3.4", .critical = true, .der = "\5"}}}).der;
+        default:
+            return Leaf().der;
+    }
+}
+
+class Imports : public ManageTest, public testing::WithParamInterface<ImportCase> {};
+
+TEST_P(Imports, AnswerAndLeaveNothingHalf) {
+    const ImportCase& c = GetParam();
+    if (c.what == What::kLeafBesideKey) Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
+    const X509CertFile file(ContentOf(c.what), kPassword);
+    ASSERT_EQ(file.status, 0);
+    const std::size_t before = ObjectsOnToken();
+    if (!c.logged_in) tokens::Logout(token_.info);
+    const std::string wrong = token_test::RandomPin();
+    const std::string* const pins[] = {nullptr, &token_.so_pin, &wrong};
+    const std::string* const pin = pins[static_cast<int>(c.pin)];
+    control_.Set(c.trouble);
+    if (c.expected == CM::ImportCertErrorOpenTokenSession) {
+        ASSERT_TRUE(WaitUntilListed("one", false));
+    }
+    const CM::CertImportStatus status = store().ImportCertificate(token_.info, *file.certs[0], c.mode, false, pin);
+    control_.Set({});
+    EXPECT_STREQ(CM::CertImportStatusText(status), CM::CertImportStatusText(c.expected));
+    ASSERT_TRUE(WaitUntilListed("one"));
+    ASSERT_EQ(LogIn(token_, tokens::FewTries::kTryAnyway), tokens::PinResult::kDone);
+    const bool written = c.expected == CM::ImportCertOk || c.expected == CM::ImportCertWarningTrustedNotCA;
+    const bool joined = c.what == What::kLeafBesideKey;  // its key pair is not listed any more
+    EXPECT_EQ(ObjectsOnToken(), before + (written && !joined ? 1 : 0));
+    EXPECT_EQ(KeyOnToken(Leaf().spki), joined || (written && c.what == What::kLeafWithKey));
+    if (c.expected != CM::ImportCertOk) return;
+    const CM::CertList* const lists[] = {nullptr, &store().trustedCerts, &store().personalCerts, &store().otherCerts};
+    ASSERT_EQ(lists[c.mode]->size(), 1U);
+    EXPECT_EQ(
+        reports_.Count("log " + std::to_string(kMsgOtherCertImported + (c.mode == kImportOther ? 0 : 3 - c.mode))), 1U);
+    EXPECT_EQ(store().ImportCertificate(token_.info, *file.certs[0], c.mode, false, pin), CM::ImportCertAlreadyExist);
+}
+
+const ImportCase kImports[] = {
+    {"other", What::kLeaf, kImportOther, CM::ImportCertOk},
+    {"other_of_unknown_mode", What::kRoot, kImportOther, CM::ImportCertOk},
+    {"trusted", What::kRoot, kImportTrusted, CM::ImportCertOk, {}, Pin::kOfficer},
+    {"trusted_not_ca", What::kLeaf, kImportTrusted, CM::ImportCertWarningTrustedNotCA, {}, Pin::kOfficer},
+    {"personal_beside_its_key", What::kLeafBesideKey, kImportPersonal, CM::ImportCertOk},
+    {"personal_with_key", What::kLeafWithKey, kImportPersonal, CM::ImportCertOk},
+    {"personal_without_key", What::kLeaf, kImportPersonal, CM::ImportCertErrorNotPersonal},
+    {"unusable", What::kUnknownCritical, kImportOther, CM::ImportCertErrorUnknownCriticalExtension},
+    {"trusted_by_the_user", What::kRoot, kImportTrusted, CM::ImportCertErrorLoginSO},
+    {"other_logged_out", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, Pin::kNone, false},
+    {"other_with_wrong_pin", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, Pin::kWrong, false},
+    {"key_logged_out", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorLogin, {}, Pin::kNone, false},
+    {"other_token_gone", What::kLeaf, kImportOther, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
+    {"trusted_token_gone", What::kRoot, kImportTrusted, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
+    {"key_token_gone", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
+    {"other_refused", What::kLeaf, kImportOther, CM::ImportCertError, {"fail C_CreateObject CKR_DEVICE_MEMORY"}},
+    {"trusted_refused",
+     What::kRoot,
+     kImportTrusted,
+     CM::ImportCertError,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY"},
+     Pin::kOfficer},
+    {"trusted_not_ca_refused",
+     What::kLeaf,
+     kImportTrusted,
+     CM::ImportCertErrorNotTrusted,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY"},
+     Pin::kOfficer},
+    {"beside_key_refused",
+     What::kLeafWithKey,
+     kImportPersonal,
+     CM::ImportCertErrorPrivKey,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY"}},
+    {"public_key_refused",
+     What::kLeafWithKey,
+     kImportPersonal,
+     CM::ImportCertErrorPubKey,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY skip 1"}},
+    {"certificate_refused",
+     What::kLeafWithKey,
+     kImportPersonal,
+     CM::ImportCertError,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY skip 2"}},
+};
+INSTANTIATE_TEST_SUITE_P(, Imports, testing::ValuesIn(kImports), [](const auto& test) { return test.param.name; });
+
+class Changes : public ManageTest {
+  protected:
+    void ImportAll() {
+        const X509CertFile leaf(LeafWithKey(), kPassword);
+        const X509CertFile root(Root().der, "");
+        ASSERT_EQ(leaf.certs.size(), 2U);
+        ASSERT_EQ(store().ImportCertificate(token_.info, *leaf.certs[0], kImportPersonal, true, nullptr), 0U);
+        ASSERT_EQ(store().ImportCertificate(token_.info, *root.certs[0], kImportTrusted, false, &token_.so_pin), 0U);
+        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);  // the officer's login ended the user's
+    }
+};
+
+// Whatever moment of an import the token is taken away at: no key without its certificate is there once it is back.
+TEST_F(Changes, TokenRemovedInMidImport) {
+    const X509CertFile file(LeafWithKey(), kPassword);
+    for (int created = 1; created <= 2; ++created) {
+        control_.Set({"trace C_CreateObject", "delay C_CreateObject 100"});
+        const int before = control_.Calls("C_CreateObject");
+        std::thread thief([&] {
+            while (control_.Calls("C_CreateObject") < before + created) std::this_thread::yield();
+            control_.Set({"hide one"});
+        });
+        EXPECT_NE(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr), 0U);
+        thief.join();
+        ASSERT_TRUE(WaitUntilListed("one", false));
+        control_.Set({});
+        ASSERT_TRUE(WaitUntilListed("one"));
+        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+        store().Reload();
+        EXPECT_EQ(store().keyPairCerts.size(), 0U);
+        EXPECT_EQ(ObjectsOnToken(), 0U);
+        EXPECT_FALSE(KeyOnToken(Leaf().spki));
+    }
+}
+
+TEST_F(Changes, Exports) {
+    ImportAll();
+    const CertInfo info = store().personalCerts[0]->info;
+    struct Case {
+        CertExportFormat format;
+        bool chain;
+        bool key;
+        CM::CertExportResult expected;
+        std::size_t certs;
+    };
+    const Case cases[] = {
+        {kExportDer, true, true, CM::ExportCertOk, 1},
+        {kExportPem, true, true, CM::ExportCertOk, 1},
+        {kExportPkcs7, false, true, CM::ExportCertOk, 1},
+        {kExportPkcs7, true, false, CM::ExportCertOk, 2},
+        {kExportPkcs12, true, true, CM::ExportCertOk, 2},
+        {kExportPkcs12, false, false, CM::ExportCertOk, 1},
+        {CertExportFormat(5), true, true, CM::ExportCertUnknownFormat, 0},
+    };
+    for (const Case& c : cases) {
+        std::string out;
+        EXPECT_EQ(store().ExportCertificate(token_.info, info, c.format, kPassword, c.chain, c.key, out), c.expected);
+        if (c.certs == 0) continue;
+        const X509CertFile file(out, kPassword);
+        ASSERT_EQ(file.certs.size(), c.certs) << c.format;
+        EXPECT_EQ(file.certs[0]->privKeyHandle != nullptr, c.format == kExportPkcs12 && c.key);
+    }
+    std::string out;
+    const auto export_key = [&](const CertInfo& what) {
+        return store().ExportCertificate(token_.info, what, kExportPkcs12, kPassword, false, true, out);
+    };
+    EXPECT_EQ(export_key(CertInfo{}), CM::ExportCertNotFound);
+    EXPECT_EQ(export_key(store().trustedCerts[0]->info), CM::ExportCertErrorPrivKey);
+    tokens::Logout(token_.info);
+    EXPECT_EQ(export_key(info), CM::ExportCertErrorLogin);
+    EXPECT_TRUE(out.empty());
+}
+
+TEST_F(Changes, DeletionsSayWhatWent) {
+    ImportAll();
+    Import(token_.info, PKI_KEY_EC, test_pki::MakeKey(test_pki::KeyType::kEcP256, 7), "pair");
+    store().Reload();
+    ASSERT_EQ(store().keyPairCerts.size(), 1U);
+    const CertInfo records[] = {store().personalCerts[0]->info, store().trustedCerts[0]->info,
+                                store().keyPairCerts[0]->info};
+    const EventCode deleted[] = {kMsgPersonalCertDeleted, kMsgTrustedCertDeleted, kMsgKeyPairDeleted};
+    const EventCode failed[] = {kMsgPersonalCertNotDeleted, kMsgTrustedCertNotDeleted, kMsgKeyPairNotDeleted};
+    for (int i = 0; i < 3; ++i) {
+        for (const EventCode code : {deleted[i], failed[i]}) {
+            store().DeleteCertificate(token_.info, records[i]);
+            EXPECT_EQ(reports_.Count("log " + std::to_string(code)), 1U) << code;
+        }
+    }
+    EXPECT_EQ(reports_.Count("(without key)"), 0U);
+    EXPECT_EQ(ObjectsOnToken(), 0U);
+    EXPECT_FALSE(KeyOnToken(Leaf().spki));
+}
+
+TEST_F(Changes, CrlsAndPresharedKeys) {
+    const X509CertFile file(test_pki::MakeCrl({}, Root()), "");
+    ASSERT_EQ(file.crls.size(), 1U);
+    ASSERT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlOk);
+    ASSERT_TRUE(store().CreatePresharedKey(token_.info, {"peer"}, "secret"));
+    EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"peer"}, "other"));
+    std::string value;
+    EXPECT_TRUE(CM::IsValidPresharedKey("peer", {}) && !CM::IsValidPresharedKey("pee", {}));
+    EXPECT_TRUE(CM::GetPresharedKeyByName("peer", value));
+    EXPECT_EQ(value, "secret");
+    ASSERT_EQ(store().crls.size(), 1U);
+    tokens::Logout(token_.info);
+    EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlErrorLogin);
+    EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"two"}, "secret"));
+    EXPECT_FALSE(CM::GetPresharedKeyByName("peer", value));
+    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+    control_.Set({"fail C_CreateObject CKR_DEVICE_MEMORY"});
+    EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlError);
+    control_.Set({});
+    store().DeleteCRL(token_.info, CRLInfo(store().crls[0]->info));
+    store().DeletePresharedKey(token_.info, {"peer"});
+    EXPECT_TRUE(store().crls.empty() && store().presharedKeys.empty());
+    for (const EventCode code : {kMsgPresharedKeyCreated, kMsgPresharedKeyDeleted, kMsgCrlImported, kMsgCrlDeleted}) {
+        EXPECT_EQ(reports_.Count("log " + std::to_string(code)), 1U) << code;
+    }
+}
+
+// What the daemon hands over without a person: the reasons that it reports.
+TEST_F(Changes, ImportsFiles) {
+    const auto import = [](const std::string& content, const char* password = kPassword) {
+        std::string report;
+        return CM::ImportCertsFromFile(content, password, &report) ? "done" : report;
+    };
+    EXPECT_EQ(import(Leaf().der), "Key Pair not found for cert: CN=leaf, O=Test");
+    EXPECT_EQ(import(LeafWithKey(), "wrong"), "wrong password");
+    EXPECT_EQ(import("nonsense"), "can't parse cert data");
+    EXPECT_EQ(import(test_pki::MakeCrl({}, Root())), "done");
+    EXPECT_EQ(import(Root().der), "ImportCertErrorLoginSO: CN=Root, O=Test");
+    Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
+    EXPECT_EQ(import(Leaf().der), "done");
+    EXPECT_EQ(import(Leaf().der), "done");
+    control_.Set({"hide one"});
+    ASSERT_TRUE(WaitUntilListed("one", false));
+    EXPECT_EQ(import(Leaf().der), "no tokens to import");
+}
+
+TEST_F(Changes, ImportOptionsFollowTheKey) {
+    const std::vector<PKCS11::TokenInfo> tokens{PKCS11::TokenInfo{}, token_.info};
+    const auto option_of = [&](const std::string& content) {
+        const X509CertFile file(content, kPassword);
+        CertImportOption option;
+        CM::GetCertImportOption(tokens, file.certs[0], option);
+        EXPECT_EQ(option.tokens, std::vector<std::uint32_t>{1});
+        return option;
+    };
+    EXPECT_EQ(option_of(LeafWithKey()).mode, kImportPersonal);
+    EXPECT_EQ(option_of(Root().der).mode, kImportTrusted);
+    EXPECT_EQ(option_of(Leaf().der).mode, kImportOther);
+    Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
+    EXPECT_EQ(option_of(Leaf().der).mode, kImportPersonal);
+    EXPECT_EQ(option_of(Leaf().der).info.subject, "CN=leaf, O=Test");
+}
+
+}  // namespace
+}  // namespace manage_test

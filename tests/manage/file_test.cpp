@@ -1,0 +1,263 @@
+// Certificate files: what other programs write, what they read of ours, and what is damaged.
+#include <openssl/pkcs12.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "certmgr/cert_engine.h"
+#include "tests/manage/manage_fixture.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace manage_test {
+namespace {
+
+using CM::X509CertFile;
+using test_pki::Cert;
+
+/// A key pair, its certificate and CA, and a CRL, as files that commands can use: user.key, user.pem, ca.pem, crl.pem.
+class FileTest : public EngineTest {
+  protected:
+    FileTest() {
+        Write("user.key", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(user_.key)));
+        Write("user.pem", user_.Pem());
+        Write("ca.pem", ca_.Pem());
+        Write("crl.pem", test_pki::ToPem("X509 CRL", crl_));
+    }
+    void Write(const std::string& name, const std::string& content) const {
+        std::ofstream(directory_ / name) << content;
+    }
+    std::string Read(const std::string& name) const {
+        std::stringstream content;
+        content << std::ifstream(directory_ / name).rdbuf();
+        return content.str();
+    }
+    /// Runs a shell command in the folder, with the password in $P; its output with errors is the message of a failure.
+    void Shell(const std::string& command, const char* password = kPassword) const {
+        const std::string in_folder =
+            "cd '" + directory_.path().string() + "' && export P='" + password + "' && { " + command;
+        const auto result = test_support::Run({"sh", "-c", in_folder + "; } 2>&1"});
+        ASSERT_EQ(result.exit_code, 0) << command << '\n' << result.out;
+    }
+    static bool HasTool(const std::string& command) {
+        const std::string tool = command.substr(0, command.find(' '));
+        return test_support::Run({"sh", "-c", "command -v " + tool}).exit_code == 0;
+    }
+
+    const Cert ca_ = test_pki::MakeCa("CN=CA, O=Test", nullptr, test_pki::KeyType::kRsa2048);
+    const Cert user_ = test_pki::MakeLeaf("CN=user, O=Test", ca_, test_pki::KeyType::kRsa2048);
+    const std::string crl_ = test_pki::MakeCrl({.entries = {{.serial = "\7"}}}, ca_);
+    const test_support::TempDir directory_;
+};
+
+struct ForeignFile {
+    const char* name;
+    const char* command;  // writes the file "out"
+    std::size_t certs;
+    bool key;
+    std::size_t crls = 0;
+    const char* password = kPassword;
+};
+
+class ForeignFiles : public FileTest, public testing::WithParamInterface<ForeignFile> {};
+
+TEST_P(ForeignFiles, AreRead) {
+    const ForeignFile& c = GetParam();
+    if (!HasTool(c.command)) GTEST_SKIP() << "not installed: " << c.command;
+    ASSERT_NO_FATAL_FAILURE(Shell(c.command, c.password));
+    const X509CertFile file(Read("out"), c.password);
+    ASSERT_EQ(file.status, 0);
+    ASSERT_EQ(file.certs.size(), c.certs);
+    EXPECT_EQ(file.crls.size(), c.crls);
+    for (const CM::CrlRef& crl : file.crls) EXPECT_EQ(crl->rawCrl(), crl_);
+    for (std::size_t i = 0; i < c.certs; ++i) {
+        EXPECT_TRUE(file.certs[i]->rawCert == user_.der || file.certs[i]->rawCert == ca_.der);
+    }
+    if (!c.key) return;
+    std::string pkcs8;
+    ASSERT_NE(file.certs[0]->privKeyHandle, nullptr);
+    EXPECT_EQ(file.certs[0]->rawCert, user_.der);
+    EXPECT_TRUE(CertEngine_PrivKeyToPKCS8(file.certs[0]->privKeyHandle, pkcs8));
+    EXPECT_EQ(pkcs8, test_pki::Pkcs8(user_.key));
+    EXPECT_EQ(X509CertFile(Read("out"), "wrong").status, kP12WrongPassword);
+}
+
+#define OPENSSL_P12 "openssl pkcs12 -export -inkey user.key -in user.pem -certfile ca.pem -passout env:P -out out "
+#define CERTTOOL_P12                                                                                                   \
+    "certtool --to-p12 --load-privkey user.key --load-certificate user.pem --load-ca-certificate ca.pem --p12-name x " \
+    "--password \"$P\" --outder --outfile out --pkcs-cipher "
+#define FOR_NSS \
+    OPENSSL_P12 \
+    "-name x && mkdir db && certutil -N -d db --empty-password && pk12util -i out -d db -W \"$P\" && rm out && "
+const ForeignFile kForeignFiles[] = {
+    {"openssl", OPENSSL_P12, 2, true},
+    {"openssl_legacy", OPENSSL_P12 "-legacy", 2, true},
+    {"openssl_rc4", OPENSSL_P12 "-legacy -keypbe PBE-SHA1-RC4-128 -certpbe PBE-SHA1-RC2-128 -macalg md5", 2, true},
+    {"openssl_no_mac", OPENSSL_P12 "-nomac", 2, true},
+    {"openssl_in_the_clear", OPENSSL_P12 "-keypbe NONE -certpbe NONE", 2, true},
+    {"openssl_empty_password", OPENSSL_P12, 2, true, 0, ""},
+    {"openssl_not_ascii", OPENSSL_P12 "-legacy", 2, true, 0,
+     "Gr\xc3\xbc\xc3\x9f"
+     "e"},
+    {"openssl_certs_alone", "openssl pkcs12 -export -nokeys -in ca.pem -passout env:P -out out", 1, false},
+    {"certtool", CERTTOOL_P12 "aes-256", 2, true},
+    {"certtool_3des", CERTTOOL_P12 "3des-pkcs12", 2, true},
+    {"certtool_rc2", CERTTOOL_P12 "rc2-40", 2, true},
+    {"certtool_not_ascii", CERTTOOL_P12 "aes-128", 2, true, 0,
+     "Gr\xc3\xbc\xc3\x9f"
+     "e"},
+    {"pk12util", FOR_NSS "pk12util -o out -n x -d db -W \"$P\"", 2, true},
+    {"pk12util_rc2", FOR_NSS "pk12util -o out -n x -d db -W \"$P\" -c 'PKCS #12 V2 PBE With SHA-1 And 40 Bit RC2 CBC'",
+     2, true},
+    {"keytool",
+     "keytool -h 2>/dev/null; " OPENSSL_P12 "-name x && mv out in && keytool -importkeystore -srckeystore in "
+     "-srcstorepass \"$P\" -destkeystore out -deststoretype pkcs12 -deststorepass \"$P\"",
+     2, true},
+    {"keytool_trust", "keytool -importcert -noprompt -file ca.pem -keystore out -storetype pkcs12 -storepass \"$P\"", 1,
+     false},
+    {"pkcs7_der", "openssl crl2pkcs7 -in crl.pem -certfile user.pem -certfile ca.pem -outform DER -out out", 2, false,
+     1},
+    {"pkcs7_pem", "openssl crl2pkcs7 -in crl.pem -certfile user.pem -certfile ca.pem -out out", 2, false, 1},
+    {"pkcs7_certtool", "certtool --p7-generate --load-certificate user.pem --outfile out", 1, false},
+    {"der", "openssl x509 -in user.pem -outform DER -out out", 1, false},
+    {"text_around", "openssl x509 -in user.pem -text -out out && echo after >>out", 1, false},
+    {"certtool_text", "certtool -i --infile user.pem --outfile out", 1, false},
+    {"base64", "grep -v -- ----- user.pem >out", 1, false},
+    {"base64_on_one_line", "grep -v -- ----- user.pem | tr -d '\\n' >out", 1, false},
+    {"crl_der", "openssl crl -in crl.pem -outform DER -out out", 0, false, 1},
+    {"crl_text", "openssl crl -in crl.pem -text -out out", 0, false, 1},
+    {"crl_base64", "grep -v -- ----- crl.pem >out", 0, false, 1},
+};
+INSTANTIATE_TEST_SUITE_P(, ForeignFiles, testing::ValuesIn(kForeignFiles),
+                         [](const auto& test) { return test.param.name; });
+
+// What is written here is read elsewhere: with key and chain, and certificates alone.
+TEST_F(FileTest, OtherProgramsReadOurs) {
+    void* const user = CertEngine_CreateCertHandle(user_.der.data(), static_cast<unsigned>(user_.der.size()));
+    void* const ca = CertEngine_CreateCertHandle(ca_.der.data(), static_cast<unsigned>(ca_.der.size()));
+    std::string key_file;
+    std::string certs_file;
+    ASSERT_EQ(CertEngine_ExportCertsToPKCS12({user, nullptr, ca}, test_pki::Pkcs8(user_.key), kPassword, key_file), 1);
+    ASSERT_EQ(CertEngine_ExportCertsToPKCS12({ca}, "", kPassword, certs_file), 1);
+    EXPECT_EQ(CertEngine_ExportCertsToPKCS12({user}, "no key", kPassword, certs_file), 3);
+    CertEngine_CloseCertHandle(user);
+    CertEngine_CloseCertHandle(ca);
+    Write("key.p12", key_file);
+    Write("certs.p12", certs_file);
+    for (const char* command : {
+             "openssl pkcs12 -in key.p12 -passin env:P -noenc | openssl pkey | cmp - user.key",
+             "openssl pkcs12 -in certs.p12 -passin env:P | openssl x509 | cmp - ca.pem",
+             "certtool --p12-info --inder --infile key.p12 --password \"$P\" | grep 'BEGIN ENCRYPTED PRIVATE KEY'",
+             "certtool --p12-info --inder --infile certs.p12 --password \"$P\" | grep 'BEGIN CERTIFICATE'",
+             "pk12util -l key.p12 -W \"$P\" | grep -A1 'Key(shrouded)'",
+             "pk12util -l certs.p12 -W \"$P\" | grep 'Subject: .*CN=CA'",
+             "keytool -list -storetype pkcs12 -keystore key.p12 -storepass \"$P\" | grep PrivateKeyEntry",
+             "keytool -list -storetype pkcs12 -keystore certs.p12 -storepass \"$P\" | grep trustedCertEntry",
+         }) {
+        if (HasTool(command)) {
+            Shell(command);
+        } else {
+            std::cout << "[  SKIPPED ] not installed: " << command << '\n';
+        }
+    }
+}
+
+// Several keys stay encrypted; each goes with its own certificate, also one that the file had in the clear.
+TEST_F(FileTest, KeysThatStayEncrypted) {
+    const Cert second = test_pki::MakeLeaf("CN=second", ca_);
+    Write("second.key", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(second.key)));
+    const std::string first = MakePkcs12(user_.key, {user_.der, ca_.der});
+    const std::string other = MakePkcs12(second.key, {second.der});
+    STACK_OF(PKCS7)* all = sk_PKCS7_new_null();
+    for (const std::string& der : {other, first}) {
+        const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+        PKCS12* const file = d2i_PKCS12(nullptr, &p, static_cast<long>(der.size()));
+        STACK_OF(PKCS7)* const safes = PKCS12_unpack_authsafes(file);
+        while (PKCS7* const safe = sk_PKCS7_shift(safes)) sk_PKCS7_push(all, safe);
+        sk_PKCS7_free(safes);
+        PKCS12_free(file);
+    }
+    PKCS12* const both = PKCS12_add_safes(all, 0);
+    sk_PKCS7_pop_free(all, PKCS7_free);
+    unsigned char* der = nullptr;
+    const int length = i2d_PKCS12(both, &der);
+    const std::string content(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+    OPENSSL_free(der);
+    PKCS12_free(both);
+
+    const X509CertFile file(content, kPassword);
+    ASSERT_EQ(file.certs.size(), 3U);
+    const std::string* const expected[] = {&second.der, &user_.der, &ca_.der};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(file.certs[i]->rawCert, *expected[i]);
+        EXPECT_EQ(file.certs[i]->privKeyHandle, nullptr);
+        EXPECT_EQ(file.certs[i]->pbeKey != nullptr, i < 2);
+    }
+    EXPECT_EQ(X509CertFile(content, "wrong").status, kP12WrongPassword);
+}
+
+/// A file whose one key is encrypted in that way; what it encrypts is nothing.
+std::string KeyUnder(X509_ALGOR* algorithm) {
+    X509_SIG* const key = X509_SIG_new();
+    X509_ALGOR* own = nullptr;
+    ASN1_OCTET_STRING* bytes = nullptr;
+    X509_SIG_getm(key, &own, &bytes);
+    X509_ALGOR_copy(own, algorithm);
+    X509_ALGOR_free(algorithm);
+    ASN1_OCTET_STRING_set(bytes, reinterpret_cast<const unsigned char*>("0123456789ABCDEF"), 16);
+    STACK_OF(PKCS12_SAFEBAG)* bags = sk_PKCS12_SAFEBAG_new_null();
+    sk_PKCS12_SAFEBAG_push(bags, PKCS12_SAFEBAG_create0_pkcs8(key));
+    STACK_OF(PKCS7)* safes = sk_PKCS7_new_null();
+    sk_PKCS7_push(safes, PKCS12_pack_p7data(bags));
+    PKCS12* const file = PKCS12_add_safes(safes, 0);
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+    std::string der(static_cast<std::size_t>(i2d_PKCS12(file, nullptr)), '\0');
+    auto* out = reinterpret_cast<unsigned char*>(der.data());
+    i2d_PKCS12(file, &out);
+    PKCS12_free(file);
+    return der;
+}
+
+// A file decides how much work it makes: within limits.
+TEST_F(FileTest, CostlyFilesAreRefused) {
+    constexpr int kMost = 0x7FFFFFFF;
+    unsigned char salt[8] = {};
+    const std::string files[] = {
+        MakePkcs12(user_.key, {user_.der}, kMost),
+        KeyUnder(PKCS5_pbe2_set_iv(EVP_aes_256_cbc(), kMost, salt, sizeof salt, nullptr, NID_hmacWithSHA256)),
+        KeyUnder(PKCS5_pbe_set(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, kMost, salt, sizeof salt)),
+        KeyUnder(PKCS5_pbe2_set_scrypt(EVP_aes_256_cbc(), salt, sizeof salt, nullptr, 1 << 10, 8, 1)),
+        std::string(kMaxPkcs12Bytes + 1, '0'),
+    };
+    for (const std::string& file : files) {
+        EXPECT_EQ(X509CertFile(file, kPassword).status, kP12Unsupported) << &file - files;
+    }
+}
+
+// Whatever is damaged is not read as something else, and a right password is not called wrong.
+TEST_F(FileTest, DamagedFiles) {
+    const Cert leaf = test_pki::MakeLeaf("CN=leaf", ca_);
+    const std::string p12 = MakePkcs12(leaf.key, {leaf.der});
+    const std::string files[] = {p12, test_pki::MakePkcs7({leaf.der}, {crl_}), leaf.der, crl_, leaf.Pem()};
+    for (const std::string& whole : files) {
+        for (std::size_t cut = 0; cut < whole.size() - 2; ++cut) {
+            const X509CertFile file(whole.substr(0, cut), kPassword);
+            EXPECT_TRUE(file.status != 0 && file.certs.empty() && file.crls.empty()) << cut;
+        }
+    }
+    std::size_t damaged = 0;
+    for (std::size_t bit = 0; bit < 8 * p12.size(); bit += 5) {
+        std::string changed = p12;
+        changed[bit / 8] = static_cast<char>(changed[bit / 8] ^ 1 << bit % 8);
+        const X509CertFile file(changed, kPassword);
+        if (file.status == 0) {
+            EXPECT_EQ(file.certs[0]->rawCert, leaf.der) << bit;
+        }
+        damaged += file.status == kP12NotReadable ? 1 : 0;
+    }
+    EXPECT_GT(damaged, 8 * p12.size() / 5 * 9 / 10);
+}
+
+}  // namespace
+}  // namespace manage_test
