@@ -29,6 +29,8 @@ struct PasswordBytes {
 /// most.
 class WorkBudget {
   public:
+    WorkBudget() = default;
+    explicit WorkBudget(std::uint64_t iterations) : left_(iterations) {}
     /// False when that would be too much.
     bool Take(std::uint64_t iterations);
 
@@ -54,7 +56,7 @@ KeyPtr Decode(const BagKey& key);
 /// Certificates and keys of a file. Reads one file.
 class Pkcs12File {
   public:
-    explicit Pkcs12File(const std::string& password);
+    explicit Pkcs12File(const std::string& password, WorkBudget budget = {});
 
     P12ReadResult Read(std::string_view bytes);
 

@@ -131,7 +131,8 @@ KeyPtr Decode(const BagKey& key) {
     return KeyPtr(key.info != nullptr ? EVP_PKCS82PKEY(key.info.get()) : nullptr);
 }
 
-Pkcs12File::Pkcs12File(const std::string& password) : given_(std::string_view(password)) {
+Pkcs12File::Pkcs12File(const std::string& password, WorkBudget budget)
+    : given_(std::string_view(password)), budget_(budget) {
     passwords_.push_back(BytesOfPassword(given_.get()));
     if (password.empty()) passwords_.push_back({});
     if (IsAscii(password)) return;
