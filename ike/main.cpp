@@ -138,8 +138,13 @@ void AddProvision(CLI::App& app, ProvisionOptions& options) {
     AddRequired(*provision, "--label", options.label, "TEXT", "Label of the token");
     AddRequired(*provision, "--pin-file", options.pin_file, "FILE", "PIN of the user");
     AddRequired(*provision, "--so-pin-file", options.so_pin_file, "FILE", "PIN of the security officer");
-    CLI::Option* cert = provision->add_option("--cert", options.cert, "Certificate of the host")->option_text("FILE");
-    provision->add_option("--key", options.key, "Its private key, not encrypted")->needs(cert)->option_text("FILE");
+    CLI::Option* cert =
+        provision->add_option("--cert", options.certs, "Certificates of the host")->option_text("FILE ...");
+    provision->add_option("--key", options.keys, "Their private keys, in the same order, not encrypted")
+        ->needs(cert)
+        ->option_text("FILE ...");
+    provision->add_option("--psk", options.preshared_keys, "Preshared keys, each in a file with mode 0600")
+        ->option_text("NAME=FILE ...");
     provision->add_option("--other", options.others, "Further certificates")->option_text("FILE ...");
     provision->add_option("--trusted", options.trusted, "Certificates to be trusted")->option_text("FILE ...");
     provision->add_option("--key-not-after", options.key_not_after, "Last day of the private key's usage")

@@ -126,7 +126,13 @@ class TokenWriter {
     bool WriteHost(const ProvisionOptions& options, const vpnfc::SecretString& pin) {
         PKCS11::TokenSession session(token_, PKCS11::TokenSession::kPrivate, &pin.get());
         if (!session) return Complain("no private session on token '" + token_.label + "'");
-        if (!options.cert.empty() && !WriteKeyAndCert(session, options)) return false;
+        if (options.certs.size() != options.keys.size()) return Complain("each --cert needs its --key");
+        for (std::size_t i = 0; i < options.certs.size(); ++i) {
+            if (!WriteKeyAndCert(session, options.certs[i], options.keys[i], options.key_not_after)) return false;
+        }
+        for (const std::string& key : options.preshared_keys) {
+            if (!WritePresharedKey(session, key)) return false;
+        }
         for (const std::string& path : options.others) {
             if (!WriteCert(session, path, false)) return false;
         }
@@ -146,18 +152,30 @@ class TokenWriter {
   private:
     std::string NextId() { return std::string(1, static_cast<char>(++last_id_)); }
 
-    bool WriteKeyAndCert(PKCS11::TokenSession& session, const ProvisionOptions& options) {
+    bool WriteKeyAndCert(PKCS11::TokenSession& session, const std::string& cert_path, const std::string& key_path,
+                         const std::string& key_not_after) {
         CertFile cert;
         vpnfc::SecretString pkcs8;
-        if (!ReadCert(options.cert, cert) || !ReadKey(options.key, pkcs8)) return false;
+        if (!ReadCert(cert_path, cert) || !ReadKey(key_path, pkcs8)) return false;
         cert_time64_t not_after = CERT_TIME_UNKNOWN;
-        if (!options.key_not_after.empty() && !ReadDate(options.key_not_after, not_after)) return false;
+        if (!key_not_after.empty() && !ReadDate(key_not_after, not_after)) return false;
         const std::string id = NextId();
         const PKCS11::CertObject object{.id = id, .value = cert.der, .category = kTokenUser};
         return (session.CreatePrivKeyObject(cert.info.keyAlg, id, pkcs8.get(), false, not_after) &&
                 session.CreatePubKeyObject(cert.info.keyAlg, id, cert.spki, not_after) &&
                 session.CreateCertObject(object, cert.subject_der)) ||
-               Complain("the token does not take the key pair and certificate of " + options.cert);
+               Complain("the token does not take the key pair and certificate of " + cert_path);
+    }
+
+    /// The key is the first line of its file.
+    static bool WritePresharedKey(PKCS11::TokenSession& session, const std::string& name_and_path) {
+        const std::size_t equals = name_and_path.find('=');
+        if (equals == std::string::npos) return Complain("'" + name_and_path + "' is not NAME=FILE");
+        vpnfc::SecretString key;
+        std::string error;
+        if (!tokens::ReadPinFile(name_and_path.substr(equals + 1), key, error)) return Complain(error);
+        const std::string name = name_and_path.substr(0, equals);
+        return session.CreatePresharedKeyObject(name, key.get()) || Complain("the token does not take the key " + name);
     }
 
     bool WriteCert(PKCS11::TokenSession& session, const std::string& path, bool trusted) {

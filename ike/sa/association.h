@@ -35,6 +35,7 @@ class Association {
     std::optional<Time> wake() const;
     /// Datagrams to send now.
     std::vector<std::string> TakeOutgoing();
+    bool has_outgoing() const { return !outgoing_.empty(); }
 
     /// Nothing more will be sent or expected. The outcome is final before that.
     bool finished() const { return finished_; }

@@ -42,6 +42,7 @@ bool Server::Admit(const Key& key, std::string_view datagram) {
 
 Server::Entry& Server::Make(const Key& key, const Endpoints& endpoints, Time now) {
     auto entry = std::make_unique<Entry>();
+    entry->peer = key.second;
     entry->endpoints = endpoints;
     entry->report = Report([this, spi = key.first](const Step& step) {
         if (listener_.on_step) listener_.on_step(spi, step);
@@ -52,28 +53,37 @@ Server::Entry& Server::Make(const Key& key, const Endpoints& endpoints, Time now
     return *(entries_[key] = std::move(entry));
 }
 
+Server::Entries::iterator Server::Find(const Header& header, const Key& key) {
+    if (header.responder_spi == 0) return entries_.find(key);
+    const auto found = by_spi_.find(header.responder_spi);
+    return found == by_spi_.end() ? entries_.end() : entries_.find(found->second);
+}
+
 void Server::Receive(const std::string& peer, const Endpoints& endpoints, std::string_view datagram, Time now) {
     Header header;
     std::uint8_t first = 0;
     std::string error;
     if (!ParseHeader(datagram, header, first, error)) return;
     const Key key(header.initiator_spi, peer);
-    auto found = entries_.find(key);
+    auto found = Find(header, key);
     if (found == entries_.end()) {
         if (!Admit(key, datagram)) return;
         Make(key, endpoints, now);
         found = entries_.find(key);
     }
-    const bool half_open = found->second->responder->half_open();
-    found->second->responder->Receive(datagram, now);
-    if (half_open && !found->second->responder->half_open()) --half_open_;
+    Entry& entry = *found->second;
+    const bool half_open = entry.responder->half_open();
+    entry.responder->Receive(datagram, now);
+    if (half_open && !entry.responder->half_open()) --half_open_;
+    if (entry.responder->has_outgoing()) entry.peer = peer;  // it was the peer's: answer to where it came from
+    if (entry.responder->responder_spi() != 0) by_spi_[entry.responder->responder_spi()] = found->first;
     Settle(found);
 }
 
 Server::Entries::iterator Server::Settle(Entries::iterator at) {
     Entry& entry = *at->second;
     for (std::string& datagram : entry.responder->TakeOutgoing()) {
-        outgoing_.push_back({at->first.second, std::move(datagram)});
+        outgoing_.push_back({entry.peer, std::move(datagram)});
     }
     if (entry.responder->outcome() && !entry.told) {
         entry.told = true;
@@ -81,6 +91,7 @@ Server::Entries::iterator Server::Settle(Entries::iterator at) {
     }
     if (!entry.responder->finished()) return std::next(at);
     if (entry.responder->half_open()) --half_open_;
+    by_spi_.erase(entry.responder->responder_spi());
     return entries_.erase(at);
 }
 

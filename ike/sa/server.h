@@ -47,14 +47,17 @@ class Server {
 
   private:
     struct Entry {
+        std::string peer;  // where to send: a peer may go on from another port than it began
         Endpoints endpoints;
         Report report;
         std::unique_ptr<Responder> responder;
         bool told = false;
     };
-    using Key = std::pair<std::uint64_t, std::string>;  // SPI and peer
+    using Key = std::pair<std::uint64_t, std::string>;  // the initiator's SPI and the peer as it began
     using Entries = std::map<Key, std::unique_ptr<Entry>>;
 
+    /// The SA of a datagram, or the end.
+    Entries::iterator Find(const Header& header, const Key& key);
     bool Admit(const Key& key, std::string_view datagram);
     bool HasCookie(const Message& message, const Key& key) const;
     std::string Cookie(const std::string& nonce, const Key& key) const;
@@ -67,6 +70,7 @@ class Server {
     const bool always_cookies_;
     std::string secret_ = RandomBytes(32);
     Entries entries_;
+    std::map<std::uint64_t, Key> by_spi_;  // of ours
     std::size_t half_open_ = 0;
     std::vector<Packet> outgoing_;
 };
