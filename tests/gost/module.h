@@ -5,9 +5,12 @@
 #include <p11-kit/pkcs11.h>
 #include <p11-kit/pkcs11x.h>
 
+#include <array>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/der.h"
 
 namespace gost_test {
 
@@ -59,6 +62,19 @@ class Module {
                                      {CKA_LABEL, Bytes(label), label.size()},
                                      {CKA_VALUE, Bytes(value), value.size()}};
         return list_->C_CreateObject(session, attributes, 5, &object);
+    }
+    /// A pair of session objects of 34.10-2012 with 256 bits; of token objects with `on_token`. Public key first.
+    std::array<CK_OBJECT_HANDLE, 2> GeneratePair(CK_SESSION_HANDLE session, bool on_token) const {
+        std::string set = der::Oid("1.2.643.2.2.35.1");
+        std::string digest_set = der::Oid("1.2.643.7.1.1.2.2");
+        CK_BBOOL token = on_token ? CK_TRUE : CK_FALSE;
+        CK_ATTRIBUTE attributes[] = {{CKA_TOKEN, &token, sizeof token},
+                                     {CKA_GOSTR3410_PARAMS, set.data(), set.size()},
+                                     {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()}};
+        std::array<CK_OBJECT_HANDLE, 2> pair{};
+        CK_MECHANISM mechanism{CKM_GOSTR3410_KEY_PAIR_GEN, nullptr, 0};
+        list_->C_GenerateKeyPair(session, &mechanism, attributes, 3, attributes, 1, pair.data(), pair.data() + 1);
+        return pair;
     }
     /// Handles of everything that the session sees.
     std::vector<CK_OBJECT_HANDLE> Find(CK_SESSION_HANDLE session) const {

@@ -5,11 +5,8 @@
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 
-#include <fstream>
-
 #include "certmgr/certmgr.h"
 #include "tests/gost/module.h"
-#include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 #include "tests/tokens/fixture.h"
 
@@ -50,12 +47,16 @@ TEST(GostRestart, StartsAndStopsLeakNothing) {
     const test_support::TempDir directory;
     const std::string state = directory / "state";
     const std::string pin = token_test::RandomPin();
-    const std::string script = "t() { pkcs11-tool --module " GOST_TOKEN_PATH
-                               " --slot 0 \"$@\"; }; t --init-token --label x --so-pin env:PIN && "
-                               "t --init-pin --login --login-type so --so-pin env:PIN --pin env:PIN && "
-                               "t --login --pin env:PIN --keypairgen --key-type GOSTR3410-2012-256:A --id 01";
-    ASSERT_EQ(test_support::Run({"bash", "-c", script}, {{"CERTMGR_GOST_DIRECTORY", state}, {"PIN", pin}}).exit_code,
-              0);
+    {
+        const Module module(GOST_TOKEN_PATH, state);
+        ASSERT_EQ(module.InitToken(0, pin), CKR_OK);
+        const CK_SESSION_HANDLE session = module.Open();
+        ASSERT_EQ(module.Login(session, pin, CKU_SO), CKR_OK);
+        ASSERT_EQ(module->C_InitPIN(session, Bytes(pin), pin.size()), CKR_OK);
+        ASSERT_EQ(module->C_Logout(session), CKR_OK);
+        ASSERT_EQ(module.Login(session, pin), CKR_OK);
+        ASSERT_NE(module.GeneratePair(session, true)[1], CK_INVALID_HANDLE);
+    }
     // The loader itself keeps some bytes of each load: the module stays.
     void* const loaded = dlopen(GOST_TOKEN_PATH, RTLD_NOW);
     const long without = Growth([] {

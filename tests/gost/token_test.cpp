@@ -104,15 +104,12 @@ TEST_F(GostToken, ANewTokenInTheSlotTakesTheOldOnesPlaceForEverybody) {
     const CK_SESSION_HANDLE session = User();
     ASSERT_EQ(module_->AddData(session, "b", "old", true, object), CKR_OK);
     EXPECT_EQ(module_->InitToken(0, so_pin_), CKR_SESSION_EXISTS);
-    const auto pkcs11_tool = [&](const std::string& so_pin) {
-        return test_support::Run({"pkcs11-tool", "--module", GOST_TOKEN_PATH, "--init-token", "--slot", "0", "--label",
-                                  "new", "--so-pin", "env:SO_PIN"},
-                                 {{"CERTMGR_GOST_DIRECTORY", directory()}, {"SO_PIN", so_pin}})
-            .exit_code;
+    const auto other_process = [&](const std::string& so_pin) {
+        return test_support::Run({GOST_WRITER_PATH, GOST_TOKEN_PATH, directory(), so_pin, "new"}).exit_code;
     };
-    EXPECT_NE(pkcs11_tool(pin_), 0);
+    EXPECT_NE(other_process(pin_), 0);
     EXPECT_EQ(Shown(session), Values{"old"});
-    EXPECT_EQ(pkcs11_tool(so_pin_), 0);
+    EXPECT_EQ(other_process(so_pin_), 0);
     CK_SESSION_INFO info{};
     EXPECT_EQ((*module_)->C_GetSessionInfo(session, &info), CKR_DEVICE_REMOVED);
     EXPECT_EQ((*module_)->C_GetSessionInfo(session, &info), CKR_SESSION_HANDLE_INVALID);
@@ -316,6 +313,9 @@ TEST_F(GostToken, DigestsAreThePublishedOnes) {
 
 /// OpenSC's tool makes, lists and uses keys; p11-kit's server of modules shows them in the same way to GnuTLS's.
 TEST_F(GostToken, ToolsOfOthersWork) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "programs without a sanitizer cannot load a module with one";
+#endif
     module_.reset();
     const std::string data = directory_ / "data";
     const std::string signature = directory_ / "signature";
@@ -357,20 +357,13 @@ TEST_F(GostToken, ToolsOfOthersWork) {
 
 TEST_F(GostToken, ThreadsSignAndListAtOnce) {
     User();
-    std::string set = der::Oid("1.2.643.2.2.35.1");
-    std::string digest_set = der::Oid("1.2.643.7.1.1.2.2");
-    CK_ATTRIBUTE attributes[] = {{CKA_GOSTR3410_PARAMS, set.data(), set.size()},
-                                 {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()}};
     std::vector<std::thread> threads;
     std::atomic<int> good = 0;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             const CK_SESSION_HANDLE session = module_->Open();
-            CK_OBJECT_HANDLE pair[2];
-            CK_MECHANISM generate{CKM_GOSTR3410_KEY_PAIR_GEN, nullptr, 0};
+            const auto pair = module_->GeneratePair(session, false);
             CK_MECHANISM sign{CKM_GOSTR3410, nullptr, 0};
-            if ((*module_)->C_GenerateKeyPair(session, &generate, attributes, 2, nullptr, 0, pair, pair + 1) != CKR_OK)
-                return;
             for (int n = 0; n < 20; ++n) {
                 std::string digest(32, static_cast<char>(n));
                 std::string signature(64, '\0');

@@ -144,83 +144,83 @@ CK_RV NotParallel(Arguments...) {
     return CKR_FUNCTION_NOT_PARALLEL;
 }
 
+CK_FUNCTION_LIST functions{
+    kInterfaceVersion,
+    Initialize,
+    Finalize,
+    GetInfo,
+    C_GetFunctionList,
+    GetSlotList,
+    GetSlotInfo,
+    GetTokenInfo,
+    GetMechanismList,
+    GetMechanismInfo,
+    InitToken,
+    InitPIN,
+    SetPIN,
+    OpenSession,
+    CloseSession,
+    CloseAllSessions,
+    GetSessionInfo,
+    NotSupported,  // C_GetOperationState
+    NotSupported,  // C_SetOperationState
+    Login,
+    Logout,
+    CreateObject,
+    NotSupported,  // C_CopyObject
+    DestroyObject,
+    GetObjectSize,
+    GetAttributeValue,
+    SetAttributeValue,
+    FindObjectsInit,
+    FindObjects,
+    FindObjectsFinal,
+    NotSupported,  // C_EncryptInit
+    NotSupported,  // C_Encrypt
+    NotSupported,  // C_EncryptUpdate
+    NotSupported,  // C_EncryptFinal
+    NotSupported,  // C_DecryptInit
+    NotSupported,  // C_Decrypt
+    NotSupported,  // C_DecryptUpdate
+    NotSupported,  // C_DecryptFinal
+    DigestInit,
+    Digest,
+    DigestUpdate,
+    NotSupported,  // C_DigestKey
+    DigestFinal,
+    SignInit,
+    Sign,
+    SignUpdate,
+    SignFinal,
+    NotSupported,  // C_SignRecoverInit
+    NotSupported,  // C_SignRecover
+    VerifyInit,
+    Verify,
+    VerifyUpdate,
+    VerifyFinal,
+    NotSupported,  // C_VerifyRecoverInit
+    NotSupported,  // C_VerifyRecover
+    NotSupported,  // C_DigestEncryptUpdate
+    NotSupported,  // C_DecryptDigestUpdate
+    NotSupported,  // C_SignEncryptUpdate
+    NotSupported,  // C_DecryptVerifyUpdate
+    NotSupported,  // C_GenerateKey
+    GenerateKeyPair,
+    NotSupported,  // C_WrapKey
+    NotSupported,  // C_UnwrapKey
+    NotSupported,  // C_DeriveKey
+    SeedRandom,
+    GenerateRandom,
+    NotParallel,  // C_GetFunctionStatus
+    NotParallel,  // C_CancelFunction
+    NotSupported,  // C_WaitForSlotEvent
+};
+
 }  // namespace
 }  // namespace gost_token
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST_PTR_PTR list) {
-    using namespace gost_token;
-    static CK_FUNCTION_LIST functions{
-        kInterfaceVersion,
-        Initialize,
-        Finalize,
-        GetInfo,
-        C_GetFunctionList,
-        GetSlotList,
-        GetSlotInfo,
-        GetTokenInfo,
-        GetMechanismList,
-        GetMechanismInfo,
-        InitToken,
-        InitPIN,
-        SetPIN,
-        OpenSession,
-        CloseSession,
-        CloseAllSessions,
-        GetSessionInfo,
-        NotSupported,  // C_GetOperationState
-        NotSupported,  // C_SetOperationState
-        Login,
-        Logout,
-        CreateObject,
-        NotSupported,  // C_CopyObject
-        DestroyObject,
-        GetObjectSize,
-        GetAttributeValue,
-        SetAttributeValue,
-        FindObjectsInit,
-        FindObjects,
-        FindObjectsFinal,
-        NotSupported,  // C_EncryptInit
-        NotSupported,  // C_Encrypt
-        NotSupported,  // C_EncryptUpdate
-        NotSupported,  // C_EncryptFinal
-        NotSupported,  // C_DecryptInit
-        NotSupported,  // C_Decrypt
-        NotSupported,  // C_DecryptUpdate
-        NotSupported,  // C_DecryptFinal
-        DigestInit,
-        Digest,
-        DigestUpdate,
-        NotSupported,  // C_DigestKey
-        DigestFinal,
-        SignInit,
-        Sign,
-        SignUpdate,
-        SignFinal,
-        NotSupported,  // C_SignRecoverInit
-        NotSupported,  // C_SignRecover
-        VerifyInit,
-        Verify,
-        VerifyUpdate,
-        VerifyFinal,
-        NotSupported,  // C_VerifyRecoverInit
-        NotSupported,  // C_VerifyRecover
-        NotSupported,  // C_DigestEncryptUpdate
-        NotSupported,  // C_DecryptDigestUpdate
-        NotSupported,  // C_SignEncryptUpdate
-        NotSupported,  // C_DecryptVerifyUpdate
-        NotSupported,  // C_GenerateKey
-        GenerateKeyPair,
-        NotSupported,  // C_WrapKey
-        NotSupported,  // C_UnwrapKey
-        NotSupported,  // C_DeriveKey
-        SeedRandom,
-        GenerateRandom,
-        NotParallel,  // C_GetFunctionStatus
-        NotParallel,  // C_CancelFunction
-        NotSupported,  // C_WaitForSlotEvent
-    };
     if (list == nullptr) return CKR_ARGUMENTS_BAD;
-    *list = &functions;
+    *list = &gost_token::functions;
     return CKR_OK;
 }

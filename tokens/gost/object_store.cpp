@@ -78,7 +78,7 @@ void ObjectStore::Write(const std::string& file, const Attributes& object, const
     Read(file, access);
 }
 
-CK_OBJECT_HANDLE ObjectStore::Add(Attributes object, const Access& access) {
+CK_OBJECT_HANDLE ObjectStore::Add(const Attributes& object, const Access& access) {
     const std::string file = RandomName().append(kSuffix);
     Write(file, object, access);
     const auto written = by_file_.find(file);

@@ -33,7 +33,7 @@ class ObjectStore {
     void Clear();
     void DropSession(CK_SESSION_HANDLE session);
 
-    CK_OBJECT_HANDLE Add(Attributes object, const Access& access);
+    CK_OBJECT_HANDLE Add(const Attributes& object, const Access& access);
     CK_OBJECT_HANDLE AddToSession(Attributes object, CK_SESSION_HANDLE session);
     void Replace(CK_OBJECT_HANDLE handle, Attributes object, const Access& access);
     void Remove(CK_OBJECT_HANDLE handle);

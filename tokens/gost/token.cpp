@@ -166,7 +166,7 @@ void Token::ChangePin(std::string_view old_pin, std::string_view new_pin) {
 
 std::string Token::OpenSession(const SessionView& session) {
     const Lock lock(mutex_);
-    const std::string serial = FileLocked().serial();
+    std::string serial = FileLocked().serial();
     Require(session.read_write || role_ != Role::kOfficer, CKR_SESSION_READ_WRITE_SO_EXISTS);
     ++sessions_;
     if (!session.read_write) ++read_only_sessions_;
@@ -204,7 +204,7 @@ CK_OBJECT_HANDLE Token::Create(Attributes object, const SessionView& session) {
     const Lock lock(mutex_);
     FileLocked();
     RequireWritableLocked(object, session);
-    return object.Flag(CKA_TOKEN) ? objects_.Add(std::move(object), access_)
+    return object.Flag(CKA_TOKEN) ? objects_.Add(object, access_)
                                   : objects_.AddToSession(std::move(object), session.handle);
 }
 

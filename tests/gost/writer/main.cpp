@@ -1,12 +1,14 @@
-// Writes objects on a token, replaces and deletes them, until it is killed: MODULE DIRECTORY PIN. Prints "wrote N" after
+// Writes objects on a token, replaces and deletes them, until it is killed: MODULE DIRECTORY PIN. With a fourth argument
+// it makes a new token in the first slot instead; the PIN is the security officer's. Prints "wrote N" after
 // the object of that number is on the token for good; its value is its label, repeated.
 #include <iostream>
 
 #include "tests/gost/module.h"
 
 int main(int argc, char** argv) {
-    if (argc != 4) return 2;
+    if (argc < 4) return 2;
     const gost_test::Module module(argv[1], argv[2]);
+    if (argc == 5) return module.InitToken(0, argv[3]) == CKR_OK ? 0 : 1;
     const CK_SESSION_HANDLE session = module.Open();
     if (module.Login(session, argv[3]) != CKR_OK) return 1;
     for (unsigned number = 0;; ++number) {
