@@ -1,5 +1,6 @@
 #include "certmgr/certmgr.h"
 
+#include "certmgr/cert_bridge.h"
 #include "certmgr/cert_crlcache.h"
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_storage.h"
@@ -21,10 +22,12 @@ void Init() {
     PKCS11::Callbacks.tokenRemoved = CertStorage_OnTokenRemove;
     PKCS11::Callbacks.tokenLogin = CertStorage_OnTokenLogin;
     PKCS11::Callbacks.providerInserted = CertStorage_OnProviderInsert;
+    CertBridge_Init();
     InitDownloadedCrlDB();
 }
 
 int Finit() {
+    CertBridge_Finit();  // no command reaches a store that is being emptied
     PKCS11::Callbacks.tokenInserted = nullptr;
     PKCS11::Callbacks.tokenRemoved = nullptr;
     PKCS11::Callbacks.tokenLogin = nullptr;

@@ -78,6 +78,10 @@ int Run(const std::string& path) {
     {
         const CM::RunningModule module;
         CM::Reload();
+        if (!host.StartBridge("certmgrd " CERTMGR_VERSION)) {
+            std::cerr << "certmgrd: not started; the log says why\n";
+            return kExitFailure;
+        }
         LogLine("certmgrd runs; SIGHUP reloads, SIGTERM stops");
         signals.Run([&host](int signal) {
             if (signal != SIGHUP) return false;
@@ -85,6 +89,7 @@ int Run(const std::string& path) {
             return true;
         });
         LogLine("certmgrd stops");
+        host.StopBridge();
     }
     host.Stop();
     return kExitSuccess;

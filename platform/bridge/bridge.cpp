@@ -29,9 +29,8 @@ std::shared_ptr<Server> Running() {
 
 std::string FindFault(const Settings& settings) {
     if (settings.max_frame_bytes < kMaxHelloBytes) return "max_frame_bytes is too small";
-    if (settings.max_pending_bytes < settings.max_frame_bytes + kMaxHelloBytes) {
-        return "max_pending_bytes must have room for a frame of max_frame_bytes and " + std::to_string(kMaxHelloBytes) +
-               " bytes beside it";
+    if (settings.max_pending_bytes < std::uint64_t{settings.max_frame_bytes} + kRoomBesideFrame) {
+        return "max_pending_bytes has no room for a frame of max_frame_bytes";
     }
     return settings.max_sessions == 0 ? "max_sessions is 0" : "";
 }

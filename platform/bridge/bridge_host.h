@@ -21,6 +21,9 @@
 
 namespace bridge {
 
+/// What must fit beside a frame among the bytes that wait.
+inline constexpr std::uint32_t kRoomBesideFrame = 4096;
+
 struct Settings {
     std::string socket_path{};  // absolute; a missing folder is made
     std::uint32_t socket_mode = 0600;
@@ -28,7 +31,8 @@ struct Settings {
     std::vector<std::uint32_t> users{};
     std::vector<std::uint32_t> groups{};
     std::uint32_t max_frame_bytes = 80U << 20;  // room for 64 MiB of file content
-    /// What may wait to be sent to one client; at least a frame. One that lets more come up is dropped.
+    /// What may wait to be sent to one client; at least a frame and
+    /// kRoomBesideFrame. One that lets more come up is dropped.
     std::uint64_t max_pending_bytes = 128ULL << 20;
     std::uint32_t max_sessions = 64;
     /// How long a client may take none of what is sent to it, or say nothing at the beginning, before it is dropped.

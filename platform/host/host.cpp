@@ -1,9 +1,11 @@
 #include "platform/host/host.h"
 
+#include "platform/bridge/bridge_host.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
 #include "platform/events/event_host.h"
 #include "platform/tokens/token_host.h"
+#include "platform/tokens/token_listener.h"
 
 namespace vpnhost {
 namespace {
@@ -25,6 +27,12 @@ bool OpenLog(const eventlog::Sinks& sinks, std::string& error) {
 }
 
 }  // namespace
+
+Host::Host() = default;
+
+Host::~Host() {
+    Stop();
+}
 
 StartResult Host::StartLibraries(const settings::Settings& loaded) {
     std::string error;
@@ -73,6 +81,7 @@ StartResult Host::Start(const std::string& settings_path) {
         Stop();
         return result;
     }
+    bridge_settings_ = loaded.settings.bridge;
     const std::lock_guard lock(mutex_);
     rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);
     return StartResult::kRunning;
@@ -84,14 +93,43 @@ bool Host::Reload() {
     if (applied || !loaded.ok) settings::LogProblems(path_, loaded);
     if (!applied) return false;
     settings::Apply(loaded.settings);
+    ApplyBridge(loaded.settings.bridge);
     const std::lock_guard lock(mutex_);
     rules_ = std::make_shared<const LPCFG::Rules>(loaded.settings.rules);
     return true;
 }
 
+bool Host::StartBridge(const std::string& program, const std::string& socket) {
+    bridge_settings_.server.program = program;
+    if (!socket.empty()) bridge_settings_.server.socket_path = socket;
+    if (socket.empty() && !bridge_settings_.enabled) return true;
+    token_listener_ = std::make_unique<tokens::TokenListener>();
+    std::string error;
+    if (bridge::Start(bridge_settings_.server, error)) return true;
+    token_listener_.reset();
+    Fail("management bridge: " + error + "; \"socket\" in [bridge] names another, \"enabled = false\" does without");
+    return false;
+}
+
+void Host::StopBridge() {
+    bridge::Stop();
+    token_listener_.reset();
+}
+
+/// Where the socket stands, and whether there is one, stays as it was at the start.
+void Host::ApplyBridge(const settings::Bridge& loaded) {
+    if (token_listener_ == nullptr) return;
+    bridge::Settings server = loaded.server;
+    server.program = bridge_settings_.server.program;
+    server.socket_path = bridge_settings_.server.socket_path;
+    std::string error;
+    if (!bridge::Apply(server, error)) TLogMessage(kMsgSettingsWarning).Attr("bridge: " + error).Send();
+}
+
 void Host::Stop() {
     if (!running_) return;
     running_ = false;
+    StopBridge();
     tokens::Stop();
     events::Stop();
 }

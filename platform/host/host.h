@@ -14,6 +14,10 @@
 #include "platform/api.h"
 #include "platform/params/settings.h"
 
+namespace tokens {
+class TokenListener;
+}
+
 namespace vpnhost {
 
 /// How a start ended. After anything but kRunning nothing runs, and the reason is logged.
@@ -23,17 +27,24 @@ enum class StartResult : std::uint8_t {
     kFailed,  // what the settings ask for cannot be had: log file, state directory, event thread
 };
 
-/// One at a time in a process. Start and Stop on the main thread; Reload and rules() from any.
+/// One at a time in a process. Start, Stop and the bridge's on the main thread; Reload and rules() from any.
 class PLATFORM_API Host {
   public:
-    Host() = default;
-    ~Host() { Stop(); }
+    Host();
+    ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
     /// Reads the settings and starts event log, parameters, event manager and token manager. What is doubtful in the
     /// settings is logged to where they say that messages go.
     StartResult Start(const std::string& settings_path);
+
+    /// Opens the management bridge as the settings say, with the token manager's commands: when the module runs, so that
+    /// clients find a filled store. `program`: name and version for clients. `socket` replaces that of the settings unless
+    /// empty, and opens the bridge although they switch it off. Why it failed is logged.
+    bool StartBridge(const std::string& program, const std::string& socket = {});
+    /// Closes it: before the module is stopped. Harmless when not started.
+    void StopBridge();
 
     /// Reads the settings again and puts them into force. False, with the old ones kept, when they are wrong.
     bool Reload();
@@ -47,10 +58,13 @@ class PLATFORM_API Host {
   private:
     StartResult StartLibraries(const settings::Settings& loaded);
     bool ApplyLogAndTokens(const settings::Settings& loaded);
+    void ApplyBridge(const settings::Bridge& loaded);
 
     std::string path_;
     eventlog::Sinks sinks_;
     std::string softhsm_directory_;
+    settings::Bridge bridge_settings_;
+    std::unique_ptr<tokens::TokenListener> token_listener_;  // while the bridge runs
     bool running_ = false;
     mutable std::mutex mutex_;  // guards rules_
     std::shared_ptr<const LPCFG::Rules> rules_ = std::make_shared<const LPCFG::Rules>();

@@ -1,17 +1,22 @@
 #include "platform/params/settings.h"
 
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <utility>
 
+#include "platform/bridge_socket.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
 #include "platform/params.h"
@@ -134,6 +139,66 @@ constexpr Field<Tokens> kTokenFields[] = {
      }},
 };
 
+constexpr std::uint32_t kMaxIdNumber = 0xFFFFFFFE;  // the highest one means none
+
+/// A list of users or groups, by name or number.
+template <typename Find>
+void ReadIds(const Value& list, std::string_view what, std::vector<std::uint32_t>& out, Find find) {
+    out.clear();
+    ReadList(list, "a list of names or numbers", [&](const Value& entry) {
+        std::uint32_t number = 0;
+        std::string name;
+        if (!entry.node().is_string()) {
+            if (entry.ReadNumber(0, kMaxIdNumber, number)) out.push_back(number);
+        } else if (entry.Read(name)) {
+            const auto id = find(name);
+            if (!id.has_value()) entry.Error("there is no " + std::string(what) + " " + Quoted(name));
+            out.push_back(id.value_or(0));
+        }
+    });
+}
+
+std::optional<std::uint32_t> FindUser(const std::string& name) {
+    const passwd* const entry = getpwnam(name.c_str());
+    return entry == nullptr ? std::nullopt : std::optional<std::uint32_t>(entry->pw_uid);
+}
+
+std::optional<std::uint32_t> FindGroup(const std::string& name) {
+    const group* const entry = getgrnam(name.c_str());
+    return entry == nullptr ? std::nullopt : std::optional<std::uint32_t>(entry->gr_gid);
+}
+
+/// Octal digits, as chmod takes them.
+void ReadMode(const Value& value, Bridge& bridge) {
+    std::string text;
+    if (!value.Read(text)) return;
+    std::uint32_t mode = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+    if (error != std::errc() || end != text.data() + text.size() || mode > 0777 || (mode & 0600) != 0600) {
+        value.Error(Quoted(text) + " is no mode of a socket", "write \"0600\", \"0660\" or \"0666\"");
+        return;
+    }
+    bridge.server.socket_mode = mode;
+    bridge.socket_mode_set = true;
+}
+
+constexpr Field<Bridge> kBridgeFields[] = {
+    {"enabled", [](const Value& v, Bridge& b) { v.Read(b.enabled); }},
+    {"socket", [](const Value& v, Bridge& b) { v.ReadPath(b.server.socket_path); }},
+    {"socket_mode", ReadMode},
+    {"users", [](const Value& v, Bridge& b) { ReadIds(v, "user", b.server.users, FindUser); }},
+    {"groups", [](const Value& v, Bridge& b) { ReadIds(v, "group", b.server.groups, FindGroup); }},
+    {"max_frame_bytes", [](const Value& v, Bridge& b) { v.ReadNumber(65536, 1ULL << 30, b.server.max_frame_bytes); }},
+    {"max_pending_bytes",
+     [](const Value& v, Bridge& b) { v.ReadNumber(131072, 1ULL << 40, b.server.max_pending_bytes); }},
+    {"max_sessions", [](const Value& v, Bridge& b) { v.ReadNumber(1, 10000, b.server.max_sessions); }},
+    {"stall_limit_seconds",
+     [](const Value& v, Bridge& b) {
+         std::uint32_t number = 0;
+         if (v.ReadNumber(1, 3600, number)) b.server.stall_limit = std::chrono::seconds(number);
+     }},
+};
+
 template <typename T, std::size_t N>
 void ReadSection(const Value& value, const Field<T> (&fields)[N], T& target) {
     ReadTable<T>(Value(value.node(), "[" + value.name() + "]", value.problems()), " ", fields, target);
@@ -143,6 +208,15 @@ constexpr Field<Settings> kSections[] = {
     {"certificates", [](const Value& v, Settings& s) { ReadSection(v, kCertificateFields, s.certificates); }},
     {"log", [](const Value& v, Settings& s) { ReadSection(v, kLogFields, s.log); }},
     {"tokens", [](const Value& v, Settings& s) { ReadSection(v, kTokenFields, s.tokens); }},
+    {"bridge",
+     [](const Value& v, Settings& s) {
+         ReadSection(v, kBridgeFields, s.bridge);
+         const bridge::Settings& server = s.bridge.server;
+         if (server.max_pending_bytes < std::uint64_t{server.max_frame_bytes} + bridge::kRoomBesideFrame) {
+             v.Error("max_pending_bytes has no room for a frame of max_frame_bytes",
+                     "write at least " + std::to_string(server.max_frame_bytes + bridge::kRoomBesideFrame));
+         }
+     }},
     {"rule", [](const Value& v, Settings& s) { LPCFG::ReadRules(v, s.rules); }},
 };
 
@@ -233,6 +307,14 @@ void SetHostDefaults(Tokens& tokens, const std::string& softhsm_module, ProblemL
     if (uses_softhsm && tokens.softhsm_directory.empty()) tokens.softhsm_directory = DefaultSoftHsmDirectory();
 }
 
+/// Whom the credentials let in the file's mode lets in, too.
+void SetBridgeDefaults(Bridge& bridge) {
+    bridge::Settings& server = bridge.server;
+    if (server.socket_path.empty()) server.socket_path = bridge::DefaultSocketPath();
+    const bool others = !server.users.empty() || !server.groups.empty();
+    if (!bridge.socket_mode_set) server.socket_mode = others ? 0666 : 0600;
+}
+
 std::string Counted(std::size_t number, std::string_view what) {
     return std::to_string(number) + " " + std::string(what) + (number == 1 ? "" : "s");
 }
@@ -289,6 +371,7 @@ LoadResult Load(const std::string& path, const std::string& softhsm_module) {
     result.ok = problems.errors() == 0;
     if (result.ok) {
         SetHostDefaults(result.settings.tokens, softhsm_module, problems);
+        SetBridgeDefaults(result.settings.bridge);
     } else {
         result.settings = Settings();
     }
@@ -349,6 +432,7 @@ std::vector<KnownKey> KnownKeys() {
     add("[tokens]", NamesOf<Tokens>(kTokenFields));
     add("[[tokens.provider]]", NamesOf<tokens::Provider>(kProviderFields));
     add("[[tokens.pin_file]]", NamesOf<tokens::PinFile>(kPinFileFields));
+    add("[bridge]", NamesOf<Bridge>(kBridgeFields));
     add("[[rule]]", LPCFG::RuleKeys());
     add("a certificate pattern", LPCFG::PatternKeys());
     add("an identity", LPCFG::IdentityKeys());

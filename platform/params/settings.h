@@ -1,4 +1,4 @@
-// Settings: one TOML file for certificates, log, tokens and rules. docs/settings.md describes every key.
+// Settings: one TOML file for certificates, log, tokens, management bridge and rules. docs/settings.md describes every key.
 //
 //     settings::LoadResult loaded = settings::Load(path);
 //     settings::LogProblems(path, loaded);
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/api.h"
+#include "platform/bridge/bridge_host.h"
 #include "platform/eventlog/sinks.h"
 #include "platform/policy/rules.h"
 #include "platform/tokens/token_host.h"
@@ -53,10 +54,18 @@ struct Tokens {
     std::string softhsm_directory{};
 };
 
+/// [bridge].
+struct Bridge {
+    bool enabled = true;
+    bool socket_mode_set = false;  // else it follows from who may connect
+    bridge::Settings server{};  // the socket is the user's default where the file names none
+};
+
 struct Settings {
     Certificates certificates{};
     Log log{};
     Tokens tokens{};
+    Bridge bridge{};
     LPCFG::Rules rules{};
 };
 

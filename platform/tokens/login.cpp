@@ -228,4 +228,40 @@ CreateOutcome RunAsSecurityOfficer(const TokenPtr& token, const SecretString& pi
     return outcome.work;
 }
 
+namespace {
+
+/// Writes a PIN as the security officer, and forgets that it failed before.
+PinResult SetAsOfficer(const TokenPtr& token, const SecretString& officer_pin, const SecretString& new_pin,
+                       CK_USER_TYPE whose, std::function<Result(Session&, const std::string&)> set) {
+    // Shared with the call, which may outlive this one.
+    const auto secret = std::make_shared<const SecretString>(std::string_view(new_pin.get()));
+    PinResult pin_result{};
+    const CreateOutcome outcome = RunAsSecurityOfficer(
+        token, officer_pin,
+        [token, secret, whose, set = std::move(set)](Session& session) {
+            const Result result = set(session, secret->get());
+            if (result.ok()) FailedPins::Instance().Remove(token->id(), whose, *secret);
+            return CreateOutcome{result, result.ok()};
+        },
+        pin_result);
+    if (pin_result != PinResult::kDone || outcome.created) return pin_result;
+    LogTrouble(token->Info(), outcome.result);
+    return PinResult::kFailed;
+}
+
+}  // namespace
+
+PinResult ChangeOfficerPin(const TokenPtr& token, const SecretString& old_pin, const SecretString& new_pin) {
+    const auto old_secret = std::make_shared<const SecretString>(std::string_view(old_pin.get()));
+    return SetAsOfficer(token, old_pin, new_pin, CKU_SO, [old_secret](Session& session, const std::string& pin) {
+        return session.api().SetPIN(session.handle(), old_secret->get(), pin);
+    });
+}
+
+PinResult ResetUserPin(const TokenPtr& token, const SecretString& officer_pin, const SecretString& new_pin) {
+    return SetAsOfficer(token, officer_pin, new_pin, CKU_USER, [](Session& session, const std::string& pin) {
+        return session.api().InitPIN(session.handle(), pin);
+    });
+}
+
 }  // namespace tokens

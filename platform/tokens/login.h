@@ -16,6 +16,12 @@ bool LogoutUser(const TokenPtr& token);
 PinResult ChangeUserPin(const TokenPtr& token, const vpnfc::SecretString& old_pin, const vpnfc::SecretString& new_pin,
                         FewTries few_tries);
 
+PinResult ChangeOfficerPin(const TokenPtr& token, const vpnfc::SecretString& old_pin,
+                           const vpnfc::SecretString& new_pin);
+/// The security officer sets a new PIN for the user.
+PinResult ResetUserPin(const TokenPtr& token, const vpnfc::SecretString& officer_pin,
+                       const vpnfc::SecretString& new_pin);
+
 /// Runs `work` while the security officer is logged in, then logs them out. A user that was logged in is logged out
 /// before, and in again after when their PIN stands in a file. `work` owns everything it touches. `pin_result` other than
 /// kDone: not run.

@@ -36,6 +36,20 @@ PKCS11::TokenInfo MakeInfo(const std::string& provider, const CK_SLOT_INFO& slot
     return info;
 }
 
+std::uint32_t StatusBits(CK_FLAGS flags) {
+    static constexpr std::pair<CK_FLAGS, std::uint32_t> kBits[] = {
+        {CKF_TOKEN_INITIALIZED, PKCS11::kTokenInitialised},  {CKF_USER_PIN_INITIALIZED, PKCS11::kUserPinSet},
+        {CKF_USER_PIN_COUNT_LOW, PKCS11::kUserPinFewTries},  {CKF_USER_PIN_FINAL_TRY, PKCS11::kUserPinFinalTry},
+        {CKF_USER_PIN_LOCKED, PKCS11::kUserPinLocked},       {CKF_SO_PIN_COUNT_LOW, PKCS11::kOfficerPinFewTries},
+        {CKF_SO_PIN_FINAL_TRY, PKCS11::kOfficerPinFinalTry}, {CKF_SO_PIN_LOCKED, PKCS11::kOfficerPinLocked},
+    };
+    std::uint32_t bits = 0;
+    for (const auto& [flag, bit] : kBits) {
+        if ((flags & flag) != 0) bits |= bit;
+    }
+    return bits;
+}
+
 bool IsAbsent(CK_RV rv) {
     return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID ||
            rv == CKR_TOKEN_NOT_RECOGNIZED;
@@ -171,6 +185,26 @@ std::uint64_t IdentifyToken(const CK_TOKEN_INFO& info) {
 
 ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known) {
     return Scan(link, provider_name, known).Run();
+}
+
+std::vector<SlotStatus> ReadSlotStatuses(const ModuleLinkPtr& link, const std::string& provider_name) {
+    const ModuleLink::Entry entry = link->Enter();
+    std::vector<SlotStatus> statuses;
+    if (!entry) return statuses;
+    const Api& api = link->api();
+    for (const CK_SLOT_ID slot : ListSlots(api).slots) {
+        CK_SLOT_INFO slot_info{};
+        CK_TOKEN_INFO token_info{};
+        if (!api.GetSlotInfo(slot, slot_info).ok() || !api.GetTokenInfo(slot, token_info).ok()) continue;
+        SlotStatus& status = statuses.emplace_back();
+        status.slot = slot;
+        status.token.info = MakeInfo(provider_name, slot_info, token_info);
+        status.token.flags = StatusBits(token_info.flags);
+        status.token.minPinBytes = static_cast<std::uint32_t>(token_info.ulMinPinLen);
+        status.token.maxPinBytes = static_cast<std::uint32_t>(token_info.ulMaxPinLen);
+        if ((token_info.flags & CKF_TOKEN_INITIALIZED) == 0) status.token.info.id = 0;
+    }
+    return statuses;
 }
 
 }  // namespace tokens

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/token_commands.h"
 #include "platform/tokens/token.h"
 
 namespace tokens {
@@ -45,5 +46,14 @@ struct ScanOutcome {
 /// A token of `known` that still stands in its slot, and was not taken out meanwhile, is the same object again. Enters
 /// the module.
 ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known);
+
+/// What a slot holds now, initialised or not.
+struct SlotStatus {
+    CK_SLOT_ID slot = 0;
+    PKCS11::TokenStatus token{};  // without what only a session tells: login, and where trusted certificates may stand
+};
+
+/// All slots with a token that answers, in the module's order. Enters the module.
+std::vector<SlotStatus> ReadSlotStatuses(const ModuleLinkPtr& link, const std::string& provider_name);
 
 }  // namespace tokens

@@ -5,6 +5,7 @@
 #include "platform/tokens/login.h"
 #include "platform/tokens/pins.h"
 #include "platform/tokens/registry.h"
+#include "platform/tokens/slot_scan.h"
 
 namespace tokens {
 namespace {
@@ -147,6 +148,35 @@ PinResult ChangePin(const PKCS11::TokenInfo& info, const SecretString& old_pin, 
     const TokenPtr token = Registry::Instance().Find(info.id);
     if (token == nullptr) return PinResult::kNotPresent;
     return ChangeUserPin(token, old_pin, new_pin, few_tries);
+}
+
+PinResult ChangeOfficerPin(const PKCS11::TokenInfo& info, const SecretString& old_pin, const SecretString& new_pin) {
+    const TokenPtr token = Registry::Instance().Find(info.id);
+    return token == nullptr ? PinResult::kNotPresent : ChangeOfficerPin(token, old_pin, new_pin);
+}
+
+PinResult ResetUserPin(const PKCS11::TokenInfo& info, const SecretString& officer_pin, const SecretString& new_pin) {
+    const TokenPtr token = Registry::Instance().Find(info.id);
+    return token == nullptr ? PinResult::kNotPresent : ResetUserPin(token, officer_pin, new_pin);
+}
+
+PKCS11::TokenListing ListTokens() {
+    PKCS11::TokenListing listing;
+    for (const ModuleMonitorPtr& monitor : Registry::Instance().Monitors()) {
+        listing.providers.push_back(monitor->Info());
+        const ModuleLinkPtr link = monitor->link();
+        auto statuses =
+            link->runner().Run([link, name = monitor->provider().name] { return ReadSlotStatuses(link, name); });
+        for (SlotStatus& status : statuses.value_or(std::vector<SlotStatus>())) {
+            if (status.token.info.id != 0) {
+                const TokenPtr shown = Registry::Instance().Find(status.token.info.id);
+                if (shown == nullptr || shown->link() != link || shown->slot() != status.slot) continue;
+                status.token.info = shown->Info();
+            }
+            listing.tokens.push_back(std::move(status.token));
+        }
+    }
+    return listing;
 }
 
 bool InitToken(const std::string& provider, const std::string& label, const SecretString& so_pin,

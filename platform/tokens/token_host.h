@@ -19,6 +19,7 @@
 
 #include "platform/api.h"
 #include "platform/base.h"
+#include "platform/token_commands.h"
 #include "platform/tokens.h"
 
 namespace tokens {
@@ -89,6 +90,17 @@ PLATFORM_API PinResult Login(const PKCS11::TokenInfo& token, const vpnfc::Secret
 PLATFORM_API bool Logout(const PKCS11::TokenInfo& token);
 PLATFORM_API PinResult ChangePin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& old_pin,
                                  const vpnfc::SecretString& new_pin, FewTries few_tries = FewTries::kRefuse);
+
+/// Changes the PIN of the security officer, or gives the user a new one, which unlocks it. Not tried when few tries are
+/// left. A user who was logged in has to log in again unless their PIN stands in a file.
+PLATFORM_API PinResult ChangeOfficerPin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& old_pin,
+                                        const vpnfc::SecretString& new_pin);
+PLATFORM_API PinResult ResetUserPin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& officer_pin,
+                                    const vpnfc::SecretString& new_pin);
+
+/// The providers, the tokens that are shown and the slots with one to be initialised, with what the modules say of their
+/// PINs now. Slots of a module that does not answer are left out.
+PLATFORM_API PKCS11::TokenListing ListTokens();
 
 /// Initialises the first uninitialised token of a provider; tokens in use are never touched. Returns when the new
 /// token is listed.

@@ -50,8 +50,8 @@ void Hosts::Provision(const std::string& host, const Cert& cert) const {
 
 void Hosts::WriteSettings(const std::string& host, const std::string& extra) const {
     Write(host + ".toml",
-          "[log]\ncolour = \"never\"\n[tokens]\nsofthsm_directory = \"" + host +
-              ".tokens\"\npoll_interval_milliseconds = 100\ncall_limit_milliseconds = 1000\n" +
+          "[log]\ncolour = \"never\"\n[bridge]\nsocket = \"" + host + ".sock\"\n[tokens]\nsofthsm_directory = \"" +
+              host + ".tokens\"\npoll_interval_milliseconds = 100\ncall_limit_milliseconds = 1000\n" +
               "[[tokens.provider]]\nname = \"forward\"\nmodule = \"" FORWARD_PKCS11_PATH "\"\n" +
               "[[tokens.pin_file]]\ntoken = \"" + host + "\"\npath = \"" + host + ".pin\"\n" + extra +
               "\n[[rule]]\nname = \"office\"\nid_local = [{fqdn = \"" + host + ".example\"}]\n" +
