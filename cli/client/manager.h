@@ -168,8 +168,7 @@ class Manager {
     /// An empty PIN is for tokens with a PIN pad. `try_anyway`: also when the token says that few tries are left.
     std::optional<PinReply> Login(const TokenInfo& token, const vpnfc::SecretString& pin, bool try_anyway = false);
     std::optional<PinReply> Logout(const TokenInfo& token);
-    /// `old_pin` is the security officer's where that one acts. The security officer's PIN is not tried when few tries
-    /// are left.
+    /// `old_pin` is the security officer's where that one acts.
     std::optional<PinReply> ChangePin(const TokenInfo& token, PKCS11::PinRole role, const vpnfc::SecretString& old_pin,
                                       const vpnfc::SecretString& new_pin, bool try_anyway = false);
     /// Initialises the first token of the provider that is not; those in use are never touched.

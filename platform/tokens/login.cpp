@@ -129,12 +129,13 @@ struct OfficerCall {
     SecretString officer_pin;
     SecretString user_pin;
     std::function<CreateOutcome(Session&)> work;
+    FewTries few_tries;
 
     OfficerOutcome operator()(Session& session) const {
         const Api& api = session.api();
         OfficerOutcome outcome;
         outcome.user = {PinResult::kDone};
-        outcome.pin = MayTry(*token, CKU_SO, officer_pin, FewTries::kRefuse);
+        outcome.pin = MayTry(*token, CKU_SO, officer_pin, few_tries);
         if (outcome.pin.pin != PinResult::kDone) return outcome;
         if (user_was_in) {
             outcome.result = api.Logout(session.handle());
@@ -204,16 +205,17 @@ PinResult ChangeUserPin(const TokenPtr& token, const SecretString& old_pin, cons
 }
 
 CreateOutcome RunAsSecurityOfficer(const TokenPtr& token, const SecretString& pin,
-                                   std::function<CreateOutcome(Session&)> work, PinResult& pin_result) {
+                                   std::function<CreateOutcome(Session&)> work, PinResult& pin_result,
+                                   FewTries few_tries) {
     pin_result = PinResult::kFailed;
     const auto lock = LockLogin(*token);
     if (!lock.owns_lock()) return {kNoAnswer};
     const bool user_was_in = token->login_state() == LoginState::kUser;
     SecretString user_pin;
     if (user_was_in) Registry::Instance().FindPin(token->Info(), user_pin);
-    OfficerOutcome outcome =
-        OnWorker(token, 1, OfficerOutcome{kNoAnswer},
-                 OfficerCall{token, user_was_in, SecretString(pin.get()), std::move(user_pin), std::move(work)});
+    OfficerOutcome outcome = OnWorker(
+        token, 1, OfficerOutcome{kNoAnswer},
+        OfficerCall{token, user_was_in, SecretString(pin.get()), std::move(user_pin), std::move(work), few_tries});
     if (!outcome.result.ok() && outcome.work.result.ok()) outcome.work.result = outcome.result;
     Tell(*token, "security officer", outcome.pin);
     pin_result = outcome.pin.pin;
@@ -232,7 +234,8 @@ namespace {
 
 /// Writes a PIN as the security officer, and forgets that it failed before.
 PinResult SetAsOfficer(const TokenPtr& token, const SecretString& officer_pin, const SecretString& new_pin,
-                       CK_USER_TYPE whose, std::function<Result(Session&, const std::string&)> set) {
+                       CK_USER_TYPE whose, FewTries few_tries,
+                       std::function<Result(Session&, const std::string&)> set) {
     // Shared with the call, which may outlive this one.
     const auto secret = std::make_shared<const SecretString>(std::string_view(new_pin.get()));
     PinResult pin_result{};
@@ -243,7 +246,7 @@ PinResult SetAsOfficer(const TokenPtr& token, const SecretString& officer_pin, c
             if (result.ok()) FailedPins::Instance().Remove(token->id(), whose, *secret);
             return CreateOutcome{result, result.ok()};
         },
-        pin_result);
+        pin_result, few_tries);
     if (pin_result != PinResult::kDone || outcome.created) return pin_result;
     LogTrouble(token->Info(), outcome.result);
     return PinResult::kFailed;
@@ -251,15 +254,18 @@ PinResult SetAsOfficer(const TokenPtr& token, const SecretString& officer_pin, c
 
 }  // namespace
 
-PinResult ChangeOfficerPin(const TokenPtr& token, const SecretString& old_pin, const SecretString& new_pin) {
+PinResult ChangeOfficerPin(const TokenPtr& token, const SecretString& old_pin, const SecretString& new_pin,
+                           FewTries few_tries) {
     const auto old_secret = std::make_shared<const SecretString>(std::string_view(old_pin.get()));
-    return SetAsOfficer(token, old_pin, new_pin, CKU_SO, [old_secret](Session& session, const std::string& pin) {
-        return session.api().SetPIN(session.handle(), old_secret->get(), pin);
-    });
+    return SetAsOfficer(token, old_pin, new_pin, CKU_SO, few_tries,
+                        [old_secret](Session& session, const std::string& pin) {
+                            return session.api().SetPIN(session.handle(), old_secret->get(), pin);
+                        });
 }
 
-PinResult ResetUserPin(const TokenPtr& token, const SecretString& officer_pin, const SecretString& new_pin) {
-    return SetAsOfficer(token, officer_pin, new_pin, CKU_USER, [](Session& session, const std::string& pin) {
+PinResult ResetUserPin(const TokenPtr& token, const SecretString& officer_pin, const SecretString& new_pin,
+                       FewTries few_tries) {
+    return SetAsOfficer(token, officer_pin, new_pin, CKU_USER, few_tries, [](Session& session, const std::string& pin) {
         return session.api().InitPIN(session.handle(), pin);
     });
 }

@@ -17,15 +17,16 @@ PinResult ChangeUserPin(const TokenPtr& token, const vpnfc::SecretString& old_pi
                         FewTries few_tries);
 
 PinResult ChangeOfficerPin(const TokenPtr& token, const vpnfc::SecretString& old_pin,
-                           const vpnfc::SecretString& new_pin);
+                           const vpnfc::SecretString& new_pin, FewTries few_tries);
 /// The security officer sets a new PIN for the user.
 PinResult ResetUserPin(const TokenPtr& token, const vpnfc::SecretString& officer_pin,
-                       const vpnfc::SecretString& new_pin);
+                       const vpnfc::SecretString& new_pin, FewTries few_tries);
 
 /// Runs `work` while the security officer is logged in, then logs them out. A user that was logged in is logged out
 /// before, and in again after when their PIN stands in a file. `work` owns everything it touches. `pin_result` other than
 /// kDone: not run.
 CreateOutcome RunAsSecurityOfficer(const TokenPtr& token, const vpnfc::SecretString& pin,
-                                   std::function<CreateOutcome(Session&)> work, PinResult& pin_result);
+                                   std::function<CreateOutcome(Session&)> work, PinResult& pin_result,
+                                   FewTries few_tries = FewTries::kRefuse);
 
 }  // namespace tokens

@@ -202,7 +202,9 @@ std::vector<SlotStatus> ReadSlotStatuses(const ModuleLinkPtr& link, const std::s
         status.token.flags = StatusBits(token_info.flags);
         status.token.minPinBytes = static_cast<std::uint32_t>(token_info.ulMinPinLen);
         status.token.maxPinBytes = static_cast<std::uint32_t>(token_info.ulMaxPinLen);
-        if ((token_info.flags & CKF_TOKEN_INITIALIZED) == 0) status.token.info.id = 0;
+        if ((token_info.flags & CKF_TOKEN_INITIALIZED) != 0) continue;
+        status.token.info.id = 0;
+        status.token.flags = 0;  // there are no PINs yet
     }
     return statuses;
 }

@@ -150,14 +150,16 @@ PinResult ChangePin(const PKCS11::TokenInfo& info, const SecretString& old_pin, 
     return ChangeUserPin(token, old_pin, new_pin, few_tries);
 }
 
-PinResult ChangeOfficerPin(const PKCS11::TokenInfo& info, const SecretString& old_pin, const SecretString& new_pin) {
+PinResult ChangeOfficerPin(const PKCS11::TokenInfo& info, const SecretString& old_pin, const SecretString& new_pin,
+                           FewTries few_tries) {
     const TokenPtr token = Registry::Instance().Find(info.id);
-    return token == nullptr ? PinResult::kNotPresent : ChangeOfficerPin(token, old_pin, new_pin);
+    return token == nullptr ? PinResult::kNotPresent : ChangeOfficerPin(token, old_pin, new_pin, few_tries);
 }
 
-PinResult ResetUserPin(const PKCS11::TokenInfo& info, const SecretString& officer_pin, const SecretString& new_pin) {
+PinResult ResetUserPin(const PKCS11::TokenInfo& info, const SecretString& officer_pin, const SecretString& new_pin,
+                       FewTries few_tries) {
     const TokenPtr token = Registry::Instance().Find(info.id);
-    return token == nullptr ? PinResult::kNotPresent : ResetUserPin(token, officer_pin, new_pin);
+    return token == nullptr ? PinResult::kNotPresent : ResetUserPin(token, officer_pin, new_pin, few_tries);
 }
 
 PKCS11::TokenListing ListTokens() {

@@ -91,12 +91,11 @@ PLATFORM_API bool Logout(const PKCS11::TokenInfo& token);
 PLATFORM_API PinResult ChangePin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& old_pin,
                                  const vpnfc::SecretString& new_pin, FewTries few_tries = FewTries::kRefuse);
 
-/// Changes the PIN of the security officer, or gives the user a new one, which unlocks it. Not tried when few tries are
-/// left. A user who was logged in has to log in again unless their PIN stands in a file.
+/// Changes the PIN of the security officer, or gives the user a new one, which unlocks it. A user who was logged in has to log in again unless their PIN stands in a file.
 PLATFORM_API PinResult ChangeOfficerPin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& old_pin,
-                                        const vpnfc::SecretString& new_pin);
+                                        const vpnfc::SecretString& new_pin, FewTries few_tries = FewTries::kRefuse);
 PLATFORM_API PinResult ResetUserPin(const PKCS11::TokenInfo& token, const vpnfc::SecretString& officer_pin,
-                                    const vpnfc::SecretString& new_pin);
+                                    const vpnfc::SecretString& new_pin, FewTries few_tries = FewTries::kRefuse);
 
 /// The providers, the tokens that are shown and the slots with one to be initialised, with what the modules say of their
 /// PINs now. Slots of a module that does not answer are left out.

@@ -64,8 +64,8 @@ void LogoutCommand(CommandStreamIn& in, CommandStreamOut& out) {
 
 PinResult ChangePinOf(std::uint32_t role, const TokenInfo& token, const SecretString& old_pin,
                       const SecretString& new_pin, FewTries few_tries) {
-    if (role == PKCS11::kPinOfSecurityOfficer) return ChangeOfficerPin(token, old_pin, new_pin);
-    if (role == PKCS11::kPinOfUserByOfficer) return ResetUserPin(token, old_pin, new_pin);
+    if (role == PKCS11::kPinOfSecurityOfficer) return ChangeOfficerPin(token, old_pin, new_pin, few_tries);
+    if (role == PKCS11::kPinOfUserByOfficer) return ResetUserPin(token, old_pin, new_pin, few_tries);
     return ChangePin(token, old_pin, new_pin, few_tries);
 }
 

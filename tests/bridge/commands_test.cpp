@@ -1,0 +1,395 @@
+// The certificate commands through the socket: what they do, what malformed input does, and two clients at once.
+#include <future>
+#include <thread>
+
+#include "certmgr/cert_request.h"
+#include "certmgr/cert_storage.h"
+#include "certmgr/certmgr.h"
+#include "certmgr/chain.h"
+#include "certmgr/ike.h"
+#include "certmgr/records_sync.h"
+#include "cli/client/manager.h"
+#include "platform/event_codes.h"
+#include "tests/bridge/bridge_fixture.h"
+#include "tests/support/pki.h"
+
+namespace bridge_test {
+namespace {
+
+using bridge::ClientEvent;
+using bridge::Error;
+using bridge::kGroupCertificates;
+using certmgr_client::CertSelector;
+using certmgr_client::ListedCert;
+using certmgr_client::Manager;
+using vpnfc::SecretString;
+
+class CommandsTest : public BridgeTest {
+  protected:
+    CommandsTest() {
+        vpnfc::SetCurrentTimeForTesting(test_pki::kNow);
+        vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
+        CM::CertEngine_Init();
+        CM::Init();
+        token_ = vendor_host::AddToken("card");
+        token_->EditInfo([](PKCS11::TokenInfo& info) { info.holdsTrusted = true; });
+        token_->AddCertificate(root_.der, {.category = 2, .trusted = true});
+        token_->AddCertificate(issuing_.der, {.category = 2});
+        token_->AddCertificate(other_.der);
+        token_->AddPersonal(leaf_.der, leaf_.key);
+        token_->AddKeyPair("pair", test_pki::MakeKey(test_pki::KeyType::kEcP256, 77));
+        token_->AddCrl("crl", crl_);
+        token_->AddPresharedKey("office", "secret");
+        CM::Reload();
+        Start();
+        client_ = Connect();
+    }
+    ~CommandsTest() override {
+        bridge::Stop();
+        CM::Finit();
+        CM::CertEngine_Finit();
+        vpnfc::SetCurrentTimeForTesting(std::nullopt);
+        vendor_host::Reset();
+    }
+
+    std::vector<ListedCert> List(CertSelector selector) {
+        return manager().ListCertificates(selector).value_or(std::vector<ListedCert>());
+    }
+    std::vector<std::string> Subjects(CertSelector selector) {
+        std::vector<std::string> subjects;
+        for (const ListedCert& cert : List(selector)) subjects.push_back(cert.info.subject);
+        return subjects;
+    }
+    ListedCert Leaf() { return List(CertSelector::kPersonal).at(0); }
+    Manager manager() { return Manager(*client_); }
+    std::optional<std::string> Raw(std::uint32_t command, const std::string& input) {
+        std::string reply;
+        return client_->Call(kGroupCertificates, command, input, reply) ? std::optional(reply) : std::nullopt;
+    }
+    std::size_t ObjectsOnToken() const {
+        return token_->CertObjects().size() + token_->CrlObjects().size() + token_->PresharedKeyNames().size();
+    }
+    /// A complete input of every command that has one.
+    std::map<std::uint32_t, std::string> Inputs(const PKCS11::TokenInfo& token);
+
+    // Shared by all tests: making certificates is the costly part.
+    static inline const test_pki::Cert root_ = test_pki::MakeCa("CN=Root, O=Test");
+    static inline const test_pki::Cert issuing_ = test_pki::MakeCa("CN=Issuing, O=Test", &root_);
+    static inline const test_pki::Cert leaf_ = test_pki::MakeLeaf("CN=alice, O=Test", issuing_);
+    static inline const test_pki::Cert other_ = test_pki::MakeLeaf("CN=bob, O=Test", issuing_);
+    static inline const std::string crl_ = test_pki::MakeCrl({}, root_);
+    std::shared_ptr<vendor_host::Token> token_;
+    std::unique_ptr<bridge::Client> client_;
+};
+
+std::map<std::uint32_t, std::string> CommandsTest::Inputs(const PKCS11::TokenInfo& token) {
+    std::map<std::uint32_t, std::string> inputs;
+    const CertInfo cert = Leaf().info;
+    const CRLInfo crl = manager().ListCrls()->at(0).info;
+    const auto add = [&](std::uint32_t command, auto write) {
+        CommandStreamOut out(inputs[command]);
+        if (command != 0 && command != 2) sync(out, token);
+        write(out);
+    };
+    const auto named = [&](CommandStreamOut& out) { sync(out, cert); };
+    const std::string text = "text";
+    add(0, [](CommandStreamOut& out) { out.fields(0U); });
+    add(2, [&](CommandStreamOut& out) { out.fields(text, text); });
+    add(3, [&](CommandStreamOut& out) { out.fields(0U, 3U, false, text); });
+    add(4, [](CommandStreamOut& out) { out.fields(0U); });
+    add(5, [&](CommandStreamOut& out) {
+        named(out);
+        out.fields(3U, text, true, false);
+    });
+    add(6, [](CommandStreamOut&) {});
+    add(7, [](CommandStreamOut& out) {
+        const CertRequestInfo request{.keyAlg = 4, .keyBits = 256, .hashAlg = 0x40000, .subject = "CN=new"};
+        sync(out, request);
+    });
+    add(9, [&](CommandStreamOut& out) { out.fields(text, text); });
+    add(10, [&](CommandStreamOut& out) { out.fields(text); });
+    add(12, [&](CommandStreamOut& out) { sync(out, crl); });
+    for (const std::uint32_t command : {1U, 13U, 14U}) add(command, named);
+    add(15, [&](CommandStreamOut& out) {
+        named(out);
+        out.fields(0U);
+    });
+    return inputs;
+}
+
+TEST_F(CommandsTest, ListsShowTheStore) {
+    using Names = std::vector<std::string>;
+    const auto personal = List(CertSelector::kPersonal);
+    ASSERT_EQ(personal.size(), 2U);
+    EXPECT_EQ(personal[0].info.subject, "CN=alice, O=Test");
+    EXPECT_EQ(personal[0].info.kind, kCertKindPersonal);
+    EXPECT_EQ(personal[0].token.label, "card");
+    EXPECT_EQ(personal[1].info.kind, kCertKindKeyPair);
+    EXPECT_EQ(Subjects(CertSelector::kTrusted), Names{"CN=Root, O=Test"});
+    EXPECT_EQ(Subjects(CertSelector::kIntermediate), Names{"CN=Issuing, O=Test"});
+    EXPECT_EQ(Subjects(CertSelector::kOther), Names{"CN=bob, O=Test"});
+    EXPECT_EQ(Raw(0, std::string("\4\0\0\0", 4)), "");
+    const auto crls = manager().ListCrls();
+    ASSERT_EQ(crls.value().size(), 1U);
+    EXPECT_EQ(crls->at(0).info.issuer, "CN=Root, O=Test");
+    EXPECT_FALSE(crls->at(0).downloaded);
+    EXPECT_EQ(manager().ListPresharedKeys().value().at(0).name, "office");
+    CM::CertStorage::Instance().ClearAll();
+    for (const std::uint32_t command : {0U, 8U, 11U})
+        EXPECT_EQ(Raw(command, std::string(4, '\0')), std::string(4, '\0'));
+    EXPECT_TRUE(manager().Reload());
+    EXPECT_EQ(vendor_host::ReloadTokensContentCalls(), 1U);
+    EXPECT_EQ(Subjects(CertSelector::kTrusted).size(), 1U);
+}
+
+TEST_F(CommandsTest, ShortInputIsMalformedAndChangesNothing) {
+    const auto file = manager().OpenFile(other_.der, SecretString());
+    ASSERT_TRUE(file.has_value() && file->status == 0);
+    const std::size_t before = ObjectsOnToken();
+    for (const auto& [command, input] : Inputs(token_->Info())) {
+        for (std::size_t length = 0; length < input.size(); ++length) {
+            // The PIN of an import may be left out, whole; this certificate is on the token already.
+            const bool whole = command == 3 && length == input.size() - 8;
+            SCOPED_TRACE(std::to_string(command) + " cut at " + std::to_string(length));
+            const auto reply = Raw(command, input.substr(0, length));
+            EXPECT_EQ(reply.has_value(), whole);
+            EXPECT_TRUE(whole || client_->failure().code == Error::kMalformed) << client_->failure().text;
+        }
+    }
+    EXPECT_EQ(ObjectsOnToken(), before);
+    EXPECT_EQ(Subjects(CertSelector::kPersonal).size(), 2U);
+}
+
+TEST_F(CommandsTest, AbsurdNumbersChangeNothing) {
+    PKCS11::TokenInfo absent = token_->Info();
+    absent.id += 1;
+    const std::size_t before = ObjectsOnToken();
+    for (const auto& [command, input] : Inputs(absent)) {
+        for (std::size_t at = command == 0 || command == 2 ? 0 : 8; at + 4 <= input.size(); ++at) {
+            std::string changed = input;
+            changed.replace(at, 4, 4, '\xFF');
+            if (!Raw(command, changed)) {
+                EXPECT_EQ(client_->failure().code, Error::kMalformed) << command << " " << client_->failure().text;
+            }
+        }
+    }
+    for (const std::uint32_t unknown : {17U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+        EXPECT_FALSE(Raw(unknown, "").has_value());
+        EXPECT_EQ(client_->failure().code, Error::kUnknownCommand);
+    }
+    EXPECT_EQ(ObjectsOnToken(), before);
+    EXPECT_EQ(Subjects(CertSelector::kTrusted).size(), 1U);
+}
+
+TEST_F(CommandsTest, FilesAreImportedByIndex) {
+    const test_pki::Cert carol = test_pki::MakeLeaf("CN=carol", root_);
+    const test_pki::Cert second_root = test_pki::MakeCa("CN=Second");
+    const std::string bundle = test_pki::MakePkcs7({carol.der, second_root.der}, {test_pki::MakeCrl({}, second_root)});
+    const PKCS11::TokenInfo token = token_->Info();
+    // Without a file there is nothing to import.
+    EXPECT_EQ(manager().ImportCertificate(token, 0, {}), 3U);
+    EXPECT_EQ(manager().ImportCrl(token, 0), 2U);
+    const auto file = manager().OpenFile(bundle, SecretString());
+    ASSERT_TRUE(file.has_value());
+    EXPECT_EQ(file->status, 0U);
+    ASSERT_EQ(file->certs.size(), 2U);
+    const std::uint32_t ca = file->certs[0].info.isCA ? 0 : 1;  // a set: in whatever order
+    const std::uint32_t leaf = 1 - ca;
+    EXPECT_EQ(file->certs[leaf].info.subject, "CN=carol");
+    EXPECT_EQ(file->certs[ca].tokens, std::vector<std::uint32_t>{0});
+    ASSERT_EQ(file->crls.size(), 1U);
+    EXPECT_EQ(file->tokens.at(0).label, "card");
+    EXPECT_EQ(manager().ImportCertificate(token, 2, {}), 3U);
+    EXPECT_EQ(manager().ImportCertificate(token, 0xFFFFFFFF, {}), 3U);
+    EXPECT_EQ(manager().ImportCrl(token, 1), 2U);
+    EXPECT_EQ(Manager(*Connect()).ImportCertificate(token, 0, {}), 3U);  // another client's file is not this one's
+    EXPECT_EQ(manager().ImportCertificate(token, leaf, {}), 0U);
+    EXPECT_EQ(client_->Wait(test_support::kWaitLimit).value().code, bridge::kNotifyCertListChanged);
+    EXPECT_EQ(manager().ImportCertificate(token, leaf, {}), 1U);
+    EXPECT_EQ(manager().ImportCertificate(token, leaf, {.mode = kImportPersonal}), 1U);
+    EXPECT_EQ(manager().ImportCertificate(token, ca, {.mode = kImportTrusted}), 0U);
+    EXPECT_EQ(manager().ImportCrl(token, 0), 0U);
+    EXPECT_EQ(Subjects(CertSelector::kOther).size(), 2U);
+    EXPECT_EQ(Subjects(CertSelector::kTrusted).size(), 2U);
+    EXPECT_EQ(manager().ListCrls()->size(), 2U);
+
+    // Another file takes its place, an unreadable one, too.
+    EXPECT_EQ(manager().OpenFile(crl_, SecretString())->crls.size(), 1U);
+    EXPECT_EQ(manager().ImportCertificate(token, 0, {}), 3U);
+    const auto unreadable = Raw(2, std::string("\2\0\0\0xx\0\0\0\0", 10));
+    EXPECT_EQ(unreadable.value().size(), 4U);
+    EXPECT_EQ(manager().ImportCrl(token, 0), 2U);
+}
+
+TEST_F(CommandsTest, ThePinOfAnImportReachesTheToken) {
+    token_->SetSecurityOfficerPin("87654321");
+    const test_pki::Cert ca = test_pki::MakeCa("CN=Second");
+    ASSERT_EQ(manager().OpenFile(ca.der, SecretString())->status, 0U);
+    const PKCS11::TokenInfo token = token_->Info();
+    EXPECT_EQ(manager().ImportCertificate(token, 0, {.mode = kImportTrusted}), 7U);
+    const SecretString pin(std::string("87654321"));
+    EXPECT_EQ(manager().ImportCertificate(token, 0, {.mode = kImportTrusted, .pin = &pin}), 0U);
+}
+
+TEST_F(CommandsTest, LargeFilesAreTaken) {
+    const std::string large(64U << 20, 'A');
+    const auto file = manager().OpenFile(large, SecretString());
+    ASSERT_TRUE(file.has_value()) << client_->failure().text;
+    EXPECT_NE(file->status, 0U);
+    EXPECT_EQ(Subjects(CertSelector::kOther).size(), 1U);
+}
+
+TEST_F(CommandsTest, ACertificateIsDescribedChainedVerifiedAndExported) {
+    const ListedCert leaf = Leaf();
+    const auto details = manager().CertificateDetails(leaf.token, leaf.info);
+    ASSERT_TRUE(details.has_value() && details->found);
+    EXPECT_EQ(details->info.subject, leaf.info.subject);
+    EXPECT_EQ(details->ext.sha1.size(), 40U);
+    EXPECT_EQ(details->ext.keyUsage, "Digital Signature");
+    EXPECT_EQ(details->public_key, leaf_.spki);
+    const auto chain = manager().BuildChain(leaf.token, leaf.info);
+    ASSERT_TRUE(chain.has_value() && chain->found);
+    EXPECT_EQ(chain->result, ChainTrusted);
+    ASSERT_EQ(chain->members.size(), 3U);
+    EXPECT_EQ(chain->members[2].info.subject, "CN=Root, O=Test");
+    const auto verdict = manager().VerifyCertificate(leaf.token, leaf.info, 0);
+    EXPECT_TRUE(verdict.value().good) << verdict->text;
+    EXPECT_EQ(manager().ExportCertificate(leaf.token, leaf.info, {.format = kExportDer})->bytes.get(), leaf_.der);
+    const auto p12 = manager().ExportCertificate(leaf.token, leaf.info, {.format = 4});
+    EXPECT_EQ(p12->result, 4U);
+
+    CertInfo unknown = leaf.info;
+    unknown.serialNumber = "00";
+    EXPECT_FALSE(manager().CertificateDetails(leaf.token, unknown)->found);
+    EXPECT_FALSE(manager().BuildChain(leaf.token, unknown)->found);
+    const auto not_found = manager().VerifyCertificate(leaf.token, unknown, 0);
+    EXPECT_FALSE(not_found->good);
+    EXPECT_EQ(not_found->text, "Certificate not found");
+    EXPECT_EQ(manager().ExportCertificate(leaf.token, unknown, {})->result, 2U);
+}
+
+TEST_F(CommandsTest, RequestsAndPresharedKeys) {
+    const PKCS11::TokenInfo token = token_->Info();
+    EXPECT_FALSE(manager().RequestMechanisms(token).value().empty());
+    const auto made = manager().MakeRequest(
+        token, {.keyAlg = 4, .keyBits = 256, .hashAlg = 0x40000, .subject = "CN=new", .dnsName = "new.example"});
+    ASSERT_TRUE(made.has_value());
+    EXPECT_EQ(made->result, 0U);
+    EXPECT_NE(made->bytes.get().find("BEGIN CERTIFICATE REQUEST"), std::string::npos);
+    EXPECT_EQ(List(CertSelector::kPersonal).size(), 3U);
+    EXPECT_NE(manager().MakeRequest(token, {.keyAlg = 4, .keyBits = 256})->result, 0U);
+    EXPECT_EQ(List(CertSelector::kPersonal).size(), 3U);
+
+    const SecretString value(std::string("value"));
+    EXPECT_TRUE(manager().CreatePresharedKey(token, "branch", value).value());
+    EXPECT_EQ(manager().ListPresharedKeys()->size(), 2U);
+    EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
+    EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
+    EXPECT_EQ(manager().ListPresharedKeys()->size(), 1U);
+    EXPECT_TRUE(manager().DeleteCrl(token, manager().ListCrls()->at(0).info));
+    EXPECT_TRUE(manager().ListCrls()->empty());
+}
+
+TEST_F(CommandsTest, TwoClientsDeleteTheSame) {
+    const auto second = Connect();
+    for (const CertSelector selector : {CertSelector::kPersonal, CertSelector::kTrusted, CertSelector::kOther}) {
+        for (const ListedCert& cert : List(selector)) {
+            auto one =
+                std::async(std::launch::async, [&] { return manager().DeleteCertificate(cert.token, cert.info); });
+            EXPECT_TRUE(Manager(*second).DeleteCertificate(cert.token, cert.info));
+            EXPECT_TRUE(one.get());
+        }
+        EXPECT_TRUE(List(selector).empty());
+    }
+    EXPECT_EQ(token_->CertObjects().size(), 1U);  // the intermediate
+}
+
+// --- The choice between local certificates ---
+
+class ChoiceTest : public CommandsTest {
+  protected:
+    ChoiceTest() {
+        token_->AddPersonal(second_.der, second_.key);
+        CM::Reload();
+        agent_ = Connect(true);
+    }
+
+    struct Outcome {
+        std::uint32_t status = 0;
+        std::string subject;
+    };
+    static std::future<Outcome> Select() {
+        return std::async(std::launch::async, [] {
+            const auto result =
+                CM::IkeSelectLocalCertificate(nullptr, {}, CM::kIgnoreBoundCollect, nullptr, nullptr, {});
+            Outcome outcome{result.status, result.cert == nullptr ? "" : result.cert->info.subject};
+            if (result.cert != nullptr) CM::VCertHandleClose(result.cert);
+            return outcome;
+        });
+    }
+    /// The question as the agent got it.
+    std::uint32_t AwaitQuestion(std::vector<ListedCert>& candidates) {
+        while (true) {
+            const auto event = agent_->Wait(test_support::kWaitLimit);
+            if (!event.has_value()) throw std::runtime_error("no question: " + agent_->failure().text);
+            if (event->kind != ClientEvent::Kind::kQuestion) continue;
+            EXPECT_EQ(event->code, bridge::kQuestionSelectCertificate);
+            candidates = certmgr_client::ParseCertificateQuestion(event->body).value();
+            return event->number;
+        }
+    }
+
+    static inline const test_pki::Cert second_ = test_pki::MakeLeaf("CN=alice2, O=Test", issuing_);
+    std::unique_ptr<bridge::Client> agent_;
+};
+
+TEST_F(ChoiceTest, TheAgentDecides) {
+    const struct {
+        const char* name;
+        std::string (*answer)(const std::vector<ListedCert>& candidates);
+        std::uint32_t status;
+        const char* subject;
+    } cases[] = {
+        {"first", [](const auto& c) { return certmgr_client::ChooseCertificate(c[0].info); }, 1, "CN=alice, O=Test"},
+        {"second", [](const auto& c) { return certmgr_client::ChooseCertificate(c[1].info); }, 1, "CN=alice2, O=Test"},
+        {"cancel", [](const auto&) { return certmgr_client::CancelChoice(); }, 7, "CN=alice, O=Test"},
+        {"none of them", [](const auto&) { return certmgr_client::ChooseCertificate(CertInfo()); }, 8,
+         "CN=alice, O=Test"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        auto selected = Select();
+        std::vector<ListedCert> candidates;
+        const std::uint32_t question = AwaitQuestion(candidates);
+        ASSERT_EQ(candidates.size(), 2U);
+        EXPECT_EQ(candidates[1].token.label, "card");
+        EXPECT_TRUE(manager().Reload());  // nothing is locked meanwhile
+        EXPECT_TRUE(agent_->Answer(question, test.answer(candidates)));
+        const Outcome outcome = selected.get();
+        EXPECT_EQ(outcome.status, test.status);
+        EXPECT_EQ(outcome.subject, test.subject);
+        EXPECT_FALSE(agent_->Answer(question, certmgr_client::CancelChoice()));
+        EXPECT_EQ(agent_->failure().code, Error::kStaleAnswer);
+    }
+}
+
+TEST_F(ChoiceTest, AnAgentThatGoesFailsTheQuestion) {
+    auto selected = Select();
+    std::vector<ListedCert> candidates;
+    AwaitQuestion(candidates);
+    agent_->Disconnect();
+    EXPECT_EQ(selected.get().status, 6U);
+    EXPECT_EQ(Select().get().status, 6U);  // nobody there
+}
+
+TEST_F(ChoiceTest, AMalformedAnswerEndsTheExchangeAlone) {
+    auto selected = Select();
+    std::vector<ListedCert> candidates;
+    const std::uint32_t question = AwaitQuestion(candidates);
+    EXPECT_TRUE(agent_->Answer(question, std::string(1, '\1')));
+    EXPECT_THROW(selected.get(), const char*);
+    EXPECT_EQ(Subjects(CertSelector::kPersonal).size(), 3U);
+}
+
+}  // namespace
+}  // namespace bridge_test

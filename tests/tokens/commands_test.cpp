@@ -1,0 +1,129 @@
+// The token manager's commands through the socket of the management bridge.
+#include "cli/client/manager.h"
+#include "platform/bridge/bridge_host.h"
+#include "platform/tokens/token_listener.h"
+#include "tests/tokens/fixture.h"
+
+namespace token_test {
+namespace {
+
+using certmgr_client::Manager;
+using PKCS11::TokenInfo;
+using vpnfc::SecretString;
+
+SecretString Secret(const std::string& text) {
+    return SecretString(std::string_view(text));
+}
+
+class CommandsTest : public TokenTest {
+  protected:
+    CommandsTest() {
+        StartDirect();
+        const std::string path = directory_ / "bridge.sock";
+        std::string error;
+        EXPECT_TRUE(bridge::Start({.socket_path = path}, error)) << error;
+        EXPECT_TRUE(client_.Connect({.socket_path = path})) << client_.failure().text;
+    }
+    ~CommandsTest() override { bridge::Stop(); }
+
+    std::uint32_t Login(const TokenInfo& token, const std::string& pin) {
+        return manager_.Login(token, Secret(pin), true).value().status;
+    }
+
+    tokens::TokenListener listener_;
+    bridge::Client client_;
+    Manager manager_{client_};
+};
+
+TEST_F(CommandsTest, ATokenFromNothingToUse) {
+    auto listing = manager_.ListTokens();
+    ASSERT_TRUE(listing.has_value());
+    ASSERT_EQ(listing->providers.size(), 1U);
+    EXPECT_TRUE(listing->providers[0].available);
+    ASSERT_EQ(listing->tokens.size(), 1U);
+    EXPECT_EQ(listing->tokens[0].flags, 0U);  // a slot to be initialised
+    EXPECT_EQ(listing->tokens[0].info.id, 0U);
+
+    const std::string pin = RandomPin();
+    const std::string officer_pin = RandomPin();
+    const auto init = manager_.InitToken("softhsm", "one", Secret(officer_pin), Secret(pin));
+    ASSERT_TRUE(init.value().done) << init->text;
+    const TokenInfo token = init->token;
+    EXPECT_FALSE(manager_.InitToken("softhsm", "", Secret(officer_pin), Secret(pin))->done);
+    EXPECT_EQ(manager_.InitToken("none", "two", Secret(officer_pin), Secret(pin))->text, "there is no provider none");
+    listing = manager_.ListTokens();
+    ASSERT_EQ(listing->tokens.size(), 2U);
+    EXPECT_EQ(listing->tokens[0].info.label, "one");
+    EXPECT_EQ(listing->tokens[0].flags & (PKCS11::kTokenInitialised | PKCS11::kUserPinSet), 3U);
+
+    // A PIN that failed is not tried again, whoever brings it.
+    const std::string wrong = pin + "0";
+    EXPECT_EQ(Login(token, wrong), PKCS11::kPinWrong);
+    EXPECT_EQ(manager_.Login(token, Secret(pin))->status, PKCS11::kPinFewTriesLeft);
+    EXPECT_EQ(Login(token, wrong), PKCS11::kPinKnownWrong);
+    EXPECT_EQ(manager_.ChangePin(token, PKCS11::kPinOfUser, Secret(wrong), Secret(pin))->status,
+              PKCS11::kPinKnownWrong);
+    EXPECT_EQ(Login(token, ""), PKCS11::kPinWrong);
+    EXPECT_EQ(Login(token, std::string(1000, '1')), PKCS11::kPinWrong);
+    EXPECT_EQ(Login(token, pin), PKCS11::kPinDone);
+    EXPECT_TRUE(manager_.ListTokens()->tokens[0].info.loggedIn);
+    EXPECT_EQ(manager_.Logout(token)->status, PKCS11::kPinDone);
+    EXPECT_FALSE(manager_.ListTokens()->tokens[0].info.loggedIn);
+
+    TokenInfo absent = token;
+    absent.id += 1;
+    EXPECT_EQ(Login(absent, pin), PKCS11::kPinTokenNotPresent);
+    EXPECT_EQ(manager_.Logout(absent)->status, PKCS11::kPinTokenNotPresent);
+}
+
+TEST_F(CommandsTest, PinsAreChangedByThoseWhoMay) {
+    const TestToken token = NewToken("one", false);
+    const std::string second = RandomPin() + "2";
+    const std::string third = RandomPin() + "3";
+    const std::string officer = RandomPin() + "4";
+    const struct {
+        PKCS11::PinRole role;
+        std::string old_pin;
+        std::string new_pin;
+        std::uint32_t status;
+    } steps[] = {
+        {PKCS11::kPinOfUser, token.pin, second, PKCS11::kPinDone},
+        {PKCS11::kPinOfUser, token.pin, third, PKCS11::kPinWrong},
+        {PKCS11::kPinOfUser, second, "", PKCS11::kPinTokenFailed},
+        {PKCS11::kPinOfUser, second, "1", PKCS11::kPinTokenFailed},  // the token wants four
+        {PKCS11::kPinOfSecurityOfficer, token.so_pin + "x", officer, PKCS11::kPinWrong},
+        {PKCS11::kPinOfSecurityOfficer, token.so_pin, officer, PKCS11::kPinDone},
+        {PKCS11::kPinOfUserByOfficer, officer, third, PKCS11::kPinDone},
+        {static_cast<PKCS11::PinRole>(3), officer, third, PKCS11::kPinTokenFailed},
+    };
+    for (const auto& step : steps) {
+        EXPECT_EQ(
+            manager_.ChangePin(token.info, step.role, Secret(step.old_pin), Secret(step.new_pin), true).value().status,
+            step.status)
+            << step.role << " " << &step - steps;
+    }
+    EXPECT_EQ(Login(token.info, second), PKCS11::kPinWrong);
+    EXPECT_EQ(Login(token.info, third), PKCS11::kPinDone);
+    for (const std::string& report : Reports::Instance().All()) {
+        for (const std::string& pin : {token.pin, token.so_pin, second, third, officer}) {
+            EXPECT_EQ(report.find(pin), std::string::npos) << report;
+        }
+    }
+}
+
+TEST_F(CommandsTest, ShortInputIsMalformed) {
+    for (std::uint32_t command = PKCS11::kCommandLogin; command <= PKCS11::kCommandChangePin; ++command) {
+        for (const std::string& input : {std::string(), std::string(7, '\0'), std::string(12, '\xFF')}) {
+            std::string reply;
+            if (command == PKCS11::kCommandLogout && input.size() == 12) continue;  // a whole identifier
+            EXPECT_FALSE(client_.Call(bridge::kGroupTokens, command, input, reply)) << command << " " << input.size();
+            EXPECT_EQ(client_.failure().code, bridge::Error::kMalformed);
+        }
+    }
+    std::string reply;
+    EXPECT_FALSE(client_.Call(bridge::kGroupTokens, 5, {}, reply));
+    EXPECT_EQ(client_.failure().code, bridge::Error::kUnknownCommand);
+}
+
+}  // namespace
+}  // namespace token_test
