@@ -23,8 +23,7 @@ std::string LeafWithKey() {
     return MakePkcs12(Leaf().key, {Leaf().der, Root().der});
 }
 
-enum class What : std::uint8_t { kLeaf, kLeafWithKey, kLeafBesideKey, kRoot, kUnknownCritical };
-enum class Pin : std::uint8_t { kNone, kOfficer, kWrong };
+enum class What : std::uint8_t { kLeaf, kLeafWithKey, kLeafStillEncrypted, kLeafBesideKey, kRoot, kUnknownCritical };
 
 struct ImportCase {
     const char* name;
@@ -32,7 +31,7 @@ struct ImportCase {
     CertImportMode mode;
     CM::CertImportStatus expected;
     std::vector<std::string> trouble{};
-    Pin pin = Pin::kNone;
+    bool officer_pin = false;
     bool logged_in = true;
 };
 
@@ -40,6 +39,8 @@ std::string ContentOf(What what) {
     switch (what) {
         case What::kLeafWithKey:
             return LeafWithKey();
+        case What::kLeafStillEncrypted:
+            return JoinPkcs12({LeafWithKey(), MakePkcs12(Root().key, {Root().der})});
         case What::kRoot:
             return Root().der;
         case What::kUnknownCritical:
@@ -58,9 +59,7 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     ASSERT_EQ(file.status, 0);
     const std::size_t before = ObjectsOnToken();
     if (!c.logged_in) tokens::Logout(token_.info);
-    const std::string wrong = token_test::RandomPin();
-    const std::string* const pins[] = {nullptr, &token_.so_pin, &wrong};
-    const std::string* const pin = pins[static_cast<int>(c.pin)];
+    const std::string* const pin = c.officer_pin ? &token_.so_pin : nullptr;
     control_.Set(c.trouble);
     if (c.expected == CM::ImportCertErrorOpenTokenSession) {
         ASSERT_TRUE(WaitUntilListed("one", false));
@@ -69,11 +68,11 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     control_.Set({});
     EXPECT_STREQ(CM::CertImportStatusText(status), CM::CertImportStatusText(c.expected));
     ASSERT_TRUE(WaitUntilListed("one"));
-    ASSERT_EQ(LogIn(token_, tokens::FewTries::kTryAnyway), tokens::PinResult::kDone);
+    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     const bool written = c.expected == CM::ImportCertOk || c.expected == CM::ImportCertWarningTrustedNotCA;
     const bool joined = c.what == What::kLeafBesideKey;  // its key pair is not listed any more
     EXPECT_EQ(ObjectsOnToken(), before + (written && !joined ? 1 : 0));
-    EXPECT_EQ(KeyOnToken(Leaf().spki), joined || (written && c.what == What::kLeafWithKey));
+    EXPECT_EQ(KeyOnToken(Leaf().spki), joined || (written && file.certs.size() > 1));
     if (c.expected != CM::ImportCertOk) return;
     const CM::CertList* const lists[] = {nullptr, &store().trustedCerts, &store().personalCerts, &store().otherCerts};
     ASSERT_EQ(lists[c.mode]->size(), 1U);
@@ -84,33 +83,31 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
 
 const ImportCase kImports[] = {
     {"other", What::kLeaf, kImportOther, CM::ImportCertOk},
-    {"other_of_unknown_mode", What::kRoot, kImportOther, CM::ImportCertOk},
-    {"trusted", What::kRoot, kImportTrusted, CM::ImportCertOk, {}, Pin::kOfficer},
-    {"trusted_not_ca", What::kLeaf, kImportTrusted, CM::ImportCertWarningTrustedNotCA, {}, Pin::kOfficer},
+    {"trusted", What::kRoot, kImportTrusted, CM::ImportCertOk, {}, true},
+    {"trusted_not_ca", What::kLeaf, kImportTrusted, CM::ImportCertWarningTrustedNotCA, {}, true},
     {"personal_beside_its_key", What::kLeafBesideKey, kImportPersonal, CM::ImportCertOk},
     {"personal_with_key", What::kLeafWithKey, kImportPersonal, CM::ImportCertOk},
+    {"personal_still_encrypted", What::kLeafStillEncrypted, kImportPersonal, CM::ImportCertOk},
     {"personal_without_key", What::kLeaf, kImportPersonal, CM::ImportCertErrorNotPersonal},
     {"unusable", What::kUnknownCritical, kImportOther, CM::ImportCertErrorUnknownCriticalExtension},
     {"trusted_by_the_user", What::kRoot, kImportTrusted, CM::ImportCertErrorLoginSO},
-    {"other_logged_out", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, Pin::kNone, false},
-    {"other_with_wrong_pin", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, Pin::kWrong, false},
-    {"key_logged_out", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorLogin, {}, Pin::kNone, false},
+    {"other_logged_out", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, false, false},
+    {"key_logged_out", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorLogin, {}, false, false},
     {"other_token_gone", What::kLeaf, kImportOther, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
     {"trusted_token_gone", What::kRoot, kImportTrusted, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
-    {"key_token_gone", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
     {"other_refused", What::kLeaf, kImportOther, CM::ImportCertError, {"fail C_CreateObject CKR_DEVICE_MEMORY"}},
     {"trusted_refused",
      What::kRoot,
      kImportTrusted,
      CM::ImportCertError,
      {"fail C_CreateObject CKR_DEVICE_MEMORY"},
-     Pin::kOfficer},
+     true},
     {"trusted_not_ca_refused",
      What::kLeaf,
      kImportTrusted,
      CM::ImportCertErrorNotTrusted,
      {"fail C_CreateObject CKR_DEVICE_MEMORY"},
-     Pin::kOfficer},
+     true},
     {"beside_key_refused",
      What::kLeafWithKey,
      kImportPersonal,
@@ -167,35 +164,22 @@ TEST_F(Changes, TokenRemovedInMidImport) {
 TEST_F(Changes, Exports) {
     ImportAll();
     const CertInfo info = store().personalCerts[0]->info;
-    struct Case {
-        CertExportFormat format;
-        bool chain;
-        bool key;
-        CM::CertExportResult expected;
-        std::size_t certs;
-    };
-    const Case cases[] = {
-        {kExportDer, true, true, CM::ExportCertOk, 1},
-        {kExportPem, true, true, CM::ExportCertOk, 1},
-        {kExportPkcs7, false, true, CM::ExportCertOk, 1},
-        {kExportPkcs7, true, false, CM::ExportCertOk, 2},
-        {kExportPkcs12, true, true, CM::ExportCertOk, 2},
-        {kExportPkcs12, false, false, CM::ExportCertOk, 1},
-        {CertExportFormat(5), true, true, CM::ExportCertUnknownFormat, 0},
-    };
-    for (const Case& c : cases) {
-        std::string out;
-        EXPECT_EQ(store().ExportCertificate(token_.info, info, c.format, kPassword, c.chain, c.key, out), c.expected);
-        if (c.certs == 0) continue;
-        const X509CertFile file(out, kPassword);
-        ASSERT_EQ(file.certs.size(), c.certs) << c.format;
-        EXPECT_EQ(file.certs[0]->privKeyHandle != nullptr, c.format == kExportPkcs12 && c.key);
+    for (const bool more : {true, false}) {  // chain and key, or neither
+        for (const CertExportFormat format : {kExportDer, kExportPem, kExportPkcs7, kExportPkcs12}) {
+            std::string out;
+            ASSERT_EQ(store().ExportCertificate(token_.info, info, format, kPassword, more, more, out), 1U);
+            const X509CertFile file(out, kPassword);
+            ASSERT_EQ(file.certs.size(), more && format >= kExportPkcs7 ? 2U : 1U) << format;
+            EXPECT_EQ(file.certs[0]->privKeyHandle != nullptr, more && format == kExportPkcs12);
+        }
     }
     std::string out;
     const auto export_key = [&](const CertInfo& what) {
         return store().ExportCertificate(token_.info, what, kExportPkcs12, kPassword, false, true, out);
     };
     EXPECT_EQ(export_key(CertInfo{}), CM::ExportCertNotFound);
+    EXPECT_EQ(store().ExportCertificate(token_.info, info, CertExportFormat(5), "", true, true, out),
+              CM::ExportCertUnknownFormat);
     EXPECT_EQ(export_key(store().trustedCerts[0]->info), CM::ExportCertErrorPrivKey);
     tokens::Logout(token_.info);
     EXPECT_EQ(export_key(info), CM::ExportCertErrorLogin);
@@ -282,7 +266,6 @@ TEST_F(Changes, ImportOptionsFollowTheKey) {
     EXPECT_EQ(option_of(Leaf().der).mode, kImportOther);
     Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
     EXPECT_EQ(option_of(Leaf().der).mode, kImportPersonal);
-    EXPECT_EQ(option_of(Leaf().der).info.subject, "CN=leaf, O=Test");
 }
 
 }  // namespace

@@ -16,14 +16,16 @@ using CM::X509CertFile;
 using test_pki::Cert;
 
 /// A key pair, its certificate and CA, and a CRL, as files that commands can use: user.key, user.pem, ca.pem, crl.pem.
-class FileTest : public EngineTest {
+class FileTest : public testing::Test {
   protected:
     FileTest() {
+        CM::CertEngine_Init();
         Write("user.key", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(user_.key)));
         Write("user.pem", user_.Pem());
         Write("ca.pem", ca_.Pem());
         Write("crl.pem", test_pki::ToPem("X509 CRL", crl_));
     }
+    ~FileTest() override { CM::CertEngine_Finit(); }
     void Write(const std::string& name, const std::string& content) const {
         std::ofstream(directory_ / name) << content;
     }
@@ -162,29 +164,11 @@ TEST_F(FileTest, OtherProgramsReadOurs) {
     }
 }
 
-// Several keys stay encrypted; each goes with its own certificate, also one that the file had in the clear.
+// Several keys stay encrypted; each goes with its own certificate.
 TEST_F(FileTest, KeysThatStayEncrypted) {
     const Cert second = test_pki::MakeLeaf("CN=second", ca_);
-    Write("second.key", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(second.key)));
-    const std::string first = MakePkcs12(user_.key, {user_.der, ca_.der});
-    const std::string other = MakePkcs12(second.key, {second.der});
-    STACK_OF(PKCS7)* all = sk_PKCS7_new_null();
-    for (const std::string& der : {other, first}) {
-        const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-        PKCS12* const file = d2i_PKCS12(nullptr, &p, static_cast<long>(der.size()));
-        STACK_OF(PKCS7)* const safes = PKCS12_unpack_authsafes(file);
-        while (PKCS7* const safe = sk_PKCS7_shift(safes)) sk_PKCS7_push(all, safe);
-        sk_PKCS7_free(safes);
-        PKCS12_free(file);
-    }
-    PKCS12* const both = PKCS12_add_safes(all, 0);
-    sk_PKCS7_pop_free(all, PKCS7_free);
-    unsigned char* der = nullptr;
-    const int length = i2d_PKCS12(both, &der);
-    const std::string content(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-    OPENSSL_free(der);
-    PKCS12_free(both);
-
+    const std::string content =
+        JoinPkcs12({MakePkcs12(second.key, {second.der}), MakePkcs12(user_.key, {user_.der, ca_.der})});
     const X509CertFile file(content, kPassword);
     ASSERT_EQ(file.certs.size(), 3U);
     const std::string* const expected[] = {&second.der, &user_.der, &ca_.der};
@@ -212,11 +196,7 @@ std::string KeyUnder(X509_ALGOR* algorithm) {
     PKCS12* const file = PKCS12_add_safes(safes, 0);
     sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
     sk_PKCS7_pop_free(safes, PKCS7_free);
-    std::string der(static_cast<std::size_t>(i2d_PKCS12(file, nullptr)), '\0');
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
-    i2d_PKCS12(file, &out);
-    PKCS12_free(file);
-    return der;
+    return Encoded(file);
 }
 
 // A file decides how much work it makes: within limits.

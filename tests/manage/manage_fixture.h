@@ -1,6 +1,8 @@
 // The store on a SoftHSM2 token behind the module that makes trouble.
 #pragma once
 
+#include <openssl/pkcs12.h>
+
 #include <list>
 #include <string>
 #include <vector>
@@ -18,11 +20,10 @@ inline constexpr const char* kPassword = "pass word";
 /// A file with a key, its certificate first; cheap to open unless it claims another number of iterations.
 std::string MakePkcs12(const test_pki::Key& key, const std::vector<std::string>& certs_der, int mac_iterations = 2);
 
-class EngineTest : public testing::Test {
-  protected:
-    EngineTest() { CM::CertEngine_Init(); }
-    ~EngineTest() override { CM::CertEngine_Finit(); }
-};
+/// The contents of several files in one, which has no integrity check.
+std::string JoinPkcs12(const std::vector<std::string>& files);
+/// Takes over the file.
+std::string Encoded(PKCS12* file);
 
 /// One token, logged in, and the started store.
 class ManageTest : public token_test::TokenTest {

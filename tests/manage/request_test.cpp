@@ -33,7 +33,7 @@ TEST_F(Requests, OpenSslVerifiesEveryKeyAndHash) {
             for (const pki_alg_t hash : mechanism.hashAlgs) {
                 std::string pem;
                 ASSERT_EQ(CMT_MakeCertRequest(token_.info, Wanted(mechanism.keyAlg, bits, hash), pem), 0U)
-                    << mechanism.keyAlg << ' ' << bits << ' ' << hash << testing::PrintToString(reports_.All());
+                    << mechanism.keyAlg << ' ' << bits << ' ' << hash;
                 const std::string path = directory_ / "request.pem";
                 std::ofstream(path) << pem;
                 const auto result = test_support::Run({"openssl", "req", "-verify", "-noout", "-in", path});
@@ -47,31 +47,7 @@ TEST_F(Requests, OpenSslVerifiesEveryKeyAndHash) {
             }
         }
     }
-    EXPECT_GE(made, 20U);
-}
-
-TEST_F(Requests, MechanismsOffered) {
-    std::list<CertRequestKeyInfo> mechanisms;
-    CMT_EnumCertRequestMechanisms(token_.info, mechanisms);
-    const auto offer = [&](pki_alg_t key) {
-        for (const CertRequestKeyInfo& mechanism : mechanisms) {
-            if (mechanism.keyAlg == key) return mechanism;
-        }
-        return CertRequestKeyInfo{};
-    };
-    const auto has = [&](pki_alg_t key, pki_alg_t hash) {
-        const std::vector<pki_alg_t> hashes = offer(key).hashAlgs;
-        return std::find(hashes.begin(), hashes.end(), hash) != hashes.end();
-    };
-    using Sizes = std::vector<std::uint32_t>;
-    EXPECT_EQ(offer(PKI_KEY_RSA).keySizes, (Sizes{512, 1024, 2048, 4096, 8192, 16384}));
-    EXPECT_EQ(offer(PKI_KEY_DSA).keySizes, (Sizes{512, 1024}));
-    EXPECT_EQ(offer(PKI_KEY_EC).keySizes, (Sizes{256, 384, 521}));
-    EXPECT_EQ(offer(PKI_KEY_ED25519).keySizes, Sizes{256});
-    EXPECT_EQ(offer(PKI_KEY_ED25519).hashAlgs, std::vector<pki_alg_t>{PKI_HASH_NONE});
-    EXPECT_TRUE(has(PKI_KEY_RSA, PKI_HASH_MD5) && has(PKI_KEY_RSA, PKI_HASH_SHA512));
-    EXPECT_TRUE(has(PKI_KEY_DSA, PKI_HASH_SHA1) && has(PKI_KEY_DSA, PKI_HASH_SHA256));
-    EXPECT_FALSE(has(PKI_KEY_DSA, PKI_HASH_SHA384) || has(PKI_KEY_EC, PKI_HASH_MD5));
+    EXPECT_EQ(made, 31U);  // RSA 2 x 6, DSA 3, curves 3 x 5, Ed25519
 }
 
 TEST_F(Requests, FailuresLeaveNoKey) {
