@@ -4,7 +4,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <list>
-#include <ranges>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -186,8 +185,9 @@ void ReloadPass::ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo
     }
     if (complete) return;
     failures_.emplace(token.id, kReloadCRLs);
-    const auto of_token = [&](const auto& old) { return old.first.first == token.id; };
-    for (const auto& [key, crl] : old_crls_ | std::views::filter(of_token)) crls_.push_back(crl);
+    for (const auto& [key, crl] : old_crls_) {
+        if (key.first == token.id) crls_.push_back(crl);
+    }
 }
 
 /// The store's object of a CRL that is still the same, once: a large one is not read anew.
