@@ -1,7 +1,4 @@
 // The library, slots and tokens; and the list of functions, the only symbol of the module.
-#include <algorithm>
-#include <cstring>
-
 #include "tokens/gost/entry.h"
 
 namespace gost_token {
@@ -11,12 +8,6 @@ constexpr std::string_view kMaker = "certmgr";
 constexpr std::string_view kLibraryName = "GOST token in software";
 constexpr CK_VERSION kInterfaceVersion{2, 40};
 constexpr CK_VERSION kLibraryVersion{0, 1};
-
-template <std::size_t Size>
-void Fill(unsigned char (&field)[Size], std::string_view text) {
-    std::memset(field, ' ', Size);
-    std::memcpy(field, text.data(), std::min(Size, text.size()));
-}
 
 /// Never destroyed: a call may come while the process ends.
 union Current {

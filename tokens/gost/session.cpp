@@ -47,11 +47,11 @@ Operation::Operation(const Engine& engine, const CK_MECHANISM* mechanism, CK_FLA
     if (mechanism_->hash) hash_.emplace(engine, *mechanism_->hash);
 }
 
-void Operation::UseKey(const Engine& engine, const Attributes& object, CK_OBJECT_CLASS wanted_class,
-                       CK_ATTRIBUTE_TYPE use) {
-    Require(object.Number(CKA_CLASS) == wanted_class, CKR_KEY_HANDLE_INVALID);
+void Operation::UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use) {
+    const bool signs = use == CKF_SIGN;
+    Require(object.Number(CKA_CLASS) == (signs ? CKO_PRIVATE_KEY : CKO_PUBLIC_KEY), CKR_KEY_HANDLE_INVALID);
     Require(object.Number(CKA_KEY_TYPE) == mechanism_->key_type, CKR_KEY_TYPE_INCONSISTENT);
-    Require(object.Flag(use), CKR_KEY_FUNCTION_NOT_PERMITTED);
+    Require(object.Flag(signs ? CKA_SIGN : CKA_VERIFY), CKR_KEY_FUNCTION_NOT_PERMITTED);
     key_ = KeyOf(engine, object);
     Require(!mechanism_->hash || key_->kind().hash == *mechanism_->hash, CKR_KEY_TYPE_INCONSISTENT);
 }
@@ -176,12 +176,16 @@ void Session::EndDigest(std::string_view data, const Output& output) {
     output.Put(operation->Finish(data));
 }
 
-void Session::StartSign(const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
+void Session::StartWithKey(Running& operation, const CK_MECHANISM* mechanism, CK_FLAGS use, CK_OBJECT_HANDLE key) {
     const Lock lock(mutex_);
-    Require(!sign_.has_value(), CKR_OPERATION_ACTIVE);
-    Operation operation(engine_, mechanism, CKF_SIGN);
-    operation.UseKey(engine_, *token_->FindKey(key), CKO_PRIVATE_KEY, CKA_SIGN);
-    sign_ = std::move(operation);
+    Require(!operation.has_value(), CKR_OPERATION_ACTIVE);
+    Operation started(engine_, mechanism, use);
+    started.UseKey(engine_, *token_->FindKey(key), use);
+    operation = std::move(started);
+}
+
+void Session::StartSign(const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
+    StartWithKey(sign_, mechanism, CKF_SIGN, key);
 }
 
 void Session::UpdateSign(std::string_view data) {
@@ -196,11 +200,7 @@ void Session::EndSign(std::string_view data, const Output& output) {
 }
 
 void Session::StartVerify(const CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key) {
-    const Lock lock(mutex_);
-    Require(!verify_.has_value(), CKR_OPERATION_ACTIVE);
-    Operation operation(engine_, mechanism, CKF_VERIFY);
-    operation.UseKey(engine_, *token_->FindKey(key), CKO_PUBLIC_KEY, CKA_VERIFY);
-    verify_ = std::move(operation);
+    StartWithKey(verify_, mechanism, CKF_VERIFY, key);
 }
 
 void Session::UpdateVerify(std::string_view data) {

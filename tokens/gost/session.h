@@ -25,8 +25,8 @@ class Operation {
   public:
     Operation(const Engine& engine, const CK_MECHANISM* mechanism, CK_FLAGS use);
 
-    /// The key that signs (CKA_SIGN) or verifies (CKA_VERIFY). Fails with what is wrong with the object.
-    void UseKey(const Engine& engine, const Attributes& object, CK_OBJECT_CLASS wanted_class, CK_ATTRIBUTE_TYPE use);
+    /// The key that signs (CKF_SIGN) or verifies (CKF_VERIFY). Fails with what is wrong with the object.
+    void UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use);
     void Update(std::string_view data);
     /// The digest: of what was given, or what was given itself.
     std::string Finish(std::string_view data);
@@ -75,6 +75,7 @@ class Session {
   private:
     using Running = std::optional<Operation>;
     static Operation& Started(Running& operation);
+    void StartWithKey(Running& operation, const CK_MECHANISM* mechanism, CK_FLAGS use, CK_OBJECT_HANDLE key);
     void Update(Running& operation, std::string_view data);
 
     const Engine& engine_;

@@ -1,8 +1,5 @@
 #include "tokens/gost/token.h"
 
-#include <algorithm>
-#include <cstring>
-
 namespace gost_token {
 namespace {
 
@@ -13,12 +10,6 @@ using Lock = std::lock_guard<std::mutex>;
 constexpr std::size_t kMaxTokenFileBytes = 64U << 10;
 constexpr std::string_view kManufacturer = "certmgr";
 constexpr std::string_view kModel = "GOST in software";
-
-template <std::size_t Size>
-void Fill(unsigned char (&field)[Size], std::string_view text) {
-    std::memset(field, ' ', Size);
-    std::memcpy(field, text.data(), std::min(Size, text.size()));
-}
 
 }  // namespace
 

@@ -2,6 +2,8 @@
 // whose folder does not exist.
 #pragma once
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -13,6 +15,13 @@
 #include "tokens/gost/token_file.h"
 
 namespace gost_token {
+
+/// A text of PKCS #11: of fixed width, padded with blanks.
+template <std::size_t Size>
+void Fill(unsigned char (&field)[Size], std::string_view text) {
+    std::memset(field, ' ', Size);
+    std::memcpy(field, text.data(), std::min(Size, text.size()));
+}
 
 /// What a session is to its token.
 struct SessionView {
