@@ -119,10 +119,10 @@ test_support::ProcessResult Client::Probe(std::uint16_t port, const std::vector<
     return test_support::Run(words);
 }
 
-std::unique_ptr<test_support::Process> Client::Respond(const std::vector<std::string>& options,
-                                                       std::uint16_t& port) const {
+std::unique_ptr<test_support::Process> Client::Respond(const std::vector<std::string>& options, std::uint16_t& port,
+                                                       bool only_one) const {
     std::vector<std::string> words = Words("respond", options);
-    words.insert(words.end(), {"--port", "0", "--count", "1"});
+    words.insert(words.end(), {"--port", "0", "--count", only_one ? "1" : "0"});
     auto process = std::make_unique<test_support::Process>(words);
     const std::string mark = "listens on 127.0.0.1:";
     if (!process->WaitForOutput("carries no traffic")) throw std::runtime_error(process->Out() + process->Err());

@@ -64,8 +64,9 @@ class Client {
 
     /// `ikeauth` with the settings and the rule, run to its end.
     test_support::ProcessResult Probe(std::uint16_t port, const std::vector<std::string>& options) const;
-    /// Answers one initiator. The port is in `port` when this returns.
-    std::unique_ptr<test_support::Process> Respond(const std::vector<std::string>& options, std::uint16_t& port) const;
+    /// Answers initiators, one or until it is told to stop. The port is in `port` when this returns.
+    std::unique_ptr<test_support::Process> Respond(const std::vector<std::string>& options, std::uint16_t& port,
+                                                   bool only_one = true) const;
     const test_support::TempDir& dir() const { return dir_; }
 
   private:

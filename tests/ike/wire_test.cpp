@@ -1,0 +1,243 @@
+// Two ikeauth on loopback, a probe at ports where something else is, and a responder among strangers.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <openssl/rand.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "ike/sa/initiator.h"
+#include "tests/ike/charon.h"
+
+namespace ike_test {
+namespace {
+
+using test_pki::Cert;
+
+/// Two hosts under one root.
+class WireTest : public testing::Test {
+  protected:
+    static Cert Host(const std::string& name, const Cert& root) {
+        return test_pki::MakeCert({.subject = "CN=" + name,
+                                   .key_usage = "digitalSignature",
+                                   .eku = {"ipsecIKE"},
+                                   .san = {"DNS:" + name + ".example"}},
+                                  &root);
+    }
+    Client::Contents Contents(const std::string& name) const {
+        return {.own = {Host(name, root_)},
+                .trusted = {root_},
+                .preshared_key = "one key for both",
+                .rule = "id_local = [{fqdn = \"" + name + ".example\"}]\n"};
+    }
+    test_support::ProcessResult Exchange(const std::vector<std::string>& initiator,
+                                         const std::vector<std::string>& responder,
+                                         test_support::ProcessResult* other = nullptr) const {
+        std::uint16_t port = 0;
+        const auto process = bob_.Respond(responder, port);
+        const auto result = alice_.Probe(port, initiator);
+        const auto bobs = process->Wait();
+        if (other != nullptr) *other = bobs;
+        return result;
+    }
+
+    const Cert root_ = test_pki::MakeCa("CN=Root");
+    const Client alice_{Contents("alice")};
+    const Client bob_{Contents("bob")};
+};
+
+TEST_F(WireTest, BothSidesSayTheSame) {
+    struct Case {
+        std::vector<std::string> initiator;
+        std::vector<std::string> responder;
+        int initiator_code;
+        int responder_code;
+        std::string initiator_text;
+        std::string responder_text;
+    };
+    const std::vector<Case> cases = {
+        {{}, {}, 0, 0, "no child SA", "signature right"},
+        {{"--child"}, {}, 0, 0, "deleted at once", "deleted at once"},
+        {{"--payload", "pkcs7"}, {"--payload", "pkcs7"}, 0, 0, "PKCS #7 payloads", "PKCS #7 payloads"},
+        {{}, {"--cookies"}, 0, 0, "N(COOKIE)", ""},
+        {{}, {"--proposal", "aes128-sha512-modp2048"}, 0, 0, "N(INVALID_KE_PAYLOAD)", "MODP-2048"},
+        {{"--fragment-bytes", "300"}, {"--fragment-bytes", "300"}, 0, 0, "fragments", "fragments"},
+        {{"--classic"}, {}, 0, 0, "ECDSA with SHA-256 on P-256", ""},
+        {{"--psk", "shared"}, {"--psk", "shared"}, 0, 0, "preshared key right", "preshared key right"},
+        {{"--psk", "shared"}, {}, 15, 16, "AUTHENTICATION_FAILED", "method-refused"},
+        {{"--psk", "unknown"}, {"--time-out", "1"}, 13, 14, "no-preshared-key", "auth-silent"},
+        {{"--damage-signature"}, {}, 15, 16, "peer-refused", "signature-wrong"},
+        {{}, {"--damage-signature"}, 16, 15, "signature-wrong", "peer-refused"},
+        {{"--proposal", "aes128-sha256-ecp256"},
+         {"--proposal", "aes256gcm16-sha256-ecp256"},
+         12,
+         12,
+         "NO_PROPOSAL_CHOSEN",
+         "proposals-refused"},
+    };
+    for (const Case& c : cases) {
+        test_support::ProcessResult bob;
+        const auto alice = Exchange(c.initiator, c.responder, &bob);
+        const std::string everything = alice.out + alice.err + "\n--- bob:\n" + bob.out + bob.err;
+        EXPECT_EQ(alice.exit_code, c.initiator_code) << everything;
+        EXPECT_EQ(bob.exit_code, c.responder_code) << everything;
+        EXPECT_NE(alice.out.find(c.initiator_text), std::string::npos) << c.initiator_text << everything;
+        EXPECT_NE(bob.out.find(c.responder_text), std::string::npos) << c.responder_text << everything;
+    }
+    for (const char* words : {"aes256", "aes256-sha256", "aes256-rot13-ecp256", "aes256-aes256gcm16-sha256-ecp256"}) {
+        EXPECT_EQ(alice_.Probe(1, {"--proposal", words}).exit_code, 2) << words;
+    }
+}
+
+/// A UDP socket on 127.0.0.1, which answers each datagram with what it is told to; without a word, never.
+class Stranger {
+  public:
+    explicit Stranger(std::string answer) : answer_(std::move(answer)), fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { Serve(); });
+    }
+    ~Stranger() {
+        stopping_ = true;
+        sockaddr_in address{AF_INET, htons(port_), {htonl(INADDR_LOOPBACK)}, {}};
+        sendto(fd_, "", 0, 0, reinterpret_cast<sockaddr*>(&address), sizeof address);  // wakes it
+        thread_.join();
+        close(fd_);
+    }
+    Stranger(const Stranger&) = delete;
+    Stranger& operator=(const Stranger&) = delete;
+    std::uint16_t port() const { return port_; }
+
+  private:
+    void Serve() {
+        char buffer[4096];
+        while (!stopping_) {
+            sockaddr_in from{};
+            socklen_t size = sizeof from;
+            recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &size);
+            if (answer_.empty() || stopping_) continue;
+            sendto(fd_, answer_.data(), answer_.size(), 0, reinterpret_cast<sockaddr*>(&from), size);
+        }
+    }
+
+    std::string answer_;
+    int fd_;
+    std::uint16_t port_ = 0;
+    std::atomic<bool> stopping_ = false;
+    std::thread thread_;
+};
+
+TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
+    struct Case {
+        std::string answer;
+        std::string verdict;
+        int exit_code;
+    };
+    for (const Case& c : std::vector<Case>{{"", "silent", 10}, {"no such service\n", "not-ike", 11}}) {
+        const Stranger stranger(c.answer);
+        const auto start = std::chrono::steady_clock::now();
+        const auto result = alice_.Probe(stranger.port(), {"--time-out", "1", "--json"});
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+        EXPECT_EQ(result.exit_code, c.exit_code) << result.out;
+        const nlohmann::json report = nlohmann::json::parse(result.out);
+        EXPECT_EQ(report["verdict"], c.verdict);
+        EXPECT_EQ(report["stage"], "reach");
+        EXPECT_FALSE(report["advice"].get<std::string>().empty());
+    }
+    const auto closed = alice_.Probe(FreeUdpPort(), {});
+    EXPECT_EQ(closed.exit_code, 10);
+    EXPECT_NE(closed.out.find("verdict: unreachable"), std::string::npos) << closed.out;
+}
+
+/// Datagrams of all kinds of wrong: noise, headers with noise behind, and IKE_SA_INIT with bits turned.
+class Noise {
+  public:
+    Noise() {
+        ikeauth::ExchangeSettings settings;
+        static const LPCFG::auth_ike_t rule;
+        settings.rule = &rule;
+        settings.preshared_key = "none";
+        ikeauth::Report report;
+        const ikeauth::Endpoints endpoints{"123456", "123456"};
+        ikeauth::Initiator initiator(settings, endpoints, report);
+        initiator.Start({});
+        init_ = initiator.TakeOutgoing().front();
+    }
+    std::string Next(unsigned number) {
+        std::string bytes = ikeauth::RandomBytes(1 + number * 7 % 600);
+        if (number % 3 == 0) return bytes;
+        if (number % 3 == 1) {
+            bytes.resize(std::max<std::size_t>(bytes.size(), 28));
+            bytes[17] = 0x20;
+            bytes[18] = static_cast<char>(34 + number % 4);
+            bytes.replace(24, 4,
+                          std::string{0, 0, static_cast<char>(bytes.size() >> 8), static_cast<char>(bytes.size())});
+            return bytes;
+        }
+        std::string init = init_;
+        std::copy_n(bytes.data(), std::min<std::size_t>(bytes.size(), 8), init.data());  // an SPI of its own
+        init[28 + number % (init.size() - 28)] ^= static_cast<char>(1U << number % 8);
+        return init;
+    }
+
+  private:
+    std::string init_;
+};
+
+TEST_F(WireTest, TheResponderOutlivesStrangers) {
+    const char* wanted = std::getenv("IKE_RANDOM_DATAGRAMS");  // a million takes a minute
+    const unsigned count = wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : 20000;
+    std::uint16_t port = 0;
+    const auto bob = bob_.Respond({"--quiet"}, port, false);
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    Noise noise;
+    for (unsigned i = 0; i < count; ++i) {
+        const std::string datagram = noise.Next(i);
+        ASSERT_GE(send(fd, datagram.data(), datagram.size(), 0), 0) << "gone after " << i;
+    }
+    close(fd);
+    const auto alice = alice_.Probe(port, {});
+    EXPECT_EQ(alice.exit_code, 0) << alice.out;
+    bob->Kill(SIGTERM);
+    EXPECT_EQ(bob->Wait().exit_code, 0);
+}
+
+TEST_F(WireTest, TsharkFindsNothingMalformed) {
+    if (test_support::Run({"tshark", "--version"}).exit_code != 0) GTEST_SKIP() << "tshark is not installed";
+    for (const char* proposal : {"aes256gcm16-sha384-ecp384", "aes256-sha256-x25519"}) {
+        const test_support::TempDir home;
+        const std::filesystem::path table = home / ".config" / "wireshark" / "ikev2_decryption_table";
+        create_directories(table.parent_path());
+        std::uint16_t port = 0;
+        const auto bob = bob_.Respond({}, port);
+        ASSERT_EQ(
+            alice_.Probe(port, {"--child", "--proposal", proposal, "--pcap", home / "pcap", "--keys", table}).exit_code,
+            0);
+        const auto shown = test_support::Run(
+            {"tshark", "-r", home / "pcap", "-d", "udp.port==" + std::to_string(port) + ",udpencap", "-V"},
+            {{"HOME", home.path()}, {"XDG_CONFIG_HOME", home / ".config"}});
+        for (const char* payload : {"Identification - Initiator", "Certificate Request", "Authentication",
+                                    "Identification - Responder", "Traffic Selector - Responder", "Delete"}) {
+            EXPECT_NE(shown.out.find("Payload: " + std::string(payload)), std::string::npos) << payload << shown.out;
+        }
+        EXPECT_EQ(shown.out.find("alformed"), std::string::npos) << shown.out;
+        EXPECT_EQ(shown.out.find("incorrect"), std::string::npos) << shown.out;
+    }
+}
+
+}  // namespace
+}  // namespace ike_test
