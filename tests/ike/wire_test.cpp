@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "ike/sa/initiator.h"
+#include "ike/sa/server.h"
 #include "tests/ike/charon.h"
 
 namespace ike_test {
@@ -165,15 +166,20 @@ TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
 class Noise {
   public:
     Noise() {
-        ikeauth::ExchangeSettings settings;
-        static const LPCFG::auth_ike_t rule;
-        settings.rule = &rule;
-        settings.preshared_key = "none";
         ikeauth::Report report;
         const ikeauth::Endpoints endpoints{"123456", "123456"};
+        const ikeauth::ExchangeSettings settings = Settings();
         ikeauth::Initiator initiator(settings, endpoints, report);
         initiator.Start({});
         init_ = initiator.TakeOutgoing().front();
+    }
+    /// Without certificates, and so without the module.
+    static ikeauth::ExchangeSettings Settings() {
+        static const LPCFG::auth_ike_t rule;
+        ikeauth::ExchangeSettings settings;
+        settings.rule = &rule;
+        settings.preshared_key = "none";
+        return settings;
     }
     std::string Next(unsigned number) {
         std::string bytes = ikeauth::RandomBytes(1 + number * 7 % 600);
@@ -196,16 +202,33 @@ class Noise {
     std::string init_;
 };
 
-TEST_F(WireTest, TheResponderOutlivesStrangers) {
+TEST(ServerTest, OutlivesStrangers) {
     const char* wanted = std::getenv("IKE_RANDOM_DATAGRAMS");  // a million takes a minute
-    const unsigned count = wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : 20000;
+    const unsigned count = wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : 50000;
+    const ikeauth::ExchangeSettings settings = Noise::Settings();
+    ikeauth::Server server(settings, {}, false);
+    Noise noise;
+    ikeauth::Time now{};
+    for (unsigned i = 0; i < count; ++i) {
+        now += std::chrono::milliseconds(1);
+        server.Receive("peer " + std::to_string(i % 50), {"123456", "123456"}, noise.Next(i), now);
+        server.Tick(now);
+        server.TakeOutgoing();
+        ASSERT_LE(server.size(), ikeauth::kMaxHalfOpen);
+    }
+    server.Tick(now + std::chrono::minutes(1));
+    EXPECT_EQ(server.size(), 0U);
+}
+
+TEST_F(WireTest, TheResponderOutlivesStrangers) {
+    constexpr unsigned kCount = 20000;
     std::uint16_t port = 0;
     const auto bob = bob_.Respond({"--quiet"}, port, false);
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
     Noise noise;
-    for (unsigned i = 0; i < count; ++i) {
+    for (unsigned i = 0; i < kCount; ++i) {
         const std::string datagram = noise.Next(i);
         ASSERT_GE(send(fd, datagram.data(), datagram.size(), 0), 0) << "gone after " << i;
     }
