@@ -70,6 +70,7 @@ TEST(GostRestart, StartsAndStopsLeakNothing) {
 /// The host's own use of libcrypto is as it was: no error is left behind, no default is the engine's.
 TEST(GostRestart, TheProcessKeepsItsDefaults) {
     const test_support::TempDir directory;
+    ERR_clear_error();
     {
         const Module module(GOST_TOKEN_PATH, directory / "state");
         EXPECT_EQ(module.result, CKR_OK);
