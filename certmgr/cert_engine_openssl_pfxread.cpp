@@ -273,11 +273,11 @@ bool Pkcs12File::ReadEncryptedKey(const PKCS12_SAFEBAG* bag) {
 /// Whether one of the passwords opens it. The one that does is tried first from then on.
 template <typename Open>
 bool Pkcs12File::TryPasswords(std::uint64_t iterations, Open open) {
-    for (std::size_t i = 0; i < passwords_.size(); ++i) {
+    for (PasswordBytes& password : passwords_) {
         const ErrorMark mark;
         if (!budget_.Take(iterations)) return Refuse();
-        if (!open(passwords_[i])) continue;
-        std::swap(passwords_[0], passwords_[i]);
+        if (!open(password)) continue;
+        std::swap(passwords_.front(), password);
         return true;
     }
     return false;

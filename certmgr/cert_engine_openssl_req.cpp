@@ -9,7 +9,6 @@
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
 
-using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
 using cert_engine::Owner;
 
