@@ -13,23 +13,19 @@
 namespace gost_test {
 namespace {
 
-/// Starts and stops everything, a signature made in between.
-void RunOnce(const std::string& directory, const std::string& pin) {
-    CM::CertEngine_Init();
-    {
-        const Module module(GOST_TOKEN_PATH, directory);
-        const CK_SESSION_HANDLE session = module.Open();
-        EXPECT_EQ(module.Login(session, pin), CKR_OK);
-        const auto keys = module.Find(session);
-        ASSERT_EQ(keys.size(), 2U);
-        CK_MECHANISM mechanism{CKM_GOSTR3410_WITH_GOSTR3411_2012_256, nullptr, 0};
-        std::string signature(64, '\0');
-        CK_ULONG size = signature.size();
-        const bool first = module->C_SignInit(session, &mechanism, keys[0]) == CKR_OK;
-        EXPECT_TRUE(first || module->C_SignInit(session, &mechanism, keys[1]) == CKR_OK);
-        EXPECT_EQ(module->C_Sign(session, Bytes(pin), 1, Bytes(signature), &size), CKR_OK);
-    }
-    CM::CertEngine_Finit();
+/// Loads the token, signs, and lets it go.
+void UseToken(const std::string& directory, const std::string& pin) {
+    const Module module(GOST_TOKEN_PATH, directory);
+    const CK_SESSION_HANDLE session = module.Open();
+    EXPECT_EQ(module.Login(session, pin), CKR_OK);
+    const auto keys = module.Find(session);
+    ASSERT_EQ(keys.size(), 2U);
+    CK_MECHANISM mechanism{CKM_GOSTR3410_WITH_GOSTR3411_2012_256, nullptr, 0};
+    std::string signature(64, '\0');
+    CK_ULONG size = signature.size();
+    const bool first = module->C_SignInit(session, &mechanism, keys[0]) == CKR_OK;
+    EXPECT_TRUE(first || module->C_SignInit(session, &mechanism, keys[1]) == CKR_OK);
+    EXPECT_EQ(module->C_Sign(session, Bytes(pin), 1, Bytes(signature), &size), CKR_OK);
 }
 
 /// Bytes that repeating something adds, after what is made once.
@@ -59,11 +55,17 @@ TEST(GostRestart, StartsAndStopsLeakNothing) {
     }
     // The loader itself keeps some bytes of each load: the module stays.
     void* const loaded = dlopen(GOST_TOKEN_PATH, RTLD_NOW);
+    EXPECT_LT(Growth([&] { UseToken(state, pin); }), 2000);
     const long without = Growth([] {
         CM::CertEngine_Init();
         CM::CertEngine_Finit();
     });
-    EXPECT_LT(Growth([&] { RunOnce(state, pin); }), without + 2000);
+    const long with = Growth([&] {
+        CM::CertEngine_Init();
+        UseToken(state, pin);
+        CM::CertEngine_Finit();
+    });
+    EXPECT_LT(with, without + 20000) << "libcrypto's own part differs from run to run";
     dlclose(loaded);
 }
 
