@@ -6,5 +6,6 @@ namespace bench {
 /// Registers all of them. The world must be there.
 void RegisterBenchmarks();
 void RegisterCrlBenchmarks();
+void RegisterIkeBenchmarks();
 
 }  // namespace bench

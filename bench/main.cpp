@@ -43,6 +43,8 @@ const std::vector<Row> kRows = {
     {"64 checks at once for a dead address, time-out 3 s", "checks_of_dead", "", Goal::kTimeBelow, 3.3e6},
     {"1,000 checks while another peer's address hangs / without", "checks_beside_hanging", "checks", Goal::kRatioBelow,
      1.1},
+    {"two ikeauth sides, RSA-2048, from IKE_SA_INIT to the end", "ike_exchange", "", Goal::kReported},
+    {"share of it spent in the module", "ike_exchange", "", Goal::kFigureReported},
 };
 
 }  // namespace
@@ -61,6 +63,7 @@ int main(int argc, char** argv) {
         bench::world = std::make_unique<bench::World>();
         bench::RegisterBenchmarks();
         bench::RegisterCrlBenchmarks();
+        bench::RegisterIkeBenchmarks();
         bench::Medians medians;
         benchmark::RunSpecifiedBenchmarks(&medians);
         bench::world.reset();
