@@ -1,0 +1,123 @@
+#include <map>
+
+#include "certmgr/cert_storage.h"
+#include "cli/commands/commands.h"
+#include "cli/files.h"
+#include "cli/login.h"
+#include "cli/store/names.h"
+#include "cli/terminal/prompt.h"
+
+namespace certmgrctl {
+namespace {
+
+using enum CM::CertExportResult;
+
+struct ExportOptions {
+    std::string name;
+    std::string token;
+    std::string output;
+    std::string format;
+    std::string password_file;
+    std::string pin_file;
+    bool with_chain = false;
+    bool with_key = false;
+    bool force = false;
+};
+
+const std::map<std::string, std::uint32_t> kFormats{
+    {"der", kExportDer}, {"pem", kExportPem}, {"pkcs7", kExportPkcs7}, {"pkcs12", kExportPkcs12}};
+
+/// By the ending of the file's name where no format is named.
+std::uint32_t FormatOf(const ExportOptions& options) {
+    static const std::map<std::string, std::uint32_t> kEndings{{".der", kExportDer},
+                                                               {".p7b", kExportPkcs7},
+                                                               {".p7c", kExportPkcs7},
+                                                               {".p12", kExportPkcs12},
+                                                               {".pfx", kExportPkcs12}};
+    if (!options.format.empty()) return kFormats.at(options.format);
+    const std::size_t dot = options.output.rfind('.');
+    const auto found = dot == std::string::npos ? kEndings.end() : kEndings.find(options.output.substr(dot));
+    if (found != kEndings.end()) return found->second;
+    return options.with_key ? kExportPkcs12 : kExportPem;
+}
+
+void RequireSense(const ExportOptions& options, std::uint32_t format) {
+    if (options.with_key && format != kExportPkcs12) {
+        throw Failure(kExitUsage, "a private key goes into PKCS #12 alone", {"Use --format pkcs12."});
+    }
+    if (options.with_chain && format != kExportPkcs12 && format != kExportPkcs7) {
+        throw Failure(kExitUsage, "a chain goes into PKCS #7 and PKCS #12 alone", {"Use --format pkcs7 or pkcs12."});
+    }
+}
+
+void RequireDone(std::uint32_t result, const StoredCert& cert) {
+    switch (result) {
+        case ExportCertOk:
+            return;
+        case ExportCertNotFound:
+            throw Failure(kExitNotFound, "the certificate is not in the store any more");
+        case ExportCertErrorPrivKey:
+            throw Failure(kExitFailed, "the token does not let the private key out",
+                          {"Only keys that were made or imported with --exportable leave a token."});
+        case ExportCertErrorLogin:
+            throw NotLoggedIn("not exported", cert.token);
+        default:
+            break;
+    }
+    throw Failure(kExitFailed, "the certificate could not be exported", {"The daemon's log says why."});
+}
+
+certmgr_client::Produced Produce(Context& context, const StoredCert& cert, const ExportOptions& options,
+                                 std::uint32_t format) {
+    vpnfc::SecretString password;
+    if (format == kExportPkcs12) {
+        password = ReadNewSecret(options.password_file, "Password of the new file", "Use --password-file FILE.");
+    }
+    if (options.with_key) LogInIfNeeded(context, cert.token, options.pin_file);
+    return context.session.Take(context.session.manager().ExportCertificate(cert.token, cert.info,
+                                                                            {.format = format,
+                                                                             .password = &password,
+                                                                             .with_chain = options.with_chain,
+                                                                             .with_private_key = options.with_key}));
+}
+
+void Export(Context& context, const ExportOptions& options) {
+    const std::uint32_t format = FormatOf(options);
+    RequireSense(options, format);
+    RequireAbsent(options.output, options.force);
+    const StoredCert cert = FindCert(context, options.name, options.token);
+    if (IsKeyPair(cert.info)) throw Failure(kExitFailed, "a key pair without certificate cannot be exported");
+    const certmgr_client::Produced produced = Produce(context, cert, options, format);
+    RequireDone(produced.result, cert);
+    const Access access = options.with_key ? Access::kOwnerOnly : Access::kOthersMayRead;
+    WriteResult(options.output, produced.bytes.get(), access, options.force);
+    if (options.output.empty() || options.output == "-") return;
+    if (context.console.json) {
+        return context.console.PrintJson(Json{{"file", options.output}, {"bytes", produced.bytes.get().size()}});
+    }
+    context.console.Note("Wrote " + options.output + ".");
+}
+
+}  // namespace
+
+void AddExportCommand(CLI::App& app, Context& context) {
+    const auto options = std::make_shared<ExportOptions>();
+    CLI::App* command = app.add_subcommand("export", "Write a certificate to a file")->group(kGroupLook);
+    command->add_option("name", options->name, "Certificate, as for \"show\"")
+        ->required()
+        ->option_text("NAME (required)");
+    AddTokenOption(*command, options->token);
+    command->add_option("-o,--output", options->output, "File; standard output when left out")->option_text("FILE");
+    command->add_option("-f,--format", options->format, "Default by the file's ending (.der .p7b .p12), otherwise pem")
+        ->check(CLI::IsMember({"der", "pem", "pkcs7", "pkcs12"}).description(""))
+        ->option_text("der|pem|pkcs7|pkcs12");
+    command->add_flag("--chain", options->with_chain, "With the certificates of its chain (PKCS #7, PKCS #12)");
+    command->add_flag("--with-key", options->with_key, "With its private key, where the token lets it out (PKCS #12)");
+    command->add_option("--password-file", options->password_file, "Password of a PKCS #12 file; - for standard input")
+        ->option_text("FILE");
+    AddPinOption(*command, options->pin_file);
+    command->add_flag("--force", options->force, "Replace the file if it is there");
+    OnChosen(command, context, options, Export);
+}
+
+}  // namespace certmgrctl

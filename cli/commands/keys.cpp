@@ -1,0 +1,101 @@
+#include "cli/commands/commands.h"
+#include "cli/login.h"
+#include "cli/store/names.h"
+#include "cli/terminal/prompt.h"
+#include "cli/terminal/text.h"
+
+namespace certmgrctl {
+namespace {
+
+using certmgr_client::ListedKey;
+
+struct KeyOptions {
+    std::string name;
+    std::string token;
+    std::string key_file;
+    std::string pin_file;
+    bool yes = false;
+};
+
+Json KeyJson(const ListedKey& key) {
+    return {{"name", key.name}, {"token", ToJson(key.token)}};
+}
+
+void List(Context& context) {
+    const auto keys = context.session.Take(context.session.manager().ListPresharedKeys());
+    if (context.console.json) {
+        Json json = {{"preshared_keys", Json::array()}};
+        for (const ListedKey& key : keys) json["preshared_keys"].push_back(KeyJson(key));
+        return context.console.PrintJson(json);
+    }
+    if (keys.empty()) return context.console.Note("There is no preshared key.");
+    Table table({{"NAME", true}, {"TOKEN", true}});
+    for (const ListedKey& key : keys) table.Add({{key.name}, {key.token.label}});
+    table.Print(context.console);
+}
+
+void Done(const Context& context, const ListedKey& key, const char* json_key, const std::string& text) {
+    if (context.console.json) return context.console.PrintJson(Json{{json_key, KeyJson(key)}});
+    context.console.Print(text + " preshared key " + Quoted(key.name) + " on " + Quoted(key.token.label) + ".");
+}
+
+void Add(Context& context, const KeyOptions& options) {
+    const TokenInfo token = FindToken(context, options.token);
+    LogInIfNeeded(context, token, options.pin_file);
+    const vpnfc::SecretString value =
+        ReadNewSecret(options.key_file, "Key \"" + options.name + "\"", "Use --key-file FILE.");
+    if (!context.session.Take(context.session.manager().CreatePresharedKey(token, options.name, value))) {
+        const TokenInfo now = Refreshed(context, token);
+        if (now.loginRequired && !now.loggedIn) throw NotLoggedIn("not added", token);
+        throw Failure(kExitFailed, "the token did not take the key",
+                      {"Its name may be in use (certmgrctl psk list); the daemon's log says what the token answered."});
+    }
+    Done(context, {.token = token, .name = options.name}, "added", "Added");
+}
+
+bool IsThere(Context& context, const ListedKey& key) {
+    for (const ListedKey& other : context.session.Take(context.session.manager().ListPresharedKeys())) {
+        if (other.name == key.name && other.token.id == key.token.id) return true;
+    }
+    return false;
+}
+
+void Delete(Context& context, const KeyOptions& options) {
+    const ListedKey key = FindKey(context, options.name, options.token);
+    const std::string question = "Delete preshared key \"" + key.name + "\" on \"" + key.token.label + "\"?";
+    if (!options.yes && !Confirmed(question, "Use --yes.")) throw Failure(kExitCancelled, "nothing was deleted");
+    LogInIfNeeded(context, key.token, options.pin_file);
+    context.session.Check(context.session.manager().DeletePresharedKey(key.token, key.name));
+    if (IsThere(context, key)) {
+        const TokenInfo now = Refreshed(context, key.token);
+        if (now.loginRequired && !now.loggedIn) throw NotLoggedIn("not deleted", key.token);
+        throw Failure(kExitFailed, "the token did not delete the key", {"The daemon's log says what it answered."});
+    }
+    Done(context, key, "deleted", "Deleted");
+}
+
+CLI::App* AddNamed(CLI::App& group, const char* name, const char* what, KeyOptions& options) {
+    CLI::App* command = group.add_subcommand(name, what);
+    command->add_option("name", options.name, "Name of the key")->required()->option_text("NAME (required)");
+    AddTokenOption(*command, options.token);
+    AddPinOption(*command, options.pin_file);
+    return command;
+}
+
+}  // namespace
+
+void AddPresharedKeyCommands(CLI::App& app, Context& context) {
+    CLI::App* group = app.add_subcommand("psk", "Preshared keys: list, add, delete")->group(kGroupChange);
+    group->require_subcommand(1);
+    group->add_subcommand("list", "Names of the preshared keys")->callback([&context] { List(context); });
+    const auto options = std::make_shared<KeyOptions>();
+    CLI::App* add = AddNamed(*group, "add", "Put a preshared key on a token", *options);
+    add->add_option("--key-file", options->key_file, "Key, the first line of this file, or of standard input (-)")
+        ->option_text("FILE");
+    OnChosen(add, context, options, Add);
+    CLI::App* del = AddNamed(*group, "delete", "Delete a preshared key", *options);
+    del->add_flag("-y,--yes", options->yes, "Do not ask");
+    OnChosen(del, context, options, Delete);
+}
+
+}  // namespace certmgrctl

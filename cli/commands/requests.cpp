@@ -1,0 +1,232 @@
+#include <algorithm>
+
+#include "certmgr/cert_request.h"
+#include "cli/commands/commands.h"
+#include "cli/files.h"
+#include "cli/login.h"
+#include "cli/store/names.h"
+#include "cli/terminal/progress.h"
+#include "cli/terminal/text.h"
+
+namespace certmgrctl {
+namespace {
+
+struct RequestOptions {
+    std::string token;
+    std::string key;
+    std::string hash;
+    std::string output;
+    std::string pin_file;
+    std::string seed_file;
+    bool force = false;
+    CertRequestInfo info;
+};
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
+bool HasModulus(const CertRequestKeyInfo& kind) {
+    return kind.keyAlg == PKI_KEY_RSA || kind.keyAlg == PKI_KEY_DSA;
+}
+
+/// Two lengths of an algorithm without modulus are the least and the greatest; otherwise they are a list.
+bool HasRange(const CertRequestKeyInfo& kind) {
+    return !HasModulus(kind) && kind.keySizes.size() == 2;
+}
+
+std::vector<std::string> Sizes(const CertRequestKeyInfo& kind) {
+    if (HasRange(kind) && kind.keySizes.front() == kind.keySizes.back()) return {std::to_string(kind.keySizes.front())};
+    if (HasRange(kind)) {
+        return {std::to_string(kind.keySizes.front()) + " to " + std::to_string(kind.keySizes.back())};
+    }
+    std::vector<std::string> sizes;
+    for (const std::uint32_t bits : kind.keySizes) sizes.push_back(std::to_string(bits));
+    return sizes;
+}
+
+std::vector<std::string> Hashes(const CertRequestKeyInfo& kind) {
+    std::vector<std::string> hashes;
+    for (const pki_alg_t hash : kind.hashAlgs) hashes.push_back(AlgorithmName(hash));
+    return hashes;
+}
+
+std::vector<CertRequestKeyInfo> KindsOf(Context& context, const TokenInfo& token) {
+    auto kinds = context.session.Take(context.session.manager().RequestMechanisms(token));
+    if (kinds.empty()) throw Failure(kExitFailed, "token \"" + token.label + "\" makes no key pairs");
+    return kinds;
+}
+
+void ListMechanisms(Context& context, const RequestOptions& options) {
+    const auto kinds = KindsOf(context, FindToken(context, options.token));
+    if (context.console.json) {
+        Json json = {{"mechanisms", Json::array()}};
+        for (const CertRequestKeyInfo& kind : kinds) {
+            json["mechanisms"].push_back({{"key", AlgorithmName(kind.keyAlg)},
+                                          {"bits", kind.keySizes},
+                                          {"bits_are_a_range", HasRange(kind)},
+                                          {"hashes", Hashes(kind)}});
+        }
+        return context.console.PrintJson(json);
+    }
+    Fields fields;
+    for (const CertRequestKeyInfo& kind : kinds) {
+        fields.Add(AlgorithmName(kind.keyAlg), Joined(Sizes(kind)) + " bits");
+        fields.Add("", kind.hashAlgs.empty() ? "" : "signed with " + Joined(Hashes(kind)));
+    }
+    fields.Print(context.console);
+}
+
+// --- Making one ---
+
+const CertRequestKeyInfo* FindKind(const std::vector<CertRequestKeyInfo>& kinds, pki_alg_t key) {
+    const auto found =
+        std::find_if(kinds.begin(), kinds.end(), [key](const CertRequestKeyInfo& kind) { return kind.keyAlg == key; });
+    return found == kinds.end() ? nullptr : &*found;
+}
+
+/// The kind that was named, else ECDSA, else RSA, else the token's first.
+const CertRequestKeyInfo& KindFor(const std::vector<CertRequestKeyInfo>& kinds, const std::string& name) {
+    if (!name.empty()) {
+        const pki_alg_t key = PKI_ALG_FROM_NAME(name);
+        const CertRequestKeyInfo* const found = key == 0 ? nullptr : FindKind(kinds, key & PKI_KEY_MASK);
+        if (found != nullptr) return *found;
+        throw Failure(kExitFailed, "the token makes no keys of the kind " + name,
+                      {"See what it makes: certmgrctl request mechanisms."});
+    }
+    for (const pki_alg_t key : {PKI_KEY_EC, PKI_KEY_RSA}) {
+        if (const CertRequestKeyInfo* found = FindKind(kinds, key)) return *found;
+    }
+    return kinds.front();
+}
+
+std::uint32_t BitsFor(const CertRequestKeyInfo& kind, std::uint32_t wanted) {
+    constexpr std::uint32_t kUsualCurve = 256;
+    constexpr std::uint32_t kUsualModulus = 2048;
+    if (kind.keySizes.empty()) return wanted;
+    const std::uint32_t least = kind.keySizes.front();
+    const std::uint32_t greatest = kind.keySizes.back();
+    if (wanted == 0) return std::clamp(HasModulus(kind) ? kUsualModulus : kUsualCurve, least, greatest);
+    if (wanted >= least && wanted <= greatest) return wanted;
+    throw Failure(kExitFailed,
+                  "the token makes no " + AlgorithmName(kind.keyAlg) + " keys of " + std::to_string(wanted) + " bits",
+                  {"It makes " + Joined(Sizes(kind)) + "."});
+}
+
+/// The hash that was named, else the one that is as strong as the key, else the token's last.
+pki_alg_t HashFor(const CertRequestKeyInfo& kind, std::uint32_t bits, const std::string& name) {
+    constexpr std::uint32_t kP256 = 256;
+    constexpr std::uint32_t kP384 = 384;
+    if (!name.empty()) {
+        const pki_alg_t hash = PKI_ALG_FROM_NAME(name) & PKI_HASH_MASK;
+        if (hash != 0) return hash;
+        throw Failure(kExitUsage, "there is no hash " + name, {"See certmgrctl request mechanisms."});
+    }
+    if (kind.hashAlgs.empty()) return PKI_HASH_NONE;
+    pki_alg_t wanted = PKI_HASH_SHA256;
+    if (kind.keyAlg == PKI_KEY_EC && bits > kP256) wanted = bits > kP384 ? PKI_HASH_SHA512 : PKI_HASH_SHA384;
+    const bool offered = std::find(kind.hashAlgs.begin(), kind.hashAlgs.end(), wanted) != kind.hashAlgs.end();
+    return offered ? wanted : kind.hashAlgs.back();
+}
+
+void RequireMade(std::uint32_t result, const TokenInfo& token) {
+    switch (result) {
+        case CertRequestMade:
+            return;
+        case CertRequestErrorLogin:
+            throw NotLoggedIn("no request made", token);
+        case CertRequestKeyPairError:
+            throw Failure(kExitFailed, "the token did not make the key pair", {"The daemon's log says why."});
+        case CertRequestDigestError:
+        case CertRequestSignatureError:
+            throw Failure(kExitFailed, "the token did not sign the request", {"Try another --hash."});
+        case CertRequestSeedError:
+            throw Failure(kExitFailed, "the token takes no seed", {"Leave --seed-file out."});
+        default:
+            break;
+    }
+    throw Failure(kExitFailed, "the request could not be built",
+                  {"Check --subject (CN=alice, O=Example) and the alternative names."});
+}
+
+void PrintMade(Context& context, const RequestOptions& options, const CertRequestInfo& info, const std::string& pem) {
+    if (!options.output.empty() && options.output != "-") {
+        WriteResult(options.output, pem, Access::kOthersMayRead, options.force);
+    }
+    if (context.console.json) {
+        return context.console.PrintJson(
+            Json{{"key", {{"algorithm", AlgorithmName(info.keyAlg)}, {"bits", info.keyBits}}},
+                 {"hash", AlgorithmName(info.hashAlg)},
+                 {"subject", info.subject},
+                 {"file", options.output},
+                 {"request", pem}});
+    }
+    if (options.output.empty() || options.output == "-") return WriteResult("", pem, Access::kOthersMayRead, false);
+    context.console.Note("Wrote " + options.output + ". Have it certified, then: certmgrctl import CERTIFICATE");
+}
+
+void Make(Context& context, const RequestOptions& options) {
+    RequireAbsent(options.output, options.force);
+    const TokenInfo token = FindToken(context, options.token);
+    const auto kinds = KindsOf(context, token);
+    const CertRequestKeyInfo& kind = KindFor(kinds, options.key);
+    CertRequestInfo info = options.info;
+    info.keyAlg = kind.keyAlg;
+    info.keyBits = BitsFor(kind, options.info.keyBits);
+    info.hashAlg = HashFor(kind, info.keyBits, options.hash);
+    vpnfc::SecretString seed;
+    if (!options.seed_file.empty()) seed = ReadWholeFile(options.seed_file);
+    LogInIfNeeded(context, token, options.pin_file);
+    info.randomSeed = seed.get();
+    const auto made = [&] {
+        const Progress progress("Token \"" + token.label + "\" makes a key pair");
+        return context.session.Take(context.session.manager().MakeRequest(token, info));
+    }();
+    vpnfc::SecureWipe(info.randomSeed);
+    RequireMade(made.result, token);
+    PrintMade(context, options, info, made.bytes.get());
+}
+
+void AddText(CLI::App& command, const char* name, std::string& value, const char* what, const char* kind) {
+    command.add_option(name, value, what)->option_text(kind);
+}
+
+void AddMake(CLI::App& group, Context& context) {
+    const auto options = std::make_shared<RequestOptions>();
+    CertRequestInfo& info = options->info;
+    CLI::App* make = group.add_subcommand("make", "Have a token make a key pair, and a request for it (PKCS #10)");
+    make->add_option("subject", info.subject, "Subject, as in \"CN=alice, O=Example\"")
+        ->required()
+        ->option_text("SUBJECT (required)");
+    AddTokenOption(*make, options->token);
+    AddText(*make, "--key", options->key, "Algorithm of the key; default ECDSA, otherwise RSA", "NAME");
+    make->add_option("--bits", info.keyBits, "Length of the key; default 256, for RSA 2048")->option_text("N");
+    AddText(*make, "--hash", options->hash, "Hash of the signature; default SHA-2 as strong as the key", "NAME");
+    AddText(*make, "--dns", info.dnsName, "Alternative name: host name", "NAME");
+    AddText(*make, "--ip", info.ipAddress, "Alternative name: IPv4 address", "ADDRESS");
+    AddText(*make, "--email", info.email, "Alternative name: e-mail address", "ADDRESS");
+    AddText(*make, "--upn", info.upn, "Alternative name: user principal name", "NAME");
+    AddText(*make, "--eku", info.extKeyUsage, "Extended key usages, names or dotted identifiers, with commas", "LIST");
+    make->add_flag("--exportable", info.keyGenFlag, "The private key may leave the token");
+    AddText(*make, "--seed-file", options->seed_file, "Bytes for the token's random generator", "FILE");
+    AddText(*make, "-o,--output", options->output, "File; standard output when left out", "FILE");
+    make->add_flag("--force", options->force, "Replace the file if it is there");
+    AddPinOption(*make, options->pin_file);
+    OnChosen(make, context, options, Make);
+}
+
+}  // namespace
+
+void AddRequestCommands(CLI::App& app, Context& context) {
+    CLI::App* group = app.add_subcommand("request", "Certificate requests: mechanisms, make")->group(kGroupChange);
+    group->require_subcommand(1);
+    const auto options = std::make_shared<RequestOptions>();
+    CLI::App* mechanisms = group->add_subcommand("mechanisms", "Which keys a token makes, and what may sign a request");
+    AddTokenOption(*mechanisms, options->token);
+    OnChosen(mechanisms, context, options, ListMechanisms);
+    AddMake(*group, context);
+}
+
+}  // namespace certmgrctl

@@ -1,0 +1,19 @@
+// Completion in shells: their scripts ask the program itself what may come next.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include "cli/session.h"
+
+namespace certmgrctl {
+
+/// First argument of a call by a completion script.
+inline constexpr const char* kCompleteWord = "__complete";
+
+/// Prints what the last of the words may become, a line each: the word and, after a tab, what it means. ":files" alone:
+/// names of files. Names of objects are asked of the daemon when there is one; no error is shown.
+void PrintCandidates(CLI::App& app, Context& context, const std::vector<std::string>& words);
+
+}  // namespace certmgrctl

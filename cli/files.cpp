@@ -1,0 +1,152 @@
+#include "cli/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+
+#include "cli/failure.h"
+
+namespace certmgrctl {
+namespace {
+
+/// What the daemon takes at once is less by default; it says so itself.
+constexpr std::size_t kMaxFileBytes = std::size_t{1} << 30;
+constexpr std::size_t kChunk = std::size_t{1} << 16;
+
+[[noreturn]] void FailOn(const std::string& path, ExitCode code) {
+    throw Failure(code, path + ": " + std::strerror(errno));
+}
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ > STDERR_FILENO) close(fd_);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+/// Doubles the room into a new string, so that what is left behind is wiped.
+void Grow(vpnfc::SecretString& content) {
+    vpnfc::SecretString larger;
+    larger.edit().reserve(2 * content.get().capacity() + kChunk);
+    larger.edit().append(content.get());
+    content = std::move(larger);
+}
+
+bool WriteAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t count = write(fd, content.data(), content.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        content.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+mode_t ModeFor(Access access) {
+    constexpr mode_t kOwner = 0600;
+    constexpr mode_t kReadable = 0666;
+    if (access == Access::kOwnerOnly) return kOwner;
+    const mode_t mask = umask(0);
+    umask(mask);
+    return kReadable & ~mask;
+}
+
+/// A file beside the one to be written, which goes away unless it took that one's place.
+class TemporaryFile {
+  public:
+    explicit TemporaryFile(const std::string& path) : name_(path + ".XXXXXX"), fd_(mkostemp(name_.data(), O_CLOEXEC)) {
+        if (fd_.get() < 0) FailOn(path, kExitFailed);
+    }
+    ~TemporaryFile() { unlink(name_.c_str()); }
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    bool Fill(std::string_view content, mode_t mode) const {
+        return fchmod(fd_.get(), mode) == 0 && WriteAll(fd_.get(), content) && fsync(fd_.get()) == 0;
+    }
+    bool MoveTo(const std::string& path, bool replace) const {
+        return renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, path.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0;
+    }
+
+  private:
+    std::string name_;
+    Descriptor fd_;
+};
+
+}  // namespace
+
+vpnfc::SecretString ReadWholeFile(const std::string& path) {
+    const Descriptor file(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) FailOn(path, kExitUsage);
+    vpnfc::SecretString content;
+    while (true) {
+        std::string& bytes = content.edit();
+        const std::size_t size = bytes.size();
+        if (size > kMaxFileBytes) throw Failure(kExitUsage, path + " is too large");
+        if (bytes.capacity() < size + kChunk) {
+            Grow(content);
+            continue;
+        }
+        bytes.resize(size + kChunk);
+        const ssize_t count = read(file.get(), bytes.data() + size, kChunk);
+        bytes.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) FailOn(path, kExitUsage);
+        if (count == 0) return content;
+    }
+}
+
+std::vector<std::string_view> PartsOf(std::string_view content) {
+    constexpr std::string_view kBegin = "-----BEGIN ";
+    constexpr std::string_view kEnd = "-----END ";
+    std::vector<std::string_view> parts;
+    for (std::size_t begin = content.find(kBegin); begin != std::string_view::npos;) {
+        const std::size_t next = content.find(kBegin, begin + 1);
+        const std::string_view part = content.substr(begin, next - begin);
+        const std::size_t end = part.find(kEnd);
+        parts.push_back(end == std::string_view::npos ? part : part.substr(0, part.find('\n', end)));
+        begin = next;
+    }
+    if (parts.size() <= 1) return {content};
+    return parts;
+}
+
+void RequireAbsent(const std::string& path, bool force) {
+    if (path.empty() || path == "-" || force || !std::filesystem::exists(path)) return;
+    throw Failure(kExitFailed, path + " is there already", {"--force replaces it."});
+}
+
+void WriteWholeFile(const std::string& path, std::string_view content, Access access, bool force) {
+    const TemporaryFile file(path);
+    if (!file.Fill(content, ModeFor(access))) FailOn(path, kExitFailed);
+    if (file.MoveTo(path, force)) return;
+    if (errno == EEXIST) RequireAbsent(path, force);
+    FailOn(path, kExitFailed);
+}
+
+void WriteResult(const std::string& path, std::string_view content, Access access, bool force) {
+    if (!path.empty() && path != "-") return WriteWholeFile(path, content, access, force);
+    const bool binary = std::any_of(content.begin(), content.end(), [](char c) {
+        return (c < ' ' && c != '\n' && c != '\r' && c != '\t') || c == 127;
+    });
+    if (binary && isatty(STDOUT_FILENO) != 0) {
+        throw Failure(kExitUsage, "binary data is not written to a terminal", {"Name a file with --output FILE."});
+    }
+    if (!WriteAll(STDOUT_FILENO, content)) FailOn("standard output", kExitFailed);
+}
+
+}  // namespace certmgrctl

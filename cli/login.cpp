@@ -1,0 +1,80 @@
+#include "cli/login.h"
+
+#include "cli/terminal/prompt.h"
+
+namespace certmgrctl {
+namespace {
+
+std::string Label(const TokenInfo& token) {
+    return '"' + token.label + '"';
+}
+
+struct PinAdvice {
+    ExitCode code;
+    const char* next;
+};
+
+PinAdvice AdviceFor(std::uint32_t status) {
+    switch (status) {
+        case PKCS11::kPinWrong:
+            return {kExitLogin, "A token locks itself after a few wrong PINs."};
+        case PKCS11::kPinKnownWrong:
+            return {kExitLogin, "It failed before on this token, and was not sent to it again."};
+        case PKCS11::kPinFewTriesLeft:
+            return {kExitLogin, "--try-anyway sends it all the same; the token may lock itself."};
+        case PKCS11::kPinLocked:
+            return {kExitLogin, "The security officer can give the user a new PIN: certmgrctl token pin --reset."};
+        case PKCS11::kPinTokenNotPresent:
+            return {kExitNotFound, "Insert it, and see: certmgrctl token list."};
+        default:
+            break;
+    }
+    return {kExitFailed, "The daemon's log says what the token answered."};
+}
+
+}  // namespace
+
+void AddTokenOption(CLI::App& command, std::string& token) {
+    command.add_option("-t,--token", token, "Token, by its label or a beginning of its serial number")
+        ->option_text("NAME");
+}
+
+void AddPinOption(CLI::App& command, std::string& pin_file) {
+    command.add_option("--pin-file", pin_file, "Read the PIN from this file, or from standard input (-)")
+        ->option_text("FILE");
+}
+
+TokenInfo Refreshed(Context& context, const TokenInfo& token) {
+    for (const auto& status : context.session.Take(context.session.manager().ListTokens()).tokens) {
+        if (status.info.id == token.id) return status.info;
+    }
+    return token;
+}
+
+void LogInIfNeeded(Context& context, const TokenInfo& listed, const std::string& pin_file) {
+    const TokenInfo token = Refreshed(context, listed);
+    if (token.loggedIn || !token.loginRequired) return;
+    if (pin_file.empty() && !CanAsk()) return;
+    vpnfc::SecretString pin;
+    if (token.pinPad && pin_file.empty()) {
+        context.console.Note("Type the PIN on the reader of token " + Label(token) + ".");
+    } else {
+        pin = ReadSecret(pin_file, "PIN of token " + Label(token), "Use --pin-file FILE.");
+    }
+    RequireTaken(context.session.Take(context.session.manager().Login(token, pin)), token);
+    context.console.Note("Logged in to token " + Label(token) + "; certmgrctl token logout ends that.");
+}
+
+void RequireTaken(const certmgr_client::PinReply& reply, const TokenInfo& token) {
+    if (reply.status == PKCS11::kPinDone) return;
+    const PinAdvice advice = AdviceFor(reply.status);
+    throw Failure(advice.code, "token " + Label(token) + ": " + reply.text, {advice.next});
+}
+
+Failure NotLoggedIn(const std::string& what, const TokenInfo& token) {
+    return {kExitLogin,
+            what + ": nobody is logged in to token " + Label(token),
+            {"Log in first (certmgrctl token login), or give --pin-file FILE."}};
+}
+
+}  // namespace certmgrctl

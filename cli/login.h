@@ -1,0 +1,29 @@
+// PINs of tokens.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+#include "cli/session.h"
+#include "cli/store/records.h"
+
+namespace certmgrctl {
+
+/// --token, and --pin-file for commands that work on private objects.
+void AddTokenOption(CLI::App& command, std::string& token);
+void AddPinOption(CLI::App& command, std::string& pin_file);
+
+/// The token as it is now: what a list carries may be older than the last login. As it was when it is gone.
+TokenInfo Refreshed(Context& context, const TokenInfo& token);
+
+/// Logs in to a token that asks for it, with the PIN of the file or the one that is typed. Does nothing when there is
+/// neither a file nor somebody to ask: the daemon may know the PIN.
+void LogInIfNeeded(Context& context, const TokenInfo& token, const std::string& pin_file);
+
+/// A Failure that says what to do, unless the PIN was taken.
+void RequireTaken(const certmgr_client::PinReply& reply, const TokenInfo& token);
+
+/// What a command could not do because nobody is logged in.
+Failure NotLoggedIn(const std::string& what, const TokenInfo& token);
+
+}  // namespace certmgrctl

@@ -1,0 +1,202 @@
+#include "cli/terminal/prompt.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+#include "cli/failure.h"
+#include "cli/terminal/text.h"
+
+namespace certmgrctl {
+namespace {
+
+using vpnfc::SecretString;
+
+constexpr std::size_t kMaxSecretBytes = 64U << 10;
+constexpr char kInterrupt = 3;
+constexpr char kEndOfInput = 4;
+constexpr char kBackspace = 8;
+constexpr char kClearLine = 21;
+constexpr char kDelete = 127;
+
+/// Keys come one by one and unseen while it lives; an interrupt is a key, so that the echo always comes back.
+class QuietTerminal {
+  public:
+    QuietTerminal() {
+        tcgetattr(STDIN_FILENO, &before_);
+        termios quiet = before_;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ICANON | ISIG);
+        quiet.c_cc[VMIN] = 1;
+        quiet.c_cc[VTIME] = 0;
+        tcsetattr(STDIN_FILENO, TCSADRAIN, &quiet);
+    }
+    ~QuietTerminal() {
+        tcsetattr(STDIN_FILENO, TCSADRAIN, &before_);
+        std::cerr << std::endl;
+    }
+    QuietTerminal(const QuietTerminal&) = delete;
+    QuietTerminal& operator=(const QuietTerminal&) = delete;
+
+  private:
+    termios before_{};
+};
+
+/// The next byte; false at the end of the input.
+bool ReadByte(int fd, char& byte) {
+    ssize_t count = 0;
+    do {
+        count = read(fd, &byte, 1);
+    } while (count < 0 && errno == EINTR);
+    return count == 1;
+}
+
+[[noreturn]] void Cancelled() {
+    throw Failure(kExitCancelled, "cancelled");
+}
+
+/// Appends a line; false when the input ended before anything came. Secrets do not move while they grow.
+bool AppendLine(int fd, std::string& line) {
+    char byte = 0;
+    bool any = false;
+    while (ReadByte(fd, byte)) {
+        any = true;
+        if (byte == '\n') break;
+        if (line.size() == kMaxSecretBytes) throw Failure(kExitUsage, "a line of the input is too long");
+        line.push_back(byte);
+    }
+    if (line.ends_with('\r')) line.pop_back();
+    return any;
+}
+
+/// What is deleted with the backspace key is a character, not a byte.
+void DropLastCharacter(std::string& text) {
+    constexpr unsigned char kContinuationMask = 0xC0;
+    constexpr unsigned char kContinuation = 0x80;
+    while (!text.empty()) {
+        const auto byte = static_cast<unsigned char>(text.back());
+        text.pop_back();
+        if ((byte & kContinuationMask) != kContinuation) return;
+    }
+}
+
+SecretString TypedSecret(const std::string& question) {
+    SecretString secret;
+    secret.edit().reserve(kMaxSecretBytes);
+    std::cerr << Escaped(question) << ": " << std::flush;
+    const QuietTerminal quiet;
+    char key = 0;
+    while (ReadByte(STDIN_FILENO, key) && key != '\n' && key != '\r') {
+        if (key == kInterrupt || key == kEndOfInput) Cancelled();
+        if (key == kBackspace || key == kDelete) {
+            DropLastCharacter(secret.edit());
+        } else if (key == kClearLine) {
+            secret.edit().clear();
+        } else if (secret.get().size() < kMaxSecretBytes) {
+            secret.edit().push_back(key);
+        }
+    }
+    return secret;
+}
+
+/// Owns a descriptor.
+class File {
+  public:
+    explicit File(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    ~File() {
+        if (fd_ >= 0) close(fd_);
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+SecretString SecretOfFile(const std::string& path) {
+    const File file(path);
+    struct stat status {};
+    if (file.fd() < 0 || fstat(file.fd(), &status) != 0) {
+        throw Failure(kExitUsage, path + ": " + std::strerror(errno));
+    }
+    const bool others_may_read = (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
+    if (S_ISREG(status.st_mode) && others_may_read) {
+        throw Failure(kExitUsage, path + " can be read by others", {"Its mode must be 0600: chmod 600 " + path});
+    }
+    SecretString secret;
+    secret.edit().reserve(kMaxSecretBytes);
+    AppendLine(file.fd(), secret.edit());
+    return secret;
+}
+
+SecretString SecretOfInput() {
+    SecretString secret;
+    secret.edit().reserve(kMaxSecretBytes);
+    if (!AppendLine(STDIN_FILENO, secret.edit()))
+        throw Failure(kExitUsage, "standard input ended before a secret came");
+    return secret;
+}
+
+void RequirePerson(const std::string& question, const std::string& otherwise) {
+    if (!CanAsk()) throw Failure(kExitUsage, "nobody to ask: " + question, {otherwise});
+}
+
+}  // namespace
+
+bool CanAsk() {
+    return isatty(STDIN_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
+}
+
+std::optional<std::string> ReadLine() {
+    std::string line;
+    if (!AppendLine(STDIN_FILENO, line)) return std::nullopt;
+    return line;
+}
+
+std::string Ask(const std::string& question, const std::string& otherwise) {
+    RequirePerson(question, otherwise);
+    std::cerr << Escaped(question) << " " << std::flush;
+    const auto line = ReadLine();
+    if (!line) {
+        std::cerr << "\n";
+        Cancelled();
+    }
+    return *line;
+}
+
+bool Confirmed(const std::string& question, const std::string& otherwise) {
+    while (true) {
+        const std::string answer = Folded(Ask(question + " [y/N]", otherwise));
+        if (answer == "y" || answer == "yes") return true;
+        if (answer.empty() || answer == "n" || answer == "no") return false;
+    }
+}
+
+SecretString ReadSecret(const std::string& file, const std::string& question, const std::string& otherwise) {
+    if (file == "-") return SecretOfInput();
+    if (!file.empty()) return SecretOfFile(file);
+    RequirePerson(question, otherwise);
+    return TypedSecret(question);
+}
+
+SecretString ReadNewSecret(const std::string& file, const std::string& question, const std::string& otherwise) {
+    while (true) {
+        SecretString secret = ReadSecret(file, question, otherwise);
+        if (!file.empty() && secret.empty()) throw Failure(kExitUsage, "the first line of " + file + " is empty");
+        if (!file.empty()) return secret;
+        if (secret.empty()) {
+            std::cerr << "It cannot be empty.\n";
+        } else if (TypedSecret(question + " again").get() == secret.get()) {
+            return secret;
+        } else {
+            std::cerr << "The two are not the same; once more.\n";
+        }
+    }
+}
+
+}  // namespace certmgrctl
