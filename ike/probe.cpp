@@ -38,6 +38,8 @@ class Probe {
     }
 
   private:
+    static constexpr unsigned kBurst = 64;  // datagrams before the time is looked at
+
     bool Reconnect(std::string& error) {
         socket_ = UdpSocket();
         if (!socket_.Connect(peer_, error)) return false;
@@ -54,8 +56,10 @@ class Probe {
     }
     void ReceiveAll(Initiator& initiator) {
         Received received;
-        ReceiveResult result = socket_.Receive(received);
-        for (; result == ReceiveResult::kDatagram; result = socket_.Receive(received)) {
+        ReceiveResult result = ReceiveResult::kDatagram;
+        for (unsigned i = 0; i < kBurst && result == ReceiveResult::kDatagram; ++i) {
+            result = socket_.Receive(received);
+            if (result != ReceiveResult::kDatagram) break;
             capture_.Add(peer_, socket_.local(), received.marked, received.datagram);
             initiator.Receive(received.datagram, steady_clock::now());
             if (initiator.nat_detected() && peer_.port() == kIkePort) return GoToNatPort();

@@ -140,6 +140,12 @@ class Association {
     Time now_{};
 };
 
+inline constexpr std::size_t kNonceBytes = 32;  // of ours
+/// Whether a nonce has a length that the protocol allows (RFC 7296, 3.9).
+inline bool IsNonce(std::string_view nonce) {
+    return nonce.size() >= 16 && nonce.size() <= 256;
+}
+
 /// A number for an SPI: not zero, and not beginning with four zero bytes, which mark datagrams on port 4500.
 std::uint64_t MakeSpi();
 

@@ -8,7 +8,6 @@
 namespace ikeauth {
 namespace {
 
-constexpr std::size_t kNonceBytes = 32;
 constexpr unsigned kMaxRetries = 5;  // cookies and groups that a peer may ask for
 constexpr std::chrono::milliseconds kFarewellLimit{2000};
 
@@ -117,7 +116,8 @@ bool Initiator::AcceptInit(const Message& message, std::string& why) {
     SaOffer answer;
     KeyExchangeData data;
     why = "a payload is missing or malformed";
-    if (sa == nullptr || ke == nullptr || nonce == nullptr || !Decode(sa->body, answer) || !Decode(ke->body, data)) {
+    if (sa == nullptr || ke == nullptr || nonce == nullptr || !Decode(sa->body, answer) || !Decode(ke->body, data) ||
+        !IsNonce(nonce->body)) {
         return false;
     }
     why = "the peer chose what was not proposed";

@@ -55,6 +55,9 @@ struct Step {
     std::string text{};
 };
 
+/// More steps are not kept: a stranger who sends noise must not fill the memory.
+inline constexpr std::size_t kMaxSteps = 10000;
+
 /// Collects the steps of one exchange and hands each on as it comes. Used by one thread.
 class Report {
   public:
@@ -64,6 +67,7 @@ class Report {
     /// The time of the steps that follow.
     void SetTime(Time now) { now_ = now; }
     void Add(std::string_view what, std::string text) {
+        if (steps_.size() >= kMaxSteps) return;
         steps_.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(now_ - start_), what, std::move(text)});
         if (listener_) listener_(steps_.back());
     }

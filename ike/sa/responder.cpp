@@ -5,9 +5,6 @@
 namespace ikeauth {
 namespace {
 
-constexpr std::size_t kNonceBytes = 32;
-constexpr std::size_t kMinNonceBytes = 16;
-constexpr std::size_t kMaxNonceBytes = 256;
 constexpr std::size_t kEspSpiBytes = 4;
 constexpr std::chrono::milliseconds kFarewellLimit{2000};
 constexpr std::chrono::milliseconds kPatience{1000};  // how long the peer has to delete the SA itself
@@ -44,7 +41,7 @@ bool Responder::ChooseSuite(const Message& message, KeyExchangeData& data) {
     const Payload* nonce = FindPayload(message.payloads, kPayloadNonce);
     SaOffer offer;
     if (sa == nullptr || ke == nullptr || nonce == nullptr || !Decode(sa->body, offer) || !Decode(ke->body, data) ||
-        nonce->body.size() < kMinNonceBytes || nonce->body.size() > kMaxNonceBytes) {
+        !IsNonce(nonce->body)) {
         Conclude(Ending::kInitInvalid, "a payload of IKE_SA_INIT is missing or malformed");
         RefuseInit(message, kInvalidSyntax);
         return false;
