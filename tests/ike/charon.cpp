@@ -80,6 +80,13 @@ std::string Charon::Log() const {
     return process_->Err().substr(log_start_);
 }
 
+bool Charon::WaitForLog(const std::string& text) {
+    const std::string before = process_->Err().substr(0, log_start_);
+    unsigned times = 1;
+    for (std::size_t at = before.find(text); at != std::string::npos; at = before.find(text, at + 1)) ++times;
+    return process_->WaitForOutput(text, std::chrono::seconds(20), times);
+}
+
 Client::Client(const Contents& contents) {
     std::vector<std::string> words = {IKEAUTH_PATH, "provision",  "--state",    dir_ / "tokens", "--label",
                                       "client",     "--pin-file", dir_ / "pin", "--so-pin-file", dir_ / "so-pin"};

@@ -37,6 +37,8 @@ class Charon {
     std::uint16_t port() const { return nat_port_; }
     /// Everything that it logged since the last Load.
     std::string Log() const;
+    /// Waits until it has logged the text since then: what a peer sees of it may come before its log does.
+    bool WaitForLog(const std::string& text);
     std::string Trouble() const { return process_->Out() + process_->Err(); }
 
   private:
