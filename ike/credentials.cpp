@@ -87,7 +87,7 @@ void Credentials::ChooseByRule(const CertRequests& requests) {
     CM::IkeCertRequestIter iterator{static_cast<std::int32_t>(requests.format), IsRequested,
                                     const_cast<CertRequests*>(&requests)};
     const CM::SelectLocalResult result = CM::IkeSelectLocalCertificate(
-        &id_, rule_, CM::kIgnoreBoundFirst, nullptr, requests.authorities.empty() ? nullptr : &iterator, ident_);
+        &id_, rule_, search_, nullptr, requests.authorities.empty() ? nullptr : &iterator, ident_);
     CM::CertRef selected = CM::CertRef::Adopt(result.cert);
     if (result.status == CM::kLocalAccepted) cert_ = std::move(selected);
 }

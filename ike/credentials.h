@@ -51,6 +51,8 @@ class Credentials {
 
     /// The authorities to request from the peer.
     CertRequests AuthoritiesToRequest(CM::CertDataFormat format);
+    /// Has the clients of the management bridge choose when several certificates fit; otherwise the first is taken.
+    void LetUserChoose() { search_ = CM::kIgnoreBoundCollect; }
     /// Chooses certificate and identity. False when there is none to be used; the log says why.
     bool Choose(const CertRequests& requests);
     /// Of the chosen certificate.
@@ -81,6 +83,7 @@ class Credentials {
     const LPCFG::auth_ike_t& rule_;
     const Faults& faults_;
     TLogIdent ident_;
+    CM::UseHandleFromAuthType search_ = CM::kIgnoreBoundFirst;
     CM::CertRef cert_;
     LPCFG::ipsecid_t id_;
     std::chrono::nanoseconds module_time_{0};

@@ -19,7 +19,6 @@ namespace ikeauth {
 namespace {
 
 constexpr int kChannelDescriptor = 3;  // where a side finds its end of the socket pair
-constexpr std::chrono::seconds kExchangeLimit{60};
 
 /// A descriptor that is closed when it goes away.
 class Descriptor {
@@ -136,16 +135,16 @@ int SideProcess::Wait() {
 }
 
 /// Shows both sides' output until both have closed it. False when the limit passed.
-bool PumpBoth(SideProcess& initiator, SideProcess& responder, bool quiet, std::string& everything) {
-    const auto deadline = std::chrono::steady_clock::now() + kExchangeLimit;
+bool PumpBoth(SideProcess& initiator, SideProcess& responder, const ExchangeOptions& options, std::string& everything) {
+    const auto deadline = std::chrono::steady_clock::now() + options.limit;
     while (initiator.output() >= 0 || responder.output() >= 0) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return false;
         std::array<pollfd, 2> entries{{{initiator.output(), POLLIN, 0}, {responder.output(), POLLIN, 0}}};
         if (poll(entries.data(), entries.size(), static_cast<int>(left.count())) < 0 && errno != EINTR) return false;
-        if (entries[0].revents != 0) initiator.Pump(quiet, everything);
-        if (entries[1].revents != 0) responder.Pump(quiet, everything);
+        if (entries[0].revents != 0) initiator.Pump(options.quiet, everything);
+        if (entries[1].revents != 0) responder.Pump(options.quiet, everything);
     }
     return true;
 }
@@ -198,8 +197,8 @@ int RunExchange(const ExchangeOptions& options) {
     a.Close();
     b.Close();
     std::string everything;
-    if (!PumpBoth(initiator, responder, options.quiet, everything)) {
-        std::cerr << "ikeauth: the exchange did not end within " << kExchangeLimit.count() << " s\n";
+    if (!PumpBoth(initiator, responder, options, everything)) {
+        std::cerr << "ikeauth: the exchange did not end within " << options.limit.count() << " s\n";
         return kExitUnexpected;
     }
     const int initiator_code = initiator.Wait();

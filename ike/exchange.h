@@ -1,6 +1,7 @@
 // Runs both sides of an exchange as processes of their own, joined by a socket pair, and shows what they say.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@ struct ExchangeOptions {
     std::vector<std::string> responder;
     std::vector<std::string> expect;  // texts that the refusal must show; none: the exchange must succeed
     bool quiet = false;  // only the verdict
+    std::chrono::seconds limit{60};  // of the whole exchange
 };
 
 /// Exit codes of `ikeauth`.
@@ -22,7 +24,7 @@ enum ExitCode : int {
 };
 
 /// Prints the sides' event logs line by line, "I | " for the initiator and "R | " for the responder. With
-/// expected texts a refusal that shows them all is success. Bounded by a minute.
+/// expected texts a refusal that shows them all is success. Bounded by the limit.
 int RunExchange(const ExchangeOptions& options);
 
 }  // namespace ikeauth

@@ -1,10 +1,13 @@
 #include "ike/host.h"
 
+#include <future>
 #include <iostream>
 #include <memory>
+#include <mutex>
 
 #include "certmgr/certmgr.h"
 #include "ike/exchange.h"
+#include "platform/bridge.h"
 #include "platform/host/host.h"
 
 namespace ikeauth {
@@ -20,17 +23,50 @@ bool RedirectLog(const std::string& config, const std::function<void(const event
     return eventlog::SetSinks(sinks, error);
 }
 
-int RunWithModule(const LPCFG::auth_ike_t& rule, const std::function<int(const LPCFG::auth_ike_t&)>& run) {
+/// Notices the first client of the bridge.
+class ClientWatch : public CommandListener {
+  public:
+    ClientWatch() : CommandListener(kUnusedGroup) { AddCommandListener(this); }
+    ~ClientWatch() override { DelCommandListener(this); }
+
+    void Wait() { came_.get_future().wait(); }
+    bool ExecCommand(BridgeSession& /*session*/, long /*number*/, const std::string& /*input*/,
+                     std::string& /*output*/) override {
+        return false;
+    }
+    void OnOpenSession(BridgeSession* /*session*/) override {
+        std::call_once(once_, [this] { came_.set_value(); });
+    }
+
+  private:
+    static constexpr std::uint32_t kUnusedGroup = 100;  // it has no commands
+
+    std::once_flag once_;
+    std::promise<void> came_;
+};
+
+/// Runs the function while clients can be asked.
+int RunWithBridge(vpnhost::Host& host, const std::string& socket, const std::function<int()>& run) {
+    ClientWatch clients;
+    if (!host.StartBridge("ikeauth " CERTMGR_VERSION, socket)) return kExitCannotRun;
+    std::cout << "waiting for a client at " << socket << std::endl;
+    clients.Wait();
+    const int result = run();
+    host.StopBridge();
+    return result;
+}
+
+int RunWithModule(vpnhost::Host& host, const std::string& bridge_socket, const std::function<int()>& run) {
     const CM::RunningModule module;
     CM::Reload();
-    return run(rule);
+    return bridge_socket.empty() ? run() : RunWithBridge(host, bridge_socket, run);
 }
 
 }  // namespace
 
 int WithRule(const std::string& config, const std::string& rule,
              const std::function<int(const LPCFG::auth_ike_t&)>& run,
-             const std::function<void(const eventlog::Record&)>& log) {
+             const std::function<void(const eventlog::Record&)>& log, const std::string& bridge_socket) {
     vpnhost::Host host;
     if (host.Start(config) != vpnhost::StartResult::kRunning) return kExitCannotRun;
     const std::shared_ptr<const LPCFG::Rules> rules = host.rules();
@@ -40,7 +76,7 @@ int WithRule(const std::string& config, const std::string& rule,
         return kExitCannotRun;
     }
     if (!RedirectLog(config, log)) return kExitCannotRun;
-    const int result = RunWithModule(*found, run);
+    const int result = RunWithModule(host, bridge_socket, [&] { return run(*found); });
     host.Stop();
     return result;
 }

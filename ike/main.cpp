@@ -38,7 +38,9 @@ constexpr const char* kFaults =
 struct SideCommand {
     std::string config;
     std::string rule;
+    std::string bridge_socket;
     int descriptor = -1;
+    unsigned seconds = 30;  // for each message of the peer
     SideOptions side;
 };
 
@@ -48,15 +50,19 @@ const std::map<std::string, ikeauth::IkeVersion> kVersions{{"1", ikeauth::IkeVer
 const std::map<std::string, ikeauth::PayloadForm> kForms{{"x509", ikeauth::PayloadForm::kX509},
                                                          {"pkcs7", ikeauth::PayloadForm::kPkcs7}};
 
-int RunSide(const SideCommand& command) {
-    return ikeauth::WithRule(command.config, command.rule, [&](const LPCFG::auth_ike_t& rule) {
-        std::string verdict;
-        ikeauth::Channel channel(command.descriptor);
-        const bool success = ikeauth::Side(rule, command.side, channel).Run(verdict);
-        std::cout << (command.side.initiator ? "initiator" : "responder") << (success ? ": success: " : ": failure: ")
-                  << verdict << "\n";
-        return static_cast<int>(success ? ikeauth::kExitSuccess : ikeauth::kExitRefused);
-    });
+int RunSide(SideCommand& command) {
+    command.side.asks = !command.bridge_socket.empty();
+    return ikeauth::WithRule(
+        command.config, command.rule,
+        [&](const LPCFG::auth_ike_t& rule) {
+            std::string verdict;
+            ikeauth::Channel channel(command.descriptor, std::chrono::seconds(command.seconds));
+            const bool success = ikeauth::Side(rule, command.side, channel).Run(verdict);
+            std::cout << (command.side.initiator ? "initiator" : "responder")
+                      << (success ? ": success: " : ": failure: ") << verdict << "\n";
+            return static_cast<int>(success ? ikeauth::kExitSuccess : ikeauth::kExitRefused);
+        },
+        {}, command.bridge_socket);
 }
 
 void AddFaults(CLI::App& app, ikeauth::Faults& faults) {
@@ -73,6 +79,8 @@ void AddSide(CLI::App& app, SideCommand& command) {
     side->add_option("--config", command.config)->required();
     side->add_option("--rule", command.rule)->required();
     side->add_option("--fd", command.descriptor)->required();
+    side->add_option("--bridge", command.bridge_socket);
+    side->add_option("--time-out", command.seconds);
     side->add_option("--role", command.side.initiator)->required()->transform(CLI::CheckedTransformer(kRoles));
     side->add_option("--ike", command.side.version)->transform(CLI::CheckedTransformer(kVersions));
     side->add_option("--payload", command.side.form)->transform(CLI::CheckedTransformer(kForms));
@@ -85,6 +93,7 @@ struct ExchangeCommand {
     std::string rule;
     std::string version = "2";
     std::string form = "x509";
+    std::string ask;
     std::vector<std::string> initiator_faults;
     ExchangeOptions options;
 };
@@ -110,16 +119,26 @@ void AddExchange(CLI::App& app, ExchangeCommand& command) {
         ->option_text("TEXT (repeatable)");
     exchange->add_option("--fault", command.initiator_faults, "What the initiator does wrong, see below; repeatable")
         ->option_text("FAULT");
+    exchange
+        ->add_option("--ask", command.ask,
+                     "The initiator waits for a client at this socket, and asks which of several certificates to use")
+        ->option_text("PATH");
     exchange->add_flag("-q,--quiet", command.options.quiet, "Print the verdict alone");
 }
 
 int RunExchangeCommand(ExchangeCommand& command) {
-    const std::vector<std::string> common{"--rule", command.rule, "--ike", command.version, "--payload", command.form};
+    std::vector<std::string> common{"--rule", command.rule, "--ike", command.version, "--payload", command.form};
     ExchangeOptions& options = command.options;
+    const bool asks = !command.ask.empty();
+    if (asks) {  // a person takes longer than a program
+        options.limit = std::chrono::seconds(600);
+        common.insert(common.end(), {"--time-out", std::to_string(options.limit.count())});
+    }
     options.initiator = {"--config", command.initiator_config};
     options.responder = {"--config", command.responder_config};
     options.initiator.insert(options.initiator.end(), common.begin(), common.end());
     options.responder.insert(options.responder.end(), common.begin(), common.end());
+    if (asks) options.initiator.insert(options.initiator.end(), {"--bridge", command.ask});
     for (const std::string& fault : command.initiator_faults) options.initiator.push_back("--" + fault);
     return ikeauth::RunExchange(options);
 }

@@ -19,7 +19,9 @@ TLogIdent MakeIdent(bool initiator) {
 }  // namespace
 
 Side::Side(const LPCFG::auth_ike_t& rule, const SideOptions& options, Channel& channel)
-    : options_(options), channel_(channel), credentials_(rule, options.faults, MakeIdent(options.initiator)) {}
+    : options_(options), channel_(channel), credentials_(rule, options.faults, MakeIdent(options.initiator)) {
+    if (options.asks) credentials_.LetUserChoose();
+}
 
 bool Side::Run(std::string& verdict) {
     if (!ExchangeHellos(verdict)) return false;

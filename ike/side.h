@@ -14,6 +14,7 @@ struct SideOptions {
     bool initiator = true;
     IkeVersion version = IkeVersion::kIke2;
     PayloadForm form = PayloadForm::kX509;
+    bool asks = false;  // clients of the bridge choose among several certificates
     Faults faults;
 };
 

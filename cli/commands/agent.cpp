@@ -132,6 +132,8 @@ class Agent {
             ended_ = true;
             return;
         }
+        // A terminal shows what is typed; a log of a script's answers shall, too.
+        if (isatty(STDIN_FILENO) == 0 && !context_.console.json) context_.console.Print(Escaped(*line));
         const Question& question = questions_.front();
         const std::string word = Folded(*line);
         if (word == "c" || word == "cancel") return Answer(certmgr_client::CancelChoice(), "Cancelled.", "cancelled");

@@ -138,8 +138,8 @@ void Session::OnHello() {
     name_ = name.substr(0, kMaxNameBytes);
     greeted_ = true;
     answers_ = (flags & kHelloAnswers) != 0;
+    if (answers_) server_.questions().ClientJoined();  // whoever is told to listeners, or has the hello, can be asked
     Queue({.kind = JobKind::kOpened});
-    if (answers_) server_.questions().ClientJoined();  // whoever has the hello can be asked
     Send(ShareFrame(
         MakeFrameOf(FrameType::kHello, 0, kProtocolVersion, max_frame_bytes_, id_, server_.settings().program)));
     if (!answers_) return;
