@@ -47,8 +47,10 @@ Charon::Charon() {
                                             " plugins {\n vici {\n socket = unix://" +
                                             (dir_ / "vici").string() +
                                             "\n }\n socket-default {\n use_ipv6 = no\n }\n }\n}\n");
+    // Its file of the process number is at a fixed place: each has a /run of its own, so that several tests may run.
     process_ = std::make_unique<test_support::Process>(
-        std::vector<std::string>{kCharonPath},
+        std::vector<std::string>{"unshare", "--mount", "sh", "-c",
+                                 "mount -t tmpfs none /run && exec " + std::string(kCharonPath)},
         test_support::Process::Environment{{"STRONGSWAN_CONF", (dir_ / "strongswan.conf").string()}});
     running_ = process_->WaitForOutput("spawning 16 worker threads");
 }
