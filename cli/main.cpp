@@ -57,6 +57,10 @@ void AddCommands(CLI::App& app, Context& context) {
     AddWatchCommand(app, context);
     AddAgentCommand(app, context);
     AddCompletionCommands(app, context);
+    const auto all = [](const CLI::App*) { return true; };
+    for (CLI::App* group : app.get_subcommands(all)) {
+        for (CLI::App* command : group->get_subcommands(all)) command->group("Commands");
+    }
 }
 
 /// On standard error. A Failure without text was told by the command already.

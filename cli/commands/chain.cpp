@@ -16,7 +16,7 @@ struct ChainOptions {
     std::string name;
     std::string token;
     bool dot = false;
-    std::uint32_t crl_mode = 0;
+    std::string crl;  // soft, strict
 };
 
 struct ChainVerdict {
@@ -64,7 +64,7 @@ void PrintTree(const Console& console, const Chain& chain) {
     Table table({{"CERTIFICATE", true}, {"VALIDITY AND TRUST"}, {"TOKEN", true}});
     std::size_t depth = 0;
     for (auto member = chain.members.rbegin(); member != chain.members.rend(); ++member, ++depth) {
-        table.Add({{Branch(depth) + NameOf(member->info)}, MarksOf(member->info, now), {member->token.label}});
+        table.Add({{Branch(depth) + ShortNameOf(member->info)}, MarksOf(member->info, now), {member->token.label}});
     }
     table.Print(console);
     const ChainVerdict verdict = VerdictOf(chain.result);
@@ -122,10 +122,12 @@ void ShowChain(Context& context, const ChainOptions& options) {
     if (!VerdictOf(chain.result).trusted) throw Failure(kExitFailed, "");
 }
 
+const std::map<std::string, std::uint32_t> kCrlModes{{"", 0}, {"strict", 1}, {"soft", 2}};
+
 void Verify(Context& context, const ChainOptions& options) {
     const StoredCert cert = FindCert(context, options.name, options.token);
-    const auto verdict =
-        context.session.Take(context.session.manager().VerifyCertificate(cert.token, cert.info, options.crl_mode));
+    const auto verdict = context.session.Take(
+        context.session.manager().VerifyCertificate(cert.token, cert.info, kCrlModes.at(options.crl)));
     if (context.console.json) {
         context.console.PrintJson(Json{{"good", verdict.good}, {"reason", verdict.text}});
     } else if (verdict.good) {
@@ -148,8 +150,6 @@ CLI::App* AddNamed(CLI::App& app, const char* name, const char* what, ChainOptio
     return command;
 }
 
-const std::map<std::string, std::uint32_t> kCrlModes{{"strict", 1}, {"soft", 2}};
-
 }  // namespace
 
 void AddChainCommands(CLI::App& app, Context& context) {
@@ -160,9 +160,9 @@ void AddChainCommands(CLI::App& app, Context& context) {
 
     CLI::App* verify = AddNamed(app, "verify", "Whether a certificate can be relied on now, and why not", *options);
     verify
-        ->add_option("--crl", options->crl_mode,
+        ->add_option("--crl", options->crl,
                      "Check revocation: soft takes a missing CRL for good, strict does not; default no check")
-        ->transform(CLI::CheckedTransformer(kCrlModes).description(""))
+        ->check(CLI::IsMember({"soft", "strict"}).description(""))
         ->option_text("soft|strict");
     OnChosen(verify, context, options, Verify);
 }

@@ -109,7 +109,7 @@ void ShowContent(const Console& console, const OpenedFile& file) {
     for (const FileCert& cert : file.certs()) {
         const CertInfo& info = cert.option.info;
         table.Add({{std::to_string(++number)},
-                   {NameOf(info)},
+                   {ShortNameOf(info)},
                    ExpiryCell(info, now),
                    {KeyText(info)},
                    {ProposalText(file, cert)}});

@@ -1,3 +1,5 @@
+#include <map>
+
 #include "cli/commands/commands.h"
 #include "cli/login.h"
 #include "cli/store/names.h"
@@ -8,7 +10,7 @@ namespace certmgrctl {
 namespace {
 
 struct ListOptions {
-    std::vector<CertSelector> lists;
+    std::vector<std::string> lists;
     std::string token;
     std::string match;
     int expiring_days = -1;
@@ -18,6 +20,11 @@ struct ShowOptions {
     std::string name;
     std::string token;
 };
+
+const std::map<std::string, CertSelector> kListNames{{"personal", CertSelector::kPersonal},
+                                                     {"trusted", CertSelector::kTrusted},
+                                                     {"intermediate", CertSelector::kIntermediate},
+                                                     {"other", CertSelector::kOther}};
 
 bool IsWanted(const StoredCert& cert, const ListOptions& options, std::time_t now) {
     constexpr std::time_t kSecondsPerDay = 86400;
@@ -34,7 +41,7 @@ void PrintTable(const Console& console, const std::vector<StoredCert>& certs, st
     Table table({{"LIST"}, {"NAME", true}, {"VALID UNTIL"}, {"KEY"}, {"SERIAL"}, {"TOKEN", true}});
     for (const StoredCert& cert : certs) {
         table.Add({{IsKeyPair(cert.info) ? "key pair" : ListName(cert.list)},
-                   {NameOf(cert.info)},
+                   {ShortNameOf(cert.info)},
                    ExpiryCell(cert.info, now),
                    {KeyText(cert.info)},
                    {ShortNumberOf(cert.info)},
@@ -45,7 +52,9 @@ void PrintTable(const Console& console, const std::vector<StoredCert>& certs, st
 
 void List(Context& context, const ListOptions& options) {
     const std::time_t now = vpnfc::CurrentTime();
-    std::vector<StoredCert> certs = StoredCerts(context, options.lists, options.token);
+    std::vector<CertSelector> lists;
+    for (const std::string& name : options.lists) lists.push_back(kListNames.at(name));
+    std::vector<StoredCert> certs = StoredCerts(context, lists, options.token);
     std::erase_if(certs, [&](const StoredCert& cert) { return !IsWanted(cert, options, now); });
     if (context.console.json) {
         Json json = {{"certificates", Json::array()}};
@@ -145,18 +154,13 @@ void Show(Context& context, const ShowOptions& options) {
     fields.Print(context.console);
 }
 
-const std::map<std::string, CertSelector> kListNames{{"personal", CertSelector::kPersonal},
-                                                     {"trusted", CertSelector::kTrusted},
-                                                     {"intermediate", CertSelector::kIntermediate},
-                                                     {"other", CertSelector::kOther}};
-
 }  // namespace
 
 void AddListCommands(CLI::App& app, Context& context) {
     const auto options = std::make_shared<ListOptions>();
     CLI::App* list = app.add_subcommand("list", "Certificates, and key pairs that wait for one")->group(kGroupLook);
     list->add_option("lists", options->lists, "personal, trusted, intermediate, other; default all")
-        ->transform(CLI::CheckedTransformer(kListNames, CLI::ignore_case).description(""))
+        ->check(CLI::IsMember(&kListNames).description(""))
         ->option_text("LIST ...");
     AddTokenOption(*list, options->token);
     list->add_option("-m,--match", options->match, "Only with this text in subject or issuer")->option_text("TEXT");

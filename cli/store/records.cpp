@@ -10,7 +10,7 @@ namespace {
 constexpr std::time_t kSecondsPerDay = 86400;
 constexpr std::size_t kDateLength = 10;
 /// Digits of a serial number in a table: mostly enough to tell certificates apart, and to name one.
-constexpr std::size_t kShortNumber = 12;
+constexpr std::size_t kShortNumber = 8;
 
 std::string Hex(const std::string& bytes) {
     return TO_HEX_STD_STRING(bytes);
@@ -42,6 +42,16 @@ std::string NameOf(const CertInfo& info) {
     return info.subject.empty() ? "(empty subject)" : info.subject;
 }
 
+std::string ShortNameOf(const CertInfo& info) {
+    const std::string name = NameOf(info);
+    const std::size_t begin = name.starts_with("CN=") ? 0 : name.find(", CN=");
+    if (begin == std::string::npos) return name;
+    const std::size_t value = name.find('=', begin) + 1;
+    std::size_t end = name.find_first_of(",+", value);
+    while (end != std::string::npos && name[end - 1] == '\\') end = name.find_first_of(",+", end + 1);
+    return name.substr(value, end - value);
+}
+
 std::string AlgorithmName(pki_alg_t algorithm) {
     return I2S_PKI_ALG_T.getString(algorithm);
 }
@@ -56,7 +66,7 @@ std::string NumberOf(const CertInfo& info) {
 }
 
 std::string ShortNumberOf(const CertInfo& info) {
-    return Cut(NumberOf(info), kShortNumber);
+    return NumberOf(info).substr(0, kShortNumber);
 }
 
 std::string Described(const TokenInfo& token, const CertInfo& info) {

@@ -33,6 +33,8 @@ const char* KindName(std::uint32_t kind);
 bool IsKeyPair(const CertInfo& info);
 /// The subject; of a key pair what it is.
 std::string NameOf(const CertInfo& info);
+/// For a table: the common name of the subject, which tells most in little room; without one the same as NameOf.
+std::string ShortNameOf(const CertInfo& info);
 /// "ECDSA 256".
 std::string KeyText(const CertInfo& info);
 std::string AlgorithmName(pki_alg_t algorithm);
