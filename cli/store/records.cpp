@@ -62,7 +62,7 @@ std::string KeyText(const CertInfo& info) {
 }
 
 std::string NumberOf(const CertInfo& info) {
-    return info.serialNumber.empty() ? Hex(info.id) : info.serialNumber;
+    return IsKeyPair(info) || info.serialNumber.empty() ? Hex(info.id) : info.serialNumber;
 }
 
 std::string ShortNumberOf(const CertInfo& info) {
@@ -70,7 +70,7 @@ std::string ShortNumberOf(const CertInfo& info) {
 }
 
 std::string Described(const TokenInfo& token, const CertInfo& info) {
-    const char* const what = info.serialNumber.empty() ? ", id " : ", serial ";
+    const char* const what = IsKeyPair(info) || info.serialNumber.empty() ? ", id " : ", serial ";
     return NameOf(info) + what + NumberOf(info) + ", on \"" + token.label + "\"";
 }
 
