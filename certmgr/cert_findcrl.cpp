@@ -64,7 +64,7 @@ CrlRef Search(const CrlList& crls, std::size_t& next, const X509Cert& issuer, st
     const std::size_t first = next;
     const std::size_t position = Choose(crls, first, issuer, verdicts);
     next = std::min(position + 1, crls.size());
-    const CrlRef chosen = position != crls.size() ? crls[position] : nullptr;
+    CrlRef chosen = position != crls.size() ? crls[position] : nullptr;
     if (log == nullptr) return chosen;
     if (chosen != nullptr && !LogsCrlDetails()) {
         log->assign(kChosenCrl).append(Dates(*chosen));

@@ -13,6 +13,7 @@
 #include "cli/session.h"
 #include "cli/terminal/text.h"
 #include "platform/bridge_socket.h"
+#include "platform/host/program.h"
 
 namespace certmgrctl {
 namespace {
@@ -93,21 +94,26 @@ int Run(CLI::App& app, const Context& context, int argc, char** argv) {
     }
 }
 
-}  // namespace
-}  // namespace certmgrctl
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
     // Widths of characters; what is printed is UTF-8 anyway.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_IGN);
     CLI::App app{"Manages the certificates, CRLs, preshared keys and tokens of certmgrd.\n", "certmgrctl"};
-    certmgrctl::Context context;
+    Context context;
     context.session.socket = bridge::DefaultClientSocketPath();
-    certmgrctl::AddOptions(app, context);
-    certmgrctl::AddCommands(app, context);
-    if (argc > 1 && std::string(argv[1]) == certmgrctl::kCompleteWord) {
-        certmgrctl::PrintCandidates(app, context, std::vector<std::string>(argv + 2, argv + argc));
-        return certmgrctl::kExitDone;
+    AddOptions(app, context);
+    AddCommands(app, context);
+    if (argc > 1 && std::string(argv[1]) == kCompleteWord) {
+        PrintCandidates(app, context, std::vector<std::string>(argv + 2, argv + argc));
+        return kExitDone;
     }
-    return certmgrctl::Run(app, context, argc, argv);
+    return Run(app, context, argc, argv);
+}
+
+}  // namespace
+}  // namespace certmgrctl
+
+int main(int argc, char** argv) {
+    using namespace certmgrctl;
+    return vpnhost::RunProgram("certmgrctl", kExitFailed, [&] { return RunCommandLine(argc, argv); });
 }

@@ -11,6 +11,7 @@
 #include "platform/eventlog.h"
 #include "platform/events/event_host.h"
 #include "platform/host/host.h"
+#include "platform/host/program.h"
 #include "platform/tokens.h"
 
 namespace {
@@ -95,9 +96,7 @@ int Run(const std::string& path) {
     return kExitSuccess;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
     CLI::App app{
         "Certificate manager for IKE/IPsec VPN clients: keeps a live store of what PKCS#11 tokens hold.\n"
         "Runs in the foreground until told to stop, and logs to stderr unless the settings say otherwise.\n",
@@ -114,8 +113,11 @@ int main(int argc, char** argv) {
         return check ? CheckSettings(config) : Run(config);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? kExitSuccess : kExitSettings;
-    } catch (const std::exception& error) {
-        std::cerr << "certmgrd: " << error.what() << "\n";
-        return kExitFailure;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return vpnhost::RunProgram("certmgrd", kExitFailure, [&] { return RunCommandLine(argc, argv); });
 }

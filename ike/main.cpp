@@ -12,6 +12,7 @@
 #include "ike/report_text.h"
 #include "ike/respond.h"
 #include "ike/side.h"
+#include "platform/host/program.h"
 
 namespace {
 
@@ -235,9 +236,7 @@ void AddRespond(CLI::App& app, ikeauth::RespondOptions& options, unsigned& secon
     respond->add_flag("-q,--quiet", options.quiet, "One line for each exchange");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
     CLI::App app{"Drives the certificate services of an IKE engine: choose, sign, send, verify.\n", "ikeauth"};
     app.footer("\"ikeauth SUBCOMMAND --help\" shows the options of one.\n\n" + std::string(kExitCodes));
     app.require_subcommand(1);
@@ -266,8 +265,11 @@ int main(int argc, char** argv) {
         return ikeauth::RunProvision(provision);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? ikeauth::kExitSuccess : ikeauth::kExitCannotRun;
-    } catch (const std::exception& error) {
-        std::cerr << "ikeauth: " << error.what() << "\n";
-        return ikeauth::kExitCannotRun;
     }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return vpnhost::RunProgram("ikeauth", ikeauth::kExitCannotRun, [&] { return RunCommandLine(argc, argv); });
 }
