@@ -50,6 +50,7 @@ void Listeners::SessionOpened(BridgeSession& session) {
 void Listeners::SessionClosed(BridgeSession& session) {
     const std::lock_guard lock(sessions_mutex_);
     const auto found = sessions_of_user_.find(session.User());
+    if (found == sessions_of_user_.end()) return;  // its opening failed
     const bool last_of_user = --found->second == 0;
     if (last_of_user) sessions_of_user_.erase(found);
     Tell([&](CommandListener& listener) {

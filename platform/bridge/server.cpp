@@ -23,6 +23,8 @@ constexpr milliseconds kAcceptPause{100};
 constexpr milliseconds kLastWordsLimit{2000};
 /// Log lines about refused clients in a minute.
 constexpr unsigned kMaxRefusalsLogged = 10;
+/// Sessions kept for root and the process's own user, who could not help otherwise.
+constexpr std::uint32_t kReservedSessions = 4;
 
 std::optional<ucred> CredentialsOf(int socket) {
     ucred credentials{};
@@ -45,11 +47,21 @@ std::vector<gid_t> GroupsOf(int socket, gid_t first) {
     return groups;
 }
 
+bool IsOwn(const ucred& peer) {
+    return peer.uid == 0 || peer.uid == geteuid();
+}
+
+/// Half of a small number of sessions stays for the others.
+std::uint32_t SessionLimit(const Settings& settings, const ucred& peer) {
+    const std::uint32_t reserved = std::min(kReservedSessions, settings.max_sessions / 2);
+    return IsOwn(peer) ? settings.max_sessions : settings.max_sessions - reserved;
+}
+
 bool MayConnect(const Settings& settings, int socket, const ucred& peer) {
     const auto has = [](const std::vector<std::uint32_t>& list, std::uint32_t id) {
         return std::find(list.begin(), list.end(), id) != list.end();
     };
-    if (peer.uid == 0 || peer.uid == geteuid() || has(settings.users, peer.uid)) return true;
+    if (IsOwn(peer) || has(settings.users, peer.uid)) return true;
     if (settings.groups.empty()) return false;
     const std::vector<gid_t> groups = GroupsOf(socket, peer.gid);
     return std::any_of(groups.begin(), groups.end(), [&](gid_t group) { return has(settings.groups, group); });
@@ -161,8 +173,8 @@ void Server::Accept() {
     acceptor_.async_accept([this](const std::error_code& error, Session::Socket socket) {
         if (!acceptor_.is_open() || error == asio::error::operation_aborted) return;
         if (!error) {
-            Admit(std::move(socket));
-            return Accept();
+            Accept();  // first: the rest may throw
+            return Admit(std::move(socket));
         }
         accept_timer_.expires_after(kAcceptPause);
         accept_timer_.async_wait([this](const std::error_code& cancelled) {
@@ -177,16 +189,25 @@ void Server::Admit(Session::Socket socket) {
     if (!credentials.has_value() || !MayConnect(settings_, socket.native_handle(), *credentials)) {
         return Refuse(socket, peer, "user " + std::to_string(peer.user) + " may not connect");
     }
-    if (SessionCount() >= settings_.max_sessions) {
-        return Refuse(socket, peer, std::to_string(settings_.max_sessions) + " sessions are open already");
+    const std::size_t open = SessionCount();
+    if (open >= SessionLimit(settings_, *credentials)) {
+        return Refuse(socket, peer, std::to_string(open) + " sessions are open already");
     }
-    const auto session = std::make_shared<Session>(*this, std::move(socket), ++last_id_, peer);
-    {
-        const std::lock_guard lock(mutex_);
-        sessions_.emplace(session->Id(), session);
+    Begin(std::make_shared<Session>(*this, std::move(socket), ++last_id_, peer));
+}
+
+void Server::Begin(const SessionPtr& session) {
+    try {
+        {
+            const std::lock_guard lock(mutex_);
+            sessions_.emplace(session->Id(), session);
+        }
+        connected_.emplace(session->Id(), session);
+        session->Start();
+    } catch (const std::exception&) {
+        session->Drop({});
+        throw;
     }
-    connected_.emplace(session->Id(), session);
-    session->Start();
 }
 
 void Server::Refuse(Session::Socket& socket, const Peer& peer, const std::string& why) {
@@ -226,6 +247,7 @@ void Server::Watch() {
     watch_timer_.expires_after(interval);
     watch_timer_.async_wait([this](const std::error_code& cancelled) {
         if (cancelled) return;
+        Watch();  // first: the rest may throw
         const auto now = Session::Clock::now();
         const milliseconds limit = stopping_ ? std::min(settings_.stall_limit, kLastWordsLimit) : settings_.stall_limit;
         const auto connected = connected_;
@@ -234,7 +256,6 @@ void Server::Watch() {
             refusals_since_ = now;
             refusals_ = 0;
         }
-        Watch();
     });
 }
 

@@ -57,6 +57,7 @@ class Server {
 
     void Accept();
     void Admit(Session::Socket socket);
+    void Begin(const SessionPtr& session);
     void LogRefusal(const Peer& peer, const std::string& why);
     void Refuse(Session::Socket& socket, const Peer& peer, const std::string& why);
     void Run();

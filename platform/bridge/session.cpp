@@ -6,6 +6,7 @@
 #include <exception>
 #include <new>
 #include <system_error>
+#include <utility>
 
 #include "platform/bridge/listeners.h"
 #include "platform/bridge/server.h"
@@ -21,6 +22,11 @@ constexpr std::size_t kFirstRoom = 64U << 10;
 constexpr std::size_t kMaxQueuedCommands = 16;
 constexpr std::size_t kMaxQueuedBytes = 1U << 20;
 constexpr std::size_t kMaxNameBytes = 64;
+/// While more waits to be sent to a client, nothing is read from it.
+constexpr std::size_t kMaxUnsentBytes = 1U << 20;
+/// What a frame that waits costs beside its bytes.
+constexpr std::size_t kFrameCharge = 128;
+constexpr std::size_t kReadAtOnce = 64U << 10;
 
 /// The longer text with what was there, none of which is left behind.
 bool Grow(vpnfc::SecretString& text, std::size_t size) {
@@ -66,18 +72,40 @@ void Session::Start() {
     ReadHeader();
 }
 
+/// A step that throws, of no memory say, costs its own session alone.
+template <typename Step>
+void Session::Guard(Step step) {
+    try {
+        step();
+    } catch (const std::exception& error) {
+        Drop(error.what());
+    }
+}
+
 // --- Reading ---
 
+/// Asked before each read how much to read at most; the handler beside it keeps the session.
+auto Session::NoteRead() {
+    return [this](const std::error_code& error, std::size_t count) {
+        if (count != 0) {
+            frame_begun_ = true;
+            last_read_ = Clock::now();
+        }
+        return error ? 0 : kReadAtOnce;
+    };
+}
+
 void Session::ReadHeader() {
-    reading_ = !closed_ && !finishing_ && !QueueIsFull();
+    frame_begun_ = false;
+    reading_ = !closed_ && !finishing_ && !QueueIsFull() && pending_bytes_ <= kMaxUnsentBytes;
     if (!reading_) return;
-    asio::async_read(socket_, asio::buffer(header_bytes_),
+    asio::async_read(socket_, asio::buffer(header_bytes_), NoteRead(),
                      [self = shared_from_this()](const std::error_code& error, std::size_t) {
                          if (error) return self->Drop({});
                          self->header_ = ParseHeader(self->header_bytes_);
                          self->payload_read_ = 0;
                          self->payload_ = {};
-                         self->ReadPayload();
+                         self->Guard([&] { self->ReadPayload(); });
                      });
 }
 
@@ -89,11 +117,11 @@ void Session::ReadPayload() {
     if (payload_read_ == header_.length) return OnFrame();
     if (!GrowPayload()) return Drop("there is no memory for its frame");
     std::string& payload = payload_.edit();
-    asio::async_read(socket_, asio::buffer(payload.data() + payload_read_, payload.size() - payload_read_),
+    asio::async_read(socket_, asio::buffer(payload.data() + payload_read_, payload.size() - payload_read_), NoteRead(),
                      [self = shared_from_this()](const std::error_code& error, std::size_t count) {
                          if (error) return self->Drop({});
                          self->payload_read_ += count;
-                         self->ReadPayload();
+                         self->Guard([&] { self->ReadPayload(); });
                      });
 }
 
@@ -180,13 +208,14 @@ void Session::Fail(const std::string& text) {
 
 void Session::Send(SharedFrame frame) {
     if (closed_) return;
-    pending_bytes_ += frame->size();
+    pending_bytes_ += frame->size() + kFrameCharge;
     if (pending_bytes_ > max_pending_bytes_) return Drop("it does not take what is sent to it");
-    to_send_.push_back(std::move(frame));
-    if (to_send_.size() == 1) {
+    Guard([&] {
+        to_send_.push_back(std::move(frame));
+        if (to_send_.size() > 1) return;
         last_progress_ = Clock::now();
         WriteNext();
-    }
+    });
 }
 
 void Session::SendError(std::uint32_t number, Error code, const std::string& text) {
@@ -198,7 +227,7 @@ void Session::WriteNext() {
     socket_.async_write_some(asio::buffer(frame.data() + sent_of_first_, frame.size() - sent_of_first_),
                              [self = shared_from_this()](const std::error_code& error, std::size_t count) {
                                  if (error) return self->Drop({});
-                                 if (!self->closed_) self->OnWritten(count);
+                                 if (!self->closed_) self->Guard([&] { self->OnWritten(count); });
                              });
 }
 
@@ -208,16 +237,20 @@ void Session::OnWritten(std::size_t count) {
     pending_bytes_ -= count;
     if (sent_of_first_ == to_send_.front()->size()) {
         sent_of_first_ = 0;
+        pending_bytes_ -= kFrameCharge;
         to_send_.pop_front();
     }
-    if (!to_send_.empty()) return WriteNext();
+    if (!to_send_.empty()) WriteNext();
+    if (!reading_) ReadHeader();
     CloseWhenDone();
 }
 
 void Session::CheckStall(Clock::time_point now, std::chrono::milliseconds limit) {
     const bool waits = !to_send_.empty() || !greeted_;
-    if (!waits || now - last_progress_ < limit) return;
-    Drop(greeted_ ? "it does not take what is sent to it" : "it does not say hello");
+    if (waits && now - last_progress_ >= limit) {
+        return Drop(greeted_ ? "it does not take what is sent to it" : "it does not say hello");
+    }
+    if (frame_begun_ && !finishing_ && now - last_read_ >= limit) Drop("it does not go on with a frame it began");
 }
 
 // --- Closing ---
@@ -240,10 +273,10 @@ void Session::CloseWhenDone() {
     if (finishing_ && queued_commands_ == 0 && to_send_.empty()) Drop({});
 }
 
-void Session::Drop(const std::string& why) {
+void Session::Drop(std::string_view why) noexcept {
     if (closed_) return;
     closed_ = true;
-    if (!why.empty()) TLogMessage(kMsgBridgeClientDropped).Attr(Describe() + ": " + why).Send();
+    LogDrop(why);
     std::error_code ignored;
     socket_.close(ignored);
     to_send_.clear();
@@ -251,9 +284,18 @@ void Session::Drop(const std::string& why) {
     if (answers_) server_.questions().ClientLeft();
     server_.Disconnected(*this);
     if (greeted_) {
-        Queue({.kind = JobKind::kClosed});
+        CloseJobs();
     } else {
         server_.Settled(id_);
+    }
+}
+
+void Session::LogDrop(std::string_view why) const noexcept {
+    if (why.empty()) return;
+    try {
+        TLogMessage(kMsgBridgeClientDropped).Attr(Describe().append(": ").append(why)).Send();
+    } catch (const std::exception&) {
+        // The client goes all the same.
     }
 }
 
@@ -278,29 +320,60 @@ void Session::Queue(Job job) {
     {
         const std::lock_guard lock(jobs_mutex_);
         jobs_.push_back(std::move(job));
-        if (jobs_run_) return;
-        jobs_run_ = true;
     }
-    server_.workers().Post([self = shared_from_this()] { self->RunJobs(); });
+    StartJobs();
+}
+
+void Session::StartJobs() {
+    {
+        const std::lock_guard lock(jobs_mutex_);
+        if (std::exchange(jobs_run_, true)) return;
+    }
+    try {
+        server_.workers().Post([self = shared_from_this()] { self->RunJobs(); });
+    } catch (const std::exception&) {
+        const std::lock_guard lock(jobs_mutex_);
+        jobs_run_ = false;
+        throw;
+    }
+}
+
+/// Tells the listeners when the command that runs is done. Without a worker it does so itself.
+void Session::CloseJobs() noexcept {
+    {
+        const std::lock_guard lock(jobs_mutex_);
+        close_pending_ = true;
+    }
+    try {
+        StartJobs();
+    } catch (const std::exception&) {
+        RunJobs();
+    }
 }
 
 void Session::RunJobs() {
-    while (true) {
-        Job job;
-        {
-            const std::lock_guard lock(jobs_mutex_);
-            jobs_run_ = !jobs_.empty();
-            if (!jobs_run_) return;
-            job = std::move(jobs_.front());
-            jobs_.pop_front();
-        }
-        RunJob(job);
+    const auto self = shared_from_this();
+    for (Job job; NextJob(job); job = Job()) RunJob(job);
+}
+
+bool Session::NextJob(Job& job) {
+    const std::lock_guard lock(jobs_mutex_);
+    jobs_run_ = !jobs_.empty() || close_pending_;
+    if (!jobs_run_) return false;
+    if (jobs_.empty()) {
+        close_pending_ = false;
+        job.kind = JobKind::kClosed;
+    } else {
+        job = std::move(jobs_.front());
+        jobs_.pop_front();
     }
+    return true;
 }
 
 void Session::RunJob(Job& job) {
     switch (job.kind) {
         case JobKind::kOpened:
+            opened_ = true;
             Listeners::Instance().SessionOpened(*this);
             break;
         case JobKind::kCommand:
@@ -308,7 +381,7 @@ void Session::RunJob(Job& job) {
                           bytes = job.command.input.get().size()] { self->OnCommandDone(answer, bytes); });
             break;
         case JobKind::kClosed:
-            Listeners::Instance().SessionClosed(*this);
+            if (opened_) Listeners::Instance().SessionClosed(*this);
             server_.Settled(id_);
             break;
     }
@@ -353,7 +426,9 @@ void Session::OnCommandDone(const SharedFrame& answer, std::size_t input_bytes) 
     --queued_commands_;
     queued_bytes_ -= input_bytes;
     Send(answer);
-    if (!reading_) ReadHeader();
+    Guard([&] {
+        if (!reading_) ReadHeader();
+    });
     CloseWhenDone();
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "platform/base.h"
 #include "platform/bridge/frame.h"
@@ -52,8 +53,8 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     /// Takes no more commands; closes when the one that runs is answered.
     void Finish();
     /// Closes the connection at once. `why` is logged unless empty.
-    void Drop(const std::string& why);
-    /// Drops a client that takes nothing of what waits for it, or did not say hello in time.
+    void Drop(std::string_view why) noexcept;
+    /// Drops a client that takes nothing of what waits for it, does not go on with a frame, or did not say hello in time.
     void CheckStall(Clock::time_point now, std::chrono::milliseconds limit);
 
   private:
@@ -64,8 +65,12 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
         vpnfc::SecretString input;
     };
 
+    template <typename Step>
+    void Guard(Step step);
+
     void ReadHeader();
     void ReadPayload();
+    auto NoteRead();
     bool GrowPayload();
     void OnFrame();
     void OnHello();
@@ -76,6 +81,7 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     void WriteNext();
     void OnWritten(std::size_t count);
     void CloseWhenDone();
+    void LogDrop(std::string_view why) const noexcept;
 
     // Commands.
     enum class JobKind : std::uint8_t { kOpened, kCommand, kClosed };
@@ -84,7 +90,10 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
         Command command{};
     };
     void Queue(Job job);
+    void StartJobs();
+    void CloseJobs() noexcept;
     void RunJobs();
+    bool NextJob(Job& job);
     void RunJob(Job& job);
     SharedFrame Execute(const Command& command);
     void OnCommandDone(const SharedFrame& answer, std::size_t input_bytes);
@@ -110,10 +119,12 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     vpnfc::SecretString payload_;
     std::size_t payload_read_ = 0;
     bool reading_ = false;
+    bool frame_begun_ = false;
+    Clock::time_point last_read_{};
 
     std::deque<SharedFrame> to_send_;
     std::size_t sent_of_first_ = 0;
-    std::size_t pending_bytes_ = 0;
+    std::size_t pending_bytes_ = 0;  // with a charge for each frame
     Clock::time_point last_progress_ = Clock::now();
     bool finishing_ = false;
     bool closed_ = false;
@@ -124,6 +135,9 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     // Guarded by jobs_mutex_.
     std::deque<Job> jobs_;
     bool jobs_run_ = false;
+    bool close_pending_ = false;  // instead of a job: nothing of a closing may fail
+    // Of the jobs.
+    bool opened_ = false;
 };
 
 }  // namespace bridge

@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-#include <system_error>
+#include <exception>
 
 namespace bridge {
 
@@ -19,7 +19,7 @@ void WorkerPool::Post(std::function<void()> work) {
         try {
             threads_.emplace_back([this] { Run(); });
             ++idle_;
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {
             // No more threads to be had: the work waits for the others.
         }
     }

@@ -371,8 +371,9 @@ TEST_F(ServerTest, NotificationsReachEveryClientAndAreKeptDuringCalls) {
 TEST_F(ServerTest, AClientThatDoesNotReadIsDropped) {
     const RawClient deaf(settings_.socket_path);
     deaf.Hello();
-    const std::string command = bridge::MakeCodedFrame(FrameType::kCommand, 1, Number(3U << 20), kGroup, kZeros);
-    for (int i = 0; i < 8; ++i) deaf.Send(command);
+    deaf.Send(bridge::MakeCodedFrame(FrameType::kCommand, 1, "x", kGroup, kOrder));
+    ASSERT_TRUE(listener_.order.WaitUntil([](const std::string& all) { return all == "x"; }));
+    for (int i = 0; i < 4; ++i) bridge::server::NotifyClients(9, std::string(3U << 20, 'x'));
     EXPECT_TRUE(listener_.closed.Wait());
     const auto dropped = vendor_host::FindMessages(kMsgBridgeClientDropped);
     ASSERT_EQ(dropped.size(), 1U);
@@ -413,7 +414,16 @@ TEST_F(LimitsTest, SilentAndStalledClientsAreDroppedInTime) {
     CommandStreamOut(size).fields(8U << 20);
     stalled.Send(bridge::MakeCodedFrame(FrameType::kCommand, 1, size, kGroup, kZeros));
     EXPECT_TRUE(listener_.closed.Wait());
-    EXPECT_EQ(vendor_host::FindMessages(kMsgBridgeClientDropped).size(), 2U);
+    const auto idle = Connect();
+    const RawClient half(settings_.socket_path);
+    half.Hello();
+    half.Send(bridge::BeginFrame(FrameType::kCommand, 1, 1000) + "half");
+    half.ReadAll();
+    const auto dropped = vendor_host::FindMessages(kMsgBridgeClientDropped);
+    ASSERT_EQ(dropped.size(), 3U);
+    EXPECT_NE(dropped[2].Text().find("does not go on with a frame it began"), std::string::npos);
+    std::string reply;
+    EXPECT_TRUE(idle->Call(kGroup, kEcho, {}, reply));
 }
 
 TEST_F(LimitsTest, SessionsAreLimited) {
@@ -459,6 +469,12 @@ TEST_F(LimitsTest, UsersAreCheckedByTheKernelsWord) {
     ASSERT_TRUE(bridge::Apply(settings_, error)) << error;
     EXPECT_TRUE(connect_as(12346, 54321));
     EXPECT_FALSE(connect_as(12346, 54322));
+    settings_.max_sessions = 2;
+    ASSERT_TRUE(bridge::Apply(settings_, error)) << error;
+    while (bridge::SessionCount() > 0) std::this_thread::yield();
+    const auto own = Connect();
+    EXPECT_FALSE(connect_as(12346, 54321));  // the rest is kept for root and the server's user
+    EXPECT_TRUE(Connect()->connected());
 }
 
 TEST_F(LimitsTest, TheSocketOfADeadServerIsReplacedThatOfALivingOneIsNot) {
