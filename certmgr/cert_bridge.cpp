@@ -58,6 +58,11 @@ Record read_record_(CommandStreamIn& in) {
     return record;
 }
 
+struct WipeAtEnd {
+    std::string& text;
+    ~WipeAtEnd() { vpnfc::SecureWipe(text); }
+};
+
 /// The two records that name a certificate or a CRL.
 template <typename Info>
 struct Named {
@@ -127,9 +132,13 @@ void export_cert_(Request& request) {
     bool with_private_key = false;
     request.in.fields(format, password.edit(), with_chain, with_private_key);
     SecretString data;
-    const std::uint32_t result =
-        CertStorage::Instance().ExportCertificate(named.token, named.info, static_cast<CertExportFormat>(format),
-                                                  password.get().c_str(), with_chain, with_private_key, data.edit());
+    std::uint32_t result = ExportCertError;
+    // A file under the first part of a password would be no secret.
+    if (password.get().find('\0') == std::string::npos) {
+        result = CertStorage::Instance().ExportCertificate(
+            named.token, named.info, static_cast<CertExportFormat>(format), password.get().c_str(), with_chain,
+            with_private_key, data.edit());
+    }
     request.out.fields(result, data.get());
 }
 
@@ -142,10 +151,11 @@ void enum_request_mechanisms_(Request& request) {
 
 void make_request_(Request& request) {
     const auto token = read_record_<TokenInfo>(request.in);
-    auto info = read_record_<CertRequestInfo>(request.in);
+    CertRequestInfo info;
+    const WipeAtEnd wipe{info.randomSeed};
+    sync(request.in, info);
     std::string pem;
     const std::uint32_t result = CMT_MakeCertRequest(token, info, pem);
-    vpnfc::SecureWipe(info.randomSeed);
     request.out.fields(result, pem);
 }
 
@@ -324,11 +334,7 @@ void X509CertFile_PutToOutStream_(const X509CertFile& file, CommandStreamOut& ou
     if (file.status != 0) return;
     const std::vector<TokenInfo> tokens = PKCS11::Manager::Instance().EnumTokens();
     sync_list(out, tokens, sync_record);
-    sync_list(out, file.certs, [&tokens](CommandStreamOut& stream, const X509Cert* cert) {
-        CertImportOption option;
-        GetCertImportOption(tokens, cert, option);
-        sync(stream, std::as_const(option));
-    });
+    sync_list(out, GetCertImportOptions(tokens, file.certs), sync_record);
     sync_list(out, file.crls,
               [](CommandStreamOut& stream, const CrlRef& crl) { sync(stream, std::as_const(crl->info)); });
 }

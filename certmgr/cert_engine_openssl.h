@@ -49,6 +49,9 @@ OSSL_LIB_CTX* LegacyContext();
 const EVP_MD* Md5();
 const EVP_MD* Sha1();
 
+/// Certificates, keys and CRLs that a file may hold.
+inline constexpr std::size_t kMaxBundleItems = 4096;
+
 /// Payload of the first PEM block of that kind; empty when there is none or it is bad or encrypted.
 std::string PemPayload(std::string_view text, const char* kind);
 

@@ -28,8 +28,6 @@ using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
 
 /// Longer passwords are nobody's.
 constexpr std::size_t kMaxPasswordBytes = 4096;
-/// Certificates and keys in one file.
-constexpr std::size_t kMaxItems = 1000;
 /// Bags inside bags; nobody writes any.
 constexpr int kMaxDepth = 4;
 /// What an attempt costs beside its iterations.
@@ -210,7 +208,7 @@ bool Pkcs12File::ReadBags(const STACK_OF(PKCS12_SAFEBAG) * bags, int depth) {
     if (depth > kMaxDepth) return Refuse();
     for (int i = 0; i < sk_PKCS12_SAFEBAG_num(bags); ++i) {
         if (!ReadBag(sk_PKCS12_SAFEBAG_value(bags, i), depth)) return false;
-        if (certs_.size() + keys_.size() > kMaxItems) return Refuse();
+        if (certs_.size() + keys_.size() > kMaxBundleItems) return Refuse();
     }
     return true;
 }

@@ -86,6 +86,12 @@ void MoveCerts(STACK_OF(X509) * stack, std::vector<void*>& handles) {
     }
 }
 
+// More would stay in memory with the file.
+bool IsTooMany(const STACK_OF(X509) * certs, const STACK_OF(X509_CRL) * crls) {
+    const int count = std::max(sk_X509_num(certs), 0) + std::max(sk_X509_CRL_num(crls), 0);
+    return static_cast<std::size_t>(count) > cert_engine::kMaxBundleItems;
+}
+
 void* CrlHandle(std::string der) {
     return cert_engine::CreateCrlHandle(std::make_shared<const std::string>(std::move(der)));
 }
@@ -138,6 +144,7 @@ int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<vo
         bundled_certs = bundle->d.signed_and_enveloped->cert;
         bundled_crls = bundle->d.signed_and_enveloped->crl;
     }
+    if (IsTooMany(bundled_certs, bundled_crls)) return kNotPkcs7;
     MoveCerts(bundled_certs, certs);
     if (crls != nullptr) MoveCrls(bundled_crls, *crls);
     return kHandled;

@@ -32,18 +32,47 @@ bool HoldsKeyPair(const TokenInfo& token, const X509Cert& cert) {
     return session && session.ContainPubKeyObject(cert.rawPubKey);
 }
 
-/// Positions of the tokens for which `fits` holds.
-template <typename Fits>
-std::vector<std::uint32_t> Positions(const std::vector<TokenInfo>& tokens, Fits fits) {
-    std::vector<std::uint32_t> positions;
-    for (std::uint32_t i = 0; i < tokens.size(); ++i) {
-        if (fits(tokens[i])) positions.push_back(i);
-    }
-    return positions;
-}
+/// Proposes tokens; a session with each is opened when the first key pair is looked for.
+class ImportAdviser {
+  public:
+    explicit ImportAdviser(const std::vector<TokenInfo>& tokens) : tokens_(tokens), sessions_(tokens.size()) {}
+    CertImportOption Advise(const X509Cert& cert);
 
-bool HoldsTrusted(const TokenInfo& token) {
-    return token.holdsTrusted;
+  private:
+    /// Positions of the tokens for which `fits` holds.
+    template <typename Fits>
+    std::vector<std::uint32_t> Positions(Fits fits) const {
+        std::vector<std::uint32_t> positions;
+        for (std::uint32_t i = 0; i < tokens_.size(); ++i) {
+            if (fits(i)) positions.push_back(i);
+        }
+        return positions;
+    }
+    bool HoldsKeyPair(std::uint32_t position, const X509Cert& cert) {
+        std::unique_ptr<TokenSession>& session = sessions_[position];
+        if (session == nullptr) session = std::make_unique<TokenSession>(tokens_[position]);
+        return *session && session->ContainPubKeyObject(cert.rawPubKey);
+    }
+
+    const std::vector<TokenInfo>& tokens_;
+    std::vector<std::unique_ptr<TokenSession>> sessions_;
+};
+
+CertImportOption ImportAdviser::Advise(const X509Cert& cert) {
+    CertImportOption option;
+    option.info = cert.info;
+    option.mode = kImportPersonal;
+    if (HasPrivateKey(cert)) {
+        option.tokens = Positions([&](std::uint32_t i) {
+            return PKCS11::Manager::Instance().IsTokenSupportMechanism(tokens_[i], cert.info.keyAlg);
+        });
+        return option;
+    }
+    option.tokens = Positions([&](std::uint32_t i) { return HoldsKeyPair(i, cert); });
+    if (!option.tokens.empty()) return option;
+    option.mode = cert.info.isCA ? kImportTrusted : kImportOther;
+    option.tokens = Positions([&](std::uint32_t i) { return tokens_[i].holdsTrusted; });
+    return option;
 }
 
 /// The token that a certificate of a file is stored on, or null with the reason.
@@ -157,18 +186,14 @@ void X509CertFile::AdoptCerts(const std::vector<void*>& handles) {
 }
 
 void GetCertImportOption(const std::vector<TokenInfo>& tokens, const X509Cert* cert, CertImportOption& option) {
-    option.info = cert->info;
-    option.mode = kImportPersonal;
-    if (HasPrivateKey(*cert)) {
-        option.tokens = Positions(tokens, [cert](const TokenInfo& token) {
-            return PKCS11::Manager::Instance().IsTokenSupportMechanism(token, cert->info.keyAlg);
-        });
-        return;
-    }
-    option.tokens = Positions(tokens, [cert](const TokenInfo& token) { return HoldsKeyPair(token, *cert); });
-    if (!option.tokens.empty()) return;
-    option.mode = cert->info.isCA ? kImportTrusted : kImportOther;
-    option.tokens = Positions(tokens, HoldsTrusted);
+    option = ImportAdviser(tokens).Advise(*cert);
+}
+
+std::vector<CertImportOption> GetCertImportOptions(const std::vector<TokenInfo>& tokens, const CertList& certs) {
+    ImportAdviser adviser(tokens);
+    std::vector<CertImportOption> options;
+    for (const X509Cert* cert : certs) options.push_back(adviser.Advise(*cert));
+    return options;
 }
 
 bool ImportCertsFromFile(const std::string& content, const std::string& password, std::string* report) {

@@ -38,6 +38,9 @@ class CM_API X509CertFile {
 /// pair; when there are none, those that hold trusted certificates.
 CM_API void GetCertImportOption(const std::vector<PKCS11::TokenInfo>& tokens, const X509Cert* cert,
                                 CertImportOption& option);
+/// The same for each of the certificates, with one session for each token.
+CM_API std::vector<CertImportOption> GetCertImportOptions(const std::vector<PKCS11::TokenInfo>& tokens,
+                                                          const CertList& certs);
 
 /// Stores the certificates of a file: CAs as trusted, others beside their key pair. Stops at the first that cannot be
 /// stored, with one reason appended to the report; earlier ones stay.

@@ -2,6 +2,8 @@
 #include <future>
 #include <thread>
 
+#include "certmgr/cert_crlcache.h"
+#include "certmgr/cert_file.h"
 #include "certmgr/cert_request.h"
 #include "certmgr/cert_storage.h"
 #include "certmgr/certmgr.h"
@@ -236,6 +238,8 @@ TEST_F(CommandsTest, LargeFilesAreTaken) {
     const auto file = manager().OpenFile(large, SecretString());
     ASSERT_TRUE(file.has_value()) << client_->failure().text;
     EXPECT_NE(file->status, 0U);
+    const std::string many = test_pki::MakePkcs7(std::vector<std::string>(4097, other_.der));
+    EXPECT_NE(manager().OpenFile(many, SecretString())->status, 0U);
     EXPECT_EQ(Subjects(CertSelector::kOther).size(), 1U);
 }
 
@@ -254,9 +258,27 @@ TEST_F(CommandsTest, ACertificateIsDescribedChainedVerifiedAndExported) {
     EXPECT_EQ(chain->members[2].info.subject, "CN=Root, O=Test");
     const auto verdict = manager().VerifyCertificate(leaf.token, leaf.info, 0);
     EXPECT_TRUE(verdict.value().good) << verdict->text;
-    EXPECT_EQ(manager().ExportCertificate(leaf.token, leaf.info, {.format = kExportDer})->bytes.get(), leaf_.der);
-    const auto p12 = manager().ExportCertificate(leaf.token, leaf.info, {.format = 4});
-    EXPECT_EQ(p12->result, 4U);
+    const SecretString cut(std::string("a\0b", 3));
+    const struct {
+        certmgr_client::ExportOptions options;
+        std::uint32_t result;
+        std::size_t certs;
+        const char* start;
+    } exports[] = {
+        {{.format = 0}, 1, 1, "\x30\x82"},
+        {{.format = 1}, 1, 1, "-----BEGIN CERTIFICATE-----"},
+        {{.format = 2, .with_private_key = true}, 1, 1, ""},
+        {{.format = 2, .with_chain = true}, 1, 3, ""},
+        {{.format = 3, .password = &cut}, 3, 0, ""},
+        {{.format = 4}, 4, 0, ""},
+    };
+    for (const auto& test : exports) {
+        SCOPED_TRACE(testing::Message() << test.options.format << test.options.with_chain);
+        const auto made = manager().ExportCertificate(leaf.token, leaf.info, test.options);
+        EXPECT_EQ(made->result, test.result);
+        EXPECT_TRUE(made->bytes.get().starts_with(test.start));
+        EXPECT_EQ(manager().OpenFile(made->bytes.get(), SecretString())->certs.size(), test.certs);
+    }
 
     CertInfo unknown = leaf.info;
     unknown.serialNumber = "00";
@@ -266,6 +288,19 @@ TEST_F(CommandsTest, ACertificateIsDescribedChainedVerifiedAndExported) {
     EXPECT_FALSE(not_found->good);
     EXPECT_EQ(not_found->text, "Certificate not found");
     EXPECT_EQ(manager().ExportCertificate(leaf.token, unknown, {})->result, 2U);
+}
+
+TEST_F(CommandsTest, TheStrictnessOfAVerificationReachesTheCheck) {
+    test_pki::CertSpec spec{.subject = "CN=unreachable", .key_usage = "digitalSignature"};
+    spec.crl_points.push_back({"URI:http://127.0.0.1:1/crl"});
+    token_->AddCertificate(test_pki::MakeCert(spec, &issuing_).der);
+    CM::Reload();
+    for (const ListedCert& cert : List(CertSelector::kOther)) {
+        const bool reachable = cert.info.subject != "CN=unreachable";
+        EXPECT_TRUE(manager().VerifyCertificate(cert.token, cert.info, 0)->good);
+        EXPECT_EQ(manager().VerifyCertificate(cert.token, cert.info, 1)->good, reachable);
+        EXPECT_TRUE(manager().VerifyCertificate(cert.token, cert.info, 2)->good);
+    }
 }
 
 TEST_F(CommandsTest, RequestsAndPresharedKeys) {
@@ -287,6 +322,24 @@ TEST_F(CommandsTest, RequestsAndPresharedKeys) {
     EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
     EXPECT_EQ(manager().ListPresharedKeys()->size(), 1U);
     EXPECT_TRUE(manager().DeleteCrl(token, manager().ListCrls()->at(0).info));
+    EXPECT_TRUE(manager().ListCrls()->empty());
+}
+
+TEST_F(CommandsTest, DownloadedCrlsAreListedLastAndDeletedFirst) {
+    const CM::CrlRef same = CM::X509CertFile(crl_, "").crls.at(0);
+    same->token = token_->Info();
+    same->uri = "http://127.0.0.1/crl";
+    {
+        const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
+        CM::g_crl_db.emplace(&same->uri, same);
+    }
+    const auto both = manager().ListCrls().value();
+    ASSERT_EQ(both.size(), 2U);
+    EXPECT_TRUE(!both[0].downloaded && both[1].downloaded);
+    EXPECT_TRUE(manager().DeleteCrl(both[0].token, both[0].info));
+    const auto left = manager().ListCrls().value();
+    EXPECT_TRUE(left.size() == 1 && !left[0].downloaded);
+    EXPECT_TRUE(manager().DeleteCrl(both[0].token, both[0].info));
     EXPECT_TRUE(manager().ListCrls()->empty());
 }
 
