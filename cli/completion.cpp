@@ -131,12 +131,24 @@ CLI::App* FindCommand(CLI::App& command, const std::string& word) {
     return found.empty() ? nullptr : found.front();
 }
 
+/// The daemon of the line is the one that is asked.
+void TakeSocket(const CLI::Option& option, const std::string& value, Context& context) {
+    if (option.check_lname("socket")) context.session.socket = value;
+}
+
 /// Follows the words to the command that they name; `open` is the option whose value comes next.
-CLI::App* Follow(CLI::App& app, const std::vector<std::string>& words, const CLI::Option*& open) {
+CLI::App* Follow(CLI::App& app, Context& context, const std::vector<std::string>& words, const CLI::Option*& open) {
     CLI::App* command = &app;
     for (const std::string& word : words) {
+        const std::size_t equals = word.find('=');
         if (open != nullptr) {
+            // Bash makes three words of --socket=PATH.
+            if (word == "=") continue;
+            TakeSocket(*open, word, context);
             open = nullptr;
+        } else if (word.starts_with("--") && equals != std::string::npos) {
+            const CLI::Option* const option = FindOption(*command, word.substr(0, equals));
+            if (option != nullptr) TakeSocket(*option, word.substr(equals + 1), context);
         } else if (word.starts_with('-')) {
             const CLI::Option* const option = FindOption(*command, word);
             open = TakesValue(option) ? option : nullptr;
@@ -151,7 +163,7 @@ Candidates CandidatesFor(CLI::App& app, Context& context, std::vector<std::strin
     const std::string partial = words.back();
     words.pop_back();
     const CLI::Option* open = nullptr;
-    const CLI::App* const command = Follow(app, words, open);
+    const CLI::App* const command = Follow(app, context, words, open);
     if (open != nullptr) return ValuesOf(*open, context);
     if (partial.starts_with('-')) return OptionsOf(*command);
     const Candidates commands = CommandsOf(*command);

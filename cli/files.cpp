@@ -79,7 +79,10 @@ class TemporaryFile {
         return fchmod(fd_.get(), mode) == 0 && WriteAll(fd_.get(), content) && fsync(fd_.get()) == 0;
     }
     bool MoveTo(const std::string& path, bool replace) const {
-        return renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, path.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0;
+        if (renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, path.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0)
+            return true;
+        // Not every file system knows the flag. The name of the temporary file goes in the end.
+        return !replace && (errno == EINVAL || errno == ENOSYS) && link(name_.c_str(), path.c_str()) == 0;
     }
 
   private:
@@ -130,16 +133,25 @@ void RequireAbsent(const std::string& path, bool force) {
     throw Failure(kExitFailed, path + " is there already", {"--force replaces it."});
 }
 
-void WriteWholeFile(const std::string& path, std::string_view content, Access access, bool force) {
-    const TemporaryFile file(path);
-    if (!file.Fill(content, ModeFor(access))) FailOn(path, kExitFailed);
-    if (file.MoveTo(path, force)) return;
-    if (errno == EEXIST) RequireAbsent(path, force);
-    FailOn(path, kExitFailed);
+class OutputFile::Temporary : public TemporaryFile {
+  public:
+    using TemporaryFile::TemporaryFile;
+};
+
+OutputFile::OutputFile(const std::string& path, Access access, bool force)
+    : path_(path), access_(access), force_(force), temporary_(std::make_unique<Temporary>(path)) {}
+
+OutputFile::~OutputFile() = default;
+
+void OutputFile::Write(std::string_view content) const {
+    if (!temporary_->Fill(content, ModeFor(access_))) FailOn(path_, kExitFailed);
+    if (temporary_->MoveTo(path_, force_)) return;
+    if (errno == EEXIST) RequireAbsent(path_, force_);
+    FailOn(path_, kExitFailed);
 }
 
 void WriteResult(const std::string& path, std::string_view content, Access access, bool force) {
-    if (!path.empty() && path != "-") return WriteWholeFile(path, content, access, force);
+    if (!path.empty() && path != "-") return OutputFile(path, access, force).Write(content);
     const bool binary = std::any_of(content.begin(), content.end(), [](char c) {
         return (c < ' ' && c != '\n' && c != '\r' && c != '\t') || c == 127;
     });

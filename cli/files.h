@@ -1,6 +1,7 @@
 // Files that the person names: what is imported, and what is exported.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,8 +25,24 @@ enum class Access : unsigned char {
 /// Failure (kExitFailed) when the file is there and shall not be replaced: asked before anything is done for it.
 void RequireAbsent(const std::string& path, bool force);
 
-/// Writes a file whole or not at all.
-void WriteWholeFile(const std::string& path, std::string_view content, Access access, bool force);
+/// A file that is written whole or not at all. Made before what cannot be made twice is: where no file can be made, the
+/// constructor already is a Failure (kExitFailed).
+class OutputFile {
+  public:
+    OutputFile(const std::string& path, Access access, bool force);
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    void Write(std::string_view content) const;
+
+  private:
+    class Temporary;
+    std::string path_;
+    Access access_;
+    bool force_;
+    std::unique_ptr<Temporary> temporary_;
+};
 
 /// Writes what was produced to the file, or to standard output when `path` is empty or "-"; binary data not to a terminal.
 void WriteResult(const std::string& path, std::string_view content, Access access, bool force);

@@ -1,5 +1,7 @@
 #include "cli/login.h"
 
+#include <algorithm>
+
 #include "cli/terminal/prompt.h"
 
 namespace certmgrctl {
@@ -65,10 +67,23 @@ void LogInIfNeeded(Context& context, const TokenInfo& listed, const std::string&
     context.console.Note("Logged in to token " + Label(token) + "; certmgrctl token logout ends that.");
 }
 
+void RequireOneToken(const std::vector<TokenInfo>& tokens, const std::string& option, const std::string& pin_file) {
+    const bool several = std::any_of(tokens.begin(), tokens.end(),
+                                     [&](const TokenInfo& token) { return token.id != tokens.front().id; });
+    // Standard input has a line for each.
+    if (!several || pin_file.empty() || pin_file == "-") return;
+    throw Failure(kExitUsage, option + " has one PIN, and several tokens are needed",
+                  {"Name one with --token, or log in to each first (certmgrctl token login)."});
+}
+
 void RequireTaken(const certmgr_client::PinReply& reply, const TokenInfo& token) {
     if (reply.status == PKCS11::kPinDone) return;
     const PinAdvice advice = AdviceFor(reply.status);
     throw Failure(advice.code, "token " + Label(token) + ": " + reply.text, {advice.next});
+}
+
+void RequireLogin(Context& context, const TokenInfo& token, const std::string& what) {
+    if (token.loginRequired && !Refreshed(context, token).loggedIn) throw NotLoggedIn(what, token);
 }
 
 Failure NotLoggedIn(const std::string& what, const TokenInfo& token) {

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 #include "cli/session.h"
 #include "cli/store/records.h"
@@ -20,8 +21,14 @@ TokenInfo Refreshed(Context& context, const TokenInfo& token);
 /// neither a file nor somebody to ask: the daemon may know the PIN.
 void LogInIfNeeded(Context& context, const TokenInfo& token, const std::string& pin_file);
 
+/// Failure (kExitUsage) when the PIN of one file would go to several tokens: each would count a wrong one.
+void RequireOneToken(const std::vector<TokenInfo>& tokens, const std::string& option, const std::string& pin_file);
+
 /// A Failure that says what to do, unless the PIN was taken.
 void RequireTaken(const certmgr_client::PinReply& reply, const TokenInfo& token);
+
+/// Likewise, when the token asks for a login and nobody is logged in.
+void RequireLogin(Context& context, const TokenInfo& token, const std::string& what);
 
 /// What a command could not do because nobody is logged in.
 Failure NotLoggedIn(const std::string& what, const TokenInfo& token);

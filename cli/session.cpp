@@ -5,7 +5,12 @@ namespace certmgrctl {
 void Session::Connect(bool answers_questions) {
     const bool connected = client_.Connect(
         {.socket_path = socket, .name = "certmgrctl " CERTMGR_VERSION, .answers_questions = answers_questions});
-    if (!connected) Fail(client_.failure());
+    if (connected) return;
+    if (client_.failure().kind == bridge::ClientFailure::Kind::kTimeout) {
+        throw Failure(kExitNoDaemon, "no daemon answers: " + client_.failure().text,
+                      {"See whether certmgrd still runs, and its log."});
+    }
+    Fail(client_.failure());
 }
 
 certmgr_client::Manager& Session::manager() {

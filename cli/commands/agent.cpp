@@ -2,6 +2,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <deque>
 #include <set>
@@ -74,9 +75,19 @@ class Agent {
     }
 
     void TakeQuestion(const ClientEvent& event) {
-        if (event.code != bridge::kQuestionSelectCertificate) return;
-        auto candidates = certmgr_client::ParseCertificateQuestion(event.body);
-        if (candidates) questions_.push_back({.number = event.number, .candidates = std::move(*candidates)});
+        auto candidates = event.code == bridge::kQuestionSelectCertificate
+                              ? certmgr_client::ParseCertificateQuestion(event.body)
+                              : std::nullopt;
+        if (!candidates) return Refuse(event.number);
+        questions_.push_back({.number = event.number, .candidates = std::move(*candidates)});
+    }
+
+    /// The daemon counts on an answer of this client, whatever it asks.
+    void Refuse(std::uint32_t number) {
+        const bool taken = client().Answer(number, certmgr_client::CancelChoice());
+        if (!taken && client().failure().code != bridge::Error::kStaleAnswer) context_.session.Fail(client().failure());
+        ended_ = ended_ || options_.once;
+        Tell("The daemon asked what this program cannot read; cancelled. Are both of one version?", number, "not_read");
     }
 
     /// A question that needs no answer any more.
@@ -128,17 +139,16 @@ class Agent {
 
     void TakeLine() {
         const auto line = ReadLine();
-        if (!line) {
-            ended_ = true;
-            return;
-        }
+        if (!line) throw Failure(kExitCancelled, "standard input ended before the question was answered");
         // A terminal shows what is typed; a log of a script's answers shall, too.
         if (isatty(STDIN_FILENO) == 0 && !context_.console.json) context_.console.Print(Escaped(*line));
         const Question& question = questions_.front();
         const std::string word = Folded(*line);
         if (word == "c" || word == "cancel") return Answer(certmgr_client::CancelChoice(), "Cancelled.", "cancelled");
-        const std::size_t number = word.empty() || word.size() > 4 ? 0 : std::strtoul(word.c_str(), nullptr, 10);
-        if (number == 0 || number > question.candidates.size()) return PromptForChoice();
+        std::size_t number = 0;
+        const char* const end = word.data() + word.size();
+        const bool whole = std::from_chars(word.data(), end, number).ptr == end;
+        if (!whole || number == 0 || number > question.candidates.size()) return PromptForChoice();
         const ListedCert& chosen = question.candidates[number - 1];
         Answer(certmgr_client::ChooseCertificate(chosen.info), "Chosen: " + Escaped(NameOf(chosen.info)) + ".",
                "chosen");
@@ -156,6 +166,10 @@ class Agent {
     void EndQuestion(const std::string& text, std::uint32_t number, const char* key) {
         shown_ = false;
         ended_ = options_.once;
+        Tell(text, number, key);
+    }
+
+    void Tell(const std::string& text, std::uint32_t number, const char* key) const {
         if (context_.console.json) {
             return context_.console.PrintJson(Json{{"event", key}, {"number", number}}, true);
         }

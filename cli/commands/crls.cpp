@@ -63,20 +63,23 @@ void Import(Context& context, const CrlOptions& options) {
     }
     const TokenInfo token = FindToken(file.tokens(), options.token);
     LogInIfNeeded(context, token, options.pin_file);
-    Json json = {{"imported", Json::array()}};
-    for (const FileCrl& crl : file.crls()) {
-        file.Open(crl.part);
-        RequireImported(context.session.Take(context.session.manager().ImportCrl(token, crl.index)), token);
-        json["imported"].push_back(ToJson(crl.info));
-        if (!context.console.json) context.console.Print("Imported " + Escaped(Described(token, crl.info)) + ".");
-    }
-    if (context.console.json) context.console.PrintJson(json);
+    Json json = {{"imported", Json::array()}, {"unreadable", file.unreadable()}};
+    PrintJsonAfter(context.console, json, [&] {
+        for (const FileCrl& crl : file.crls()) {
+            file.Open(crl.part);
+            RequireImported(context.session.Take(context.session.manager().ImportCrl(token, crl.index)), token);
+            json["imported"].push_back(ToJson(crl.info));
+            if (!context.console.json) context.console.Print("Imported " + Escaped(Described(token, crl.info)) + ".");
+        }
+        file.RequireAllRead();
+    });
 }
 
 bool IsThere(Context& context, const ListedCrl& crl) {
     for (const ListedCrl& other : context.session.Take(context.session.manager().ListCrls())) {
-        if (other.token.id == crl.token.id && other.info.id == crl.info.id && other.info.issuer == crl.info.issuer &&
-            other.info.crlNumber == crl.info.crlNumber && other.info.thisUpdate == crl.info.thisUpdate) {
+        if (other.downloaded == crl.downloaded && other.token.id == crl.token.id && other.info.id == crl.info.id &&
+            other.info.issuer == crl.info.issuer && other.info.crlNumber == crl.info.crlNumber &&
+            other.info.thisUpdate == crl.info.thisUpdate) {
             return true;
         }
     }
@@ -91,9 +94,14 @@ void Delete(Context& context, const CrlOptions& options) {
     }
     if (!crl.downloaded) LogInIfNeeded(context, crl.token, options.pin_file);
     context.session.Check(context.session.manager().DeleteCrl(crl.token, crl.info));
+    // One that was downloaded from several addresses goes once for each.
+    constexpr int kMostAddresses = 16;
+    for (int i = 1; crl.downloaded && i < kMostAddresses && IsThere(context, crl); ++i) {
+        context.session.Check(context.session.manager().DeleteCrl(crl.token, crl.info));
+    }
     if (IsThere(context, crl)) {
-        throw Failure(kExitFailed, "the CRL is still there",
-                      {"Log in (certmgrctl token login), or see the daemon's log."});
+        RequireLogin(context, crl.downloaded ? TokenInfo() : crl.token, "not deleted");
+        throw Failure(kExitFailed, "the CRL is still there", {"The daemon's log says why."});
     }
     if (context.console.json) return context.console.PrintJson(Json{{"deleted", CrlJson(crl)}});
     context.console.Print("Deleted " + Escaped(described) + ".");

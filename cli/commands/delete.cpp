@@ -41,9 +41,7 @@ bool IsThere(Context& context, const StoredCert& cert) {
 void DeleteOne(Context& context, const StoredCert& cert) {
     context.session.Check(context.session.manager().DeleteCertificate(cert.token, cert.info));
     if (IsThere(context, cert)) {
-        if (cert.token.loginRequired && !Refreshed(context, cert.token).loggedIn) {
-            throw NotLoggedIn("not deleted", cert.token);
-        }
+        RequireLogin(context, cert.token, "not deleted");
         throw Failure(kExitFailed, "the token did not delete " + Described(cert.token, cert.info),
                       {"The daemon's log says what the token answered."});
     }
@@ -53,14 +51,18 @@ void DeleteOne(Context& context, const StoredCert& cert) {
 void Delete(Context& context, const DeleteOptions& options) {
     std::vector<StoredCert> certs;
     for (const std::string& name : options.names) certs.push_back(FindCert(context, name, options.token));
+    std::vector<TokenInfo> tokens;
+    for (const StoredCert& cert : certs) tokens.push_back(cert.token);
+    RequireOneToken(tokens, "--pin-file", options.pin_file);
     if (!options.yes) Confirm(context, certs);
     Json json = {{"deleted", Json::array()}};
-    for (const StoredCert& cert : certs) {
-        LogInIfNeeded(context, cert.token, options.pin_file);
-        DeleteOne(context, cert);
-        json["deleted"].push_back(ToJson(cert));
-    }
-    if (context.console.json) context.console.PrintJson(json);
+    PrintJsonAfter(context.console, json, [&] {
+        for (const StoredCert& cert : certs) {
+            LogInIfNeeded(context, cert.token, options.pin_file);
+            DeleteOne(context, cert);
+            json["deleted"].push_back(ToJson(cert));
+        }
+    });
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 
 #include "certmgr/cert_storage.h"
@@ -6,6 +7,7 @@
 #include "cli/login.h"
 #include "cli/store/names.h"
 #include "cli/terminal/prompt.h"
+#include "cli/terminal/text.h"
 
 namespace certmgrctl {
 namespace {
@@ -81,6 +83,13 @@ certmgr_client::Produced Produce(Context& context, const StoredCert& cert, const
                                                                              .with_private_key = options.with_key}));
 }
 
+void PrintData(const Console& console, const std::string& bytes, std::uint32_t format) {
+    const auto named =
+        std::find_if(kFormats.begin(), kFormats.end(), [&](const auto& f) { return f.second == format; });
+    const bool is_text = format == kExportPem;
+    console.PrintJson(Json{{"format", named->first}, {is_text ? "pem" : "base64", is_text ? bytes : Base64(bytes)}});
+}
+
 void Export(Context& context, const ExportOptions& options) {
     const std::uint32_t format = FormatOf(options);
     RequireSense(options, format);
@@ -90,8 +99,10 @@ void Export(Context& context, const ExportOptions& options) {
     const certmgr_client::Produced produced = Produce(context, cert, options, format);
     RequireDone(produced.result, cert);
     const Access access = options.with_key ? Access::kOwnerOnly : Access::kOthersMayRead;
+    const bool to_output = options.output.empty() || options.output == "-";
+    if (to_output && context.console.json) return PrintData(context.console, produced.bytes.get(), format);
     WriteResult(options.output, produced.bytes.get(), access, options.force);
-    if (options.output.empty() || options.output == "-") return;
+    if (to_output) return;
     if (context.console.json) {
         return context.console.PrintJson(Json{{"file", options.output}, {"bytes", produced.bytes.get().size()}});
     }

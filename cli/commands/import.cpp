@@ -93,12 +93,9 @@ bool IsStored(std::uint32_t status) {
 
 // --- What is in the file, and where it may go ---
 
-std::string ProposalText(const OpenedFile& file, const FileCert& cert) {
+std::string ProposalText(const FileCert& cert) {
     std::string labels;
-    for (const std::uint32_t position : cert.option.tokens) {
-        if (position >= file.tokens().size()) continue;
-        labels += (labels.empty() ? ", on " : " or ") + file.tokens()[position].label;
-    }
+    for (const TokenInfo& token : cert.tokens) labels += (labels.empty() ? ", on " : " or ") + token.label;
     return ModeName(cert.option.mode) + labels;
 }
 
@@ -112,7 +109,7 @@ void ShowContent(const Console& console, const OpenedFile& file) {
                    {ShortNameOf(info)},
                    ExpiryCell(info, now),
                    {KeyText(info)},
-                   {ProposalText(file, cert)}});
+                   {ProposalText(cert)}});
     }
     table.Print(console);
 }
@@ -122,7 +119,7 @@ void ShowContent(const Console& console, const OpenedFile& file) {
 /// The token that was named, else the first proposed for this mode, else the only one there is.
 TokenInfo TokenFor(const OpenedFile& file, const FileCert& cert, CertImportMode mode, const ImportOptions& options) {
     if (!options.token.empty()) return FindToken(file.tokens(), options.token);
-    if (mode == cert.option.mode && !cert.option.tokens.empty()) return file.tokens().at(cert.option.tokens.front());
+    if (mode == cert.option.mode && !cert.tokens.empty()) return cert.tokens.front();
     if (mode == kImportTrusted) {
         const auto holder = std::find_if(file.tokens().begin(), file.tokens().end(),
                                          [](const TokenInfo& token) { return token.holdsTrusted; });
@@ -134,8 +131,8 @@ TokenInfo TokenFor(const OpenedFile& file, const FileCert& cert, CertImportMode 
 /// Nothing: passed over.
 std::optional<CertImportMode> AskMode(const FileCert& cert, std::size_t number) {
     const auto proposed = static_cast<CertImportMode>(cert.option.mode);
-    const std::string question = std::to_string(number) + ": " + NameOf(cert.option.info) +
-                                 "\n   p)ersonal, t)rusted, o)ther or s)kip? [" + ModeName(proposed) + "]";
+    const std::string question = std::to_string(number) + ", " + ShortNameOf(cert.option.info) +
+                                 ": p)ersonal, t)rusted, o)ther or s)kip? [" + ModeName(proposed) + "]";
     while (true) {
         const std::string answer = Folded(Ask(question, "Use --as or --yes."));
         if (answer.empty()) return proposed;
@@ -162,6 +159,15 @@ std::vector<Step> Plan(const OpenedFile& file, const ImportOptions& options) {
     // The security officer's turn ends the user's: trusted ones go last, as long as the user is not needed any more.
     std::stable_partition(steps.begin(), steps.end(), [](const Step& step) { return step.mode != kImportTrusted; });
     return steps;
+}
+
+/// The tokens of the steps that a PIN of the officer, or of the user, is for.
+std::vector<TokenInfo> TokensOf(const std::vector<Step>& steps, bool officer) {
+    std::vector<TokenInfo> tokens;
+    for (const Step& step : steps) {
+        if ((step.mode == kImportTrusted) == officer) tokens.push_back(step.token);
+    }
+    return tokens;
 }
 
 // --- Doing it ---
@@ -224,34 +230,46 @@ void Report(const Console& console, const Step& step, const Outcome& outcome) {
     console.Print(std::string("  ") + outcome.next);
 }
 
-void RunSteps(Context& context, OpenedFile& file, const std::vector<Step>& steps, const ImportOptions& options) {
-    Json json = {{"imports", Json::array()}};
+/// How it ended, when something was not imported.
+ExitCode RunSteps(Context& context, OpenedFile& file, const std::vector<Step>& steps, const ImportOptions& options,
+                  Json& imports) {
     Importer importer(context, file, options);
     ExitCode code = kExitDone;
     for (const Step& step : steps) {
         const Outcome& outcome = OutcomeOf(importer.Import(step));
         Report(context.console, step, outcome);
-        json["imports"].push_back({{"subject", step.cert->option.info.subject},
-                                   {"as", ModeName(step.mode)},
-                                   {"token", ToJson(step.token)},
-                                   {"result", outcome.key}});
+        imports.push_back({{"subject", step.cert->option.info.subject},
+                           {"as", ModeName(step.mode)},
+                           {"token", ToJson(step.token)},
+                           {"result", outcome.key}});
         if (IsStored(outcome.status) || code != kExitDone) continue;
         const bool login = outcome.status == ImportCertErrorLogin || outcome.status == ImportCertErrorLoginSO;
         code = login ? kExitLogin : kExitFailed;
     }
-    if (context.console.json) context.console.PrintJson(json);
-    if (code != kExitDone) throw Failure(code, "");
+    return code;
 }
 
 void Import(Context& context, const ImportOptions& options) {
     OpenedFile file(context, options.file, options.password_file);
+    if (file.certs().empty()) {
+        throw Failure(kExitFailed, options.file + " holds no certificate",
+                      {"Its CRLs: certmgrctl crl import " + options.file});
+    }
     if (!context.console.json) ShowContent(context.console, file);
     if (!file.crls().empty()) {
         context.console.Note(Counted(file.crls().size(), "CRL") + " beside: certmgrctl crl import " + options.file);
     }
     const std::vector<Step> steps = Plan(file, options);
-    if (!context.console.json && !steps.empty()) context.console.Print();
-    RunSteps(context, file, steps, options);
+    if (steps.empty()) throw Failure(kExitCancelled, "nothing was imported");
+    RequireOneToken(TokensOf(steps, false), "--pin-file", options.pin_file);
+    RequireOneToken(TokensOf(steps, true), "--so-pin-file", options.officer_pin_file);
+    if (!context.console.json) context.console.Print();
+    Json json = {{"imports", Json::array()}, {"unreadable", file.unreadable()}};
+    PrintJsonAfter(context.console, json, [&] {
+        const ExitCode code = RunSteps(context, file, steps, options, json["imports"]);
+        if (code != kExitDone) throw Failure(code, "");
+        file.RequireAllRead();
+    });
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <optional>
 
 #include "certmgr/cert_request.h"
 #include "cli/commands/commands.h"
@@ -151,20 +152,29 @@ void RequireMade(std::uint32_t result, const TokenInfo& token) {
                   {"Check --subject (CN=alice, O=Example) and the alternative names."});
 }
 
-void PrintMade(Context& context, const RequestOptions& options, const CertRequestInfo& info, const std::string& pem) {
-    if (!options.output.empty() && options.output != "-") {
-        WriteResult(options.output, pem, Access::kOthersMayRead, options.force);
+void PrintMade(const Console& console, const CertRequestInfo& info, const std::string& file, const std::string& pem) {
+    if (console.json) {
+        return console.PrintJson(Json{{"key", {{"algorithm", AlgorithmName(info.keyAlg)}, {"bits", info.keyBits}}},
+                                      {"hash", AlgorithmName(info.hashAlg)},
+                                      {"subject", info.subject},
+                                      {"file", file},
+                                      {"request", pem}});
     }
-    if (context.console.json) {
-        return context.console.PrintJson(
-            Json{{"key", {{"algorithm", AlgorithmName(info.keyAlg)}, {"bits", info.keyBits}}},
-                 {"hash", AlgorithmName(info.hashAlg)},
-                 {"subject", info.subject},
-                 {"file", options.output},
-                 {"request", pem}});
+    if (file.empty()) return WriteResult("", pem, Access::kOthersMayRead, false);
+    console.Note("Wrote " + file + ". Have it certified, then: certmgrctl import CERTIFICATE");
+}
+
+/// The key pair is on the token: what cannot be written to the file is printed, so that the request is not lost.
+void KeepMade(const Console& console, const OutputFile& output, const CertRequestInfo& info, const std::string& file,
+              const std::string& pem) {
+    try {
+        output.Write(pem);
+    } catch (const Failure& failure) {
+        PrintMade(console, info, "", pem);
+        throw Failure(failure.code(), failure.what(),
+                      {"The key pair is on the token; its request went to standard output instead."});
     }
-    if (options.output.empty() || options.output == "-") return WriteResult("", pem, Access::kOthersMayRead, false);
-    context.console.Note("Wrote " + options.output + ". Have it certified, then: certmgrctl import CERTIFICATE");
+    PrintMade(console, info, file, pem);
 }
 
 void Make(Context& context, const RequestOptions& options) {
@@ -180,13 +190,17 @@ void Make(Context& context, const RequestOptions& options) {
     if (!options.seed_file.empty()) seed = ReadWholeFile(options.seed_file);
     LogInIfNeeded(context, token, options.pin_file);
     info.randomSeed = seed.get();
+    const std::string file = options.output == "-" ? "" : options.output;
+    std::optional<OutputFile> output;
+    if (!file.empty()) output.emplace(file, Access::kOthersMayRead, options.force);
     const auto made = [&] {
         const Progress progress("Token \"" + token.label + "\" makes a key pair");
         return context.session.Take(context.session.manager().MakeRequest(token, info));
     }();
     vpnfc::SecureWipe(info.randomSeed);
     RequireMade(made.result, token);
-    PrintMade(context, options, info, made.bytes.get());
+    if (!output) return PrintMade(context.console, info, file, made.bytes.get());
+    KeepMade(context.console, *output, info, file, made.bytes.get());
 }
 
 void AddText(CLI::App& command, const char* name, std::string& value, const char* what, const char* kind) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <map>
 
 #include "cli/commands/commands.h"
@@ -31,13 +32,17 @@ Numbers Count(Context& context) {
     return numbers;
 }
 
+bool IsInitialised(const PKCS11::TokenStatus& token) {
+    return (token.flags & PKCS11::kTokenInitialised) != 0;
+}
+
 Json StatusJson(Context& context, const PKCS11::TokenListing& listing, const Numbers& numbers) {
     Json json = {{"daemon", context.session.client().server_program()}, {"socket", context.session.socket}};
     json["providers"] = Json::array();
     for (const auto& provider : listing.providers) {
         json["providers"].push_back({{"name", provider.name}, {"available", provider.available}});
     }
-    json["tokens"] = listing.tokens.size();
+    json["tokens"] = std::count_if(listing.tokens.begin(), listing.tokens.end(), IsInitialised);
     for (const CertSelector list : kAllLists) {
         const auto found = numbers.certs.find(list);
         json["certificates"][ListName(list)] = found == numbers.certs.end() ? 0 : found->second;
@@ -62,7 +67,7 @@ std::string ProvidersText(const PKCS11::TokenListing& listing) {
 std::string TokensText(const PKCS11::TokenListing& listing) {
     std::string text;
     for (const auto& token : listing.tokens) {
-        if ((token.flags & PKCS11::kTokenInitialised) == 0) continue;
+        if (!IsInitialised(token)) continue;
         if (!text.empty()) text += "\n";
         text += token.info.label + (token.info.loggedIn ? ", logged in" : "");
     }

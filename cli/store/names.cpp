@@ -107,6 +107,18 @@ void KeepOnToken(Context& context, std::vector<Object>& objects, const std::stri
     std::erase_if(objects, [id](const Object& object) { return object.token.id != id; });
 }
 
+/// A CRL that came from two addresses is listed twice.
+void FoldDownloads(std::vector<ListedCrl>& crls) {
+    for (auto crl = crls.begin(); crl != crls.end(); ++crl) {
+        const auto is_again = [&](const ListedCrl& other) {
+            return crl->downloaded && other.downloaded && other.info.id == crl->info.id &&
+                   other.info.issuer == crl->info.issuer && other.info.crlNumber == crl->info.crlNumber &&
+                   other.info.thisUpdate == crl->info.thisUpdate;
+        };
+        crls.erase(std::remove_if(crl + 1, crls.end(), is_again), crls.end());
+    }
+}
+
 std::vector<std::string> LabelsOf(const std::vector<TokenInfo>& tokens) {
     std::vector<std::string> lines;
     for (const TokenInfo& token : tokens) lines.push_back("  \"" + token.label + "\"");
@@ -140,8 +152,11 @@ std::vector<StoredCert> StoredCerts(Context& context, const std::vector<CertSele
 StoredCert FindCert(Context& context, const std::string& name, const std::string& token_name) {
     const std::vector<StoredCert> certs = StoredCerts(context, {}, token_name);
     auto best = BestOf(certs, [&](const StoredCert& cert) { return FitsCert(name, cert.info); });
-    if (best.empty() && HexDigits(name).size() >= kLeastFingerprint) {
-        best = BestOf(certs, [&](const StoredCert& cert) { return FitsFingerprint(context, name, cert); });
+    const bool vague = best.empty() || FitsCert(name, best.front()->info) == Fit::kPiece;
+    if (vague && HexDigits(name).size() >= kLeastFingerprint) {
+        best = BestOf(certs, [&](const StoredCert& cert) {
+            return std::max(FitsCert(name, cert.info), FitsFingerprint(context, name, cert));
+        });
     }
     if (best.empty()) NotFound("certificate", name, "See what there is: certmgrctl list.");
     return OnlyOf(best, "certificate", name, DescribedCert);
@@ -169,6 +184,7 @@ TokenInfo FindToken(Context& context, const std::string& name) {
 ListedCrl FindCrl(Context& context, const std::string& name, const std::string& token_name) {
     auto crls = context.session.Take(context.session.manager().ListCrls());
     KeepOnToken(context, crls, token_name);
+    FoldDownloads(crls);
     const auto best = BestOf(crls, [&](const ListedCrl& crl) {
         return std::max(FitsText(name, crl.info.issuer), FitsNumber(name, crl.info.crlNumber));
     });

@@ -1,7 +1,7 @@
 // Which object a person means: any unique beginning of a serial number or fingerprint, or a piece of the subject.
 //
 // What fits whole goes before a whole value of the subject ("alice" of "CN=alice, O=Example"), that before a piece or a
-// beginning. Case and colons do not count. Fingerprints are asked of the daemon when nothing else fits. A name that fits
+// beginning. Case and colons do not count. Fingerprints are asked of the daemon unless more than a piece fits. A name that fits
 // nothing, or several objects alike, is a Failure that says what there is.
 #pragma once
 

@@ -2,6 +2,7 @@
 
 #include "cli/files.h"
 #include "cli/terminal/prompt.h"
+#include "cli/terminal/text.h"
 
 namespace certmgrctl {
 namespace {
@@ -55,7 +56,11 @@ FileContent OpenedFile::ReadWithPassword(std::size_t part) {
 
 void OpenedFile::Keep(std::size_t part, FileContent content) {
     for (std::uint32_t i = 0; i < content.certs.size(); ++i) {
-        certs_.push_back({.part = part, .index = i, .option = std::move(content.certs[i])});
+        FileCert& cert =
+            certs_.emplace_back(FileCert{.part = part, .index = i, .option = content.certs[i], .tokens = {}});
+        for (const std::uint32_t position : cert.option.tokens) {
+            if (position < content.tokens.size()) cert.tokens.push_back(content.tokens[position]);
+        }
     }
     for (std::uint32_t i = 0; i < content.crls.size(); ++i) {
         crls_.push_back({.part = part, .index = i, .info = std::move(content.crls[i])});
@@ -63,14 +68,20 @@ void OpenedFile::Keep(std::size_t part, FileContent content) {
     tokens_ = std::move(content.tokens);
 }
 
-void OpenedFile::NoteUnreadable(std::size_t part) const {
+void OpenedFile::NoteUnreadable(std::size_t part) {
     if (parts_[part].find("PRIVATE KEY-----") != std::string_view::npos) {
         context_.console.Note("A private key of " + path_ +
-                              " is passed over: keys are imported from PKCS #12 files alone. Make one with\n"
-                              "  openssl pkcs12 -export -inkey KEY.pem -in CERTIFICATE.pem -out FILE.p12");
-    } else if (parts_.size() > 1) {
+                              " is passed over: keys are imported from PKCS #12 files alone. Make one with");
+        context_.console.Note("  openssl pkcs12 -export -inkey KEY.pem -in CERTIFICATE.pem -out FILE.p12");
+    } else if (parts_.size() > 1 && parts_[part].find(" PARAMETERS-----") == std::string_view::npos) {
+        unreadable_.push_back(part + 1);
         context_.console.Note("Block " + std::to_string(part + 1) + " of " + path_ + " cannot be read.");
     }
+}
+
+void OpenedFile::RequireAllRead() const {
+    if (unreadable_.empty()) return;
+    throw Failure(kExitFailed, Counted(unreadable_.size(), "block") + " of " + path_ + " could not be read");
 }
 
 void OpenedFile::Open(std::size_t part) {

@@ -11,11 +11,12 @@
 
 namespace certmgrctl {
 
-/// A certificate or CRL of the file: the part it stands in, and its position there.
+/// A certificate or CRL of the file: the part it stands in, its position there, and the tokens proposed for it.
 struct FileCert {
     std::size_t part = 0;
     std::uint32_t index = 0;
     CertImportOption option;
+    std::vector<TokenInfo> tokens;
 };
 struct FileCrl {
     std::size_t part = 0;
@@ -29,10 +30,14 @@ class OpenedFile {
   public:
     OpenedFile(Context& context, const std::string& path, const std::string& password_file);
 
-    /// The tokens of the daemon, to which the options of the certificates refer.
+    /// The tokens of the daemon.
     const std::vector<TokenInfo>& tokens() const { return tokens_; }
     const std::vector<FileCert>& certs() const { return certs_; }
     const std::vector<FileCrl>& crls() const { return crls_; }
+    /// The blocks of a bundle, counted from 1, that are no keys and could not be read.
+    const std::vector<std::size_t>& unreadable() const { return unreadable_; }
+    /// Failure when there is one.
+    void RequireAllRead() const;
 
     /// Makes a part the one whose entries the daemon imports.
     void Open(std::size_t part);
@@ -41,7 +46,7 @@ class OpenedFile {
     certmgr_client::FileContent Read(std::size_t part);
     certmgr_client::FileContent ReadWithPassword(std::size_t part);
     void Keep(std::size_t part, certmgr_client::FileContent content);
-    void NoteUnreadable(std::size_t part) const;
+    void NoteUnreadable(std::size_t part);
 
     Context& context_;
     std::string path_;
@@ -53,6 +58,7 @@ class OpenedFile {
     std::vector<TokenInfo> tokens_;
     std::vector<FileCert> certs_;
     std::vector<FileCrl> crls_;
+    std::vector<std::size_t> unreadable_;
 };
 
 }  // namespace certmgrctl

@@ -36,6 +36,18 @@ class Console {
     bool colour_ = false;
 };
 
+/// Does the work that fills the JSON, and prints it also when that ends early: what was done stands in it.
+template <typename Work>
+void PrintJsonAfter(const Console& console, const Json& json, Work work) {
+    try {
+        work();
+    } catch (...) {
+        if (console.json) console.PrintJson(json);
+        throw;
+    }
+    if (console.json) console.PrintJson(json);
+}
+
 /// A cell of a table, or a value of a list of fields; escaped where it is printed.
 struct Cell {
     std::string text;

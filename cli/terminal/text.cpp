@@ -123,6 +123,20 @@ std::string Quoted(std::string_view text) {
     return '"' + Escaped(text) + '"';
 }
 
+std::string Base64(std::string_view bytes) {
+    constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    std::uint32_t bits = 0;
+    int count = 0;
+    for (const char byte : bytes) {
+        bits = bits << 8 | static_cast<unsigned char>(byte);
+        for (count += 8; count >= 6; count -= 6) text.push_back(kDigits[bits >> (count - 6) & 63]);
+    }
+    if (count > 0) text.push_back(kDigits[bits << (6 - count) & 63]);
+    while (text.size() % 4 != 0) text.push_back('=');
+    return text;
+}
+
 std::string Counted(std::size_t number, const std::string& what) {
     return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
 }

@@ -30,6 +30,9 @@ std::string Folded(std::string_view text);
 /// A text that is not the program's own, in quotes.
 std::string Quoted(std::string_view text);
 
+/// Bytes for JSON (RFC 4648, section 4).
+std::string Base64(std::string_view bytes);
+
 /// "1 certificate", "2 certificates".
 std::string Counted(std::size_t number, const std::string& what);
 

@@ -86,6 +86,26 @@ expect 0 "office" ctl psk list
 expect 2 "nobody to ask" ctl delete alice
 [ "$(ctl list --json | grep -c '"subject"')" = 2 ] || fail "list --json"
 
+printf -- '-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n' | cat alice.pem - >broken.pem
+while IFS='|' read -r code text command; do
+    # shellcheck disable=SC2086
+    expect "$code" "$text" ctl $command
+done <<END
+0|alice, logged in|status
+0|"tokens": 1|status --json
+0|alice|token list
+0|read anew|reload
+0|good|verify alice --crl soft
+0|Wrote a.der|export alice -o a.der
+0|Wrote a.p7b|export alice -o a.p7b --chain
+0|BEGIN CERT|export alice
+0|"base64": "MII|export alice -f der --json
+1|could not be read|import broken.pem --yes
+0|no CRL|crl list
+4|crl list|crl delete Story --yes
+0|complete -F|completion bash
+END
+
 # --- The choice ---
 expect 0 "Wrote second.csr" ctl request make "CN=second, O=Story" --dns alice.example -o second.csr
 certify second 0x5EC02D 365
