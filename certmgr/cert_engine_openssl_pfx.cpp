@@ -13,7 +13,6 @@ using cert_engine::BagKey;
 using cert_engine::EncryptedKeyPtr;
 using cert_engine::ErrorMark;
 using cert_engine::kExportFailed;
-using cert_engine::KeyPtr;
 using cert_engine::Owner;
 using cert_engine::Pkcs12File;
 using cert_engine::Pkcs12Ptr;
@@ -144,7 +143,7 @@ P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, cons
     const P12ReadResult result = file.Read(View(data, length));
     if (result != kP12Read) return result;
     if (file.keys().size() != 1) return kP12Unsupported;
-    KeyPtr private_key = Decode(file.keys().front());
+    EVP_PKEY* const private_key = file.keys().front().decoded.get();
     const int main = file.CertOf(file.keys().front());
     void* const handle = private_key != nullptr && main >= 0 ? HandleOf(file.certs()[main]) : nullptr;
     if (handle == nullptr) return kP12Unsupported;
@@ -152,7 +151,8 @@ P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, cons
     taken[main] = true;
     AppendOthers(file, taken, certs);
     cert = handle;
-    key = private_key.release();
+    EVP_PKEY_up_ref(private_key);
+    key = private_key;
     return kP12Read;
 }
 
@@ -173,7 +173,8 @@ P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, 
         taken[of_key] = true;
     }
     AppendOthers(file, taken, certs);
-    return kP12Read;
+    const bool only_lost_keys = !file.keys().empty() && keys.empty() && certs.empty();
+    return only_lost_keys ? kP12Unsupported : kP12Read;
 }
 
 int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8, const char* password,

@@ -25,8 +25,8 @@ struct PasswordBytes {
     int length = 0;
 };
 
-/// Iterations of key derivation that one file may cost: seconds. Writers use some thousands for each part, a million at
-/// most.
+/// Iterations of key derivation that one reading of a file may cost: seconds. Writers use some thousands for each part, a
+/// million at most.
 class WorkBudget {
   public:
     WorkBudget() = default;
@@ -35,7 +35,7 @@ class WorkBudget {
     bool Take(std::uint64_t iterations);
 
   private:
-    std::uint64_t left_ = 20'000'000;
+    std::uint64_t left_ = 5'000'000;
 };
 
 /// A certificate in the default library context, which knows its public key.
@@ -48,10 +48,8 @@ struct BagKey {
     Pkcs8Ptr info;  // null for a cipher that libcrypto lacks
     std::string encrypted;  // EncryptedPrivateKeyInfo that the password opens as it was given; empty: there is none
     std::string key_id;
+    KeyPtr decoded;  // null when libcrypto does not know the algorithm
 };
-
-/// The private key, when libcrypto knows its algorithm.
-KeyPtr Decode(const BagKey& key);
 
 /// Certificates and keys of a file. Reads one file.
 class Pkcs12File {
@@ -77,6 +75,7 @@ class Pkcs12File {
     bool ReadCert(const PKCS12_SAFEBAG* bag);
     bool ReadKey(const PKCS12_SAFEBAG* bag);
     bool ReadEncryptedKey(const PKCS12_SAFEBAG* bag);
+    bool Keep(BagKey key);
     bool Refuse();
     P12ReadResult Verdict() const;
     template <typename Open>

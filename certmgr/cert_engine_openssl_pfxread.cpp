@@ -28,6 +28,13 @@ using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
 
 /// Longer passwords are nobody's.
 constexpr std::size_t kMaxPasswordBytes = 4096;
+/// Decoding one may compute its public key.
+constexpr std::size_t kMaxKeys = 32;
+/// A PrivateKeyInfo; an RSA key of the most bits has some 9 KB.
+constexpr std::size_t kMaxKeyBytes = 16 * 1024;
+constexpr int kMaxRsaBits = 16384;
+/// The prime of DSA and of Diffie-Hellman, and the private number: computing the public one takes milliseconds.
+constexpr int kMaxPrimeBytes = 4096 / 8;
 /// Bags inside bags; nobody writes any.
 constexpr int kMaxDepth = 4;
 /// What an attempt costs beside its iterations.
@@ -61,7 +68,6 @@ PasswordBytes BytesOfPassword(const std::string& password) {
 struct Scheme {
     std::uint64_t iterations = 0;
     int cipher = NID_undef;
-    bool old = false;  // a scheme whose cipher only the legacy provider may have
 };
 
 std::optional<std::uint64_t> Count(const ASN1_INTEGER* number) {
@@ -79,7 +85,7 @@ std::optional<Scheme> ReadPbes2(const ASN1_TYPE* parameter) {
         static_cast<PBKDF2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBKDF2PARAM), outer->keyfunc->parameter)));
     const std::optional<std::uint64_t> iterations = Count(inner != nullptr ? inner->iter : nullptr);
     if (!iterations) return std::nullopt;
-    return Scheme{*iterations, OBJ_obj2nid(outer->encryption->algorithm), false};
+    return Scheme{*iterations, OBJ_obj2nid(outer->encryption->algorithm)};
 }
 
 /// The schemes of PKCS #12 itself and those of PKCS #5 v1.
@@ -91,7 +97,7 @@ std::optional<Scheme> ReadPbes1(int scheme, const ASN1_TYPE* parameter) {
         static_cast<PBEPARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBEPARAM), parameter)));
     const std::optional<std::uint64_t> iterations = Count(parameters != nullptr ? parameters->iter : nullptr);
     if (!iterations) return std::nullopt;
-    return Scheme{*iterations, cipher, cipher != NID_des_ede3_cbc && cipher != NID_des_ede_cbc};
+    return Scheme{*iterations, cipher};
 }
 
 std::optional<Scheme> ReadScheme(const X509_ALGOR* algorithm) {
@@ -99,8 +105,9 @@ std::optional<Scheme> ReadScheme(const X509_ALGOR* algorithm) {
     return scheme == NID_pbes2 ? ReadPbes2(algorithm->parameter) : ReadPbes1(scheme, algorithm->parameter);
 }
 
-bool KnowsCipher(int nid) {
-    const Owner<EVP_CIPHER, EVP_CIPHER_free> cipher(EVP_CIPHER_fetch(LegacyContext(), OBJ_nid2sn(nid), nullptr));
+/// In the default context (null), or with the old ones.
+bool KnowsCipher(OSSL_LIB_CTX* context, int nid) {
+    const Owner<EVP_CIPHER, EVP_CIPHER_free> cipher(EVP_CIPHER_fetch(context, OBJ_nid2sn(nid), nullptr));
     return cipher != nullptr;
 }
 
@@ -116,17 +123,39 @@ std::string KeyIdOf(const PKCS12_SAFEBAG* bag) {
     return std::string(BytesOf(id->value.octet_string));
 }
 
+void FreeNumbers(ASN1_SEQUENCE_ANY* numbers) {
+    sk_ASN1_TYPE_pop_free(numbers, ASN1_TYPE_free);
+}
+using NumbersPtr = Owner<ASN1_SEQUENCE_ANY, FreeNumbers>;
+
+/// Whether the prime, which is the first of the parameters, is of a usual size.
+bool IsPrimeUsual(const ASN1_TYPE* parameters) {
+    const NumbersPtr numbers(
+        static_cast<ASN1_SEQUENCE_ANY*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(ASN1_SEQUENCE_ANY), parameters)));
+    const ASN1_TYPE* const prime = sk_ASN1_TYPE_num(numbers.get()) > 0 ? sk_ASN1_TYPE_value(numbers.get(), 0) : nullptr;
+    return prime != nullptr && ASN1_TYPE_get(prime) == V_ASN1_INTEGER &&
+           ASN1_STRING_length(prime->value.integer) <= kMaxPrimeBytes;
+}
+
+/// Such a key comes without its public number, which libcrypto computes of whatever sizes it finds.
+bool IsCheapToDecode(const PKCS8_PRIV_KEY_INFO* info) {
+    constexpr int kHeaderBytes = 8;
+    const ASN1_OBJECT* identifier = nullptr;
+    const X509_ALGOR* algorithm = nullptr;
+    int length = 0;
+    if (vpnfc::SecretString(Encode(info, i2d_PKCS8_PRIV_KEY_INFO)).get().size() > kMaxKeyBytes) return false;
+    if (PKCS8_pkey_get0(&identifier, nullptr, &length, &algorithm, info) != 1) return false;
+    const int nid = OBJ_obj2nid(identifier);
+    if (nid != NID_dsa && nid != NID_dsa_2 && nid != NID_dhKeyAgreement && nid != NID_dhpublicnumber) return true;
+    return length <= kMaxPrimeBytes + kHeaderBytes && IsPrimeUsual(algorithm->parameter);
+}
+
 }  // namespace
 
 bool WorkBudget::Take(std::uint64_t iterations) {
     if (iterations > left_ || left_ - iterations < kAttemptCost) return false;
     left_ -= iterations + kAttemptCost;
     return true;
-}
-
-KeyPtr Decode(const BagKey& key) {
-    const ErrorMark mark;
-    return KeyPtr(key.info != nullptr ? EVP_PKCS82PKEY(key.info.get()) : nullptr);
 }
 
 Pkcs12File::Pkcs12File(const std::string& password, WorkBudget budget)
@@ -140,10 +169,10 @@ Pkcs12File::Pkcs12File(const std::string& password, WorkBudget budget)
 
 P12ReadResult Pkcs12File::Read(std::string_view bytes) {
     if (bytes.size() > kMaxPkcs12Bytes) return kP12Unsupported;
-    if (given_.get().size() > kMaxPasswordBytes) return kP12WrongPassword;
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     const Pkcs12Ptr file(d2i_PKCS12(nullptr, &p, static_cast<long>(bytes.size())));
     if (file == nullptr) return kP12NotReadable;
+    if (given_.get().size() > kMaxPasswordBytes) return kP12WrongPassword;
     if (CheckMac(file.get()) && ReadSafes(file.get())) return Verdict();
     return refused_ ? kP12Unsupported : kP12NotReadable;
 }
@@ -192,7 +221,7 @@ bool Pkcs12File::ReadSafe(PKCS7* safe) {
 
 bool Pkcs12File::ReadEncryptedSafe(const PKCS7_ENC_CONTENT& content) {
     const std::optional<Scheme> scheme = ReadScheme(content.algorithm);
-    if (!scheme || !KnowsCipher(scheme->cipher)) return Refuse();
+    if (!scheme || !KnowsCipher(LegacyContext(), scheme->cipher)) return Refuse();
     BagsPtr bags;
     const bool opened = TryPasswords(scheme->iterations, [&](const PasswordBytes& password) {
         bags.reset(static_cast<STACK_OF(PKCS12_SAFEBAG)*>(
@@ -242,8 +271,19 @@ bool Pkcs12File::ReadKey(const PKCS12_SAFEBAG* bag) {
     vpnfc::SecretString der(Encode(info, i2d_PKCS8_PRIV_KEY_INFO));
     const auto* p = reinterpret_cast<const unsigned char*>(der.get().data());
     Pkcs8Ptr copy(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(der.get().size())));
-    if (copy == nullptr) return false;
-    keys_.push_back({std::move(copy), {}, KeyIdOf(bag)});
+    return copy != nullptr && Keep({std::move(copy), {}, KeyIdOf(bag), nullptr});
+}
+
+bool Pkcs12File::Keep(BagKey key) {
+    if (keys_.size() == kMaxKeys) return Refuse();
+    if (key.info != nullptr) {
+        if (!IsCheapToDecode(key.info.get())) return Refuse();
+        const ErrorMark mark;
+        key.decoded.reset(EVP_PKCS82PKEY(key.info.get()));
+        const bool is_rsa = key.decoded != nullptr && EVP_PKEY_is_a(key.decoded.get(), "RSA") == 1;
+        if (is_rsa && EVP_PKEY_get_bits(key.decoded.get()) > kMaxRsaBits) return Refuse();
+    }
+    keys_.push_back(std::move(key));
     return true;
 }
 
@@ -253,8 +293,8 @@ bool Pkcs12File::ReadEncryptedKey(const PKCS12_SAFEBAG* bag) {
     X509_SIG_get0(shrouded, &algorithm, nullptr);
     const std::optional<Scheme> scheme = ReadScheme(algorithm);
     if (!scheme) return Refuse();
-    BagKey key{nullptr, Encode(shrouded, i2d_X509_SIG), KeyIdOf(bag)};
-    if (KnowsCipher(scheme->cipher)) {
+    BagKey key{nullptr, Encode(shrouded, i2d_X509_SIG), KeyIdOf(bag), nullptr};
+    if (KnowsCipher(LegacyContext(), scheme->cipher)) {
         const bool opened = TryPasswords(scheme->iterations, [&](const PasswordBytes& password) {
             key.info.reset(PKCS8_decrypt_ex(shrouded, password.data, password.length, LegacyContext(), nullptr));
             return key.info != nullptr;
@@ -262,10 +302,12 @@ bool Pkcs12File::ReadEncryptedKey(const PKCS12_SAFEBAG* bag) {
         (opened ? opened_ : failed_) = true;
         if (refused_) return false;
         if (!opened) return true;
-        if (scheme->old || passwords_.front().data != given_.get().data()) key.encrypted.clear();
+        const bool old = !KnowsCipher(nullptr, scheme->cipher);
+        if (old || passwords_.front().data != given_.get().data()) key.encrypted.clear();
+    } else if (!budget_.Take(scheme->iterations)) {  // whoever opens it pays
+        return Refuse();
     }
-    keys_.push_back(std::move(key));
-    return true;
+    return Keep(std::move(key));
 }
 
 /// Whether one of the passwords opens it. The one that does is tried first from then on.
@@ -294,9 +336,9 @@ int Pkcs12File::CertOf(const BagKey& key) const {
         return found != certs_.end() ? static_cast<int>(found - certs_.begin()) : -1;
     };
     const ErrorMark mark;
-    if (const KeyPtr private_key = Decode(key)) {
+    if (key.decoded != nullptr) {
         return position(
-            [&](const BagCert& cert) { return X509_check_private_key(cert.cert.get(), private_key.get()) == 1; });
+            [&](const BagCert& cert) { return X509_check_private_key(cert.cert.get(), key.decoded.get()) == 1; });
     }
     const int by_id = position([&](const BagCert& cert) { return !key.key_id.empty() && cert.key_id == key.key_id; });
     const auto is_end_entity = [](const BagCert& cert) { return X509_check_ca(cert.cert.get()) == 0; };

@@ -6,6 +6,7 @@
 
 #include "certmgr/cert_engine.h"
 #include "tests/manage/manage_fixture.h"
+#include "tests/support/der.h"
 #include "tests/support/process.h"
 #include "tests/support/temp_dir.h"
 
@@ -180,6 +181,28 @@ TEST_F(FileTest, KeysThatStayEncrypted) {
     EXPECT_EQ(X509CertFile(content, "wrong").status, kP12WrongPassword);
 }
 
+/// A file with that bag alone.
+std::string FileOf(PKCS12_SAFEBAG* bag) {
+    STACK_OF(PKCS12_SAFEBAG)* bags = sk_PKCS12_SAFEBAG_new_null();
+    sk_PKCS12_SAFEBAG_push(bags, bag);
+    STACK_OF(PKCS7)* safes = sk_PKCS7_new_null();
+    sk_PKCS7_push(safes, PKCS12_pack_p7data(bags));
+    PKCS12* const file = PKCS12_add_safes(safes, 0);
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+    return Encoded(file);
+}
+
+/// A file with a DSA key in the clear whose prime and private number are of those sizes.
+std::string DsaKey(std::size_t prime_bytes, std::size_t private_bytes) {
+    const auto number = [](std::size_t bytes) { return der::Tlv(2, std::string(bytes, '\x55')); };
+    const std::string parameters = der::Sequence(number(prime_bytes) + number(20) + number(2));
+    const std::string info = der::Sequence(der::Integer(0) + der::Sequence(der::Oid("1.2.840.10040.4.1") + parameters) +
+                                           der::OctetString(number(private_bytes)));
+    const auto* p = reinterpret_cast<const unsigned char*>(info.data());
+    return FileOf(PKCS12_SAFEBAG_create0_p8inf(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(info.size()))));
+}
+
 /// A file whose one key is encrypted in that way; what it encrypts is nothing.
 std::string KeyUnder(X509_ALGOR* algorithm) {
     X509_SIG* const key = X509_SIG_new();
@@ -189,14 +212,7 @@ std::string KeyUnder(X509_ALGOR* algorithm) {
     X509_ALGOR_copy(own, algorithm);
     X509_ALGOR_free(algorithm);
     ASN1_OCTET_STRING_set(bytes, reinterpret_cast<const unsigned char*>("0123456789ABCDEF"), 16);
-    STACK_OF(PKCS12_SAFEBAG)* bags = sk_PKCS12_SAFEBAG_new_null();
-    sk_PKCS12_SAFEBAG_push(bags, PKCS12_SAFEBAG_create0_pkcs8(key));
-    STACK_OF(PKCS7)* safes = sk_PKCS7_new_null();
-    sk_PKCS7_push(safes, PKCS12_pack_p7data(bags));
-    PKCS12* const file = PKCS12_add_safes(safes, 0);
-    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-    return Encoded(file);
+    return FileOf(PKCS12_SAFEBAG_create0_pkcs8(key));
 }
 
 // A file decides how much work it makes: within limits.
@@ -208,6 +224,10 @@ TEST_F(FileTest, CostlyFilesAreRefused) {
         KeyUnder(PKCS5_pbe2_set_iv(EVP_aes_256_cbc(), kMost, salt, sizeof salt, nullptr, NID_hmacWithSHA256)),
         KeyUnder(PKCS5_pbe_set(NID_pbe_WithSHA1And3_Key_TripleDES_CBC, kMost, salt, sizeof salt)),
         KeyUnder(PKCS5_pbe2_set_scrypt(EVP_aes_256_cbc(), salt, sizeof salt, nullptr, 1 << 10, 8, 1)),
+        DsaKey(513, 20),
+        DsaKey(128, 1024),
+        DsaKey(128, 20),  // no more than a key without a certificate
+        JoinPkcs12(std::vector<std::string>(33, MakePkcs12(user_.key, {user_.der}))),
         std::string(kMaxPkcs12Bytes + 1, '0'),
     };
     for (const std::string& file : files) {
