@@ -76,8 +76,10 @@ bool AddExtendedKeyUsage(STACK_OF(X509_EXTENSION) * extensions, const std::strin
 
 bool AddUpn(GENERAL_NAMES* names, const std::string& upn) {
     TypePtr value(ASN1_TYPE_new());
-    ASN1_UTF8STRING* const text = ASN1_UTF8STRING_new();
-    if (value == nullptr || ASN1_STRING_set(text, upn.data(), static_cast<int>(upn.size())) != 1) {
+    ASN1_UTF8STRING* text = nullptr;
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(upn.data());
+    if (value == nullptr || !IsOneLine(upn) ||  // and UTF-8, or the copy fails
+        ASN1_mbstring_copy(&text, bytes, static_cast<int>(upn.size()), MBSTRING_UTF8, B_ASN1_UTF8STRING) < 0) {
         ASN1_UTF8STRING_free(text);
         return false;
     }

@@ -73,6 +73,8 @@ bool MaySign(pki_alg_t key, pki_alg_t hash) {
     switch (key) {
         case PKI_KEY_RSA:
             return !IsGostHash(hash);
+        case PKI_KEY_DSA:  // the one hash that every peer takes with it
+            return hash == PKI_HASH_SHA1;
         case PKI_KEY_GOST2001:
             return hash == PKI_HASH_GOST94;
         case PKI_KEY_GOST2012_256:
@@ -141,7 +143,8 @@ CertRequestResult CMT_MakeCertRequest(const PKCS11::TokenInfo& token, const Cert
         CertStorage::GenNewCertObjectId(id);
         const CertRequestResult result = GenerateAndSign(session, info, id, request.get(), pem);
         if (result != CertRequestMade) {
-            CM::DiscardKeyPair(token, session, id);
+            const bool began = result != CertRequestSeedError;
+            if (began) CM::DiscardKeyPair(token, session, id);
             return result;
         }
     }
