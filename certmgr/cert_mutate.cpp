@@ -94,7 +94,9 @@ CertImportStatus ImportWithKey(const Import& import) {
     if (!session) return NotOpened(session);
     const std::string id = NewObjectId();
     const CertImportStatus status = WriteWithKey(import, session, id);
-    if (status != ImportCertOk) DiscardKeyPair(import.token, session, id);
+    // A certificate that was refused may be there all the same: the answer was lost.
+    const CertInfo* const written = status == ImportCertError ? &import.cert.info : nullptr;
+    if (status != ImportCertOk) DiscardKeyPair(import.token, session, id, written);
     return status;
 }
 

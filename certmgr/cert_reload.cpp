@@ -115,10 +115,11 @@ void ReloadPass::ReadTokens() {
 }
 
 void ReloadPass::ReadCertificates(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
+    DeleteDiscarded(token);
     std::list<PKCS11::CertObject> objects;
     const bool complete = session.EnumCertificates(objects);
     for (const PKCS11::CertObject& object : objects) {
-        if (!DeleteIfDiscarded(token, object) && !Keep(token, object)) Add(session, token, object);
+        if (!Keep(token, object)) Add(session, token, object);
     }
     if (complete) return;
     failures_.emplace(token.id, kReloadCertificates);

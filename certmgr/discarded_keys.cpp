@@ -1,40 +1,58 @@
 #include "certmgr/discarded_keys.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <deque>
+#include <iterator>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 namespace CM {
 
 namespace {
 
-/// Key pairs to delete when they are met: token and object identifiers, which are never used again.
+using Clock = std::chrono::steady_clock;
+
+/// What may be left of a key pair; its identifiers are never used again.
+struct Remains {
+    std::uint64_t token = 0;
+    CertInfo certificate{};  // at least the identifier, which the keys have, too
+    bool has_certificate = false;
+    bool has_private_key = true;
+    bool has_public_key = true;
+    Clock::time_point since = Clock::now();
+
+    bool Gone() const { return !has_certificate && !has_private_key && !has_public_key; }
+};
+
+/// A deletion that fails does not say whether nothing was there. A call whose answer was lost may write late, but not that
+/// late.
+constexpr auto kLongestCall = std::chrono::minutes(10);
+
 class Discarded {
   public:
-    using Key = std::pair<std::uint64_t, std::string>;
-
-    void Add(Key key) {
+    void Add(Remains remains) {
         const std::lock_guard lock(mutex_);
-        if (keys_.size() == kMost) keys_.pop_front();
-        keys_.push_back(std::move(key));
+        if (all_.size() == kMost) all_.pop_front();
+        all_.push_back(std::move(remains));
     }
-    void Remove(const Key& key) {
+    std::vector<Remains> TakeOf(std::uint64_t token) {
         const std::lock_guard lock(mutex_);
-        keys_.erase(std::remove(keys_.begin(), keys_.end(), key), keys_.end());
-    }
-    bool Has(const Key& key) const {
-        const std::lock_guard lock(mutex_);
-        return std::find(keys_.begin(), keys_.end(), key) != keys_.end();
+        const auto first = std::stable_partition(all_.begin(), all_.end(),
+                                                 [token](const Remains& remains) { return remains.token != token; });
+        std::vector<Remains> taken(std::make_move_iterator(first), std::make_move_iterator(all_.end()));
+        all_.erase(first, all_.end());
+        return taken;
     }
 
   private:
-    /// Most failures leave nothing behind and their entry stays: the oldest gives way.
+    /// The oldest gives way: many failures leave nothing behind.
     static constexpr std::size_t kMost = 256;
 
-    mutable std::mutex mutex_;
-    std::deque<Key> keys_;
+    std::mutex mutex_;
+    std::deque<Remains> all_;
 };
 
 Discarded& DiscardedKeys() {
@@ -42,26 +60,33 @@ Discarded& DiscardedKeys() {
     return keys;
 }
 
-/// Whether both halves were there and are gone.
-bool DeleteKeyPair(PKCS11::TokenSession& session, const std::string& id) {
-    const bool private_key = session.DeletePrivKeyObject(id);
-    const bool public_key = session.DeletePubKeyObject(id);
-    return private_key && public_key;
+void Delete(PKCS11::TokenSession& session, Remains& remains) {
+    const std::string& id = remains.certificate.id;
+    if (remains.has_certificate && session.DeleteCertObject(remains.certificate)) remains.has_certificate = false;
+    if (remains.has_private_key && session.DeletePrivKeyObject(id)) remains.has_private_key = false;
+    if (remains.has_public_key && session.DeletePubKeyObject(id)) remains.has_public_key = false;
 }
 
 }  // namespace
 
-void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id) {
-    if (!DeleteKeyPair(session, id)) DiscardedKeys().Add({token.id, id});
+void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id,
+                    const CertInfo* certificate) {
+    Remains remains{.token = token.id, .has_certificate = certificate != nullptr};
+    if (certificate != nullptr) remains.certificate = *certificate;
+    remains.certificate.id = id;
+    Delete(session, remains);
+    if (!remains.Gone()) DiscardedKeys().Add(std::move(remains));
 }
 
-bool DeleteIfDiscarded(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) {
-    if (object.category != PKCS11::kKeyPairCategory || !DiscardedKeys().Has({token.id, object.id})) return false;
+void DeleteDiscarded(const PKCS11::TokenInfo& token) {
+    std::vector<Remains> all = DiscardedKeys().TakeOf(token.id);
+    if (all.empty()) return;
     PKCS11::TokenSession session(token, PKCS11::TokenSession::kPrivate);
-    if (!session || !session.DeletePrivKeyObject(object.id)) return false;
-    session.DeletePubKeyObject(object.id);
-    DiscardedKeys().Remove({token.id, object.id});
-    return true;
+    for (Remains& remains : all) {
+        if (session) Delete(session, remains);
+        const bool looked_long_enough = session && Clock::now() - remains.since > kLongestCall;
+        if (!remains.Gone() && !looked_long_enough) DiscardedKeys().Add(std::move(remains));
+    }
 }
 
 }  // namespace CM

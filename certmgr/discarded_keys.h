@@ -3,15 +3,17 @@
 
 #include <string>
 
+#include "certmgr/records.h"
 #include "platform/tokens.h"
 
 namespace CM {
 
-/// Deletes the key pair with that identifier. What could not be deleted, because the token is gone or still at work on
-/// the key, say, is deleted when a reload meets it (IsDiscardedKeyPair).
-void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id);
+/// Deletes the key pair with that identifier, and the certificate (may be null: there is none) that was written beside it.
+/// What could not be deleted, because the token is gone or still at work on it, say, is deleted by a later reload.
+void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id,
+                    const CertInfo* certificate = nullptr);
 
-/// Whether the object is such a key pair; it is deleted now if its token allows it. False when it is still there.
-bool DeleteIfDiscarded(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
+/// Deletes what is left of such key pairs on the token, if it allows that now.
+void DeleteDiscarded(const PKCS11::TokenInfo& token);
 
 }  // namespace CM

@@ -69,6 +69,7 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     EXPECT_STREQ(CM::CertImportStatusText(status), CM::CertImportStatusText(c.expected));
     ASSERT_TRUE(WaitUntilListed("one"));
     ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+    store().Reload();
     const bool written = c.expected == CM::ImportCertOk || c.expected == CM::ImportCertWarningTrustedNotCA;
     const bool joined = c.what == What::kLeafBesideKey;  // its key pair is not listed any more
     EXPECT_EQ(ObjectsOnToken(), before + (written && !joined ? 1 : 0));
@@ -89,6 +90,8 @@ const ImportCase kImports[] = {
     {"personal_with_key", What::kLeafWithKey, kImportPersonal, CM::ImportCertOk},
     {"personal_still_encrypted", What::kLeafStillEncrypted, kImportPersonal, CM::ImportCertOk},
     {"personal_without_key", What::kLeaf, kImportPersonal, CM::ImportCertErrorNotPersonal},
+    {"personal_logged_out", What::kLeafBesideKey, kImportPersonal, CM::ImportCertErrorLogin, {}, false, false},
+    {"personal_token_gone", What::kLeafBesideKey, kImportPersonal, CM::ImportCertErrorOpenTokenSession, {"hide one"}},
     {"unusable", What::kUnknownCritical, kImportOther, CM::ImportCertErrorUnknownCriticalExtension},
     {"trusted_by_the_user", What::kRoot, kImportTrusted, CM::ImportCertErrorLoginSO},
     {"other_logged_out", What::kLeaf, kImportOther, CM::ImportCertErrorLogin, {}, false, false},
@@ -123,6 +126,11 @@ const ImportCase kImports[] = {
      kImportPersonal,
      CM::ImportCertError,
      {"fail C_CreateObject CKR_DEVICE_MEMORY skip 2"}},
+    {"public_key_stays_at_first",
+     What::kLeafWithKey,
+     kImportPersonal,
+     CM::ImportCertError,
+     {"fail C_CreateObject CKR_DEVICE_MEMORY skip 2", "fail C_DestroyObject CKR_DEVICE_ERROR skip 1"}},
 };
 INSTANTIATE_TEST_SUITE_P(, Imports, testing::ValuesIn(kImports), [](const auto& test) { return test.param.name; });
 
@@ -137,6 +145,34 @@ class Changes : public ManageTest {
         ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);  // the officer's login ended the user's
     }
 };
+
+// What is there already is not judged again, and a warning is no import that the log or a reload knows of.
+TEST_F(Changes, ImportsThatChangeNothingVisible) {
+    const X509CertFile leaf(Leaf().der, "");
+    EXPECT_EQ(store().ImportCertificate(token_.info, *leaf.certs[0], kImportTrusted, false, &token_.so_pin),
+              CM::ImportCertWarningTrustedNotCA);
+    EXPECT_EQ(ObjectsOnToken(), 1U);
+    EXPECT_EQ(store().trustedCerts.size(), 0U);
+    EXPECT_EQ(reports_.Count("log " + std::to_string(kMsgTrustedCertImported)), 0U);
+    store().Reload();
+    leaf.certs[0]->info.signAlg = 0;
+    EXPECT_EQ(store().ImportCertificate(token_.info, *leaf.certs[0], kImportOther, false, nullptr),
+              CM::ImportCertAlreadyExist);
+}
+
+// A key that may not leave stays, and goes with its certificate; when it cannot, the log says so.
+TEST_F(Changes, KeysThatStay) {
+    const X509CertFile file(LeafWithKey(), kPassword);
+    ASSERT_EQ(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr), 0U);
+    const CertInfo info = store().personalCerts[0]->info;
+    std::string out;
+    EXPECT_EQ(store().ExportCertificate(token_.info, info, kExportPkcs12, kPassword, false, true, out),
+              CM::ExportCertErrorPrivKey);
+    EXPECT_TRUE(out.empty());
+    control_.Set({"fail C_DestroyObject CKR_DEVICE_ERROR skip 1"});
+    store().DeleteCertificate(token_.info, info);
+    EXPECT_EQ(reports_.Count("(without key)"), 1U);
+}
 
 // Whatever moment of an import the token is taken away at: no key without its certificate is there once it is back.
 TEST_F(Changes, TokenRemovedInMidImport) {
