@@ -218,7 +218,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     std::vector<std::unique_ptr<PresharedKey>> presharedKeys;
     CrlList crls;
 
-    /// Serialises whole reloads and token writes. Taken before the read-write lock, never while holding it.
+    /// Serialises whole reloads, not token writes. Taken before the read-write lock, never while holding it.
     struct CM_API Lock : vpnfc::ObjectLevelLockable {};
     Lock tokensLock;
 
