@@ -133,6 +133,7 @@ cp -p pin alice.pin
 agent() { certmgrctl --socket "$work/ask.sock" agent --once; }
 # Starts an exchange that will ask.
 ask() {
+    rm -f exchange.log  # its first lines are waited for
     ikeauth exchange --initiator alice.toml --responder bob.toml --rule office --ask "$work/ask.sock" >exchange.log 2>&1 &
     exchange=$!
     children+=($exchange)
