@@ -7,6 +7,7 @@
 #include <openssl/sha.h>
 
 #include <array>
+#include <new>
 #include <stdexcept>
 
 #include "ike/wire/bytes.h"
@@ -35,8 +36,10 @@ vpnfc::SecretString Expand(const Algorithm& prf, const std::string& key, const s
 std::string KeyedDigest(const Algorithm& algorithm, std::string_view key, std::string_view data) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> out{};
     unsigned length = 0;
-    HMAC(EVP_get_digestbyname(algorithm.libcrypto), key.data(), static_cast<int>(key.size()), Unsigned(data),
-         data.size(), out.data(), &length);
+    if (HMAC(EVP_get_digestbyname(algorithm.libcrypto), key.data(), static_cast<int>(key.size()), Unsigned(data),
+             data.size(), out.data(), &length) == nullptr) {
+        throw std::bad_alloc();
+    }
     return {reinterpret_cast<const char*>(out.data()), length};
 }
 

@@ -216,30 +216,43 @@ void Association::Receive(std::string_view datagram, Time now) {
     Message message;
     if (!ParseMessage(datagram, message, error)) return OnStranger("malformed IKE_SA_INIT: " + error);
     if (answered_ && !header.is_response()) {  // the initiator has not seen our answer
-        if (answered_->message_id == 0) Send(answered_->datagrams);
+        // With its bare SPI, as it came at first: one that names ours too may come from anybody who saw it.
+        if (answered_->message_id == 0 && header.responder_spi == 0) Send(answered_->datagrams);
         return;
     }
     OnInit(message, datagram);
 }
 
-bool Association::Open(const Header& header, std::string_view datagram, Message& message) {
+std::optional<Association::Unsealed> Association::Unseal(std::string_view datagram) {
     Message outer;
     std::string error;
-    if (!ParseMessage(datagram, outer, error) || outer.payloads.empty()) return false;
+    if (!ParseMessage(datagram, outer, error) || outer.payloads.empty()) return std::nullopt;
     const Payload& sealed = outer.payloads.back();
     const bool fragment = sealed.type == kPayloadSkf;
-    if (!fragment && sealed.type != kPayloadSk) return false;
+    if (!fragment && sealed.type != kPayloadSk) return std::nullopt;
+    Unsealed inside;
     FragmentNumber number;
-    if (fragment && !ReadFragmentNumber(sealed.body, number)) return false;
+    if (fragment && !ReadFragmentNumber(sealed.body, number)) return std::nullopt;
+    if (fragment) inside.fragment = number;
     const std::size_t offset = datagram.size() - sealed.body.size() + (fragment ? kFragmentNumberBytes : 0);
-    std::string plain;
-    if (!Unprotect(DirectionOf(!initiator_), datagram, offset, plain)) {
+    if (!Unprotect(DirectionOf(!initiator_), datagram, offset, inside.plain)) {
         report_.Add("ignored", "a message whose check value is wrong");
+        return std::nullopt;
+    }
+    inside.first = sealed.next;
+    return inside;
+}
+
+bool Association::Open(const Header& header, std::string_view datagram, Message& message) {
+    const std::optional<Unsealed> inside = Unseal(datagram);
+    if (!inside) return false;
+    std::string plain = inside->plain;
+    std::uint8_t first = inside->first;
+    if (inside->fragment && !reassembly_.Add(header, *inside->fragment, inside->first, inside->plain, plain, first)) {
         return false;
     }
-    std::uint8_t first = sealed.next;
-    if (fragment && !reassembly_.Add(header, number, sealed.next, std::string(plain), plain, first)) return false;
     message.header = header;
+    std::string error;
     if (ParsePayloads(first, plain, message.payloads, error)) return true;
     report_.Add("ignored", "a protected message that is malformed: " + error);
     return false;
@@ -248,7 +261,10 @@ bool Association::Open(const Header& header, std::string_view datagram, Message&
 void Association::ReceiveProtected(const Header& header, std::string_view datagram) {
     if (!keys_) return OnStranger("an " + ExchangeName(header.exchange) + " message before the keys are there");
     if (!header.is_response() && answered_ && header.message_id == answered_->message_id) {
-        return Send(answered_->datagrams);  // our answer was lost
+        // Our answer was lost. Of a request in fragments the first one asks for it again (RFC 7383, 2.6.1).
+        const std::optional<Unsealed> repeated = Unseal(datagram);
+        if (repeated && (!repeated->fragment || repeated->fragment->number == 1)) Send(answered_->datagrams);
+        return;
     }
     Message message;
     if (!Open(header, datagram, message)) return;

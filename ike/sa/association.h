@@ -110,6 +110,12 @@ class Association {
         std::uint32_t message_id = 0;
         std::vector<std::string> datagrams;
     };
+    /// The inside of a protected message, or of a fragment of one, whose check value is right.
+    struct Unsealed {
+        std::uint8_t first = 0;
+        std::string plain;
+        std::optional<FragmentNumber> fragment;
+    };
 
     void Await(std::uint8_t exchange, std::uint32_t message_id, std::vector<std::string> datagrams);
     void Send(const std::vector<std::string>& datagrams);
@@ -118,6 +124,7 @@ class Association {
     std::vector<std::string> Seal(std::uint8_t exchange, bool response, std::uint32_t id, const Payloads& payloads);
     std::string SealOne(Header header, std::uint8_t first, const std::string& plain, const FragmentNumber* fragment);
     void ReceiveProtected(const Header& header, std::string_view datagram);
+    std::optional<Unsealed> Unseal(std::string_view datagram);
     bool Open(const Header& header, std::string_view datagram, Message& message);
     void Dispatch(const Message& message);
     std::string NatHash(const std::string& endpoint) const;
