@@ -136,10 +136,11 @@ bool TokenTest::IsListed(const std::string& label) const {
 
 bool TokenTest::WaitUntilListed(const std::string& label, bool listed) {
     const auto end = std::chrono::steady_clock::now() + test_support::kWaitLimit;
-    while (IsListed(label) != listed && std::chrono::steady_clock::now() < end) {
+    while (std::chrono::steady_clock::now() < end) {
+        if (IsListed(label) == listed) return true;
         PKCS11::Manager::Instance().ReloadTokensContent(1);
     }
-    return IsListed(label) == listed;
+    return false;
 }
 
 void TokenTest::Import(const TokenInfo& token, pki_alg_t alg, const test_pki::Key& key, const std::string& id) {
