@@ -65,6 +65,16 @@ std::unique_ptr<PKCS12_PBE_key_iv_t> KeepEncrypted(const BagKey& bag, const std:
 
 // --- Writing ---
 
+void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+}
+using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
+
+void FreeSafes(STACK_OF(PKCS7) * safes) {
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+}
+using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
+
 /// Takes over both. `key_id` (empty: none) tells which certificate is the key's.
 bool AddBag(STACK_OF(PKCS12_SAFEBAG) * bags, PKCS12_SAFEBAG* bag, std::string& key_id) {
     auto* const id = reinterpret_cast<unsigned char*>(key_id.data());

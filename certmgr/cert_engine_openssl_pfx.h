@@ -13,16 +13,6 @@
 
 namespace cert_engine {
 
-inline void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
-    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-}
-using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
-
-inline void FreeSafes(STACK_OF(PKCS7) * safes) {
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-}
-using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
-
 using Pkcs12Ptr = Owner<PKCS12, PKCS12_free>;
 using CertPtr = Owner<X509, X509_free>;
 using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;

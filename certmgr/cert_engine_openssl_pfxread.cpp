@@ -16,6 +16,16 @@ using PbeParameters = Owner<PBEPARAM, PBEPARAM_free>;
 using Pbe2Parameters = Owner<PBE2PARAM, PBE2PARAM_free>;
 using Pbkdf2Parameters = Owner<PBKDF2PARAM, PBKDF2PARAM_free>;
 
+void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+}
+using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
+
+void FreeSafes(STACK_OF(PKCS7) * safes) {
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+}
+using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
+
 /// Longer passwords are nobody's.
 constexpr std::size_t kMaxPasswordBytes = 4096;
 /// Decoding one may compute its public key.
