@@ -264,7 +264,7 @@ TEST_F(Trouble, OfTwoTokensWithOneIdentifierOneIsShown) {
     ASSERT_TRUE(reports_.WaitFor("is left out")) << "who was there first is shown";
     EXPECT_NE(shown()[0].slotDescription, slot);
     control_.Set({});
-    EXPECT_TRUE(IsListed("two"));
+    EXPECT_TRUE(WaitUntilListed("two"));
     EXPECT_TRUE(WaitUntilListed("one"));
 }
 
