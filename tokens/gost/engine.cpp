@@ -7,10 +7,16 @@
 #include <openssl/engine.h>
 #include <openssl/obj_mac.h>
 
+#include <mutex>
+
 #include "tokens/gost/failure.h"
 
 namespace gost_token {
 namespace {
+
+constinit std::mutex registration_mutex;
+/// Engines of this module that use the method: one may begin while another still ends.
+constinit int registrations = 0;  // guarded by registration_mutex
 
 /// The process may have made the engine its default.
 bool IsRegistered() {
@@ -37,11 +43,17 @@ Engine::Engine() {
     const Owner<ENGINE, ENGINE_free> found(ENGINE_by_id("gost"));
     Require(found != nullptr && ENGINE_init(found.get()) == 1, CKR_DEVICE_ERROR);
     engine_ = found.get();
-    registered_ = !IsRegistered() && ENGINE_register_pkey_asn1_meths(engine_) == 1;
+    const std::lock_guard lock(registration_mutex);
+    const bool ours = registrations > 0 || !IsRegistered();
+    registered_ = ours && ENGINE_register_pkey_asn1_meths(engine_) == 1;
+    if (registered_) ++registrations;
 }
 
 Engine::~Engine() {
-    if (registered_) ENGINE_unregister_pkey_asn1_meths(engine_);
+    {
+        const std::lock_guard lock(registration_mutex);
+        if (registered_ && --registrations == 0) ENGINE_unregister_pkey_asn1_meths(engine_);
+    }
     ENGINE_finish(engine_);
 }
 

@@ -3,6 +3,7 @@
 
 #include <openssl/err.h>
 
+#include <filesystem>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -27,6 +28,8 @@ CK_RV Enter(const Work& work) noexcept {
         work();
     } catch (const Failure& failure) {
         rv = failure.rv();
+    } catch (const std::filesystem::filesystem_error&) {
+        rv = CKR_DEVICE_ERROR;
     } catch (const std::bad_alloc&) {
         rv = CKR_HOST_MEMORY;
     } catch (...) {

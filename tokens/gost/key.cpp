@@ -12,6 +12,7 @@ namespace gost_token {
 namespace {
 
 using Context = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
 using Point = Owner<EC_POINT, EC_POINT_free>;
 
 EC_KEY* NumbersOf(EVP_PKEY* pkey) {
@@ -35,12 +36,7 @@ void ToLittleEndian(const BIGNUM* number, std::size_t size, unsigned char* out) 
     Require(BN_bn2lebinpad(number, out, static_cast<int>(size)) == static_cast<int>(size), CKR_DEVICE_ERROR);
 }
 
-}  // namespace
-
-Key::Key(const Engine& engine, const Domain& domain, Pkey pkey)
-    : engine_(engine), domain_(domain), pkey_(std::move(pkey)) {}
-
-Key::Pkey Key::Parameters(const Engine& engine, const Domain& domain) {
+Pkey Parameters(const Engine& engine, const Domain& domain) {
     const Context context(EVP_PKEY_CTX_new_id(domain.kind->nid, engine.get()));
     EVP_PKEY* made = nullptr;
     Require(context != nullptr && EVP_PKEY_paramgen_init(context.get()) == 1 &&
@@ -49,6 +45,15 @@ Key::Pkey Key::Parameters(const Engine& engine, const Domain& domain) {
             CKR_DEVICE_ERROR);
     return Pkey(made);
 }
+
+}  // namespace
+
+void MakeCurves(const Engine& engine) {
+    for (const Domain& domain : AllDomains()) Parameters(engine, domain);
+}
+
+Key::Key(const Engine& engine, const Domain& domain, Pkey pkey)
+    : engine_(engine), domain_(domain), pkey_(std::move(pkey)) {}
 
 KeyPtr Key::FromPrivate(const Engine& engine, const Domain& domain, std::string_view value) {
     Require(value.size() == domain.kind->bytes, CKR_ATTRIBUTE_VALUE_INVALID);

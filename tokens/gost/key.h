@@ -13,6 +13,10 @@
 
 namespace gost_token {
 
+/// The engine makes each curve at its first use, without a lock, and keeps it as long as it is initialised. Two threads
+/// that come first would make it twice: it is made before there are any.
+void MakeCurves(const Engine& engine);
+
 /// Never changes; may be used from several threads at once.
 class Key {
   public:
@@ -31,7 +35,6 @@ class Key {
   private:
     using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
     Key(const Engine& engine, const Domain& domain, Pkey pkey);
-    static Pkey Parameters(const Engine& engine, const Domain& domain);
 
     const Engine& engine_;
     Domain domain_;

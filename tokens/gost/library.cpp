@@ -53,6 +53,7 @@ std::optional<CK_SLOT_ID> SlotOf(const fs::path& folder) {
 }  // namespace
 
 Library::Library(std::string_view arguments) : folder_(FolderFrom(arguments)) {
+    MakeCurves(engine_);
     Require(MakePrivateFolder(folder_), CKR_DEVICE_ERROR);
     RefreshSlots();
 }
@@ -67,7 +68,8 @@ void Library::RefreshSlots() {
         if (const auto id = SlotOf(entry.path())) present.push_back(*id);
     }
     const auto last = std::max_element(present.begin(), present.end());
-    present.push_back(last == present.end() ? 0 : *last + 1);
+    const CK_SLOT_ID next = last == present.end() ? 0 : *last + 1;
+    if (next < kMaxSlots) present.push_back(next);
     const Lock lock(mutex_);
     for (const CK_SLOT_ID id : present) {
         TokenPtr& slot = slots_[id];

@@ -23,6 +23,9 @@ std::string_view ReadArguments(const void* arguments) {
     if (arguments == nullptr) return {};
     const auto& given = *static_cast<const CK_C_INITIALIZE_ARGS*>(arguments);
     const bool own_locks = given.CreateMutex != nullptr;
+    Require(own_locks == (given.DestroyMutex != nullptr) && own_locks == (given.LockMutex != nullptr) &&
+                own_locks == (given.UnlockMutex != nullptr),
+            CKR_ARGUMENTS_BAD);
     Require(!own_locks || (given.flags & CKF_OS_LOCKING_OK) != 0, CKR_CANT_LOCK);
     return given.pReserved == nullptr ? std::string_view() : static_cast<const char*>(given.pReserved);
 }

@@ -64,9 +64,16 @@ CK_RV GenerateKeyPair(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_ATT
     });
 }
 
+namespace {
+
+constexpr CK_ULONG kMostRandomBytes = 1U << 30;  // in one call: libcrypto counts in int
+
+}  // namespace
+
 /// Adds to what libcrypto draws on; never replaces it.
 CK_RV SeedRandom(CK_SESSION_HANDLE session, CK_BYTE* seed, CK_ULONG length) {
     return WithSession(session, [&](Session&) {
+        Require(length <= kMostRandomBytes, CKR_ARGUMENTS_BAD);
         const std::string_view bytes = Input(seed, length);
         constexpr double kNoEntropyClaimed = 0;
         RAND_add(bytes.data(), static_cast<int>(bytes.size()), kNoEntropyClaimed);
@@ -75,8 +82,7 @@ CK_RV SeedRandom(CK_SESSION_HANDLE session, CK_BYTE* seed, CK_ULONG length) {
 
 CK_RV GenerateRandom(CK_SESSION_HANDLE session, CK_BYTE* bytes, CK_ULONG length) {
     return WithSession(session, [&](Session&) {
-        constexpr CK_ULONG kMostBytes = 1U << 30;
-        Require((bytes != nullptr || length == 0) && length <= kMostBytes, CKR_ARGUMENTS_BAD);
+        Require((bytes != nullptr || length == 0) && length <= kMostRandomBytes, CKR_ARGUMENTS_BAD);
         Require(RAND_bytes(bytes, static_cast<int>(length)) == 1, CKR_FUNCTION_FAILED);
     });
 }

@@ -8,6 +8,9 @@ namespace {
 constexpr std::string_view kPublicMagic = "certmgr GOST public object 1\n";
 constexpr std::string_view kPrivateMagic = "certmgr GOST private object 1\n";
 
+/// No less than what surrounds the attributes in either form.
+constexpr std::size_t kFrameBytes = 256;
+
 std::string Purpose(std::string_view magic, const ObjectPlace& place) {
     return std::string(magic).append(place.serial).append(place.file_name);
 }
@@ -37,6 +40,7 @@ Readable DecodePrivate(std::string_view body, const ObjectPlace& place, const vp
 
 std::string EncodeObject(const Attributes& object, const ObjectPlace& place, const vpnfc::SecretString& token_key) {
     const vpnfc::SecretString body = object.Encode();
+    Require(body.get().size() <= kMaxObjectFileBytes - kFrameBytes, CKR_DEVICE_MEMORY);
     if (object.Flag(CKA_PRIVATE)) {
         return std::string(kPrivateMagic).append(Seal(token_key, Purpose(kPrivateMagic, place), body.get()));
     }

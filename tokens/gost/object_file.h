@@ -12,12 +12,16 @@
 
 namespace gost_token {
 
+/// A value of the longest, and some attributes around it.
+inline constexpr std::size_t kMaxObjectFileBytes = kMaxValueBytes + (1U << 20);
+
 /// Where an object stands: it is an object there and nowhere else.
 struct ObjectPlace {
     std::string_view serial;  // of the token
     std::string_view file_name;
 };
 
+/// Fails with CKR_DEVICE_MEMORY for an object that is too large to be read again.
 std::string EncodeObject(const Attributes& object, const ObjectPlace& place, const vpnfc::SecretString& token_key);
 
 enum class Readable : std::uint8_t { kYes, kLocked, kDamaged };

@@ -201,6 +201,7 @@ CK_RV ShowOne(const Attributes& object, CK_ATTRIBUTE& wanted) {
 
 bool MayBecome(const Rule& rule, const Attributes& object, std::string_view value) {
     if ((rule.traits & kChangeable) != 0) return true;
+    if (rule.form != Form::kFlag) return false;
     const bool after = value[0] != CK_FALSE;
     if ((rule.traits & kOneWayUp) != 0) return after || !object.Flag(rule.type);
     if ((rule.traits & kOneWayDown) != 0) return !after || object.Flag(rule.type);

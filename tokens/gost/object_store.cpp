@@ -11,8 +11,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kSuffix = ".object";
-/// A value and some attributes around it.
-constexpr std::size_t kMaxFileBytes = kMaxValueBytes + (1U << 20);
 /// Two changes of a folder this close together may leave it with one time.
 constexpr long kClockSeconds = 2;
 
@@ -44,7 +42,7 @@ void ObjectStore::Read(const std::string& file, const Access& access) {
     const std::optional<Stamp> stamp = StampOf(folder_ / file);
     const auto known = by_file_.find(file);
     if (!stamp || (known != by_file_.end() && entries_[known->second].stamp == *stamp)) return;
-    const std::optional<std::string> content = ReadFile(folder_ / file, kMaxFileBytes);
+    const std::optional<std::string> content = ReadFile(folder_ / file, kMaxObjectFileBytes);
     Attributes object;
     const bool readable =
         content && DecodeObject(*content, {access.serial, file}, access.key, object) == Readable::kYes;

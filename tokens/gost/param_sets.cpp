@@ -72,6 +72,16 @@ std::string LongHashIdentifier() {
     return der;
 }
 
+std::vector<Domain> AllDomains() {
+    std::vector<Domain> domains;
+    for (const KeyKind& kind : kKinds) {
+        for (const Curve& curve : kCurves) {
+            if (curve.bytes == kind.bytes) domains.push_back({&kind, curve.name});
+        }
+    }
+    return domains;
+}
+
 Domain FindDomain(CK_KEY_TYPE type, std::string_view curve_der, std::string_view hash_der) {
     const bool implied = type == CKK_GOSTR3410_512 && hash_der.empty();
     const auto* const kind = std::find_if(kKinds.begin(), kKinds.end(), [&](const KeyKind& row) {

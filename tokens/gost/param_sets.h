@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tokens/gost/failure.h"
 
@@ -35,6 +36,9 @@ struct Domain {
 /// From CKA_KEY_TYPE, CKA_GOSTR3410_PARAMS and CKA_GOSTR3411_PARAMS (DER identifiers). An empty identifier of the digest
 /// is the one of a 512-bit key, which has no other. Fails with CKR_DOMAIN_PARAMS_INVALID.
 Domain FindDomain(CK_KEY_TYPE type, std::string_view curve_der, std::string_view hash_der);
+
+/// Every kind of key on every curve.
+std::vector<Domain> AllDomains();
 
 /// Identifier, DER, of the only digest that keys of 512 bits go with.
 std::string LongHashIdentifier();

@@ -75,7 +75,7 @@ Session::Session(const Engine& engine, TokenPtr token, CK_SESSION_HANDLE handle,
     : engine_(engine), token_(std::move(token)), view_{handle, read_write}, serial_(token_->OpenSession(view_)) {}
 
 Session::~Session() {
-    if (!IsOver()) token_->CloseSession(view_);
+    token_->CloseSession(view_, serial_);
 }
 
 void Session::Describe(CK_SESSION_INFO& info) const {

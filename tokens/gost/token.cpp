@@ -72,6 +72,8 @@ void Token::Describe(CK_TOKEN_INFO& info) {
 }
 
 void Token::Initialize(std::string_view officer_pin, std::string_view label) {
+    // Other processes may want the same slot.
+    const FolderLock folder_lock(folder_.parent_path());
     if (IsInitialized()) {
         const TokenFile before = Snapshot();
         SecretString key;
@@ -164,8 +166,10 @@ std::string Token::OpenSession(const SessionView& session) {
     return serial;
 }
 
-void Token::CloseSession(const SessionView& session) {
+void Token::CloseSession(const SessionView& session, const std::string& serial) {
     const Lock lock(mutex_);
+    RefreshLocked();
+    if (access_.serial != serial) return;
     objects_.DropSession(session.handle);
     if (sessions_ > 0) --sessions_;
     if (!session.read_write && read_only_sessions_ > 0) --read_only_sessions_;
@@ -200,6 +204,7 @@ CK_OBJECT_HANDLE Token::Create(Attributes object, const SessionView& session) {
 }
 
 void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session) {
+    const FolderLock folder_lock(folder_);
     const Lock lock(mutex_);
     FileLocked();
     const ObjectPtr object = VisibleLocked(handle);
@@ -208,6 +213,7 @@ void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const Sessi
 }
 
 void Token::Destroy(CK_OBJECT_HANDLE handle, const SessionView& session) {
+    const FolderLock folder_lock(folder_);
     const Lock lock(mutex_);
     FileLocked();
     RequireWritableLocked(*VisibleLocked(handle), session);

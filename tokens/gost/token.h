@@ -29,7 +29,8 @@ struct SessionView {
     bool read_write = false;
 };
 
-/// May be used from several threads. Its mutex is held while files of its folder are read and written, so that all
+/// May be used from several threads. What a change rests on is read under the lock of the folder, which is taken before the
+/// mutex. The mutex is held while files of its folder are read and written, so that all
 /// sessions see the same objects, and not while a PIN is tried.
 class Token {
   public:
@@ -51,7 +52,8 @@ class Token {
 
     /// A number that a later token in the same slot does not have.
     std::string OpenSession(const SessionView& session);
-    void CloseSession(const SessionView& session);
+    /// Nothing happens to a later token.
+    void CloseSession(const SessionView& session, const std::string& serial);
     /// Whether the token of that number is still there.
     bool IsStill(const std::string& serial);
 

@@ -107,7 +107,7 @@ std::string TokenFile::Purpose(Role role) const {
 
 bool TokenFile::Unlock(Role role, std::string_view pin, SecretString& key) const {
     const Lock& lock = LockOf(role);
-    if (lock.locked_key.empty()) return false;
+    if (lock.locked_key.empty() || pin.size() > kMaxPinBytes) return false;
     return Unseal(KeyFromPin(pin, lock.salt, lock.cost), Purpose(role), lock.locked_key, key);
 }
 
