@@ -7,5 +7,6 @@ namespace bench {
 void RegisterBenchmarks();
 void RegisterCrlBenchmarks();
 void RegisterIkeBenchmarks();
+void RegisterBridgeBenchmarks();
 
 }  // namespace bench

@@ -128,7 +128,7 @@ CM::CertRef Certificate(const test_pki::Cert& cert) {
 void CrlVerdict(State& state) {
     const auto crl = Read(CrlObject(kLarge));
     const CM::CertRef issuer = Certificate(TheWorld().root());
-    const CM::CertRef cert = Certificate(TheWorld().leaf());
+    const CM::CertRef cert = Certificate(TheWorld().intermediate());
     for (auto _ : state) Judge(state, *crl, *issuer, *cert);
 }
 

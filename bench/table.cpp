@@ -51,6 +51,7 @@ bool Met(const Row& row, double figure) {
 void Medians::ReportRuns(const std::vector<Run>& runs) {
     ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
+        if (run.error_occurred) failed_.insert(run.run_name.function_name);
         if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
         const double seconds = run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
         microseconds_[run.run_name.function_name] = seconds * kMicrosecondsPerSecond;
@@ -75,6 +76,11 @@ int PrintTable(const std::vector<Row>& rows, const Medians& medians) {
     for (const Row& row : rows) {
         const double ours = medians.Microseconds(row.ours);
         const double peer = medians.Microseconds(row.peer);
+        if (medians.Failed(row.ours) || medians.Failed(row.peer)) {
+            ++missed;
+            std::printf("%-58s FAILED\n", row.what.c_str());
+            continue;
+        }
         if (ours <= 0) continue;
         const bool own_figure = row.goal == Goal::kFigureBelow || row.goal == Goal::kFigureReported;
         const double figure = own_figure ? medians.Figure(row.ours) : Figure(row, ours, peer);

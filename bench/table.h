@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,13 +38,16 @@ class Medians : public benchmark::ConsoleReporter {
     double Microseconds(const std::string& name) const;
     /// The counter "figure" of a benchmark; 0 when it did not run.
     double Figure(const std::string& name) const;
+    /// Whether it ran and could not do its work.
+    bool Failed(const std::string& name) const { return failed_.count(name) != 0; }
 
   private:
     std::map<std::string, double> microseconds_;
     std::map<std::string, double> figures_;
+    std::set<std::string> failed_;
 };
 
-/// Prints the rows whose benchmarks ran. Returns how many goals were missed.
+/// Prints the rows whose benchmarks ran. Returns how many goals were missed or benchmarks failed.
 int PrintTable(const std::vector<Row>& rows, const Medians& medians);
 
 }  // namespace bench
