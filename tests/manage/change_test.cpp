@@ -1,4 +1,7 @@
 // Imports, exports and deletions: what they answer, what the token holds afterwards, and what the log says.
+#include <algorithm>
+#include <cstring>
+#include <set>
 #include <thread>
 
 #include "platform/asn1.h"
@@ -50,7 +53,20 @@ std::string ContentOf(What what) {
     }
 }
 
-class Imports : public ManageTest, public testing::WithParamInterface<ImportCase> {};
+class Imports : public ManageTest, public testing::WithParamInterface<ImportCase> {
+  protected:
+    /// What the certificate became on the token: for whom it is, whether it is trusted, under which identifier.
+    void ExpectObject(const std::string& der) const {
+        const ImportCase& c = GetParam();
+        std::list<PKCS11::CertObject> objects;
+        ASSERT_TRUE(PKCS11::TokenSession(token_.info).EnumCertificates(objects));
+        const auto object = std::find_if(objects.begin(), objects.end(), [&](const auto& o) { return o.value == der; });
+        ASSERT_NE(object, objects.end());
+        EXPECT_EQ(object->category, c.mode == kImportPersonal ? 1U : c.what == What::kRoot ? 2U : 3U);
+        EXPECT_EQ(object->trusted, c.mode == kImportTrusted);
+        EXPECT_TRUE(c.what == What::kLeafBesideKey ? object->id == "id" : object->id.size() == 8);
+    }
+};
 
 TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     const ImportCase& c = GetParam();
@@ -74,11 +90,12 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     const bool joined = c.what == What::kLeafBesideKey;  // its key pair is not listed any more
     EXPECT_EQ(ObjectsOnToken(), before + (written && !joined ? 1 : 0));
     EXPECT_EQ(KeyOnToken(Leaf().spki), joined || (written && file.certs.size() > 1));
+    if (written) ExpectObject(file.certs[0]->rawCert);
     if (c.expected != CM::ImportCertOk) return;
     const CM::CertList* const lists[] = {nullptr, &store().trustedCerts, &store().personalCerts, &store().otherCerts};
     ASSERT_EQ(lists[c.mode]->size(), 1U);
-    EXPECT_EQ(
-        reports_.Count("log " + std::to_string(kMsgOtherCertImported + (c.mode == kImportOther ? 0 : 3 - c.mode))), 1U);
+    const char* const logs[] = {"", "log 160", "log 159", "log 158"};
+    EXPECT_EQ(reports_.Count(logs[c.mode]), 1U);
     EXPECT_EQ(store().ImportCertificate(token_.info, *file.certs[0], c.mode, false, pin), CM::ImportCertAlreadyExist);
 }
 
@@ -217,29 +234,41 @@ TEST_F(Changes, Exports) {
     EXPECT_EQ(store().ExportCertificate(token_.info, info, CertExportFormat(5), "", true, true, out),
               CM::ExportCertUnknownFormat);
     EXPECT_EQ(export_key(store().trustedCerts[0]->info), CM::ExportCertErrorPrivKey);
-    tokens::Logout(token_.info);
-    EXPECT_EQ(export_key(info), CM::ExportCertErrorLogin);
     EXPECT_TRUE(out.empty());
 }
 
 TEST_F(Changes, DeletionsSayWhatWent) {
     ImportAll();
+    const X509CertFile other(test_pki::MakeLeaf("CN=other", Root()).der, "");
+    ASSERT_EQ(store().ImportCertificate(token_.info, *other.certs[0], kImportOther, false, nullptr), 0U);
     Import(token_.info, PKI_KEY_EC, test_pki::MakeKey(test_pki::KeyType::kEcP256, 7), "pair");
     store().Reload();
     ASSERT_EQ(store().keyPairCerts.size(), 1U);
-    const CertInfo records[] = {store().personalCerts[0]->info, store().trustedCerts[0]->info,
-                                store().keyPairCerts[0]->info};
-    const EventCode deleted[] = {kMsgPersonalCertDeleted, kMsgTrustedCertDeleted, kMsgKeyPairDeleted};
-    const EventCode failed[] = {kMsgPersonalCertNotDeleted, kMsgTrustedCertNotDeleted, kMsgKeyPairNotDeleted};
-    for (int i = 0; i < 3; ++i) {
-        for (const EventCode code : {deleted[i], failed[i]}) {
-            store().DeleteCertificate(token_.info, records[i]);
-            EXPECT_EQ(reports_.Count("log " + std::to_string(code)), 1U) << code;
+    const struct {
+        CertInfo info;
+        const char* deleted;
+        const char* failed;
+    } cases[] = {
+        {store().otherCerts[0]->info, "log 150", "log 154"},
+        {store().personalCerts[0]->info, "log 151", "log 155"},
+        {store().trustedCerts[0]->info, "log 152", "log 156"},
+        {store().keyPairCerts[0]->info, "log 153", "log 157"},
+    };
+    for (const auto& c : cases) {
+        for (const char* log : {c.deleted, c.failed}) {
+            store().DeleteCertificate(token_.info, c.info);
+            EXPECT_EQ(reports_.Count(log), 1U) << log;
         }
     }
     EXPECT_EQ(reports_.Count("(without key)"), 0U);
     EXPECT_EQ(ObjectsOnToken(), 0U);
     EXPECT_FALSE(KeyOnToken(Leaf().spki));
+    // What somebody else deleted leaves the list, too.
+    ASSERT_EQ(store().ImportCertificate(token_.info, *other.certs[0], kImportOther, false, nullptr), 0U);
+    const CertInfo info = store().otherCerts[0]->info;
+    ASSERT_TRUE(PKCS11::TokenSession(token_.info, PKCS11::TokenSession::kPrivate).DeleteCertObject(info));
+    store().DeleteCertificate(token_.info, info);
+    EXPECT_EQ(store().otherCerts.size(), 0U);
 }
 
 TEST_F(Changes, CrlsAndPresharedKeys) {
@@ -253,19 +282,77 @@ TEST_F(Changes, CrlsAndPresharedKeys) {
     EXPECT_TRUE(CM::GetPresharedKeyByName("peer", value));
     EXPECT_EQ(value, "secret");
     ASSERT_EQ(store().crls.size(), 1U);
-    tokens::Logout(token_.info);
-    EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlErrorLogin);
-    EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"two"}, "secret"));
-    EXPECT_FALSE(CM::GetPresharedKeyByName("peer", value));
-    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     control_.Set({"fail C_CreateObject CKR_DEVICE_MEMORY"});
     EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlError);
     control_.Set({});
-    store().DeleteCRL(token_.info, CRLInfo(store().crls[0]->info));
-    store().DeletePresharedKey(token_.info, {"peer"});
-    EXPECT_TRUE(store().crls.empty() && store().presharedKeys.empty());
-    for (const EventCode code : {kMsgPresharedKeyCreated, kMsgPresharedKeyDeleted, kMsgCrlImported, kMsgCrlDeleted}) {
-        EXPECT_EQ(reports_.Count("log " + std::to_string(code)), 1U) << code;
+    const CRLInfo crl(store().crls[0]->info);
+    for (int again = 0; again < 2; ++again) {  // what is gone already is told all the same
+        store().DeleteCRL(token_.info, crl);
+        store().DeletePresharedKey(token_.info, {"peer"});
+        EXPECT_TRUE(store().crls.empty() && store().presharedKeys.empty());
+    }
+    for (const auto& [log, times] : {std::pair("log 161", 2U), {"log 162", 1U}, {"log 163", 2U}, {"log 164", 1U}}) {
+        EXPECT_EQ(reports_.Count(log), times) << log;
+    }
+}
+
+// Nobody logged in, or no token: nothing is changed and nothing logged.
+TEST_F(Changes, WithoutASessionNothingHappens) {
+    ImportAll();
+    const X509CertFile file(test_pki::MakeCrl({}, Root()), "");
+    ASSERT_EQ(store().ImportCRL(token_.info, *file.crls[0]), CM::ImportCrlOk);
+    ASSERT_TRUE(store().CreatePresharedKey(token_.info, {"peer"}, "secret"));
+    const CertInfo leaf = store().personalCerts[0]->info;
+    const CRLInfo crl(store().crls[0]->info);
+    for (const bool gone : {false, true}) {
+        if (gone) {
+            control_.Set({"hide one"});
+            ASSERT_TRUE(WaitUntilListed("one", false));
+            store().DeleteCRL(token_.info, crl);  // would need no login
+        } else {
+            tokens::Logout(token_.info);
+        }
+        std::string out;
+        EXPECT_EQ(store().ExportCertificate(token_.info, leaf, kExportPkcs12, kPassword, false, true, out),
+                  gone ? CM::ExportCertError : CM::ExportCertErrorLogin);
+        EXPECT_TRUE(out.empty());
+        EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), gone ? CM::ImportCrlError : CM::ImportCrlErrorLogin);
+        EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"two"}, "secret"));
+        EXPECT_FALSE(CM::GetPresharedKeyByName("peer", out));
+        store().DeletePresharedKey(token_.info, {"peer"});
+        store().DeleteCertificate(token_.info, leaf);
+    }
+    control_.Set({});
+    ASSERT_TRUE(WaitUntilListed("one"));
+    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+    store().Reload();
+    EXPECT_EQ(store().personalCerts.size() + store().crls.size() + store().presharedKeys.size(), 3U);
+    for (const char* log : {"log 151", "log 155", "log 161", "log 163"}) EXPECT_EQ(reports_.Count(log), 0U) << log;
+    EXPECT_EQ(reports_.Count("log 164") + reports_.Count("log 162"), 2U);
+}
+
+// Seconds and a counter of 16 bits: two imports in one second, and those around the counter's end, differ.
+TEST(ObjectIds, HoldTheTimeAndACounter) {
+    vpnfc::SetCurrentTimeForTesting(test_pki::kNow);
+    std::set<std::uint64_t> seen;
+    for (int i = 0; i < 0x10000; ++i) {
+        std::string id = "before";
+        CM::CertStorage::GenNewCertObjectId(id);
+        std::uint64_t value = 0;
+        ASSERT_EQ(id.size(), sizeof value);
+        std::memcpy(&value, id.data(), sizeof value);
+        ASSERT_EQ(value >> 16, static_cast<std::uint64_t>(test_pki::kNow));
+        ASSERT_TRUE(seen.insert(value).second) << i;
+    }
+    vpnfc::SetCurrentTimeForTesting(std::nullopt);
+}
+
+TEST(ImportStatus, NamesStandAtTheirNumbers) {
+    EXPECT_STREQ(CM::CertImportStatusText(0), "ImportCertOk");
+    EXPECT_STREQ(CM::CertImportStatusText(10), "ImportCertErrorNotTrusted");
+    EXPECT_STREQ(CM::CertImportStatusText(19), "ImportCertWarningTrustedNotCA");
+    for (const std::uint32_t unknown : {20U, ~0U}) {
+        EXPECT_STREQ(CM::CertImportStatusText(unknown), "ImportCertErrorUnknown");
     }
 }
 
