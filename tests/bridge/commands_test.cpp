@@ -2,6 +2,7 @@
 #include <future>
 #include <thread>
 
+#include "certmgr/cert_bridge.h"
 #include "certmgr/cert_crlcache.h"
 #include "certmgr/cert_file.h"
 #include "certmgr/cert_request.h"
@@ -24,6 +25,7 @@ using bridge::kGroupCertificates;
 using certmgr_client::CertSelector;
 using certmgr_client::ListedCert;
 using certmgr_client::Manager;
+using CM::X509CertFile;
 using vpnfc::SecretString;
 
 class CommandsTest : public BridgeTest {
@@ -233,6 +235,114 @@ TEST_F(CommandsTest, ThePinOfAnImportReachesTheToken) {
     EXPECT_EQ(manager().ImportCertificate(token, 0, {.mode = kImportTrusted, .pin = &pin}), 0U);
 }
 
+// A key that came in a PKCS #12 file leaves the token again when that was asked for, and only then.
+TEST_F(CommandsTest, KeysLeaveWhenTheyMay) {
+    const SecretString password(std::string("pass word"));
+    const auto export_key = [&](const ListedCert& cert) {
+        return manager().ExportCertificate(cert.token, cert.info,
+                                           {.format = 3, .password = &password, .with_private_key = true});
+    };
+    const auto file = export_key(Leaf());
+    ASSERT_EQ(file->result, 1U);
+    EXPECT_EQ(manager().OpenFile(file->bytes.get(), SecretString(std::string("wrong")))->status, 2U);
+    for (const bool exportable : {false, true}) {
+        ASSERT_TRUE(manager().DeleteCertificate(Leaf().token, Leaf().info));
+        ASSERT_EQ(manager().OpenFile(file->bytes.get(), password)->certs.size(), 1U);
+        ASSERT_EQ(manager().ImportCertificate(token_->Info(), 0, {.mode = kImportPersonal, .exportable = exportable}),
+                  0U);
+        EXPECT_EQ(export_key(Leaf())->result, exportable ? 1U : 5U);
+    }
+}
+
+// A token that wants a login for what is public gets private sessions, any other none.
+TEST_F(CommandsTest, TheTokenSaysWhoWritesPublicObjects) {
+    const test_pki::Cert carol = test_pki::MakeLeaf("CN=carol", root_);
+    const test_pki::Cert dave = test_pki::MakeLeaf("CN=dave", root_);
+    token_->AddKeyPair("dave", dave.key);
+    const std::string bundle = test_pki::MakePkcs7({carol.der, dave.der}, {crl_});
+    const auto file = manager().OpenFile(bundle, SecretString());
+    const bool swapped = file->certs.at(0).info.subject == "CN=dave";
+    for (const bool login : {false, true}) {
+        token_->EditInfo([&](PKCS11::TokenInfo& info) { info.loginRequired = info.loggedIn = login; });
+        CM::Reload();
+        token_->ClearCalls();
+        EXPECT_EQ(manager().ImportCertificate(token_->Info(), swapped ? 1 : 0, {.mode = 7}), 0U);
+        EXPECT_EQ(manager().ImportCertificate(token_->Info(), swapped ? 0 : 1, {.mode = kImportPersonal}), 0U);
+        EXPECT_EQ(manager().ImportCrl(token_->Info(), 0), 0U);
+        EXPECT_EQ(token_->Calls(vendor_host::Op::kOpenPrivate), login ? 3U : 0U);
+        for (const ListedCert& cert : List(CertSelector::kOther)) {
+            if (cert.info.subject == "CN=carol") manager().DeleteCertificate(cert.token, cert.info);
+        }
+        manager().DeleteCertificate(List(CertSelector::kPersonal).at(1).token,
+                                    List(CertSelector::kPersonal).at(1).info);
+        token_->AddKeyPair("dave", dave.key);
+    }
+}
+
+// One certificate in several lists is found among the other ones first, then the trusted, then the personal ones.
+TEST_F(CommandsTest, TheOrderInWhichACertificateIsLookedFor) {
+    const test_pki::Cert same = test_pki::MakeLeaf("CN=same", root_);
+    token_->AddCertificate(same.der, {.id = "personal", .category = 1});
+    token_->AddCertificate(same.der, {.id = "trusted", .trusted = true});
+    token_->AddCertificate(same.der, {.id = "other"});
+    CM::Reload();
+    const X509CertFile file(same.der, "");
+    for (const auto& [id, kind] :
+         {std::pair("other", kCertKindOther), {"trusted", kCertKindTrusted}, {"personal", kCertKindPersonal}}) {
+        EXPECT_EQ(manager().CertificateDetails(token_->Info(), file.certs[0]->info)->info.kind, kind);
+        token_->Remove(id);
+        CM::Reload();
+    }
+}
+
+/// A session that belongs to no connection.
+class OneSession : public BridgeSession {
+    std::uint64_t Id() const override { return 1; }
+    std::uint32_t User() const override { return 0; }
+};
+
+TEST_F(CommandsTest, AFileGoesWithItsSession) {
+    CM::CertListener listener;  // the module's own has the group
+    OneSession session;
+    const auto status = [&] {
+        std::string output;
+        EXPECT_TRUE(listener.ExecCommand(session, 3, Inputs(token_->Info())[3], output));
+        return output;
+    };
+    listener.SetCertFile(&session, std::make_unique<X509CertFile>(other_.der, ""));
+    EXPECT_EQ(status(), std::string("\1\0\0\0", 4));  // there already
+    listener.OnCloseSession(&session);
+    EXPECT_EQ(status(), std::string("\3\0\0\0", 4));
+}
+
+// What the daemon hands over without a person: where it goes, and what is said when it goes nowhere.
+TEST_F(CommandsTest, FilesAreStoredWhereTheyBelong) {
+    const test_pki::Cert ca = test_pki::MakeCa("CN=Second");
+    const test_pki::Cert stranger = test_pki::MakeLeaf("CN=stranger", ca);
+    const std::string both = test_pki::MakePkcs7({stranger.der, ca.der});  // the last one is read first
+    const auto second = vendor_host::AddToken("second", "0002");
+    const auto report_of = [](const std::string& content) {
+        std::string report = "before, ";
+        const bool stored = CM::ImportCertsFromFile(content, "", &report);
+        EXPECT_EQ(stored, report == "before, ");
+        return report;
+    };
+    const auto hold_trusted = [](vendor_host::Token& token, bool holds) {
+        token.EditInfo([&](PKCS11::TokenInfo& info) { info.holdsTrusted = holds; });
+    };
+    hold_trusted(*token_, false);
+    hold_trusted(*second, false);
+    EXPECT_EQ(report_of(ca.der), "before, No Trusted tokens, cert: CN=Second");
+    hold_trusted(*second, true);
+    // What stands before the one that cannot be stored stays.
+    EXPECT_EQ(report_of(both), "before, Key Pair not found for cert: CN=stranger");
+    ASSERT_EQ(second->CertObjects().size(), 1U);
+    EXPECT_TRUE(second->CertObjects()[0].trusted);
+    second->AddKeyPair("pair", stranger.key);
+    EXPECT_EQ(report_of(both), "before, ");
+    EXPECT_EQ(second->CertObjects().size(), 2U);
+}
+
 TEST_F(CommandsTest, LargeFilesAreTaken) {
     const std::string large(64U << 20, 'A');
     const auto file = manager().OpenFile(large, SecretString());
@@ -315,8 +425,27 @@ TEST_F(CommandsTest, RequestsAndPresharedKeys) {
     EXPECT_NE(manager().MakeRequest(token, {.keyAlg = 4, .keyBits = 256})->result, 0U);
     EXPECT_EQ(List(CertSelector::kPersonal).size(), 3U);
 
+    // A public key that is none: nothing of the pair stays.
+    const auto gate = std::make_shared<vendor_host::Gate>();
+    token_->Block(vendor_host::Op::kGetPublicKey, gate);
+    auto damaged = std::async(std::launch::async, [&] {
+        return manager().MakeRequest(token, {.keyAlg = 4, .keyBits = 256, .hashAlg = 0x40000, .subject = "CN=x"});
+    });
+    ASSERT_TRUE(gate->WaitForArrivals(1));
+    std::string id;  // the newest: counted up
+    for (const auto& object : token_->CertObjects()) {
+        const bool is_made = object.value.empty() && object.id != "pair";
+        if (is_made) id = std::max(id, object.id);
+    }
+    token_->AddForeignKeyPair(id, 4, "no key");
+    gate->Open();
+    EXPECT_EQ(damaged.get()->result, 4U);
+    EXPECT_FALSE(token_->HasKeyPair(id));
+
     const SecretString value(std::string("value"));
     EXPECT_TRUE(manager().CreatePresharedKey(token, "branch", value).value());
+    token_->Fail(vendor_host::Op::kCreatePresharedKey, 1);
+    EXPECT_FALSE(manager().CreatePresharedKey(token, "refused", value).value());
     EXPECT_EQ(manager().ListPresharedKeys()->size(), 2U);
     EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
     EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
@@ -325,8 +454,43 @@ TEST_F(CommandsTest, RequestsAndPresharedKeys) {
     EXPECT_TRUE(manager().ListCrls()->empty());
 }
 
+TEST_F(CommandsTest, SizesAndHashesOfRequests) {
+    using Numbers = std::vector<std::uint32_t>;
+    const Numbers digests{0x20000, 0x40000, 0x90000, 0xA0000, 0xB0000};
+    token_->SetKeyGeneration({{PKI_KEY_RSA, 512, 4096},
+                              {PKI_KEY_RSA, 1024, 3072},
+                              {PKI_KEY_RSA, 256, 511},
+                              {PKI_KEY_DSA, 512, 1024},
+                              {270, 1, 9999},
+                              {271, 1, 9999},
+                              {272, 1, 9999},
+                              {14, 7, 8},
+                              {PKI_KEY_EC, 256, 384}},
+                             digests);
+    const struct {
+        Numbers sizes;
+        Numbers hashes;
+    } expected[] = {
+        {{512, 1024, 2048, 4096}, {0x20000, 0x40000}},
+        {{512, 1024, 2048}, {0x20000, 0x40000}},
+        {{256, 511}, {0x20000, 0x40000}},
+        {{512, 1024}, {0x20000}},
+        {{512}, {0x90000}},
+        {{512}, {0xA0000}},
+        {{1024}, {0xB0000}},
+        {{7, 8}, {}},
+        {{256, 384}, {0x20000, 0x40000}},
+    };
+    const auto kinds = manager().RequestMechanisms(token_->Info());
+    ASSERT_EQ(kinds.value().size(), std::size(expected));
+    for (std::size_t i = 0; i < kinds->size(); ++i) {
+        EXPECT_EQ((*kinds)[i].keySizes, expected[i].sizes) << i;
+        EXPECT_EQ((*kinds)[i].hashAlgs, expected[i].hashes) << i;
+    }
+}
+
 TEST_F(CommandsTest, DownloadedCrlsAreListedLastAndDeletedFirst) {
-    const CM::CrlRef same = CM::X509CertFile(crl_, "").crls.at(0);
+    const CM::CrlRef same = X509CertFile(crl_, "").crls.at(0);
     same->token = token_->Info();
     same->uri = "http://127.0.0.1/crl";
     {

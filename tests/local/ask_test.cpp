@@ -133,6 +133,15 @@ TEST_F(AskTest, AnswersAreJudged) {
     }
 }
 
+// An identifier that the candidate lacks does not count.
+TEST_F(AskTest, ACandidateWithoutIdentifier) {
+    token_->AddObject({.id = "", .value = test_pki::MakeLeaf("CN=c", root_).der, .category = 1});
+    Load();
+    CertInfo chosen = FindLocal("CN=c")->get()->info;
+    chosen.id = "x";
+    EXPECT_EQ(Handle(Ask(kChosen + Encoded(chosen)).cert).Subject(), "CN=c");
+}
+
 TEST_F(AskTest, ShortAnswersThrow) {
     const std::string answer = kChosen + Encoded(b_->get()->info);
     for (std::size_t length = 0; length < answer.size(); ++length) {
@@ -179,6 +188,59 @@ TEST(CommandStreamTest, FieldsTravelUnchangedAndOnlyOneIsTrue) {
     CommandStreamIn two("\2");
     two.fields(flag);
     EXPECT_FALSE(flag);
+}
+
+template <typename Record>
+std::string Written(const Record& record) {
+    std::string bytes;
+    CommandStreamOut out(bytes);
+    sync(out, record);
+    return bytes;
+}
+
+// Fields whose order on the stream is not that of the record.
+TEST(CommandStreamTest, OrderOfTheFields) {
+    CertRequestInfo request;
+    request.keyAlg = 1;
+    request.keyBits = 2;
+    request.hashAlg = 3;
+    request.keyGenFlag = true;
+    request.subject = "s";
+    request.ipAddress = "i";
+    request.email = "e";
+    request.dnsName = "d";
+    request.upn = "u";
+    request.extKeyUsage = "x";
+    request.randomSeed = "r";
+    std::string expected = Number(1, 4) + Number(2, 4) + Number(3, 4);
+    for (const char* text : {"s", "i", "e", "d", "u", "x"}) expected += Counted(text);
+    EXPECT_EQ(Written(request), expected + "\1" + Counted("r"));
+
+    const CRLInfo crl{.id = "i",
+                      .issuer = "s",
+                      .thisUpdate = 1,
+                      .nextUpdate = 2,
+                      .signAlg = 3,
+                      .crlNumber = "n",
+                      .deltaCrlIndicator = "d"};
+    EXPECT_EQ(Written(crl),
+              Counted("i") + Counted("s") + Number(1, 8) + Number(2, 8) + Number(3, 4) + Counted("n") + Counted("d"));
+    EXPECT_EQ(Written(CertRequestKeyInfo{.keyAlg = 5}), Number(5, 4) + Number(0, 4) + Number(0, 4));
+
+    CertExtentions ext;
+    expected.clear();
+    for (std::string* text :
+         {&ext.md5, &ext.sha1, &ext.subjectAltName, &ext.issuerAltName, &ext.keyUsage, &ext.authorityKeyId,
+          &ext.subjectKeyIdHex, &ext.privateKeyUsagePeriod, &ext.certificatePolicies, &ext.policyMappings,
+          &ext.nameConstraints, &ext.policyConstraints, &ext.extKeyUsageNames, &ext.basicConstraints,
+          &ext.authorityInfoAccess, &ext.crlDistributionPoints}) {
+        *text = "text " + std::to_string(expected.size());
+        expected += Counted(*text);
+    }
+    ext.unknownExtensions = {{"1.2", "v"}};
+    ext.privateKeyUsageEnd = 7;
+    ext.firstUnknownCritical = "1.3";
+    EXPECT_EQ(Written(ext), expected + Number(1, 4) + Counted("1.2") + Counted("v") + Number(7, 8) + Counted("1.3"));
 }
 
 TEST(CommandStreamTest, ReadsFailAtTheEndAndKeepFailing) {

@@ -1,3 +1,5 @@
+#include <tuple>
+
 #include "token_state.h"
 
 namespace PKCS11 {
@@ -31,6 +33,10 @@ bool Manager::GetKeyPairGenMechanisms(const TokenInfo& token, std::vector<KeyPai
     if (state == nullptr) return false;
     const std::lock_guard lock(state->mutex);
     if (!state->present) return false;
+    if (state->key_generation) {
+        std::tie(mechanisms, digests) = *state->key_generation;
+        return true;
+    }
     for (const KeyPairGenMechanism& mechanism :
          {KeyPairGenMechanism{PKI_KEY_RSA, 1024, 4096}, KeyPairGenMechanism{PKI_KEY_DSA, 1024, 1024},
           KeyPairGenMechanism{PKI_KEY_EC, 256, 521}, KeyPairGenMechanism{PKI_KEY_ED25519, 256, 256}}) {

@@ -232,6 +232,7 @@ void PutKeyPart_unlocked_(State& token, const std::string& id, KeyPair pair) {
     if (found != token.keys.end() && found->second.spki == pair.spki) {
         pair.has_private |= found->second.has_private;
         pair.has_public |= found->second.has_public;
+        pair.exportable |= found->second.exportable;
         if (found->second.has_private) pair.key = found->second.key;
     }
     token.PutKey(id, std::move(pair));

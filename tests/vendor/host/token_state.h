@@ -36,6 +36,7 @@ struct Token::State {
     PKCS11::TokenInfo info;
     bool present = true;
     std::optional<std::set<pki_alg_t>> algorithms;
+    std::optional<std::pair<std::vector<PKCS11::KeyPairGenMechanism>, std::vector<pki_alg_t>>> key_generation;
     vpnfc::SecretString pin;
     vpnfc::SecretString security_officer_pin;
     unsigned open_sessions = 0;

@@ -241,6 +241,11 @@ void Token::SetAlgorithms(std::set<pki_alg_t> algorithms) {
     state_->algorithms = std::move(algorithms);
 }
 
+void Token::SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests) {
+    const std::lock_guard lock(state_->mutex);
+    state_->key_generation.emplace(std::move(mechanisms), std::move(digests));
+}
+
 void Token::RequireLogin(const std::string& pin) {
     const std::lock_guard lock(state_->mutex);
     state_->pin = vpnfc::SecretString(std::string_view(pin));

@@ -202,6 +202,8 @@ class Token {
     // Behaviour.
     /// What the token offers: key algorithms (RSASSA-PSS is 2), hash codes, or whole signature algorithms.
     void SetAlgorithms(std::set<pki_alg_t> algorithms);
+    /// Which key pairs and digests it says that it makes, in place of those it can.
+    void SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests);
     /// Private sessions need this PIN or a token that is logged in.
     void RequireLogin(const std::string& pin);
     void SetLoggedIn(bool logged_in);
