@@ -11,6 +11,7 @@
 #include "certmgr/certmgr.h"
 #include "certmgr/ike.h"
 #include "certmgr/x509cert.h"
+#include "platform/asn1/der.h"
 #include "tests/gost/examples.h"
 #include "tests/gost/hex.h"
 #include "tests/support/der.h"
@@ -42,7 +43,7 @@ const Algorithm kAlgorithms[] = {
     {"gost2012_256", PKI_KEY_GOST2012_256, PKI_HASH_GOST2012_256, "md_gost12_256", 512, CKM_GOSTR3410_KEY_PAIR_GEN,
      CKM_GOSTR3410, CKM_GOSTR3411_2012_256, "0 A B C XA XB TCA TCB TCC TCD"},
     {"gost2012_512", PKI_KEY_GOST2012_512, PKI_HASH_GOST2012_512, "md_gost12_512", 1024, CKM_GOSTR3410_512_KEY_PAIR_GEN,
-     CKM_GOSTR3410_512, CKM_GOSTR3411_2012_512, "A B C"},
+     CKM_GOSTR3410_512, CKM_GOSTR3411_2012_512, "A B C 1.2.643.7.1.2.1.2.0"},
 };
 
 const TLogIdent kIdent{};
@@ -117,7 +118,40 @@ CertRequestInfo Request(const Algorithm& alg) {
     return info;
 }
 
-TEST_F(GostEngine, CertificatesCrlsAndKeysOfEverySetAreUnderstood) {
+/// The to-be-signed part of a certificate, a CRL or a request.
+std::string ToBeSigned(const std::string& der) {
+    asn1::DerReader inside("");
+    asn1::Tlv body{};
+    EXPECT_TRUE(asn1::ReadWhole(der, asn1::kTagSequence, inside) && inside.Next(body));
+    return std::string(body.whole);
+}
+
+/// What openssl signed with a key, in files of these names.
+const struct {
+    const char* file;
+    const char* check;  // ends well when `made`, in its place, verifies
+} kSigned[] = {
+    {"certificate",
+     "openssl x509 -inform DER -in made -out made.pem; "
+     "openssl verify -engine gost -check_ss_sig -CAfile made.pem made.pem"},
+    {"crl",
+     "openssl crl -inform DER -in made -out made.pem; "
+     "openssl verify -engine gost -crl_check -CRLfile made.pem -CAfile root.pem root.pem"},
+    {"request", "openssl req -engine gost -inform DER -in made -verify -noout 2>&1 | grep 'verify OK'"},
+};
+
+void ExpectRequestRead(const Algorithm& alg, const std::string& der, const X509Cert& cert) {
+    CertRequestInfo request;
+    std::string key;
+    ASSERT_EQ(CertEngine_ReadP10CertReqInfo(der.data(), static_cast<unsigned>(der.size()), request, key), 0);
+    EXPECT_EQ(request.keyAlg, alg.key);
+    EXPECT_EQ(request.hashAlg, alg.hash);
+    EXPECT_EQ(request.keyBits, alg.bits);
+    EXPECT_EQ(key, cert.rawPubKey);
+}
+
+/// What openssl makes with a key verifies here; with a signature of the token in its place it verifies there.
+TEST_F(GostEngine, CertificatesCrlsRequestsAndKeysOfEverySetVerifyBothWays) {
     StartGost();
     const token_test::TestToken token = NewToken("gost");
     TokenSession session(token.info, TokenSession::kPrivate);
@@ -125,34 +159,49 @@ TEST_F(GostEngine, CertificatesCrlsAndKeysOfEverySetAreUnderstood) {
         std::istringstream sets(alg.sets);
         for (std::string set; sets >> set;) {
             SCOPED_TRACE(std::string(alg.name) + " " + set);
-            const std::string name = alg.name + set;
-            ASSERT_TRUE(Shell(
-                "export PKI_GOST_SET=" + set + "; pki_new $PWD; pki_root $PWD " + name + " " + alg.name +
-                "; pki_crl $PWD " + name + " " + alg.name + "; openssl pkcs8 -engine gost -topk8 -nocrypt -in " + name +
-                ".key -outform DER -out key.der; openssl pkey -engine gost -in " + name + ".key -pubout -out pub.pem"))
+            ASSERT_TRUE(Shell("export PKI_GOST_SET=" + set + " alg=" + alg.name + R"(
+                pki_new $PWD
+                pki_root $PWD root $alg
+                pki_crl $PWD root $alg
+                cp root.crl crl
+                openssl req -in root.csr -outform DER -out request
+                openssl x509 -in root.pem -outform DER -out certificate
+                openssl pkcs8 -engine gost -topk8 -nocrypt -in root.key -outform DER -out key.der
+                openssl pkey -engine gost -in root.key -pubout -out pub.pem)"))
                 << output_;
-            const CertRef cert = Cert(name + ".pem");
+            const CertRef cert = Cert("root.pem");
             EXPECT_EQ(cert->info.keyAlg, alg.key);
             EXPECT_EQ(cert->info.signAlg & PKI_ALG_MASK, alg.key | alg.hash);
             EXPECT_EQ(cert->info.keyBits, alg.bits);
             EXPECT_EQ(cert->CheckSignature(cert.get()), CM::kSignatureRight);
-            std::string der = cert->rawCert;
-            der[der.size() / 2] = static_cast<char>(der[der.size() / 2] ^ 4);
-            const CertRef damaged = CertRef::Adopt(new X509Cert(token.info, PKCS11::CertObject{.value = der}));
-            EXPECT_NE(damaged->CheckSignature(cert.get()), CM::kSignatureRight);
-            const CM::X509CRL crl(token.info, PKCS11::CRLObject{"", Read(name + ".crl")});
+            const CM::X509CRL crl(token.info, PKCS11::CRLObject{"", Read("crl")});
             EXPECT_EQ(crl.CheckSignature(cert.get()), CM::kSignatureRight);
+            ExpectRequestRead(alg, Read("request"), *cert);
 
-            ASSERT_TRUE(session.CreatePrivKeyObject(alg.key, name, Read("key.der"), true));
-            ASSERT_TRUE(session.CreatePubKeyObject(alg.key, name, cert->rawPubKey));
+            const std::string id = alg.name + set;
+            ASSERT_TRUE(session.CreatePrivKeyObject(alg.key, id, Read("key.der"), true));
+            ASSERT_TRUE(session.CreatePubKeyObject(alg.key, id, cert->rawPubKey));
             EXPECT_TRUE(session.ContainPubKeyObject(cert->rawPubKey));
-            std::string signature;
-            ASSERT_EQ(CM::X509Cert_Sign(session, name, alg.key, alg.hash, "what is signed", signature), 2);
-            EXPECT_TRUE(EngineVerifies(alg, "pub.pem", "what is signed", signature)) << output_;
-            EXPECT_FALSE(EngineVerifies(alg, "pub.pem", "something else", signature));
+            for (const auto& c : kSigned) {
+                SCOPED_TRACE(c.file);
+                const std::string der = Read(c.file);
+                const std::string body = ToBeSigned(der);
+                std::string signature = der.substr(der.size() - alg.bits / 8);
+                const auto check = [&](const std::string& data) {
+                    return CM::X509Cert_Verify(alg.key | alg.hash, cert->rawPubKey, data, signature);
+                };
+                EXPECT_EQ(check(body), CM::kSignatureRight);
+                EXPECT_EQ(check(body + "x"), CM::kSignatureWrong);
+                const std::string unsigned_part = der.substr(0, der.size() - signature.size());
+                ASSERT_EQ(CM::X509Cert_Sign(session, id, alg.key, alg.hash, body, signature), 2);
+                Write("made", unsigned_part + signature);
+                EXPECT_TRUE(Shell(c.check)) << output_;
+                Write("made", unsigned_part + Reversed(signature));
+                EXPECT_FALSE(Shell(c.check));
+            }
             // What the token gives back is the same key to the engine.
             std::string exported;
-            ASSERT_TRUE(session.ExportPrivateKey(name, exported));
+            ASSERT_TRUE(session.ExportPrivateKey(id, exported));
             Write("exported.der", exported);
             EXPECT_TRUE(Shell("openssl pkey -engine gost -inform DER -in exported.der -pubout | cmp - pub.pem"))
                 << output_;
@@ -228,7 +277,9 @@ TEST_F(GostEngine, PublishedExamplesPinTheFormsOfIke1) {
 
 /// Each mechanism in turn is missing: every function fails as documented, and no key is left behind.
 TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
-    ASSERT_TRUE(Shell("pki_new $PWD; for alg in gost2001 gost2012_256 gost2012_512; do pki_root $PWD $alg $alg; done"));
+    ASSERT_TRUE(
+        Shell("pki_new $PWD; for alg in gost2001 gost2012_256 gost2012_512; do pki_root $PWD $alg $alg; openssl pkcs8 "
+              "-engine gost -topk8 -nocrypt -in $alg.key -outform DER -out $alg.der; done"));
     int number = 0;
     for (const Algorithm& alg : kAlgorithms) {
         struct {
@@ -236,10 +287,11 @@ TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
             const char* request_error;
             CM::SignatureCheck check;
             bool listed;  // among the kinds of keys for requests, with its hash
+            const char* ike2_sign_error;  // empty: it signs
         } const cases[] = {
-            {alg.generate, "GenerateKeyPairError", CM::kSignatureRight, false},
-            {alg.digest, "MakeCertRequestDigestError", CM::kSignatureNoToken, false},
-            {alg.sign, "MakeCertRequestSignatureError", CM::kSignatureNoToken, true},
+            {alg.generate, "GenerateKeyPairError", CM::kSignatureRight, false, ""},
+            {alg.digest, "MakeCertRequestDigestError", CM::kSignatureNoToken, false, "Ike2Sign: can't form digest"},
+            {alg.sign, "MakeCertRequestSignatureError", CM::kSignatureNoToken, true, "Ike2Sign: can't form sign"},
         };
         for (const auto& c : cases) {
             SCOPED_TRACE(std::string(alg.name) + " " + c.request_error);
@@ -261,7 +313,22 @@ TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
             EXPECT_EQ(listed, c.listed);
             std::string signature(alg.bits / 8, 's');
             EXPECT_FALSE(CM::IkeVerify(cert.get(), std::string(alg.bits / 16, 'h'), signature, kIdent));
-            EXPECT_EQ(reports_.Count("Can't find tokens for ike verify") > 0, c.missing == alg.sign);
+            const bool signs = c.missing != alg.sign;
+            const bool signs_ike2 = *c.ike2_sign_error == 0;
+            {
+                TokenSession session(token.info, TokenSession::kPrivate);
+                ASSERT_TRUE(session.CreatePrivKeyObject(alg.key, "id", Read(std::string(alg.name) + ".der"), true));
+            }
+            const CertRef own = OwnCert(token.info, std::string(alg.name) + ".pem", "id");
+            const pki_alg_t sign_alg = alg.key | alg.hash;
+            EXPECT_EQ(CM::Ike2CheckHashAlg(own.get(), sign_alg), signs_ike2);
+            EXPECT_EQ(CM::IkeSign(own.get(), std::string(alg.bits / 16, 'h'), signature, kIdent), signs);
+            EXPECT_EQ(CM::Ike2Sign(own.get(), sign_alg, "octets", signature, kIdent), signs_ike2);
+            EXPECT_EQ(CM::Ike2Verify(own.get(), alg.key, "octets", signature, kIdent), signs_ike2);
+            EXPECT_EQ(reports_.Count("Can't find tokens for ike verify") > 0, !signs);
+            EXPECT_EQ(reports_.Count("Can't ike sign on token") > 0, !signs);
+            EXPECT_TRUE(signs_ike2 || reports_.Count(c.ike2_sign_error) > 0);
+            EXPECT_EQ(reports_.Count("No token to verify signature") > 0, !signs_ike2);
             reports_.Clear();
             tokens::Stop();
         }
