@@ -9,8 +9,6 @@
 namespace bench {
 namespace {
 
-using ikeauth::Time;
-
 /// One exchange. Adds the time that both sides spent in the module. How it ended for the initiator.
 ikeauth::Outcome Exchange(const ikeauth::ExchangeSettings& settings, std::chrono::nanoseconds& in_module) {
     static const ikeauth::Endpoints endpoints{"123456", "123456"};
@@ -18,12 +16,12 @@ ikeauth::Outcome Exchange(const ikeauth::ExchangeSettings& settings, std::chrono
     ikeauth::Server server(settings, {.on_ended = add}, false);
     ikeauth::Report report;
     ikeauth::Initiator initiator(settings, endpoints, report);
-    initiator.Start(Time{});
+    initiator.Start();
     while (!initiator.finished()) {
-        for (const std::string& datagram : initiator.TakeOutgoing()) server.Receive("", endpoints, datagram, Time{});
+        for (const std::string& datagram : initiator.TakeOutgoing()) server.Receive("", endpoints, datagram);
         const std::vector<ikeauth::Packet> answers = server.TakeOutgoing();
         if (answers.empty()) return {};
-        for (const ikeauth::Packet& packet : answers) initiator.Receive(packet.datagram, Time{});
+        for (const ikeauth::Packet& packet : answers) initiator.Receive(packet.datagram);
     }
     in_module += initiator.module_time();
     return initiator.outcome().value_or(ikeauth::Outcome{});

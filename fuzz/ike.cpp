@@ -52,16 +52,16 @@ void RequireStablePayload(const Payload& payload) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
     Message message;
-    std::string error;
-    const bool read = ParseMessage(input, message, error);
-    if (read != error.empty()) fuzz::Require("an error without a text, or the reverse");
+    Flaw flaw;
+    const bool read = ParseMessage(input, message, flaw);
+    if (read != flaw.text.empty()) fuzz::Require("an error without a text, or the reverse");
     DescribePayloads(message.payloads);
     for (const Payload& payload : message.payloads) RequireStablePayload(payload);
     if (!read) return 0;
 
     const std::string written = EncodeMessage(message);
     Message again;
-    if (!ParseMessage(written, again, error)) fuzz::Require("a written message cannot be read: " + error);
+    if (!ParseMessage(written, again, flaw)) fuzz::Require("a written message cannot be read: " + flaw.text);
     if (EncodeMessage(again) != written || written.size() != input.size()) fuzz::Require("a message changes");
     return 0;
 }

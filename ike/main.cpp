@@ -230,7 +230,11 @@ void AddRespond(CLI::App& app, ikeauth::RespondOptions& options, unsigned& secon
     respond->add_option("--port", options.port, "UDP port, 0 for a free one; default 500")
         ->check(CLI::Range(0, 65535))
         ->option_text("N");
-    respond->add_option("--count", options.count, "End after that many exchanges, with the last one's code")
+    respond->add_option("--nat-port", options.nat_port, "Second UDP port; default 4500 when the port is 500, else none")
+        ->check(CLI::Range(1, 65535))
+        ->option_text("N");
+    respond
+        ->add_option("--count", options.count, "End after that many exchanges that got to IKE_AUTH, with the last code")
         ->option_text("N");
     respond->add_flag("--cookies", options.cookies, "Ask every initiator for a cookie");
     respond->add_flag("-q,--quiet", options.quiet, "One line for each exchange");

@@ -1,5 +1,7 @@
 #include "ike/probe.h"
 
+#include <cerrno>
+#include <cstring>
 #include <iostream>
 
 #include "ike/exchange.h"
@@ -11,8 +13,6 @@
 namespace ikeauth {
 namespace {
 
-using std::chrono::steady_clock;
-
 /// One initiator on its socket.
 class Probe {
   public:
@@ -23,14 +23,15 @@ class Probe {
                Address::Resolve(options_.host, options_.port, peer_, error) && Reconnect(error);
     }
     Outcome Run() {
-        report_.Start(steady_clock::now());
+        report_.Start();
         Initiator initiator(options_.wire.settings, endpoints_, report_);
-        initiator.Start(steady_clock::now());
+        initiator.Start();
         while (!initiator.finished()) {
             SendAll(initiator);
-            socket_.Wait(initiator.wake());
+            if (initiator.finished()) break;
+            UdpSocket::Wait({&socket_}, initiator.wake());
             ReceiveAll(initiator);
-            initiator.Tick(steady_clock::now());
+            initiator.Tick();
         }
         SendAll(initiator);
         capture_.AddKeys(initiator);
@@ -48,23 +49,35 @@ class Probe {
     }
     bool marked() const { return peer_.port() != kIkePort && socket_.local().port() != kIkePort; }
 
-    void SendAll(Association& association) {
-        for (const std::string& datagram : association.TakeOutgoing()) {
+    void SendAll(Initiator& initiator) {
+        for (const std::string& datagram : initiator.TakeOutgoing()) {
             capture_.Add(socket_.local(), peer_, marked(), datagram);
-            socket_.Send(peer_, marked(), datagram);
+            if (socket_.Send({}, peer_, marked(), datagram)) continue;
+            const int code = errno;
+            report_.Add("failed", "to send: " + std::string(std::strerror(code)));
+            NoteFailure(initiator, code);
         }
     }
     void ReceiveAll(Initiator& initiator) {
         Received received;
-        ReceiveResult result = ReceiveResult::kDatagram;
-        for (unsigned i = 0; i < kBurst && result == ReceiveResult::kDatagram; ++i) {
-            result = socket_.Receive(received);
-            if (result != ReceiveResult::kDatagram) break;
+        for (unsigned i = 0; i < kBurst; ++i) {
+            const ReceiveResult result = socket_.Receive(received);
+            if (result == ReceiveResult::kRefused) return NoteFailure(initiator, errno);
+            if (result == ReceiveResult::kNothing) return;
             capture_.Add(peer_, socket_.local(), received.marked, received.datagram);
-            initiator.Receive(received.datagram, steady_clock::now());
+            initiator.Receive(received.datagram);
             if (initiator.nat_detected() && peer_.port() == kIkePort) return GoToNatPort();
         }
-        if (result == ReceiveResult::kRefused) initiator.Unreachable(steady_clock::now());
+    }
+    /// What passes by itself is left to the repetition.
+    static void NoteFailure(Initiator& initiator, int code) {
+        if (code == ECONNREFUSED) {
+            initiator.Unreachable("nobody listens at that port", {});
+        } else if (code == ENETUNREACH || code == EHOSTUNREACH || code == EADDRNOTAVAIL) {
+            initiator.Unreachable(std::strerror(code), "check the routes of this host and the address of the peer");
+        } else if (code == EACCES || code == EPERM) {
+            initiator.Unreachable(std::strerror(code), "check the firewall of this host: it keeps the datagrams back");
+        }
     }
     void GoToNatPort() {
         std::string error;

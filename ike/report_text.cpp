@@ -39,7 +39,7 @@ std::string LogText(const eventlog::Record& record) {
 std::string OutcomeText(const Outcome& outcome) {
     const EndingInfo& info = Info(outcome.ending);
     return "verdict: " + std::string(info.name) + " (stage " + std::string(info.stage) + "): " + outcome.reason +
-           "\nadvice:  " + std::string(info.advice) + "\n";
+           "\nadvice:  " + std::string(Advice(outcome)) + "\n";
 }
 
 nlohmann::json ToJson(const Outcome& outcome, const Report& report) {
@@ -52,7 +52,7 @@ nlohmann::json ToJson(const Outcome& outcome, const Report& report) {
             {"verdict", info.name},
             {"stage", info.stage},
             {"reason", outcome.reason},
-            {"advice", info.advice},
+            {"advice", Advice(outcome)},
             {"exit_code", info.exit_code},
             {"authenticated", info.exit_code == 0}};
 }

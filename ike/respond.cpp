@@ -1,7 +1,11 @@
 #include "ike/respond.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <iostream>
+#include <vector>
 
 #include "ike/exchange.h"
 #include "ike/host.h"
@@ -28,7 +32,27 @@ void CatchSignals() {
     sigaction(SIGINT, &action, nullptr);
 }
 
-/// A server on its socket.
+/// How a datagram came and how to answer it, as the server keeps it.
+struct Route {
+    Address from;
+    Address to;
+    std::uint8_t socket = 0;
+    bool marked = false;
+
+    Route(const Address& peer, const Address& own, std::uint8_t index, bool has_marker)
+        : from(peer), to(own), socket(index), marked(has_marker) {}
+    explicit Route(const std::string& bytes) {
+        socket = static_cast<std::uint8_t>(bytes[0]);
+        marked = bytes[1] != '\0';
+        from = Address(std::string_view(bytes).substr(2, bytes.size() / 2 - 1));
+        to = Address(std::string_view(bytes).substr(bytes.size() / 2 + 1));
+    }
+    std::string Bytes() const {
+        return std::string{static_cast<char>(socket), marked ? '\1' : '\0'} + from.Raw() + to.Raw();
+    }
+};
+
+/// A server on its sockets.
 class Listening {
   public:
     explicit Listening(const RespondOptions& options)
@@ -40,17 +64,24 @@ class Listening {
 
     bool Open(std::string& error) {
         Address local;
-        return OpenCapture(options_.wire, capture_, error) &&
-               Address::Resolve(options_.listen, options_.port, local, error) && socket_.Bind(local, error);
+        if (!OpenCapture(options_.wire, capture_, error) ||
+            !Address::Resolve(options_.listen, options_.port, local, error) || !sockets_[0].Bind(local, error)) {
+            return false;
+        }
+        const std::uint16_t automatic = options_.port == kIkePort ? kNatPort : std::uint16_t{0};
+        local.set_port(options_.nat_port != 0 ? options_.nat_port : automatic);
+        return local.port() == 0 || sockets_.emplace_back().Bind(local, error);
     }
     int Run() {
-        std::cout << "ikeauth listens on " << socket_.local().text()
+        std::cout << "ikeauth listens on " << sockets_[0].local().text()
+                  << (sockets_.size() > 1 ? " and port " + std::to_string(sockets_[1].local().port()) : "")
                   << ". It authenticates peers and carries no traffic." << std::endl;
         while (stop_requested == 0 && !IsDone()) {
-            ReceiveSome();
-            server_.Tick(steady_clock::now());
+            more_ = false;
+            for (std::uint8_t i = 0; i < sockets_.size(); ++i) ReceiveSome(i);
+            server_.Tick();
             SendAll();
-            if (!more_) socket_.Wait(Wake());
+            if (!more_) WaitForMore();
         }
         return options_.count == 0 ? 0 : Info(last_).exit_code;
     }
@@ -67,40 +98,34 @@ class Listening {
 
     /// After the last exchange its SA is still taken down in order.
     bool IsDone() const { return options_.count != 0 && ended_ >= options_.count && server_.size() == 0; }
-    Time Wake() const {
+    void WaitForMore() const {
         const Time latest = steady_clock::now() + kLongestWait;
-        return std::min(server_.wake().value_or(latest), latest);
+        std::vector<const UdpSocket*> sockets;
+        for (const UdpSocket& socket : sockets_) sockets.push_back(&socket);
+        UdpSocket::Wait(sockets, std::min(server_.wake().value_or(latest), latest));
     }
-    void ReceiveSome() {
-        Received received;
-        more_ = true;
+    void ReceiveSome(std::uint8_t index) {
         for (unsigned i = 0; i < kBurst; ++i) {
-            const ReceiveResult result = socket_.Receive(received);
-            if (result == ReceiveResult::kNothing) {
-                more_ = false;
-                return;
-            }
-            if (result == ReceiveResult::kDatagram) Take(received);
+            Received received;
+            const ReceiveResult result = sockets_[index].Receive(received);
+            if (result == ReceiveResult::kNothing) return;
+            if (result == ReceiveResult::kDatagram) Take(index, received);
         }
+        more_ = true;
     }
-    void Take(const Received& received) {
-        capture_.Add(received.from, socket_.local(), received.marked, received.datagram);
-        const Endpoints endpoints{.local = socket_.local().bytes(), .remote = received.from.bytes()};
-        server_.Receive(PeerKey(received), endpoints, received.datagram, steady_clock::now());
+    void Take(std::uint8_t index, const Received& received) {
+        capture_.Add(received.from, received.to, received.marked, received.datagram);
+        const Endpoints endpoints{.local = received.to.bytes(), .remote = received.from.bytes()};
+        server_.Receive(Route{received.from, received.to, index, received.marked}.Bytes(), endpoints,
+                        received.datagram);
         SendAll();
-    }
-    /// The address as the socket takes it, and how to answer.
-    static std::string PeerKey(const Received& received) {
-        return std::string(reinterpret_cast<const char*>(received.from.get()), received.from.size()) +
-               (received.marked ? '\1' : '\0');
     }
     void SendAll() {
         for (const Packet& packet : server_.TakeOutgoing()) {
-            Address to;
-            std::copy_n(packet.peer.data(), packet.peer.size() - 1, reinterpret_cast<char*>(to.get()));
-            const bool marked = packet.peer.back() != '\0';
-            capture_.Add(socket_.local(), to, marked, packet.datagram);
-            socket_.Send(to, marked, packet.datagram);
+            const Route route(packet.peer);
+            capture_.Add(route.to, route.from, route.marked, packet.datagram);
+            if (sockets_[route.socket].Send(route.to, route.from, route.marked, packet.datagram)) continue;
+            std::cerr << "ikeauth: " << route.from.text() << ": " << std::strerror(errno) << "\n";
         }
     }
     void Show(std::uint64_t spi, const Step& step) const {
@@ -110,7 +135,7 @@ class Listening {
     void ShowEnd(const Responder& association, const Report& report) {
         const Outcome& outcome = *association.outcome();
         last_ = outcome.ending;
-        ++ended_;
+        if (association.peer_has_keys()) ++ended_;
         capture_.AddKeys(association);
         if (options_.wire.json) {
             std::cout << ToJson(outcome, report).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
@@ -124,7 +149,7 @@ class Listening {
 
     const RespondOptions& options_;
     Capture capture_;
-    UdpSocket socket_;
+    std::vector<UdpSocket> sockets_ = std::vector<UdpSocket>(1);
     Server server_;
     unsigned ended_ = 0;
     Ending last_ = Ending::kSilent;

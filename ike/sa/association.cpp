@@ -11,7 +11,10 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFirstInterval{500};  // doubled at each repetition
-constexpr std::size_t kIpAndUdpBytes = 28;
+constexpr std::size_t kUdpBytes = 8;
+constexpr std::size_t kIp4Bytes = 20;
+constexpr std::size_t kIp6Bytes = 40;
+constexpr std::size_t kIp6EndpointBytes = 18;  // with its port
 constexpr std::size_t kMarkerBytes = 4;
 
 std::size_t TotalBytes(const std::vector<std::string>& datagrams) {
@@ -105,11 +108,12 @@ std::vector<std::string> Association::TakeOutgoing() {
 
 void Association::Await(std::uint8_t exchange, std::uint32_t message_id, std::vector<std::string> datagrams) {
     Send(datagrams);
+    const Time now = settings_.clock();  // what came before, a slow token's signature say, is not the peer's time
     pending_ = Pending{.datagrams = std::move(datagrams),
                        .message_id = message_id,
                        .exchange = exchange,
-                       .next = now_ + kFirstInterval,
-                       .deadline = now_ + limit_,
+                       .next = now + kFirstInterval,
+                       .deadline = now + limit_,
                        .interval = kFirstInterval,
                        .sent = 1};
 }
@@ -146,6 +150,32 @@ std::string Association::SealOne(Header header, std::uint8_t first, const std::s
     return Protect(DirectionOf(initiator_), sealed_++, plain, message) ? message : std::string();
 }
 
+/// What IP and UDP leave of a datagram.
+std::size_t Association::Room() const {
+    const std::size_t ip = endpoints_.local.size() == kIp6EndpointBytes ? kIp6Bytes : kIp4Bytes;
+    return settings_.fragment_bytes - ip - kUdpBytes - kMarkerBytes;
+}
+
+std::size_t Association::PieceBytes() const {
+    constexpr std::size_t kBlock = 16;  // padding may fill one
+    return Room() - kHeaderBytes - kPayloadHeaderBytes - kFragmentNumberBytes - ProtectedBytes(suite_, 0) - kBlock;
+}
+
+bool Association::Fits(const Payloads& payloads, std::string& why) const {
+    constexpr std::size_t kAround = 256;  // headers, vector, padding, check value: more than they need
+    const std::size_t most =
+        peer_fragments_ ? std::min(kMaxInnerBytes, kMaxFragments * PieceBytes()) : kMaxDatagramBytes - kAround;
+    std::size_t bytes = 0;
+    for (const Payload& payload : payloads) {
+        bytes += kPayloadHeaderBytes + payload.body.size();
+        if (payload.body.size() > kMaxBodyBytes) bytes += kMaxInnerBytes;
+    }
+    if (bytes <= most) return true;
+    why = "the message would have more than " + std::to_string(most) + " bytes, which " +
+          (peer_fragments_ ? "fragments of this size do not carry" : "the peer, without fragments, cannot get");
+    return false;
+}
+
 std::vector<std::string> Association::Seal(std::uint8_t exchange, bool response, std::uint32_t id,
                                            const Payloads& payloads) {
     const Header header{
@@ -156,14 +186,10 @@ std::vector<std::string> Association::Seal(std::uint8_t exchange, bool response,
         .message_id = id};
     const std::string plain = EncodePayloads(payloads);
     const std::uint8_t first = payloads.empty() ? static_cast<std::uint8_t>(kNoPayload) : payloads.front().type;
-    const std::size_t room = settings_.fragment_bytes - kIpAndUdpBytes - kMarkerBytes;
-    std::string whole = SealOne(header, first, plain, nullptr);
-    if (!peer_fragments_ || whole.size() <= room) return {std::move(whole)};
+    const std::size_t whole = kHeaderBytes + kPayloadHeaderBytes + ProtectedBytes(suite_, plain.size());
+    if (!peer_fragments_ || whole <= Room()) return {SealOne(header, first, plain, nullptr)};
 
-    constexpr std::size_t kBlock = 16;  // padding may fill one
-    const std::size_t around =
-        kHeaderBytes + kPayloadHeaderBytes + kFragmentNumberBytes + ProtectedBytes(suite_, 0) + kBlock;
-    const std::size_t piece = room - around;
+    const std::size_t piece = PieceBytes();
     const auto count = static_cast<std::uint16_t>((plain.size() + piece - 1) / piece);
     std::vector<std::string> datagrams;
     for (std::uint16_t i = 0; i < count; ++i) {
@@ -198,14 +224,16 @@ void Association::OnStranger(const std::string& why) {
     report_.Add("ignored", why);
 }
 
-void Association::Receive(std::string_view datagram, Time now) {
-    now_ = now;
-    report_.SetTime(now);
+void Association::OnMalformedInit(const Flaw& flaw) {
+    report_.Add("ignored", "malformed IKE_SA_INIT: " + flaw.text);
+}
+
+void Association::Receive(std::string_view datagram) {
     if (finished_) return;
     Header header;
     std::uint8_t first = 0;
-    std::string error;
-    if (!ParseHeader(datagram, header, first, error)) return OnStranger("not an IKE message: " + error);
+    Flaw flaw;
+    if (!ParseHeader(datagram, header, first, flaw)) return OnStranger("not an IKE message: " + flaw.text);
     if (header.version >> 4U != kVersion2 >> 4U) {
         return OnStranger("a message of IKE version " + std::to_string(header.version >> 4U));
     }
@@ -213,8 +241,9 @@ void Association::Receive(std::string_view datagram, Time now) {
                       (responder_spi_ == 0 || header.responder_spi == responder_spi_ || header.exchange == kSaInit);
     if (!ours) return OnStranger("a message of another SA");
     if (header.exchange != kSaInit) return ReceiveProtected(header, datagram);
+    if (header.message_id != 0) return OnStranger("IKE_SA_INIT of number " + std::to_string(header.message_id));
     Message message;
-    if (!ParseMessage(datagram, message, error)) return OnStranger("malformed IKE_SA_INIT: " + error);
+    if (!ParseMessage(datagram, message, flaw)) return OnMalformedInit(flaw);
     if (answered_ && !header.is_response()) {  // the initiator has not seen our answer
         // With its bare SPI, as it came at first: one that names ours too may come from anybody who saw it.
         if (answered_->message_id == 0 && header.responder_spi == 0) Send(answered_->datagrams);
@@ -225,8 +254,8 @@ void Association::Receive(std::string_view datagram, Time now) {
 
 std::optional<Association::Unsealed> Association::Unseal(std::string_view datagram) {
     Message outer;
-    std::string error;
-    if (!ParseMessage(datagram, outer, error) || outer.payloads.empty()) return std::nullopt;
+    Flaw flaw;
+    if (!ParseMessage(datagram, outer, flaw) || outer.payloads.empty()) return std::nullopt;
     const Payload& sealed = outer.payloads.back();
     const bool fragment = sealed.type == kPayloadSkf;
     if (!fragment && sealed.type != kPayloadSk) return std::nullopt;
@@ -239,6 +268,7 @@ std::optional<Association::Unsealed> Association::Unseal(std::string_view datagr
         report_.Add("ignored", "a message whose check value is wrong");
         return std::nullopt;
     }
+    peer_has_keys_ = true;
     inside.first = sealed.next;
     return inside;
 }
@@ -252,10 +282,24 @@ bool Association::Open(const Header& header, std::string_view datagram, Message&
         return false;
     }
     message.header = header;
-    std::string error;
-    if (ParsePayloads(first, plain, message.payloads, error)) return true;
-    report_.Add("ignored", "a protected message that is malformed: " + error);
+    Flaw flaw;
+    if (ParsePayloads(first, plain, message.payloads, flaw)) return true;
+    EndMalformed(header, flaw);
     return false;
+}
+
+/// The peer itself sent it, the check value is right: the SA ends with it (RFC 7296, 2.21.2 and 2.21.3).
+void Association::EndMalformed(const Header& header, const Flaw& flaw) {
+    report_.Add("received", "a malformed message: " + flaw.text);
+    if (!header.is_response()) Respond({.header = header, .payloads = {}}, {MakeNotify(flaw.notify, flaw.data)});
+    Conclude(Ending::kMalformed, "a message of the peer is malformed: " + flaw.text);
+    Finish();
+}
+
+/// Before anything else is done for it: the next request, or the answer to ours.
+bool Association::IsAwaited(const Header& header) const {
+    if (!header.is_response()) return header.message_id == expected_request_;
+    return pending_ && header.message_id == pending_->message_id && header.exchange == pending_->exchange;
 }
 
 void Association::ReceiveProtected(const Header& header, std::string_view datagram) {
@@ -267,24 +311,18 @@ void Association::ReceiveProtected(const Header& header, std::string_view datagr
         return;
     }
     Message message;
-    if (!Open(header, datagram, message)) return;
-    Dispatch(message);
+    if (IsAwaited(header) && Open(header, datagram, message)) Dispatch(message);
 }
 
 void Association::Dispatch(const Message& message) {
     const Header& header = message.header;
-    if (!header.is_response()) {
-        if (header.message_id != expected_request_) return;
-        report_.Add("received", DescribeMessage(header, EncodePayloads(message.payloads).size(), message.payloads));
-        return OnRequest(message);
-    }
-    if (!pending_ || header.message_id != pending_->message_id || header.exchange != pending_->exchange) return;
     report_.Add("received", DescribeMessage(header, EncodePayloads(message.payloads).size(), message.payloads));
+    if (!header.is_response()) return OnRequest(message);
     pending_.reset();
     OnResponse(message);
 }
 
-bool Association::RespondAfterwards(const Message& request) {
+bool Association::RespondAfterwards(const Message& request, const Payloads& payloads) {
     if (request.header.exchange == kCreateChild) {
         Respond(request, {MakeNotify(kNoAdditionalSas)});
         return false;
@@ -295,16 +333,15 @@ bool Association::RespondAfterwards(const Message& request) {
         closes =
             closes || (payload.type == kPayloadDelete && Decode(payload.body, data) && data.protocol == kProtocolIke);
     }
-    Respond(request, {});
+    Respond(request, payloads);
     return closes;
 }
 
 // --- Time ---
 
-void Association::Tick(Time now) {
-    now_ = now;
-    report_.SetTime(now);
+void Association::Tick() {
     if (finished_) return;
+    const Time now = settings_.clock();
     if (timer_ && now >= *timer_) {
         timer_.reset();
         OnTimer();
@@ -322,7 +359,7 @@ void Association::Repeat() {
                             " again, time " + std::to_string(++pending_->sent));
     Send(pending_->datagrams);
     pending_->interval *= 2;
-    pending_->next = now_ + pending_->interval;
+    pending_->next = settings_.clock() + pending_->interval;
 }
 
 std::optional<Time> Association::wake() const {

@@ -1,6 +1,6 @@
 // An IKE SA, what initiator and responder have in common: message numbers, protection, fragments, retransmission.
 //
-// Pure: bytes in, bytes out, time passed in. Nothing here waits or opens a socket. Used by one thread.
+// Bytes in, bytes out; the time is that of the settings' clock. Nothing here waits or opens a socket. Used by one thread.
 #pragma once
 
 #include <cstdint>
@@ -29,9 +29,9 @@ class Association {
     Association& operator=(const Association&) = delete;
 
     /// A datagram of the peer, without marker.
-    void Receive(std::string_view datagram, Time now);
+    void Receive(std::string_view datagram);
     /// To be called at wake().
-    void Tick(Time now);
+    void Tick();
     std::optional<Time> wake() const;
     /// Datagrams to send now.
     std::vector<std::string> TakeOutgoing();
@@ -41,6 +41,8 @@ class Association {
     bool finished() const { return finished_; }
     /// There when the verdict on both sides has fallen.
     const std::optional<Outcome>& outcome() const { return outcome_; }
+    /// A message with a right check value came: the peer is who did the key exchange.
+    bool peer_has_keys() const { return peer_has_keys_; }
     bool nat_detected() const { return nat_detected_; }
     const std::string& peer_name() const { return authenticator_.peer_name(); }
     const std::string& own_name() const { return authenticator_.own_name(); }
@@ -63,6 +65,8 @@ class Association {
     virtual void OnTimer() = 0;
     /// A datagram that is no message of this SA.
     virtual void OnStranger(const std::string& why);
+    /// An IKE_SA_INIT message of this SA that cannot be read. Anybody may have sent it.
+    virtual void OnMalformedInit(const Flaw& flaw);
 
     // Of IKE_SA_INIT, for both sides.
     void AddInitNotifies(Payloads& out) const;
@@ -73,18 +77,20 @@ class Association {
     void SendPlainRequest(const Message& message);
     void Request(std::uint8_t exchange, const Payloads& payloads);
     void Respond(const Message& request, const Payloads& payloads);
+    /// Whether a protected message of these payloads can be sent; else `why`.
+    bool Fits(const Payloads& payloads, std::string& why) const;
     void SendPlainResponse(const Message& message);
-    void StartTimer(std::chrono::milliseconds delay) { timer_ = now_ + delay; }
+    void StartTimer(std::chrono::milliseconds delay) { timer_ = settings_.clock() + delay; }
     void StopWaiting() { pending_.reset(); }
     bool waiting() const { return pending_.has_value(); }
+    /// How often the request that waits for its answer was sent.
+    unsigned times_sent() const { return pending_ ? pending_->sent : 0; }
     /// Answers requests that come after authentication. True when the peer closes the SA.
-    bool RespondAfterwards(const Message& request);
+    bool RespondAfterwards(const Message& request, const Payloads& payloads = {});
 
     void Conclude(Ending ending, std::string reason);
     void Conclude(Outcome outcome);
     void Finish() { finished_ = true; }
-    bool is_initiator() const { return initiator_; }
-    Time now() const { return now_; }
 
     const ExchangeSettings& settings_;
     Report& report_;
@@ -126,13 +132,18 @@ class Association {
     void ReceiveProtected(const Header& header, std::string_view datagram);
     std::optional<Unsealed> Unseal(std::string_view datagram);
     bool Open(const Header& header, std::string_view datagram, Message& message);
+    bool IsAwaited(const Header& header) const;
     void Dispatch(const Message& message);
+    void EndMalformed(const Header& header, const Flaw& flaw);
+    std::size_t Room() const;
+    std::size_t PieceBytes() const;
     std::string NatHash(const std::string& endpoint) const;
 
     const Endpoints& endpoints_;
     const bool initiator_;
     std::optional<SessionKeys> keys_;
     bool peer_fragments_ = false;
+    bool peer_has_keys_ = false;
     bool nat_detected_ = false;
     bool finished_ = false;
     std::optional<Outcome> outcome_;
@@ -144,7 +155,6 @@ class Association {
     std::uint32_t expected_request_ = 0;  // the peer's
     std::uint64_t sealed_ = 0;
     std::vector<std::string> outgoing_;
-    Time now_{};
 };
 
 inline constexpr std::size_t kNonceBytes = 32;  // of ours

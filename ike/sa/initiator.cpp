@@ -10,6 +10,7 @@ namespace {
 
 constexpr unsigned kMaxRetries = 5;  // cookies and groups that a peer may ask for
 constexpr std::chrono::milliseconds kFarewellLimit{2000};
+constexpr const char* kAsksForEver = "the peer asks for another cookie or group for ever";
 
 }  // namespace
 
@@ -18,9 +19,7 @@ Initiator::Initiator(const ExchangeSettings& settings, const Endpoints& endpoint
     context_.initiator_nonce = RandomBytes(kNonceBytes);
 }
 
-void Initiator::Start(Time now) {
-    report_.SetTime(now);
-    Tick(now);
+void Initiator::Start() {
     const Algorithm* group = FirstGroup(settings_.offer);
     key_exchange_ = group != nullptr ? KeyExchange::Make(*group) : nullptr;
     if (!key_exchange_) throw std::runtime_error("no key of the first proposed group can be made");
@@ -47,9 +46,11 @@ void Initiator::End(Ending ending, std::string reason) {
     Finish();
 }
 
-void Initiator::Unreachable(Time now) {
-    Tick(now);
-    if (state_ == State::kInit && !outcome()) return End(Ending::kUnreachable, "nobody listens at that port");
+void Initiator::Unreachable(const std::string& why, std::string_view advice) {
+    unreachable_ = why;
+    if (state_ != State::kInit || outcome()) return;  // an answer came before: there may be one again
+    Conclude({.ending = Ending::kUnreachable, .reason = why, .advice = advice});
+    Finish();
 }
 
 void Initiator::OnStranger(const std::string& why) {
@@ -57,24 +58,54 @@ void Initiator::OnStranger(const std::string& why) {
     if (state_ == State::kInit) garbage_ = why;
 }
 
+void Initiator::OnMalformedInit(const Flaw& flaw) {
+    Association::OnMalformedInit(flaw);
+    malformed_ = flaw.text;
+}
+
+Outcome Initiator::SilentAuth() const {
+    Outcome outcome{.ending = Ending::kAuthSilent, .reason = "no answer to IKE_AUTH within the time-out"};
+    if (unreachable_.empty()) return outcome;
+    outcome.reason += ": " + unreachable_;
+    if (nat_detected()) outcome.advice = "let UDP port 4500 through to the peer, or name its port with --nat-port";
+    return outcome;
+}
+
 void Initiator::OnSilence() {
     if (state_ == State::kInit) {
+        if (!malformed_.empty())
+            return End(Ending::kMalformed, "the answer to IKE_SA_INIT is malformed: " + malformed_);
+        if (asked_again_ > 1) return End(Ending::kInitInvalid, kAsksForEver);
         if (!garbage_.empty()) return End(Ending::kGarbage, "what came is no answer: " + garbage_);
         return End(Ending::kSilent, "no answer to IKE_SA_INIT within the time-out");
     }
-    if (state_ == State::kAuth) return End(Ending::kAuthSilent, "no answer to IKE_AUTH within the time-out");
+    if (state_ == State::kAuth) Conclude(SilentAuth());
     Finish();
 }
 
 // --- The answer to IKE_SA_INIT ---
 
+/// An answer to a request that was replaced since. Each sending of that may have brought one, and the network may have
+/// doubled it: who began anew for each would authenticate a request that the peer did not go on with.
+bool Initiator::IsStale(std::uint16_t type, std::string_view datagram) {
+    if (type != retry_type_ || (stale_answers_ == 0 && datagram != retry_datagram_)) return false;
+    report_.Add("ignored", "an answer to a request that was replaced");
+    if (stale_answers_ == 0) ++asked_again_;
+    if (stale_answers_ != 0) --stale_answers_;
+    return true;
+}
+
 /// The peer may want a cookie back, or another group.
-bool Initiator::Retry(const Payloads& payloads) {
+bool Initiator::Retry(const Payloads& payloads, std::string_view datagram) {
     Notify notify;
     const bool cookie = FindNotify(payloads, kCookie, notify);
     if (!cookie && !FindNotify(payloads, kInvalidKePayload, notify)) return false;
+    if (IsStale(notify.type, datagram)) return true;
+    retry_type_ = notify.type;
+    retry_datagram_ = datagram;
+    stale_answers_ = times_sent() - 1;
     if (++retries_ > kMaxRetries) {
-        End(Ending::kInitInvalid, "the peer asks for another cookie or group for ever");
+        End(Ending::kInitInvalid, kAsksForEver);
     } else if (cookie) {
         cookie_ = notify.data;
         SendInit();
@@ -136,7 +167,7 @@ bool Initiator::AcceptInit(const Message& message, std::string& why) {
 void Initiator::OnInit(const Message& message, std::string_view datagram) {
     if (state_ != State::kInit || !message.header.is_response() || !waiting()) return;
     report_.Add("received", DescribeMessage(message.header, datagram.size(), message.payloads));
-    if (Retry(message.payloads) || RefusedInit(message.payloads)) return;
+    if (Retry(message.payloads, datagram) || RefusedInit(message.payloads)) return;
     std::string why;
     if (!AcceptInit(message, why)) return End(Ending::kInitInvalid, why);
     StopWaiting();
@@ -171,6 +202,8 @@ void Initiator::SendAuth() {
         payloads.push_back(MakePayload(kPayloadIdr, ToWire(wanted.front())));
     }
     if (!childless_) AddChild(payloads);
+    std::string why;
+    if (!Fits(payloads, why)) return End(Ending::kCannotSign, why);
     Request(kAuth, payloads);
 }
 
@@ -231,9 +264,11 @@ void Initiator::OnResponse(const Message& message) {
     NextFarewell();
 }
 
+/// Also when the peer closes the SA, our own farewell waits for its answer: the peer may not have got ours.
 void Initiator::OnRequest(const Message& message) {
-    const bool closed = RespondAfterwards(message);
-    if (closed && state_ == State::kFarewell) Finish();
+    if (state_ != State::kFarewell) return;  // the peer has not authenticated: it asks again
+    const bool refused = outcome()->ending != Ending::kAuthenticated;
+    RespondAfterwards(message, refused ? Payloads{MakeNotify(kAuthenticationFailed)} : Payloads{});
 }
 
 }  // namespace ikeauth

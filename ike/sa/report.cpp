@@ -18,6 +18,8 @@ const std::vector<EndingInfo>& Endings() {
          "look into the peer's log for the reason, at the time of this exchange"},
         {Ending::kInitInvalid, "init-invalid", "negotiate", 12,
          "the peer breaks the protocol: look for a newer version of it, and report the exchange with --pcap"},
+        {Ending::kMalformed, "malformed", "negotiate", 12,
+         "the peer speaks IKEv2 but its message cannot be read: report it to its maker with --pcap"},
         {Ending::kNoCertificate, "no-certificate", "choose", 13,
          "see the log lines above: each certificate of the rule is listed with what it lacks"},
         {Ending::kNoPresharedKey, "no-preshared-key", "choose", 13,
@@ -44,6 +46,10 @@ const std::vector<EndingInfo>& Endings() {
 
 const EndingInfo& Info(Ending ending) {
     return Endings()[static_cast<std::size_t>(ending)];
+}
+
+std::string_view Advice(const Outcome& outcome) {
+    return outcome.advice.empty() ? Info(outcome.ending).advice : outcome.advice;
 }
 
 }  // namespace ikeauth

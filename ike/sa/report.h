@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,6 +12,8 @@
 namespace ikeauth {
 
 using Time = std::chrono::steady_clock::time_point;
+/// Read whenever something is sent or happens; tests set it.
+using Clock = std::function<Time()>;
 
 /// How an exchange ended. The order is that of its stages.
 enum class Ending : std::uint8_t {
@@ -21,6 +24,7 @@ enum class Ending : std::uint8_t {
     kProposalsRefused,
     kInitRefused,
     kInitInvalid,
+    kMalformed,
     kNoCertificate,
     kNoPresharedKey,
     kCannotSign,
@@ -47,7 +51,10 @@ const EndingInfo& Info(Ending ending);
 struct Outcome {
     Ending ending = Ending::kSilent;
     std::string reason{};  // one line
+    std::string_view advice{};  // where that of the ending does not fit
 };
+/// What to do about it.
+std::string_view Advice(const Outcome& outcome);
 
 struct Step {
     std::chrono::milliseconds at{0};  // since the start
@@ -61,22 +68,23 @@ inline constexpr std::size_t kMaxSteps = 10000;
 /// Collects the steps of one exchange and hands each on as it comes. Used by one thread.
 class Report {
   public:
-    explicit Report(std::function<void(const Step&)> listener = {}) : listener_(std::move(listener)) {}
+    explicit Report(std::function<void(const Step&)> listener = {}, Clock clock = std::chrono::steady_clock::now)
+        : listener_(std::move(listener)), clock_(std::move(clock)) {}
 
-    void Start(Time now) { start_ = now; }
-    /// The time of the steps that follow.
-    void SetTime(Time now) { now_ = now; }
+    /// The times of the steps count from here.
+    void Start() { start_ = clock_(); }
     void Add(std::string_view what, std::string text) {
         if (steps_.size() >= kMaxSteps) return;
-        steps_.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(now_ - start_), what, std::move(text)});
+        const Time::duration at = start_ ? clock_() - *start_ : Time::duration{0};
+        steps_.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(at), what, std::move(text)});
         if (listener_) listener_(steps_.back());
     }
     const std::vector<Step>& steps() const { return steps_; }
 
   private:
     std::function<void(const Step&)> listener_;
-    Time start_{};
-    Time now_{};
+    Clock clock_;
+    std::optional<Time> start_;
     std::vector<Step> steps_;
 };
 

@@ -6,8 +6,9 @@ namespace ikeauth {
 namespace {
 
 constexpr std::size_t kEspSpiBytes = 4;
-constexpr std::chrono::milliseconds kFarewellLimit{2000};
 constexpr std::chrono::milliseconds kPatience{1000};  // how long the peer has to delete the SA itself
+constexpr std::string_view kUnconfirmedAdvice =
+    "look into the peer's log: it may have refused our IKE_AUTH answer without a word, or never have got it";
 
 }  // namespace
 
@@ -116,23 +117,29 @@ void Responder::AnswerChild(const Payloads& in, Payloads& out) {
     report_.Add("agreed", "a child SA, which is deleted at once");
 }
 
+void Responder::RefuseAuth(const Message& message, const Outcome& outcome) {
+    report_.Add("judged", outcome.reason);
+    Conclude(outcome);
+    Respond(message, {MakeNotify(kAuthenticationFailed)});  // the SA ends with this answer
+    StartTimer(kPatience);  // in which it may be asked for again
+}
+
 void Responder::OnAuth(const Message& message) {
     state_ = State::kFarewell;
-    limit_ = kFarewellLimit;
     authenticator_.ReadRequests(message.payloads);
     Payloads payloads;
     Outcome outcome;
-    const bool proved =
-        authenticator_.Judge(context_, message.payloads, outcome) && authenticator_.Prove(context_, payloads, outcome);
-    StartTimer(kPatience);
-    if (!proved) {
-        report_.Add("judged", outcome.reason);
-        Conclude(outcome);
-        goodbye_sent_ = true;  // the SA ends with this answer
-        return Respond(message, {MakeNotify(kAuthenticationFailed)});
+    if (!authenticator_.Judge(context_, message.payloads, outcome) ||
+        !authenticator_.Prove(context_, payloads, outcome)) {
+        return RefuseAuth(message, outcome);
     }
     AnswerChild(message.payloads, payloads);
+    if (!Fits(payloads, outcome.reason)) {
+        outcome.ending = Ending::kCannotSign;
+        return RefuseAuth(message, outcome);
+    }
     Respond(message, payloads);
+    StartTimer(kPatience);
     if (!child_open_) return;
     Request(kInformational, {MakePayload(kPayloadDelete, DeleteData{.protocol = kProtocolEsp, .spis = {child_spi_}})});
 }
@@ -147,25 +154,39 @@ void Responder::OnRequest(const Message& message) {
         if (message.header.exchange == kAuth) OnAuth(message);
         return;
     }
-    Notify refused;
-    if (FindNotify(message.payloads, kAuthenticationFailed, refused)) {
-        Conclude(Ending::kPeerRefused, "the peer answers " + NotifyName(kAuthenticationFailed));
-        Finish();
-    }
-    if (RespondAfterwards(message)) {
-        ConcludeGood();
-        Finish();
+    NoteRefusal(message.payloads);
+    if (RespondAfterwards(message)) ConcludeGood();
+    if (outcome()) Finish();
+}
+
+void Responder::NoteRefusal(const Payloads& in) {
+    for (const Notify& notify : Notifies(in)) {
+        if (notify.is_error()) return Conclude(Ending::kPeerRefused, "the peer answers " + NotifyName(notify.type));
     }
 }
 
-void Responder::OnResponse(const Message& /*message*/) {
-    if (goodbye_sent_) Finish();
+void Responder::OnResponse(const Message& message) {
+    NoteRefusal(message.payloads);
+    if (goodbye_sent_) ConcludeGood();
+    if (outcome()) return Finish();
+    if (goodbye_due_) SayGoodbye();
+}
+
+void Responder::OnSilence() {
+    Conclude({.ending = Ending::kAuthSilent,
+              .reason = "the peer does not confirm our answer to IKE_AUTH",
+              .advice = kUnconfirmedAdvice});
+    Finish();
 }
 
 void Responder::OnTimer() {
     if (state_ == State::kAuth) Conclude(Ending::kAuthSilent, "no IKE_AUTH within the time-out");
-    if (state_ == State::kAuth || goodbye_sent_) return Finish();
-    ConcludeGood();
+    if (outcome()) return Finish();
+    goodbye_due_ = true;
+    if (!waiting()) SayGoodbye();  // else when the answer is there: one request at a time
+}
+
+void Responder::SayGoodbye() {
     goodbye_sent_ = true;
     Request(kInformational, {MakePayload(kPayloadDelete, DeleteData{})});
 }

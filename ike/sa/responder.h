@@ -21,7 +21,7 @@ class Responder : public Association {
     void OnInit(const Message& message, std::string_view datagram) override;
     void OnResponse(const Message& message) override;
     void OnRequest(const Message& message) override;
-    void OnSilence() override { Finish(); }
+    void OnSilence() override;
     void OnTimer() override;
 
     bool ChooseSuite(const Message& message, KeyExchangeData& data);
@@ -29,14 +29,18 @@ class Responder : public Association {
     void AnswerInit(const Message& message, const KeyExchange& own);
     Message InitResponse(const Message& request) const;
     void OnAuth(const Message& message);
-    /// The initiator has our AUTH and did not refuse it.
+    void RefuseAuth(const Message& message, const Outcome& outcome);
+    /// The initiator tells what it thinks of our AUTH by closing the SA, or by an error, or by answering when we close it.
     void ConcludeGood();
+    void NoteRefusal(const Payloads& in);
+    void SayGoodbye();
     void AnswerChild(const Payloads& in, Payloads& out);
 
     State state_ = State::kInit;
     Proposal chosen_;
     std::string child_spi_;
     bool child_open_ = false;
+    bool goodbye_due_ = false;
     bool goodbye_sent_ = false;
 };
 

@@ -1,9 +1,11 @@
 // Many responders on one port: finds the SA of a datagram, and keeps strangers from costing much.
 //
 // A peer costs nothing but a digest until it has shown that it receives at its address (RFC 7296, 2.6): cookies are asked
-// for when many SAs are half-open. Beyond kMaxHalfOpen there are no new ones. Pure, as associations are.
+// for when many SAs are half-open. Beyond kMaxHalfOpen, and kMaxHalfOpenOfOne of one address, there are no new ones. What
+// cannot be read is answered without protection, kMaxRefusals times a second. As pure as associations are.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,7 +20,10 @@ namespace ikeauth {
 
 inline constexpr std::size_t kCookieThreshold = 16;  // half-open SAs
 inline constexpr std::size_t kMaxHalfOpen = 256;
+inline constexpr std::size_t kMaxHalfOpenOfOne = 64;  // address: many hosts may share one
 inline constexpr std::size_t kMaxAssociations = 4096;
+inline constexpr unsigned kMaxRefusals = 20;
+inline constexpr std::chrono::seconds kCookieLife{60};  // a cookie is good for one to two of these
 
 /// A datagram and where it came from or goes to, which the server does not look into.
 struct Packet {
@@ -39,39 +44,53 @@ class Server {
     Server(const ExchangeSettings& settings, Listener listener, bool always_cookies);
 
     /// `peer` is opaque; endpoints as in Endpoints.
-    void Receive(const std::string& peer, const Endpoints& endpoints, std::string_view datagram, Time now);
-    void Tick(Time now);
+    void Receive(const std::string& peer, const Endpoints& endpoints, std::string_view datagram);
+    void Tick();
     std::optional<Time> wake() const;
     std::vector<Packet> TakeOutgoing();
     std::size_t size() const { return entries_.size(); }
 
   private:
+    static constexpr std::size_t kSecretBytes = 32;
+
     struct Entry {
         std::string peer;  // where to send: a peer may go on from another port than it began
         Endpoints endpoints;
         Report report;
         std::unique_ptr<Responder> responder;
         bool told = false;
+        bool half_open = true;
     };
     using Key = std::pair<std::uint64_t, std::string>;  // the initiator's SPI and the peer as it began
     using Entries = std::map<Key, std::unique_ptr<Entry>>;
 
     /// The SA of a datagram, or the end.
     Entries::iterator Find(const Header& header, const Key& key);
-    bool Admit(const Key& key, std::string_view datagram);
+    bool Admit(const Key& key, const Endpoints& endpoints, std::string_view datagram);
+    bool HasRoom(const Endpoints& endpoints) const;
+    /// Tells the sender of a request that is no use why, unless that was done often in this second.
+    void Refuse(const Header& header, const std::string& peer, const Flaw& flaw);
+    void AskForCookie(const Message& message, const Key& key);
     bool HasCookie(const Message& message, const Key& key) const;
-    std::string Cookie(const std::string& nonce, const Key& key) const;
-    Entry& Make(const Key& key, const Endpoints& endpoints, Time now);
+    static std::string Cookie(const std::string& secret, const std::string& nonce, const Key& key);
+    void RenewSecret();
+    void Make(const Key& key, const Endpoints& endpoints);
+    void NoteProgress(Entry& entry);
     /// Collects what an entry sends and tells of its end. The iterator is the next one's.
     Entries::iterator Settle(Entries::iterator entry);
 
     const ExchangeSettings& settings_;
     Listener listener_;
     const bool always_cookies_;
-    std::string secret_ = RandomBytes(32);
+    std::string secret_ = RandomBytes(kSecretBytes);  // of cookies
+    std::string previous_secret_ = RandomBytes(kSecretBytes);
+    Time renewed_;
+    Time refusals_since_{};
+    unsigned refusals_ = 0;
     Entries entries_;
     std::map<std::uint64_t, Key> by_spi_;  // of ours
     std::size_t half_open_ = 0;
+    std::map<std::string, std::size_t> half_open_of_;  // by address
     std::vector<Packet> outgoing_;
 };
 

@@ -1,12 +1,14 @@
 // What one side of an exchange is told to do.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <string>
 
 #include "ike/credentials.h"
 #include "ike/crypto/suites.h"
+#include "ike/sa/report.h"
 
 namespace ikeauth {
 
@@ -25,12 +27,18 @@ struct ExchangeSettings {
     bool want_child = false;  // even if the peer offers to do without
     std::size_t fragment_bytes = 1280;  // IP datagram
     std::chrono::milliseconds time_limit{10000};  // for each answer of the peer
+    Clock clock = std::chrono::steady_clock::now;
 };
 
 /// Both ends of the path, for the detection of address translation: address bytes and port, in network order.
 struct Endpoints {
     std::string local{};
     std::string remote{};
+
+    std::string RemoteAddress() const { return remote.substr(0, remote.size() - std::min(remote.size(), kPortBytes)); }
+
+  private:
+    static constexpr std::size_t kPortBytes = 2;
 };
 
 }  // namespace ikeauth

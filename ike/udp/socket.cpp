@@ -31,6 +31,51 @@ const sockaddr_in6& AsIp6(const sockaddr* address) {
     return *reinterpret_cast<const sockaddr_in6*>(address);
 }
 
+/// Room for what goes with a datagram: the address of this host.
+struct Control {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in6_pktinfo))> bytes{};
+};
+
+/// Has the system tell the address of this host that a datagram came to.
+bool AskForLocalAddress(int fd, bool ip6) {
+    const int on = 1;
+    return setsockopt(fd, ip6 ? IPPROTO_IPV6 : IPPROTO_IP, ip6 ? IPV6_RECVPKTINFO : IP_PKTINFO, &on, sizeof on) == 0;
+}
+
+/// Puts the address into `local`, whose port stays.
+void ReadLocalAddress(msghdr& message, Address& local) {
+    for (cmsghdr* entry = CMSG_FIRSTHDR(&message); entry != nullptr; entry = CMSG_NXTHDR(&message, entry)) {
+        if (entry->cmsg_level == IPPROTO_IP && entry->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info{};
+            std::memcpy(&info, CMSG_DATA(entry), sizeof info);
+            reinterpret_cast<sockaddr_in*>(local.get())->sin_addr = info.ipi_addr;
+        } else if (entry->cmsg_level == IPPROTO_IPV6 && entry->cmsg_type == IPV6_PKTINFO) {
+            in6_pktinfo info{};
+            std::memcpy(&info, CMSG_DATA(entry), sizeof info);
+            reinterpret_cast<sockaddr_in6*>(local.get())->sin6_addr = info.ipi6_addr;
+        }
+    }
+}
+
+template <typename Info>
+void WriteControl(msghdr& message, Control& control, int level, int type, const Info& info) {
+    message.msg_control = control.bytes.data();
+    message.msg_controllen = CMSG_SPACE(sizeof info);
+    cmsghdr* entry = CMSG_FIRSTHDR(&message);
+    entry->cmsg_level = level;
+    entry->cmsg_type = type;
+    entry->cmsg_len = CMSG_LEN(sizeof info);
+    std::memcpy(CMSG_DATA(entry), &info, sizeof info);
+}
+
+void WriteLocalAddress(const Address& from, msghdr& message, Control& control) {
+    if (from.get()->sa_family == AF_INET) {
+        WriteControl(message, control, IPPROTO_IP, IP_PKTINFO, in_pktinfo{0, AsIp4(from.get()).sin_addr, {}});
+    } else if (from.get()->sa_family == AF_INET6) {
+        WriteControl(message, control, IPPROTO_IPV6, IPV6_PKTINFO, in6_pktinfo{AsIp6(from.get()).sin6_addr, 0});
+    }
+}
+
 }  // namespace
 
 const socklen_t Address::kIp4Size = sizeof(sockaddr_in);
@@ -69,7 +114,11 @@ std::string Address::bytes() const {
                               : reinterpret_cast<const char*>(&AsIp4(get()).sin_addr);
     const char* port = ip6 ? reinterpret_cast<const char*>(&AsIp6(get()).sin6_port)
                            : reinterpret_cast<const char*>(&AsIp4(get()).sin_port);
-    return std::string(address, ip6 ? sizeof(in6_addr) : sizeof(in_addr)) + std::string(port, sizeof(in_port_t));
+    // On a socket of IPv6 that takes IPv4 too, the peer knows the address as one of IPv4.
+    const bool mapped = ip6 && IN6_IS_ADDR_V4MAPPED(&AsIp6(get()).sin6_addr);
+    if (mapped) address += sizeof(in6_addr) - sizeof(in_addr);
+    return std::string(address, ip6 && !mapped ? sizeof(in6_addr) : sizeof(in_addr)) +
+           std::string(port, sizeof(in_port_t));
 }
 
 std::string Address::text() const {
@@ -101,7 +150,9 @@ bool UdpSocket::Open(const Address& address, std::string& error) {
 
 bool UdpSocket::Bind(const Address& local, std::string& error) {
     if (!Open(local, error)) return false;
-    if (bind(fd_, local.get(), local.size()) == 0) return true;
+    if (AskForLocalAddress(fd_, local.get()->sa_family == AF_INET6) && bind(fd_, local.get(), local.size()) == 0) {
+        return true;
+    }
     error = Failure(local.text().c_str());
     return false;
 }
@@ -120,32 +171,54 @@ Address UdpSocket::local() const {
     return address;
 }
 
-bool UdpSocket::Send(const Address& to, bool marked, const std::string& datagram) const {
-    const std::string bytes = marked ? kMarker + datagram : datagram;
-    const sockaddr* address = connected_ ? nullptr : to.get();
-    return sendto(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL, address, connected_ ? 0 : to.size()) >= 0;
+bool UdpSocket::Send(const Address& from, const Address& to, bool marked, const std::string& datagram) const {
+    std::string bytes = marked ? kMarker + datagram : datagram;
+    Address target = to;
+    Control control;
+    iovec piece{bytes.data(), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    if (!connected_) {
+        message.msg_name = target.get();
+        message.msg_namelen = target.size();
+        WriteLocalAddress(from, message, control);
+    }
+    return sendmsg(fd_, &message, MSG_NOSIGNAL) >= 0;
 }
 
 ReceiveResult UdpSocket::Receive(Received& received) const {
     std::array<char, kMaxDatagramBytes> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
-    socklen_t size = sizeof(sockaddr_storage);
-    const ssize_t n = recvfrom(fd_, buffer.data(), buffer.size(), 0, received.from.get(), &size);
-    if (n < 0) return errno == ECONNREFUSED ? ReceiveResult::kRefused : ReceiveResult::kNothing;
+    Control control;
+    iovec piece{buffer.data(), buffer.size()};
+    msghdr message{};
+    message.msg_name = received.from.get();
+    message.msg_namelen = sizeof(sockaddr_storage);
+    message.msg_iov = &piece;
+    message.msg_iovlen = 1;
+    message.msg_control = control.bytes.data();
+    message.msg_controllen = control.bytes.size();
+    const ssize_t n = recvmsg(fd_, &message, 0);
+    if (n < 0) return errno == EAGAIN || errno == EINTR ? ReceiveResult::kNothing : ReceiveResult::kRefused;
+    received.to = local();
+    ReadLocalAddress(message, received.to);
     received.datagram.assign(buffer.data(), static_cast<std::size_t>(n));
     received.marked = received.datagram.starts_with(kMarker);
     if (received.marked) received.datagram.erase(0, kMarker.size());
     return ReceiveResult::kDatagram;
 }
 
-void UdpSocket::Wait(std::optional<std::chrono::steady_clock::time_point> until) const {
+void UdpSocket::Wait(const std::vector<const UdpSocket*>& sockets,
+                     std::optional<std::chrono::steady_clock::time_point> until) {
     int timeout = -1;
     if (until) {
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(*until - std::chrono::steady_clock::now()).count();
         timeout = static_cast<int>(std::max<long>(0, left));
     }
-    pollfd entry{fd_, POLLIN, 0};
-    poll(&entry, 1, timeout);
+    std::vector<pollfd> entries;
+    for (const UdpSocket* socket : sockets) entries.push_back({socket->fd_, POLLIN, 0});
+    poll(entries.data(), entries.size(), timeout);
 }
 
 }  // namespace ikeauth

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace ikeauth {
 
@@ -19,6 +21,10 @@ inline constexpr std::uint16_t kNatPort = 4500;
 class Address {
   public:
     Address() = default;
+    /// What Raw gave.
+    explicit Address(std::string_view raw) { raw.copy(reinterpret_cast<char*>(&storage_), sizeof storage_); }
+    /// As the system takes it.
+    std::string Raw() const { return {reinterpret_cast<const char*>(&storage_), size()}; }
     /// The first address of a name; false, with the reason in `error`.
     static bool Resolve(const std::string& host, std::uint16_t port, Address& address, std::string& error);
 
@@ -27,7 +33,7 @@ class Address {
     socklen_t size() const { return storage_.ss_family == AF_INET6 ? kIp6Size : kIp4Size; }
     std::uint16_t port() const;
     void set_port(std::uint16_t port);
-    /// Address bytes and port in network order.
+    /// Address bytes and port in network order; an IPv4 address within IPv6 as what it is.
     std::string bytes() const;
     /// "192.0.2.1:500", "[2001:db8::1]:500".
     std::string text() const;
@@ -42,6 +48,7 @@ class Address {
 /// One received datagram, without its marker.
 struct Received {
     Address from;
+    Address to;  // of this host: where it came in, also on a socket of all addresses
     bool marked = false;
     std::string datagram;
 };
@@ -58,15 +65,17 @@ class UdpSocket {
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
 
-    /// Port 0: any free one.
+    /// Port 0: any free one. An address of zeros: all.
     bool Bind(const Address& local, std::string& error);
     /// To one peer alone; learns when nobody listens there.
     bool Connect(const Address& peer, std::string& error);
-    bool Send(const Address& to, bool marked, const std::string& datagram) const;
+    /// From that address of this host; one without a family leaves the choice to the system. False with errno.
+    bool Send(const Address& from, const Address& to, bool marked, const std::string& datagram) const;
     /// What has come, without waiting. Keep-alives of address translators are left out.
     ReceiveResult Receive(Received& received) const;
-    /// Waits until something has come or the time is there; without one for ever, until a signal.
-    void Wait(std::optional<std::chrono::steady_clock::time_point> until) const;
+    /// Waits until something has come to one of the sockets or the time is there; without one for ever, until a signal.
+    static void Wait(const std::vector<const UdpSocket*>& sockets,
+                     std::optional<std::chrono::steady_clock::time_point> until);
     Address local() const;
 
   private:

@@ -1,6 +1,7 @@
 #include "ike/wire/message.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "ike/wire/bytes.h"
 #include "ike/wire/payloads.h"
@@ -18,27 +19,29 @@ bool IsKnown(std::uint8_t type) {
     return (type >= kPayloadSa && type <= kPayloadEap) || type == kPayloadSkf;
 }
 
-bool Fail(std::string& error, std::string text) {
-    error = std::move(text);
+bool Fail(Flaw& flaw, std::string text) {
+    flaw = {.text = std::move(text)};
     return false;
 }
 
 /// Reads one payload; `type` becomes the next one's.
-bool ParsePayload(ByteReader& reader, std::uint8_t& type, Payload& payload, std::string& error) {
+bool ParsePayload(ByteReader& reader, std::uint8_t& type, Payload& payload, Flaw& flaw) {
     std::uint8_t flags = 0;
     std::uint16_t length = 0;
     std::string_view body;
     payload.type = type;
     if (!reader.Read(payload.next) || !reader.Read(flags) || !reader.Read(length)) {
-        return Fail(error, "the header of payload " + std::to_string(type) + " is cut off");
+        return Fail(flaw, "the header of payload " + std::to_string(type) + " is cut off");
     }
     if (length < kPayloadHeaderBytes || !reader.Read(length - kPayloadHeaderBytes, body)) {
-        return Fail(error,
-                    "payload " + std::to_string(type) + " has an impossible length of " + std::to_string(length));
+        return Fail(flaw, "payload " + std::to_string(type) + " has an impossible length of " + std::to_string(length));
     }
     payload.critical = (flags & kCriticalBit) != 0;
     if (payload.critical && !IsKnown(type)) {
-        return Fail(error, "payload " + std::to_string(type) + " is critical and not known");
+        flaw = {.text = "payload " + std::to_string(type) + " is critical and not known",
+                .notify = kUnsupportedCriticalPayload,
+                .data = std::string(1, static_cast<char>(type))};
+        return false;
     }
     payload.body = body;
     type = IsEncrypted(type) ? static_cast<std::uint8_t>(kNoPayload) : payload.next;
@@ -57,43 +60,44 @@ std::string PayloadName(const Payload& payload) {
 
 }  // namespace
 
-bool ParseHeader(std::string_view bytes, Header& header, std::uint8_t& first_payload, std::string& error) {
+bool ParseHeader(std::string_view bytes, Header& header, std::uint8_t& first_payload, Flaw& flaw) {
     ByteReader reader(bytes);
     std::uint32_t length = 0;
     if (!reader.Read(header.initiator_spi) || !reader.Read(header.responder_spi) || !reader.Read(first_payload) ||
         !reader.Read(header.version) || !reader.Read(header.exchange) || !reader.Read(header.flags) ||
         !reader.Read(header.message_id) || !reader.Read(length)) {
-        return Fail(error, "shorter than an IKE header");
+        return Fail(flaw, "shorter than an IKE header");
     }
     if (length != bytes.size()) {
-        return Fail(error,
+        return Fail(flaw,
                     "the header says " + std::to_string(length) + " bytes, there are " + std::to_string(bytes.size()));
     }
-    if (header.initiator_spi == 0) return Fail(error, "the initiator's SPI is zero");
+    if (header.initiator_spi == 0) return Fail(flaw, "the initiator's SPI is zero");
     return true;
 }
 
-bool ParsePayloads(std::uint8_t first, std::string_view bytes, Payloads& payloads, std::string& error) {
-    if (bytes.size() > kMaxInnerBytes) return Fail(error, "larger than this system reads");
+bool ParsePayloads(std::uint8_t first, std::string_view bytes, Payloads& payloads, Flaw& flaw) {
+    if (bytes.size() > kMaxInnerBytes) return Fail(flaw, "larger than this system reads");
     ByteReader reader(bytes);
     std::uint8_t type = first;
     while (type != kNoPayload) {
-        if (payloads.size() >= kMaxPayloads) return Fail(error, "more payloads than this system reads");
-        if (!ParsePayload(reader, type, payloads.emplace_back(), error)) {
+        if (payloads.size() >= kMaxPayloads) return Fail(flaw, "more payloads than this system reads");
+        if (!ParsePayload(reader, type, payloads.emplace_back(), flaw)) {
             payloads.pop_back();
             return false;
         }
     }
-    return reader.at_end() || Fail(error, std::to_string(reader.rest().size()) + " bytes follow the last payload");
+    return reader.at_end() || Fail(flaw, std::to_string(reader.rest().size()) + " bytes follow the last payload");
 }
 
-bool ParseMessage(std::string_view bytes, Message& message, std::string& error) {
+bool ParseMessage(std::string_view bytes, Message& message, Flaw& flaw) {
     std::uint8_t first = 0;
-    return ParseHeader(bytes, message.header, first, error) &&
-           ParsePayloads(first, bytes.substr(kHeaderBytes), message.payloads, error);
+    return ParseHeader(bytes, message.header, first, flaw) &&
+           ParsePayloads(first, bytes.substr(kHeaderBytes), message.payloads, flaw);
 }
 
 std::string EncodePayloadHeader(std::uint8_t next, bool critical, std::size_t body_bytes) {
+    if (body_bytes > kMaxBodyBytes) throw std::length_error(std::to_string(body_bytes) + " bytes in an IKE payload");
     return Byte(next) + Byte(critical ? kCriticalBit : 0) +
            NetworkOrder(static_cast<std::uint16_t>(body_bytes + kPayloadHeaderBytes));
 }

@@ -17,6 +17,7 @@ namespace ikeauth {
 inline constexpr std::size_t kHeaderBytes = 28;
 inline constexpr std::size_t kPayloadHeaderBytes = 4;
 inline constexpr std::size_t kMaxDatagramBytes = 65535;
+inline constexpr std::size_t kMaxBodyBytes = 65535 - kPayloadHeaderBytes;
 inline constexpr std::size_t kMaxInnerBytes = 256U << 10;  // dozens of large certificates
 inline constexpr std::size_t kMaxPayloads = 128;
 
@@ -46,14 +47,22 @@ struct Message {
     Payloads payloads;
 };
 
-/// Reads the header alone. False when there are fewer bytes, or the length says something else.
-bool ParseHeader(std::string_view bytes, Header& header, std::uint8_t& first_payload, std::string& error);
-/// Reads a chain of payloads that fills the bytes. An encrypted payload ends the chain.
-bool ParsePayloads(std::uint8_t first, std::string_view bytes, Payloads& payloads, std::string& error);
-/// Both. On failure `error` names what is wrong and where, and the message holds what was read so far.
-bool ParseMessage(std::string_view bytes, Message& message, std::string& error);
+/// What is wrong with a message and where, and the error notification that says so (RFC 7296, 3.10.1).
+struct Flaw {
+    std::string text{};
+    std::uint16_t notify = kInvalidSyntax;
+    std::string data{};  // of the notification
+};
 
-/// A chain of payloads as it stands after a header, or inside an encrypted payload.
+/// Reads the header alone. False when there are fewer bytes, or the length says something else.
+bool ParseHeader(std::string_view bytes, Header& header, std::uint8_t& first_payload, Flaw& flaw);
+/// Reads a chain of payloads that fills the bytes. An encrypted payload ends the chain.
+bool ParsePayloads(std::uint8_t first, std::string_view bytes, Payloads& payloads, Flaw& flaw);
+/// Both. On failure the message holds what was read so far.
+bool ParseMessage(std::string_view bytes, Message& message, Flaw& flaw);
+
+/// A chain of payloads as it stands after a header, or inside an encrypted payload. Throws std::length_error when a payload
+/// is larger than kMaxBodyBytes.
 std::string EncodePayloads(const Payloads& payloads);
 std::string EncodeHeader(const Header& header, std::uint8_t first_payload, std::size_t message_bytes);
 std::string EncodeMessage(const Message& message);

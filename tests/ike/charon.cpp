@@ -128,6 +128,15 @@ test_support::ProcessResult Client::Probe(std::uint16_t port, const std::vector<
     return test_support::Run(words);
 }
 
+test_support::ProcessResult Client::EndOf(test_support::Process& responder) {
+    responder.WaitForOutput("advice: ");
+    const std::string out = responder.Out();
+    const bool counted =
+        out.find("(stage negotiate)") == std::string::npos && out.find("no IKE_AUTH") == std::string::npos;
+    if (!counted) responder.Kill(SIGTERM);
+    return responder.Wait();
+}
+
 std::unique_ptr<test_support::Process> Client::Respond(const std::vector<std::string>& options, std::uint16_t& port,
                                                        bool only_one) const {
     std::vector<std::string> words = Words("respond", options);

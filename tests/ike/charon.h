@@ -69,6 +69,8 @@ class Client {
     /// Answers initiators, one or until it is told to stop. The port is in `port` when this returns.
     std::unique_ptr<test_support::Process> Respond(const std::vector<std::string>& options, std::uint16_t& port,
                                                    bool only_one = true) const;
+    /// Its result when its one exchange has ended. What never got to IKE_AUTH is not counted: then it is told to end.
+    static test_support::ProcessResult EndOf(test_support::Process& responder);
     const test_support::TempDir& dir() const { return dir_; }
 
   private:

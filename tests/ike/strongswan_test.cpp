@@ -212,7 +212,7 @@ class Pair {
         const auto process = client_->Respond(c_.options, port);
         ASSERT_EQ(charon_.Load(TheirConfiguration(port)), "");
         const auto theirs = charon_.Initiate();
-        const auto ours = process->Wait();
+        const auto ours = Client::EndOf(*process);
         EXPECT_EQ(theirs.exit_code == 0, c_.verdict == Verdict::kBothAccept) << theirs.out << theirs.err;
         Judge(ours, false);
     }

@@ -44,7 +44,7 @@ class WireTest : public testing::Test {
         std::uint16_t port = 0;
         const auto process = bob_.Respond(responder, port);
         const auto result = alice_.Probe(port, initiator);
-        const auto bobs = process->Wait();
+        const auto bobs = Client::EndOf(*process);
         if (other != nullptr) *other = bobs;
         return result;
     }
@@ -74,6 +74,7 @@ TEST_F(WireTest, BothSidesSayTheSame) {
         {{"--psk", "shared"}, {"--psk", "shared"}, 0, 0, "preshared key right", "preshared key right"},
         {{"--psk", "shared"}, {}, 15, 16, "AUTHENTICATION_FAILED", "method-refused"},
         {{"--psk", "unknown"}, {"--time-out", "1"}, 13, 14, "no-preshared-key", "auth-silent"},
+        {{"--time-out", "1", "--before-signing", "sleep 2"}, {}, 0, 0, "", ""},  // a slow token is not a slow peer
         {{"--damage-signature"}, {}, 15, 16, "peer-refused", "signature-wrong"},
         {{}, {"--damage-signature"}, 16, 15, "signature-wrong", "peer-refused"},
         {{"--proposal", "aes128-sha256-ecp256"},
@@ -170,7 +171,7 @@ class Noise {
         const ikeauth::Endpoints endpoints{"123456", "123456"};
         const ikeauth::ExchangeSettings settings = Settings();
         ikeauth::Initiator initiator(settings, endpoints, report);
-        initiator.Start({});
+        initiator.Start();
         init_ = initiator.TakeOutgoing().front();
     }
     /// Without certificates, and so without the module.
@@ -205,18 +206,20 @@ class Noise {
 TEST(ServerTest, OutlivesStrangers) {
     const char* wanted = std::getenv("IKE_RANDOM_DATAGRAMS");  // a million takes a minute
     const unsigned count = wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : 50000;
-    const ikeauth::ExchangeSettings settings = Noise::Settings();
+    ikeauth::ExchangeSettings settings = Noise::Settings();
+    ikeauth::Time now{};
+    settings.clock = [&now] { return now; };
     ikeauth::Server server(settings, {}, false);
     Noise noise;
-    ikeauth::Time now{};
     for (unsigned i = 0; i < count; ++i) {
         now += std::chrono::milliseconds(1);
-        server.Receive("peer " + std::to_string(i % 50), {"123456", "123456"}, noise.Next(i), now);
-        server.Tick(now);
+        server.Receive("peer " + std::to_string(i % 50), {"123456", "123456"}, noise.Next(i));
+        server.Tick();
         server.TakeOutgoing();
         ASSERT_LE(server.size(), ikeauth::kMaxHalfOpen);
     }
-    server.Tick(now + std::chrono::minutes(1));
+    now += std::chrono::minutes(1);
+    server.Tick();
     EXPECT_EQ(server.size(), 0U);
 }
 
