@@ -129,32 +129,33 @@ Role Token::role() {
     return role_;
 }
 
-/// Another process may change the other PIN at the same time.
-void Token::Rewrite(Role role, std::string_view pin, const SecretString& key) {
+/// Another process may change the other PIN at the same time, or make a new token.
+void Token::Rewrite(Role role, std::string_view pin, const Access& access) {
     const FolderLock folder_lock(folder_);
     TokenFile file = Snapshot();
-    file.SetPin(role, pin, key);
+    Require(file.serial() == access.serial, CKR_DEVICE_REMOVED);
+    file.SetPin(role, pin, access.key);
     WriteFile(FilePath(), file.Encode());
 }
 
 void Token::InitUserPin(std::string_view pin) {
-    SecretString key;
+    Access access;
     {
         const Lock lock(mutex_);
         FileLocked();
         Require(role_ == Role::kOfficer, CKR_USER_NOT_LOGGED_IN);
-        key = SecretString(std::string_view(access_.key.get()));
+        access = {access_.serial, SecretString(std::string_view(access_.key.get()))};
     }
-    Rewrite(Role::kUser, pin, key);
+    Rewrite(Role::kUser, pin, access);
 }
 
 void Token::ChangePin(std::string_view old_pin, std::string_view new_pin) {
     const Role who = role() == Role::kOfficer ? Role::kOfficer : Role::kUser;
     const TokenFile file = Snapshot();
     Require(who == Role::kOfficer || file.HasUserPin(), CKR_USER_PIN_NOT_INITIALIZED);
-    SecretString key;
-    Require(file.Unlock(who, old_pin, key), CKR_PIN_INCORRECT);
-    Rewrite(who, new_pin, key);
+    Access access{file.serial()};
+    Require(file.Unlock(who, old_pin, access.key), CKR_PIN_INCORRECT);
+    Rewrite(who, new_pin, access);
 }
 
 std::string Token::OpenSession(const SessionView& session) {

@@ -75,7 +75,8 @@ class Token {
     ObjectPtr VisibleLocked(CK_OBJECT_HANDLE handle);
 
     TokenFile Snapshot();
-    void Rewrite(Role role, std::string_view pin, const vpnfc::SecretString& key);
+    /// Gives the token of that number a PIN that opens its key.
+    void Rewrite(Role role, std::string_view pin, const Access& access);
     std::filesystem::path FilePath() const { return folder_ / "token"; }
 
     const std::filesystem::path folder_;
