@@ -22,11 +22,15 @@ const unsigned char* Unsigned(std::string_view bytes) {
 /// prf+: as many bytes as asked for.
 vpnfc::SecretString Expand(const Algorithm& prf, const std::string& key, const std::string& seed, std::size_t bytes) {
     vpnfc::SecretString stream;
-    vpnfc::SecretString block;
+    vpnfc::SecretString input;  // the block before, the seed and a number
+    stream.edit().reserve(bytes + prf.key_bytes);  // one that grew would leave copies behind
+    input.edit().reserve(prf.key_bytes + seed.size() + 1);
     std::uint8_t number = 1;
     while (stream.get().size() < bytes) {
-        block = vpnfc::SecretString(KeyedDigest(prf, key, block.get() + seed + Byte(number++)));
+        input.edit().append(seed).append(Byte(number++));
+        const vpnfc::SecretString block(KeyedDigest(prf, key, input.get()));
         stream.edit() += block.get();
+        input.edit() = block.get();
     }
     return stream;
 }
@@ -40,7 +44,9 @@ std::string KeyedDigest(const Algorithm& algorithm, std::string_view key, std::s
              data.size(), out.data(), &length) == nullptr) {
         throw std::bad_alloc();
     }
-    return {reinterpret_cast<const char*>(out.data()), length};
+    std::string digest(reinterpret_cast<const char*>(out.data()), length);
+    OPENSSL_cleanse(out.data(), out.size());  // it may be a key
+    return digest;
 }
 
 std::string RandomBytes(std::size_t count) {

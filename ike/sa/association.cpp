@@ -161,7 +161,7 @@ std::size_t Association::PieceBytes() const {
     return Room() - kHeaderBytes - kPayloadHeaderBytes - kFragmentNumberBytes - ProtectedBytes(suite_, 0) - kBlock;
 }
 
-bool Association::Fits(const Payloads& payloads, std::string& why) const {
+bool Association::Fits(const Payloads& payloads, Outcome& outcome) const {
     constexpr std::size_t kAround = 256;  // headers, vector, padding, check value: more than they need
     const std::size_t most =
         peer_fragments_ ? std::min(kMaxInnerBytes, kMaxFragments * PieceBytes()) : kMaxDatagramBytes - kAround;
@@ -171,8 +171,10 @@ bool Association::Fits(const Payloads& payloads, std::string& why) const {
         if (payload.body.size() > kMaxBodyBytes) bytes += kMaxInnerBytes;
     }
     if (bytes <= most) return true;
-    why = "the message would have more than " + std::to_string(most) + " bytes, which " +
-          (peer_fragments_ ? "fragments of this size do not carry" : "the peer, without fragments, cannot get");
+    outcome = {.ending = Ending::kCannotSign,
+               .reason = "the message would have more than " + std::to_string(most) + " bytes, which " +
+                         (peer_fragments_ ? "fragments of this size do not carry" : "one datagram does not carry"),
+               .advice = "use a certificate with less above it, larger --fragment-bytes, or fragments at the peer"};
     return false;
 }
 

@@ -77,8 +77,8 @@ class Association {
     void SendPlainRequest(const Message& message);
     void Request(std::uint8_t exchange, const Payloads& payloads);
     void Respond(const Message& request, const Payloads& payloads);
-    /// Whether a protected message of these payloads can be sent; else `why`.
-    bool Fits(const Payloads& payloads, std::string& why) const;
+    /// Whether a protected message of these payloads can be sent; else the outcome is filled.
+    bool Fits(const Payloads& payloads, Outcome& outcome) const;
     void SendPlainResponse(const Message& message);
     void StartTimer(std::chrono::milliseconds delay) { timer_ = settings_.clock() + delay; }
     void StopWaiting() { pending_.reset(); }

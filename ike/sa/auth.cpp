@@ -1,6 +1,9 @@
 #include "ike/sa/auth.h"
 
 #include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 #include <algorithm>
 #include <array>
@@ -171,6 +174,37 @@ bool ReadSignatureMethod(const std::string& data, const HashSet& announced, pki_
     return why.empty();
 }
 
+/// The hash that an RSA signature names; 0 when the key does not open it.
+pki_alg_t HashOfRsaSignature(const std::string& signature, const std::string& public_key) {
+    using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+    using Context = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
+    const auto* der = reinterpret_cast<const unsigned char*>(public_key.data());
+    const Key key(d2i_PUBKEY(nullptr, &der, static_cast<long>(public_key.size())), EVP_PKEY_free);
+    if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return 0;
+    const Context context(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+    std::string block(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())), '\0');
+    std::size_t length = block.size();
+    std::string oid;
+    if (!context || EVP_PKEY_verify_recover_init(context.get()) <= 0 ||
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) <= 0 ||
+        EVP_PKEY_verify_recover(context.get(), reinterpret_cast<unsigned char*>(block.data()), &length,
+                                reinterpret_cast<const unsigned char*>(signature.data()), signature.size()) <= 0 ||
+        !asn_read_alg_from_digest(std::string_view(block).substr(0, length), oid)) {
+        return 0;
+    }
+    return PKI_OID_TO_HASH_ALG(oid.data(), oid.size()) & PKI_HASH_MASK;
+}
+
+/// Here the peer alone chooses the hash. SHA-1, the method's own (RFC 7296, 3.8), is for peers that know nothing newer.
+bool ReadRsaMethod(const std::string& signature, const SignaturePolicy& policy, pki_alg_t& alg, std::string& why) {
+    const pki_alg_t hash = HashOfRsaSignature(signature, policy.public_key);
+    alg = PKI_KEY_RSA | (hash != 0 ? hash : PKI_HASH_SHA256);  // one that cannot be opened is judged as any wrong one
+    const bool newer_agreed = policy.newer_agreed && !policy.announced.empty();
+    if (hash == 0 || Holds(AnnouncedHashes(), hash) || (hash == PKI_HASH_SHA1 && !newer_agreed)) return true;
+    why = "the RSA signature is made with " + AlgName(hash) + ", which is too weak";
+    return false;
+}
+
 }  // namespace
 
 HashSet AnnouncedHashes() {
@@ -216,10 +250,11 @@ bool ChooseSignature(const CM::X509Cert& cert, const HashSet& peer_hashes, bool 
     pki_alg_t key = preferred & PKI_NO_HASH_MASK;
     if (pss && key == PKI_KEY_RSA) key = PKI_KEY_RSA_PSS;
     const bool fixed = key != PKI_KEY_RSA && key != PKI_KEY_RSA_PSS && key != PKI_KEY_EC;
-    for (const pki_alg_t hash : {preferred & PKI_HASH_MASK, PKI_HASH_SHA256, PKI_HASH_SHA384, PKI_HASH_SHA512}) {
+    for (const pki_alg_t hash : {preferred & PKI_HASH_MASK, PKI_HASH_SHA512, PKI_HASH_SHA384, PKI_HASH_SHA256}) {
         if (fixed && hash != (preferred & PKI_HASH_MASK)) break;
         choice = {kMethodSignature, key | hash};
-        if (Holds(peer_hashes, hash) && !AlgorithmIdentifier(choice.alg).empty()) return true;
+        if (Holds(AnnouncedHashes(), hash) && Holds(peer_hashes, hash) && !AlgorithmIdentifier(choice.alg).empty())
+            return true;
     }
     why = "the peer takes none of the hash algorithms of " + AlgName(key) + ", it announced " + Describe(peer_hashes);
     return false;
@@ -236,13 +271,12 @@ bool EncodeSignature(const SignatureChoice& choice, const std::string& signature
     return true;
 }
 
-bool DecodeSignature(const AuthData& auth, const HashSet& announced, pki_alg_t& alg, std::string& signature,
+bool DecodeSignature(const AuthData& auth, const SignaturePolicy& policy, pki_alg_t& alg, std::string& signature,
                      std::string& why) {
-    if (auth.method == kMethodSignature) return ReadSignatureMethod(auth.data, announced, alg, signature, why);
+    if (auth.method == kMethodSignature) return ReadSignatureMethod(auth.data, policy.announced, alg, signature, why);
     if (auth.method == kMethodRsa) {
-        alg = PKI_KEY_RSA;  // the hash stands in the signature
         signature = auth.data;
-        return true;
+        return ReadRsaMethod(signature, policy, alg, why);
     }
     const EcdsaMethod* method = FindEcdsa(auth.method);
     if (method == nullptr) {

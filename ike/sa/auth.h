@@ -35,16 +35,24 @@ struct SignatureChoice {
     std::uint8_t method = kMethodSignature;
     pki_alg_t alg = 0;
 };
-/// How to sign with a certificate's key for a peer that announced these hashes (none: the older methods). False, and
-/// why, when there is no way.
+/// How to sign with a certificate's key for a peer that announced these hashes (none: the older methods): with the hash
+/// that the module signs with, or where that is SHA-1 or not announced, with the strongest that is. False, and why, when
+/// there is no way.
 bool ChooseSignature(const CM::X509Cert& cert, const HashSet& peer_hashes, bool pss, SignatureChoice& choice,
                      std::string& why);
+
+/// What is taken of a peer.
+struct SignaturePolicy {
+    std::string public_key{};  // of its certificate, DER
+    HashSet announced{};  // to it; none when only the older methods are taken
+    bool newer_agreed = false;  // it announced hashes as well: no need for SHA-1
+};
 
 /// AUTH data around a token's signature. False when it is not one of the algorithm.
 bool EncodeSignature(const SignatureChoice& choice, const std::string& signature, std::string& data);
 /// Algorithm and signature, as Ike2Verify takes them. False, and why, when the data is malformed, the algorithm not known
-/// or its hash not among the announced ones, which are none when only the older methods are taken.
-bool DecodeSignature(const AuthData& auth, const HashSet& announced, pki_alg_t& alg, std::string& signature,
+/// or its hash not allowed.
+bool DecodeSignature(const AuthData& auth, const SignaturePolicy& policy, pki_alg_t& alg, std::string& signature,
                      std::string& why);
 /// "digital signature, ECDSA with SHA-256".
 std::string Describe(const SignatureChoice& choice);

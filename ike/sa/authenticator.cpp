@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::size_t kSha1Bytes = 20;
 constexpr std::size_t kMaxAuthorities = 4096;
+constexpr std::size_t kMaxRequested = 1024;  // a responder names them in one datagram
 constexpr std::size_t kMaxCertificates = 64;  // of one peer: each costs a decoding
 
 TLogIdent MakeIdent(bool initiator, std::uint64_t spi) {
@@ -32,8 +33,8 @@ Authenticator::Authenticator(const ExchangeSettings& settings, bool initiator, s
       report_(report),
       credentials_(*settings.rule, settings.faults, MakeIdent(initiator, spi)) {}
 
-bool Authenticator::Fail(Outcome& outcome, Ending ending, std::string reason) {
-    outcome = {.ending = ending, .reason = std::move(reason)};
+bool Authenticator::Fail(Outcome& outcome, Ending ending, std::string reason, std::string_view advice) {
+    outcome = {.ending = ending, .reason = std::move(reason), .advice = advice};
     return false;
 }
 
@@ -41,6 +42,10 @@ void Authenticator::AddRequests(Payloads& out) {
     if (!settings_.preshared_key.empty()) return;
     const CertRequests requests = credentials_.AuthoritiesToRequest(CM::kPublicKeySha1);
     if (requests.authorities.empty()) return;
+    if (requests.authorities.size() > kMaxRequested) {
+        return report_.Add("requested", "any certificate: " + std::to_string(requests.authorities.size()) +
+                                            " authorities are too many to name");
+    }
     std::string hashes;
     for (const std::string& authority : requests.authorities) hashes += authority;
     out.push_back(MakePayload(kPayloadCertReq, CertData{.encoding = kCertX509, .data = hashes}));
@@ -60,7 +65,6 @@ void Authenticator::ReadRequests(const Payloads& in) {
     for (const Payload& payload : in) {
         CertData request;
         if (payload.type != kPayloadCertReq || !Decode(payload.body, request)) continue;
-        bundle_requested_ = bundle_requested_ || request.encoding == kCertPkcs7;
         for (std::size_t at = 0; at + kSha1Bytes <= request.data.size(); at += kSha1Bytes) {
             if (peer_requests_.authorities.size() < kMaxAuthorities) {
                 peer_requests_.authorities.push_back(request.data.substr(at, kSha1Bytes));
@@ -131,7 +135,8 @@ bool Authenticator::ProveByCertificate(const AuthContext& context, Payloads& out
 bool Authenticator::ProveByPresharedKey(const AuthContext& context, Payloads& out, Outcome& outcome) {
     const std::list<LPCFG::ipsecid_t>& ids = settings_.rule->id_local;
     if (ids.empty() || ids.front().any != 0) {
-        return Fail(outcome, Ending::kNoPresharedKey, "id_local of the rule names no identity to announce");
+        return Fail(outcome, Ending::kNoPresharedKey, "id_local of the rule names no identity to announce",
+                    "put the identity that belongs to the preshared key into id_local of the rule");
     }
     vpnfc::SecretString key;
     if (!credentials_.PresharedKey(settings_.preshared_key, key)) {
@@ -155,12 +160,14 @@ bool Authenticator::Prove(const AuthContext& context, Payloads& out, Outcome& ou
 
 bool Authenticator::ReadIdentity(const Payload* payload, Identification& wire, LPCFG::ipsecid_t& id, Outcome& outcome) {
     if (payload == nullptr || !Decode(payload->body, wire)) {
-        return Fail(outcome, Ending::kIdentityRefused, "the peer announces no identity");
+        return Fail(outcome, Ending::kIdentityRefused, "the peer announces no identity",
+                    "the peer breaks the protocol: report the exchange to its maker with --pcap");
     }
     report_.Add("received", "peer's identity " + Describe(wire));
     peer_name_ = Describe(wire);
     if (!FromWire(wire, id)) {
-        return Fail(outcome, Ending::kIdentityRefused, "identities of this type are not supported: " + Describe(wire));
+        return Fail(outcome, Ending::kIdentityRefused, "identities of this type are not supported: " + Describe(wire),
+                    "give the peer a name, an e-mail address, an IPv4 address or a DN as its identity");
     }
     if (IsAllowedIdentity(settings_.rule->id_remote, id)) return true;
     return Fail(outcome, Ending::kIdentityRefused, "id_remote of the rule does not allow " + Describe(wire));
@@ -191,7 +198,12 @@ bool Authenticator::JudgeByCertificate(const std::string& octets, const LPCFG::i
     pki_alg_t alg = 0;
     std::string signature;
     std::string why;
-    if (!DecodeSignature(auth, hashes(), alg, signature, why)) return Fail(outcome, Ending::kMethodRefused, why);
+    const SignaturePolicy policy{
+        .public_key = peer->rawPubKey, .announced = hashes(), .newer_agreed = !peer_hashes_.empty()};
+    if (!DecodeSignature(auth, policy, alg, signature, why)) {
+        return Fail(outcome, Ending::kMethodRefused, why,
+                    "make the peer sign with SHA-256, SHA-384 or SHA-512, by digital signature (RFC 7427)");
+    }
     const std::string method = Describe(SignatureChoice{auth.method, alg});
     if (!credentials_.VerifyOctets(*peer, alg, octets, signature)) {
         return Fail(outcome, Ending::kSignatureWrong, "the signature of " + peer_name_ + " is wrong (" + method + ")");

@@ -55,14 +55,13 @@ class Authenticator {
                             const Payloads& in, Outcome& outcome);
     bool JudgeByPresharedKey(const std::string& octets, const Algorithm& prf, const AuthData& auth, Outcome& outcome);
     std::vector<CertPayload> ReadCertificates(const Payloads& in);
-    bool Fail(Outcome& outcome, Ending ending, std::string reason);
+    static bool Fail(Outcome& outcome, Ending ending, std::string reason, std::string_view advice = {});
 
     const ExchangeSettings& settings_;
     const bool initiator_;
     Report& report_;
     Credentials credentials_;
     CertRequests peer_requests_{.format = CM::kPublicKeySha1};
-    bool bundle_requested_ = false;
     HashSet peer_hashes_;
     std::string peer_name_;
     std::string own_name_;

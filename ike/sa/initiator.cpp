@@ -202,8 +202,10 @@ void Initiator::SendAuth() {
         payloads.push_back(MakePayload(kPayloadIdr, ToWire(wanted.front())));
     }
     if (!childless_) AddChild(payloads);
-    std::string why;
-    if (!Fits(payloads, why)) return End(Ending::kCannotSign, why);
+    if (!Fits(payloads, outcome)) {
+        Conclude(outcome);
+        return Finish();
+    }
     Request(kAuth, payloads);
 }
 

@@ -134,10 +134,7 @@ void Responder::OnAuth(const Message& message) {
         return RefuseAuth(message, outcome);
     }
     AnswerChild(message.payloads, payloads);
-    if (!Fits(payloads, outcome.reason)) {
-        outcome.ending = Ending::kCannotSign;
-        return RefuseAuth(message, outcome);
-    }
+    if (!Fits(payloads, outcome)) return RefuseAuth(message, outcome);
     Respond(message, payloads);
     StartTimer(kPatience);
     if (!child_open_) return;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <sstream>
 
 #include "ike/wire/bytes.h"
 #include "platform/asn1.h"
@@ -65,12 +66,20 @@ bool Capture::OpenDatagrams(const std::string& path, std::string& error) {
 }
 
 bool Capture::OpenKeys(const std::string& path, std::string& error) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    const bool is_private = fd >= 0 && fchmod(fd, S_IRUSR | S_IWUSR) == 0;
-    if (is_private) keys_.open(path, std::ios::app);
-    if (!is_private || !keys_) error = path + " cannot be written: " + std::strerror(errno);
-    if (fd >= 0) close(fd);
-    return error.empty();
+    constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kPrivate);
+    struct stat info {};
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        error = path + " cannot be written: " + (errno == ELOOP ? "it is a link" : std::strerror(errno));
+    } else if (!S_ISREG(info.st_mode) || info.st_uid != geteuid() || info.st_nlink != 1) {
+        error = path + " cannot be written: it is not a file of this user's alone";
+    } else if (fchmod(fd, kPrivate) != 0 || ftruncate(fd, 0) != 0) {
+        error = path + " cannot be written: " + std::strerror(errno);
+    } else {
+        keys_.reset(fdopen(fd, "w"));
+    }
+    if (!keys_ && fd >= 0) close(fd);
+    return keys_ != nullptr;
 }
 
 void Capture::Add(const Address& from, const Address& to, bool marked, const std::string& datagram) {
@@ -92,14 +101,16 @@ void Capture::Add(const Address& from, const Address& to, bool marked, const std
 
 void Capture::AddKeys(const Association& association) {
     const SessionKeys* keys = association.keys();
-    if (!keys_.is_open() || keys == nullptr) return;
+    if (!keys_ || keys == nullptr) return;
     const Suite& suite = association.suite();
-    keys_ << TO_HEX_STD_STRING(NetworkOrder(association.initiator_spi())) << ','
-          << TO_HEX_STD_STRING(NetworkOrder(association.responder_spi())) << ',' << Hex(keys->initiator_encryption)
-          << ',' << Hex(keys->responder_encryption) << ",\"" << EncryptionName(*suite.encryption) << "\","
-          << Hex(keys->initiator_integrity) << ',' << Hex(keys->responder_integrity) << ",\""
-          << IntegrityName(suite.integrity) << "\"\n"
-          << std::flush;
+    std::ostringstream line;
+    line << TO_HEX_STD_STRING(NetworkOrder(association.initiator_spi())) << ','
+         << TO_HEX_STD_STRING(NetworkOrder(association.responder_spi())) << ',' << Hex(keys->initiator_encryption)
+         << ',' << Hex(keys->responder_encryption) << ",\"" << EncryptionName(*suite.encryption) << "\","
+         << Hex(keys->initiator_integrity) << ',' << Hex(keys->responder_integrity) << ",\""
+         << IntegrityName(suite.integrity) << "\"\n";
+    std::fputs(line.str().c_str(), keys_.get());
+    std::fflush(keys_.get());
 }
 
 }  // namespace ikeauth
