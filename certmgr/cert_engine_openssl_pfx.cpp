@@ -10,6 +10,7 @@
 
 using cert_engine::BagCert;
 using cert_engine::BagKey;
+using cert_engine::BagsPtr;
 using cert_engine::EncryptedKeyPtr;
 using cert_engine::ErrorMark;
 using cert_engine::kExportFailed;
@@ -17,6 +18,7 @@ using cert_engine::Owner;
 using cert_engine::Pkcs12File;
 using cert_engine::Pkcs12Ptr;
 using cert_engine::Pkcs8Ptr;
+using cert_engine::SafesPtr;
 
 namespace {
 
@@ -64,16 +66,6 @@ std::unique_ptr<PKCS12_PBE_key_iv_t> KeepEncrypted(const BagKey& bag, const std:
 }
 
 // --- Writing ---
-
-void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
-    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-}
-using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
-
-void FreeSafes(STACK_OF(PKCS7) * safes) {
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-}
-using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
 
 /// Takes over both. `key_id` (empty: none) tells which certificate is the key's.
 bool AddBag(STACK_OF(PKCS12_SAFEBAG) * bags, PKCS12_SAFEBAG* bag, std::string& key_id) {
@@ -137,9 +129,10 @@ void CertEngine_ClosePBEPrivKey(PKCS12_PBE_key_iv_t* key) {
 }
 
 P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password, void*& cert,
-                                         void*& key, std::vector<void*>& certs) {
+                                         void*& key, std::vector<void*>& certs, P12Budget* budget) {
     const ErrorMark mark;
-    Pkcs12File file(password);
+    P12Budget fresh;
+    Pkcs12File file(password, budget != nullptr ? *budget : fresh);
     const P12ReadResult result = file.Read(View(data, length));
     if (result != kP12Read) return result;
     if (file.keys().size() != 1) return kP12Unsupported;
@@ -157,9 +150,11 @@ P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, cons
 }
 
 P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
-                                             std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs) {
+                                             std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs,
+                                             P12Budget* budget) {
     const ErrorMark mark;
-    Pkcs12File file(password);
+    P12Budget fresh;
+    Pkcs12File file(password, budget != nullptr ? *budget : fresh);
     const P12ReadResult result = file.Read(View(data, length));
     if (result != kP12Read) return result;
     std::vector<bool> taken(file.certs().size());

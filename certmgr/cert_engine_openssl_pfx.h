@@ -19,23 +19,20 @@ using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;
 using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
 using EncryptedKeyPtr = Owner<X509_SIG, X509_SIG_free>;
 
+inline void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
+    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
+}
+using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
+
+inline void FreeSafes(STACK_OF(PKCS7) * safes) {
+    sk_PKCS7_pop_free(safes, PKCS7_free);
+}
+using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
+
 /// Bytes that a key is derived from; null is no password, which is not the empty one.
 struct PasswordBytes {
     const char* data = nullptr;
     int length = 0;
-};
-
-/// Iterations of key derivation that one reading of a file may cost: seconds. Writers use some thousands for each part, a
-/// million at most.
-class WorkBudget {
-  public:
-    WorkBudget() = default;
-    explicit WorkBudget(std::uint64_t iterations) : left_(iterations) {}
-    /// False when that would be too much.
-    bool Take(std::uint64_t iterations);
-
-  private:
-    std::uint64_t left_ = 5'000'000;
 };
 
 /// A certificate in the default library context, which knows its public key.
@@ -51,10 +48,10 @@ struct BagKey {
     KeyPtr decoded;  // null when libcrypto does not know the algorithm
 };
 
-/// Certificates and keys of a file. Reads one file.
+/// Certificates and keys of a file. Reads one file. The budget is borrowed.
 class Pkcs12File {
   public:
-    explicit Pkcs12File(const std::string& password, WorkBudget budget = {});
+    Pkcs12File(const std::string& password, P12Budget& budget);
 
     P12ReadResult Read(std::string_view bytes);
 
@@ -76,6 +73,8 @@ class Pkcs12File {
     bool ReadKey(const PKCS12_SAFEBAG* bag);
     bool ReadEncryptedKey(const PKCS12_SAFEBAG* bag);
     bool Keep(BagKey key);
+    /// False, and the file is refused, when that would be too much.
+    bool Afford(std::uint64_t iterations);
     bool Refuse();
     P12ReadResult Verdict() const;
     template <typename Open>
@@ -84,7 +83,7 @@ class Pkcs12File {
     vpnfc::SecretString given_;
     vpnfc::SecretString wide_;  // the password as old programs took it
     std::vector<PasswordBytes> passwords_;  // the likeliest first
-    WorkBudget budget_;
+    P12Budget& budget_;
     std::vector<BagCert> certs_;
     std::vector<BagKey> keys_;
     bool mac_right_ = false;

@@ -16,16 +16,6 @@ using PbeParameters = Owner<PBEPARAM, PBEPARAM_free>;
 using Pbe2Parameters = Owner<PBE2PARAM, PBE2PARAM_free>;
 using Pbkdf2Parameters = Owner<PBKDF2PARAM, PBKDF2PARAM_free>;
 
-void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
-    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-}
-using BagsPtr = Owner<STACK_OF(PKCS12_SAFEBAG), FreeBags>;
-
-void FreeSafes(STACK_OF(PKCS7) * safes) {
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-}
-using SafesPtr = Owner<STACK_OF(PKCS7), FreeSafes>;
-
 /// Longer passwords are nobody's.
 constexpr std::size_t kMaxPasswordBytes = 4096;
 /// Decoding one may compute its public key.
@@ -123,14 +113,24 @@ std::string KeyIdOf(const PKCS12_SAFEBAG* bag) {
     return std::string(BytesOf(id->value.octet_string));
 }
 
-void FreeNumbers(ASN1_SEQUENCE_ANY* numbers) {
-    sk_ASN1_TYPE_pop_free(numbers, ASN1_TYPE_free);
+void FreeValues(ASN1_SEQUENCE_ANY* values) {
+    sk_ASN1_TYPE_pop_free(values, ASN1_TYPE_free);
 }
-using NumbersPtr = Owner<ASN1_SEQUENCE_ANY, FreeNumbers>;
+using ValuesPtr = Owner<ASN1_SEQUENCE_ANY, FreeValues>;
+
+/// Whether a file has the content that some versions of libcrypto read without a look whether it is there.
+bool HasContent(std::string_view file) {
+    const auto* p = reinterpret_cast<const unsigned char*>(file.data());
+    const ValuesPtr values(d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(file.size())));
+    const ASN1_TYPE* const safes = sk_ASN1_TYPE_num(values.get()) > 1 ? sk_ASN1_TYPE_value(values.get(), 1) : nullptr;
+    const Owner<PKCS7, PKCS7_free> content(
+        static_cast<PKCS7*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PKCS7), safes)));
+    return content != nullptr && PKCS7_type_is_data(content.get()) && content->d.data != nullptr;
+}
 
 /// Whether the prime, which is the first of the parameters, is of a usual size.
 bool IsPrimeUsual(const ASN1_TYPE* parameters) {
-    const NumbersPtr numbers(
+    const ValuesPtr numbers(
         static_cast<ASN1_SEQUENCE_ANY*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(ASN1_SEQUENCE_ANY), parameters)));
     const ASN1_TYPE* const prime = sk_ASN1_TYPE_num(numbers.get()) > 0 ? sk_ASN1_TYPE_value(numbers.get(), 0) : nullptr;
     return prime != nullptr && ASN1_TYPE_get(prime) == V_ASN1_INTEGER &&
@@ -152,13 +152,7 @@ bool IsCheapToDecode(const PKCS8_PRIV_KEY_INFO* info) {
 
 }  // namespace
 
-bool WorkBudget::Take(std::uint64_t iterations) {
-    if (iterations > left_ || left_ - iterations < kAttemptCost) return false;
-    left_ -= iterations + kAttemptCost;
-    return true;
-}
-
-Pkcs12File::Pkcs12File(const std::string& password, WorkBudget budget)
+Pkcs12File::Pkcs12File(const std::string& password, P12Budget& budget)
     : given_(std::string_view(password)), budget_(budget) {
     passwords_.push_back(BytesOfPassword(given_.get()));
     if (password.empty()) passwords_.push_back({});
@@ -168,17 +162,26 @@ Pkcs12File::Pkcs12File(const std::string& password, WorkBudget budget)
 }
 
 P12ReadResult Pkcs12File::Read(std::string_view bytes) {
-    if (bytes.size() > kMaxPkcs12Bytes) return kP12Unsupported;
+    if (bytes.size() > kMaxPkcs12Bytes || budget_.iterations == 0) return kP12Unsupported;
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     const Pkcs12Ptr file(d2i_PKCS12(nullptr, &p, static_cast<long>(bytes.size())));
-    if (file == nullptr) return kP12NotReadable;
+    if (file == nullptr || !HasContent(bytes)) return kP12NotReadable;
     if (given_.get().size() > kMaxPasswordBytes) return kP12WrongPassword;
     if (CheckMac(file.get()) && ReadSafes(file.get())) return Verdict();
     return refused_ ? kP12Unsupported : kP12NotReadable;
 }
 
+bool Pkcs12File::Afford(std::uint64_t iterations) {
+    std::uint64_t& left = budget_.iterations;
+    if (iterations > left || left - iterations < kAttemptCost) return Refuse();
+    left -= iterations + kAttemptCost;
+    return true;
+}
+
+/// A reader after this one would only find the same.
 bool Pkcs12File::Refuse() {
     refused_ = true;
+    budget_.iterations = 0;
     return false;
 }
 
@@ -304,8 +307,8 @@ bool Pkcs12File::ReadEncryptedKey(const PKCS12_SAFEBAG* bag) {
         if (!opened) return true;
         const bool old = !KnowsCipher(nullptr, scheme->cipher);
         if (old || passwords_.front().data != given_.get().data()) key.encrypted.clear();
-    } else if (!budget_.Take(scheme->iterations)) {  // whoever opens it pays
-        return Refuse();
+    } else if (!Afford(scheme->iterations)) {  // whoever opens it pays
+        return false;
     }
     return Keep(std::move(key));
 }
@@ -315,7 +318,7 @@ template <typename Open>
 bool Pkcs12File::TryPasswords(std::uint64_t iterations, Open open) {
     for (PasswordBytes& password : passwords_) {
         const ErrorMark mark;
-        if (!budget_.Take(iterations)) return Refuse();
+        if (!Afford(iterations)) return false;
         if (!open(password)) continue;
         std::swap(passwords_.front(), password);
         return true;

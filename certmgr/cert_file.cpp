@@ -115,11 +115,12 @@ bool StoreFile(const std::string& content, const std::string& password, std::str
 }  // namespace
 
 X509CertFile::X509CertFile(const std::string& content, const std::string& password) {
+    P12Budget budget;
     if (ReadCert(content) || ReadCrl(content) || ReadPkcs7(content) || ReadBase64Lines(content) ||
-        ReadPkcs12(content, password)) {
+        ReadPkcs12(content, password, budget)) {
         status = kP12Read;
     } else if (status == kP12Unsupported) {  // else the last reader would find the same, at the same price
-        ReadEncryptedPkcs12(content, password);
+        ReadEncryptedPkcs12(content, password, budget);
     }
 }
 
@@ -161,21 +162,21 @@ bool X509CertFile::ReadBase64Lines(const std::string& content) {
     return ReadCert(line) || ReadCrl(line);
 }
 
-bool X509CertFile::ReadPkcs12(const std::string& content, const std::string& password) {
+bool X509CertFile::ReadPkcs12(const std::string& content, const std::string& password, P12Budget& budget) {
     void* cert = nullptr;
     void* key = nullptr;
     std::vector<void*> others;
-    status = CertEngine_ReadP12CertData(content.data(), Length(content), password, cert, key, others);
+    status = CertEngine_ReadP12CertData(content.data(), Length(content), password, cert, key, others, &budget);
     if (status != kP12Read) return false;
     certs.Adopt(NewCert(cert, key).Detach());
     AdoptCerts(others);
     return true;
 }
 
-void X509CertFile::ReadEncryptedPkcs12(const std::string& content, const std::string& password) {
+void X509CertFile::ReadEncryptedPkcs12(const std::string& content, const std::string& password, P12Budget& budget) {
     std::vector<PBEPrivKeyHandle> keys;
     std::vector<void*> others;
-    status = CertEngine_ReadP12CertData_XXX(content.data(), Length(content), password, keys, others);
+    status = CertEngine_ReadP12CertData_XXX(content.data(), Length(content), password, keys, others, &budget);
     if (status != kP12Read) return;
     for (const PBEPrivKeyHandle& key : keys) certs.Adopt(new X509Cert(key));
     AdoptCerts(others);

@@ -1,19 +1,19 @@
 #include "certmgr/discarded_keys.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <iterator>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "platform/base.h"
+
 namespace CM {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 /// What may be left of a key pair; its identifiers are never used again.
 struct Remains {
@@ -22,14 +22,16 @@ struct Remains {
     bool has_certificate = false;
     bool has_private_key = true;
     bool has_public_key = true;
-    Clock::time_point since = Clock::now();
+    std::time_t since = vpnfc::CurrentTime();
+    std::time_t next_try = 0;
 
     bool Gone() const { return !has_certificate && !has_private_key && !has_public_key; }
 };
 
 /// A deletion that fails does not say whether nothing was there. A call whose answer was lost may write late, but not that
-/// late.
-constexpr auto kLongestCall = std::chrono::minutes(10);
+/// late: from then on something that is there resists, and is tried now and then alone.
+constexpr std::time_t kLongestCall = 10 * 60;
+constexpr std::time_t kRetryInterval = 60 * 60;
 
 class Discarded {
   public:
@@ -38,10 +40,11 @@ class Discarded {
         if (all_.size() == kMost) all_.pop_front();
         all_.push_back(std::move(remains));
     }
-    std::vector<Remains> TakeOf(std::uint64_t token) {
+    std::vector<Remains> TakeDue(std::uint64_t token, std::time_t now) {
         const std::lock_guard lock(mutex_);
-        const auto first = std::stable_partition(all_.begin(), all_.end(),
-                                                 [token](const Remains& remains) { return remains.token != token; });
+        const auto first = std::stable_partition(all_.begin(), all_.end(), [&](const Remains& remains) {
+            return remains.token != token || now < remains.next_try;
+        });
         std::vector<Remains> taken(std::make_move_iterator(first), std::make_move_iterator(all_.end()));
         all_.erase(first, all_.end());
         return taken;
@@ -79,13 +82,15 @@ void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& sessio
 }
 
 void DeleteDiscarded(const PKCS11::TokenInfo& token) {
-    std::vector<Remains> all = DiscardedKeys().TakeOf(token.id);
+    const std::time_t now = vpnfc::CurrentTime();
+    std::vector<Remains> all = DiscardedKeys().TakeDue(token.id, now);
     if (all.empty()) return;
     PKCS11::TokenSession session(token, PKCS11::TokenSession::kPrivate);
     for (Remains& remains : all) {
         if (session) Delete(session, remains);
-        const bool looked_long_enough = session && Clock::now() - remains.since > kLongestCall;
-        if (!remains.Gone() && !looked_long_enough) DiscardedKeys().Add(std::move(remains));
+        if (remains.Gone()) continue;
+        if (session && now - remains.since > kLongestCall) remains.next_try = now + kRetryInterval;
+        DiscardedKeys().Add(std::move(remains));
     }
 }
 

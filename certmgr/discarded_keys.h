@@ -9,7 +9,8 @@
 namespace CM {
 
 /// Deletes the key pair with that identifier, and the certificate (may be null: there is none) that was written beside it.
-/// What could not be deleted, because the token is gone or still at work on it, say, is deleted by a later reload.
+/// What could not be deleted, because the token is gone or still at work on it, say, is deleted by a later reload, however
+/// long that takes; of more than 256 the oldest is given up.
 void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id,
                     const CertInfo* certificate = nullptr);
 

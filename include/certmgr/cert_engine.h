@@ -123,14 +123,23 @@ enum P12ReadResult : int {
     kP12Unsupported = 3,  // beyond the limits, protected in a way that is not known, or not this reader's kind of file
 };
 
+/// What the readings of one file may cost together, in iterations of key derivation: seconds. Writers use some thousands
+/// for each part, a million at most. Nothing is left after a file that is beyond the limits.
+struct P12Budget {
+    std::uint64_t iterations = 5'000'000;
+};
+
 /// Reads a file with one private key that libcrypto understands: the key in the clear, its certificate, and the other
-/// certificates in the order of the file, appended. Fails for any other file.
+/// certificates in the order of the file, appended. Fails for any other file. `budget` (null: a fresh one) is for readers
+/// that try the same file one after the other.
 CM_API P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password,
-                                                void*& cert, void*& key, std::vector<void*>& certs);
+                                                void*& cert, void*& key, std::vector<void*>& certs,
+                                                P12Budget* budget = nullptr);
 /// Reads a file with any number of keys, which stay encrypted: each with its certificate, and the remaining
 /// certificates, appended. Keys without a certificate are left out.
 CM_API P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
-                                                    std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs);
+                                                    std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs,
+                                                    P12Budget* budget = nullptr);
 /// Writes certificates, and the private key of the first one (PrivateKeyInfo DER; empty: none), encrypted with AES-256
 /// under the password (UTF-8; null is the empty one). 1 success, 3 failure. Null handles are left out.
 CM_API int CertEngine_ExportCertsToPKCS12(const std::vector<void*>& certs, const std::string& pkcs8,

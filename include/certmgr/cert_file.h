@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "certmgr/api.h"
+#include "certmgr/cert_engine.h"
 #include "certmgr/cert_storage.h"
 #include "certmgr/records.h"
 #include "certmgr/x509cert.h"
@@ -29,8 +30,8 @@ class CM_API X509CertFile {
     bool ReadCrl(const std::string& content);
     bool ReadPkcs7(const std::string& content);
     bool ReadBase64Lines(const std::string& content);
-    bool ReadPkcs12(const std::string& content, const std::string& password);
-    void ReadEncryptedPkcs12(const std::string& content, const std::string& password);
+    bool ReadPkcs12(const std::string& content, const std::string& password, P12Budget& budget);
+    void ReadEncryptedPkcs12(const std::string& content, const std::string& password, P12Budget& budget);
     void AdoptCerts(const std::vector<void*>& handles);
 };
 

@@ -1,6 +1,18 @@
 #include "platform/bridge/listeners.h"
 
+#include <exception>
+
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+
 namespace bridge {
+namespace {
+
+void LogThrow(const CommandListener& listener, const char* what) {
+    TLogMessage(kMsgBridgeCommandFailed).Attr(std::to_string(listener.group()) + ": " + what).Send();
+}
+
+}  // namespace
 
 Listeners& Listeners::Instance() {
     static Listeners* const listeners = new Listeners;
@@ -77,7 +89,14 @@ template <typename Call>
 void Listeners::Tell(Call call) const {
     for (const EntryPtr& entry : All()) {
         const std::shared_lock lock(entry->in_use);
-        if (entry->listener != nullptr) call(*entry->listener);
+        if (entry->listener == nullptr) continue;
+        try {
+            call(*entry->listener);
+        } catch (const char* text) {
+            LogThrow(*entry->listener, text);
+        } catch (const std::exception& error) {
+            LogThrow(*entry->listener, error.what());
+        }
     }
 }
 

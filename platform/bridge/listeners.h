@@ -26,6 +26,7 @@ class Listeners {
     /// Throws what the listener throws.
     ExecResult Execute(BridgeSession& session, std::uint32_t group, std::uint32_t command, const std::string& input,
                        std::string& output) const;
+    /// A listener that throws does not keep the others from being told; the log says what it threw.
     void SessionOpened(BridgeSession& session);
     void SessionClosed(BridgeSession& session);
 

@@ -27,6 +27,8 @@ constexpr std::size_t kMaxUnsentBytes = 1U << 20;
 /// What a frame that waits costs beside its bytes.
 constexpr std::size_t kFrameCharge = 128;
 constexpr std::size_t kReadAtOnce = 64U << 10;
+/// A frame that has begun must end in that many times the stall limit, however it comes.
+constexpr int kFrameStalls = 4;
 
 /// The longer text with what was there, none of which is left behind.
 bool Grow(vpnfc::SecretString& text, std::size_t size) {
@@ -88,8 +90,8 @@ void Session::Guard(Step step) {
 auto Session::NoteRead() {
     return [this](const std::error_code& error, std::size_t count) {
         if (count != 0) {
-            frame_begun_ = true;
             last_read_ = Clock::now();
+            if (!std::exchange(frame_begun_, true)) frame_begun_at_ = last_read_;
         }
         return error ? 0 : kReadAtOnce;
     };
@@ -250,7 +252,9 @@ void Session::CheckStall(Clock::time_point now, std::chrono::milliseconds limit)
     if (waits && now - last_progress_ >= limit) {
         return Drop(greeted_ ? "it does not take what is sent to it" : "it does not say hello");
     }
-    if (frame_begun_ && !finishing_ && now - last_read_ >= limit) Drop("it does not go on with a frame it began");
+    if (!frame_begun_ || finishing_) return;
+    if (now - last_read_ >= limit) return Drop("it does not go on with a frame it began");
+    if (now - frame_begun_at_ >= kFrameStalls * limit) Drop("it does not end a frame it began");
 }
 
 // --- Closing ---
@@ -353,7 +357,22 @@ void Session::CloseJobs() noexcept {
 
 void Session::RunJobs() {
     const auto self = shared_from_this();
-    for (Job job; NextJob(job); job = Job()) RunJob(job);
+    for (Job job; NextJob(job); job = Job()) {
+        try {
+            RunJob(job);
+        } catch (const std::exception& error) {
+            DropLater(error.what());
+        }
+    }
+}
+
+/// From a worker. A session whose jobs go wrong, of no memory say, ends.
+void Session::DropLater(const char* why) noexcept {
+    try {
+        server_.Post([self = shared_from_this(), text = std::string(why)] { self->Drop(text); });
+    } catch (const std::exception&) {
+        // It is dropped when it stalls.
+    }
 }
 
 bool Session::NextJob(Job& job) {
@@ -381,9 +400,18 @@ void Session::RunJob(Job& job) {
                           bytes = job.command.input.get().size()] { self->OnCommandDone(answer, bytes); });
             break;
         case JobKind::kClosed:
-            if (opened_) Listeners::Instance().SessionClosed(*this);
+            CloseListeners();
             server_.Settled(id_);
             break;
+    }
+}
+
+/// Whatever fails, the session settles: a server that stops waits for it.
+void Session::CloseListeners() noexcept {
+    try {
+        if (opened_) Listeners::Instance().SessionClosed(*this);
+    } catch (const std::exception&) {
+        // Of no memory: what the listeners keep for the session stays.
     }
 }
 

@@ -95,6 +95,8 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     void RunJobs();
     bool NextJob(Job& job);
     void RunJob(Job& job);
+    void CloseListeners() noexcept;
+    void DropLater(const char* why) noexcept;
     SharedFrame Execute(const Command& command);
     void OnCommandDone(const SharedFrame& answer, std::size_t input_bytes);
     bool QueueIsFull() const;
@@ -120,6 +122,7 @@ class Session final : public BridgeSession, public std::enable_shared_from_this<
     std::size_t payload_read_ = 0;
     bool reading_ = false;
     bool frame_begun_ = false;
+    Clock::time_point frame_begun_at_{};
     Clock::time_point last_read_{};
 
     std::deque<SharedFrame> to_send_;

@@ -4,7 +4,24 @@
 
 #include <exception>
 
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
+
 namespace bridge {
+namespace {
+
+/// The outermost frame of a worker: what nobody caught ends the work at hand, not the process.
+void Do(const std::function<void()>& work) noexcept {
+    try {
+        work();
+    } catch (const std::exception& error) {
+        TLogMessage(kMsgBridgeCommandFailed).Attr(error.what()).Send();
+    } catch (const char* text) {
+        TLogMessage(kMsgBridgeCommandFailed).Attr(text).Send();
+    }
+}
+
+}  // namespace
 
 void WorkerPool::Start() {
     const std::lock_guard lock(mutex_);
@@ -47,7 +64,7 @@ void WorkerPool::Run() {
         std::function<void()> work = std::move(queue_.front());
         queue_.pop_front();
         lock.unlock();
-        work();
+        Do(work);
         work = nullptr;  // what it held goes outside the lock
         lock.lock();
         ++idle_;

@@ -68,12 +68,19 @@ class TestListener : public CommandListener {
                 return false;
         }
     }
-    void OnOpenSession(BridgeSession* /*session*/) override { ++opened; }
-    void OnCloseSession(BridgeSession* /*session*/) override { closed.Signal(); }
+    void OnOpenSession(BridgeSession* /*session*/) override {
+        ++opened;
+        if (throws) throw std::runtime_error("opening");
+    }
+    void OnCloseSession(BridgeSession* /*session*/) override {
+        closed.Signal();
+        if (throws) throw "closing";
+    }
     void OnOpenFirstSession() override { ++first; }
     void OnCloseLastSession() override { last.Signal(); }
     void OnCloseLastSessionWithUser(BridgeSession* session) override { last_user = session->User(); }
 
+    std::atomic<bool> throws{false};
     std::atomic<unsigned> opened{0};
     std::atomic<unsigned> first{0};
     std::atomic<unsigned> last_user{0};
@@ -235,6 +242,20 @@ TEST_F(ServerTest, ListenersSeeSessionsComeAndGo) {
     EXPECT_EQ(listener_.opened, count + 1);
     EXPECT_EQ(listener_.first, 1U);
     EXPECT_EQ(listener_.last_user, geteuid());
+}
+
+// A listener that throws is logged; the sessions, the other listeners and the process go on.
+TEST_F(ServerTest, ListenersMayThrow) {
+    listener_.throws = true;
+    auto client = Connect();
+    std::string reply;
+    EXPECT_TRUE(client->Call(kGroup, kEcho, "x", reply));
+    client->Disconnect();
+    EXPECT_TRUE(listener_.closed.Wait());
+    bridge::Stop();  // waits for the session
+    for (const char* text : {"100: opening", "100: closing"}) {
+        EXPECT_TRUE(vendor_host::Logged(text, kMsgBridgeCommandFailed)) << text;
+    }
 }
 
 TEST_F(ServerTest, WhatCannotBeClosesTheSessionAndNothingElse) {
@@ -424,6 +445,20 @@ TEST_F(LimitsTest, SilentAndStalledClientsAreDroppedInTime) {
     EXPECT_NE(dropped[2].Text().find("does not go on with a frame it began"), std::string::npos);
     std::string reply;
     EXPECT_TRUE(idle->Call(kGroup, kEcho, {}, reply));
+}
+
+// A frame that comes byte by byte is not waited for without end.
+TEST_F(LimitsTest, DrippingClientsAreDroppedInTime) {
+    settings_.stall_limit = std::chrono::milliseconds(100);
+    Start();
+    const RawClient client(settings_.socket_path);
+    client.Hello();
+    client.Send(bridge::BeginFrame(FrameType::kCommand, 1, 1000000));
+    for (unsigned sent = 0; !listener_.closed.Wait(1, std::chrono::milliseconds(20)); ++sent) {
+        ASSERT_LT(sent, 1000U);
+        client.Send("x");
+    }
+    EXPECT_TRUE(vendor_host::Logged("does not end a frame it began", kMsgBridgeClientDropped));
 }
 
 TEST_F(LimitsTest, SessionsAreLimited) {

@@ -214,6 +214,32 @@ TEST_F(Changes, TokenRemovedInMidImport) {
     }
 }
 
+// A key pair that resists is deleted in the end, though not tried at each reload for ever.
+TEST_F(Changes, WhatCannotBeDeletedIsTriedForLong) {
+    const X509CertFile file(LeafWithKey(), kPassword);
+    const std::time_t start = vpnfc::CurrentTime();
+    control_.Set({"fail C_CreateObject CKR_DEVICE_MEMORY skip 2", "fail C_DestroyObject CKR_DEVICE_ERROR",
+                  "trace C_DestroyObject"});
+    EXPECT_EQ(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr),
+              CM::ImportCertError);
+    const struct {
+        int minutes;
+        bool tried;
+    } steps[] = {{1, true}, {11, true}, {12, false}, {72, true}};
+    for (const auto& step : steps) {
+        vpnfc::SetCurrentTimeForTesting(start + 60 * step.minutes);
+        const int before = control_.Calls("C_DestroyObject");
+        store().ReloadCertificates();
+        EXPECT_EQ(control_.Calls("C_DestroyObject") > before, step.tried) << step.minutes;
+    }
+    control_.Set({});
+    vpnfc::SetCurrentTimeForTesting(start + 60 * 200);
+    store().ReloadCertificates();
+    vpnfc::SetCurrentTimeForTesting(std::nullopt);
+    EXPECT_EQ(ObjectsOnToken(), 0U);
+    EXPECT_FALSE(KeyOnToken(Leaf().spki));
+}
+
 TEST_F(Changes, Exports) {
     ImportAll();
     const CertInfo info = store().personalCerts[0]->info;

@@ -215,6 +215,78 @@ std::string KeyUnder(X509_ALGOR* algorithm) {
     return FileOf(PKCS12_SAFEBAG_create0_pkcs8(key));
 }
 
+// Files put together by hand: what libcrypto would not write.
+
+std::string Tagged(const std::string& content) {
+    return der::Tlv(0xA0, content);
+}
+std::string Bag(const char* kind, const std::string& value) {
+    return der::Sequence(der::Oid(std::string("1.2.840.113549.1.12.10.1.") + kind) + Tagged(value));
+}
+std::string CertBag(const std::string& cert) {
+    return Bag("3", der::Sequence(der::Oid("1.2.840.113549.1.9.22.1") + Tagged(der::OctetString(cert))));
+}
+std::string Data(const std::string& content) {
+    return der::Sequence(der::Oid("1.2.840.113549.1.7.1") + Tagged(der::OctetString(content)));
+}
+std::string FileWith(const std::string& safe) {
+    return der::Sequence(der::Integer(3) + Data(der::Sequence(safe)));
+}
+std::string FileOfBags(const std::string& bags) {
+    return FileWith(Data(der::Sequence(bags)));
+}
+std::string Nested(int depth, const std::string& bag) {
+    return depth == 0 ? bag : Nested(depth - 1, Bag("6", der::Sequence(bag)));
+}
+/// A key under a cipher that nobody here knows: it counts as many iterations as it says, and takes no time.
+std::string KeyUnderUnknownCipher(std::uint64_t iterations) {
+    const std::string derivation = der::Sequence(der::Oid("1.2.840.113549.1.5.12") +
+                                                 der::Sequence(der::OctetString("salt") + der::Integer(iterations)));
+    const std::string scheme = der::Sequence(derivation + der::Sequence(der::Oid("1.2.3.4")));
+    return Bag("2", der::Sequence(der::Sequence(der::Oid("1.2.840.113549.1.5.13") + scheme) + der::OctetString("key")));
+}
+std::string PlainKey(const char* algorithm, const std::string& key) {
+    return Bag("1", der::Sequence(der::Integer(0) + der::Sequence(der::Oid(algorithm)) + der::OctetString(key)));
+}
+std::string RsaKey(std::size_t bytes) {
+    std::string numbers = der::Integer(0);
+    for (const std::size_t part : {2 * bytes, std::size_t{1}, 2 * bytes, bytes, bytes, bytes, bytes, bytes}) {
+        numbers += der::Tlv(2, std::string(part, '\x55'));
+    }
+    return PlainKey("1.2.840.113549.1.1.1", der::Sequence(numbers));
+}
+
+TEST_F(FileTest, FilesThatNobodyWrites) {
+    const std::string cert = CertBag(ca_.der);
+    std::string many;
+    for (int i = 0; i <= 4096; ++i) many += cert;
+    const struct {
+        const char* name;
+        std::string file;
+        int status;
+    } cases[] = {
+        {"bags in bags", FileOfBags(Nested(4, cert)), kP12Read},
+        {"and deeper", FileOfBags(Nested(5, cert)), kP12Unsupported},
+        {"without content", der::Sequence(der::Integer(3) + der::Sequence(der::Oid("1.2.840.113549.1.7.1"))),
+         kP12NotReadable},
+        {"a part without content", FileWith(der::Sequence(der::Oid("1.2.840.113549.1.7.1"))), kP12NotReadable},
+        {"for the holder of a key", FileWith(der::Sequence(der::Oid("1.2.840.113549.1.7.3"))), kP12Unsupported},
+        {"too many certificates", FileOfBags(many), kP12Unsupported},
+        {"RSA key", FileOfBags(cert + RsaKey(1024)), kP12Read},
+        {"RSA key of too many bits", FileOfBags(cert + RsaKey(1025)), kP12Unsupported},
+        {"key", FileOfBags(cert + PlainKey("1.2.3.4", std::string(16000, 'k'))), kP12Read},
+        {"key too long", FileOfBags(cert + PlainKey("1.2.3.4", std::string(16384, 'k'))), kP12Unsupported},
+        // Each of two readers takes what the keys say, from one budget.
+        {"work", FileOfBags(cert + KeyUnderUnknownCipher(2'000'000)), kP12Read},
+        {"too much work for two", FileOfBags(cert + KeyUnderUnknownCipher(3'000'000)), kP12Unsupported},
+        {"too much work for one",
+         FileOfBags(cert + KeyUnderUnknownCipher(3'000'000) + KeyUnderUnknownCipher(2'500'000)), kP12Unsupported},
+    };
+    for (const auto& c : cases) EXPECT_EQ(X509CertFile(c.file, kPassword).status, c.status) << c.name;
+    const std::string file = MakePkcs12(user_.key, {user_.der});
+    EXPECT_EQ(X509CertFile(file, std::string(4097, 'p')).status, kP12WrongPassword);
+}
+
 // A file decides how much work it makes: within limits.
 TEST_F(FileTest, CostlyFilesAreRefused) {
     constexpr int kMost = 0x7FFFFFFF;
