@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 
@@ -18,6 +20,11 @@ constexpr const char* kPlugins =
     "socket-default vici";
 
 }  // namespace
+
+bool PeersRequired() {
+    const char* value = std::getenv("CERTMGR_REQUIRE_PEERS");
+    return value != nullptr && *value != '\0';
+}
 
 std::uint16_t FreeUdpPort() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -122,9 +129,10 @@ std::vector<std::string> Client::Words(const std::string& command, const std::ve
     return words;
 }
 
-test_support::ProcessResult Client::Probe(std::uint16_t port, const std::vector<std::string>& options) const {
+test_support::ProcessResult Client::Probe(std::uint16_t port, const std::vector<std::string>& options,
+                                          const std::string& host) const {
     std::vector<std::string> words = Words("probe", options);
-    words.insert(words.begin() + 2, {"127.0.0.1", "--port", std::to_string(port)});
+    words.insert(words.begin() + 2, {host, "--port", std::to_string(port)});
     return test_support::Run(words);
 }
 
@@ -140,12 +148,13 @@ test_support::ProcessResult Client::EndOf(test_support::Process& responder) {
 std::unique_ptr<test_support::Process> Client::Respond(const std::vector<std::string>& options, std::uint16_t& port,
                                                        bool only_one) const {
     std::vector<std::string> words = Words("respond", options);
-    words.insert(words.end(), {"--port", "0", "--count", only_one ? "1" : "0"});
+    if (std::find(words.begin(), words.end(), "--port") == words.end()) words.insert(words.end(), {"--port", "0"});
+    words.insert(words.end(), {"--count", only_one ? "1" : "0"});
     auto process = std::make_unique<test_support::Process>(words);
-    const std::string mark = "listens on 127.0.0.1:";
     if (!process->WaitForOutput("carries no traffic")) throw std::runtime_error(process->Out() + process->Err());
     const std::string out = process->Out();
-    port = static_cast<std::uint16_t>(std::stoul(out.substr(out.find(mark) + mark.size())));
+    const std::size_t end = std::min(out.find(" and port"), out.find(". It"));
+    port = static_cast<std::uint16_t>(std::stoul(out.substr(out.rfind(':', end) + 1)));
     return process;
 }
 

@@ -15,6 +15,15 @@ namespace ike_test {
 
 inline constexpr const char* kCharonPath = "/usr/lib/ipsec/charon";
 
+/// Whether a program to test against must be there, as .ci/run says; where not, its tests may be skipped.
+bool PeersRequired();
+/// Ends a test that cannot run here: as failed, or as skipped.
+#define IKE_CANNOT_RUN(why)                 \
+    do {                                    \
+        if (PeersRequired()) FAIL() << why; \
+        GTEST_SKIP() << why;                \
+    } while (false)
+
 /// A UDP port that was free a moment ago.
 std::uint16_t FreeUdpPort();
 void WriteFile(const std::filesystem::path& path, const std::string& content, bool is_private = false);
@@ -65,7 +74,8 @@ class Client {
     explicit Client(const Contents& contents);
 
     /// `ikeauth` with the settings and the rule, run to its end.
-    test_support::ProcessResult Probe(std::uint16_t port, const std::vector<std::string>& options) const;
+    test_support::ProcessResult Probe(std::uint16_t port, const std::vector<std::string>& options,
+                                      const std::string& host = "127.0.0.1") const;
     /// Answers initiators, one or until it is told to stop. The port is in `port` when this returns.
     std::unique_ptr<test_support::Process> Respond(const std::vector<std::string>& options, std::uint16_t& port,
                                                    bool only_one = true) const;

@@ -330,7 +330,9 @@ class Pair {
 };
 
 TEST(StrongSwanTest, AcceptsAndRefusesAsWeDo) {
-    if (!std::filesystem::exists(kCharonPath)) GTEST_SKIP() << "strongSwan is not installed: see scripts/deps --ci";
+    if (!std::filesystem::exists(kCharonPath) || test_support::Run({"swanctl", "--help"}).exit_code == -1) {
+        IKE_CANNOT_RUN("strongSwan is not installed: see scripts/deps --ci");
+    }
     Charon charon;
     ASSERT_TRUE(charon.running()) << charon.Trouble();
     const test_support::NginxServer crls;

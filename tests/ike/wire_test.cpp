@@ -3,56 +3,18 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <openssl/rand.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
-#include "ike/sa/initiator.h"
-#include "ike/sa/server.h"
-#include "tests/ike/charon.h"
+#include "tests/ike/noise.h"
+#include "tests/ike/wire.h"
 
 namespace ike_test {
 namespace {
-
-using test_pki::Cert;
-
-/// Two hosts under one root.
-class WireTest : public testing::Test {
-  protected:
-    static Cert Host(const std::string& name, const Cert& root) {
-        return test_pki::MakeCert({.subject = "CN=" + name,
-                                   .key_usage = "digitalSignature",
-                                   .eku = {"ipsecIKE"},
-                                   .san = {"DNS:" + name + ".example"}},
-                                  &root);
-    }
-    Client::Contents Contents(const std::string& name) const {
-        return {.own = {Host(name, root_)},
-                .trusted = {root_},
-                .preshared_key = "one key for both",
-                .rule = "id_local = [{fqdn = \"" + name + ".example\"}]\n"};
-    }
-    test_support::ProcessResult Exchange(const std::vector<std::string>& initiator,
-                                         const std::vector<std::string>& responder,
-                                         test_support::ProcessResult* other = nullptr) const {
-        std::uint16_t port = 0;
-        const auto process = bob_.Respond(responder, port);
-        const auto result = alice_.Probe(port, initiator);
-        const auto bobs = Client::EndOf(*process);
-        if (other != nullptr) *other = bobs;
-        return result;
-    }
-
-    const Cert root_ = test_pki::MakeCa("CN=Root");
-    const Client alice_{Contents("alice")};
-    const Client bob_{Contents("bob")};
-};
 
 TEST_F(WireTest, BothSidesSayTheSame) {
     struct Case {
@@ -163,66 +125,6 @@ TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
     EXPECT_NE(closed.out.find("verdict: unreachable"), std::string::npos) << closed.out;
 }
 
-/// Datagrams of all kinds of wrong: noise, headers with noise behind, and IKE_SA_INIT with bits turned.
-class Noise {
-  public:
-    Noise() {
-        ikeauth::Report report;
-        const ikeauth::Endpoints endpoints{"123456", "123456"};
-        const ikeauth::ExchangeSettings settings = Settings();
-        ikeauth::Initiator initiator(settings, endpoints, report);
-        initiator.Start();
-        init_ = initiator.TakeOutgoing().front();
-    }
-    /// Without certificates, and so without the module.
-    static ikeauth::ExchangeSettings Settings() {
-        static const LPCFG::auth_ike_t rule;
-        ikeauth::ExchangeSettings settings;
-        settings.rule = &rule;
-        settings.preshared_key = "none";
-        return settings;
-    }
-    std::string Next(unsigned number) {
-        std::string bytes = ikeauth::RandomBytes(1 + number * 7 % 600);
-        if (number % 3 == 0) return bytes;
-        if (number % 3 == 1) {
-            bytes.resize(std::max<std::size_t>(bytes.size(), 28));
-            bytes[17] = 0x20;
-            bytes[18] = static_cast<char>(34 + number % 4);
-            bytes.replace(24, 4,
-                          std::string{0, 0, static_cast<char>(bytes.size() >> 8), static_cast<char>(bytes.size())});
-            return bytes;
-        }
-        std::string init = init_;
-        std::copy_n(bytes.data(), std::min<std::size_t>(bytes.size(), 8), init.data());  // an SPI of its own
-        init[28 + number % (init.size() - 28)] ^= static_cast<char>(1U << number % 8);
-        return init;
-    }
-
-  private:
-    std::string init_;
-};
-
-TEST(ServerTest, OutlivesStrangers) {
-    const char* wanted = std::getenv("IKE_RANDOM_DATAGRAMS");  // a million takes a minute
-    const unsigned count = wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : 50000;
-    ikeauth::ExchangeSettings settings = Noise::Settings();
-    ikeauth::Time now{};
-    settings.clock = [&now] { return now; };
-    ikeauth::Server server(settings, {}, false);
-    Noise noise;
-    for (unsigned i = 0; i < count; ++i) {
-        now += std::chrono::milliseconds(1);
-        server.Receive("peer " + std::to_string(i % 50), {"123456", "123456"}, noise.Next(i));
-        server.Tick();
-        server.TakeOutgoing();
-        ASSERT_LE(server.size(), ikeauth::kMaxHalfOpen);
-    }
-    now += std::chrono::minutes(1);
-    server.Tick();
-    EXPECT_EQ(server.size(), 0U);
-}
-
 TEST_F(WireTest, TheResponderOutlivesStrangers) {
     constexpr unsigned kCount = 20000;
     std::uint16_t port = 0;
@@ -243,7 +145,7 @@ TEST_F(WireTest, TheResponderOutlivesStrangers) {
 }
 
 TEST_F(WireTest, TsharkFindsNothingMalformed) {
-    if (test_support::Run({"tshark", "--version"}).exit_code != 0) GTEST_SKIP() << "tshark is not installed";
+    if (test_support::Run({"tshark", "--version"}).exit_code != 0) IKE_CANNOT_RUN("tshark is not installed");
     for (const char* proposal : {"aes256gcm16-sha384-ecp384", "aes256-sha256-x25519"}) {
         const test_support::TempDir home;
         const std::filesystem::path table = home / ".config" / "wireshark" / "ikev2_decryption_table";
