@@ -1,10 +1,15 @@
-// Messages of IKEv2: what is read is written back the same, whole and payload by payload.
+// Messages of IKEv2: what is read is written back the same, whole and payload by payload; and both sides of an SA stand it
+// as the first thing that they get.
+#include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "fuzz/target.h"
 #include "ike/crypto/suites.h"
+#include "ike/sa/initiator.h"
+#include "ike/sa/server.h"
 #include "ike/wire/message.h"
 #include "ike/wire/payloads.h"
 
@@ -47,6 +52,43 @@ void RequireStablePayload(const Payload& payload) {
     RequireStableOffer(payload.body);
 }
 
+/// By preshared key, without an identity: the module is not asked.
+ExchangeSettings Settings(const Time& now) {
+    static const LPCFG::auth_ike_t rule;
+    ExchangeSettings settings;
+    settings.rule = &rule;
+    settings.preshared_key = "none";
+    settings.clock = [&now] { return now; };
+    return settings;
+}
+
+void RequireResponderStands(const std::string& input) {
+    Time now = Time{} + std::chrono::hours(1);
+    const ExchangeSettings settings = Settings(now);
+    Server server(settings, {}, false);
+    for (int i = 0; i < 2; ++i) server.Receive("peer", {"123456", "654321"}, input);
+    if (server.TakeOutgoing().size() > 2) fuzz::Require("more answers than messages");
+    if (server.size() > 1) fuzz::Require("more than one SA for one message");
+    now += std::chrono::hours(1);
+    server.Tick();
+    if (server.size() != 0) fuzz::Require("an SA stays for ever");
+}
+
+/// As the answer to its request, whose SPI it gets.
+void RequireInitiatorStands(std::string input) {
+    Time now = Time{} + std::chrono::hours(1);
+    const ExchangeSettings settings = Settings(now);
+    const Endpoints endpoints{"123456", "654321"};
+    Report report;
+    Initiator initiator(settings, endpoints, report);
+    initiator.Start();
+    initiator.TakeOutgoing().front().copy(input.data(), std::min(input.size(), sizeof(std::uint64_t)));
+    initiator.Receive(input);
+    now += std::chrono::hours(1);
+    initiator.Tick();
+    if (!initiator.finished() || !initiator.outcome()) fuzz::Require("an initiator waits for ever");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -57,6 +99,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (read != flaw.text.empty()) fuzz::Require("an error without a text, or the reverse");
     DescribePayloads(message.payloads);
     for (const Payload& payload : message.payloads) RequireStablePayload(payload);
+    RequireResponderStands(input);
+    RequireInitiatorStands(input);
     if (!read) return 0;
 
     const std::string written = EncodeMessage(message);

@@ -21,10 +21,11 @@ std::string Server::Cookie(const std::string& secret, const std::string& nonce, 
 
 /// A secret that is used for ever may be found; the one before is good for cookies that are on their way.
 void Server::RenewSecret() {
-    const Time now = settings_.clock();
-    if (now - renewed_ < kCookieLife) return;
-    renewed_ = now;
-    previous_secret_ = std::exchange(secret_, RandomBytes(kSecretBytes));
+    const auto lives = (settings_.clock() - renewed_) / kCookieLife;
+    if (lives == 0) return;
+    renewed_ += lives * kCookieLife;
+    previous_secret_ = lives == 1 ? secret_ : RandomBytes(kSecretBytes);
+    secret_ = RandomBytes(kSecretBytes);
 }
 
 bool Server::HasCookie(const Message& message, const Key& key) const {

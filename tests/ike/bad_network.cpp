@@ -89,10 +89,11 @@ void BadNetwork::Pass(Lane& lane, bool to_responder) {
     if (n < 0) return;
     if (to_responder) lane.initiator = from;
     const Datagram datagram{to_responder, std::string(buffer, static_cast<std::size_t>(n)), this};
+    const bool forth = to_responder && lane.responder.sin_port != 0;
     for (const std::string& bytes : rule_(datagram)) {
-        const sockaddr_in& to = to_responder ? lane.responder : lane.initiator;
-        sendto(to_responder ? lane.back : lane.front, bytes.data(), bytes.size(), 0,
-               reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        const sockaddr_in& to = forth ? lane.responder : lane.initiator;
+        sendto(forth ? lane.back : lane.front, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof to);
     }
 }
 

@@ -33,7 +33,7 @@ class BadNetwork {
     };
     /// What is handed on in place of a datagram; called on the network's thread.
     using Rule = std::function<std::vector<std::string>(const Datagram&)>;
-    /// Own port (0: a free one) and the responder's.
+    /// Own port (0: a free one) and the responder's (0: there is none, what would go there goes back).
     using Ports = std::pair<std::uint16_t, std::uint16_t>;
 
     /// `front` and `target` are IPv4 addresses of this host. Throws std::system_error when a port cannot be had.

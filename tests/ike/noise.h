@@ -27,6 +27,7 @@ class Noise {
         settings.preshared_key = "none";
         return settings;
     }
+    const std::string& init() const { return init_; }
     std::string Next(unsigned number) {
         std::string bytes = ikeauth::RandomBytes(1 + number * 7 % 600);
         if (number % 3 == 0) return bytes;

@@ -14,15 +14,19 @@ namespace {
 using test_pki::Cert;
 using test_pki::KeyType;
 
-enum class Verdict : std::uint8_t { kBothAccept, kWeRefuse, kTheyRefuse };
 enum class Crls : std::uint8_t { kNone, kPublished, kUnreachable };
+
+constexpr const char* kAccepted = "authenticated";
 
 /// One pair of hosts. What a case leaves out is as it should be.
 struct Case {
     std::string name{};
-    Verdict verdict = Verdict::kBothAccept;
+    std::string our_verdict = kAccepted;
     std::string our_text{};  // in what ikeauth prints
-    std::string their_text{};  // in charon's log
+    std::string their_text = "established";  // in charon's log
+    // Where it is another one when charon initiates: who is first to judge refuses.
+    std::string our_verdict_responding{};
+    std::string their_text_initiating{};
 
     KeyType key = KeyType::kEcP256;
     std::vector<std::string> options{};  // of ikeauth
@@ -110,83 +114,86 @@ std::vector<Case> Accepted() {
 }
 
 std::vector<Case> Refused() {
-    constexpr Verdict we = Verdict::kWeRefuse;
-    constexpr Verdict they = Verdict::kTheyRefuse;
     const std::string told = "N(AUTH_FAILED)";
+    const std::string certificate = "certificate-refused";
+    const std::string they = "peer-refused";
     return {
         {.name = "their certificate has expired",
-         .verdict = we,
+         .our_verdict = certificate,
          .our_text = "Not valid after: 2021-01-01",
          .their_text = told,
          .gateway_expired = true},
         {.name = "our certificate has expired",
-         .verdict = they,
+         .our_verdict = they,
          .their_text = "subject certificate invalid",
          .options = {"--careless"},
          .client_expired = true},
         {.name = "their certificate is revoked",
-         .verdict = we,
+         .our_verdict = certificate,
          .our_text = "Revoked certificate(s) present in chain",
          .their_text = told,
          .rule = "crl = \"strict\"\n",
          .gateway_revoked = true,
          .crls = Crls::kPublished},
         {.name = "our certificate is revoked",
-         .verdict = they,
+         .our_verdict = they,
          .their_text = "certificate was revoked",
          .client_revoked = true,
          .crls = Crls::kPublished},
         {.name = "strict, and their CRL cannot be had",
-         .verdict = we,
+         .our_verdict = certificate,
          .our_text = "No CRL for a certificate",
          .their_text = told,
          .rule = "crl = \"strict\"\n",
          .crls = Crls::kUnreachable},
         {.name = "their authority is not trusted",
-         .verdict = we,
+         .our_verdict = certificate,
          .our_text = "Certificates chain is not",
          .their_text = told,
          .gateway_of_stranger = true},
         {.name = "our authority is not trusted",
-         .verdict = they,
+         .our_verdict = they,
          .their_text = "no trusted",
          .options = {"--careless"},
          .client_of_stranger = true},
         {.name = "their identity is another one",
-         .verdict = we,
+         .our_verdict = "identity-refused",
          .our_text = "id_remote of the rule does not allow FQDN gateway.example",
          .their_text = told,
          .remote_id = "fqdn = \"other.example\"},{fqdn = \"third.example\""},
         {.name = "our identity is another one",
-         .verdict = they,
+         .our_verdict = they,
          .their_text = "mallory.example",
          .options = {"--announce-fqdn", "mallory.example"}},
         {.name = "their key is another one",
-         .verdict = we,
+         .our_verdict = "signature-wrong",
          .our_text = "CM::Ike2Verify failed: Invalid signature",
          .their_text = told,
          .their_lines = "send_cert = never\n",
          .stale_gateway = true},
         {.name = "our signature is damaged",
-         .verdict = they,
+         .our_verdict = they,
          .their_text = "signature validation failed",
          .options = {"--damage-signature"}},
         {.name = "preshared keys differ",
-         .verdict = they,  // who comes first says so: the responder, which is us when they initiate
+         .our_verdict = they,
          .their_text = "MAC mismatched",
+         .our_verdict_responding = "preshared-key-wrong",
+         .their_text_initiating = "received AUTHENTICATION_FAILED notify error",
          .options = kPskOptions,
          .their_auth = "psk",
          .their_demand = "psk",
          .our_psk = "a key of some length",
          .their_psk = "another key"},
         {.name = "PKCS #7, which charon does not read",
-         .verdict = they,
+         .our_verdict = they,
          .our_text = "PKCS #7 payloads",
          .their_text = "ENC_PKCS7_WRAPPED_X509 not supported",
          .options = {"--payload", "pkcs7"}},
         {.name = "no proposal is common",
-         .verdict = they,
+         .our_verdict = "proposals-refused",
          .their_text = "received proposals unacceptable",
+         .their_text_initiating = "received NO_PROPOSAL_CHOSEN notify error",
          .options = {"--proposal", "aes128gcm16-sha256-ecp256"},
          .their_lines = "proposals = aes256-sha384-modp2048\n"},
     };
@@ -213,7 +220,7 @@ class Pair {
         ASSERT_EQ(charon_.Load(TheirConfiguration(port)), "");
         const auto theirs = charon_.Initiate();
         const auto ours = Client::EndOf(*process);
-        EXPECT_EQ(theirs.exit_code == 0, c_.verdict == Verdict::kBothAccept) << theirs.out << theirs.err;
+        EXPECT_EQ(theirs.exit_code == 0, c_.our_verdict == kAccepted) << theirs.out << theirs.err;
         Judge(ours, false);
     }
 
@@ -298,27 +305,20 @@ class Pair {
         return theirs;
     }
 
-    /// The codes are those of `ikeauth probe --help`.
-    std::pair<int, int> ExpectedCodes() const {
-        if (c_.verdict == Verdict::kBothAccept) return {0, 0};
-        return c_.verdict == Verdict::kWeRefuse ? std::pair(16, 16) : std::pair(12, 15);
-    }
+    /// Both say how it ended and why.
     void Judge(const test_support::ProcessResult& ours, bool initiator) {
-        const auto [first, second] = ExpectedCodes();
-        // With a preshared key, and in IKE_SA_INIT, the responder is the one that refuses.
-        const bool either = c_.verdict == Verdict::kTheyRefuse && !initiator;
-        const bool ours_alone = either && ours.exit_code != 15;
-        const std::string& expected =
-            c_.verdict == Verdict::kBothAccept && c_.their_text.empty() ? "established" : c_.their_text;
-        const bool logged = ours_alone || charon_.WaitForLog(expected);
+        const bool other_verdict = !initiator && !c_.our_verdict_responding.empty();
+        const bool other_text = !initiator && !c_.their_text_initiating.empty();
+        const std::string& verdict = other_verdict ? c_.our_verdict_responding : c_.our_verdict;
+        const std::string& expected = other_text ? c_.their_text_initiating : c_.their_text;
+        const bool logged = charon_.WaitForLog(expected);
         const std::string everything = ours.out + ours.err + "\n--- charon:\n" + charon_.Log();
-        EXPECT_TRUE(ours.exit_code == first || ours.exit_code == second || (either && ours.exit_code == 16))
-            << ours.exit_code << "\n"
-            << everything;
+        EXPECT_EQ(ours.exit_code == 0, verdict == kAccepted) << everything;
+        EXPECT_NE(ours.out.find("verdict: " + verdict + " "), std::string::npos) << verdict << "\n" << everything;
         EXPECT_NE(ours.out.find(c_.our_text), std::string::npos) << c_.our_text << "\n" << everything;
         EXPECT_TRUE(logged) << expected << "\n" << everything;
-        std::printf("%-45s %-9s ikeauth %2d  %s\n", c_.name.c_str(), initiator ? "initiator" : "responder",
-                    ours.exit_code, ours_alone ? "" : expected.c_str());
+        std::printf("%-45s %-9s %-20s  %s\n", c_.name.c_str(), initiator ? "initiator" : "responder", verdict.c_str(),
+                    expected.c_str());
     }
 
     const Case& c_;

@@ -6,10 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <nlohmann/json.hpp>
-#include <thread>
 
+#include "tests/ike/bad_network.h"
 #include "tests/ike/noise.h"
 #include "tests/ike/wire.h"
 
@@ -60,49 +59,6 @@ TEST_F(WireTest, BothSidesSayTheSame) {
     }
 }
 
-/// A UDP socket on 127.0.0.1, which answers each datagram with what it is told to; without a word, never.
-class Stranger {
-  public:
-    explicit Stranger(std::string answer) : answer_(std::move(answer)), fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        bind(fd_, reinterpret_cast<sockaddr*>(&address), size);
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &size);
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { Serve(); });
-    }
-    ~Stranger() {
-        stopping_ = true;
-        sockaddr_in address{AF_INET, htons(port_), {htonl(INADDR_LOOPBACK)}, {}};
-        sendto(fd_, "", 0, 0, reinterpret_cast<sockaddr*>(&address), sizeof address);  // wakes it
-        thread_.join();
-        close(fd_);
-    }
-    Stranger(const Stranger&) = delete;
-    Stranger& operator=(const Stranger&) = delete;
-    std::uint16_t port() const { return port_; }
-
-  private:
-    void Serve() {
-        char buffer[4096];
-        while (!stopping_) {
-            sockaddr_in from{};
-            socklen_t size = sizeof from;
-            recvfrom(fd_, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &size);
-            if (answer_.empty() || stopping_) continue;
-            sendto(fd_, answer_.data(), answer_.size(), 0, reinterpret_cast<sockaddr*>(&from), size);
-        }
-    }
-
-    std::string answer_;
-    int fd_;
-    std::uint16_t port_ = 0;
-    std::atomic<bool> stopping_ = false;
-    std::thread thread_;
-};
-
 TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
     struct Case {
         std::string answer;
@@ -110,7 +66,9 @@ TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
         int exit_code;
     };
     for (const Case& c : std::vector<Case>{{"", "silent", 10}, {"no such service\n", "not-ike", 11}}) {
-        const Stranger stranger(c.answer);
+        const BadNetwork stranger({{0, 0}}, [&c](const BadNetwork::Datagram&) {
+            return c.answer.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.answer};
+        });
         const auto start = std::chrono::steady_clock::now();
         const auto result = alice_.Probe(stranger.port(), {"--time-out", "1", "--json"});
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
