@@ -21,7 +21,7 @@ constexpr std::size_t kMaxPasswordBytes = 4096;
 /// Decoding one may compute its public key.
 constexpr std::size_t kMaxKeys = 32;
 /// A PrivateKeyInfo; an RSA key of the most bits has some 9 KB.
-constexpr std::size_t kMaxKeyBytes = 16 * 1024;
+constexpr std::size_t kMaxKeyBytes = std::size_t{16} * 1024;
 constexpr int kMaxRsaBits = 16384;
 /// The prime of DSA and of Diffie-Hellman, and the private number: computing the public one takes milliseconds.
 constexpr int kMaxPrimeBytes = 4096 / 8;

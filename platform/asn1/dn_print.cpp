@@ -37,6 +37,11 @@ void AppendHexPair(std::string& out, char c) {
     out.push_back(kHexDigits[byte & 0xF]);
 }
 
+/// Whether a control character of two bytes begins the text, whose first byte is that of one.
+bool IsC1(std::string_view text) {
+    return text.size() > 1 && text[1] >= '\x80' && text[1] < '\xA0';
+}
+
 /// Text with the escapes of RFC 4514; control characters as pairs of digits, so that a name cannot forge a line of a log.
 void AppendEscaped(std::string& out, std::string_view text) {
     std::size_t verbatim_from = 0;
@@ -47,9 +52,7 @@ void AppendEscaped(std::string& out, std::string_view text) {
         if (escape == kVerbatim && !edge_blank && !leading_hash) {
             continue;
         }
-        if (escape == kMaybeC1 && (at + 1 == text.size() || static_cast<unsigned char>(text[at + 1]) >= 0xA0)) {
-            continue;
-        }
+        if (escape == kMaybeC1 && !IsC1(text.substr(at))) continue;
         out.append(text, verbatim_from, at - verbatim_from);
         verbatim_from = at + 1;
         if (escape == kHexPair) {

@@ -117,7 +117,7 @@ TEST(PrintName, TextsAreEscapedAsValuesAre) {
          {"plain"s, ""s, "a,b;c+d\"e\\f<g>h=i#j k"s, " #x "s, "a\0b\n\x1b\x7f"s, "\u0085\u00a0 \u202e"s}) {
         EXPECT_EQ("CN=" + asn_text_to_printable(text), Printed(NameOf("CN", kUtf8, text)));
     }
-    EXPECT_EQ(asn_text_to_printable("\xff,\xc2\n\xc2"), "\xff\\,\\c2\\0a\xc2");
+    EXPECT_EQ(asn_text_to_printable("\xff,\xc2\n\xc2"), "\xff\\,\xc2\\0a\xc2");
 }
 
 TEST(PrintName, RefusesWhatIsNoName) {
