@@ -39,7 +39,7 @@ void AppendHexPair(std::string& out, char c) {
 
 /// Whether a control character of two bytes begins the text, whose first byte is that of one.
 bool IsC1(std::string_view text) {
-    return text.size() > 1 && text[1] >= '\x80' && text[1] < '\xA0';
+    return text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0) == 0x80;
 }
 
 /// Text with the escapes of RFC 4514; control characters as pairs of digits, so that a name cannot forge a line of a log.
