@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstring>
 #include <iostream>
+#include <utility>
 #include <vector>
 
 #include "ike/exchange.h"
@@ -96,8 +97,8 @@ class Listening {
     /// The wait is cut so that a signal that came just before it is seen.
     static constexpr std::chrono::milliseconds kLongestWait{500};
 
-    /// After the last exchange its SA is still taken down in order.
-    bool IsDone() const { return options_.count != 0 && ended_ >= options_.count && server_.size() == 0; }
+    /// After the last exchange its SA is still taken down in order. What strangers have begun is left.
+    bool IsDone() const { return options_.count != 0 && ended_ >= options_.count && server_.established() == 0; }
     void WaitForMore() const {
         const Time latest = steady_clock::now() + kLongestWait;
         std::vector<const UdpSocket*> sockets;
@@ -125,7 +126,10 @@ class Listening {
             const Route route(packet.peer);
             capture_.Add(route.to, route.from, route.marked, packet.datagram);
             if (sockets_[route.socket].Send(route.to, route.from, route.marked, packet.datagram)) continue;
-            std::cerr << "ikeauth: " << route.from.text() << ": " << std::strerror(errno) << "\n";
+            // The same over and over would let strangers fill a log.
+            if (std::exchange(send_error_, errno) == errno) continue;
+            std::cerr << "ikeauth: nothing can be sent to " << route.from.text() << ": " << std::strerror(errno)
+                      << "\n";
         }
     }
     void Show(std::uint64_t spi, const Step& step) const {
@@ -134,8 +138,9 @@ class Listening {
     }
     void ShowEnd(const Responder& association, const Report& report) {
         const Outcome& outcome = *association.outcome();
-        last_ = outcome.ending;
-        if (association.peer_has_keys()) ++ended_;
+        const bool counted = association.peer_has_keys();
+        if (counted || ended_ == 0) last_ = outcome.ending;
+        if (counted) ++ended_;
         capture_.AddKeys(association);
         if (options_.wire.json) {
             std::cout << ToJson(outcome, report).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
@@ -154,6 +159,7 @@ class Listening {
     unsigned ended_ = 0;
     Ending last_ = Ending::kSilent;
     bool more_ = false;
+    int send_error_ = 0;
 };
 
 }  // namespace

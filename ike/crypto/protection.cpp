@@ -52,12 +52,12 @@ Context Start(const Direction& direction, std::string_view vector, bool encrypt)
     const std::unique_ptr<EVP_CIPHER, decltype(&EVP_CIPHER_free)> cipher(
         EVP_CIPHER_fetch(nullptr, direction.suite->encryption->libcrypto, nullptr), EVP_CIPHER_free);
     const std::string& key = *direction.encryption_key;
-    std::string nonce(vector);
-    if (direction.suite->encryption->aead) nonce.insert(0, key, key.size() - kSaltBytes);
+    vpnfc::SecretString nonce(vector);
+    if (direction.suite->encryption->aead) nonce.edit().insert(0, key, key.size() - kSaltBytes);
     Context context(EVP_CIPHER_CTX_new());
     if (!cipher || !context ||
-        EVP_CipherInit_ex2(context.get(), cipher.get(), Bytes(std::string_view(key)), Bytes(std::string_view(nonce)),
-                           encrypt ? 1 : 0, nullptr) != 1) {
+        EVP_CipherInit_ex2(context.get(), cipher.get(), Bytes(std::string_view(key)),
+                           Bytes(std::string_view(nonce.get())), encrypt ? 1 : 0, nullptr) != 1) {
         return nullptr;
     }
     EVP_CIPHER_CTX_set_padding(context.get(), 0);

@@ -73,8 +73,7 @@ Outcome Initiator::SilentAuth() const {
 
 void Initiator::OnSilence() {
     if (state_ == State::kInit) {
-        if (!malformed_.empty())
-            return End(Ending::kMalformed, "the answer to IKE_SA_INIT is malformed: " + malformed_);
+        if (!malformed_.empty()) return End(Ending::kMalformed, "the answer is malformed: " + malformed_);
         if (asked_again_ > 1) return End(Ending::kInitInvalid, kAsksForEver);
         if (!garbage_.empty()) return End(Ending::kGarbage, "what came is no answer: " + garbage_);
         return End(Ending::kSilent, "no answer to IKE_SA_INIT within the time-out");

@@ -65,7 +65,7 @@ void Server::Refuse(const Header& header, const std::string& peer, const Flaw& f
 }
 
 bool Server::HasRoom(const Endpoints& endpoints) const {
-    const auto of_one = half_open_of_.find(endpoints.RemoteAddress());
+    const auto of_one = half_open_of_.find(endpoints.Origin());
     return entries_.size() < kMaxAssociations && half_open_ < kMaxHalfOpen &&
            (of_one == half_open_of_.end() || of_one->second < kMaxHalfOpenOfOne);
 }
@@ -105,7 +105,7 @@ void Server::Make(const Key& key, const Endpoints& endpoints) {
     entry->report.Start();
     entry->responder = std::make_unique<Responder>(settings_, entry->endpoints, entry->report, key.first);
     ++half_open_;
-    ++half_open_of_[endpoints.RemoteAddress()];
+    ++half_open_of_[endpoints.Origin()];
     entries_[key] = std::move(entry);
 }
 
@@ -113,7 +113,7 @@ void Server::NoteProgress(Entry& entry) {
     if (!entry.half_open || (entry.responder->half_open() && !entry.responder->finished())) return;
     entry.half_open = false;
     --half_open_;
-    const auto of_one = half_open_of_.find(entry.endpoints.RemoteAddress());
+    const auto of_one = half_open_of_.find(entry.endpoints.Origin());
     if (--of_one->second == 0) half_open_of_.erase(of_one);
 }
 

@@ -20,7 +20,7 @@ namespace ikeauth {
 
 inline constexpr std::size_t kCookieThreshold = 16;  // half-open SAs
 inline constexpr std::size_t kMaxHalfOpen = 256;
-inline constexpr std::size_t kMaxHalfOpenOfOne = 64;  // address: many hosts may share one
+inline constexpr std::size_t kMaxHalfOpenOfOne = 64;  // address, of IPv6 network: many hosts may share one
 inline constexpr std::size_t kMaxAssociations = 4096;
 inline constexpr unsigned kMaxRefusals = 20;
 inline constexpr std::chrono::seconds kCookieLife{60};  // a cookie is good for one to two of these
@@ -49,6 +49,8 @@ class Server {
     std::optional<Time> wake() const;
     std::vector<Packet> TakeOutgoing();
     std::size_t size() const { return entries_.size(); }
+    /// Those that got to IKE_AUTH.
+    std::size_t established() const { return entries_.size() - half_open_; }
 
   private:
     static constexpr std::size_t kSecretBytes = 32;
@@ -90,7 +92,7 @@ class Server {
     Entries entries_;
     std::map<std::uint64_t, Key> by_spi_;  // of ours
     std::size_t half_open_ = 0;
-    std::map<std::string, std::size_t> half_open_of_;  // by address
+    std::map<std::string, std::size_t> half_open_of_;  // by Endpoints::Origin
     std::vector<Packet> outgoing_;
 };
 

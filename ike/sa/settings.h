@@ -1,7 +1,6 @@
 // What one side of an exchange is told to do.
 #pragma once
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -35,10 +34,14 @@ struct Endpoints {
     std::string local{};
     std::string remote{};
 
-    std::string RemoteAddress() const { return remote.substr(0, remote.size() - std::min(remote.size(), kPortBytes)); }
+    bool is_ip6() const { return local.size() == kIp6Bytes; }
+    /// The remote address, or its network of 64 bits: there whoever has one address has all.
+    std::string Origin() const { return remote.substr(0, remote.size() == kIp6Bytes ? kIp6NetworkBytes : kIp4Bytes); }
 
   private:
-    static constexpr std::size_t kPortBytes = 2;
+    static constexpr std::size_t kIp4Bytes = 4;
+    static constexpr std::size_t kIp6Bytes = 18;  // with the port
+    static constexpr std::size_t kIp6NetworkBytes = 8;
 };
 
 }  // namespace ikeauth
