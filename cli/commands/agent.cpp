@@ -41,10 +41,10 @@ class Agent {
     void Run() {
         context_.session.Connect(true);
         context_.console.Note("Waiting for questions; Ctrl-C ends it.");
-        AskForPins();
         while (!ended_) {
             TakeEvents();
             if (!shown_ && !questions_.empty()) ShowQuestion();
+            if (pins_wanted_ && !shown_ && !ended_) AskForPins();
             WaitForMore();
         }
     }
@@ -61,6 +61,7 @@ class Agent {
     void Take(const ClientEvent& event) {
         switch (event.kind) {
             case ClientEvent::Kind::kNotification:
+                if (event.code == bridge::kNotifyTokensChanged) pins_wanted_ = asks_for_pins_;
                 break;
             case ClientEvent::Kind::kQuestion:
                 TakeQuestion(event);
@@ -128,11 +129,10 @@ class Agent {
     }
 
     void WaitForMore() {
-        constexpr int kTickMilliseconds = 2000;
-        if (ended_ || client().has_events()) return;
+        const bool more = !questions_.empty() && !shown_;
+        if (ended_ || more || pins_wanted_ || client().has_events()) return;
         pollfd waiting[] = {{client().fd(), POLLIN, 0}, {shown_ ? STDIN_FILENO : -1, POLLIN, 0}};
-        const int count = poll(waiting, std::size(waiting), asks_for_pins_ && !shown_ ? kTickMilliseconds : -1);
-        if (count == 0) AskForPins();
+        const int count = poll(waiting, std::size(waiting), -1);
         // What the daemon says goes first: the question may need no answer any more.
         if (count > 0 && waiting[0].revents == 0 && waiting[1].revents != 0) TakeLine();
     }
@@ -177,32 +177,43 @@ class Agent {
         std::cout << std::flush;
     }
 
-    /// Once for each token that waits for a login, until it goes.
+    /// Once for each token that waits for a login, until it goes. Questions go first: an exchange waits for them.
     void AskForPins() {
-        if (!asks_for_pins_) return;
+        pins_wanted_ = false;
         std::set<std::uint64_t> present;
         for (const auto& status : context_.session.Take(context_.session.manager().ListTokens()).tokens) {
             const bool waits = status.info.loginRequired && !status.info.loggedIn && !status.info.pinPad &&
                                (status.flags & PKCS11::kUserPinSet) != 0;
             if ((status.flags & PKCS11::kTokenInitialised) == 0) continue;
             present.insert(status.info.id);
-            if (waits && asked_.insert(status.info.id).second) AskForPin(status.info);
+            if (!waits || pins_wanted_ || !asked_.insert(status.info.id).second) continue;
+            pins_wanted_ = !AskForPin(status.info);
+            if (pins_wanted_) asked_.erase(status.info.id);
         }
         std::erase_if(asked_, [&](std::uint64_t id) { return !present.contains(id); });
     }
 
-    void AskForPin(const TokenInfo& token) {
-        const auto pin = ReadSecret("", "PIN of token \"" + token.label + "\" (Enter: not now)", "");
-        if (pin.empty()) return;
-        const auto reply = context_.session.Take(context_.session.manager().Login(token, pin));
+    /// False when a question came meanwhile.
+    bool AskForPin(const TokenInfo& token) {
+        const Interruption question{client().fd(), [this] { return QuestionsWait(); }};
+        const auto pin = TypeSecret("PIN of token \"" + token.label + "\" (Enter: not now)", question);
+        if (!pin || pin->empty()) return pin.has_value();
+        const auto reply = context_.session.Take(context_.session.manager().Login(token, *pin));
         context_.console.Note(reply.status == PKCS11::kPinDone
                                   ? "Logged in to token \"" + token.label + "\"."
                                   : "Not logged in: " + reply.text + ". Try again with certmgrctl token login.");
+        return true;
+    }
+
+    bool QuestionsWait() {
+        TakeEvents();
+        return !questions_.empty() || ended_;
     }
 
     Context& context_;
     const AgentOptions& options_;
     bool asks_for_pins_;
+    bool pins_wanted_ = asks_for_pins_;  // tokens are to be looked at for those that wait for a login
     bool shown_ = false;  // the first question stands on the terminal
     bool ended_ = false;
     std::deque<Question> questions_;

@@ -1,5 +1,6 @@
 #include <chrono>
 #include <map>
+#include <set>
 
 #include "cli/commands/commands.h"
 #include "cli/store/names.h"
@@ -35,7 +36,7 @@ Snapshot TakeCerts(Context& context) {
     return snapshot;
 }
 
-/// What no notification tells of by itself.
+/// What comes and goes without a notification.
 Snapshot TakeRest(Context& context) {
     Snapshot snapshot;
     certmgr_client::Manager& manager = context.session.manager();
@@ -45,8 +46,15 @@ Snapshot TakeRest(Context& context) {
     }
     for (const auto& crl : context.session.Take(manager.ListCrls())) {
         snapshot["c" + std::to_string(crl.token.id) + crl.info.id + crl.info.issuer + crl.info.crlNumber] = {
-            "CRL", Described(crl.token, crl.info), ToJson(crl.info)};
+            "CRL", crl.downloaded ? crl.info.issuer + ", downloaded" : OnToken(crl.info.issuer, crl.token),
+            ToJson(crl.info)};
     }
+    return snapshot;
+}
+
+Snapshot TakeTokens(Context& context) {
+    Snapshot snapshot;
+    certmgr_client::Manager& manager = context.session.manager();
     for (const auto& token : context.session.Take(manager.ListTokens()).tokens) {
         if ((token.flags & PKCS11::kTokenInitialised) == 0) continue;
         const char* const login = token.info.loggedIn ? ", logged in" : ", logged out";
@@ -85,20 +93,28 @@ void PrintChanges(const Console& console, Snapshot& before, Snapshot after) {
     before = std::move(after);
 }
 
+/// The notifications until the time is up, and those that came with them: many changes are listed once.
+std::set<std::uint32_t> TakeNotifications(Context& context, bridge::Client::Milliseconds timeout) {
+    std::set<std::uint32_t> codes;
+    bridge::Client& client = context.session.client();
+    auto event = client.Wait(timeout);
+    for (; event; event = client.Wait(bridge::Client::Milliseconds(0))) codes.insert(event->code);
+    if (!client.connected()) context.session.Fail(client.failure());
+    return codes;
+}
+
 /// Ends with the daemon or with a signal.
 void Watch(Context& context) {
-    constexpr std::chrono::milliseconds kTick{2000};
+    constexpr bridge::Client::Milliseconds kTick{2000};
+    Snapshot tokens = TakeTokens(context);
     Snapshot certs = TakeCerts(context);
     Snapshot rest = TakeRest(context);
     context.console.Note("Watching; Ctrl-C ends it.");
-    bridge::Client& client = context.session.client();
     while (true) {
-        const auto event = client.Wait(kTick);
-        if (!event && !client.connected()) context.session.Fail(client.failure());
+        const std::set<std::uint32_t> codes = TakeNotifications(context, kTick);
+        if (codes.contains(bridge::kNotifyTokensChanged)) PrintChanges(context.console, tokens, TakeTokens(context));
+        if (codes.contains(bridge::kNotifyCertListChanged)) PrintChanges(context.console, certs, TakeCerts(context));
         PrintChanges(context.console, rest, TakeRest(context));
-        if (event && event->code == bridge::kNotifyCertListChanged) {
-            PrintChanges(context.console, certs, TakeCerts(context));
-        }
     }
 }
 

@@ -1,6 +1,7 @@
 #include "cli/terminal/prompt.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 
 #include "cli/failure.h"
 #include "cli/terminal/text.h"
@@ -84,13 +86,27 @@ void DropLastCharacter(std::string& text) {
     }
 }
 
-SecretString TypedSecret(const std::string& question) {
+/// Waits for a key. False when the interruption happened.
+bool AwaitKey(const Interruption& interruption) {
+    pollfd waiting[] = {{STDIN_FILENO, POLLIN, 0}, {interruption.fd, POLLIN, 0}};
+    while (true) {
+        const bool polled = poll(waiting, std::size(waiting), -1) > 0;
+        if (polled && waiting[1].revents != 0 && interruption.happened()) return false;
+        if (polled && waiting[0].revents != 0) return true;
+    }
+}
+
+/// `next_key` gives false when no more shall be typed: nothing.
+template <typename NextKey>
+std::optional<SecretString> TypedSecret(const std::string& question, NextKey next_key) {
     SecretString secret;
     secret.edit().reserve(kMaxSecretBytes);
     std::cerr << Escaped(question) << ": " << std::flush;
     const QuietTerminal quiet;
     char key = 0;
-    while (ReadByte(STDIN_FILENO, key) && key != '\n' && key != '\r') {
+    while (true) {
+        if (!next_key()) return std::nullopt;
+        if (!ReadByte(STDIN_FILENO, key) || key == '\n' || key == '\r') return secret;
         if (key == kInterrupt || key == kEndOfInput) Cancelled();
         if (key == kBackspace || key == kDelete) {
             DropLastCharacter(secret.edit());
@@ -100,7 +116,10 @@ SecretString TypedSecret(const std::string& question) {
             secret.edit().push_back(key);
         }
     }
-    return secret;
+}
+
+SecretString TypedSecret(const std::string& question) {
+    return *TypedSecret(question, [] { return true; });
 }
 
 /// Owns a descriptor.
@@ -182,6 +201,11 @@ SecretString ReadSecret(const std::string& file, const std::string& question, co
     if (!file.empty()) return SecretOfFile(file);
     RequirePerson(question, otherwise);
     return TypedSecret(question);
+}
+
+std::optional<SecretString> TypeSecret(const std::string& question, const Interruption& interruption) {
+    if (interruption.happened()) return std::nullopt;
+    return TypedSecret(question, [&] { return AwaitKey(interruption); });
 }
 
 SecretString ReadNewSecret(const std::string& file, const std::string& question, const std::string& otherwise) {

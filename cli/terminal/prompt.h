@@ -1,6 +1,7 @@
 // Asking the person in front of the terminal, and reading secrets.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -26,7 +27,15 @@ bool Confirmed(const std::string& question, const std::string& otherwise);
 /// empty, typed without echo. Failure likewise.
 vpnfc::SecretString ReadSecret(const std::string& file, const std::string& question, const std::string& otherwise);
 
-/// Likewise; typed twice, so that a slip is noticed. Not empty.
+/// What may come while somebody types: `happened` is asked at the beginning and whenever the descriptor can be read.
+struct Interruption {
+    int fd;
+    std::function<bool()> happened;
+};
+/// A secret typed without echo, of somebody who is there (CanAsk); nothing when the interruption happened.
+std::optional<vpnfc::SecretString> TypeSecret(const std::string& question, const Interruption& interruption);
+
+/// Like ReadSecret; typed twice, so that a slip is noticed. Not empty.
 vpnfc::SecretString ReadNewSecret(const std::string& file, const std::string& question, const std::string& otherwise);
 
 }  // namespace certmgrctl

@@ -179,6 +179,7 @@ inline constexpr std::uint32_t kGroupTokens = 9;
 /// Codes of notifications and questions.
 inline constexpr std::uint32_t kQuestionSelectCertificate = 6;
 inline constexpr std::uint32_t kNotifyCertListChanged = 9;
+inline constexpr std::uint32_t kNotifyTokensChanged = 10;
 
 /// Why a client's frame was not answered as it wished. docs/bridge.md describes them.
 enum class Error : std::uint32_t {

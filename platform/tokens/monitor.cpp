@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/bridge.h"
 #include "platform/tokens/login.h"
 #include "platform/tokens/registry.h"
 
@@ -30,6 +31,11 @@ bool Contains(const std::vector<TokenPtr>& tokens, const TokenPtr& token) {
 std::vector<TokenPtr> Without(std::vector<TokenPtr> tokens, const std::vector<TokenPtr>& others) {
     std::erase_if(tokens, [&](const TokenPtr& token) { return Contains(others, token); });
     return tokens;
+}
+
+/// The callbacks go before: what they queue is on its way when clients ask.
+void TellClients() {
+    bridge::server::NotifyClients(bridge::kNotifyTokensChanged, {});
 }
 
 struct LoadOutcome {
@@ -363,9 +369,9 @@ void ModuleMonitor::TellRemoved(const std::vector<TokenPtr>& still_shown) {
         if (token->removed()) Log(kMsgTokenRemoved, Describe(token->Info()));
     }
     std::erase_if(logged_, [](const TokenPtr& token) { return token->removed(); });
-    for (const TokenPtr& token : Without(std::exchange(reported_, still_shown), still_shown)) {
-        PKCS11::Callbacks.tokenRemoved(token->Info());
-    }
+    const std::vector<TokenPtr> gone = Without(std::exchange(reported_, still_shown), still_shown);
+    for (const TokenPtr& token : gone) PKCS11::Callbacks.tokenRemoved(token->Info());
+    if (!gone.empty()) TellClients();
 }
 
 void ModuleMonitor::TellInserted() {
@@ -378,9 +384,11 @@ void ModuleMonitor::TellInserted() {
         Log(kMsgTokenInserted, Describe(token->Info()));
         logged_.push_back(token);
     }
-    for (const TokenPtr& token : Without(shown, std::exchange(reported_, shown))) {
+    const std::vector<TokenPtr> came = Without(shown, std::exchange(reported_, shown));
+    for (const TokenPtr& token : came) {
         if (announced_) PKCS11::Callbacks.tokenInserted(token->Info());
     }
+    if (!came.empty()) TellClients();
     if (std::exchange(announced_, true)) return;
     Log(kMsgProviderReady, provider_.name + ": " + asn_text_to_printable(Info().description) + ", " +
                                std::to_string(shown.size()) + (shown.size() == 1 ? " token" : " tokens"));
@@ -416,6 +424,7 @@ void ModuleMonitor::DeliverLogins() {
         Log(kMsgTokenLogin, Describe(info) + (info.loggedIn ? ": logged in" : ": logged out"));
         PKCS11::Callbacks.tokenLogin(info, login.own);
     }
+    TellClients();
 }
 
 void ModuleMonitor::ShutDown() {

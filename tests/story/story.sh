@@ -80,6 +80,38 @@ done <<END
 0|complete -F|completion bash
 END
 
+# What comes and goes is watched meanwhile.
+ctl watch >watch.log 2>&1 &
+children+=($!)
+await watch.log "Watching"
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout x.key -out x.pem -subj /CN=x 2>/dev/null
+touch index.txt
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index.txt\n' >ca.cnf
+openssl ca -config ca.cnf -gencrl -cert ca.pem -keyfile ca.key -md sha256 -crldays 9 -out root.crl 2>/dev/null
+expect 1 "certmgrctl import" ctl crl import alice.pem
+expect 0 "Imported.*Story Root" ctl crl import root.crl
+await watch.log "UTC  + CRL .*Story Root"
+while IFS='|' read -r code text command; do
+    # shellcheck disable=SC2086
+    expect "$code" "$text" ctl $command
+done <<END
+0|Story Root.*alice$|crl list
+0|"downloaded": false|crl list --json
+0|Deleted.*Story Root|crl delete Story --yes
+0|no CRL|crl list
+0|imported|import x.pem --as other
+0|Deleted|delete CN=x --yes
+0|Changed the PIN|token pin --pin-file pin --new-pin-file wrong
+6|wrong|token pin --pin-file password --new-pin-file pin
+0|Changed the PIN|token pin --reset --pin-file so --new-pin-file pin
+0|Logged out|token logout
+0|Logged in|token login --pin-file pin
+END
+for line in "- CRL .*Story Root" "+ intermediate .*CN=x" "- intermediate .*CN=x" "- token .*logged in" \
+    "+ token .*logged in"; do
+    await watch.log "UTC  $line"
+done
+
 # --- The choice ---
 expect 0 "Wrote second.csr" ctl request make "CN=second, O=Story" --dns alice.example -o second.csr
 certify second 0x5EC02D 365

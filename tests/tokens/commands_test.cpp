@@ -65,10 +65,14 @@ TEST_F(CommandsTest, ATokenFromNothingToUse) {
               PKCS11::kPinKnownWrong);
     EXPECT_EQ(Login(token, ""), PKCS11::kPinWrong);
     EXPECT_EQ(Login(token, std::string(1000, '1')), PKCS11::kPinWrong);
+    const auto told = [&] { return client_.Wait(test_support::kWaitLimit)->code == bridge::kNotifyTokensChanged; };
+    EXPECT_TRUE(told());  // it came
     EXPECT_EQ(Login(token, pin), PKCS11::kPinDone);
     EXPECT_TRUE(manager_.ListTokens()->tokens[0].info.loggedIn);
+    EXPECT_TRUE(told());
     EXPECT_EQ(manager_.Logout(token)->status, PKCS11::kPinDone);
     EXPECT_FALSE(manager_.ListTokens()->tokens[0].info.loggedIn);
+    EXPECT_TRUE(told());
 
     TokenInfo absent = token;
     absent.id += 1;
