@@ -24,6 +24,9 @@ class Module {
     Module(const char* path, const std::string& directory) : library_(dlopen(path, RTLD_NOW | RTLD_LOCAL)) {
         if (library_ == nullptr) throw std::runtime_error(dlerror());
         reinterpret_cast<CK_C_GetFunctionList>(dlsym(library_, "C_GetFunctionList"))(&list_);
+        Initialize(directory);
+    }
+    void Initialize(const std::string& directory) {
         std::string arguments = "directory=" + directory;
         CK_C_INITIALIZE_ARGS args{};
         args.flags = CKF_OS_LOCKING_OK;

@@ -380,5 +380,20 @@ TEST_F(GostToken, ThreadsSignAndListAtOnce) {
     EXPECT_EQ(good, 80);
 }
 
+/// What has ended goes away when its last call returns: that takes nothing from what has begun.
+TEST_F(GostToken, ItEndsAndBeginsAgainWhileThreadsWork) {
+    std::atomic<bool> over = false;
+    std::thread worker([&] {
+        while (!over) module_->GeneratePair(module_->Open(), false);
+    });
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ((*module_)->C_Finalize(nullptr), CKR_OK);
+        module_->Initialize(directory());
+        EXPECT_NE(module_->GeneratePair(User(), false)[1], CK_INVALID_HANDLE) << i;
+    }
+    over = true;
+    worker.join();
+}
+
 }  // namespace
 }  // namespace gost_test
