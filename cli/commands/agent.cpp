@@ -129,8 +129,8 @@ class Agent {
     }
 
     void WaitForMore() {
-        const bool more = !questions_.empty() && !shown_;
-        if (ended_ || more || pins_wanted_ || client().has_events()) return;
+        const bool more_to_show = !shown_ && (!questions_.empty() || pins_wanted_);
+        if (ended_ || more_to_show || client().has_events()) return;
         pollfd waiting[] = {{client().fd(), POLLIN, 0}, {shown_ ? STDIN_FILENO : -1, POLLIN, 0}};
         const int count = poll(waiting, std::size(waiting), -1);
         // What the daemon says goes first: the question may need no answer any more.
