@@ -344,6 +344,9 @@ TEST_F(VerdictTest, ACrlOutOfScopeRevokesButDoesNotClear) {
     EXPECT_NE(messages[0].attributes[2].find("http://elsewhere.example/shard.crl"), std::string::npos);
     EXPECT_EQ(vendor_host::FindMessages(kMsgCrlNotFound).size(), 1U);
     EXPECT_EQ(Transfers(), 1U) << "what is in the cache is not asked for again";
+    CM::cm_crl_apply_lparams_(false);
+    EXPECT_FALSE(Passes(leaf_, kStrict));
+    EXPECT_EQ(vendor_host::FindMessages(kMsgCrlOutOfScope).size(), 3U) << "downloaded unchanged: judged once";
 
     CM::ClearDownloadedCrlDB();
     CrlSpec listing = Listing(leaf_);
