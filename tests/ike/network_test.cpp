@@ -1,6 +1,7 @@
 // Two ikeauth over networks that lose, double, delay and forge, translate addresses, and over all kinds of addresses.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <map>
 #include <set>
@@ -135,12 +136,15 @@ TEST_F(WireTest, BadNetworksChangeNoVerdict) {
 }
 
 TEST_F(WireTest, ATranslatorIsSeenAndPortsAreLeft) {
-    const std::string translator = "127.0.0.67";
+    // Of this process alone: the ports are fixed.
+    const std::string net = "." + std::to_string(getpid() / 250 % 250) + "." + std::to_string(getpid() % 250 + 1);
+    const std::string translator = "127.1" + net;
+    const std::string listen = "127.2" + net;
     std::uint16_t port = 0;
     try {
-        const auto bob = bob_.Respond({"--listen", "127.0.0.66", "--port", "500"}, port);
+        const auto bob = bob_.Respond({"--listen", listen, "--port", "500"}, port);
         const auto pass = [](const Datagram& datagram) { return Datagrams{datagram.bytes}; };
-        const BadNetwork network({{500, 500}, {4500, 4500}}, pass, translator, "127.0.0.66");
+        const BadNetwork network({{500, 500}, {4500, 4500}}, pass, translator, listen);
         const auto alice = alice_.Probe(500, {}, translator);
         const auto bobs = bob->Wait();
         EXPECT_NE(alice.out.find("port 4500 from here on"), std::string::npos) << alice.out;
@@ -161,6 +165,20 @@ TEST_F(WireTest, NoTranslatorIsSeenWhereThereIsNone) {
         EXPECT_EQ(alice.exit_code + bobs.exit_code, 0) << listen << alice.out << bobs.out;
         EXPECT_EQ((alice.out + bobs.out).find("address translation"), std::string::npos) << listen << bobs.out;
     }
+}
+
+TEST_F(WireTest, WhatNoMessageCarriesIsSaid) {
+    Client::Contents contents = Contents("alice");
+    contents.own = {test_pki::MakeCert({.subject = "CN=alice",
+                                        .key_usage = "digitalSignature",
+                                        .san = {"DNS:alice.example"},
+                                        .extensions = {{"1.2.3.4", false, std::string(70000, '\5')}}},
+                                       &root_)};
+    std::uint16_t port = 0;
+    const auto bob = bob_.Respond({"--time-out", "1"}, port);
+    const auto alice = Client(contents).Probe(port, {});
+    EXPECT_NE(alice.out.find("verdict: cannot-sign"), std::string::npos) << alice.out << alice.err;
+    EXPECT_NE(alice.out.find("bytes, which"), std::string::npos) << alice.out;
 }
 
 TEST(FragmentTest, OneMessageIsPutTogetherFromOneCutting) {
