@@ -131,8 +131,9 @@ TokenInfo TokenFor(const OpenedFile& file, const FileCert& cert, CertImportMode 
 /// Nothing: passed over.
 std::optional<CertImportMode> AskMode(const FileCert& cert, std::size_t number) {
     const auto proposed = static_cast<CertImportMode>(cert.option.mode);
-    const std::string question = std::to_string(number) + ", " + ShortNameOf(cert.option.info) +
-                                 ": p)ersonal, t)rusted, o)ther or s)kip? [" + ModeName(proposed) + "]";
+    constexpr std::size_t kNameColumns = 24;  // the question fits into a line
+    std::string question = std::to_string(number) + ", " + Cut(Escaped(ShortNameOf(cert.option.info)), kNameColumns) +
+                           ": p)ersonal, t)rusted, o)ther or s)kip? [" + ModeName(proposed) + "]";
     while (true) {
         const std::string answer = Folded(Ask(question, "Use --as or --yes."));
         if (answer.empty()) return proposed;
@@ -140,6 +141,7 @@ std::optional<CertImportMode> AskMode(const FileCert& cert, std::size_t number) 
         for (const auto& [name, mode] : kModes) {
             if (answer == name || answer == name.substr(0, 1)) return mode;
         }
+        question = std::string("Type p, t, o or s, or Enter for ") + ModeName(proposed) + ":";
     }
 }
 

@@ -168,6 +168,7 @@ FoundOutcome Find(Session& session, AttributeTemplate& wanted) {
 
 ListingOutcome ListObjects(Session& session, const std::shared_ptr<const ObjectClasses>& known) {
     AttributeTemplate everything;
+    everything.Flag(CKA_TOKEN, true);  // not the keys of others, which sessions bring to verify with
     const FoundOutcome found = Find(session, everything);
     if (!found.result.ok()) return {found.result};
 

@@ -187,6 +187,18 @@ TEST_F(Crypto, VerifiesWithMoreKeysThanAreRemembered) {
     }
 }
 
+// What a session brings to verify with is no key of the token, for whoever looks.
+TEST_F(Crypto, KeysToVerifyWithAreNotOnTheToken) {
+    const test_pki::Key key = test_pki::MakeKey(KeyType::kEcP256, 99);
+    TokenSession session(token_.info);
+    EXPECT_FALSE(session.Verify(PKI_HASH_SHA256 | PKI_KEY_EC, test_pki::Spki(key), std::string(32, 'd'),
+                                test_pki::SignData(key, {.digest = "SHA256"}, "data")));
+    std::list<PKCS11::CertObject> objects;
+    TokenSession other(token_.info);
+    EXPECT_TRUE(other.EnumCertificates(objects) && objects.empty());
+    EXPECT_FALSE(other.ContainPubKeyObject(test_pki::Spki(key)));
+}
+
 TEST_F(Crypto, GeneratesKeyPairsThatSign) {
     struct {
         pki_alg_t alg;
