@@ -67,7 +67,7 @@ std::string StageHelp() {
     std::string text = "Exit codes, by stage:\n";
     for (const auto& [code, names] : by_code) {
         const std::string number = std::to_string(code);
-        text += "  " + number + std::string(4 - number.size(), ' ') + names + "\n";
+        text.append("  ").append(number).append(4 - number.size(), ' ').append(names).append("\n");
     }
     return text + "  2   could not run: wrong arguments or settings, or files or tokens that cannot be used\n";
 }

@@ -79,7 +79,7 @@ class Listening {
                   << ". It authenticates peers and carries no traffic." << std::endl;
         while (stop_requested == 0 && !IsDone()) {
             more_ = false;
-            for (std::uint8_t i = 0; i < sockets_.size(); ++i) ReceiveSome(i);
+            for (std::size_t i = 0; i < sockets_.size(); ++i) ReceiveSome(static_cast<std::uint8_t>(i));
             server_.Tick();
             SendAll();
             if (!more_) WaitForMore();
@@ -102,6 +102,7 @@ class Listening {
     void WaitForMore() const {
         const Time latest = steady_clock::now() + kLongestWait;
         std::vector<const UdpSocket*> sockets;
+        sockets.reserve(sockets_.size());
         for (const UdpSocket& socket : sockets_) sockets.push_back(&socket);
         UdpSocket::Wait(sockets, std::min(server_.wake().value_or(latest), latest));
     }

@@ -217,6 +217,7 @@ void UdpSocket::Wait(const std::vector<const UdpSocket*>& sockets,
         timeout = static_cast<int>(std::max<long>(0, left));
     }
     std::vector<pollfd> entries;
+    entries.reserve(sockets.size());
     for (const UdpSocket* socket : sockets) entries.push_back({socket->fd_, POLLIN, 0});
     poll(entries.data(), entries.size(), timeout);
 }
