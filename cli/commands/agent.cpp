@@ -224,12 +224,11 @@ class Agent {
 
 void AddAgentCommand(CLI::App& app, Context& context) {
     const auto options = std::make_shared<AgentOptions>();
-    CLI::App* agent =
-        app.add_subcommand("agent", "Stay, and answer what the daemon asks: which certificate, which PIN");
+    CLI::App* agent = app.add_subcommand("agent", "Answer which certificate to use, and give PINs");
     agent->group(kGroupStay);
     agent->footer(
-        "Answers are lines of standard input: the number of a certificate, or c to cancel. A question that several\n"
-        "agents are asked is answered by the first.");
+        "Answers are lines of standard input: the number of a certificate, or c to\n"
+        "cancel. A question that several agents are asked is answered by the first.");
     agent->add_flag("--once", options->once, "End after the first question");
     agent->add_flag("--no-pins", options->no_pins, "Do not ask for the PINs of tokens that nobody is logged in to");
     OnChosen(agent, context, options, [](Context& c, const AgentOptions& o) { Agent(c, o).Run(); });

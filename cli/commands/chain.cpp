@@ -154,11 +154,11 @@ CLI::App* AddNamed(CLI::App& app, const char* name, const char* what, ChainOptio
 
 void AddChainCommands(CLI::App& app, Context& context) {
     const auto options = std::make_shared<ChainOptions>();
-    CLI::App* chain = AddNamed(app, "chain", "The chain of a certificate up to its root, drawn as a tree", *options);
+    CLI::App* chain = AddNamed(app, "chain", "The chain of a certificate, drawn as a tree", *options);
     chain->add_flag("--dot", options->dot, "Print it for Graphviz");
     OnChosen(chain, context, options, ShowChain);
 
-    CLI::App* verify = AddNamed(app, "verify", "Whether a certificate can be relied on now, and why not", *options);
+    CLI::App* verify = AddNamed(app, "verify", "Whether a certificate can be relied on now", *options);
     verify
         ->add_option("--crl", options->crl,
                      "Check revocation: soft takes a missing CRL for good, strict does not; default no check")

@@ -280,8 +280,9 @@ void AddImportCommand(CLI::App& app, Context& context) {
     const auto options = std::make_shared<ImportOptions>();
     CLI::App* command = app.add_subcommand("import", "Put the certificates of a file on a token")->group(kGroupChange);
     command->footer(
-        "Certificates (DER, PEM, several in a PEM bundle), PKCS #7 and PKCS #12 files. Shows what is in the file\n"
-        "and where it may go, and asks for each certificate unless --as or --yes say.");
+        "Certificates (DER, PEM, several in a PEM bundle), PKCS #7 and PKCS #12 files.\n"
+        "Shows what is in the file and where it may go, and asks for each certificate\n"
+        "unless --as or --yes say.");
     command->add_option("file", options->file, "File; - for standard input")
         ->required()
         ->option_text("FILE (required)");

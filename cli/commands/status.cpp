@@ -118,9 +118,9 @@ void Reload(Context& context) {
 }  // namespace
 
 void AddStatusCommands(CLI::App& app, Context& context) {
-    app.add_subcommand("status", "What the daemon has: modules, tokens, how many objects, what expires soon")
-        ->group(kGroupLook)
-        ->callback([&context] { Status(context); });
+    app.add_subcommand("status", "What the daemon has, and what expires soon")->group(kGroupLook)->callback([&context] {
+        Status(context);
+    });
     app.add_subcommand("reload", "Have the daemon read all tokens anew")->group(kGroupChange)->callback([&context] {
         Reload(context);
     });
