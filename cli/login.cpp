@@ -37,12 +37,12 @@ PinAdvice AdviceFor(std::uint32_t status) {
 }  // namespace
 
 void AddTokenOption(CLI::App& command, std::string& token) {
-    command.add_option("-t,--token", token, "Token, by its label or a beginning of its serial number")
+    command.add_option("-t,--token", token, "Token: label, or beginning of its serial number")
         ->option_text("NAME");
 }
 
 void AddPinOption(CLI::App& command, std::string& pin_file) {
-    command.add_option("--pin-file", pin_file, "Read the PIN from this file, or from standard input (-)")
+    command.add_option("--pin-file", pin_file, "PIN in this file, or on standard input (-)")
         ->option_text("FILE");
 }
 

@@ -21,8 +21,8 @@ namespace {
 constexpr const char* kFooter =
     "A certificate is named by any piece of its subject, or any beginning of its\n"
     "serial number or fingerprint, that fits no other one. \"certmgrctl COMMAND\n"
-    "--help\" shows the options of one. PINs, passwords and keys are asked for, or read\n"
-    "from files of mode 0600 or, with \"-\", line by line from standard input.\n"
+    "--help\" shows the options of one. PINs, passwords and keys are asked for, or\n"
+    "read from files of mode 0600 or, with \"-\", line by line from standard input.\n"
     "\n"
     "Exit codes:\n"
     "  0  done\n"

@@ -230,7 +230,7 @@ void AddAgentCommand(CLI::App& app, Context& context) {
         "Answers are lines of standard input: the number of a certificate, or c to\n"
         "cancel. A question that several agents are asked is answered by the first.");
     agent->add_flag("--once", options->once, "End after the first question");
-    agent->add_flag("--no-pins", options->no_pins, "Do not ask for the PINs of tokens that nobody is logged in to");
+    agent->add_flag("--no-pins", options->no_pins, "Do not ask for PINs of tokens");
     OnChosen(agent, context, options, [](Context& c, const AgentOptions& o) { Agent(c, o).Run(); });
 }
 
