@@ -190,6 +190,18 @@ TEST_F(VerdictTest, ACrlFromAnotherAddressReplacesWhatIsOutOfDate) {
     EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
 }
 
+TEST_F(VerdictTest, ACurrentCrlBehindOneOutOfDateNeedsNoTransfer) {
+    Serve("/stale", Crl(Expired()));
+    Serve("/current", Crl());
+    Passes(LeafAt("/stale"), kSoft);
+    Passes(LeafAt("/current"));
+    ServeNothing("/stale");
+    Outcomes();
+    EXPECT_TRUE(Passes(Leaf({server_.Uri("/stale"), server_.Uri("/current")})));
+    EXPECT_EQ(Transfers(), 3U);
+    EXPECT_EQ(Outcomes().size(), 1U) << "of what was asked";
+}
+
 TEST_F(VerdictTest, EqualDataIsNotDecodedAgain) {
     const std::string der = Crl(Expired());
     const std::string pem = test_pki::ToPem("X509 CRL", der);
