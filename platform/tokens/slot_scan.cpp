@@ -51,8 +51,7 @@ std::uint32_t StatusBits(CK_FLAGS flags) {
 }
 
 bool IsAbsent(CK_RV rv) {
-    return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID ||
-           rv == CKR_TOKEN_NOT_RECOGNIZED;
+    return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID;
 }
 
 /// The login state through the watching session, opened first where there is none.

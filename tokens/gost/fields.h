@@ -26,6 +26,7 @@ class FieldReader {
   public:
     explicit FieldReader(std::string_view bytes) : rest_(bytes) {}
     bool AtEnd() const { return rest_.empty(); }
+    std::string_view rest() const { return rest_; }
     bool Next(Field& field);
     /// The next field must have this type.
     bool Read(std::uint64_t type, std::string_view& value);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
 #include "tokens/gost/failure.h"
@@ -18,7 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kTemporaryPrefix = ".new-";
-constexpr std::time_t kLeftoverSeconds = 3600;
 constexpr std::size_t kNameBytes = 8;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
@@ -54,6 +52,23 @@ bool WriteAll(int fd, std::string_view content) {
     Fail(full ? CKR_DEVICE_MEMORY : CKR_DEVICE_ERROR);
 }
 
+/// What was asked for is not there, or is nothing that could be read. Everything else is a failure.
+std::nullopt_t Absent() {
+    switch (errno) {
+        case ENOENT:
+        case ENOTDIR:
+        case ELOOP:
+        case ENXIO:
+            return std::nullopt;
+        case EMFILE:
+        case ENFILE:
+        case ENOMEM:
+            Fail(CKR_HOST_MEMORY);
+        default:
+            Fail(CKR_DEVICE_ERROR);
+    }
+}
+
 /// Makes the names in a folder last.
 void SyncFolder(const fs::path& folder) {
     const Descriptor descriptor(folder, O_RDONLY | O_DIRECTORY);
@@ -64,21 +79,22 @@ void SyncFolder(const fs::path& folder) {
 
 std::optional<Stamp> StampOf(const fs::path& path) {
     struct stat status {};
-    if (stat(path.c_str(), &status) != 0) return std::nullopt;
+    if (stat(path.c_str(), &status) != 0) return Absent();
     return Stamp{status.st_dev, status.st_ino, status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_size};
 }
 
 std::optional<std::string> ReadFile(const fs::path& path, std::size_t max_bytes) {
     const Descriptor file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status {};
-    if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-    if (static_cast<std::size_t>(status.st_size) > max_bytes) return std::nullopt;
+    if (!file || fstat(file.get(), &status) != 0) return Absent();
+    if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > max_bytes) return std::nullopt;
     std::string content(static_cast<std::size_t>(status.st_size), '\0');
     std::size_t done = 0;
     while (done < content.size()) {
         const ssize_t got = read(file.get(), content.data() + done, content.size() - done);
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return std::nullopt;
+        if (got < 0) return Absent();
+        if (got == 0) return std::nullopt;
         done += static_cast<std::size_t>(got);
     }
     return content;
@@ -111,6 +127,14 @@ void PutFolder(const fs::path& folder, const fs::path& place) {
     SyncFolder(place.parent_path());
 }
 
+void RemoveFolder(const fs::path& folder, const char* first) {
+    std::error_code error;
+    fs::remove(folder / first, error);
+    if (!error) fs::remove_all(folder, error);
+    Require(!error, CKR_DEVICE_ERROR);
+    SyncFolder(folder.parent_path());
+}
+
 std::string RandomName() {
     static constexpr char kDigits[] = "0123456789abcdef";
     std::string name;
@@ -125,27 +149,36 @@ fs::path TemporaryName(const fs::path& folder) {
     return folder / std::string(kTemporaryPrefix).append(RandomName());
 }
 
-void RemoveLeftovers(const fs::path& folder) {
-    const std::time_t now = time(nullptr);
-    std::error_code error;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
-        const auto stamp = StampOf(entry.path());
-        const bool leftover = entry.path().filename().string().starts_with(kTemporaryPrefix);
-        if (leftover && stamp && stamp->seconds < now - kLeftoverSeconds) fs::remove_all(entry.path(), error);
-    }
+FolderLock::FolderLock(const fs::path& folder, Wait wait) : folder_(folder) {
+    const int how = LOCK_EX | (wait == Wait::kNo ? LOCK_NB : 0);
+    do {
+        if (fd_ >= 0) close(fd_);
+        fd_ = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        while (fd_ >= 0 && flock(fd_, how) != 0) {
+            if (errno != EINTR) close(std::exchange(fd_, -1));
+        }
+    } while (fd_ >= 0 && !IsOfItsPlace());
+    Require(fd_ >= 0 || wait == Wait::kNo, CKR_DEVICE_ERROR);
 }
 
-FolderLock::FolderLock(const fs::path& folder) : fd_(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-    while (fd_ >= 0 && flock(fd_, LOCK_EX) != 0) {
-        if (errno == EINTR) continue;
-        close(fd_);
-        Fail(CKR_DEVICE_ERROR);
+bool FolderLock::IsOfItsPlace() const {
+    struct stat locked {};
+    struct stat named {};
+    const bool both = fstat(fd_, &locked) == 0 && stat(folder_.c_str(), &named) == 0;
+    return both && locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
+}
+
+void FolderLock::RemoveLeftovers() const {
+    std::error_code error;
+    if (!held()) return;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder_, error)) {
+        const bool leftover = entry.path().filename().string().starts_with(kTemporaryPrefix);
+        if (leftover) fs::remove_all(entry.path(), error);
     }
-    Require(fd_ >= 0, CKR_DEVICE_ERROR);
 }
 
 FolderLock::~FolderLock() {
-    close(fd_);
+    if (held()) close(fd_);
 }
 
 }  // namespace gost_token

@@ -20,33 +20,46 @@ struct Stamp {
 
     bool operator==(const Stamp&) const = default;
 };
+/// Nothing when it is not there. Fails with CKR_DEVICE_ERROR when that cannot be told.
 std::optional<Stamp> StampOf(const std::filesystem::path& path);
 
-/// Nothing when it is not there, not a regular file, or longer.
+/// Nothing when it is not there, not a regular file, or longer. What may pass is a failure instead: CKR_HOST_MEMORY for
+/// memory and descriptors, CKR_DEVICE_ERROR for everything else that keeps the file from being read.
 std::optional<std::string> ReadFile(const std::filesystem::path& path, std::size_t max_bytes);
 /// Fails with CKR_DEVICE_ERROR or CKR_DEVICE_MEMORY.
 void WriteFile(const std::filesystem::path& path, std::string_view content);
-/// Makes the folder and its parents, mode 0700. False when it cannot be made, or others may read or write it.
+/// Makes the folder, mode 0700, and its parents. False when it cannot be made, or others may read or write it.
 bool MakePrivateFolder(const std::filesystem::path& folder);
 /// Puts a folder in the place of another one, which takes the first one's name, or where there was none.
 void PutFolder(const std::filesystem::path& folder, const std::filesystem::path& place);
+/// Removes a folder for good, that file of it first. Fails with CKR_DEVICE_ERROR when something of it stays.
+void RemoveFolder(const std::filesystem::path& folder, const char* first);
 /// Sixteen hexadecimal digits that no other writer chooses.
 std::string RandomName();
 /// A name under which nothing counts as there yet.
 std::filesystem::path TemporaryName(const std::filesystem::path& folder);
-/// Removes what a process that was killed left in the folder an hour ago or more.
-void RemoveLeftovers(const std::filesystem::path& folder);
 
-/// Keeps other processes from changing the same folder.
+/// Keeps other processes, and other threads, from changing the folder that has this name now: one that is put in its
+/// place meanwhile is waited for, too. Everything that writes into a folder holds its lock. The state directory's lock
+/// is taken before that of a slot's folder.
 class FolderLock {
   public:
-    explicit FolderLock(const std::filesystem::path& folder);
+    enum class Wait { kYes, kNo };
+    /// Fails with CKR_DEVICE_ERROR. Without waiting it never does; see held.
+    explicit FolderLock(const std::filesystem::path& folder, Wait wait = Wait::kYes);
     ~FolderLock();
     FolderLock(const FolderLock&) = delete;
     FolderLock& operator=(const FolderLock&) = delete;
 
+    bool held() const { return fd_ >= 0; }
+    /// Removes what processes that were killed left in the folder, if the lock is held.
+    void RemoveLeftovers() const;
+
   private:
-    int fd_;
+    bool IsOfItsPlace() const;
+
+    std::filesystem::path folder_;
+    int fd_ = -1;
 };
 
 }  // namespace gost_token

@@ -21,34 +21,49 @@ bool IsObjectFile(const fs::path& path) {
 
 }  // namespace
 
+std::string NewObjectFile() {
+    return RandomName().append(kSuffix);
+}
+
 void ObjectStore::Refresh(const Access& access) {
     const std::optional<Stamp> now = StampOf(folder_);
     if (!now || (now == looked_at_ && now->seconds < time(nullptr) - kClockSeconds)) return;
     std::set<std::string> present;
+    bool all_read = true;
     for (const fs::directory_entry& file : fs::directory_iterator(folder_)) {
         if (!IsObjectFile(file.path())) continue;
-        present.insert(file.path().filename().string());
-        Read(*present.find(file.path().filename().string()), access);
+        const auto name = present.insert(file.path().filename().string()).first;
+        all_read = Read(*name, access) && all_read;
     }
     for (auto it = by_file_.begin(); it != by_file_.end();) {
         const bool gone = !present.contains(it->first);
         if (gone) entries_.erase(it->second);
         it = gone ? by_file_.erase(it) : std::next(it);
     }
-    looked_at_ = now;
+    looked_at_ = all_read ? now : std::nullopt;
 }
 
-void ObjectStore::Read(const std::string& file, const Access& access) {
+bool ObjectStore::Read(const std::string& file, const Access& access) {
     const std::optional<Stamp> stamp = StampOf(folder_ / file);
     const auto known = by_file_.find(file);
-    if (!stamp || (known != by_file_.end() && entries_[known->second].stamp == *stamp)) return;
-    const std::optional<std::string> content = ReadFile(folder_ / file, kMaxObjectFileBytes);
+    if (!stamp || (known != by_file_.end() && entries_[known->second].stamp == stamp)) return true;
+    std::optional<std::string> content;
+    bool read = true;
+    try {
+        content = ReadFile(folder_ / file, kMaxObjectFileBytes);
+    } catch (const Failure& failure) {
+        // A bad place on a disk hides one object; a shortage hides none.
+        if (failure.rv() != CKR_DEVICE_ERROR) throw;
+        read = false;
+    }
     Attributes object;
     const bool readable =
         content && DecodeObject(*content, {access.serial, file}, access.key, object) == Readable::kYes;
     const CK_OBJECT_HANDLE handle = known != by_file_.end() ? known->second : ++last_handle_;
     by_file_[file] = handle;
-    entries_[handle] = {readable ? std::make_shared<const Attributes>(std::move(object)) : nullptr, file, *stamp};
+    entries_[handle] = {readable ? std::make_shared<const Attributes>(std::move(object)) : nullptr, file,
+                        read ? stamp : std::nullopt};
+    return read;
 }
 
 void ObjectStore::ForgetPrivate() {
@@ -71,17 +86,11 @@ void ObjectStore::DropSession(CK_SESSION_HANDLE session) {
     std::erase_if(entries_, [&](const auto& item) { return item.second.session == session; });
 }
 
-void ObjectStore::Write(const std::string& file, const Attributes& object, const Access& access) {
-    WriteFile(folder_ / file, EncodeObject(object, {access.serial, file}, access.key));
-    Read(file, access);
-}
-
-CK_OBJECT_HANDLE ObjectStore::Add(const Attributes& object, const Access& access) {
-    const std::string file = RandomName().append(kSuffix);
-    Write(file, object, access);
-    const auto written = by_file_.find(file);
-    Require(written != by_file_.end() && Find(written->second) != nullptr, CKR_DEVICE_ERROR);
-    return written->second;
+CK_OBJECT_HANDLE ObjectStore::Put(const std::string& file, const Stamp& stamp, Attributes object) {
+    const auto [known, is_new] = by_file_.try_emplace(file, last_handle_ + 1);
+    if (is_new) ++last_handle_;
+    entries_[known->second] = {std::make_shared<const Attributes>(std::move(object)), file, stamp};
+    return known->second;
 }
 
 CK_OBJECT_HANDLE ObjectStore::AddToSession(Attributes object, CK_SESSION_HANDLE session) {
@@ -89,13 +98,8 @@ CK_OBJECT_HANDLE ObjectStore::AddToSession(Attributes object, CK_SESSION_HANDLE 
     return last_handle_;
 }
 
-void ObjectStore::Replace(CK_OBJECT_HANDLE handle, Attributes object, const Access& access) {
-    Entry& entry = entries_.at(handle);
-    if (entry.file.empty()) {
-        entry.object = std::make_shared<const Attributes>(std::move(object));
-    } else {
-        Write(entry.file, object, access);
-    }
+void ObjectStore::Replace(CK_OBJECT_HANDLE handle, Attributes object) {
+    entries_.at(handle).object = std::make_shared<const Attributes>(std::move(object));
 }
 
 void ObjectStore::Remove(CK_OBJECT_HANDLE handle) {
@@ -109,13 +113,20 @@ void ObjectStore::Remove(CK_OBJECT_HANDLE handle) {
     entries_.erase(found);
 }
 
+std::string ObjectStore::FileOf(CK_OBJECT_HANDLE handle) const {
+    const auto found = entries_.find(handle);
+    return found == entries_.end() ? std::string() : found->second.file;
+}
+
+bool ObjectStore::IsOfSession(CK_OBJECT_HANDLE handle) const {
+    return entries_.contains(handle) && FileOf(handle).empty();
+}
+
 ObjectPtr ObjectStore::Look(CK_OBJECT_HANDLE handle, const Access& access) {
-    const auto known = entries_.find(handle);
-    if (known == entries_.end()) return nullptr;
-    const std::string file = known->second.file;
+    const std::string file = FileOf(handle);
     if (!file.empty() && !StampOf(folder_ / file)) {
         by_file_.erase(file);
-        entries_.erase(known);
+        entries_.erase(handle);
     } else if (!file.empty()) {
         Read(file, access);
     }

@@ -21,6 +21,9 @@ struct Access {
     vpnfc::SecretString key{};  // of the token; empty when nobody is logged in
 };
 
+/// A name for the file of a new object.
+std::string NewObjectFile();
+
 /// Not locked: the token that owns it is.
 class ObjectStore {
   public:
@@ -33,11 +36,16 @@ class ObjectStore {
     void Clear();
     void DropSession(CK_SESSION_HANDLE session);
 
-    CK_OBJECT_HANDLE Add(const Attributes& object, const Access& access);
+    /// Of what stands in a file now.
+    CK_OBJECT_HANDLE Put(const std::string& file, const Stamp& stamp, Attributes object);
     CK_OBJECT_HANDLE AddToSession(Attributes object, CK_SESSION_HANDLE session);
-    void Replace(CK_OBJECT_HANDLE handle, Attributes object, const Access& access);
+    /// Of a session object.
+    void Replace(CK_OBJECT_HANDLE handle, Attributes object);
     void Remove(CK_OBJECT_HANDLE handle);
 
+    /// Empty for a session object and for an unknown handle.
+    std::string FileOf(CK_OBJECT_HANDLE handle) const;
+    bool IsOfSession(CK_OBJECT_HANDLE handle) const;
     /// As it is now. Null for an unknown handle, or an object that is gone.
     ObjectPtr Look(CK_OBJECT_HANDLE handle, const Access& access);
     /// As it was at the last look.
@@ -48,12 +56,12 @@ class ObjectStore {
     struct Entry {
         ObjectPtr object{};  // null: locked or damaged
         std::string file{};  // empty: a session object
-        Stamp stamp{};
+        std::optional<Stamp> stamp{};  // nothing: to be read again
         CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
     };
 
-    void Read(const std::string& file, const Access& access);
-    void Write(const std::string& file, const Attributes& object, const Access& access);
+    /// False when the file cannot be read now.
+    bool Read(const std::string& file, const Access& access);
 
     std::filesystem::path folder_;
     std::optional<Stamp> looked_at_;  // the folder, when it was read last

@@ -47,13 +47,14 @@ Operation::Operation(const Engine& engine, const CK_MECHANISM* mechanism, CK_FLA
     if (mechanism_->hash) hash_.emplace(engine, *mechanism_->hash);
 }
 
-void Operation::UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use) {
+void Operation::UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use, unsigned long logouts) {
     const bool signs = use == CKF_SIGN;
     Require(object.Number(CKA_CLASS) == (signs ? CKO_PRIVATE_KEY : CKO_PUBLIC_KEY), CKR_KEY_HANDLE_INVALID);
     Require(object.Number(CKA_KEY_TYPE) == mechanism_->key_type, CKR_KEY_TYPE_INCONSISTENT);
     Require(object.Flag(signs ? CKA_SIGN : CKA_VERIFY), CKR_KEY_FUNCTION_NOT_PERMITTED);
     key_ = KeyOf(engine, object);
     Require(!mechanism_->hash || key_->kind().hash == *mechanism_->hash, CKR_KEY_TYPE_INCONSISTENT);
+    if (object.Flag(CKA_PRIVATE)) logouts_ = logouts;
 }
 
 void Operation::Update(std::string_view data) {
@@ -147,6 +148,10 @@ void Session::EndFind() {
 
 Operation& Session::Started(Running& operation) {
     Require(operation.has_value(), CKR_OPERATION_NOT_INITIALIZED);
+    if (operation->IsOver(*token_)) {
+        operation.reset();
+        Fail(CKR_USER_NOT_LOGGED_IN);
+    }
     return *operation;
 }
 
@@ -180,7 +185,8 @@ void Session::StartWithKey(Running& operation, const CK_MECHANISM* mechanism, CK
     const Lock lock(mutex_);
     Require(!operation.has_value(), CKR_OPERATION_ACTIVE);
     Operation started(engine_, mechanism, use);
-    started.UseKey(engine_, *token_->FindKey(key), use);
+    const unsigned long logouts = token_->Logouts();
+    started.UseKey(engine_, *token_->FindKey(key), use, logouts);
     operation = std::move(started);
 }
 

@@ -25,8 +25,11 @@ class Operation {
   public:
     Operation(const Engine& engine, const CK_MECHANISM* mechanism, CK_FLAGS use);
 
-    /// The key that signs (CKF_SIGN) or verifies (CKF_VERIFY). Fails with what is wrong with the object.
-    void UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use);
+    /// The key that signs (CKF_SIGN) or verifies (CKF_VERIFY). Fails with what is wrong with the object. `logouts`: those
+    /// of its token before the object was found.
+    void UseKey(const Engine& engine, const Attributes& object, CK_FLAGS use, unsigned long logouts);
+    /// Whether the login that its key needs has ended.
+    bool IsOver(Token& token) const { return logouts_ && *logouts_ != token.Logouts(); }
     void Update(std::string_view data);
     /// The digest: of what was given, or what was given itself.
     std::string Finish(std::string_view data);
@@ -37,6 +40,7 @@ class Operation {
     const Mechanism* mechanism_;
     std::optional<Hash> hash_;
     KeyPtr key_;
+    std::optional<unsigned long> logouts_;  // for a private object
 };
 
 /// Calls on one session take turns; sessions do not wait for each other.
@@ -74,7 +78,7 @@ class Session {
 
   private:
     using Running = std::optional<Operation>;
-    static Operation& Started(Running& operation);
+    Operation& Started(Running& operation);
     void StartWithKey(Running& operation, const CK_MECHANISM* mechanism, CK_FLAGS use, CK_OBJECT_HANDLE key);
     void Update(Running& operation, std::string_view data);
 

@@ -1,5 +1,7 @@
 #include "tokens/gost/token.h"
 
+#include "tokens/gost/object_file.h"
+
 namespace gost_token {
 namespace {
 
@@ -8,6 +10,7 @@ using vpnfc::SecretString;
 using Lock = std::lock_guard<std::mutex>;
 
 constexpr std::size_t kMaxTokenFileBytes = 64U << 10;
+constexpr const char* kTokenFile = "token";
 constexpr std::string_view kManufacturer = "certmgr";
 constexpr std::string_view kModel = "GOST in software";
 
@@ -17,18 +20,16 @@ Token::Token(fs::path folder, CK_SLOT_ID slot) : folder_(std::move(folder)), slo
 
 void Token::RefreshLocked() {
     const std::optional<Stamp> now = StampOf(FilePath());
-    if (now != looked_at_) {
-        const std::optional<std::string> content = ReadFile(FilePath(), kMaxTokenFileBytes);
-        file_ = content ? TokenFile::Decode(*content) : std::nullopt;
-        looked_at_ = now;
-        const std::string serial = file_ ? file_->serial() : std::string();
-        if (serial != access_.serial) {
-            ForgetLoginLocked();
-            objects_.Clear();
-            access_.serial = serial;
-            sessions_ = read_only_sessions_ = 0;
-        }
-    }
+    if (now == looked_at_) return;
+    const std::optional<std::string> content = ReadFile(FilePath(), kMaxTokenFileBytes);
+    file_ = content ? TokenFile::Decode(*content) : std::nullopt;
+    looked_at_ = now;
+    if (file_ && file_->serial() == access_.serial) return;
+    ForgetLoginLocked();
+    objects_.Clear();
+    if (!file_) return;  // the same token may come back
+    access_.serial = file_->serial();
+    sessions_ = read_only_sessions_ = 0;
 }
 
 const TokenFile& Token::FileLocked() {
@@ -36,6 +37,10 @@ const TokenFile& Token::FileLocked() {
     Require(looked_at_.has_value(), CKR_TOKEN_NOT_PRESENT);
     Require(file_.has_value(), CKR_TOKEN_NOT_RECOGNIZED);
     return *file_;
+}
+
+fs::path Token::FilePath() const {
+    return folder_ / kTokenFile;
 }
 
 TokenFile Token::Snapshot() {
@@ -71,21 +76,34 @@ void Token::Describe(CK_TOKEN_INFO& info) {
     info.ulTotalPrivateMemory = info.ulFreePrivateMemory = CK_UNAVAILABLE_INFORMATION;
 }
 
-void Token::Initialize(std::string_view officer_pin, std::string_view label) {
-    // Other processes may want the same slot.
-    const FolderLock folder_lock(folder_.parent_path());
-    if (IsInitialized()) {
-        const TokenFile before = Snapshot();
-        SecretString key;
-        Require(before.Unlock(Role::kOfficer, officer_pin, key), CKR_PIN_INCORRECT);
+bool Token::MayErase(std::string_view officer_pin) {
+    std::optional<TokenFile> before;
+    {
+        const Lock lock(mutex_);
+        RefreshLocked();
+        before = file_;
     }
+    SecretString key;
+    Require(!before || before->Unlock(Role::kOfficer, officer_pin, key), CKR_PIN_INCORRECT);
+    return before.has_value();
+}
+
+void Token::Initialize(std::string_view officer_pin, std::string_view label) {
+    const fs::path state = folder_.parent_path();
+    // Other processes may want the same slot, or be writing into its folder.
+    const FolderLock state_lock(state);
+    state_lock.RemoveLeftovers();
+    std::optional<FolderLock> folder_lock;
+    if (StampOf(folder_)) folder_lock.emplace(folder_);
+    const bool erase = MayErase(officer_pin);
     const TokenFile file = TokenFile::New(label, officer_pin);
-    const fs::path fresh = TemporaryName(folder_.parent_path());
+    const fs::path fresh = TemporaryName(state);
     Require(MakePrivateFolder(fresh), CKR_DEVICE_ERROR);
-    WriteFile(fresh / "token", file.Encode());
+    WriteFile(fresh / kTokenFile, file.Encode());
+    if (folder_lock && !erase)
+        fs::rename(folder_, state / ("kept-" + folder_.filename().string() + "-" + RandomName()));
     PutFolder(fresh, folder_);
-    std::error_code ignored;
-    fs::remove_all(fresh, ignored);  // what was there before
+    if (erase) RemoveFolder(fresh, kTokenFile);  // without it nothing opens the private objects
     const Lock lock(mutex_);
     RefreshLocked();
 }
@@ -102,7 +120,7 @@ void Token::Login(Role role, std::string_view pin) {
     SecretString key;
     Require(role == Role::kOfficer || file.HasUserPin(), CKR_USER_PIN_NOT_INITIALIZED);
     Require(file.Unlock(role, pin, key), CKR_PIN_INCORRECT);
-    RemoveLeftovers(folder_);
+    FolderLock(folder_, FolderLock::Wait::kNo).RemoveLeftovers();
     const Lock lock(mutex_);
     // Another thread may have logged in, another process may have made a new token.
     Require(FileLocked().serial() == file.serial(), CKR_DEVICE_REMOVED);
@@ -113,6 +131,7 @@ void Token::Login(Role role, std::string_view pin) {
 }
 
 void Token::ForgetLoginLocked() {
+    if (role_ != Role::kNobody) ++logouts_;
     role_ = Role::kNobody;
     access_.key = SecretString();
     objects_.ForgetPrivate();
@@ -158,6 +177,11 @@ void Token::ChangePin(std::string_view old_pin, std::string_view new_pin) {
     Rewrite(who, new_pin, access);
 }
 
+unsigned long Token::Logouts() {
+    const Lock lock(mutex_);
+    return logouts_;
+}
+
 std::string Token::OpenSession(const SessionView& session) {
     const Lock lock(mutex_);
     std::string serial = FileLocked().serial();
@@ -169,7 +193,6 @@ std::string Token::OpenSession(const SessionView& session) {
 
 void Token::CloseSession(const SessionView& session, const std::string& serial) {
     const Lock lock(mutex_);
-    RefreshLocked();
     if (access_.serial != serial) return;
     objects_.DropSession(session.handle);
     if (sessions_ > 0) --sessions_;
@@ -196,25 +219,53 @@ ObjectPtr Token::VisibleLocked(CK_OBJECT_HANDLE handle) {
     return object;
 }
 
+CK_OBJECT_HANDLE Token::WriteLocked(std::unique_lock<std::mutex>& lock, const std::string& file, Attributes object) {
+    const Access access{access_.serial, SecretString(std::string_view(access_.key.get()))};
+    const bool is_private = object.Flag(CKA_PRIVATE);
+    lock.unlock();
+    WriteFile(folder_ / file, EncodeObject(object, {access.serial, file}, access.key));
+    const std::optional<Stamp> written = StampOf(folder_ / file);
+    lock.lock();
+    Require(written && access.serial == access_.serial, CKR_DEVICE_REMOVED);
+    const CK_OBJECT_HANDLE handle = objects_.Put(file, *written, std::move(object));
+    if (is_private && access_.key.empty()) objects_.ForgetPrivate();  // a logout while it was written
+    return handle;
+}
+
+std::optional<FolderLock> Token::LockFor(CK_OBJECT_HANDLE handle) {
+    {
+        const Lock lock(mutex_);
+        if (objects_.IsOfSession(handle)) return std::nullopt;
+    }
+    return std::optional<FolderLock>(std::in_place, folder_);
+}
+
 CK_OBJECT_HANDLE Token::Create(Attributes object, const SessionView& session) {
-    const Lock lock(mutex_);
+    std::optional<FolderLock> folder_lock;
+    if (object.Flag(CKA_TOKEN)) folder_lock.emplace(folder_);
+    std::unique_lock lock(mutex_);
     FileLocked();
     RequireWritableLocked(object, session);
-    return object.Flag(CKA_TOKEN) ? objects_.Add(object, access_)
-                                  : objects_.AddToSession(std::move(object), session.handle);
+    return folder_lock ? WriteLocked(lock, NewObjectFile(), std::move(object))
+                       : objects_.AddToSession(std::move(object), session.handle);
 }
 
 void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session) {
-    const FolderLock folder_lock(folder_);
-    const Lock lock(mutex_);
+    const std::optional<FolderLock> folder_lock = LockFor(handle);
+    std::unique_lock lock(mutex_);
     FileLocked();
     const ObjectPtr object = VisibleLocked(handle);
     RequireWritableLocked(*object, session);
-    objects_.Replace(handle, Changed(*object, changes, role_), access_);
+    Attributes changed = Changed(*object, changes, role_);
+    if (folder_lock) {
+        WriteLocked(lock, objects_.FileOf(handle), std::move(changed));
+    } else {
+        objects_.Replace(handle, std::move(changed));
+    }
 }
 
 void Token::Destroy(CK_OBJECT_HANDLE handle, const SessionView& session) {
-    const FolderLock folder_lock(folder_);
+    const std::optional<FolderLock> folder_lock = LockFor(handle);
     const Lock lock(mutex_);
     FileLocked();
     RequireWritableLocked(*VisibleLocked(handle), session);

@@ -29,9 +29,9 @@ struct SessionView {
     bool read_write = false;
 };
 
-/// May be used from several threads. What a change rests on is read under the lock of the folder, which is taken before the
-/// mutex. The mutex is held while files of its folder are read and written, so that all
-/// sessions see the same objects, and not while a PIN is tried.
+/// May be used from several threads. Files are written, and what a change rests on is read, under the lock of the folder,
+/// which is taken before the mutex; session objects take no such lock. The mutex is held while files that are new are
+/// read, so that all sessions see the same objects, and not while one is written, a PIN is tried or a lock waited for.
 class Token {
   public:
     Token(std::filesystem::path folder, CK_SLOT_ID slot);
@@ -40,7 +40,8 @@ class Token {
     bool IsInitialized();
     void Describe(CK_TOKEN_INFO& info);
 
-    /// Erases what is there, if the PIN is the security officer's; a new token takes it as that.
+    /// Erases what is there, if the PIN is the security officer's; a new token takes it as that. A folder whose token
+    /// cannot be read has no such PIN: it is not erased but put aside, as kept-slot-N-....
     void Initialize(std::string_view officer_pin, std::string_view label);
     void Login(Role role, std::string_view pin);
     void Logout();
@@ -64,6 +65,8 @@ class Token {
     ObjectPtr Find(CK_OBJECT_HANDLE handle);
     /// Likewise, with CKR_KEY_HANDLE_INVALID.
     ObjectPtr FindKey(CK_OBJECT_HANDLE handle);
+    /// How many logins have ended. What was begun with a private key ends with the login.
+    unsigned long Logouts();
     std::vector<CK_OBJECT_HANDLE> FindAll(const Template& wanted);
 
   private:
@@ -73,11 +76,17 @@ class Token {
     void ForgetLoginLocked();
     void RequireWritableLocked(const Attributes& object, const SessionView& session) const;
     ObjectPtr VisibleLocked(CK_OBJECT_HANDLE handle);
+    /// With the lock of the folder held, too; releases the mutex while it writes.
+    CK_OBJECT_HANDLE WriteLocked(std::unique_lock<std::mutex>& lock, const std::string& file, Attributes object);
+    /// The lock that a change of the object takes, if any.
+    std::optional<FolderLock> LockFor(CK_OBJECT_HANDLE handle);
 
+    /// Whether there is a readable token; fails when the PIN is not its security officer's.
+    bool MayErase(std::string_view officer_pin);
     TokenFile Snapshot();
     /// Gives the token of that number a PIN that opens its key.
     void Rewrite(Role role, std::string_view pin, const Access& access);
-    std::filesystem::path FilePath() const { return folder_ / "token"; }
+    std::filesystem::path FilePath() const;
 
     const std::filesystem::path folder_;
     const CK_SLOT_ID slot_;
@@ -87,6 +96,7 @@ class Token {
     std::optional<TokenFile> file_;
     std::optional<Stamp> looked_at_;
     Role role_ = Role::kNobody;
+    unsigned long logouts_ = 0;
     Access access_;
     ObjectStore objects_;
     unsigned long sessions_ = 0;

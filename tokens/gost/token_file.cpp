@@ -76,14 +76,17 @@ std::string TokenFile::Encode() const {
     AppendField(out, kSerial, serial_);
     AppendField(out, kOfficerLock, EncodeLock(officer_));
     AppendField(out, kUserLock, EncodeLock(user_));
-    return out.append(Checksum(out));
+    out.append(Checksum(out));
+    return out + out;
 }
 
 std::optional<TokenFile> TokenFile::Decode(std::string_view content) {
-    if (content.size() < kMagic.size() + kChecksumBytes || !content.starts_with(kMagic)) return std::nullopt;
-    const std::string_view checksum = content.substr(content.size() - kChecksumBytes);
-    content.remove_suffix(kChecksumBytes);
-    if (Checksum(content) != checksum) return std::nullopt;
+    if (auto first = DecodeCopy(content)) return first;
+    return DecodeCopy(content.substr(content.size() / 2));
+}
+
+std::optional<TokenFile> TokenFile::DecodeCopy(std::string_view content) {
+    if (!content.starts_with(kMagic)) return std::nullopt;
     FieldReader reader(content.substr(kMagic.size()));
     TokenFile file;
     std::string_view label;
@@ -91,7 +94,12 @@ std::optional<TokenFile> TokenFile::Decode(std::string_view content) {
     std::string_view officer;
     std::string_view user;
     if (!reader.Read(kLabel, label) || !reader.Read(kSerial, serial) || !reader.Read(kOfficerLock, officer) ||
-        !reader.Read(kUserLock, user) || !reader.AtEnd() || label.size() != kLabelBytes ||
+        !reader.Read(kUserLock, user)) {
+        return std::nullopt;
+    }
+    const std::string_view rest = reader.rest();
+    const std::string_view body = content.substr(0, content.size() - rest.size());
+    if (rest.substr(0, kChecksumBytes) != Checksum(body) || label.size() != kLabelBytes ||
         serial.size() != kSerialBytes || !DecodeLock(officer, file.officer_) || !DecodeLock(user, file.user_)) {
         return std::nullopt;
     }

@@ -20,7 +20,8 @@ class TokenFile {
   public:
     /// A new token with a key of its own. The label is padded with blanks.
     static TokenFile New(std::string_view label, std::string_view officer_pin);
-    /// Nothing when it is damaged.
+    /// Nothing when it is damaged. Its content stands in it twice, each with a checksum: one that is whole is enough,
+    /// since all private objects depend on it.
     static std::optional<TokenFile> Decode(std::string_view content);
     std::string Encode() const;
 
@@ -39,6 +40,8 @@ class TokenFile {
         std::string salt{};
         std::string locked_key{};
     };
+    /// The one that the content begins with.
+    static std::optional<TokenFile> DecodeCopy(std::string_view content);
     static std::string EncodeLock(const Lock& lock);
     static bool DecodeLock(std::string_view content, Lock& lock);
     const Lock& LockOf(Role role) const { return role == Role::kOfficer ? officer_ : user_; }
