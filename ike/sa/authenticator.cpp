@@ -8,6 +8,8 @@ namespace ikeauth {
 namespace {
 
 constexpr std::size_t kSha1Bytes = 20;
+constexpr std::string_view kOtherCertAdvice =
+    "see the log lines above for why the peer's first certificate, which its key belongs to, was not chosen";
 constexpr std::size_t kMaxAuthorities = 4096;
 constexpr std::size_t kMaxRequested = 1024;  // a responder names them in one datagram
 constexpr std::size_t kMaxCertificates = 64;  // of one peer: each costs a decoding
@@ -191,7 +193,8 @@ std::vector<CertPayload> Authenticator::ReadCertificates(const Payloads& in) {
 
 bool Authenticator::JudgeByCertificate(const std::string& octets, const LPCFG::ipsecid_t& id, const AuthData& auth,
                                        const Payloads& in, Outcome& outcome) {
-    const CM::CertRef peer = credentials_.JudgePeer(id, ReadCertificates(in));
+    const std::vector<CertPayload> certificates = ReadCertificates(in);
+    const CM::CertRef peer = credentials_.JudgePeer(id, certificates);
     if (!peer) return Fail(outcome, Ending::kCertificateRefused, "the certificate of " + peer_name_ + " is refused");
     peer_name_ = peer->info.subject;
     report_.Add("judged", "certificate accepted: " + peer_name_);
@@ -206,7 +209,13 @@ bool Authenticator::JudgeByCertificate(const std::string& octets, const LPCFG::i
     }
     const std::string method = Describe(SignatureChoice{auth.method, alg});
     if (!credentials_.VerifyOctets(*peer, alg, octets, signature)) {
-        return Fail(outcome, Ending::kSignatureWrong, "the signature of " + peer_name_ + " is wrong (" + method + ")");
+        const std::string reason = "the signature of " + peer_name_ + " is wrong (" + method + ")";
+        // The signature is by the key of the first one sent (RFC 7296, 3.6), which may be another of the same identity.
+        const bool sent_other = !certificates.empty() && certificates.front().form == PayloadForm::kX509 &&
+                                certificates.front().data != peer->rawCert;
+        if (!sent_other) return Fail(outcome, Ending::kSignatureWrong, reason);
+        return Fail(outcome, Ending::kSignatureWrong, reason + "; the peer sent another certificate first",
+                    kOtherCertAdvice);
     }
     report_.Add("judged", "signature right: " + method);
     return true;
