@@ -219,6 +219,10 @@ void Association::Respond(const Message& request, const Payloads& payloads) {
     Send(answered_->datagrams);
 }
 
+void Association::RepeatAnswer() {
+    if (++answered_->repeated <= kMaxRepeatedAnswers) Send(answered_->datagrams);
+}
+
 // --- Receiving ---
 
 void Association::OnStranger(const std::string& why) {
@@ -246,8 +250,8 @@ void Association::Receive(std::string_view datagram) {
     Message message;
     if (!ParseMessage(datagram, message, flaw)) return OnMalformedInit(flaw);
     if (answered_ && !header.is_response()) {  // the initiator has not seen our answer
-        // With its bare SPI, as it came at first: one that names ours too may come from anybody who saw it.
-        if (answered_->message_id == 0 && header.responder_spi == 0) Send(answered_->datagrams);
+        // Bit for bit as it came at first (RFC 7296, 2.1): others draw no large answers to an address that is not theirs.
+        if (answered_->message_id == 0 && datagram == context_.initiator_message) RepeatAnswer();
         return;
     }
     OnInit(message, datagram);
@@ -285,20 +289,23 @@ bool Association::Open(const Header& header, std::string_view datagram, Message&
     message.header = header;
     Flaw flaw;
     if (ParsePayloads(first, plain, message.payloads, flaw)) return true;
-    EndMalformed(header, flaw);
+    EndBroken(header, {"a malformed message: " + flaw.text, flaw.notify, flaw.data});
     return false;
 }
 
-/// The peer itself sent it, the check value is right: the SA ends with it (RFC 7296, 2.21.2 and 2.21.3).
-void Association::EndMalformed(const Header& header, const Flaw& flaw) {
-    report_.Add("received", "a malformed message: " + flaw.text);
-    if (!header.is_response()) Respond({.header = header, .payloads = {}}, {MakeNotify(flaw.notify, flaw.data)});
-    Conclude(Ending::kMalformed, "a message of the peer is malformed: " + flaw.text);
-    Finish();
+void Association::EndBroken(const Header& header, const Flaw& flaw) {
+    report_.Add("judged", flaw.text);
+    Conclude(Ending::kAuthInvalid, "the peer sends " + flaw.text);
+    if (header.is_response()) return Finish();
+    Respond({.header = header, .payloads = {}}, {MakeNotify(flaw.notify, flaw.data)});
+    broken_ = true;
+    StopWaiting();
+    StartTimer(kPatience);
 }
 
 /// Before anything else is done for it: the next request, or the answer to ours.
 bool Association::IsAwaited(const Header& header) const {
+    if (broken_) return false;
     if (!header.is_response()) return header.message_id == expected_request_;
     return pending_ && header.message_id == pending_->message_id && header.exchange == pending_->exchange;
 }
@@ -308,7 +315,7 @@ void Association::ReceiveProtected(const Header& header, std::string_view datagr
     if (!header.is_response() && answered_ && header.message_id == answered_->message_id) {
         // Our answer was lost. Of a request in fragments the first one asks for it again (RFC 7383, 2.6.1).
         const std::optional<Unsealed> repeated = Unseal(datagram);
-        if (repeated && (!repeated->fragment || repeated->fragment->number == 1)) Send(answered_->datagrams);
+        if (repeated && (!repeated->fragment || repeated->fragment->number == 1)) RepeatAnswer();
         return;
     }
     Message message;
@@ -316,6 +323,7 @@ void Association::ReceiveProtected(const Header& header, std::string_view datagr
 }
 
 void Association::Dispatch(const Message& message) {
+    ++accepted_;
     const Header& header = message.header;
     report_.Add("received", DescribeMessage(header, EncodePayloads(message.payloads).size(), message.payloads));
     if (!header.is_response()) return OnRequest(message);

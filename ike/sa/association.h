@@ -35,12 +35,13 @@ class Association {
     std::optional<Time> wake() const;
     /// Datagrams to send now.
     std::vector<std::string> TakeOutgoing();
-    bool has_outgoing() const { return !outgoing_.empty(); }
 
     /// Nothing more will be sent or expected. The outcome is final before that.
     bool finished() const { return finished_; }
     /// There when the verdict on both sides has fallen.
     const std::optional<Outcome>& outcome() const { return outcome_; }
+    /// Authentic messages that were no repetition. Only where such a one comes from is where the peer is now.
+    unsigned accepted() const { return accepted_; }
     /// A message with a right check value came: the peer is who did the key exchange.
     bool peer_has_keys() const { return peer_has_keys_; }
     bool nat_detected() const { return nat_detected_; }
@@ -90,6 +91,8 @@ class Association {
 
     void Conclude(Ending ending, std::string reason);
     void Conclude(Outcome outcome);
+    /// For an authentic message that the protocol does not allow: the SA ends with it (RFC 7296, 2.21.2 and 2.21.3).
+    void EndBroken(const Header& header, const Flaw& flaw);
     void Finish() { finished_ = true; }
 
     const ExchangeSettings& settings_;
@@ -115,6 +118,7 @@ class Association {
     struct Answered {
         std::uint32_t message_id = 0;
         std::vector<std::string> datagrams;
+        unsigned repeated = 0;
     };
     /// The inside of a protected message, or of a fragment of one, whose check value is right.
     struct Unsealed {
@@ -126,6 +130,7 @@ class Association {
     void Await(std::uint8_t exchange, std::uint32_t message_id, std::vector<std::string> datagrams);
     void Send(const std::vector<std::string>& datagrams);
     void Repeat();
+    void RepeatAnswer();
     Direction DirectionOf(bool from_initiator) const;
     std::vector<std::string> Seal(std::uint8_t exchange, bool response, std::uint32_t id, const Payloads& payloads);
     std::string SealOne(Header header, std::uint8_t first, const std::string& plain, const FragmentNumber* fragment);
@@ -134,7 +139,6 @@ class Association {
     bool Open(const Header& header, std::string_view datagram, Message& message);
     bool IsAwaited(const Header& header) const;
     void Dispatch(const Message& message);
-    void EndMalformed(const Header& header, const Flaw& flaw);
     std::size_t Room() const;
     std::size_t PieceBytes() const;
     std::string NatHash(const std::string& endpoint) const;
@@ -145,7 +149,9 @@ class Association {
     bool peer_fragments_ = false;
     bool peer_has_keys_ = false;
     bool nat_detected_ = false;
+    bool broken_ = false;  // the answer that says so may be asked for again, nothing else
     bool finished_ = false;
+    unsigned accepted_ = 0;
     std::optional<Outcome> outcome_;
     Reassembly reassembly_;
     std::optional<Pending> pending_;
@@ -158,6 +164,8 @@ class Association {
 };
 
 inline constexpr std::size_t kNonceBytes = 32;  // of ours
+inline constexpr unsigned kMaxRepeatedAnswers = 16;  // to one request: a stranger may have seen it
+inline constexpr std::chrono::milliseconds kPatience{1000};  // how long the peer has to ask again, or to delete the SA
 /// Whether a nonce has a length that the protocol allows (RFC 7296, 3.9).
 inline bool IsNonce(std::string_view nonce) {
     return nonce.size() >= 16 && nonce.size() <= 256;

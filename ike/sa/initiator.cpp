@@ -10,6 +10,10 @@ namespace {
 
 constexpr unsigned kMaxRetries = 5;  // cookies and groups that a peer may ask for
 constexpr std::chrono::milliseconds kFarewellLimit{2000};
+constexpr std::string_view kNoProposalAdvice =
+    "allow one of the proposed algorithms at the peer, or propose what it allows with --proposal; some peers answer "
+    "the "
+    "same when no connection of theirs fits the addresses";
 constexpr const char* kAsksForEver = "the peer asks for another cookie or group for ever";
 
 }  // namespace
@@ -132,8 +136,11 @@ bool Initiator::RetryWithGroup(const std::string& data) {
 bool Initiator::RefusedInit(const Payloads& payloads) {
     for (const Notify& notify : Notifies(payloads)) {
         if (!notify.is_error()) continue;
-        const Ending ending = notify.type == kNoProposalChosen ? Ending::kProposalsRefused : Ending::kInitRefused;
-        End(ending, "the peer answers " + NotifyName(notify.type));
+        const bool proposals = notify.type == kNoProposalChosen;
+        Conclude({.ending = proposals ? Ending::kProposalsRefused : Ending::kInitRefused,
+                  .reason = "the peer answers " + NotifyName(notify.type),
+                  .advice = proposals ? kNoProposalAdvice : std::string_view()});
+        Finish();
         return true;
     }
     return false;

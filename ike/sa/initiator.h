@@ -22,7 +22,7 @@ class Initiator : public Association {
     void OnResponse(const Message& message) override;
     void OnRequest(const Message& message) override;
     void OnSilence() override;
-    void OnTimer() override {}
+    void OnTimer() override { Finish(); }  // after EndBroken
     void OnStranger(const std::string& why) override;
     void OnMalformedInit(const Flaw& flaw) override;
 

@@ -28,6 +28,9 @@ const std::vector<EndingInfo>& Endings() {
          "see the log lines above: the token, its PIN, or an algorithm that the peer does not take"},
         {Ending::kAuthSilent, "auth-silent", "authenticate", 14,
          "large messages may be lost on the way: try a smaller --fragment-bytes; or the peer waits for somebody"},
+        {Ending::kAuthInvalid, "auth-invalid", "authenticate", 14,
+         "the peer breaks the protocol: look for a newer version of it, and report the exchange with --pcap and "
+         "--keys"},
         {Ending::kPeerRefused, "peer-refused", "authenticate", 15,
          "look into the peer's log: it does not say why on the wire. Usual: identity, trust in our authority, key"},
         {Ending::kIdentityRefused, "identity-refused", "judge", 16,

@@ -29,6 +29,7 @@ enum class Ending : std::uint8_t {
     kNoPresharedKey,
     kCannotSign,
     kAuthSilent,
+    kAuthInvalid,
     kPeerRefused,
     kIdentityRefused,
     kCertificateRefused,
@@ -62,8 +63,8 @@ struct Step {
     std::string text{};
 };
 
-/// More steps are not kept: a stranger who sends noise must not fill the memory.
-inline constexpr std::size_t kMaxSteps = 10000;
+/// More is not kept: a stranger who sends noise, or much in one message, must not fill the memory.
+inline constexpr std::size_t kMaxReportBytes = std::size_t{256} * 1024;
 
 /// Collects the steps of one exchange and hands each on as it comes. Used by one thread.
 class Report {
@@ -74,7 +75,8 @@ class Report {
     /// The times of the steps count from here.
     void Start() { start_ = clock_(); }
     void Add(std::string_view what, std::string text) {
-        if (steps_.size() >= kMaxSteps) return;
+        bytes_ += sizeof(Step) + text.size();
+        if (bytes_ > kMaxReportBytes) return;
         const Time::duration at = start_ ? clock_() - *start_ : Time::duration{0};
         steps_.push_back({std::chrono::duration_cast<std::chrono::milliseconds>(at), what, std::move(text)});
         if (listener_) listener_(steps_.back());
@@ -86,6 +88,7 @@ class Report {
     Clock clock_;
     std::optional<Time> start_;
     std::vector<Step> steps_;
+    std::size_t bytes_ = 0;
 };
 
 }  // namespace ikeauth

@@ -6,9 +6,11 @@ namespace ikeauth {
 namespace {
 
 constexpr std::size_t kEspSpiBytes = 4;
-constexpr std::chrono::milliseconds kPatience{1000};  // how long the peer has to delete the SA itself
 constexpr std::string_view kUnconfirmedAdvice =
     "look into the peer's log: it may have refused our IKE_AUTH answer without a word, or never have got it";
+constexpr std::string_view kNoAuthAdvice =
+    "look into the initiator's log: it gave up, refused our answer to IKE_SA_INIT, or went on to port 4500 "
+    "(--nat-port)";
 
 }  // namespace
 
@@ -148,8 +150,8 @@ void Responder::ConcludeGood() {
 
 void Responder::OnRequest(const Message& message) {
     if (state_ == State::kAuth) {
-        if (message.header.exchange == kAuth) OnAuth(message);
-        return;
+        if (message.header.exchange == kAuth) return OnAuth(message);
+        return EndBroken(message.header, {.text = "another request before IKE_AUTH"});
     }
     NoteRefusal(message.payloads);
     if (RespondAfterwards(message)) ConcludeGood();
@@ -177,7 +179,9 @@ void Responder::OnSilence() {
 }
 
 void Responder::OnTimer() {
-    if (state_ == State::kAuth) Conclude(Ending::kAuthSilent, "no IKE_AUTH within the time-out");
+    if (state_ == State::kAuth) {
+        Conclude({.ending = Ending::kAuthSilent, .reason = "no IKE_AUTH within the time-out", .advice = kNoAuthAdvice});
+    }
     if (outcome()) return Finish();
     goodbye_due_ = true;
     if (!waiting()) SayGoodbye();  // else when the answer is there: one request at a time

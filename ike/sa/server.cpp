@@ -66,7 +66,7 @@ void Server::Refuse(const Header& header, const std::string& peer, const Flaw& f
 
 bool Server::HasRoom(const Endpoints& endpoints) const {
     const auto of_one = half_open_of_.find(endpoints.Origin());
-    return entries_.size() < kMaxAssociations && half_open_ < kMaxHalfOpen &&
+    return entries_.size() < kMaxAssociations && load() < kMaxHalfOpen &&
            (of_one == half_open_of_.end() || of_one->second < kMaxHalfOpenOfOne);
 }
 
@@ -87,7 +87,7 @@ bool Server::Admit(const Key& key, const Endpoints& endpoints, std::string_view 
     }
     if (!read) Refuse(header, key.second, flaw);
     if (!read || !HasRoom(endpoints)) return false;
-    if ((!always_cookies_ && half_open_ < kCookieThreshold) || HasCookie(message, key)) return true;
+    if ((!always_cookies_ && load() < kCookieThreshold) || HasCookie(message, key)) return true;
     AskForCookie(message, key);
     return false;
 }
@@ -113,8 +113,22 @@ void Server::NoteProgress(Entry& entry) {
     if (!entry.half_open || (entry.responder->half_open() && !entry.responder->finished())) return;
     entry.half_open = false;
     --half_open_;
-    const auto of_one = half_open_of_.find(entry.endpoints.Origin());
+    // What was refused at once has cost a key and a line of the log all the same.
+    const std::string origin = entry.endpoints.Origin();
+    if (entry.responder->keys() != nullptr) return LeaveOrigin(origin);
+    refused_.emplace_back(settings_.clock() + kRefusedLife, origin);
+}
+
+void Server::LeaveOrigin(const std::string& origin) {
+    const auto of_one = half_open_of_.find(origin);
     if (--of_one->second == 0) half_open_of_.erase(of_one);
+}
+
+void Server::ForgetRefused() {
+    const Time now = settings_.clock();
+    for (; !refused_.empty() && refused_.front().first <= now; refused_.pop_front()) {
+        LeaveOrigin(refused_.front().second);
+    }
 }
 
 Server::Entries::iterator Server::Find(const Header& header, const Key& key) {
@@ -129,6 +143,7 @@ void Server::Receive(const std::string& peer, const Endpoints& endpoints, std::s
     Flaw flaw;
     if (!ParseHeader(datagram, header, first, flaw)) return;
     RenewSecret();
+    ForgetRefused();
     const Key key(header.initiator_spi, peer);
     auto found = Find(header, key);
     if (found == entries_.end()) {
@@ -137,17 +152,19 @@ void Server::Receive(const std::string& peer, const Endpoints& endpoints, std::s
         found = entries_.find(key);
     }
     Entry& entry = *found->second;
+    const unsigned accepted = entry.responder->accepted();
     entry.responder->Receive(datagram);
-    if (entry.responder->has_outgoing()) entry.peer = peer;  // it was the peer's: answer to where it came from
+    // A repetition may be a stranger's: it is answered to where it came from (RFC 7296, 2.11) but moves nothing (2.23).
+    if (entry.responder->accepted() != accepted) entry.peer = peer;
     if (entry.responder->responder_spi() != 0) by_spi_[entry.responder->responder_spi()] = found->first;
-    Settle(found);
+    Settle(found, peer);
 }
 
-Server::Entries::iterator Server::Settle(Entries::iterator at) {
+Server::Entries::iterator Server::Settle(Entries::iterator at, const std::string& peer) {
     Entry& entry = *at->second;
     NoteProgress(entry);
     for (std::string& datagram : entry.responder->TakeOutgoing()) {
-        outgoing_.push_back({entry.peer, std::move(datagram)});
+        outgoing_.push_back({peer, std::move(datagram)});
     }
     if (entry.responder->outcome() && !entry.told) {
         entry.told = true;
@@ -164,7 +181,7 @@ void Server::Tick() {
         const std::optional<Time> wake = at->second->responder->wake();
         if (wake && *wake <= now) {
             at->second->responder->Tick();
-            at = Settle(at);
+            at = Settle(at, at->second->peer);
         } else {
             ++at;
         }

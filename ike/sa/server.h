@@ -6,6 +6,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,6 +24,7 @@ inline constexpr std::size_t kMaxHalfOpen = 256;
 inline constexpr std::size_t kMaxHalfOpenOfOne = 64;  // address, of IPv6 network: many hosts may share one
 inline constexpr std::size_t kMaxAssociations = 4096;
 inline constexpr unsigned kMaxRefusals = 20;
+inline constexpr std::chrono::seconds kRefusedLife{10};  // a refused IKE_SA_INIT counts as half-open that long
 inline constexpr std::chrono::seconds kCookieLife{60};  // a cookie is good for one to two of these
 
 /// A datagram and where it came from or goes to, which the server does not look into.
@@ -78,8 +80,11 @@ class Server {
     void RenewSecret();
     void Make(const Key& key, const Endpoints& endpoints);
     void NoteProgress(Entry& entry);
-    /// Collects what an entry sends and tells of its end. The iterator is the next one's.
-    Entries::iterator Settle(Entries::iterator entry);
+    void ForgetRefused();
+    void LeaveOrigin(const std::string& origin);
+    std::size_t load() const { return half_open_ + refused_.size(); }
+    /// Collects what an entry sends, to `peer`, and tells of its end. The iterator is the next one's.
+    Entries::iterator Settle(Entries::iterator entry, const std::string& peer);
 
     const ExchangeSettings& settings_;
     Listener listener_;
@@ -92,7 +97,8 @@ class Server {
     Entries entries_;
     std::map<std::uint64_t, Key> by_spi_;  // of ours
     std::size_t half_open_ = 0;
-    std::map<std::string, std::size_t> half_open_of_;  // by Endpoints::Origin
+    std::deque<std::pair<Time, std::string>> refused_;  // until when, and the origin; their SAs are gone
+    std::map<std::string, std::size_t> half_open_of_;  // by Endpoints::Origin; with the refused ones
     std::vector<Packet> outgoing_;
 };
 

@@ -64,6 +64,13 @@ void BadNetwork::ChangePorts() {
     }
 }
 
+void BadNetwork::SendFromElsewhere(const std::string& bytes) {
+    const int fd = Bind(MakeAddress("127.0.0.1", 0));
+    const sockaddr_in& to = lanes_.front().responder;
+    sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+    close(fd);
+}
+
 void BadNetwork::Serve() {
     constexpr int kLookAgainMs = 100;  // for the end
     while (!stopping_) {

@@ -46,6 +46,8 @@ class BadNetwork {
     std::uint16_t port() const;
     /// What follows comes to the responder from other ports. For rules.
     void ChangePorts();
+    /// Sends it to the responder from a port that nothing is read from. For rules.
+    void SendFromElsewhere(const std::string& bytes);
 
   private:
     struct Lane {

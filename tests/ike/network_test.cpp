@@ -81,6 +81,14 @@ BadNetwork::Rule LosesTheInitiatorsFarewell() {
         return lost ? Datagrams{} : Datagrams{datagram.bytes};
     };
 }
+/// Somebody who saw IKE_AUTH sends it again once it is answered; only the responder's farewell can end the SA in order.
+BadNetwork::Rule ReplaysAuthFromElsewhere() {
+    return [request = std::string(), lose = LosesTheInitiatorsFarewell()](const Datagram& datagram) mutable {
+        if (datagram.exchange() == kAuth && datagram.to_responder) request = datagram.bytes;
+        if (datagram.exchange() == kAuth && !datagram.to_responder) datagram.network->SendFromElsewhere(request);
+        return lose(datagram);
+    };
+}
 BadNetwork::Rule LosesAllAfterAuth() {
     return [](const Datagram& datagram) {
         return datagram.exchange() == kInformational ? Datagrams{} : Datagrams{datagram.bytes};
@@ -118,6 +126,7 @@ TEST_F(WireTest, BadNetworksChangeNoVerdict) {
              {"noise, fragments", AddsNoise(), small, small},
              {"other ports", ChangesPortsBeforeAuth(), {}, {}},
              {"no farewell", LosesTheInitiatorsFarewell(), {"--child"}, {}},
+             {"replayed from elsewhere", ReplaysAuthFromElsewhere(), {}, {}},
              {"no farewell, refused", LosesTheInitiatorsFarewell(), {}, damaged, "signature-wrong", "peer-refused"},
              {"refused", LosesEachAtFirst(), {}, damaged, "signature-wrong", "peer-refused"},
              {"no word", LosesAllAfterAuth(), {}, {"--time-out", "1"}, "authenticated", "auth-silent"},

@@ -51,9 +51,28 @@ struct Fixture {
         return notify.type;
     }
 
+    /// How many answers come to the same datagram, sent over and over.
+    std::size_t Answers(const std::string& datagram) {
+        std::size_t count = 0;
+        for (int i = 0; i < 100; ++i) {
+            server.Receive("123456", {"123456", "123456"}, datagram);
+            count += server.TakeOutgoing().size();
+        }
+        return count;
+    }
+
+    unsigned steps = 0;
+    std::string ended;  // verdict and stage
+    const ikeauth::Server::Listener listener{.on_step = [this](std::uint64_t, const ikeauth::Step&) { ++steps; },
+                                             .on_ended =
+                                                 [this](const ikeauth::Responder& sa, const ikeauth::Report&) {
+                                                     const ikeauth::EndingInfo& info =
+                                                         ikeauth::Info(sa.outcome()->ending);
+                                                     ended = std::string(info.name) + " " + std::string(info.stage);
+                                                 }};
     ikeauth::Time now = ikeauth::Time{} + std::chrono::hours(1);
     ikeauth::ExchangeSettings settings = Noise::Settings();
-    ikeauth::Server server{settings, {}, false};
+    ikeauth::Server server{settings, listener, false};
     std::string last;
 };
 
@@ -105,6 +124,55 @@ TEST(ServerTest, OneAddressHasItsShareAndACookieItsTime) {
     EXPECT_EQ(fixture.server.size(), ikeauth::kMaxHalfOpenOfOne + 1);
     EXPECT_NE(begin("4321", ikeauth::kCookieLife), ikeauth::kCookie);
     EXPECT_EQ(begin("4321", 2 * ikeauth::kCookieLife), ikeauth::kCookie);
+}
+
+/// Does the key exchange and no more: it has no preshared key.
+struct Stranger : ikeauth::Initiator {
+    using Initiator::Initiator;
+    using Initiator::Request;
+};
+
+TEST(ServerTest, RepetitionsCostLittle) {
+    const ikeauth::Payload unknown{.type = 200, .critical = true, .body = "?"};
+    for (const auto& [exchange, payload] : std::vector<std::pair<std::uint8_t, ikeauth::Payload>>{
+             {ikeauth::kInformational, ikeauth::MakeNotify(1)}, {ikeauth::kAuth, unknown}}) {
+        Fixture fixture;
+        ikeauth::Report report;
+        const ikeauth::Endpoints endpoints{"123456", "123456"};
+        Stranger stranger(fixture.settings, endpoints, report);
+        stranger.Start();
+        const std::string init = stranger.TakeOutgoing().front();
+        fixture.Ask(init);
+        stranger.Receive(fixture.last);
+        const std::string bare = init.substr(0, 16) + '\0' + init.substr(17, 7) + std::string{0, 0, 0, 28};
+        EXPECT_EQ(fixture.Answers(bare), 0U);
+        EXPECT_EQ(fixture.Answers(init), ikeauth::kMaxRepeatedAnswers);
+        stranger.Request(exchange, ikeauth::Payloads(128, payload));
+        EXPECT_EQ(fixture.Answers(stranger.TakeOutgoing().back()), 1 + ikeauth::kMaxRepeatedAnswers);
+        EXPECT_LT(fixture.steps, 20U);
+        EXPECT_EQ(fixture.ended, "auth-invalid authenticate");
+        fixture.now += ikeauth::kPatience;
+        fixture.server.Tick();
+        EXPECT_EQ(fixture.server.size(), 0U);
+    }
+}
+
+TEST(ServerTest, RefusedOnesLeadToCookies) {
+    Fixture fixture;
+    ikeauth::Message message;
+    ikeauth::Flaw flaw;
+    ASSERT_TRUE(ParseMessage(Noise().init(), message, flaw));
+    for (ikeauth::Payload& payload : message.payloads) {
+        if (payload.type == ikeauth::kPayloadKe) std::fill(payload.body.begin() + 4, payload.body.end(), '\0');
+    }
+    const auto ask = [&] {
+        ++message.header.initiator_spi;
+        return fixture.Ask(EncodeMessage(message));
+    };
+    for (std::size_t i = 0; i < ikeauth::kCookieThreshold; ++i) ASSERT_EQ(ask(), ikeauth::kInvalidSyntax);
+    EXPECT_EQ(ask(), ikeauth::kCookie);
+    fixture.now += ikeauth::kRefusedLife;
+    EXPECT_EQ(ask(), ikeauth::kInvalidSyntax);
 }
 
 }  // namespace
