@@ -302,8 +302,9 @@ SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::a
     if (const Selection selection = cm_select_among_(records, id, report, requests != nullptr); selection.found) {
         return selection.result;
     }
-    // A pending reload may bring it, once.
-    if ((mode & kWaitForReload) != 0 && CertStorage::Instance().WaitReloadDone()) {
+    // A pending reload may bring it, once; one that ended during the search may have brought it.
+    if ((mode & kWaitForReload) != 0) {
+        CertStorage::Instance().WaitReloadDone();
         records.clear();
         return IkeSelectLocalCertificate(id, rule, cm_without_wait_(mode), excluded_subject, requests, ident);
     }
