@@ -33,6 +33,15 @@ std::string_view View(const void* data, unsigned length) {
 
 // --- Reading ---
 
+/// Reads the file once for all readers.
+const Pkcs12File& Reading(std::string_view bytes, const std::string& password, P12Budget& budget) {
+    if (budget.reading == nullptr) {
+        budget.reading = std::make_shared<Pkcs12File>(password, budget.iterations);
+        budget.reading->ReadFile(bytes);
+    }
+    return *budget.reading;
+}
+
 /// In the engine's own context; null when it is too large.
 void* HandleOf(const BagCert& bag) {
     return cert_engine::CertParser::FromDer(cert_engine::Encode<const X509>(bag.cert.get(), i2d_X509)).release();
@@ -132,9 +141,8 @@ P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, cons
                                          void*& key, std::vector<void*>& certs, P12Budget* budget) {
     const ErrorMark mark;
     P12Budget fresh;
-    Pkcs12File file(password, budget != nullptr ? *budget : fresh);
-    const P12ReadResult result = file.Read(View(data, length));
-    if (result != kP12Read) return result;
+    const Pkcs12File& file = Reading(View(data, length), password, budget != nullptr ? *budget : fresh);
+    if (file.result() != kP12Read) return file.result();
     if (file.keys().size() != 1) return kP12Unsupported;
     EVP_PKEY* const private_key = file.keys().front().decoded.get();
     const int main = file.CertOf(file.keys().front());
@@ -154,9 +162,8 @@ P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, 
                                              P12Budget* budget) {
     const ErrorMark mark;
     P12Budget fresh;
-    Pkcs12File file(password, budget != nullptr ? *budget : fresh);
-    const P12ReadResult result = file.Read(View(data, length));
-    if (result != kP12Read) return result;
+    const Pkcs12File& file = Reading(View(data, length), password, budget != nullptr ? *budget : fresh);
+    if (file.result() != kP12Read) return file.result();
     std::vector<bool> taken(file.certs().size());
     for (const BagKey& bag : file.keys()) {
         const int of_key = file.CertOf(bag);

@@ -48,21 +48,25 @@ struct BagKey {
     KeyPtr decoded;  // null when libcrypto does not know the algorithm
 };
 
-/// Certificates and keys of a file. Reads one file. The budget is borrowed.
+/// Certificates and keys of a file. Reads one file, in so many iterations at most.
 class Pkcs12File {
   public:
-    Pkcs12File(const std::string& password, P12Budget& budget);
+    Pkcs12File(const std::string& password, std::uint64_t iterations);
+    Pkcs12File(const Pkcs12File&) = delete;  // passwords_ points into it
+    Pkcs12File& operator=(const Pkcs12File&) = delete;
 
-    P12ReadResult Read(std::string_view bytes);
+    void ReadFile(std::string_view bytes) { result_ = Read(bytes); }
+    P12ReadResult result() const { return result_; }
 
     const std::vector<BagCert>& certs() const { return certs_; }
     const std::vector<BagKey>& keys() const { return keys_; }
 
-    /// Position of the certificate of a key, or -1. By the public key where libcrypto knows it; else by localKeyID; else
-    /// the only end entity's.
+    /// Position of the certificate of a key, or -1. By the public key where libcrypto knows it, of several the one with
+    /// its localKeyID; else by localKeyID; else the only end entity's.
     int CertOf(const BagKey& key) const;
 
   private:
+    P12ReadResult Read(std::string_view bytes);
     bool CheckMac(PKCS12* file);
     bool ReadSafes(const PKCS12* file);
     bool ReadSafe(PKCS7* safe);
@@ -83,7 +87,8 @@ class Pkcs12File {
     vpnfc::SecretString given_;
     vpnfc::SecretString wide_;  // the password as old programs took it
     std::vector<PasswordBytes> passwords_;  // the likeliest first
-    P12Budget& budget_;
+    std::uint64_t iterations_;  // left
+    P12ReadResult result_ = kP12NotReadable;
     std::vector<BagCert> certs_;
     std::vector<BagKey> keys_;
     bool mac_right_ = false;

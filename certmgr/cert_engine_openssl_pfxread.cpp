@@ -152,8 +152,8 @@ bool IsCheapToDecode(const PKCS8_PRIV_KEY_INFO* info) {
 
 }  // namespace
 
-Pkcs12File::Pkcs12File(const std::string& password, P12Budget& budget)
-    : given_(std::string_view(password)), budget_(budget) {
+Pkcs12File::Pkcs12File(const std::string& password, std::uint64_t iterations)
+    : given_(std::string_view(password)), iterations_(iterations) {
     passwords_.push_back(BytesOfPassword(given_.get()));
     if (password.empty()) passwords_.push_back({});
     if (IsAscii(password)) return;
@@ -162,26 +162,26 @@ Pkcs12File::Pkcs12File(const std::string& password, P12Budget& budget)
 }
 
 P12ReadResult Pkcs12File::Read(std::string_view bytes) {
-    if (bytes.size() > kMaxPkcs12Bytes || budget_.iterations == 0) return kP12Unsupported;
+    if (bytes.size() > kMaxPkcs12Bytes) return kP12Unsupported;
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     const Pkcs12Ptr file(d2i_PKCS12(nullptr, &p, static_cast<long>(bytes.size())));
     if (file == nullptr || !HasContent(bytes)) return kP12NotReadable;
     if (given_.get().size() > kMaxPasswordBytes) return kP12WrongPassword;
-    if (CheckMac(file.get()) && ReadSafes(file.get())) return Verdict();
-    return refused_ ? kP12Unsupported : kP12NotReadable;
+    if (!CheckMac(file.get())) return kP12Unsupported;
+    if (mac_wrong_ && given_.empty()) return kP12WrongPassword;  // before anybody was asked for one
+    if (ReadSafes(file.get())) return Verdict();
+    if (refused_) return mac_wrong_ ? kP12WrongPassword : kP12Unsupported;
+    return kP12NotReadable;
 }
 
 bool Pkcs12File::Afford(std::uint64_t iterations) {
-    std::uint64_t& left = budget_.iterations;
-    if (iterations > left || left - iterations < kAttemptCost) return Refuse();
-    left -= iterations + kAttemptCost;
+    if (iterations > iterations_ || iterations_ - iterations < kAttemptCost) return Refuse();
+    iterations_ -= iterations + kAttemptCost;
     return true;
 }
 
-/// A reader after this one would only find the same.
 bool Pkcs12File::Refuse() {
     refused_ = true;
-    budget_.iterations = 0;
     return false;
 }
 
@@ -339,11 +339,15 @@ int Pkcs12File::CertOf(const BagKey& key) const {
         return found != certs_.end() ? static_cast<int>(found - certs_.begin()) : -1;
     };
     const ErrorMark mark;
+    const auto is_marked = [&](const BagCert& cert) { return !key.key_id.empty() && cert.key_id == key.key_id; };
     if (key.decoded != nullptr) {
-        return position(
-            [&](const BagCert& cert) { return X509_check_private_key(cert.cert.get(), key.decoded.get()) == 1; });
+        const auto fits = [&](const BagCert& cert) {
+            return X509_check_private_key(cert.cert.get(), key.decoded.get()) == 1;
+        };
+        const int both = position([&](const BagCert& cert) { return is_marked(cert) && fits(cert); });
+        return both < 0 ? position(fits) : both;
     }
-    const int by_id = position([&](const BagCert& cert) { return !key.key_id.empty() && cert.key_id == key.key_id; });
+    const int by_id = position(is_marked);
     const auto is_end_entity = [](const BagCert& cert) { return X509_check_ca(cert.cert.get()) == 0; };
     const bool only_one = keys_.size() == 1 && std::count_if(certs_.begin(), certs_.end(), is_end_entity) == 1;
     return by_id < 0 && only_one ? position(is_end_entity) : by_id;

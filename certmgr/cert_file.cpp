@@ -119,7 +119,7 @@ X509CertFile::X509CertFile(const std::string& content, const std::string& passwo
     if (ReadCert(content) || ReadCrl(content) || ReadPkcs7(content) || ReadBase64Lines(content) ||
         ReadPkcs12(content, password, budget)) {
         status = kP12Read;
-    } else if (status == kP12Unsupported) {  // else the last reader would find the same, at the same price
+    } else if (status == kP12Unsupported) {  // else the last reader would find the same
         ReadEncryptedPkcs12(content, password, budget);
     }
 }

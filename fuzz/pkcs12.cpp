@@ -17,9 +17,9 @@ constexpr std::uint64_t kIterations = 50'000;
 std::string Problem(std::string_view bytes) {
     using namespace cert_engine;
     const ErrorMark mark;
-    P12Budget budget{kIterations};
-    Pkcs12File file("", budget);
-    if (file.Read(bytes) != kP12Read) return "";
+    Pkcs12File file("", kIterations);
+    file.ReadFile(bytes);
+    if (file.result() != kP12Read) return "";
     for (const BagCert& bag : file.certs()) {
         if (bag.cert == nullptr) return "no certificate";
     }

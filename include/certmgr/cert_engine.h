@@ -11,6 +11,7 @@
 #include <openssl/x509.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -123,15 +124,21 @@ enum P12ReadResult : int {
     kP12Unsupported = 3,  // beyond the limits, protected in a way that is not known, or not this reader's kind of file
 };
 
-/// What the readings of one file may cost together, in iterations of key derivation: seconds. Writers use some thousands
-/// for each part, a million at most. Nothing is left after a file that is beyond the limits.
+namespace cert_engine {
+class Pkcs12File;
+}
+
+/// What reading one file with one password may cost, in iterations of key derivation: seconds. Writers use some thousands
+/// for each part, a million at most.
 struct P12Budget {
     std::uint64_t iterations = 5'000'000;
+    /// What the first reader made of the file, for those after it.
+    std::shared_ptr<cert_engine::Pkcs12File> reading{};
 };
 
 /// Reads a file with one private key that libcrypto understands: the key in the clear, its certificate, and the other
 /// certificates in the order of the file, appended. Fails for any other file. `budget` (null: a fresh one) is for readers
-/// that try the same file one after the other.
+/// that try the same file with the same password one after the other.
 CM_API P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned length, const std::string& password,
                                                 void*& cert, void*& key, std::vector<void*>& certs,
                                                 P12Budget* budget = nullptr);
