@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "certmgr/records.h"
-#include "platform/asn1/der.h"
 #include "platform/tokens/key_codec.h"
 #include "platform/tokens/session_impl.h"
 
@@ -26,21 +25,35 @@ std::string_view WithoutLeadingZeros(std::string_view text) {
     return text.substr(std::min(text.find_first_not_of('0'), text.size()));
 }
 
+/// Whether a serial number, DER, has that text: the hexadecimal digits of the magnitude after its sign, long ones broken
+/// into lines with backslashes.
+bool IsSerialNumber(std::string_view serial, std::string text) {
+    struct Free {
+        void operator()(ASN1_INTEGER* number) const { ASN1_INTEGER_free(number); }
+    };
+    const auto* der = reinterpret_cast<const unsigned char*>(serial.data());
+    const std::unique_ptr<ASN1_INTEGER, Free> number(d2i_ASN1_INTEGER(nullptr, &der, static_cast<long>(serial.size())));
+    if (number == nullptr) return false;
+    const bool negative = ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER;
+    if (negative != text.starts_with('-')) return false;
+    std::erase_if(text, [](char c) { return c == '-' || c == '\\' || c == '\n'; });
+    std::string hex = TO_HEX_STD_STRING({reinterpret_cast<const char*>(ASN1_STRING_get0_data(number.get())),
+                                         static_cast<std::size_t>(ASN1_STRING_length(number.get()))});
+    std::transform(hex.begin(), hex.end(), hex.begin(), [](unsigned char c) { return std::toupper(c); });
+    return WithoutLeadingZeros(hex) == WithoutLeadingZeros(text);
+}
+
 /// Whether the record describes this certificate. One that does not parse is known by its identifier alone.
 bool Describes(const CertInfo& info, const std::string& certificate) {
     std::string_view issuer;
     std::string_view serial;
     if (!tokens::ReadIssuerAndSerial(certificate, issuer, serial)) return IsUsable(info.id);
-    asn1::DerReader reader(serial);
-    std::string_view number;
     std::string printable;
-    if (!reader.Read(asn1::kTagInteger, number) || !asn_dn_to_printable(issuer, printable)) return false;
-    std::string hex = TO_HEX_STD_STRING(number);
-    std::transform(hex.begin(), hex.end(), hex.begin(), [](unsigned char c) { return std::toupper(c); });
-    return WithoutLeadingZeros(hex) == WithoutLeadingZeros(info.serialNumber) && printable == info.issuer;
+    return asn_dn_to_printable(issuer, printable) && printable == info.issuer &&
+           IsSerialNumber(serial, info.serialNumber);
 }
 
-/// PKCS #8 out of its encryption. Empty when the password is wrong or the encoding is.
+/// PKCS #8 out of its encryption. Empty, which is no key, when the password is wrong or the encoding is.
 SecretString Decrypt(const EncryptedPrivateKey& key) {
     struct Free {
         void operator()(X509_SIG* sig) const { X509_SIG_free(sig); }
@@ -175,8 +188,7 @@ bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, c
 
 bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id,
                                        bool exportable) {
-    const SecretString pkcs8 = Decrypt(key);
-    return !pkcs8.empty() && CreatePrivKeyObject(keyAlg, id, pkcs8.get(), exportable);
+    return CreatePrivKeyObject(keyAlg, id, Decrypt(key).get(), exportable);
 }
 
 bool TokenSession::CreateCRLObject(const std::string& id, const std::string& crl_der) {

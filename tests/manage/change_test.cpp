@@ -297,6 +297,17 @@ TEST_F(Changes, DeletionsSayWhatWent) {
     EXPECT_EQ(store().otherCerts.size(), 0U);
 }
 
+// Serial numbers that nobody should give are in use: negative ones, and longer than a line of their text.
+TEST_F(Changes, AnySerialNumberIsFoundOnTheToken) {
+    for (const std::string& serial : {std::string("\x85"), std::string("\x80"), "\x01" + std::string(39, '\x23')}) {
+        const X509CertFile file(test_pki::MakeCert({.serial = serial}, &Root()).der, "");
+        ASSERT_EQ(file.certs.size(), 1U);
+        ASSERT_EQ(store().ImportCertificate(token_.info, *file.certs[0], kImportOther, false, nullptr), 0U);
+        store().DeleteCertificate(token_.info, file.certs[0]->info);
+        EXPECT_EQ(ObjectsOnToken(), 0U) << file.certs[0]->info.serialNumber;
+    }
+}
+
 TEST_F(Changes, CrlsAndPresharedKeys) {
     const X509CertFile file(test_pki::MakeCrl({}, Root()), "");
     ASSERT_EQ(file.crls.size(), 1U);
