@@ -58,6 +58,16 @@ Record read_record_(CommandStreamIn& in) {
     return record;
 }
 
+/// The token as it is listed now: of what the client says the identifier counts. One that is not there has nothing else.
+TokenInfo read_token_(CommandStreamIn& in) {
+    TokenInfo named;
+    named.id = read_record_<TokenInfo>(in).id;
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
+    const auto listed =
+        std::find_if(tokens->begin(), tokens->end(), [&](const TokenInfo& token) { return token.id == named.id; });
+    return listed == tokens->end() ? named : *listed;
+}
+
 struct WipeAtEnd {
     std::string& text;
     ~WipeAtEnd() { vpnfc::SecureWipe(text); }
@@ -66,7 +76,7 @@ struct WipeAtEnd {
 /// The two records that name a certificate or a CRL.
 template <typename Info>
 struct Named {
-    explicit Named(CommandStreamIn& in) : token(read_record_<TokenInfo>(in)), info(read_record_<Info>(in)) {}
+    explicit Named(CommandStreamIn& in) : token(read_token_(in)), info(read_record_<Info>(in)) {}
     TokenInfo token;
     Info info;
 };
@@ -97,7 +107,7 @@ void open_file_(Request& request) {
 }
 
 void import_cert_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     std::uint32_t index = 0;
     std::uint32_t mode = 0;
     bool exportable = false;
@@ -115,7 +125,7 @@ void import_cert_(Request& request) {
 }
 
 void import_crl_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     std::uint32_t index = 0;
     request.in.fields(index);
     const CrlRef crl = request.listener.FileCrl(&request.session, index);
@@ -143,14 +153,14 @@ void export_cert_(Request& request) {
 }
 
 void enum_request_mechanisms_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     std::list<CertRequestKeyInfo> kinds;
     CMT_EnumCertRequestMechanisms(token, kinds);
     sync_list(request.out, kinds, sync_record);
 }
 
 void make_request_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     CertRequestInfo info;
     const WipeAtEnd wipe{info.randomSeed};
     sync(request.in, info);
@@ -169,7 +179,7 @@ void enum_preshared_keys_(Request& request) {
 }
 
 void create_preshared_key_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     PresharedKeyInfo info;
     SecretString value;
     request.in.fields(info.name, value.edit());
@@ -177,7 +187,7 @@ void create_preshared_key_(Request& request) {
 }
 
 void delete_preshared_key_(Request& request) {
-    const auto token = read_record_<TokenInfo>(request.in);
+    const TokenInfo token = read_token_(request.in);
     PresharedKeyInfo info;
     request.in.fields(info.name);
     CertStorage::Instance().DeletePresharedKey(token, info);

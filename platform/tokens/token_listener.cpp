@@ -27,7 +27,8 @@ void Reply(CommandStreamOut& out, PinResult result) {
 
 /// The token as it is listed now; only the identifier is set when it is not there.
 TokenInfo FindToken(std::uint64_t id) {
-    for (const TokenInfo& token : *PKCS11::Manager::Instance().EnumTokensShared()) {
+    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
+    for (const TokenInfo& token : *tokens) {
         if (token.id == id) return token;
     }
     TokenInfo absent;

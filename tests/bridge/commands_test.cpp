@@ -266,9 +266,12 @@ TEST_F(CommandsTest, TheTokenSaysWhoWritesPublicObjects) {
         token_->EditInfo([&](PKCS11::TokenInfo& info) { info.loginRequired = info.loggedIn = login; });
         CM::Reload();
         token_->ClearCalls();
-        EXPECT_EQ(manager().ImportCertificate(token_->Info(), swapped ? 1 : 0, {.mode = 7}), 0U);
-        EXPECT_EQ(manager().ImportCertificate(token_->Info(), swapped ? 0 : 1, {.mode = kImportPersonal}), 0U);
-        EXPECT_EQ(manager().ImportCrl(token_->Info(), 0), 0U);
+        PKCS11::TokenInfo named;  // the identifier alone counts
+        named.id = token_->Info().id;
+        named.loginRequired = !login;
+        EXPECT_EQ(manager().ImportCertificate(named, swapped ? 1 : 0, {.mode = 7}), 0U);
+        EXPECT_EQ(manager().ImportCertificate(named, swapped ? 0 : 1, {.mode = kImportPersonal}), 0U);
+        EXPECT_EQ(manager().ImportCrl(named, 0), 0U);
         EXPECT_EQ(token_->Calls(vendor_host::Op::kOpenPrivate), login ? 3U : 0U);
         for (const ListedCert& cert : List(CertSelector::kOther)) {
             if (cert.info.subject == "CN=carol") manager().DeleteCertificate(cert.token, cert.info);
@@ -465,7 +468,7 @@ TEST_F(CommandsTest, SizesAndHashesOfRequests) {
                               {271, 1, 9999},
                               {272, 1, 9999},
                               {14, 7, 8},
-                              {PKI_KEY_EC, 256, 384}},
+                              {PKI_KEY_EC, 112, 521}},
                              digests);
     const struct {
         Numbers sizes;
@@ -479,7 +482,7 @@ TEST_F(CommandsTest, SizesAndHashesOfRequests) {
         {{512}, {0xA0000}},
         {{1024}, {0xB0000}},
         {{7, 8}, {}},
-        {{256, 384}, {0x20000, 0x40000}},
+        {{112, 521}, {0x20000, 0x40000}},
     };
     const auto kinds = manager().RequestMechanisms(token_->Info());
     ASSERT_EQ(kinds.value().size(), std::size(expected));
@@ -519,6 +522,15 @@ TEST_F(CommandsTest, TwoClientsDeleteTheSame) {
         EXPECT_TRUE(List(selector).empty());
     }
     EXPECT_EQ(token_->CertObjects().size(), 1U);  // the intermediate
+    const auto crl = manager().ListCrls()->at(0);
+    const auto key = manager().ListPresharedKeys()->at(0);
+    auto one = std::async(std::launch::async, [&] {
+        return manager().DeleteCrl(crl.token, crl.info) && manager().DeletePresharedKey(key.token, key.name);
+    });
+    EXPECT_TRUE(Manager(*second).DeletePresharedKey(key.token, key.name));
+    EXPECT_TRUE(Manager(*second).DeleteCrl(crl.token, crl.info));
+    EXPECT_TRUE(one.get());
+    EXPECT_TRUE(manager().ListCrls()->empty() && manager().ListPresharedKeys()->empty());
 }
 
 // --- The choice between local certificates ---
