@@ -96,23 +96,11 @@ std::vector<std::uint32_t> DoublingSizes(const PKCS11::KeyPairGenMechanism& mech
     return sizes;
 }
 
-std::vector<std::uint32_t> CurveSizes(const PKCS11::KeyPairGenMechanism& mechanism) {
-    std::vector<std::uint32_t> sizes;
-    for (const std::uint32_t bits : {256U, 384U, 521U}) {
-        if (mechanism.minBits <= bits && bits <= mechanism.maxBits) sizes.push_back(bits);
-    }
-    return sizes;
-}
-
 std::vector<std::uint32_t> KeySizes(const PKCS11::KeyPairGenMechanism& mechanism) {
     switch (mechanism.keyAlg) {
         case PKI_KEY_RSA:
         case PKI_KEY_DSA:
             return DoublingSizes(mechanism);
-        case PKI_KEY_EC:
-            return CurveSizes(mechanism);
-        case PKI_KEY_ED25519:
-            return {256};
         case PKI_KEY_GOST2001:
         case PKI_KEY_GOST2012_256:
             return {512};

@@ -19,6 +19,10 @@ CreateOutcome Create(Session& session, AttributeTemplate& attributes) {
     return {result, result.ok()};
 }
 
+CreateOutcome Refuse(std::string why) {
+    return {{}, false, false, std::move(why)};
+}
+
 /// What tokens answer to anybody else who sets CKA_TRUSTED.
 bool IsForOfficerAlone(CK_RV rv) {
     return rv == CKR_ATTRIBUTE_READ_ONLY || rv == CKR_USER_NOT_LOGGED_IN || rv == CKR_ACTION_PROHIBITED;
@@ -122,13 +126,14 @@ CreateOutcome CreateCertificate(Session& session, const PKCS11::CertObject& obje
     const CreateOutcome outcome = Create(session, attributes);
     if (!IsForOfficerAlone(outcome.result.rv)) return outcome;
     Delete(session, FindEmptyCertificates(session));  // what some tokens leave of an object that they refused
-    return {{}, false, true};
+    return {.officer_required = true};
 }
 
 CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::string& id, const vpnfc::SecretString& pkcs8,
                                bool exportable, cert_time64_t not_after) {
     PrivateKey key;
-    if (!PrivateKeyFromPkcs8(pkcs8.get(), key) || key.alg != (alg & PKI_KEY_MASK)) return {};
+    if (!PrivateKeyFromPkcs8(pkcs8.get(), key)) return Refuse("the private key is not understood");
+    if (key.alg != (alg & PKI_KEY_MASK)) return Refuse("the private key is of another algorithm than its certificate");
     AttributeTemplate attributes;
     AddTokenObject(attributes, CKO_PRIVATE_KEY, true);
     attributes.Number(CKA_KEY_TYPE, key.type);
@@ -142,7 +147,8 @@ CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::strin
 CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki,
                               cert_time64_t not_after) {
     PublicKey key;
-    if (!PublicKeyFromSpki(spki, key) || key.alg != (alg & PKI_KEY_MASK)) return {};
+    if (!PublicKeyFromSpki(spki, key)) return Refuse("the public key is not understood");
+    if (key.alg != (alg & PKI_KEY_MASK)) return Refuse("the public key is of another algorithm than its certificate");
     AttributeTemplate attributes;
     AddTokenObject(attributes, CKO_PUBLIC_KEY, false);
     attributes.Number(CKA_KEY_TYPE, key.type);
@@ -162,9 +168,10 @@ CreateOutcome CreateCrl(Session& session, const std::string& id, const std::stri
 }
 
 CreateOutcome CreatePresharedKey(Session& session, const std::string& name, const vpnfc::SecretString& value) {
-    if (name.empty() || value.empty()) return {};
+    if (name.empty() || value.empty()) return Refuse("a preshared key without name or value");
     const FoundOutcome found = FindPresharedKeys(session, name);
-    if (!found.result.ok() || !found.objects.empty()) return {found.result};
+    if (!found.result.ok()) return {found.result};
+    if (!found.objects.empty()) return Refuse("a preshared key of that name is there already");
     AttributeTemplate attributes;
     AddTokenObject(attributes, CKO_SECRET_KEY, true);
     attributes.Number(CKA_KEY_TYPE, CKK_GENERIC_SECRET).Bytes(CKA_LABEL, name).Bytes(CKA_VALUE, value.get());
@@ -174,13 +181,16 @@ CreateOutcome CreatePresharedKey(Session& session, const std::string& name, cons
 
 CreateOutcome GenerateKeyPair(Session& session, pki_alg_t alg, unsigned bits, const std::string& id, bool exportable) {
     const asn1::AlgRow* const row = asn1::FindKeyAlg(alg);
-    if (row == nullptr || row->key.generate == asn1::kNoMechanism) return {};
+    if (row == nullptr || row->key.generate == asn1::kNoMechanism) return Refuse("key pairs of an unknown algorithm");
     AttributeTemplate public_key;
     AttributeTemplate private_key;
     Result result;
     AddTokenObject(public_key, CKO_PUBLIC_KEY, false);
     AddPublicUse(public_key, row->key.keyType, id);
-    if (!AddKeyParameters(session, row->code, bits, public_key, result)) return {result};
+    if (!AddKeyParameters(session, row->code, bits, public_key, result)) {
+        if (!result.ok()) return {result};
+        return Refuse(std::string(row->name) + " keys of " + std::to_string(bits) + " bits are not made");
+    }
     AddTokenObject(private_key, CKO_PRIVATE_KEY, true);
     AddPrivateUse(private_key, row->key.keyType, id, exportable);
     CK_MECHANISM mechanism{row->key.generate, nullptr, 0};

@@ -13,6 +13,7 @@ struct CreateOutcome {
     Result result{};
     bool created = false;
     bool officer_required = false;  // only the security officer may create it
+    std::string refusal{};  // what was wrong with the input
 };
 
 CreateOutcome CreateCertificate(Session& session, const PKCS11::CertObject& object, const std::string& subject);

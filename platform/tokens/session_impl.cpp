@@ -180,6 +180,7 @@ bool TokenSession::Impl::Create(const std::function<tokens::CreateOutcome(Sessio
     const tokens::CreateOutcome outcome = Perform(Where::kWorker, work, patience);
     officer_required = outcome.officer_required;
     Changed();
+    if (!outcome.refusal.empty()) tokens::Log(kMsgTokenError, tokens::Describe(token->Info()) + ": " + outcome.refusal);
     return outcome.created;
 }
 
