@@ -23,7 +23,7 @@ PinAdvice AdviceFor(std::uint32_t status) {
         case PKCS11::kPinKnownWrong:
             return {kExitLogin, "It failed before on this token, and was not sent to it again."};
         case PKCS11::kPinFewTriesLeft:
-            return {kExitLogin, "--try-anyway sends it all the same; the token may lock itself."};
+            return {kExitLogin, "Sure of it? certmgrctl token login --try-anyway, or token pin. It may lock itself."};
         case PKCS11::kPinLocked:
             return {kExitLogin, "The security officer can give the user a new PIN: certmgrctl token pin --reset."};
         case PKCS11::kPinTokenNotPresent:
@@ -37,13 +37,11 @@ PinAdvice AdviceFor(std::uint32_t status) {
 }  // namespace
 
 void AddTokenOption(CLI::App& command, std::string& token) {
-    command.add_option("-t,--token", token, "Token: label, or beginning of its serial number")
-        ->option_text("NAME");
+    command.add_option("-t,--token", token, "Token: label, or beginning of its serial number")->option_text("NAME");
 }
 
 void AddPinOption(CLI::App& command, std::string& pin_file) {
-    command.add_option("--pin-file", pin_file, "PIN in this file, or on standard input (-)")
-        ->option_text("FILE");
+    command.add_option("--pin-file", pin_file, "PIN in this file, or on standard input (-)")->option_text("FILE");
 }
 
 TokenInfo Refreshed(Context& context, const TokenInfo& token) {

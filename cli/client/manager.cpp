@@ -64,8 +64,7 @@ const std::string& TextOf(const SecretString* secret) {
 
 }  // namespace
 
-/// `write` writes the input, `read` reads the output of the command. A reply with bytes left over is as wrong as one that
-/// is too short: `read` takes all.
+/// `write` writes the input, `read` reads the output of the command. What a newer daemon adds at the end is left alone.
 template <typename Result, typename Write, typename Read>
 std::optional<Result> Manager::Call(std::uint32_t group, std::uint32_t command, Write write, Read read) {
     SecretString input;

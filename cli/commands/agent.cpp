@@ -177,20 +177,20 @@ class Agent {
         std::cout << std::flush;
     }
 
-    /// Once for each token that waits for a login, until it goes. Questions go first: an exchange waits for them.
+    /// Once for each token as long as it waits for a login. Questions go first: an exchange waits for them.
     void AskForPins() {
         pins_wanted_ = false;
-        std::set<std::uint64_t> present;
+        std::set<std::uint64_t> waiting;
         for (const auto& status : context_.session.Take(context_.session.manager().ListTokens()).tokens) {
             const bool waits = status.info.loginRequired && !status.info.loggedIn && !status.info.pinPad &&
                                (status.flags & PKCS11::kUserPinSet) != 0;
-            if ((status.flags & PKCS11::kTokenInitialised) == 0) continue;
-            present.insert(status.info.id);
-            if (!waits || pins_wanted_ || !asked_.insert(status.info.id).second) continue;
+            if (!waits || (status.flags & PKCS11::kTokenInitialised) == 0) continue;
+            waiting.insert(status.info.id);
+            if (pins_wanted_ || !asked_.insert(status.info.id).second) continue;
             pins_wanted_ = !AskForPin(status.info);
             if (pins_wanted_) asked_.erase(status.info.id);
         }
-        std::erase_if(asked_, [&](std::uint64_t id) { return !present.contains(id); });
+        std::erase_if(asked_, [&](std::uint64_t id) { return !waiting.contains(id); });
     }
 
     /// False when a question came meanwhile.

@@ -64,7 +64,8 @@ constexpr Outcome kOutcomes[] = {
     {ImportCertErrorLogin, "login", "nobody is logged in to the token",
      "Log in first (certmgrctl token login), or give --pin-file FILE."},
     {ImportCertErrorLoginSO, "officer_login", "only the security officer stores trusted certificates there",
-     "Give --so-pin-file FILE with the right PIN."},
+     "Give --so-pin-file FILE with the right PIN. After a wrong one, set it anew: certmgrctl token pin --so "
+     "--try-anyway."},
     {ImportCertErrorOpenTokenSession, "session", "the token cannot be reached", "See certmgrctl token list."},
     {ImportCertErrorNotPersonal, "not_personal", "its key pair is not on this token",
      "Import it where its request was made, or from a PKCS #12 file with its key."},

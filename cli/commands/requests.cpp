@@ -33,19 +33,32 @@ bool HasModulus(const CertRequestKeyInfo& kind) {
     return kind.keyAlg == PKI_KEY_RSA || kind.keyAlg == PKI_KEY_DSA;
 }
 
-/// Two lengths of an algorithm without modulus are the least and the greatest; otherwise they are a list.
+/// Two lengths of an algorithm without modulus are the least and the greatest; otherwise they are a list. Within the range
+/// of elliptic curves there are few.
 bool HasRange(const CertRequestKeyInfo& kind) {
-    return !HasModulus(kind) && kind.keySizes.size() == 2;
+    return !HasModulus(kind) && kind.keyAlg != PKI_KEY_EC && kind.keySizes.size() == 2;
+}
+
+std::vector<std::uint32_t> Lengths(const CertRequestKeyInfo& kind) {
+    if (kind.keyAlg != PKI_KEY_EC || kind.keySizes.empty()) return kind.keySizes;
+    std::vector<std::uint32_t> lengths;
+    for (const std::uint32_t bits : {256U, 384U, 521U}) {
+        if (kind.keySizes.front() <= bits && bits <= kind.keySizes.back()) lengths.push_back(bits);
+    }
+    return lengths;
+}
+
+bool Makes(const CertRequestKeyInfo& kind, std::uint32_t bits) {
+    const auto lengths = Lengths(kind);
+    if (kind.keyAlg == PKI_KEY_EC) return std::find(lengths.begin(), lengths.end(), bits) != lengths.end();
+    return lengths.front() <= bits && bits <= lengths.back();
 }
 
 std::vector<std::string> Sizes(const CertRequestKeyInfo& kind) {
-    if (HasRange(kind) && kind.keySizes.front() == kind.keySizes.back()) return {std::to_string(kind.keySizes.front())};
-    if (HasRange(kind)) {
-        return {std::to_string(kind.keySizes.front()) + " to " + std::to_string(kind.keySizes.back())};
-    }
     std::vector<std::string> sizes;
-    for (const std::uint32_t bits : kind.keySizes) sizes.push_back(std::to_string(bits));
-    return sizes;
+    for (const std::uint32_t bits : Lengths(kind)) sizes.push_back(std::to_string(bits));
+    if (!HasRange(kind)) return sizes;
+    return {sizes.front() == sizes.back() ? sizes.front() : sizes.front() + " to " + sizes.back()};
 }
 
 std::vector<std::string> Hashes(const CertRequestKeyInfo& kind) {
@@ -66,7 +79,7 @@ void ListMechanisms(Context& context, const RequestOptions& options) {
         Json json = {{"mechanisms", Json::array()}};
         for (const CertRequestKeyInfo& kind : kinds) {
             json["mechanisms"].push_back({{"key", AlgorithmName(kind.keyAlg)},
-                                          {"bits", kind.keySizes},
+                                          {"bits", Lengths(kind)},
                                           {"bits_are_a_range", HasRange(kind)},
                                           {"hashes", Hashes(kind)}});
         }
@@ -106,11 +119,10 @@ const CertRequestKeyInfo& KindFor(const std::vector<CertRequestKeyInfo>& kinds, 
 std::uint32_t BitsFor(const CertRequestKeyInfo& kind, std::uint32_t wanted) {
     constexpr std::uint32_t kUsualCurve = 256;
     constexpr std::uint32_t kUsualModulus = 2048;
-    if (kind.keySizes.empty()) return wanted;
-    const std::uint32_t least = kind.keySizes.front();
-    const std::uint32_t greatest = kind.keySizes.back();
-    if (wanted == 0) return std::clamp(HasModulus(kind) ? kUsualModulus : kUsualCurve, least, greatest);
-    if (wanted >= least && wanted <= greatest) return wanted;
+    const auto lengths = Lengths(kind);
+    if (lengths.empty()) return wanted;  // the token knows better
+    if (wanted == 0) return std::clamp(HasModulus(kind) ? kUsualModulus : kUsualCurve, lengths.front(), lengths.back());
+    if (Makes(kind, wanted)) return wanted;
     throw Failure(kExitFailed,
                   "the token makes no " + AlgorithmName(kind.keyAlg) + " keys of " + std::to_string(wanted) + " bits",
                   {"It makes " + Joined(Sizes(kind)) + "."});

@@ -27,7 +27,7 @@ expect 0 'Initialised token "alice"' ctl token init alice --pin-file pin --so-pi
 expect 6 "" ctl token login alice --pin-file wrong
 expect 6 "try-anyway" ctl token login alice --pin-file pin
 expect 0 "Logged in" ctl token login alice --pin-file pin --try-anyway
-expect 0 "ECDSA" ctl request mechanisms
+expect 0 "256, 384, 521 bits" ctl request mechanisms
 # What the CA gives out for a request: its name, and the serial number.
 certify() {
     openssl x509 -req -in "$1.csr" -CA ca.pem -CAkey ca.key -set_serial "$2" -days "$3" -out "$1.pem" \
@@ -74,6 +74,7 @@ done <<END
 0|Wrote a.p7b|export alice -o a.p7b --chain
 0|BEGIN CERT|export alice
 0|"base64": "MII|export alice -f der --json
+1|It makes 256, 384, 521|request make CN=x --key ECDSA --bits 300
 1|could not be read|import broken.pem --yes
 0|no CRL|crl list
 4|crl list|crl delete Story --yes
@@ -104,8 +105,13 @@ done <<END
 0|Changed the PIN|token pin --pin-file pin --new-pin-file wrong
 6|wrong|token pin --pin-file password --new-pin-file pin
 0|Changed the PIN|token pin --reset --pin-file so --new-pin-file pin
+6|token pin --so --try-anyway|import x.pem --as trusted --so-pin-file password
+6|security officer|import x.pem --as trusted --so-pin-file so
+0|Changed the PIN|token pin --so --try-anyway --pin-file so --new-pin-file so
+0|imported|import x.pem --as trusted --so-pin-file so
 0|Logged out|token logout
 0|Logged in|token login --pin-file pin
+0|Deleted|delete CN=x --yes
 END
 for line in "- CRL .*Story Root" "+ intermediate .*CN=x" "- intermediate .*CN=x" "- token .*logged in" \
     "+ token .*logged in"; do

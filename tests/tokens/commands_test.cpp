@@ -116,15 +116,24 @@ TEST_F(CommandsTest, PinsAreChangedByThoseWhoMay) {
 }
 
 TEST_F(CommandsTest, ShortInputIsMalformed) {
+    constexpr std::uint64_t kNoToken = 0;
+    const std::string text = "text";
+    std::string inputs[PKCS11::kCommandChangePin + 1];
+    CommandStreamOut(inputs[PKCS11::kCommandLogin]).fields(kNoToken, text, false);
+    CommandStreamOut(inputs[PKCS11::kCommandLogout]).fields(kNoToken);
+    CommandStreamOut(inputs[PKCS11::kCommandInitToken]).fields(text, text, text, text);
+    CommandStreamOut(inputs[PKCS11::kCommandChangePin]).fields(kNoToken, 0U, text, text, false);
+    std::string reply;
     for (std::uint32_t command = PKCS11::kCommandLogin; command <= PKCS11::kCommandChangePin; ++command) {
-        for (const std::string& input : {std::string(), std::string(7, '\0'), std::string(12, '\xFF')}) {
-            std::string reply;
-            if (command == PKCS11::kCommandLogout && input.size() == 12) continue;  // a whole identifier
-            EXPECT_FALSE(client_.Call(bridge::kGroupTokens, command, input, reply)) << command << " " << input.size();
-            EXPECT_EQ(client_.failure().code, bridge::Error::kMalformed);
+        for (std::size_t at = 0; at < inputs[command].size(); ++at) {
+            EXPECT_FALSE(client_.Call(bridge::kGroupTokens, command, inputs[command].substr(0, at), reply));
+            EXPECT_EQ(client_.failure().code, bridge::Error::kMalformed) << command << " cut at " << at;
+            const std::string absurd = std::string(inputs[command]).replace(at, 4, 4, '\xFF');
+            EXPECT_TRUE(client_.Call(bridge::kGroupTokens, command, absurd, reply) ||
+                        client_.failure().code == bridge::Error::kMalformed)
+                << command << " absurd at " << at;
         }
     }
-    std::string reply;
     EXPECT_FALSE(client_.Call(bridge::kGroupTokens, 5, {}, reply));
     EXPECT_EQ(client_.failure().code, bridge::Error::kUnknownCommand);
 }
