@@ -8,6 +8,7 @@
 #include "cli/store/names.h"
 #include "cli/terminal/progress.h"
 #include "cli/terminal/text.h"
+#include "platform/asn1.h"
 
 namespace certmgrctl {
 namespace {
@@ -134,8 +135,10 @@ pki_alg_t HashFor(const CertRequestKeyInfo& kind, std::uint32_t bits, const std:
     constexpr std::uint32_t kP384 = 384;
     if (!name.empty()) {
         const pki_alg_t hash = PKI_ALG_FROM_NAME(name) & PKI_HASH_MASK;
-        if (hash != 0) return hash;
-        throw Failure(kExitUsage, "there is no hash " + name, {"See certmgrctl request mechanisms."});
+        if (hash != 0 && I2S_PKI_ALG_T.find(kind.keyAlg | hash) != nullptr) return hash;
+        const std::string by_key = "there are no signatures of " + AlgorithmName(kind.keyAlg) + " keys with ";
+        throw Failure(kExitUsage, (hash == 0 ? "there is no hash " : by_key) + name,
+                      {"See certmgrctl request mechanisms."});
     }
     if (kind.hashAlgs.empty()) return PKI_HASH_NONE;
     pki_alg_t wanted = PKI_HASH_SHA256;

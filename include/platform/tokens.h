@@ -98,7 +98,7 @@ class PLATFORM_API Manager {
     static Manager& Instance();
 
     /// The tokens present now: providers in the order of the settings, slots in the module's order. With an algorithm
-    /// only those that offer it: a key algorithm (signing or verifying a ready digest), a hash, or a signature
+    /// only those that verify with it: a key algorithm (with a ready digest), a hash, or a signature
     /// algorithm (its key operation; the digest may be computed on the host). The list per algorithm is computed once
     /// per change of the tokens.
     std::vector<TokenInfo> EnumTokens(pki_alg_t alg = 0) const;
@@ -157,8 +157,8 @@ class PLATFORM_API TokenSession {
     /// null) receives its identifier.
     bool ContainPubKeyObject(const std::string& spki, std::string* id = nullptr);
 
-    /// Digest of `data` with the hash part of `alg`; for "no digest" the data itself. On the token where it has the
-    /// mechanism, else on the host. False when neither knows the hash.
+    /// Digest of `data` with the hash part of `alg`, on the token where it has the mechanism, else on the host; false when
+    /// neither knows the hash. The data itself for "no digest" and for a GOST token whose Sign and Verify digest.
     bool Digest(pki_alg_t alg, const std::string& data, std::string& digest);
     /// Signs with the private key of that identifier. `alg` is a key algorithm, or a signature algorithm whose digest is
     /// already made (RSA: `digest` is a ready DigestInfo; RSASSA-PSS: the hash part selects the parameters). DSA and

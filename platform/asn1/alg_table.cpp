@@ -69,11 +69,14 @@ constexpr std::array kTable = {
     Hash(PKI_HASH_SHA512, "SHA-512", "2.16.840.1.101.3.4.2.3", {CKM_SHA512, CKG_MGF1_SHA512, 64, true}),
     Hash(PKI_HASH_MD2, "MD2", "1.2.840.113549.2.2", {CKM_MD2, kNoMechanism, 16, true}),
     Hash(PKI_HASH_MD5, "MD5", "1.2.840.113549.2.5", {CKM_MD5, kNoMechanism, 16, true}),
-    Hash(PKI_HASH_GOST94, "GOST R 34.11-94", "1.2.643.2.2.9", {CKM_GOSTR3411, kNoMechanism, 32, false}, 0x07),
-    Hash(PKI_HASH_GOST2012_256, "GOST R 34.11-2012-256", "1.2.643.7.1.1.2.2",
-         {CKM_GOSTR3411_2012_256, kNoMechanism, 32, false}),
-    Hash(PKI_HASH_GOST2012_512, "GOST R 34.11-2012-512", "1.2.643.7.1.1.2.3",
-         {CKM_GOSTR3411_2012_512, kNoMechanism, 64, false}),
+    Hash(PKI_HASH_GOST94, "GOST R 34.11-94", "1.2.643.2.2.9",
+         {CKM_GOSTR3411, kNoMechanism, 32, false, PKI_KEY_GOST2001, CKM_GOSTR3410_WITH_GOSTR3411}, 0x07),
+    Hash(
+        PKI_HASH_GOST2012_256, "GOST R 34.11-2012-256", "1.2.643.7.1.1.2.2",
+        {CKM_GOSTR3411_2012_256, kNoMechanism, 32, false, PKI_KEY_GOST2012_256, CKM_GOSTR3410_WITH_GOSTR3411_2012_256}),
+    Hash(
+        PKI_HASH_GOST2012_512, "GOST R 34.11-2012-512", "1.2.643.7.1.1.2.3",
+        {CKM_GOSTR3411_2012_512, kNoMechanism, 64, false, PKI_KEY_GOST2012_512, CKM_GOSTR3410_WITH_GOSTR3411_2012_512}),
     AlgRow{PKI_HASH_NONE, "no digest", {}, 0, false, 0, {}, {}},
 
     // Signatures.

@@ -32,6 +32,8 @@ struct HashMechanisms {
     unsigned long mgf = kNoMechanism;  // CKG_MGF1_, for RSASSA-PSS with a salt of `length` bytes
     unsigned length = 0;  // of the digest in bytes
     bool digestInfo = false;
+    pki_alg_t key = 0;  // the key algorithm of its own that a hash goes with (GOST), and
+    unsigned long sign = kNoMechanism;  // CKM_ that digests with the one and signs with the other
 };
 
 /// A key row has no hash part in its code and `key` filled, a hash row no key part and `hash` filled; a signature row

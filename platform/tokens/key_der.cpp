@@ -97,10 +97,11 @@ bool ReadGostParameters(DerReader parameters, pki_alg_t alg, std::vector<std::st
     return !digest.empty();
 }
 
-std::string GostParametersDer(std::string_view key_set, std::string_view digest) {
-    // Sets of 34.10-2012 go with one digest; those of 34.10-2001 are used with keys of both standards.
+std::string GostParametersDer(pki_alg_t alg, std::string_view key_set, std::string_view digest) {
+    // Sets of 34.10-2012 go with one digest of that standard; those of 34.10-2001 are used with keys of both.
     static constexpr asn1::OidContent kSetsOf2012 = asn1::Oid("1.2.643.7.1.2.1");
-    const bool implied = key_set.substr(std::min<std::size_t>(key_set.size(), 2)).starts_with(kSetsOf2012);
+    const bool implied =
+        alg != PKI_KEY_GOST2001 && key_set.substr(std::min<std::size_t>(key_set.size(), 2)).starts_with(kSetsOf2012);
     return Tlv(kTagSequence, std::string(key_set).append(implied ? std::string_view() : digest));
 }
 

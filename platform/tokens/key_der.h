@@ -40,6 +40,6 @@ std::size_t GostKeyBytes(pki_alg_t alg);
 /// Parameter set and digest of a GOST key, as DER; the digest may be left out where the key's size fixes it.
 bool ReadGostParameters(asn1::DerReader parameters, pki_alg_t alg, std::vector<std::string>& components);
 /// The reverse, as RFC 4491 and RFC 9215 want it: the digest stands there where nothing else tells it.
-std::string GostParametersDer(std::string_view key_set, std::string_view digest);
+std::string GostParametersDer(pki_alg_t alg, std::string_view key_set, std::string_view digest);
 
 }  // namespace tokens

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "platform/asn1/alg_table.h"
 #include "platform/tokens/host_digest.h"
 
 namespace tokens {
@@ -15,16 +14,13 @@ constexpr CK_ULONG kMinCurveBits = 256;
 constexpr CK_ULONG kMaxCurveBits = 521;
 constexpr CK_ULONG kEd25519Bits = 256;
 
-/// The hash whose presence tells that keys of this code can be made: the two GOST codes of one size share a mechanism.
-pki_alg_t HashOfGostKey(pki_alg_t key_alg) {
-    switch (key_alg) {
-        case PKI_KEY_GOST2001:
-            return PKI_HASH_GOST94;
-        case PKI_KEY_GOST2012_256:
-            return PKI_HASH_GOST2012_256;
-        default:
-            return 0;
-    }
+/// The hash that a GOST key of this code goes with; null for other keys.
+const asn1::AlgRow* HashOfGostKey(pki_alg_t key_alg) {
+    const auto table = asn1::AlgTable();
+    const auto found = std::find_if(table.begin(), table.end(), [key_alg](const asn1::AlgRow& row) {
+        return row.hash.key != 0 && row.hash.key == key_alg;
+    });
+    return found == table.end() ? nullptr : &*found;
 }
 
 PKCS11::KeyPairGenMechanism Sizes(pki_alg_t alg, const CK_MECHANISM_INFO& info) {
@@ -68,12 +64,35 @@ bool MechanismList::Has(CK_MECHANISM_TYPE type, CK_FLAGS flags) const {
     return entry != nullptr && (entry->info.flags & flags) != 0;
 }
 
-bool MechanismList::Offers(pki_alg_t alg) const {
+CK_MECHANISM_TYPE MechanismList::MessageMechanism(pki_alg_t alg) const {
+    const asn1::AlgRow* const hash = asn1::FindHashAlg(alg);
+    if (hash == nullptr || Find(hash->hash.sign) == nullptr) return CK_UNAVAILABLE_INFORMATION;
+    const bool digests = Has(hash->hash.digest, CKF_DIGEST) || HostKnowsDigest(alg);
+    const bool ready = digests && Find(asn1::FindKeyAlg(hash->hash.key)->key.sign) != nullptr;
+    return ready ? CK_UNAVAILABLE_INFORMATION : hash->hash.sign;
+}
+
+/// Keys of 34.10-2001 and of 34.10-2012 with 256 bits share a mechanism: the hashes tell which of them a token knows.
+/// One that shows neither hash is taken to know both.
+bool MechanismList::KnowsGostHash(const asn1::AlgRow& key) const {
+    bool knows_other = false;
+    for (const asn1::AlgRow& row : asn1::AlgTable()) {
+        if (row.hash.key == 0 || asn1::FindKeyAlg(row.hash.key)->key.sign != key.key.sign) continue;
+        const bool knows = Find(row.hash.digest) != nullptr || Find(row.hash.sign) != nullptr;
+        if (knows && row.hash.key == key.code) return true;
+        knows_other = knows_other || knows;
+    }
+    return !knows_other;
+}
+
+bool MechanismList::Offers(pki_alg_t alg, CK_FLAGS use) const {
     const asn1::AlgRow* const key = asn1::FindKeyAlg(alg);
     const asn1::AlgRow* const hash = asn1::FindHashAlg(alg);
     const bool has_key = (alg & PKI_KEY_MASK) != 0;
     const bool has_hash = (alg & PKI_HASH_MASK) != 0;
-    if (has_key && (key == nullptr || !Has(key->key.sign, CKF_SIGN | CKF_VERIFY))) return false;
+    const CK_MECHANISM_TYPE of_message = MessageMechanism(alg);
+    if (of_message != CK_UNAVAILABLE_INFORMATION) return !has_key || Has(of_message, use);
+    if (has_key && (key == nullptr || !Has(key->key.sign, use) || !KnowsGostHash(*key))) return false;
     if (!has_hash) return has_key;
     if (hash == nullptr) return false;
     return Has(hash->hash.digest, CKF_DIGEST) || (has_key && (hash->code == PKI_HASH_NONE || HostKnowsDigest(alg)));
@@ -81,7 +100,8 @@ bool MechanismList::Offers(pki_alg_t alg) const {
 
 bool MechanismList::VerifiesInSoftware(pki_alg_t alg) const {
     const asn1::AlgRow* const key = asn1::FindKeyAlg(alg);
-    return key != nullptr && !Has(key->key.sign, CKF_HW);
+    const CK_MECHANISM_TYPE of_message = MessageMechanism(alg);
+    return key != nullptr && !Has(of_message != CK_UNAVAILABLE_INFORMATION ? of_message : key->key.sign, CKF_HW);
 }
 
 void MechanismList::KeyPairGeneration(std::vector<PKCS11::KeyPairGenMechanism>& mechanisms) const {
@@ -89,8 +109,8 @@ void MechanismList::KeyPairGeneration(std::vector<PKCS11::KeyPairGenMechanism>& 
         if ((entry.info.flags & CKF_GENERATE_KEY_PAIR) == 0) continue;
         for (const asn1::AlgRow& row : asn1::AlgTable()) {
             if (row.key.generate != entry.type) continue;
-            const pki_alg_t hash = HashOfGostKey(row.code);
-            if (hash == 0 || Offers(hash)) mechanisms.push_back(Sizes(row.code, entry.info));
+            const asn1::AlgRow* const hash = HashOfGostKey(row.code);
+            if (hash == nullptr || Offers(hash->code)) mechanisms.push_back(Sizes(row.code, entry.info));
         }
     }
 }
@@ -102,9 +122,15 @@ void MechanismList::Digests(std::vector<pki_alg_t>& digests) const {
             if (row.hash.digest == entry.type) digests.push_back(row.code);
         }
     }
+    for (const asn1::AlgRow& row : asn1::AlgTable()) {
+        const bool within = row.hash.key != 0 && MessageMechanism(row.code) != CK_UNAVAILABLE_INFORMATION;
+        if (within && !Has(row.hash.digest, CKF_DIGEST)) digests.push_back(row.code);
+    }
 }
 
-SignatureMechanism::SignatureMechanism(pki_alg_t alg) {
+SignatureMechanism::SignatureMechanism(pki_alg_t alg, CK_MECHANISM_TYPE of_message)
+    : mechanism_{of_message, nullptr, 0} {
+    if (known()) return;
     const asn1::AlgRow* const key = asn1::FindKeyAlg(alg);
     if (key == nullptr) return;
     if (key->code == PKI_KEY_RSA_PSS) {

@@ -3,6 +3,7 @@
 #include "platform/asn1/alg_table.h"
 #include "platform/tokens/attributes.h"
 #include "platform/tokens/key_codec.h"
+#include "platform/tokens/key_der.h"
 #include "platform/tokens/object_layout.h"
 #include "platform/tokens/objects.h"
 
@@ -102,7 +103,7 @@ bool AddKeyParameters(Session& session, pki_alg_t alg, unsigned bits, AttributeT
         case PKI_KEY_GOST2012_256:
         case PKI_KEY_GOST2012_512:
             AddGostParameters(alg, public_key);
-            return true;
+            return bits == GostKeyBytes(alg) * 2 * 8;  // those of the public key, as its certificates tell them
         default:
             return false;
     }

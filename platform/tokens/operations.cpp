@@ -60,9 +60,9 @@ std::optional<std::string> WithoutPadding(const std::string& block) {
 
 }  // namespace
 
-VerifyOutcome Verify(Session& session, pki_alg_t alg, const std::string& spki, const std::string& digest,
-                     const std::string& signature) {
-    SignatureMechanism mechanism(alg);
+VerifyOutcome Verify(Session& session, pki_alg_t alg, CK_MECHANISM_TYPE of_message, const std::string& spki,
+                     const std::string& digest, const std::string& signature) {
+    SignatureMechanism mechanism(alg, of_message);
     const CK_KEY_TYPE type = KeyTypeOf(alg);
     if (!mechanism.known()) return {};
     const PublicKeyObject* key = nullptr;
@@ -114,9 +114,9 @@ BytesOutcome Digest(Session& session, CK_MECHANISM_TYPE mechanism_type, std::siz
     return {result, result.ok() ? std::optional(std::move(digest)) : std::nullopt};
 }
 
-SignOutcome Sign(Session& session, pki_alg_t alg, const std::string& id, std::optional<CK_OBJECT_HANDLE> key,
-                 const std::string& digest) {
-    SignatureMechanism mechanism(alg);
+SignOutcome Sign(Session& session, pki_alg_t alg, CK_MECHANISM_TYPE of_message, const std::string& id,
+                 std::optional<CK_OBJECT_HANDLE> key, const std::string& digest) {
+    SignatureMechanism mechanism(alg, of_message);
     if (!mechanism.known()) return {{"C_SignInit", CKR_MECHANISM_INVALID}};
     Result result = {"C_SignInit", CKR_KEY_HANDLE_INVALID};
     if (key.has_value()) result = session.api().SignInit(session.handle(), mechanism.get(), *key);

@@ -13,8 +13,9 @@ struct VerifyOutcome {
     bool valid = false;
 };
 /// A signature that cannot be right (its form, or a key of another algorithm) is not valid without asking the token.
-VerifyOutcome Verify(Session& session, pki_alg_t alg, const std::string& spki, const std::string& digest,
-                     const std::string& signature);
+/// `of_message`: the mechanism of MechanismList::MessageMechanism; where there is one, `digest` is the message.
+VerifyOutcome Verify(Session& session, pki_alg_t alg, CK_MECHANISM_TYPE of_message, const std::string& spki,
+                     const std::string& digest, const std::string& signature);
 
 struct BytesOutcome {
     Result result{};
@@ -29,8 +30,8 @@ struct SignOutcome {
     CK_OBJECT_HANDLE key = CK_INVALID_HANDLE;  // the one that signed
 };
 /// DSA and ECDSA signatures in DER. `key` is what was remembered, if anything: the key is looked for when that is not
-/// a key any more. A key that is not found because nobody is logged in is CKR_USER_NOT_LOGGED_IN.
-SignOutcome Sign(Session& session, pki_alg_t alg, const std::string& id, std::optional<CK_OBJECT_HANDLE> key,
-                 const std::string& digest);
+/// a key any more. A key that is not found because nobody is logged in is CKR_USER_NOT_LOGGED_IN. `of_message` as above.
+SignOutcome Sign(Session& session, pki_alg_t alg, CK_MECHANISM_TYPE of_message, const std::string& id,
+                 std::optional<CK_OBJECT_HANDLE> key, const std::string& digest);
 
 }  // namespace tokens

@@ -146,9 +146,9 @@ void WriteEc(const std::vector<SecretString>& components, Pkcs8Parts& parts) {
     asn1::AppendTlv(parts.key.edit(), kTagSequence, content.get());
 }
 
-void WriteParts(CK_KEY_TYPE type, const std::vector<SecretString>& components, Pkcs8Parts& parts) {
+void WriteParts(pki_alg_t alg, const std::vector<SecretString>& components, Pkcs8Parts& parts) {
     parts.key.edit().reserve(kDerRoom);
-    switch (type) {
+    switch (KeyTypeOf(alg)) {
         case CKK_RSA:
             return WriteRsa(components, parts);
         case CKK_DSA:
@@ -159,7 +159,7 @@ void WriteParts(CK_KEY_TYPE type, const std::vector<SecretString>& components, P
         case CKK_EC_EDWARDS:
             return asn1::AppendTlv(parts.key.edit(), kTagOctetString, components[1].get());
         default:
-            parts.parameters = GostParametersDer(components[0].get(), components[1].get());
+            parts.parameters = GostParametersDer(alg, components[0].get(), components[1].get());
             return asn1::AppendTlv(parts.key.edit(), kTagOctetString, components[2].get());
     }
 }
@@ -189,7 +189,7 @@ SecretString Pkcs8FromComponents(pki_alg_t alg, const std::vector<SecretString>&
         std::none_of(components.begin(), components.end(), [](const SecretString& c) { return c.empty(); });
     if (!complete) return {};
     Pkcs8Parts parts;
-    WriteParts(type, components, parts);
+    WriteParts(alg, components, parts);
     SecretString content;
     content.edit().reserve(parts.key.get().size() + kDerRoom + parts.parameters.size());
     AppendUnsigned(content.edit(), {});

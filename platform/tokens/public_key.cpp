@@ -178,7 +178,8 @@ std::string SpkiFromComponents(pki_alg_t alg, const std::vector<std::string>& co
         case CKK_EC_EDWARDS:
             return EcSpki(alg, components);
         default:
-            return SpkiFrom(alg, GostParametersDer(components[0], components[1]), Tlv(kTagOctetString, components[2]));
+            return SpkiFrom(alg, GostParametersDer(alg, components[0], components[1]),
+                            Tlv(kTagOctetString, components[2]));
     }
 }
 

@@ -78,7 +78,7 @@ TokenInfoList TokenTable::Offering(pki_alg_t alg) const {
 TokenInfoList TokenTable::Select(pki_alg_t alg) const {
     auto list = std::make_shared<std::vector<PKCS11::TokenInfo>>();
     for (std::size_t i = 0; i < tokens_.size(); ++i) {
-        if (alg == 0 || tokens_[i]->mechanisms().Offers(alg)) list->push_back(infos_[i]);
+        if (alg == 0 || tokens_[i]->mechanisms().Offers(alg, CKF_VERIFY)) list->push_back(infos_[i]);
     }
     return list;
 }

@@ -9,11 +9,11 @@ using tokens::Session;
 bool TokenSession::Digest(pki_alg_t alg, const std::string& data, std::string& digest) {
     const asn1::AlgRow* const hash = asn1::FindHashAlg(alg);
     if (!opened() || hash == nullptr) return false;
-    if (hash->code == PKI_HASH_NONE) {
+    const tokens::MechanismList& mechanisms = impl_->token->mechanisms();
+    if (hash->code == PKI_HASH_NONE || mechanisms.MessageMechanism(alg) != CK_UNAVAILABLE_INFORMATION) {
         digest = data;
         return true;
     }
-    const tokens::MechanismList& mechanisms = impl_->token->mechanisms();
     if (!mechanisms.Has(hash->hash.digest, CKF_DIGEST)) return tokens::HostDigest(alg, data, digest);
     tokens::BytesOutcome outcome;
     if (mechanisms.Has(hash->hash.digest, CKF_HW)) {
@@ -33,7 +33,8 @@ bool TokenSession::Digest(pki_alg_t alg, const std::string& data, std::string& d
 bool TokenSession::Sign(pki_alg_t alg, const std::string& id, const std::string& digest, std::string& signature) {
     if (!opened()) return false;
     tokens::SignOutcome outcome = impl_->Perform(Where::kWorker, [=, on = impl_->token](Session& session) {
-        return tokens::Sign(session, alg, id, on->PrivateKeyHandle(alg, id), digest);
+        const CK_MECHANISM_TYPE of_message = on->mechanisms().MessageMechanism(alg);
+        return tokens::Sign(session, alg, of_message, id, on->PrivateKeyHandle(alg, id), digest);
     });
     if (!outcome.bytes.has_value()) return false;
     impl_->token->RememberPrivateKey(alg, id, outcome.key);
@@ -44,14 +45,18 @@ bool TokenSession::Sign(pki_alg_t alg, const std::string& id, const std::string&
 bool TokenSession::Verify(pki_alg_t alg, const std::string& spki, const std::string& digest,
                           const std::string& signature) {
     if (!opened()) return false;
-    if (!impl_->token->mechanisms().VerifiesInSoftware(alg)) {
+    const tokens::MechanismList& mechanisms = impl_->token->mechanisms();
+    const CK_MECHANISM_TYPE of_message = mechanisms.MessageMechanism(alg);
+    if (!mechanisms.VerifiesInSoftware(alg)) {
         return impl_
-            ->Perform(Where::kWorker,
-                      [=](Session& session) { return tokens::Verify(session, alg, spki, digest, signature); })
+            ->Perform(
+                Where::kWorker,
+                [=](Session& session) { return tokens::Verify(session, alg, of_message, spki, digest, signature); })
             .valid;
     }
     return impl_
-        ->Perform(Where::kHere, [&](Session& session) { return tokens::Verify(session, alg, spki, digest, signature); })
+        ->Perform(Where::kHere,
+                  [&](Session& session) { return tokens::Verify(session, alg, of_message, spki, digest, signature); })
         .valid;
 }
 

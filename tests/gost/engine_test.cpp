@@ -34,16 +34,17 @@ struct Algorithm {
     CK_MECHANISM_TYPE generate;
     CK_MECHANISM_TYPE sign;
     CK_MECHANISM_TYPE digest;
+    CK_MECHANISM_TYPE whole;  // digests and signs
     const char* sets;
 };
 
 const Algorithm kAlgorithms[] = {
     {"gost2001", PKI_KEY_GOST2001, PKI_HASH_GOST94, "md_gost94", 512, CKM_GOSTR3410_KEY_PAIR_GEN, CKM_GOSTR3410,
-     CKM_GOSTR3411, "0 A B C XA XB"},
+     CKM_GOSTR3411, CKM_GOSTR3410_WITH_GOSTR3411, "0 A B C XA XB TCA TCB TCC TCD"},
     {"gost2012_256", PKI_KEY_GOST2012_256, PKI_HASH_GOST2012_256, "md_gost12_256", 512, CKM_GOSTR3410_KEY_PAIR_GEN,
-     CKM_GOSTR3410, CKM_GOSTR3411_2012_256, "0 A B C XA XB TCA TCB TCC TCD"},
+     CKM_GOSTR3410, CKM_GOSTR3411_2012_256, CKM_GOSTR3410_WITH_GOSTR3411_2012_256, "0 A B C XA XB TCA TCB TCC TCD"},
     {"gost2012_512", PKI_KEY_GOST2012_512, PKI_HASH_GOST2012_512, "md_gost12_512", 1024, CKM_GOSTR3410_512_KEY_PAIR_GEN,
-     CKM_GOSTR3410_512, CKM_GOSTR3411_2012_512, "A B C 1.2.643.7.1.2.1.2.0"},
+     CKM_GOSTR3410_512, CKM_GOSTR3411_2012_512, CKM_GOSTR3410_WITH_GOSTR3411_2012_512, "A B C 1.2.643.7.1.2.1.2.0"},
 };
 
 const TLogIdent kIdent{};
@@ -58,10 +59,14 @@ class GostEngine : public token_test::TokenTest {
         Start({.name = "gost", .module_path = GOST_TOKEN_PATH, .init_args = "directory=" + StateFolder()});
     }
     /// Behind the module that leaves mechanisms out.
-    void StartWithout(CK_MECHANISM_TYPE mechanism) {
-        char directive[40];
-        std::snprintf(directive, sizeof directive, "without %lx", mechanism);
-        control_.Set({directive});
+    void StartWithout(const std::vector<CK_MECHANISM_TYPE>& mechanisms) {
+        std::vector<std::string> directives;
+        for (const CK_MECHANISM_TYPE mechanism : mechanisms) {
+            char directive[40];
+            std::snprintf(directive, sizeof directive, "without %lx", mechanism);
+            directives.emplace_back(directive);
+        }
+        control_.Set(directives);
         setenv("FORWARD_PKCS11_MODULE", GOST_TOKEN_PATH, 1);
         setenv("CERTMGR_GOST_DIRECTORY", StateFolder().c_str(), 1);
         Start({.name = "forward", .module_path = FORWARD_PKCS11_PATH, .init_args = control_.InitArgs()});
@@ -275,6 +280,53 @@ TEST_F(GostEngine, PublishedExamplesPinTheFormsOfIke1) {
     }
 }
 
+TEST_F(GostEngine, AMechanismThatDigestsAndSignsIsEnough) {
+    for (const Algorithm& alg : kAlgorithms) {
+        SCOPED_TRACE(alg.name);
+        StartWithout({alg.sign, alg.digest});
+        const token_test::TestToken token = NewToken(alg.name);
+        std::list<CertRequestKeyInfo> kinds;
+        CMT_EnumCertRequestMechanisms(token.info, kinds);
+        EXPECT_TRUE(std::any_of(kinds.begin(), kinds.end(), [&](const CertRequestKeyInfo& kind) {
+            return kind.keyAlg == alg.key && kind.hashAlgs == std::vector<pki_alg_t>{alg.hash};
+        }));
+        std::string pem;
+        ASSERT_TRUE(CM::MakeCertRequest(token.info, Request(alg), pem)) << pem;
+        Write("host.csr", pem);
+        ASSERT_TRUE(Shell(std::string("openssl req -engine gost -in host.csr -verify -noout; pki_new $PWD; ") +
+                          "pki_root $PWD root " + alg.name))
+            << output_;
+        const CertRef root = Cert("root.pem");
+        EXPECT_EQ(root->CheckSignature(root.get()), CM::kSignatureRight);
+        EXPECT_EQ(CM::X509Cert_Verify(alg.key | alg.hash, root->rawPubKey, "x", std::string(alg.bits / 8, 's')),
+                  CM::kSignatureWrong);
+        tokens::Stop();
+    }
+}
+
+/// A token that shows the hash of the other kind alone is not taken for one of both; one that cannot verify, for none.
+TEST_F(GostEngine, ATokenIsAskedForWhatItShows) {
+    struct {
+        std::vector<CK_MECHANISM_TYPE> missing;
+        pki_alg_t alg;
+        bool listed;
+    } const cases[] = {
+        {{CKM_GOSTR3411_2012_256, CKM_GOSTR3410_WITH_GOSTR3411_2012_256}, PKI_KEY_GOST2012_256, false},
+        {{CKM_GOSTR3411_2012_256, CKM_GOSTR3410_WITH_GOSTR3411_2012_256}, PKI_KEY_GOST2001, true},
+        {{CKM_GOSTR3411_2012_256}, PKI_KEY_GOST2012_256, true},
+        {{CKM_GOSTR3411_2012_512, CKM_GOSTR3410_WITH_GOSTR3411_2012_512}, PKI_KEY_GOST2012_512, true},
+        {{CKM_GOSTR3410}, PKI_KEY_GOST2001, false},
+        {{CKM_GOSTR3410}, PKI_KEY_GOST2001 | PKI_HASH_GOST94, true},
+    };
+    int number = 0;
+    for (const auto& c : cases) {
+        StartWithout(c.missing);
+        NewToken("card" + std::to_string(++number));
+        EXPECT_EQ(!PKCS11::Manager::Instance().EnumTokens(c.alg).empty(), c.listed) << number;
+        tokens::Stop();
+    }
+}
+
 /// Each mechanism in turn is missing: every function fails as documented, and no key is left behind.
 TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
     ASSERT_TRUE(
@@ -283,15 +335,23 @@ TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
     int number = 0;
     for (const Algorithm& alg : kAlgorithms) {
         struct {
-            CK_MECHANISM_TYPE missing;
+            std::vector<CK_MECHANISM_TYPE> missing;
             const char* request_error;
             CM::SignatureCheck check;
             bool listed;  // among the kinds of keys for requests, with its hash
             const char* ike2_sign_error;  // empty: it signs
         } const cases[] = {
-            {alg.generate, "GenerateKeyPairError", CM::kSignatureRight, false, ""},
-            {alg.digest, "MakeCertRequestDigestError", CM::kSignatureNoToken, false, "Ike2Sign: can't form digest"},
-            {alg.sign, "MakeCertRequestSignatureError", CM::kSignatureNoToken, true, "Ike2Sign: can't form sign"},
+            {{alg.generate}, "GenerateKeyPairError", CM::kSignatureRight, false, ""},
+            {{alg.digest, alg.whole},
+             "MakeCertRequestDigestError",
+             CM::kSignatureNoToken,
+             false,
+             "Ike2Sign: can't form digest"},
+            {{alg.sign, alg.whole},
+             "MakeCertRequestSignatureError",
+             CM::kSignatureNoToken,
+             true,
+             "Ike2Sign: can't form sign"},
         };
         for (const auto& c : cases) {
             SCOPED_TRACE(std::string(alg.name) + " " + c.request_error);
@@ -313,7 +373,9 @@ TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
             EXPECT_EQ(listed, c.listed);
             std::string signature(alg.bits / 8, 's');
             EXPECT_FALSE(CM::IkeVerify(cert.get(), std::string(alg.bits / 16, 'h'), signature, kIdent));
-            const bool signs = c.missing != alg.sign;
+            const bool signs = c.missing[0] != alg.sign;
+            // Without its hash a kind of 256 bits is taken for the other one.
+            const bool found = signs && (c.missing[0] != alg.digest || alg.key == PKI_KEY_GOST2012_512);
             const bool signs_ike2 = *c.ike2_sign_error == 0;
             {
                 TokenSession session(token.info, TokenSession::kPrivate);
@@ -325,7 +387,7 @@ TEST_F(GostEngine, ATokenWithoutSomeMechanismFailsAsDocumented) {
             EXPECT_EQ(CM::IkeSign(own.get(), std::string(alg.bits / 16, 'h'), signature, kIdent), signs);
             EXPECT_EQ(CM::Ike2Sign(own.get(), sign_alg, "octets", signature, kIdent), signs_ike2);
             EXPECT_EQ(CM::Ike2Verify(own.get(), alg.key, "octets", signature, kIdent), signs_ike2);
-            EXPECT_EQ(reports_.Count("Can't find tokens for ike verify") > 0, !signs);
+            EXPECT_EQ(reports_.Count("Can't find tokens for ike verify") > 0, !found);
             EXPECT_EQ(reports_.Count("Can't ike sign on token") > 0, !signs);
             EXPECT_TRUE(signs_ike2 || reports_.Count(c.ike2_sign_error) > 0);
             EXPECT_EQ(reports_.Count("No token to verify signature") > 0, !signs_ike2);

@@ -41,7 +41,7 @@ int Nid(HashAlg alg) {
 Engine::Engine() {
     OPENSSL_init_crypto(OPENSSL_INIT_ENGINE_DYNAMIC, nullptr);
     const Owner<ENGINE, ENGINE_free> found(ENGINE_by_id("gost"));
-    Require(found != nullptr && ENGINE_init(found.get()) == 1, CKR_DEVICE_ERROR);
+    Require(found != nullptr && ENGINE_init(found.get()) == 1, CKR_FUNCTION_FAILED);
     engine_ = found.get();
     const std::lock_guard lock(registration_mutex);
     const bool ours = registrations > 0 || !IsRegistered();

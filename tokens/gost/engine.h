@@ -16,7 +16,7 @@ namespace gost_token {
 
 class Engine {
   public:
-    /// Fails with CKR_DEVICE_ERROR when the engine is not installed.
+    /// Fails with CKR_FUNCTION_FAILED when the engine is not installed.
     Engine();
     ~Engine();
     Engine(const Engine&) = delete;

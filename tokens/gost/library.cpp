@@ -27,7 +27,7 @@ fs::path DefaultFolder() {
     const char* const state = secure_getenv("XDG_STATE_HOME");
     if (state != nullptr && state[0] == '/') return fs::path(state) / "certmgr/gost";
     const char* const home = secure_getenv("HOME");
-    Require(home != nullptr && home[0] == '/', CKR_DEVICE_ERROR);
+    Require(home != nullptr && home[0] == '/', CKR_ARGUMENTS_BAD);
     return fs::path(home) / ".local/state/certmgr/gost";
 }
 

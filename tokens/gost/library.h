@@ -16,8 +16,8 @@ namespace gost_token {
 class Library {
   public:
     /// `arguments` is the text "directory=PATH", or empty for the directory that the environment variable
-    /// CERTMGR_GOST_DIRECTORY names, or else the user's own. Fails with CKR_ARGUMENTS_BAD for other texts, with
-    /// CKR_DEVICE_ERROR when others may read or write the directory.
+    /// CERTMGR_GOST_DIRECTORY names, or else the user's own. Fails with CKR_ARGUMENTS_BAD for other texts or when nothing
+    /// says what is the user's own, with CKR_DEVICE_ERROR when the directory cannot be made or others may use it.
     explicit Library(std::string_view arguments);
     ~Library();
     Library(const Library&) = delete;
