@@ -295,6 +295,15 @@ TEST_F(FileTest, FilesThatNobodyWrites) {
     EXPECT_EQ(X509CertFile(file, std::string(4097, 'p')).status, kP12WrongPassword);
 }
 
+// Of two certificates for one key the file says which is its own, whatever their order.
+TEST_F(FileTest, TheMarkedCertificateGetsTheKey) {
+    const Cert old = test_pki::MakeLeaf("CN=old, O=Test", ca_, test_pki::KeyType::kRsa2048);  // of the same key
+    const X509CertFile file(JoinPkcs12({FileOfBags(CertBag(old.der)), MakePkcs12(user_.key, {user_.der})}), kPassword);
+    ASSERT_EQ(file.certs.size(), 2U);
+    EXPECT_EQ(file.certs[0]->rawCert, user_.der);
+    EXPECT_NE(file.certs[0]->privKeyHandle, nullptr);
+}
+
 // A file decides how much work it makes: within limits.
 TEST_F(FileTest, CostlyFilesAreRefused) {
     constexpr int kMost = 0x7FFFFFFF;
