@@ -81,8 +81,8 @@ std::string Charon::Load(const Configuration& configuration) {
     return result.exit_code == 0 ? "" : result.out + result.err;
 }
 
-test_support::ProcessResult Charon::Initiate() {
-    return Swanctl({"--initiate", "--ike", "peer", "--timeout", "20"});
+test_support::ProcessResult Charon::Initiate(bool child) {
+    return Swanctl({"--initiate", child ? "--child" : "--ike", child ? "net" : "peer", "--timeout", "20"});
 }
 
 std::string Charon::Log() const {

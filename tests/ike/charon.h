@@ -40,7 +40,8 @@ class Charon {
     };
     /// What swanctl said when it failed; else empty.
     std::string Load(const Configuration& configuration);
-    test_support::ProcessResult Initiate();
+    /// With a child, "net", or without any.
+    test_support::ProcessResult Initiate(bool child);
 
     bool running() const { return running_; }
     std::uint16_t port() const { return nat_port_; }

@@ -37,12 +37,14 @@ TEST_F(WireTest, BothSidesSayTheSame) {
         {{"--psk", "unknown"}, {"--time-out", "1"}, 13, 14, "no-preshared-key", "auth-silent"},
         {{"--time-out", "1", "--before-signing", "sleep 2"}, {}, 0, 0, "", ""},  // a slow token is not a slow peer
         {{"--damage-signature"}, {}, 15, 16, "peer-refused", "signature-wrong"},
+        // Allowed by the rule, which allows any, but not what the certificate says.
+        {{}, {"--announce-fqdn", "mallory.example"}, 16, 15, "certificate-refused", "peer-refused"},
         {{}, {"--damage-signature"}, 16, 15, "signature-wrong", "peer-refused"},
         {{"--proposal", "aes128-sha256-ecp256"},
          {"--proposal", "aes256gcm16-sha256-ecp256"},
          12,
          12,
-         "NO_PROPOSAL_CHOSEN",
+         "when no connection of theirs fits the addresses",
          "proposals-refused"},
     };
     for (const Case& c : cases) {
@@ -64,8 +66,10 @@ TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
         std::string answer;
         std::string verdict;
         int exit_code;
+        std::string advice;  // a part of it
     };
-    for (const Case& c : std::vector<Case>{{"", "silent", 10}, {"no such service\n", "not-ike", 11}}) {
+    for (const Case& c : std::vector<Case>{{"", "silent", 10, "firewall"},
+                                           {"no such service\n", "not-ike", 11, "does not speak IKEv2"}}) {
         const BadNetwork stranger({{0, 0}}, [&c](const BadNetwork::Datagram&) {
             return c.answer.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.answer};
         });
@@ -76,11 +80,12 @@ TEST_F(WireTest, TheProbeSaysWhatIsAtThePort) {
         const nlohmann::json report = nlohmann::json::parse(result.out);
         EXPECT_EQ(report["verdict"], c.verdict);
         EXPECT_EQ(report["stage"], "reach");
-        EXPECT_FALSE(report["advice"].get<std::string>().empty());
+        EXPECT_NE(report["advice"].get<std::string>().find(c.advice), std::string::npos);
     }
     const auto closed = alice_.Probe(FreeUdpPort(), {});
     EXPECT_EQ(closed.exit_code, 10);
-    EXPECT_NE(closed.out.find("verdict: unreachable"), std::string::npos) << closed.out;
+    EXPECT_NE(closed.out.find("verdict: unreachable (stage reach)"), std::string::npos) << closed.out;
+    EXPECT_NE(closed.out.find("advice:  start the IKE daemon"), std::string::npos) << closed.out;
 }
 
 TEST_F(WireTest, TheResponderOutlivesStrangers) {
