@@ -280,6 +280,7 @@ void RegisterBenchmarks() {
     Register("leaf_parse", LeafParse);
     Register("leaf_parse_peer", LeafParsePeer);
     Register("leaf_parse_two_threads", LeafParse)->Threads(2);
+    Register("leaf_parse_peer_two_threads", LeafParsePeer)->Threads(2);
     Register("peer_verify", PeerVerify, 0);
     Register("peer_verify_1000", PeerVerify, 1000);
     Register("peer_verify_quiet", PeerVerifyQuiet);

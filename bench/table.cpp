@@ -24,21 +24,31 @@ std::string GoalText(const Row& row) {
         case Goal::kFigureBelow:
             return Number("under %.2f", row.limit);
         case Goal::kReported:
+        case Goal::kSpeedupReported:
+        case Goal::kRateReported:
         case Goal::kFigureReported:
             break;
     }
     return "-";
 }
 
-/// The figure that is held against the goal.
+/// The figure that is held against the goal, or shown.
 double Figure(const Row& row, double ours, double peer) {
-    if (row.goal == Goal::kTimeBelow) return ours;
-    if (row.goal == Goal::kSpeedupAbove) return peer / ours;
-    return peer > 0 ? ours / peer : 0;
+    switch (row.goal) {
+        case Goal::kTimeBelow:
+            return ours;
+        case Goal::kSpeedupAbove:
+        case Goal::kSpeedupReported:
+            return peer / ours;
+        case Goal::kRateReported:
+            return kMicrosecondsPerSecond / ours;
+        default:
+            return peer > 0 ? ours / peer : 0;
+    }
 }
 
 bool HasGoal(const Row& row) {
-    return row.goal != Goal::kReported && row.goal != Goal::kFigureReported;
+    return GoalText(row) != "-";
 }
 
 bool Met(const Row& row, double figure) {
@@ -84,11 +94,12 @@ int PrintTable(const std::vector<Row>& rows, const Medians& medians) {
         if (ours <= 0) continue;
         const bool own_figure = row.goal == Goal::kFigureBelow || row.goal == Goal::kFigureReported;
         const double figure = own_figure ? medians.Figure(row.ours) : Figure(row, ours, peer);
+        const bool shows_figure = peer > 0 || own_figure || row.goal == Goal::kRateReported;
         const bool met = Met(row, figure);
         if (!met) ++missed;
         std::printf("%-58s %12s %12s %7s  %-14s %s\n", row.what.c_str(), Number("%.1f", ours).c_str(),
-                    peer > 0 ? Number("%.1f", peer).c_str() : "-",
-                    peer > 0 || own_figure ? Number("%.2f", figure).c_str() : "-", GoalText(row).c_str(),
+                    peer > 0 ? Number("%.1f", peer).c_str() : "-", shows_figure ? Number("%.2f", figure).c_str() : "-",
+                    GoalText(row).c_str(),
                     !HasGoal(row) ? ""
                     : met         ? "met"
                                   : "MISSED");

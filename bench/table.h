@@ -16,6 +16,8 @@ enum class Goal : int {
     kSpeedupAbove,  // peer / ours must be over the limit
     kTimeBelow,  // our time in microseconds must be under the limit
     kReported,  // no goal
+    kSpeedupReported,  // no goal; what the machine gives
+    kRateReported,  // no goal; how many a second
     kFigureBelow,  // the benchmark's own figure, its counter of that name, must be under the limit
     kFigureReported,
 };

@@ -69,8 +69,7 @@ void Delete(Context& context, const DeleteOptions& options) {
 
 void AddDeleteCommand(CLI::App& app, Context& context) {
     const auto options = std::make_shared<DeleteOptions>();
-    CLI::App* command =
-        app.add_subcommand("delete", "Delete certificates and their key pairs")->group(kGroupChange);
+    CLI::App* command = app.add_subcommand("delete", "Delete certificates and their key pairs")->group(kGroupChange);
     command->add_option("names", options->names, "Certificates, as for \"show\"")
         ->required()
         ->option_text("NAME ... (required)");
