@@ -202,6 +202,23 @@ TEST_F(VerdictTest, ACurrentCrlBehindOneOutOfDateNeedsNoTransfer) {
     EXPECT_EQ(Outcomes().size(), 1U) << "of what was asked";
 }
 
+TEST_F(VerdictTest, WhatALaterAddressGaveIsRenewedToo) {
+    const Cert leaf = Leaf({server_.Uri("/a"), server_.Uri("/b")});
+    const auto check = [&](const CrlSpec& cached, const std::function<void()>& then) {
+        CM::ClearDownloadedCrlDB();
+        for (const char* path : {"/a", "/b"}) {
+            Serve(path, Crl(cached));
+            EXPECT_TRUE(Passes(LeafAt(path), kSoft));
+        }
+        then();
+        ServeNothing("/a");
+        Serve("/b", Crl(Listing(leaf)));
+        EXPECT_FALSE(Passes(leaf, kSoft));
+    };
+    check({}, [] { CM::cm_crl_apply_lparams_(false); });
+    check(Expired(), [] {});
+}
+
 TEST_F(VerdictTest, EqualDataIsNotDecodedAgain) {
     const std::string der = Crl(Expired());
     const std::string pem = test_pki::ToPem("X509 CRL", der);
@@ -280,16 +297,26 @@ TEST_F(VerdictTest, ARevocationThatWasSeenIsNotTakenBack) {
     Serve("/replayed", Crl({.this_update = kNow - 2}));
     CM::cm_crl_apply_lparams_(false);
     EXPECT_FALSE(Passes(leaf, kSoft));
+
+    // Nor when what was seen is out of date.
+    CM::ClearDownloadedCrlDB();
+    Serve(path_, Crl({.entries = newer.entries, .this_update = kNow - 1, .next_update = kNow}));
+    EXPECT_FALSE(Passes(leaf_, kSoft));
+    Serve(path_, Crl({.this_update = kNow - 2}));
+    EXPECT_FALSE(Passes(leaf_, kSoft));
 }
 
 TEST_F(VerdictTest, ACachedCrlServesThoseWhoseIssuerSignedIt) {
     const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
     const Cert others = MakeCert(Spec({server_.Uri(path_)}), &other);
-    Serve(path_, Crl());
+    Serve(path_, Crl({.this_update = kNow - 1}));
     EXPECT_TRUE(Passes(leaf_));
     EXPECT_FALSE(PassesUnder(others, other, kStrict));
     EXPECT_TRUE(Passes(leaf_));
     EXPECT_EQ(Transfers(), 2U);
+    // One of an earlier day takes its place for the issuer who signed that.
+    Serve(path_, test_pki::MakeCrl({.this_update = kNow - 2}, other));
+    EXPECT_TRUE(PassesUnder(others, other, kStrict));
 }
 
 TEST_F(VerdictTest, AnotherIssuersCrlAtALaterAddressDoesNotServe) {
@@ -390,6 +417,17 @@ TEST_F(VerdictTest, TheNextSourceClearsWhatAnOutOfScopeCrlCannot) {
     EXPECT_FALSE(Passes(leaf));
     PutOnToken(Crl());
     EXPECT_TRUE(Passes(leaf)) << "the store's second one";
+}
+
+TEST_F(VerdictTest, ANewerCrlForOthersIsNoReasonToRefuseAnother) {
+    const Cert leaf = Leaf({server_.Uri("/shard"), server_.Uri("/full")});
+    Serve("/shard",
+          Crl({.this_update = kNow - 1, .issuing_distribution_point = PointAt("http://elsewhere.example/shard.crl")}));
+    Serve("/full", Crl({.this_update = kNow - 2}));
+    EXPECT_TRUE(Passes(leaf));
+    CM::cm_crl_apply_lparams_(false);
+    ServeNothing("/shard");
+    EXPECT_TRUE(Passes(leaf));
 }
 
 TEST_F(VerdictTest, WhatIsOutOfScopeStandsInNobodysWay) {

@@ -83,6 +83,20 @@ TEST_F(WaitingTest, AMarkedCrlServesNobodyUntilItsTransferHasLanded) {
     Join();
 }
 
+TEST_F(WaitingTest, AMarkThatComesDuringATransferIsForTheNextOne) {
+    Serve("/a", Crl());
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+    CM::cm_crl_apply_lparams_(false);
+    server_.Hold("/a");
+    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 2));
+    CM::cm_crl_apply_lparams_(false);
+    server_.Release("/a");
+    Join();
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Transfers(), 3U);
+}
+
 TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {
     Serve("/a", Crl());
     Serve("/kept", Crl());
