@@ -256,27 +256,49 @@ TEST_F(GostEngine, RequestsAreCertifiedAndTheirKeysAuthenticate) {
     }
 }
 
-/// RFC 5832 and RFC 7091, 7.1: in IKEv1 a signature of 34.10-2001 comes turned around, one of 34.10-2012 does not.
+/// In IKEv1 a signature of 34.10-2001 comes turned around, one of 34.10-2012 does not.
 TEST_F(GostEngine, PublishedExamplesPinTheFormsOfIke1) {
     StartGost();
     NewToken("gost");
-    const std::string signature = FromHex(kExample256.s) + FromHex(kExample256.r);
     struct {
         const char* key;
+        const char* set;
         const char* digest;
+        const Example& example;
         bool turned;
-    } const cases[] = {{"1.2.643.2.2.19", "1.2.643.2.2.30.1", true}, {"1.2.643.7.1.1.1.1", "1.2.643.7.1.1.2.2", false}};
+    } const cases[] = {{"1.2.643.2.2.19", "1.2.643.2.2.35.0", "1.2.643.2.2.30.1", kExample256, true},
+                       {"1.2.643.7.1.1.1.1", "1.2.643.2.2.35.0", "1.2.643.7.1.1.2.2", kExample256, false},
+                       {"1.2.643.7.1.1.1.2", "1.2.643.7.1.2.1.2.0", "1.2.643.7.1.1.2.3", kExample512, false}};
     for (const auto& c : cases) {
-        const std::string point = Reversed(FromHex(kExample256.x)) + Reversed(FromHex(kExample256.y));
+        const std::string point = Reversed(FromHex(c.example.x)) + Reversed(FromHex(c.example.y));
+        const std::string signature = FromHex(c.example.s) + FromHex(c.example.r);
         const std::string algorithm =
-            der::Sequence(der::Oid(c.key) + der::Sequence(der::Oid("1.2.643.2.2.35.0") + der::Oid(c.digest)));
+            der::Sequence(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + der::Oid(c.digest)));
         const test_pki::Cert made =
             test_pki::MakeCert({.spki = der::Sequence(algorithm + der::BitString(der::OctetString(point)))});
         const CertRef peer = CertRef::Adopt(new X509Cert({}, PKCS11::CertObject{.value = made.der}));
         std::string given = c.turned ? Reversed(signature) : signature;
-        EXPECT_TRUE(CM::IkeVerify(peer.get(), Reversed(FromHex(kExample256.e)), given, kIdent)) << c.key;
+        EXPECT_TRUE(CM::IkeVerify(peer.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
         given = c.turned ? signature : Reversed(signature);
-        EXPECT_FALSE(CM::IkeVerify(peer.get(), Reversed(FromHex(kExample256.e)), given, kIdent)) << c.key;
+        EXPECT_FALSE(CM::IkeVerify(peer.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
+    }
+}
+
+/// A signature in a certificate and one of IKEv2 have the same form, which is that of the published certificates.
+TEST_F(GostEngine, PublishedCertificatesPinTheFormsOfX509AndIke2) {
+    StartGost();
+    NewToken("gost");
+    const char* const published[] = {kCert2001, kCert256, kCert512};
+    for (std::size_t i = 0; i < std::size(published); ++i) {
+        const Algorithm& alg = kAlgorithms[i];
+        SCOPED_TRACE(alg.name);
+        const CertRef cert = CertRef::Adopt(new X509Cert(CertEngine_ReadPEMCertData(published[i]), nullptr));
+        EXPECT_EQ(cert->info.signAlg & PKI_ALG_MASK, alg.key | alg.hash);
+        EXPECT_EQ(cert->CheckSignature(cert.get()), CM::kSignatureRight);
+        const std::string body = ToBeSigned(cert->rawCert);
+        const std::string signature = cert->rawCert.substr(cert->rawCert.size() - alg.bits / 8);
+        EXPECT_TRUE(CM::Ike2Verify(cert.get(), alg.key, body, signature, kIdent));
+        EXPECT_FALSE(CM::Ike2Verify(cert.get(), alg.key, body, Reversed(signature), kIdent));
     }
 }
 
