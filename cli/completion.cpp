@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 
 #include "cli/commands/commands.h"
 #include "cli/store/names.h"
@@ -15,6 +16,7 @@ struct Candidate {
     std::string meaning;
 };
 using Candidates = std::vector<Candidate>;
+using arguments::Option;
 
 const Candidates kFiles{{":files", ""}};
 
@@ -55,8 +57,8 @@ Candidates Words(std::initializer_list<const char*> words) {
 }
 
 /// What an option takes, by its long name.
-Candidates ValuesOf(const CLI::Option& option, Context& context) {
-    const std::string name = option.get_lnames().empty() ? "" : option.get_lnames().front();
+Candidates ValuesOf(const Option& option, Context& context) {
+    const std::string name = option.long_name();
     if (name == "token") return TokenLabels(context);
     if (name == "as") return Words({"trusted", "personal", "other"});
     if (name == "format") return Words({"der", "pem", "pkcs7", "pkcs12"});
@@ -66,7 +68,7 @@ Candidates ValuesOf(const CLI::Option& option, Context& context) {
 }
 
 /// What stands without an option, by command.
-Candidates ArgumentsOf(const CLI::App& command, Context& context) {
+Candidates ArgumentsOf(const Command& command, Context& context) {
     using Source = std::function<Candidates(Context&)>;
     static const auto kNoNames = [](Context&) { return Candidates(); };
     static const std::map<std::string, Source> kSources{
@@ -89,93 +91,88 @@ Candidates ArgumentsOf(const CLI::App& command, Context& context) {
         {"completion", [](Context&) {
              return Words({"bash", "zsh", "fish"});
          }}};
-    const CLI::App* const parent = command.get_parent();
-    const bool nested = parent != nullptr && parent->get_parent() != nullptr;
-    const std::string name = nested ? parent->get_name() + " " + command.get_name() : command.get_name();
+    const std::optional<Command> parent = command.parent();
+    const bool nested = parent && parent->parent();
+    const std::string name = nested ? parent->name() + " " + command.name() : command.name();
     const auto found = kSources.find(name);
     return (found == kSources.end() ? Source(kNoNames) : found->second)(context);
 }
 
-Candidates OptionsOf(const CLI::App& command) {
+Candidates OptionsOf(const Command& command) {
     Candidates options;
-    for (const CLI::App* app = &command; app != nullptr; app = app->get_parent()) {
-        for (const CLI::Option* option : app->get_options()) {
-            for (const std::string& name : option->get_lnames())
-                options.push_back({"--" + name, option->get_description()});
+    for (std::optional<Command> at = command; at; at = at->parent()) {
+        for (const Option& option : at->options()) {
+            if (option.long_name().empty()) continue;
+            options.push_back({"--" + option.long_name(), option.description()});
         }
     }
     return options;
 }
 
-Candidates CommandsOf(const CLI::App& command) {
+Candidates CommandsOf(const Command& command) {
     Candidates commands;
-    for (const CLI::App* sub : command.get_subcommands([](const CLI::App*) { return true; })) {
-        commands.push_back({sub->get_name(), sub->get_description()});
-    }
+    for (const Command& sub : command.commands()) commands.push_back({sub.name(), sub.description()});
     return commands;
 }
 
-const CLI::Option* FindOption(const CLI::App& command, const std::string& word) {
-    for (const CLI::App* app = &command; app != nullptr; app = app->get_parent()) {
-        if (const CLI::Option* option = app->get_option_no_throw(word)) return option;
+std::optional<Option> FindOption(const Command& command, const std::string& word) {
+    for (std::optional<Command> at = command; at; at = at->parent()) {
+        if (const auto option = at->FindOption(word)) return option;
     }
-    return nullptr;
+    return std::nullopt;
 }
 
-bool TakesValue(const CLI::Option* option) {
-    return option != nullptr && option->get_items_expected_max() > 0;
-}
-
-CLI::App* FindCommand(CLI::App& command, const std::string& word) {
-    const auto found = command.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == word; });
-    return found.empty() ? nullptr : found.front();
+std::optional<Command> FindCommand(const Command& command, const std::string& word) {
+    for (const Command& sub : command.commands()) {
+        if (sub.name() == word) return sub;
+    }
+    return std::nullopt;
 }
 
 /// The daemon of the line is the one that is asked.
-void TakeSocket(const CLI::Option& option, const std::string& value, Context& context) {
-    if (option.check_lname("socket")) context.session.socket = value;
+void TakeSocket(const Option& option, const std::string& value, Context& context) {
+    if (option.long_name() == "socket") context.session.socket = value;
 }
 
 /// Follows the words to the command that they name; `open` is the option whose value comes next.
-CLI::App* Follow(CLI::App& app, Context& context, const std::vector<std::string>& words, const CLI::Option*& open) {
-    CLI::App* command = &app;
+Command Follow(Command command, Context& context, const std::vector<std::string>& words, std::optional<Option>& open) {
     for (const std::string& word : words) {
         const std::size_t equals = word.find('=');
-        if (open != nullptr) {
+        if (open) {
             // Bash makes three words of --socket=PATH.
             if (word == "=") continue;
             TakeSocket(*open, word, context);
-            open = nullptr;
+            open.reset();
         } else if (word.starts_with("--") && equals != std::string::npos) {
-            const CLI::Option* const option = FindOption(*command, word.substr(0, equals));
-            if (option != nullptr) TakeSocket(*option, word.substr(equals + 1), context);
+            const auto option = FindOption(command, word.substr(0, equals));
+            if (option) TakeSocket(*option, word.substr(equals + 1), context);
         } else if (word.starts_with('-')) {
-            const CLI::Option* const option = FindOption(*command, word);
-            open = TakesValue(option) ? option : nullptr;
-        } else if (CLI::App* const sub = FindCommand(*command, word)) {
-            command = sub;
+            const auto option = FindOption(command, word);
+            if (option && option->takes_value()) open = option;
+        } else if (const auto sub = FindCommand(command, word)) {
+            command = *sub;
         }
     }
     return command;
 }
 
-Candidates CandidatesFor(CLI::App& app, Context& context, std::vector<std::string> words) {
+Candidates CandidatesFor(const Command& program, Context& context, std::vector<std::string> words) {
     const std::string partial = words.back();
     words.pop_back();
-    const CLI::Option* open = nullptr;
-    const CLI::App* const command = Follow(app, context, words, open);
-    if (open != nullptr) return ValuesOf(*open, context);
-    if (partial.starts_with('-')) return OptionsOf(*command);
-    const Candidates commands = CommandsOf(*command);
-    return commands.empty() ? ArgumentsOf(*command, context) : commands;
+    std::optional<Option> open;
+    const Command command = Follow(program, context, words, open);
+    if (open) return ValuesOf(*open, context);
+    if (partial.starts_with('-')) return OptionsOf(command);
+    const Candidates commands = CommandsOf(command);
+    return commands.empty() ? ArgumentsOf(command, context) : commands;
 }
 
 }  // namespace
 
-void PrintCandidates(CLI::App& app, Context& context, const std::vector<std::string>& words) {
+void PrintCandidates(const arguments::Command& program, Context& context, const std::vector<std::string>& words) {
     if (words.empty()) return;
     try {
-        for (const Candidate& candidate : CandidatesFor(app, context, words)) {
+        for (const Candidate& candidate : CandidatesFor(program, context, words)) {
             const bool fits = candidate.word.starts_with(words.back()) || candidate.word.starts_with(':');
             if (!fits) continue;
             context.console.Print(Escaped(candidate.word) + "\t" + Escaped(candidate.meaning));

@@ -36,12 +36,12 @@ PinAdvice AdviceFor(std::uint32_t status) {
 
 }  // namespace
 
-void AddTokenOption(CLI::App& command, std::string& token) {
-    command.add_option("-t,--token", token, "Token: label, or beginning of its serial number")->option_text("NAME");
+void AddTokenOption(arguments::Command& command, std::string& token) {
+    command.AddOption("-t,--token", token, "NAME", "Token: label, or beginning of its serial number");
 }
 
-void AddPinOption(CLI::App& command, std::string& pin_file) {
-    command.add_option("--pin-file", pin_file, "PIN in this file, or on standard input (-)")->option_text("FILE");
+void AddPinOption(arguments::Command& command, std::string& pin_file) {
+    command.AddOption("--pin-file", pin_file, "FILE", "PIN in this file, or on standard input (-)");
 }
 
 TokenInfo Refreshed(Context& context, const TokenInfo& token) {

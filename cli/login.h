@@ -1,18 +1,18 @@
 // PINs of tokens.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
 
+#include "arguments/arguments.h"
 #include "cli/session.h"
 #include "cli/store/records.h"
 
 namespace certmgrctl {
 
 /// --token, and --pin-file for commands that work on private objects.
-void AddTokenOption(CLI::App& command, std::string& token);
-void AddPinOption(CLI::App& command, std::string& pin_file);
+void AddTokenOption(arguments::Command& command, std::string& token);
+void AddPinOption(arguments::Command& command, std::string& pin_file);
 
 /// The token as it is now: what a list carries may be older than the last login. As it was when it is gone.
 TokenInfo Refreshed(Context& context, const TokenInfo& token);

@@ -1,6 +1,5 @@
 // certmgrctl: manages certificates, CRLs, preshared keys and tokens through the daemon's management bridge.
 
-#include <CLI/CLI.hpp>
 #include <clocale>
 #include <csignal>
 #include <iostream>
@@ -34,33 +33,32 @@ constexpr const char* kFooter =
     "  6  nobody is logged in to the token, or the PIN or password is wrong\n"
     "  7  cancelled by the user\n";
 
-void AddOptions(CLI::App& app, Context& context) {
-    app.fallthrough();
-    app.require_subcommand(1);
-    app.footer(kFooter);
-    app.set_help_flag("-h,--help", "Print this help and exit");
-    app.set_version_flag("--version", "certmgrctl " CERTMGR_VERSION, "Print the version and exit");
-    app.add_option("-s,--socket", context.session.socket, "Socket of the daemon")->option_text("PATH");
-    app.add_flag("--json", context.console.json, "Print JSON");
+void AddOptions(arguments::Program& program, Context& context) {
+    program.AllowOptionsBehindCommands();
+    program.RequireCommand();
+    program.Footer(kFooter);
+    program.AddHelp();
+    program.AddVersion(CERTMGR_VERSION);
+    program.AddOption("-s,--socket", context.session.socket, "PATH", "Socket of the daemon");
+    program.AddFlag("--json", context.console.json, "Print JSON");
 }
 
-void AddCommands(CLI::App& app, Context& context) {
-    AddStatusCommands(app, context);
-    AddListCommands(app, context);
-    AddChainCommands(app, context);
-    AddExportCommand(app, context);
-    AddImportCommand(app, context);
-    AddDeleteCommand(app, context);
-    AddRequestCommands(app, context);
-    AddPresharedKeyCommands(app, context);
-    AddCrlCommands(app, context);
-    AddTokenCommands(app, context);
-    AddWatchCommand(app, context);
-    AddAgentCommand(app, context);
-    AddCompletionCommands(app, context);
-    const auto all = [](const CLI::App*) { return true; };
-    for (CLI::App* group : app.get_subcommands(all)) {
-        for (CLI::App* command : group->get_subcommands(all)) command->group("Commands");
+void AddCommands(Command& program, Context& context) {
+    AddStatusCommands(program, context);
+    AddListCommands(program, context);
+    AddChainCommands(program, context);
+    AddExportCommand(program, context);
+    AddImportCommand(program, context);
+    AddDeleteCommand(program, context);
+    AddRequestCommands(program, context);
+    AddPresharedKeyCommands(program, context);
+    AddCrlCommands(program, context);
+    AddTokenCommands(program, context);
+    AddWatchCommand(program, context);
+    AddAgentCommand(program, context);
+    AddCompletionCommands(program, context);
+    for (const Command& group : program.commands()) {
+        for (Command& command : group.commands()) command.Group("Commands");
     }
 }
 
@@ -77,13 +75,11 @@ void Complain(const Context& context, const Failure& failure) {
     for (const std::string& line : failure.lines()) std::cerr << Escaped(line) << "\n";
 }
 
-int Run(CLI::App& app, const Context& context, int argc, char** argv) {
+int Run(arguments::Program& program, const Context& context, int argc, char** argv) {
     try {
-        app.parse(argc, argv);
+        if (const auto code = program.Parse(argc, argv, kExitUsage)) return *code;
         if (std::cout.flush()) return kExitDone;
         throw Failure(kExitFailed, "standard output cannot be written");
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kExitDone : kExitUsage;
     } catch (const Failure& failure) {
         std::cout.flush();
         Complain(context, failure);
@@ -98,16 +94,17 @@ int RunCommandLine(int argc, char** argv) {
     // Widths of characters; what is printed is UTF-8 anyway.
     std::setlocale(LC_CTYPE, "C.UTF-8");
     std::signal(SIGPIPE, SIG_IGN);
-    CLI::App app{"Manages the certificates, CRLs, preshared keys and tokens of certmgrd.\n", "certmgrctl"};
+    arguments::Program program("certmgrctl",
+                               "Manages the certificates, CRLs, preshared keys and tokens of certmgrd.\n");
     Context context;
     context.session.socket = bridge::DefaultClientSocketPath();
-    AddOptions(app, context);
-    AddCommands(app, context);
+    AddOptions(program, context);
+    AddCommands(program, context);
     if (argc > 1 && std::string(argv[1]) == kCompleteWord) {
-        PrintCandidates(app, context, std::vector<std::string>(argv + 2, argv + argc));
+        PrintCandidates(program, context, std::vector<std::string>(argv + 2, argv + argc));
         return kExitDone;
     }
-    return Run(app, context, argc, argv);
+    return Run(program, context, argc, argv);
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 // certmgrd: runs the certificate manager with its host libraries, in the foreground, until told to stop.
 
 #include <csignal>
-
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <string>
 
+#include "arguments/arguments.h"
 #include "certmgr/certmgr.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
@@ -97,23 +96,19 @@ int Run(const std::string& path) {
 }
 
 int RunCommandLine(int argc, char** argv) {
-    CLI::App app{
+    arguments::Program program(
+        "certmgrd",
         "Certificate manager for IKE/IPsec VPN clients: keeps a live store of what PKCS#11 tokens hold.\n"
-        "Runs in the foreground until told to stop, and logs to stderr unless the settings say otherwise.\n",
-        "certmgrd"};
-    app.footer(kFooter);
+        "Runs in the foreground until told to stop, and logs to stderr unless the settings say otherwise.\n");
+    program.Footer(kFooter);
     std::string config = "/etc/certmgr/certmgr.toml";
     bool check = false;
-    app.add_option("-c,--config", config, "Settings file; default " + config)->option_text("FILE");
-    app.add_flag("--check", check, "Say what is wrong in the settings file, and exit");
-    app.set_version_flag("--version", "certmgrd " CERTMGR_VERSION, "Print the version and exit");
-    app.set_help_flag("-h,--help", "Print this help and exit");
-    try {
-        app.parse(argc, argv);
-        return check ? CheckSettings(config) : Run(config);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kExitSuccess : kExitSettings;
-    }
+    program.AddOption("-c,--config", config, "FILE", "Settings file; default " + config);
+    program.AddFlag("--check", check, "Say what is wrong in the settings file, and exit");
+    program.AddVersion(CERTMGR_VERSION);
+    program.AddHelp();
+    if (const auto code = program.Parse(argc, argv, kExitSettings)) return *code;
+    return check ? CheckSettings(config) : Run(config);
 }
 
 }  // namespace

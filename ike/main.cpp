@@ -1,10 +1,10 @@
 // ikeauth: drives the IKE services of the certificate manager as an IKE engine does.
 
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <map>
 #include <string>
 
+#include "arguments/arguments.h"
 #include "ike/exchange.h"
 #include "ike/host.h"
 #include "ike/probe.h"
@@ -16,6 +16,7 @@
 
 namespace {
 
+using arguments::Command;
 using ikeauth::ExchangeOptions;
 using ikeauth::ProvisionOptions;
 using ikeauth::SideOptions;
@@ -66,26 +67,27 @@ int RunSide(SideCommand& command) {
         {}, command.bridge_socket);
 }
 
-void AddFaults(CLI::App& app, ikeauth::Faults& faults) {
-    app.add_flag("--careless", faults.careless)->group("");
-    app.add_flag("--leaf-only", faults.leaf_only)->group("");
-    app.add_flag("--damage-signature", faults.damage_signature)->group("");
-    app.add_option("--announce-fqdn", faults.announce_fqdn)->group("");
-    app.add_option("--before-signing", faults.before_signing)->group("");
+void AddFaults(Command& command, ikeauth::Faults& faults) {
+    command.AddFlag("--careless", faults.careless).Hidden();
+    command.AddFlag("--leaf-only", faults.leaf_only).Hidden();
+    command.AddFlag("--damage-signature", faults.damage_signature).Hidden();
+    command.AddOption("--announce-fqdn", faults.announce_fqdn).Hidden();
+    command.AddOption("--before-signing", faults.before_signing).Hidden();
 }
 
-void AddSide(CLI::App& app, SideCommand& command) {
-    CLI::App* side = app.add_subcommand("side", "One side of an exchange over an inherited socket");
-    side->group("");  // started by `exchange`
-    side->add_option("--config", command.config)->required();
-    side->add_option("--rule", command.rule)->required();
-    side->add_option("--fd", command.descriptor)->required();
-    side->add_option("--bridge", command.bridge_socket);
-    side->add_option("--time-out", command.seconds);
-    side->add_option("--role", command.side.initiator)->required()->transform(CLI::CheckedTransformer(kRoles));
-    side->add_option("--ike", command.side.version)->transform(CLI::CheckedTransformer(kVersions));
-    side->add_option("--payload", command.side.form)->transform(CLI::CheckedTransformer(kForms));
-    AddFaults(*side, command.side.faults);
+Command AddSide(Command& program, SideCommand& options) {
+    Command side = program.AddCommand("side", "One side of an exchange over an inherited socket");
+    side.Group("");  // started by `exchange`
+    side.AddOption("--config", options.config).Required();
+    side.AddOption("--rule", options.rule).Required();
+    side.AddOption("--fd", options.descriptor).Required();
+    side.AddOption("--bridge", options.bridge_socket);
+    side.AddOption("--time-out", options.seconds);
+    side.AddChoice("--role", options.side.initiator, kRoles).Required();
+    side.AddChoice("--ike", options.side.version, kVersions);
+    side.AddChoice("--payload", options.side.form, kForms);
+    AddFaults(side, options.side.faults);
+    return side;
 }
 
 struct ExchangeCommand {
@@ -99,32 +101,26 @@ struct ExchangeCommand {
     ExchangeOptions options;
 };
 
-void AddRequired(CLI::App& app, const char* name, std::string& value, const std::string& kind, const char* what) {
-    app.add_option(name, value, what)->required()->option_text(kind + " (required)");
-}
-
-void AddExchange(CLI::App& app, ExchangeCommand& command) {
-    CLI::App* exchange =
-        app.add_subcommand("exchange", "Two hosts, each a process with tokens of its own, authenticate each other");
-    exchange->footer(std::string(kFaults) + kExitCodes);
-    AddRequired(*exchange, "--initiator", command.initiator_config, "FILE", "Settings file of the initiator");
-    AddRequired(*exchange, "--responder", command.responder_config, "FILE", "Settings file of the responder");
-    AddRequired(*exchange, "--rule", command.rule, "NAME", "Rule to authenticate by, in both files");
-    exchange->add_option("--ike", command.version, "IKE version: 1 signs a hash, 2 octets; default 2")
-        ->check(CLI::IsMember({"1", "2"}))
-        ->option_text("1|2");
-    exchange->add_option("--payload", command.form, "Single certificates or one bundle; default x509")
-        ->check(CLI::IsMember({"x509", "pkcs7"}))
-        ->option_text("x509|pkcs7");
-    exchange->add_option("--expect", command.options.expect, "Succeed only if refused with this text in the log")
-        ->option_text("TEXT (repeatable)");
-    exchange->add_option("--fault", command.initiator_faults, "What the initiator does wrong, see below; repeatable")
-        ->option_text("FAULT");
-    exchange
-        ->add_option("--ask", command.ask,
-                     "The initiator waits for a client at this socket, and asks which of several certificates to use")
-        ->option_text("PATH");
-    exchange->add_flag("-q,--quiet", command.options.quiet, "Print the verdict alone");
+Command AddExchange(Command& program, ExchangeCommand& options) {
+    Command exchange =
+        program.AddCommand("exchange", "Two hosts, each a process with tokens of its own, authenticate each other");
+    exchange.Footer(std::string(kFaults) + kExitCodes);
+    exchange.AddOption("--initiator", options.initiator_config, "FILE", "Settings file of the initiator").Required();
+    exchange.AddOption("--responder", options.responder_config, "FILE", "Settings file of the responder").Required();
+    exchange.AddOption("--rule", options.rule, "NAME", "Rule to authenticate by, in both files").Required();
+    exchange.AddOption("--ike", options.version, "1|2", "IKE version: 1 signs a hash, 2 octets; default 2")
+        .OneOf({"1", "2"});
+    exchange.AddOption("--payload", options.form, "x509|pkcs7", "Single certificates or one bundle; default x509")
+        .OneOf({"x509", "pkcs7"});
+    exchange.AddOption("--expect", options.options.expect, "TEXT (repeatable)",
+                       "Succeed only if refused with this text in the log");
+    exchange.AddOption("--fault", options.initiator_faults, "FAULT",
+                       "What the initiator does wrong, see below; repeatable");
+    exchange.AddOption(
+        "--ask", options.ask, "PATH",
+        "The initiator waits for a client at this socket, and asks which of several certificates to use");
+    exchange.AddFlag("-q,--quiet", options.options.quiet, "Print the verdict alone");
+    return exchange;
 }
 
 int RunExchangeCommand(ExchangeCommand& command) {
@@ -144,31 +140,29 @@ int RunExchangeCommand(ExchangeCommand& command) {
     return ikeauth::RunExchange(options);
 }
 
-void AddProvision(CLI::App& app, ProvisionOptions& options) {
-    CLI::App* provision = app.add_subcommand(
+Command AddProvision(Command& program, ProvisionOptions& options) {
+    Command provision = program.AddCommand(
         "provision", "Makes a token with a host's key and certificates, with SoftHSM2 or a module like it");
-    provision->footer(
+    provision.Footer(
         "A PIN file that is not there is written with a random PIN; one that is there must have mode 0600.\n"
         "Certificates and keys are PEM files.\n\n" +
         std::string(kExitCodes));
-    AddRequired(*provision, "--state", options.state, "FOLDER", "State folder of the module; made when absent");
-    provision
-        ->add_option("--module", options.module, "PKCS#11 module that takes \"directory=FOLDER\"; default SoftHSM2")
-        ->option_text("FILE");
-    AddRequired(*provision, "--label", options.label, "TEXT", "Label of the token");
-    AddRequired(*provision, "--pin-file", options.pin_file, "FILE", "PIN of the user");
-    AddRequired(*provision, "--so-pin-file", options.so_pin_file, "FILE", "PIN of the security officer");
-    CLI::Option* cert =
-        provision->add_option("--cert", options.certs, "Certificates of the host")->option_text("FILE ...");
-    provision->add_option("--key", options.keys, "Their private keys, in the same order, not encrypted")
-        ->needs(cert)
-        ->option_text("FILE ...");
-    provision->add_option("--psk", options.preshared_keys, "Preshared keys, each in a file with mode 0600")
-        ->option_text("NAME=FILE ...");
-    provision->add_option("--other", options.others, "Further certificates")->option_text("FILE ...");
-    provision->add_option("--trusted", options.trusted, "Certificates to be trusted")->option_text("FILE ...");
-    provision->add_option("--key-not-after", options.key_not_after, "Last day of the private key's usage")
-        ->option_text("YYYY-MM-DD");
+    provision.AddOption("--state", options.state, "FOLDER", "State folder of the module; made when absent").Required();
+    provision.AddOption("--module", options.module, "FILE",
+                        "PKCS#11 module that takes \"directory=FOLDER\"; default SoftHSM2");
+    provision.AddOption("--label", options.label, "TEXT", "Label of the token").Required();
+    provision.AddOption("--pin-file", options.pin_file, "FILE", "PIN of the user").Required();
+    provision.AddOption("--so-pin-file", options.so_pin_file, "FILE", "PIN of the security officer").Required();
+    const arguments::Option certs =
+        provision.AddOption("--cert", options.certs, "FILE ...", "Certificates of the host");
+    provision.AddOption("--key", options.keys, "FILE ...", "Their private keys, in the same order, not encrypted")
+        .Needs(certs);
+    provision.AddOption("--psk", options.preshared_keys, "NAME=FILE ...",
+                        "Preshared keys, each in a file with mode 0600");
+    provision.AddOption("--other", options.others, "FILE ...", "Further certificates");
+    provision.AddOption("--trusted", options.trusted, "FILE ...", "Certificates to be trusted");
+    provision.AddOption("--key-not-after", options.key_not_after, "YYYY-MM-DD", "Last day of the private key's usage");
+    return provision;
 }
 
 // --- On the wire ---
@@ -180,96 +174,86 @@ constexpr const char* kProposals =
     "  groups   x25519 ecp256 ecp384 modp2048\n\n"
     "Neither side carries traffic: the SA is deleted as soon as both have authenticated.\n\n";
 
-void AddAuthentication(CLI::App& app, ikeauth::WireOptions& wire) {
+void AddAuthentication(Command& command, ikeauth::WireOptions& wire) {
     ikeauth::ExchangeSettings& settings = wire.settings;
-    app.add_option("--config", wire.config, "Settings file")->required()->option_text("FILE (required)");
-    app.add_option("--rule", wire.rule, "Rule to authenticate by")->required()->option_text("NAME (required)");
-    app.add_option("--psk", settings.preshared_key, "Authenticate with the preshared key of this name, on a token")
-        ->option_text("NAME");
-    app.add_option("--payload", settings.form, "Single certificates or one bundle; default x509")
-        ->transform(CLI::CheckedTransformer(kForms))
-        ->option_text("x509|pkcs7");
-    app.add_flag("--pss", settings.pss, "Sign with RSASSA-PSS where the key is RSA");
-    app.add_flag("--classic", settings.classic, "The methods before RFC 7427: RSA with SHA-1, ECDSA by curve");
-    AddFaults(app, settings.faults);
+    command.AddOption("--config", wire.config, "FILE", "Settings file").Required();
+    command.AddOption("--rule", wire.rule, "NAME", "Rule to authenticate by").Required();
+    command.AddOption("--psk", settings.preshared_key, "NAME",
+                      "Authenticate with the preshared key of this name, on a token");
+    command.AddChoice("--payload", settings.form, kForms, "x509|pkcs7",
+                      "Single certificates or one bundle; default x509");
+    command.AddFlag("--pss", settings.pss, "Sign with RSASSA-PSS where the key is RSA");
+    command.AddFlag("--classic", settings.classic, "The methods before RFC 7427: RSA with SHA-1, ECDSA by curve");
+    AddFaults(command, settings.faults);
 }
 
-void AddWire(CLI::App& app, ikeauth::WireOptions& wire, unsigned& seconds) {
+void AddWire(Command& command, ikeauth::WireOptions& wire, unsigned& seconds) {
     ikeauth::ExchangeSettings& settings = wire.settings;
-    app.footer(std::string(kProposals) + ikeauth::StageHelp());
-    AddAuthentication(app, wire);
-    app.add_option("--proposal", wire.proposals, "What to propose or allow; default all below")->option_text("WORDS");
-    app.add_option("--fragment-bytes", settings.fragment_bytes, "Largest IP datagram; default 1280")
-        ->check(CLI::Range(ikeauth::kMinFragmentBytes, ikeauth::kMaxFragmentBytes))
-        ->option_text("BYTES");
-    app.add_option("--time-out", seconds, "How long to wait for each answer; default 10")
-        ->check(CLI::Range(1U, 600U))
-        ->option_text("SECONDS");
-    app.add_option("--pcap", wire.pcap, "Write the datagrams to this file")->option_text("FILE");
-    app.add_option("--keys", wire.keys, "Write the session keys to this file, as Wireshark's ikev2_decryption_table")
-        ->option_text("FILE");
-    app.add_flag("--json", wire.json, "Print JSON");
+    command.Footer(std::string(kProposals) + ikeauth::StageHelp());
+    AddAuthentication(command, wire);
+    command.AddOption("--proposal", wire.proposals, "WORDS", "What to propose or allow; default all below");
+    command.AddOption("--fragment-bytes", settings.fragment_bytes, "BYTES", "Largest IP datagram; default 1280")
+        .Range(ikeauth::kMinFragmentBytes, ikeauth::kMaxFragmentBytes);
+    command.AddOption("--time-out", seconds, "SECONDS", "How long to wait for each answer; default 10").Range(1, 600);
+    command.AddOption("--pcap", wire.pcap, "FILE", "Write the datagrams to this file");
+    command.AddOption("--keys", wire.keys, "FILE",
+                      "Write the session keys to this file, as Wireshark's ikev2_decryption_table");
+    command.AddFlag("--json", wire.json, "Print JSON");
 }
 
-void AddProbe(CLI::App& app, ikeauth::ProbeOptions& options, unsigned& seconds) {
-    CLI::App* probe =
-        app.add_subcommand("probe", "Authenticates with an IKEv2 peer, and says step by step how that goes");
-    AddWire(*probe, options.wire, seconds);
-    probe->add_option("host", options.host, "Name or address of the peer")->required()->option_text("HOST (required)");
-    probe->add_option("--port", options.port, "UDP port; default 500")->check(CLI::Range(1, 65535))->option_text("N");
-    probe->add_option("--nat-port", options.nat_port, "Port behind an address translator; default 4500")
-        ->check(CLI::Range(1, 65535))
-        ->option_text("N");
-    probe->add_flag("--child", options.wire.settings.want_child, "Ask for a child SA even where none is needed");
+Command AddProbe(Command& program, ikeauth::ProbeOptions& options, unsigned& seconds) {
+    Command probe =
+        program.AddCommand("probe", "Authenticates with an IKEv2 peer, and says step by step how that goes");
+    AddWire(probe, options.wire, seconds);
+    probe.AddOption("host", options.host, "HOST", "Name or address of the peer").Required();
+    probe.AddOption("--port", options.port, "N", "UDP port; default 500").Range(1, 65535);
+    probe.AddOption("--nat-port", options.nat_port, "N", "Port behind an address translator; default 4500")
+        .Range(1, 65535);
+    probe.AddFlag("--child", options.wire.settings.want_child, "Ask for a child SA even where none is needed");
+    return probe;
 }
 
-void AddRespond(CLI::App& app, ikeauth::RespondOptions& options, unsigned& seconds) {
-    CLI::App* respond = app.add_subcommand("respond", "Answers IKEv2 initiators, to check a client");
-    AddWire(*respond, options.wire, seconds);
-    respond->add_option("--listen", options.listen, "Address; default 127.0.0.1")->option_text("ADDRESS");
-    respond->add_option("--port", options.port, "UDP port, 0 for a free one; default 500")
-        ->check(CLI::Range(0, 65535))
-        ->option_text("N");
-    respond->add_option("--nat-port", options.nat_port, "Second UDP port; default 4500 when the port is 500, else none")
-        ->check(CLI::Range(1, 65535))
-        ->option_text("N");
+Command AddRespond(Command& program, ikeauth::RespondOptions& options, unsigned& seconds) {
+    Command respond = program.AddCommand("respond", "Answers IKEv2 initiators, to check a client");
+    AddWire(respond, options.wire, seconds);
+    respond.AddOption("--listen", options.listen, "ADDRESS", "Address; default 127.0.0.1");
+    respond.AddOption("--port", options.port, "N", "UDP port, 0 for a free one; default 500").Range(0, 65535);
     respond
-        ->add_option("--count", options.count, "End after that many exchanges that got to IKE_AUTH, with the last code")
-        ->option_text("N");
-    respond->add_flag("--cookies", options.cookies, "Ask every initiator for a cookie");
-    respond->add_flag("-q,--quiet", options.quiet, "One line for each exchange");
+        .AddOption("--nat-port", options.nat_port, "N", "Second UDP port; default 4500 when the port is 500, else none")
+        .Range(1, 65535);
+    respond.AddOption("--count", options.count, "N",
+                      "End after that many exchanges that got to IKE_AUTH, with the last code");
+    respond.AddFlag("--cookies", options.cookies, "Ask every initiator for a cookie");
+    respond.AddFlag("-q,--quiet", options.quiet, "One line for each exchange");
+    return respond;
 }
 
 int RunCommandLine(int argc, char** argv) {
-    CLI::App app{"Drives the certificate services of an IKE engine: choose, sign, send, verify.\n", "ikeauth"};
-    app.footer("\"ikeauth SUBCOMMAND --help\" shows the options of one.\n\n" + std::string(kExitCodes));
-    app.require_subcommand(1);
-    app.set_version_flag("--version", "ikeauth " CERTMGR_VERSION, "Print the version and exit");
-    app.set_help_flag("-h,--help", "Print this help and exit");
-    SideCommand side;
+    arguments::Program program("ikeauth",
+                               "Drives the certificate services of an IKE engine: choose, sign, send, verify.\n");
+    program.Footer("\"ikeauth SUBCOMMAND --help\" shows the options of one.\n\n" + std::string(kExitCodes));
+    program.RequireCommand();
+    program.AddVersion(CERTMGR_VERSION);
+    program.AddHelp();
     ExchangeCommand exchange;
     ProvisionOptions provision;
-    AddExchange(app, exchange);
-    AddProvision(app, provision);
-    AddSide(app, side);
+    SideCommand side;
     ikeauth::ProbeOptions probe;
     ikeauth::RespondOptions respond;
     unsigned seconds = 10;
-    AddProbe(app, probe, seconds);
-    AddRespond(app, respond, seconds);
-    try {
-        app.parse(argc, argv);
-        if (app.got_subcommand("side")) return RunSide(side);
-        if (app.got_subcommand("exchange")) return RunExchangeCommand(exchange);
-        for (ikeauth::WireOptions* wire : {&probe.wire, &respond.wire}) {
-            wire->settings.time_limit = std::chrono::seconds(seconds);
-        }
-        if (app.got_subcommand("probe")) return ikeauth::RunProbe(probe);
-        if (app.got_subcommand("respond")) return ikeauth::RunRespond(respond);
-        return ikeauth::RunProvision(provision);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? ikeauth::kExitSuccess : ikeauth::kExitCannotRun;
-    }
+    int result = 0;
+    AddExchange(program, exchange).OnChosen([&] { result = RunExchangeCommand(exchange); });
+    AddProvision(program, provision).OnChosen([&] { result = ikeauth::RunProvision(provision); });
+    AddSide(program, side).OnChosen([&] { result = RunSide(side); });
+    AddProbe(program, probe, seconds).OnChosen([&] {
+        probe.wire.settings.time_limit = std::chrono::seconds(seconds);
+        result = ikeauth::RunProbe(probe);
+    });
+    AddRespond(program, respond, seconds).OnChosen([&] {
+        respond.wire.settings.time_limit = std::chrono::seconds(seconds);
+        result = ikeauth::RunRespond(respond);
+    });
+    return program.Parse(argc, argv, ikeauth::kExitCannotRun).value_or(result);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <deque>
+#include <iostream>
 #include <set>
 
 #include "cli/commands/commands.h"
@@ -222,15 +223,15 @@ class Agent {
 
 }  // namespace
 
-void AddAgentCommand(CLI::App& app, Context& context) {
+void AddAgentCommand(Command& app, Context& context) {
     const auto options = std::make_shared<AgentOptions>();
-    CLI::App* agent = app.add_subcommand("agent", "Answer which certificate to use, and give PINs");
-    agent->group(kGroupStay);
-    agent->footer(
+    Command agent = app.AddCommand("agent", "Answer which certificate to use, and give PINs");
+    agent.Group(kGroupStay);
+    agent.Footer(
         "Answers are lines of standard input: the number of a certificate, or c to\n"
         "cancel. A question that several agents are asked is answered by the first.");
-    agent->add_flag("--once", options->once, "End after the first question");
-    agent->add_flag("--no-pins", options->no_pins, "Do not ask for PINs of tokens");
+    agent.AddFlag("--once", options->once, "End after the first question");
+    agent.AddFlag("--no-pins", options->no_pins, "Do not ask for PINs of tokens");
     OnChosen(agent, context, options, [](Context& c, const AgentOptions& o) { Agent(c, o).Run(); });
 }
 

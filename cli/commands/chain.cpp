@@ -141,29 +141,26 @@ void Verify(Context& context, const ChainOptions& options) {
     if (!verdict.good) throw Failure(kExitFailed, "");
 }
 
-CLI::App* AddNamed(CLI::App& app, const char* name, const char* what, ChainOptions& options) {
-    CLI::App* command = app.add_subcommand(name, what)->group(kGroupLook);
-    command->add_option("name", options.name, "Certificate, as for \"show\"")
-        ->required()
-        ->option_text("NAME (required)");
-    AddTokenOption(*command, options.token);
+Command AddNamed(Command& app, const char* name, const char* what, ChainOptions& options) {
+    Command command = app.AddCommand(name, what).Group(kGroupLook);
+    command.AddOption("name", options.name, "NAME", "Certificate, as for \"show\"").Required();
+    AddTokenOption(command, options.token);
     return command;
 }
 
 }  // namespace
 
-void AddChainCommands(CLI::App& app, Context& context) {
+void AddChainCommands(Command& app, Context& context) {
     const auto options = std::make_shared<ChainOptions>();
-    CLI::App* chain = AddNamed(app, "chain", "The chain of a certificate, drawn as a tree", *options);
-    chain->add_flag("--dot", options->dot, "Print it for Graphviz");
+    Command chain = AddNamed(app, "chain", "The chain of a certificate, drawn as a tree", *options);
+    chain.AddFlag("--dot", options->dot, "Print it for Graphviz");
     OnChosen(chain, context, options, ShowChain);
 
-    CLI::App* verify = AddNamed(app, "verify", "Whether a certificate can be relied on now", *options);
+    Command verify = AddNamed(app, "verify", "Whether a certificate can be relied on now", *options);
     verify
-        ->add_option("--crl", options->crl,
-                     "Check revocation: soft takes a missing CRL for good, strict does not; default no check")
-        ->check(CLI::IsMember({"soft", "strict"}).description(""))
-        ->option_text("soft|strict");
+        .AddOption("--crl", options->crl, "soft|strict",
+                   "Check revocation: soft takes a missing CRL for good, strict does not; default no check")
+        .OneOf({"soft", "strict"});
     OnChosen(verify, context, options, Verify);
 }
 

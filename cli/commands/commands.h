@@ -2,25 +2,28 @@
 // print their result and end with a Failure when there is none.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <memory>
 
+#include "arguments/arguments.h"
 #include "cli/session.h"
 
 namespace certmgrctl {
 
-void AddStatusCommands(CLI::App& app, Context& context);  // status, reload
-void AddTokenCommands(CLI::App& app, Context& context);
-void AddListCommands(CLI::App& app, Context& context);  // list, show
-void AddChainCommands(CLI::App& app, Context& context);  // chain, verify
-void AddImportCommand(CLI::App& app, Context& context);
-void AddExportCommand(CLI::App& app, Context& context);
-void AddDeleteCommand(CLI::App& app, Context& context);
-void AddRequestCommands(CLI::App& app, Context& context);
-void AddPresharedKeyCommands(CLI::App& app, Context& context);
-void AddCrlCommands(CLI::App& app, Context& context);
-void AddWatchCommand(CLI::App& app, Context& context);
-void AddAgentCommand(CLI::App& app, Context& context);
-void AddCompletionCommands(CLI::App& app, Context& context);
+using arguments::Command;
+
+void AddStatusCommands(Command& app, Context& context);  // status, reload
+void AddTokenCommands(Command& app, Context& context);
+void AddListCommands(Command& app, Context& context);  // list, show
+void AddChainCommands(Command& app, Context& context);  // chain, verify
+void AddImportCommand(Command& app, Context& context);
+void AddExportCommand(Command& app, Context& context);
+void AddDeleteCommand(Command& app, Context& context);
+void AddRequestCommands(Command& app, Context& context);
+void AddPresharedKeyCommands(Command& app, Context& context);
+void AddCrlCommands(Command& app, Context& context);
+void AddWatchCommand(Command& app, Context& context);
+void AddAgentCommand(Command& app, Context& context);
+void AddCompletionCommands(Command& app, Context& context);
 
 /// Groups of --help.
 inline constexpr const char* kGroupLook = "Looking";
@@ -30,8 +33,8 @@ inline constexpr const char* kGroupShell = "Shell";
 
 /// A command whose options live as long as the program: `run(context, options)` is called when it was chosen.
 template <typename Options, typename Run>
-void OnChosen(CLI::App* command, Context& context, const std::shared_ptr<Options>& options, Run run) {
-    command->callback([&context, options, run] { run(context, *options); });
+void OnChosen(Command command, Context& context, const std::shared_ptr<Options>& options, Run run) {
+    command.OnChosen([&context, options, run] { run(context, *options); });
 }
 
 }  // namespace certmgrctl

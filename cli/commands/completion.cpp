@@ -61,14 +61,11 @@ const std::map<std::string, const char*> kScripts{{"bash", kBash}, {"zsh", kZsh}
 
 }  // namespace
 
-void AddCompletionCommands(CLI::App& app, Context& context) {
+void AddCompletionCommands(Command& app, Context& context) {
     const auto shell = std::make_shared<std::string>();
-    CLI::App* command = app.add_subcommand("completion", "Print the completion script of a shell")->group(kGroupShell);
-    command->footer("For bash, in ~/.bashrc:  source <(certmgrctl completion bash)");
-    command->add_option("shell", *shell, "bash, zsh or fish")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""))
-        ->option_text("SHELL (required)");
+    Command command = app.AddCommand("completion", "Print the completion script of a shell").Group(kGroupShell);
+    command.Footer("For bash, in ~/.bashrc:  source <(certmgrctl completion bash)");
+    command.AddOption("shell", *shell, "SHELL", "bash, zsh or fish").Required().OneOf({"bash", "zsh", "fish"});
     OnChosen(command, context, shell, [](Context& c, const std::string& name) { c.console.Print(kScripts.at(name)); });
 }
 

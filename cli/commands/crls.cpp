@@ -107,28 +107,26 @@ void Delete(Context& context, const CrlOptions& options) {
     context.console.Print("Deleted " + Escaped(described) + ".");
 }
 
-CLI::App* AddNamed(CLI::App& group, const char* name, const char* what, const char* argument, CrlOptions& options) {
-    CLI::App* command = group.add_subcommand(name, what);
-    command->add_option("name", options.name, argument)->required()->option_text("NAME (required)");
-    AddTokenOption(*command, options.token);
-    AddPinOption(*command, options.pin_file);
+Command AddNamed(Command& group, const char* name, const char* what, const char* argument, CrlOptions& options) {
+    Command command = group.AddCommand(name, what);
+    command.AddOption("name", options.name, "NAME", argument).Required();
+    AddTokenOption(command, options.token);
+    AddPinOption(command, options.pin_file);
     return command;
 }
 
 }  // namespace
 
-void AddCrlCommands(CLI::App& app, Context& context) {
-    CLI::App* group = app.add_subcommand("crl", "CRLs: list, import, delete")->group(kGroupChange);
-    group->require_subcommand(1);
-    group->add_subcommand("list", "CRLs on tokens, and those that were downloaded")->callback([&context] {
-        List(context);
-    });
+void AddCrlCommands(Command& app, Context& context) {
+    Command group = app.AddCommand("crl", "CRLs: list, import, delete").Group(kGroupChange);
+    group.RequireCommand();
+    group.AddCommand("list", "CRLs on tokens, and those that were downloaded").OnChosen([&context] { List(context); });
     const auto options = std::make_shared<CrlOptions>();
-    OnChosen(AddNamed(*group, "import", "Put the CRLs of a file on a token", "File; - for standard input", *options),
+    OnChosen(AddNamed(group, "import", "Put the CRLs of a file on a token", "File; - for standard input", *options),
              context, options, Import);
-    CLI::App* del =
-        AddNamed(*group, "delete", "Delete a CRL", "Piece of the issuer, or beginning of the number", *options);
-    del->add_flag("-y,--yes", options->yes, "Do not ask");
+    Command del =
+        AddNamed(group, "delete", "Delete a CRL", "Piece of the issuer, or beginning of the number", *options);
+    del.AddFlag("-y,--yes", options->yes, "Do not ask");
     OnChosen(del, context, options, Delete);
 }
 

@@ -67,15 +67,13 @@ void Delete(Context& context, const DeleteOptions& options) {
 
 }  // namespace
 
-void AddDeleteCommand(CLI::App& app, Context& context) {
+void AddDeleteCommand(Command& app, Context& context) {
     const auto options = std::make_shared<DeleteOptions>();
-    CLI::App* command = app.add_subcommand("delete", "Delete certificates and their key pairs")->group(kGroupChange);
-    command->add_option("names", options->names, "Certificates, as for \"show\"")
-        ->required()
-        ->option_text("NAME ... (required)");
-    AddTokenOption(*command, options->token);
-    AddPinOption(*command, options->pin_file);
-    command->add_flag("-y,--yes", options->yes, "Do not ask");
+    Command command = app.AddCommand("delete", "Delete certificates and their key pairs").Group(kGroupChange);
+    command.AddOption("names", options->names, "NAME ...", "Certificates, as for \"show\"").Required();
+    AddTokenOption(command, options->token);
+    AddPinOption(command, options->pin_file);
+    command.AddFlag("-y,--yes", options->yes, "Do not ask");
     OnChosen(command, context, options, Delete);
 }
 

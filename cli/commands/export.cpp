@@ -111,23 +111,22 @@ void Export(Context& context, const ExportOptions& options) {
 
 }  // namespace
 
-void AddExportCommand(CLI::App& app, Context& context) {
+void AddExportCommand(Command& app, Context& context) {
     const auto options = std::make_shared<ExportOptions>();
-    CLI::App* command = app.add_subcommand("export", "Write a certificate to a file")->group(kGroupLook);
-    command->add_option("name", options->name, "Certificate, as for \"show\"")
-        ->required()
-        ->option_text("NAME (required)");
-    AddTokenOption(*command, options->token);
-    command->add_option("-o,--output", options->output, "File; standard output when left out")->option_text("FILE");
-    command->add_option("-f,--format", options->format, "Default by the file's ending (.der .p7b .p12), otherwise pem")
-        ->check(CLI::IsMember({"der", "pem", "pkcs7", "pkcs12"}).description(""))
-        ->option_text("der|pem|pkcs7|pkcs12");
-    command->add_flag("--chain", options->with_chain, "With the certificates of its chain (PKCS #7, PKCS #12)");
-    command->add_flag("--with-key", options->with_key, "With its private key, where the token lets it out (PKCS #12)");
-    command->add_option("--password-file", options->password_file, "Password of a PKCS #12 file; - for standard input")
-        ->option_text("FILE");
-    AddPinOption(*command, options->pin_file);
-    command->add_flag("--force", options->force, "Replace the file if it is there");
+    Command command = app.AddCommand("export", "Write a certificate to a file").Group(kGroupLook);
+    command.AddOption("name", options->name, "NAME", "Certificate, as for \"show\"").Required();
+    AddTokenOption(command, options->token);
+    command.AddOption("-o,--output", options->output, "FILE", "File; standard output when left out");
+    command
+        .AddOption("-f,--format", options->format, "der|pem|pkcs7|pkcs12",
+                   "Default by the file's ending (.der .p7b .p12), otherwise pem")
+        .OneOf({"der", "pem", "pkcs7", "pkcs12"});
+    command.AddFlag("--chain", options->with_chain, "With the certificates of its chain (PKCS #7, PKCS #12)");
+    command.AddFlag("--with-key", options->with_key, "With its private key, where the token lets it out (PKCS #12)");
+    command.AddOption("--password-file", options->password_file, "FILE",
+                      "Password of a PKCS #12 file; - for standard input");
+    AddPinOption(command, options->pin_file);
+    command.AddFlag("--force", options->force, "Replace the file if it is there");
     OnChosen(command, context, options, Export);
 }
 

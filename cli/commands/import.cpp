@@ -277,27 +277,24 @@ void Import(Context& context, const ImportOptions& options) {
 
 }  // namespace
 
-void AddImportCommand(CLI::App& app, Context& context) {
+void AddImportCommand(Command& app, Context& context) {
     const auto options = std::make_shared<ImportOptions>();
-    CLI::App* command = app.add_subcommand("import", "Put the certificates of a file on a token")->group(kGroupChange);
-    command->footer(
+    Command command = app.AddCommand("import", "Put the certificates of a file on a token").Group(kGroupChange);
+    command.Footer(
         "Certificates (DER, PEM, several in a PEM bundle), PKCS #7 and PKCS #12 files.\n"
         "Shows what is in the file and where it may go, and asks for each certificate\n"
         "unless --as or --yes say.");
-    command->add_option("file", options->file, "File; - for standard input")
-        ->required()
-        ->option_text("FILE (required)");
-    command->add_option("--as", options->as, "What all of them are imported as")
-        ->check(CLI::IsMember({"trusted", "personal", "other"}).description(""))
-        ->option_text("trusted|personal|other");
-    AddTokenOption(*command, options->token);
-    command->add_flag("-y,--yes", options->yes, "Import each as it is proposed");
-    command->add_flag("--exportable", options->exportable, "A private key may leave the token again");
-    command->add_option("--password-file", options->password_file, "Password of a PKCS #12 file; - for standard input")
-        ->option_text("FILE");
-    AddPinOption(*command, options->pin_file);
-    command->add_option("--so-pin-file", options->officer_pin_file, "PIN of the security officer, for trusted ones")
-        ->option_text("FILE");
+    command.AddOption("file", options->file, "FILE", "File; - for standard input").Required();
+    command.AddOption("--as", options->as, "trusted|personal|other", "What all of them are imported as")
+        .OneOf({"trusted", "personal", "other"});
+    AddTokenOption(command, options->token);
+    command.AddFlag("-y,--yes", options->yes, "Import each as it is proposed");
+    command.AddFlag("--exportable", options->exportable, "A private key may leave the token again");
+    command.AddOption("--password-file", options->password_file, "FILE",
+                      "Password of a PKCS #12 file; - for standard input");
+    AddPinOption(command, options->pin_file);
+    command.AddOption("--so-pin-file", options->officer_pin_file, "FILE",
+                      "PIN of the security officer, for trusted ones");
     OnChosen(command, context, options, Import);
 }
 

@@ -74,27 +74,27 @@ void Delete(Context& context, const KeyOptions& options) {
     Done(context, key, "deleted", "Deleted");
 }
 
-CLI::App* AddNamed(CLI::App& group, const char* name, const char* what, KeyOptions& options) {
-    CLI::App* command = group.add_subcommand(name, what);
-    command->add_option("name", options.name, "Name of the key")->required()->option_text("NAME (required)");
-    AddTokenOption(*command, options.token);
-    AddPinOption(*command, options.pin_file);
+Command AddNamed(Command& group, const char* name, const char* what, KeyOptions& options) {
+    Command command = group.AddCommand(name, what);
+    command.AddOption("name", options.name, "NAME", "Name of the key").Required();
+    AddTokenOption(command, options.token);
+    AddPinOption(command, options.pin_file);
     return command;
 }
 
 }  // namespace
 
-void AddPresharedKeyCommands(CLI::App& app, Context& context) {
-    CLI::App* group = app.add_subcommand("psk", "Preshared keys: list, add, delete")->group(kGroupChange);
-    group->require_subcommand(1);
-    group->add_subcommand("list", "Names of the preshared keys")->callback([&context] { List(context); });
+void AddPresharedKeyCommands(Command& app, Context& context) {
+    Command group = app.AddCommand("psk", "Preshared keys: list, add, delete").Group(kGroupChange);
+    group.RequireCommand();
+    group.AddCommand("list", "Names of the preshared keys").OnChosen([&context] { List(context); });
     const auto options = std::make_shared<KeyOptions>();
-    CLI::App* add = AddNamed(*group, "add", "Put a preshared key on a token", *options);
-    add->add_option("--key-file", options->key_file, "Key, the first line of this file, or of standard input (-)")
-        ->option_text("FILE");
+    Command add = AddNamed(group, "add", "Put a preshared key on a token", *options);
+    add.AddOption("--key-file", options->key_file, "FILE",
+                  "Key, the first line of this file, or of standard input (-)");
     OnChosen(add, context, options, Add);
-    CLI::App* del = AddNamed(*group, "delete", "Delete a preshared key", *options);
-    del->add_flag("-y,--yes", options->yes, "Do not ask");
+    Command del = AddNamed(group, "delete", "Delete a preshared key", *options);
+    del.AddFlag("-y,--yes", options->yes, "Do not ask");
     OnChosen(del, context, options, Delete);
 }
 

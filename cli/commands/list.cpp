@@ -26,6 +26,12 @@ const std::map<std::string, CertSelector> kListNames{{"personal", CertSelector::
                                                      {"intermediate", CertSelector::kIntermediate},
                                                      {"other", CertSelector::kOther}};
 
+std::vector<std::string> ListNames() {
+    std::vector<std::string> names;
+    for (const auto& [name, selector] : kListNames) names.push_back(name);
+    return names;
+}
+
 bool IsWanted(const StoredCert& cert, const ListOptions& options, std::time_t now) {
     constexpr std::time_t kSecondsPerDay = 86400;
     const std::string wanted = Folded(options.match);
@@ -156,25 +162,24 @@ void Show(Context& context, const ShowOptions& options) {
 
 }  // namespace
 
-void AddListCommands(CLI::App& app, Context& context) {
+void AddListCommands(Command& app, Context& context) {
     const auto options = std::make_shared<ListOptions>();
-    CLI::App* list = app.add_subcommand("list", "Certificates, and key pairs that wait for one")->group(kGroupLook);
-    list->add_option("lists", options->lists, "personal, trusted, intermediate, other; default all")
-        ->check(CLI::IsMember(&kListNames).description(""))
-        ->option_text("LIST ...");
-    AddTokenOption(*list, options->token);
-    list->add_option("-m,--match", options->match, "Only with this text in subject or issuer")->option_text("TEXT");
-    list->add_option("--expiring", options->expiring_days, "Only what expires within that many days, or has expired")
-        ->check(CLI::Range(0, 100000).description(""))
-        ->option_text("DAYS");
+    Command list = app.AddCommand("list", "Certificates, and key pairs that wait for one").Group(kGroupLook);
+    list.AddOption("lists", options->lists, "LIST ...", "personal, trusted, intermediate, other; default all")
+        .OneOf(ListNames());
+    AddTokenOption(list, options->token);
+    list.AddOption("-m,--match", options->match, "TEXT", "Only with this text in subject or issuer");
+    list.AddOption("--expiring", options->expiring_days, "DAYS",
+                   "Only what expires within that many days, or has expired")
+        .Range(0, 100000);
     OnChosen(list, context, options, List);
 
     const auto show_options = std::make_shared<ShowOptions>();
-    CLI::App* show = app.add_subcommand("show", "Everything about one certificate")->group(kGroupLook);
-    show->add_option("name", show_options->name, "Piece of the subject, or beginning of serial number or fingerprint")
-        ->required()
-        ->option_text("NAME (required)");
-    AddTokenOption(*show, show_options->token);
+    Command show = app.AddCommand("show", "Everything about one certificate").Group(kGroupLook);
+    show.AddOption("name", show_options->name, "NAME",
+                   "Piece of the subject, or beginning of serial number or fingerprint")
+        .Required();
+    AddTokenOption(show, show_options->token);
     OnChosen(show, context, show_options, Show);
 }
 

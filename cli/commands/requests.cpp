@@ -218,44 +218,38 @@ void Make(Context& context, const RequestOptions& options) {
     KeepMade(context.console, *output, info, file, made.bytes.get());
 }
 
-void AddText(CLI::App& command, const char* name, std::string& value, const char* what, const char* kind) {
-    command.add_option(name, value, what)->option_text(kind);
-}
-
-void AddMake(CLI::App& group, Context& context) {
+void AddMake(Command& group, Context& context) {
     const auto options = std::make_shared<RequestOptions>();
     CertRequestInfo& info = options->info;
-    CLI::App* make = group.add_subcommand("make", "Have a token make a key pair, and a request for it (PKCS #10)");
-    make->add_option("subject", info.subject, "Subject, as in \"CN=alice, O=Example\"")
-        ->required()
-        ->option_text("SUBJECT (required)");
-    AddTokenOption(*make, options->token);
-    AddText(*make, "--key", options->key, "Algorithm of the key; default ECDSA, otherwise RSA", "NAME");
-    make->add_option("--bits", info.keyBits, "Length of the key; default 256, for RSA 2048")->option_text("N");
-    AddText(*make, "--hash", options->hash, "Hash of the signature; default SHA-2 as strong as the key", "NAME");
-    AddText(*make, "--dns", info.dnsName, "Alternative name: host name", "NAME");
-    AddText(*make, "--ip", info.ipAddress, "Alternative name: IPv4 address", "ADDRESS");
-    AddText(*make, "--email", info.email, "Alternative name: e-mail address", "ADDRESS");
-    AddText(*make, "--upn", info.upn, "Alternative name: user principal name", "NAME");
-    AddText(*make, "--eku", info.extKeyUsage, "Extended key usages, names or dotted identifiers, with commas", "LIST");
-    make->add_flag("--exportable", info.keyGenFlag, "The private key may leave the token");
-    AddText(*make, "--seed-file", options->seed_file, "Bytes for the token's random generator", "FILE");
-    AddText(*make, "-o,--output", options->output, "File; standard output when left out", "FILE");
-    make->add_flag("--force", options->force, "Replace the file if it is there");
-    AddPinOption(*make, options->pin_file);
+    Command make = group.AddCommand("make", "Have a token make a key pair, and a request for it (PKCS #10)");
+    make.AddOption("subject", info.subject, "SUBJECT", "Subject, as in \"CN=alice, O=Example\"").Required();
+    AddTokenOption(make, options->token);
+    make.AddOption("--key", options->key, "NAME", "Algorithm of the key; default ECDSA, otherwise RSA");
+    make.AddOption("--bits", info.keyBits, "N", "Length of the key; default 256, for RSA 2048");
+    make.AddOption("--hash", options->hash, "NAME", "Hash of the signature; default SHA-2 as strong as the key");
+    make.AddOption("--dns", info.dnsName, "NAME", "Alternative name: host name");
+    make.AddOption("--ip", info.ipAddress, "ADDRESS", "Alternative name: IPv4 address");
+    make.AddOption("--email", info.email, "ADDRESS", "Alternative name: e-mail address");
+    make.AddOption("--upn", info.upn, "NAME", "Alternative name: user principal name");
+    make.AddOption("--eku", info.extKeyUsage, "LIST", "Extended key usages, names or dotted identifiers, with commas");
+    make.AddFlag("--exportable", info.keyGenFlag, "The private key may leave the token");
+    make.AddOption("--seed-file", options->seed_file, "FILE", "Bytes for the token's random generator");
+    make.AddOption("-o,--output", options->output, "FILE", "File; standard output when left out");
+    make.AddFlag("--force", options->force, "Replace the file if it is there");
+    AddPinOption(make, options->pin_file);
     OnChosen(make, context, options, Make);
 }
 
 }  // namespace
 
-void AddRequestCommands(CLI::App& app, Context& context) {
-    CLI::App* group = app.add_subcommand("request", "Certificate requests: mechanisms, make")->group(kGroupChange);
-    group->require_subcommand(1);
+void AddRequestCommands(Command& app, Context& context) {
+    Command group = app.AddCommand("request", "Certificate requests: mechanisms, make").Group(kGroupChange);
+    group.RequireCommand();
     const auto options = std::make_shared<RequestOptions>();
-    CLI::App* mechanisms = group->add_subcommand("mechanisms", "Which keys a token makes, and what may sign a request");
-    AddTokenOption(*mechanisms, options->token);
+    Command mechanisms = group.AddCommand("mechanisms", "Which keys a token makes, and what may sign a request");
+    AddTokenOption(mechanisms, options->token);
     OnChosen(mechanisms, context, options, ListMechanisms);
-    AddMake(*group, context);
+    AddMake(group, context);
 }
 
 }  // namespace certmgrctl

@@ -117,11 +117,11 @@ void Reload(Context& context) {
 
 }  // namespace
 
-void AddStatusCommands(CLI::App& app, Context& context) {
-    app.add_subcommand("status", "What the daemon has, and what expires soon")->group(kGroupLook)->callback([&context] {
+void AddStatusCommands(Command& app, Context& context) {
+    app.AddCommand("status", "What the daemon has, and what expires soon").Group(kGroupLook).OnChosen([&context] {
         Status(context);
     });
-    app.add_subcommand("reload", "Have the daemon read all tokens anew")->group(kGroupChange)->callback([&context] {
+    app.AddCommand("reload", "Have the daemon read all tokens anew").Group(kGroupChange).OnChosen([&context] {
         Reload(context);
     });
 }

@@ -169,58 +169,54 @@ void ChangePin(Context& context, const TokenOptions& options) {
     Done(context, token, "changed", "Changed the PIN of token");
 }
 
-CLI::App* AddOn(CLI::App& group, const char* name, const char* what, TokenOptions& options) {
-    CLI::App* command = group.add_subcommand(name, what);
-    command->add_option("token", options.token, "Token; may be left out when there is only one")->option_text("NAME");
+Command AddOn(Command& group, const char* name, const char* what, TokenOptions& options) {
+    Command command = group.AddCommand(name, what);
+    command.AddOption("token", options.token, "NAME", "Token; may be left out when there is only one");
     return command;
 }
 
-void AddTryAnyway(CLI::App& command, TokenOptions& options) {
-    command.add_flag("--try-anyway", options.try_anyway, "Also when the token says that few tries are left");
+void AddTryAnyway(Command& command, TokenOptions& options) {
+    command.AddFlag("--try-anyway", options.try_anyway, "Also when the token says that few tries are left");
 }
 
-void AddInit(CLI::App& group, Context& context) {
+void AddInit(Command& group, Context& context) {
     const auto options = std::make_shared<TokenOptions>();
-    CLI::App* init = group.add_subcommand("init", "Initialise a token that is not; those in use are never touched");
-    init->add_option("label", options->label, "Label of the new token, 1 to 32 bytes")
-        ->required()
-        ->option_text("LABEL (required)");
-    init->add_option("--provider", options->provider, "Module, where several have one")->option_text("NAME");
-    init->add_option("--so-pin-file", options->officer_pin_file,
-                     "New PIN of the security officer; - for standard input")
-        ->option_text("FILE");
-    init->add_option("--pin-file", options->pin_file, "New PIN of the user; - for standard input")->option_text("FILE");
+    Command init = group.AddCommand("init", "Initialise a token that is not; those in use are never touched");
+    init.AddOption("label", options->label, "LABEL", "Label of the new token, 1 to 32 bytes").Required();
+    init.AddOption("--provider", options->provider, "NAME", "Module, where several have one");
+    init.AddOption("--so-pin-file", options->officer_pin_file, "FILE",
+                   "New PIN of the security officer; - for standard input");
+    init.AddOption("--pin-file", options->pin_file, "FILE", "New PIN of the user; - for standard input");
     OnChosen(init, context, options, Init);
 }
 
-void AddPin(CLI::App& group, Context& context) {
+void AddPin(Command& group, Context& context) {
     const auto options = std::make_shared<TokenOptions>();
-    CLI::App* pin = AddOn(group, "pin", "Change a PIN", *options);
-    CLI::Option* officer = pin->add_flag("--so", options->of_officer, "The security officer's own");
-    pin->add_flag("--reset", options->reset, "The user's, by the security officer: it was forgotten, or is locked")
-        ->excludes(officer);
-    pin->add_option("--pin-file", options->pin_file,
-                    "Present PIN, with --so and --reset the security officer's; - for standard input")
-        ->option_text("FILE");
-    pin->add_option("--new-pin-file", options->new_pin_file, "New PIN; - for standard input")->option_text("FILE");
-    AddTryAnyway(*pin, *options);
+    Command pin = AddOn(group, "pin", "Change a PIN", *options);
+    const arguments::Option officer = pin.AddFlag("--so", options->of_officer, "The security officer's own");
+    pin.AddFlag("--reset", options->reset, "The user's, by the security officer: it was forgotten, or is locked")
+        .Excludes(officer);
+    pin.AddOption("--pin-file", options->pin_file, "FILE",
+                  "Present PIN, with --so and --reset the security officer's; - for standard input");
+    pin.AddOption("--new-pin-file", options->new_pin_file, "FILE", "New PIN; - for standard input");
+    AddTryAnyway(pin, *options);
     OnChosen(pin, context, options, ChangePin);
 }
 
 }  // namespace
 
-void AddTokenCommands(CLI::App& app, Context& context) {
-    CLI::App* group = app.add_subcommand("token", "Tokens: list, login, logout, init, pin")->group(kGroupChange);
-    group->require_subcommand(1);
-    group->add_subcommand("list", "Tokens and their state")->callback([&context] { List(context); });
+void AddTokenCommands(Command& app, Context& context) {
+    Command group = app.AddCommand("token", "Tokens: list, login, logout, init, pin").Group(kGroupChange);
+    group.RequireCommand();
+    group.AddCommand("list", "Tokens and their state").OnChosen([&context] { List(context); });
     const auto options = std::make_shared<TokenOptions>();
-    CLI::App* login = AddOn(*group, "login", "Log in, for the daemon and all that use it", *options);
-    AddPinOption(*login, options->pin_file);
-    AddTryAnyway(*login, *options);
+    Command login = AddOn(group, "login", "Log in, for the daemon and all that use it", *options);
+    AddPinOption(login, options->pin_file);
+    AddTryAnyway(login, *options);
     OnChosen(login, context, options, Login);
-    OnChosen(AddOn(*group, "logout", "Log out", *options), context, options, Logout);
-    AddInit(*group, context);
-    AddPin(*group, context);
+    OnChosen(AddOn(group, "logout", "Log out", *options), context, options, Logout);
+    AddInit(group, context);
+    AddPin(group, context);
 }
 
 }  // namespace certmgrctl

@@ -1,4 +1,5 @@
 #include <chrono>
+#include <iostream>
 #include <map>
 #include <set>
 
@@ -120,10 +121,10 @@ void Watch(Context& context) {
 
 }  // namespace
 
-void AddWatchCommand(CLI::App& app, Context& context) {
-    app.add_subcommand("watch", "Print what comes and goes, until interrupted")
-        ->group(kGroupStay)
-        ->callback([&context] { Watch(context); });
+void AddWatchCommand(Command& app, Context& context) {
+    app.AddCommand("watch", "Print what comes and goes, until interrupted").Group(kGroupStay).OnChosen([&context] {
+        Watch(context);
+    });
 }
 
 }  // namespace certmgrctl
