@@ -270,7 +270,12 @@ TEST_F(GostToken, AKilledProcessLeavesEveryObjectReadable) {
         const CK_SESSION_HANDLE session = User();
         std::set<std::string> whole;
         std::size_t begun = 0;
+        std::map<std::string, int> keys;  // public ones, private ones
         for (const CK_OBJECT_HANDLE object : module_->Find(session)) {
+            if (const std::string kind = module_->Get(session, object, CKA_CLASS); kind[0] != CKO_DATA) {
+                ++keys[kind];
+                continue;
+            }
             const std::string label = module_->Get(session, object, CKA_LABEL);
             const std::string value = module_->Get(session, object, CKA_VALUE);
             std::string expected;
@@ -284,6 +289,38 @@ TEST_F(GostToken, AKilledProcessLeavesEveryObjectReadable) {
         }
         EXPECT_GE(whole.size(), written);
         EXPECT_LE(begun, 1U) << "at most the one that was being written";
+        EXPECT_TRUE(keys.size() == 2 && keys.begin()->second == keys.rbegin()->second) << "half a pair";
+    }
+}
+
+/// What is left by a process that is killed while it writes a pair: before it counts as written, and after.
+TEST_F(GostToken, HalfAPairIsNeverLeft) {
+    const fs::path slot = fs::path(directory()) / "slot-0";
+    struct {
+        const char* folder;
+        int halves;  // in that folder
+        std::size_t keys;
+    } const cases[] = {{".new-0", 1, 0}, {".new-1", 2, 0}, {".set-0", 2, 2}, {".set-1", 1, 2}, {".set-2", 0, 2}};
+    for (const auto& c : cases) {
+        ASSERT_NE(module_->GeneratePair(User(), true)[1], CK_INVALID_HANDLE);
+        module_.reset();
+        const std::vector<fs::path> files{fs::directory_iterator(slot), {}};
+        fs::create_directory(slot / c.folder);
+        int halves = 0;
+        for (const fs::path& file : files) {
+            if (file.extension() != ".object") continue;
+            if (halves++ < c.halves)
+                fs::rename(file, slot / c.folder / file.filename());
+            else if (c.keys == 0)
+                fs::remove(file);
+        }
+        Restart();
+        const CK_SESSION_HANDLE session = User();
+        const auto keys = module_->Find(session);
+        EXPECT_EQ(keys.size(), c.keys) << c.folder;
+        for (const CK_OBJECT_HANDLE key : keys) EXPECT_EQ((*module_)->C_DestroyObject(session, key), CKR_OK);
+        EXPECT_EQ((*module_)->C_CloseAllSessions(0), CKR_OK);
+        EXPECT_EQ(std::distance(fs::directory_iterator(slot), {}), 1) << c.folder;
     }
 }
 

@@ -17,6 +17,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kTemporaryPrefix = ".new-";
+/// A folder of files that are whole, and are to be moved out of it.
+constexpr std::string_view kSetPrefix = ".set-";
 constexpr std::size_t kNameBytes = 8;
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
@@ -75,6 +77,10 @@ void SyncFolder(const fs::path& folder) {
     if (descriptor) fsync(descriptor.get());
 }
 
+void MoveInto(const fs::path& folder, const fs::path& file) {
+    Require(rename(file.c_str(), (folder / file.filename()).c_str()) == 0, CKR_DEVICE_ERROR);
+}
+
 }  // namespace
 
 std::optional<Stamp> StampOf(const fs::path& path) {
@@ -108,6 +114,26 @@ void WriteFile(const fs::path& path, std::string_view content) {
         FailToWrite(temporary);
     }
     SyncFolder(path.parent_path());
+}
+
+void WriteFiles(const fs::path& folder, std::span<const NamedContent> files) {
+    if (files.size() == 1) return WriteFile(folder / files[0].name, files[0].content);
+    const fs::path fresh = TemporaryName(folder);
+    const fs::path set = folder / std::string(kSetPrefix).append(RandomName());
+    try {
+        Require(MakePrivateFolder(fresh), CKR_DEVICE_ERROR);
+        for (const NamedContent& file : files) WriteFile(fresh / file.name, file.content);
+        Require(rename(fresh.c_str(), set.c_str()) == 0, CKR_DEVICE_ERROR);
+    } catch (...) {
+        std::error_code ignored;
+        fs::remove_all(fresh, ignored);
+        throw;
+    }
+    SyncFolder(folder);
+    // From here on they count as written.
+    for (const NamedContent& file : files) MoveInto(folder, set / file.name);
+    SyncFolder(folder);
+    rmdir(set.c_str());
 }
 
 bool MakePrivateFolder(const fs::path& folder) {
@@ -168,12 +194,17 @@ bool FolderLock::IsOfItsPlace() const {
     return both && locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
 }
 
-void FolderLock::RemoveLeftovers() const {
+void FolderLock::Recover() const {
     std::error_code error;
     if (!held()) return;
     for (const fs::directory_entry& entry : fs::directory_iterator(folder_, error)) {
-        const bool leftover = entry.path().filename().string().starts_with(kTemporaryPrefix);
-        if (leftover) fs::remove_all(entry.path(), error);
+        const std::string name = entry.path().filename().string();
+        if (name.starts_with(kTemporaryPrefix)) fs::remove_all(entry.path(), error);
+        if (!name.starts_with(kSetPrefix)) continue;
+        for (const fs::directory_entry& file : fs::directory_iterator(entry.path(), error))
+            MoveInto(folder_, file.path());
+        SyncFolder(folder_);
+        rmdir(entry.path().c_str());
     }
 }
 

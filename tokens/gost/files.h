@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,14 @@ std::optional<Stamp> StampOf(const std::filesystem::path& path);
 std::optional<std::string> ReadFile(const std::filesystem::path& path, std::size_t max_bytes);
 /// Fails with CKR_DEVICE_ERROR or CKR_DEVICE_MEMORY.
 void WriteFile(const std::filesystem::path& path, std::string_view content);
+
+struct NamedContent {
+    std::string name;
+    std::string content;
+};
+/// Likewise, with the lock of the folder held: all of them or, for who looks after Recover, none. They appear in that
+/// order.
+void WriteFiles(const std::filesystem::path& folder, std::span<const NamedContent> files);
 /// Makes the folder, mode 0700, and its parents. False when it cannot be made, or others may read or write it.
 bool MakePrivateFolder(const std::filesystem::path& folder);
 /// Puts a folder in the place of another one, which takes the first one's name, or where there was none.
@@ -52,8 +61,8 @@ class FolderLock {
     FolderLock& operator=(const FolderLock&) = delete;
 
     bool held() const { return fd_ >= 0; }
-    /// Removes what processes that were killed left in the folder, if the lock is held.
-    void RemoveLeftovers() const;
+    /// Brings to an end what processes that were killed had begun in the folder, or undoes it, if the lock is held.
+    void Recover() const;
 
   private:
     bool IsOfItsPlace() const;

@@ -55,7 +55,7 @@ std::optional<CK_SLOT_ID> SlotOf(const fs::path& folder) {
 Library::Library(std::string_view arguments) : folder_(FolderFrom(arguments)) {
     MakeCurves(engine_);
     Require(MakePrivateFolder(folder_), CKR_DEVICE_ERROR);
-    FolderLock(folder_, FolderLock::Wait::kNo).RemoveLeftovers();
+    FolderLock(folder_, FolderLock::Wait::kNo).Recover();
     RefreshSlots();
 }
 

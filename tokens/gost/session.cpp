@@ -98,7 +98,9 @@ void Session::Describe(CK_SESSION_INFO& info) const {
 CK_OBJECT_HANDLE Session::CreateObject(const Template& wanted) {
     Attributes object = NewObject(wanted, {}, token_->role());
     CheckObject(engine_, object);
-    return token_->Create(std::move(object), view_);
+    std::vector<Attributes> objects;
+    objects.push_back(std::move(object));
+    return token_->Create(std::move(objects), view_).front();
 }
 
 void Session::GenerateKeyPair(const CK_MECHANISM* wanted, const Template& public_key, const Template& private_key,
@@ -114,13 +116,12 @@ void Session::GenerateKeyPair(const CK_MECHANISM* wanted, const Template& public
     Attributes private_object = NewObject(private_key, made_private, token_->role());
     private_object.SetFlag(CKA_ALWAYS_SENSITIVE, private_object.Flag(CKA_SENSITIVE));
     private_object.SetFlag(CKA_NEVER_EXTRACTABLE, !private_object.Flag(CKA_EXTRACTABLE));
-    private_handle = token_->Create(std::move(private_object), view_);
-    try {
-        public_handle = token_->Create(std::move(public_object), view_);
-    } catch (...) {
-        token_->Destroy(private_handle, view_);
-        throw;
-    }
+    std::vector<Attributes> pair;
+    pair.push_back(std::move(public_object));
+    pair.push_back(std::move(private_object));
+    const std::vector<CK_OBJECT_HANDLE> handles = token_->Create(std::move(pair), view_);
+    public_handle = handles[0];
+    private_handle = handles[1];
 }
 
 void Session::StartFind(const Template& wanted) {

@@ -1,5 +1,7 @@
 #include "tokens/gost/token.h"
 
+#include <utility>
+
 #include "tokens/gost/object_file.h"
 
 namespace gost_token {
@@ -92,7 +94,7 @@ void Token::Initialize(std::string_view officer_pin, std::string_view label) {
     const fs::path state = folder_.parent_path();
     // Other processes may want the same slot, or be writing into its folder.
     const FolderLock state_lock(state);
-    state_lock.RemoveLeftovers();
+    state_lock.Recover();
     std::optional<FolderLock> folder_lock;
     if (StampOf(folder_)) folder_lock.emplace(folder_);
     const bool erase = MayErase(officer_pin);
@@ -120,7 +122,7 @@ void Token::Login(Role role, std::string_view pin) {
     SecretString key;
     Require(role == Role::kOfficer || file.HasUserPin(), CKR_USER_PIN_NOT_INITIALIZED);
     Require(file.Unlock(role, pin, key), CKR_PIN_INCORRECT);
-    FolderLock(folder_, FolderLock::Wait::kNo).RemoveLeftovers();
+    FolderLock(folder_, FolderLock::Wait::kNo).Recover();
     const Lock lock(mutex_);
     // Another thread may have logged in, another process may have made a new token.
     Require(FileLocked().serial() == file.serial(), CKR_DEVICE_REMOVED);
@@ -219,17 +221,23 @@ ObjectPtr Token::VisibleLocked(CK_OBJECT_HANDLE handle) {
     return object;
 }
 
-CK_OBJECT_HANDLE Token::WriteLocked(std::unique_lock<std::mutex>& lock, const std::string& file, Attributes object) {
+std::vector<CK_OBJECT_HANDLE> Token::WriteLocked(std::unique_lock<std::mutex>& lock, std::vector<ObjectFile> files) {
     const Access access{access_.serial, SecretString(std::string_view(access_.key.get()))};
-    const bool is_private = object.Flag(CKA_PRIVATE);
     lock.unlock();
-    WriteFile(folder_ / file, EncodeObject(object, {access.serial, file}, access.key));
-    const std::optional<Stamp> written = StampOf(folder_ / file);
+    std::vector<NamedContent> contents;
+    for (const ObjectFile& file : files)
+        contents.push_back({file.name, EncodeObject(file.object, {access.serial, file.name}, access.key)});
+    WriteFiles(folder_, contents);
+    for (ObjectFile& file : files) file.stamp = StampOf(folder_ / file.name);
     lock.lock();
-    Require(written && access.serial == access_.serial, CKR_DEVICE_REMOVED);
-    const CK_OBJECT_HANDLE handle = objects_.Put(file, *written, std::move(object));
-    if (is_private && access_.key.empty()) objects_.ForgetPrivate();  // a logout while it was written
-    return handle;
+    std::vector<CK_OBJECT_HANDLE> handles;
+    for (ObjectFile& file : files) {
+        Require(file.stamp && access.serial == access_.serial, CKR_DEVICE_REMOVED);
+        handles.push_back(objects_.Put(file.name, *file.stamp, std::move(file.object)));
+    }
+    const bool logged_out = !access.key.empty() && access_.key.empty();  // while it was written
+    if (logged_out) objects_.ForgetPrivate();
+    return handles;
 }
 
 std::optional<FolderLock> Token::LockFor(CK_OBJECT_HANDLE handle) {
@@ -240,14 +248,24 @@ std::optional<FolderLock> Token::LockFor(CK_OBJECT_HANDLE handle) {
     return std::optional<FolderLock>(std::in_place, folder_);
 }
 
-CK_OBJECT_HANDLE Token::Create(Attributes object, const SessionView& session) {
+std::vector<CK_OBJECT_HANDLE> Token::Create(std::vector<Attributes> objects, const SessionView& session) {
+    const auto stays = [](const Attributes& object) { return object.Flag(CKA_TOKEN); };
     std::optional<FolderLock> folder_lock;
-    if (object.Flag(CKA_TOKEN)) folder_lock.emplace(folder_);
+    if (std::any_of(objects.begin(), objects.end(), stays)) folder_lock.emplace(folder_);
     std::unique_lock lock(mutex_);
     FileLocked();
-    RequireWritableLocked(object, session);
-    return folder_lock ? WriteLocked(lock, NewObjectFile(), std::move(object))
-                       : objects_.AddToSession(std::move(object), session.handle);
+    for (const Attributes& object : objects) RequireWritableLocked(object, session);
+    std::vector<ObjectFile> files;
+    for (Attributes& object : objects)
+        if (stays(object)) files.push_back({NewObjectFile(), std::exchange(object, {})});
+    std::vector<CK_OBJECT_HANDLE> written;
+    if (folder_lock) written = WriteLocked(lock, std::move(files));
+    std::vector<CK_OBJECT_HANDLE> handles;
+    for (auto next = written.begin(); Attributes & object : objects) {
+        const bool is_written = object.Find(CKA_CLASS) == nullptr;
+        handles.push_back(is_written ? *next++ : objects_.AddToSession(std::move(object), session.handle));
+    }
+    return handles;
 }
 
 void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session) {
@@ -258,7 +276,9 @@ void Token::Change(CK_OBJECT_HANDLE handle, const Template& changes, const Sessi
     RequireWritableLocked(*object, session);
     Attributes changed = Changed(*object, changes, role_);
     if (folder_lock) {
-        WriteLocked(lock, objects_.FileOf(handle), std::move(changed));
+        std::vector<ObjectFile> files;
+        files.push_back({objects_.FileOf(handle), std::move(changed)});
+        WriteLocked(lock, std::move(files));
     } else {
         objects_.Replace(handle, std::move(changed));
     }

@@ -58,7 +58,8 @@ class Token {
     /// Whether the token of that number is still there.
     bool IsStill(const std::string& serial);
 
-    CK_OBJECT_HANDLE Create(Attributes object, const SessionView& session);
+    /// All of them or none.
+    std::vector<CK_OBJECT_HANDLE> Create(std::vector<Attributes> objects, const SessionView& session);
     void Change(CK_OBJECT_HANDLE handle, const Template& changes, const SessionView& session);
     void Destroy(CK_OBJECT_HANDLE handle, const SessionView& session);
     /// Fails with CKR_OBJECT_HANDLE_INVALID for one that the caller may not see.
@@ -70,6 +71,12 @@ class Token {
     std::vector<CK_OBJECT_HANDLE> FindAll(const Template& wanted);
 
   private:
+    struct ObjectFile {
+        std::string name;
+        Attributes object;
+        std::optional<Stamp> stamp{};
+    };
+
     // With mutex_ held.
     void RefreshLocked();
     const TokenFile& FileLocked();
@@ -77,7 +84,7 @@ class Token {
     void RequireWritableLocked(const Attributes& object, const SessionView& session) const;
     ObjectPtr VisibleLocked(CK_OBJECT_HANDLE handle);
     /// With the lock of the folder held, too; releases the mutex while it writes.
-    CK_OBJECT_HANDLE WriteLocked(std::unique_lock<std::mutex>& lock, const std::string& file, Attributes object);
+    std::vector<CK_OBJECT_HANDLE> WriteLocked(std::unique_lock<std::mutex>& lock, std::vector<ObjectFile> files);
     /// The lock that a change of the object takes, if any.
     std::optional<FolderLock> LockFor(CK_OBJECT_HANDLE handle);
 

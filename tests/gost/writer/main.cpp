@@ -1,4 +1,4 @@
-// Writes objects on a token, replaces and deletes them, until it is killed: MODULE DIRECTORY PIN. With a fourth argument
+// Writes key pairs and objects on a token, replaces and deletes them, until it is killed: MODULE DIRECTORY PIN. With a fourth argument
 // it makes a new token in the first slot instead; the PIN is the security officer's. Prints "wrote N" after
 // the object of that number is on the token for good; its value is its label, repeated.
 #include <iostream>
@@ -18,7 +18,8 @@ int main(int argc, char** argv) {
         CK_OBJECT_HANDLE kept = 0;
         CK_OBJECT_HANDLE passing = 0;
         CK_ATTRIBUTE change{CKA_VALUE, gost_test::Bytes(value), value.size()};
-        if (module.AddData(session, label, "first", number % 2 == 0, kept) != CKR_OK ||
+        if (module.GeneratePair(session, true)[1] == CK_INVALID_HANDLE ||
+            module.AddData(session, label, "first", number % 2 == 0, kept) != CKR_OK ||
             module->C_SetAttributeValue(session, kept, &change, 1) != CKR_OK ||
             module.AddData(session, "passing", "x", true, passing) != CKR_OK ||
             module->C_DestroyObject(session, passing) != CKR_OK) {
