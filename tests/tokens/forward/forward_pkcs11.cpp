@@ -18,7 +18,7 @@
 //   ghost                              every search finds one more object, which does not exist
 //   slots NUMBER                       as many more slots, after the others, that claim a token and have none
 //   endless                            no search ends: it finds objects that do not exist
-//   without MECHANISM                  the token does not offer it (hexadecimal)
+//   without MECHANISM [USES]           the token does not offer it (hexadecimal), or not for these uses (CKF_ bits)
 //   no-events                          C_WaitForSlotEvent answers CKR_FUNCTION_NOT_SUPPORTED
 //   trace FUNCTION                     appends "FUNCTION CKR" to the control file's name with ".trace" after each call
 //
@@ -52,6 +52,7 @@ using std::chrono::milliseconds;
 constexpr milliseconds kLongestHang{120000};
 constexpr milliseconds kLook{5};  // between two looks at the control file while a call waits
 constexpr CK_OBJECT_HANDLE kGhost = 0x7FFFFFF1;
+constexpr CK_FLAGS kAllUses = ~CK_FLAGS{0};
 
 struct FailRule {
     CK_RV rv = CKR_OK;
@@ -67,7 +68,7 @@ struct Directives {
     std::map<std::string, milliseconds> delay;
     std::map<std::string, CK_FLAGS> flags;
     std::map<std::string, std::string> pose;
-    std::set<CK_MECHANISM_TYPE> without;
+    std::map<CK_MECHANISM_TYPE, CK_FLAGS> without;
     CK_ULONG slots = 0;
     bool ghost = false;
     bool endless = false;
@@ -86,7 +87,8 @@ Directives Parse(const std::string& path) {
         if (verb == "hang") directives.hang.insert(name);
         if (verb == "trace") directives.trace.insert(name);
         if (verb == "slots") directives.slots = std::stoul(name);
-        if (verb == "without") directives.without.insert(std::stoul(name, nullptr, 16));
+        if (verb == "without" && !(words >> std::hex >> directives.without[std::stoul(name, nullptr, 16)]))
+            directives.without[std::stoul(name, nullptr, 16)] = kAllUses;
         if (verb == "ghost") directives.ghost = true;
         if (verb == "endless") directives.endless = true;
         if (verb == "no-events") directives.no_events = true;
@@ -408,8 +410,16 @@ CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     });
 }
 
+/// What the token does not offer the mechanism for.
+CK_FLAGS LeftOut(CK_MECHANISM_TYPE type) {
+    return Get().control.Ask([&](const Directives& d) {
+        const auto found = d.without.find(type);
+        return found == d.without.end() ? CK_FLAGS{0} : found->second;
+    });
+}
+
 bool IsLeftOut(CK_MECHANISM_TYPE type) {
-    return Get().control.Ask([&](const Directives& d) { return d.without.count(type) > 0; });
+    return LeftOut(type) == kAllUses;
 }
 
 CK_RV GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE* types, CK_ULONG* count) {
@@ -418,6 +428,14 @@ CK_RV GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE* types, CK_ULONG* coun
         // Asked for the number alone, it may be too high.
         if (rv == CKR_OK && types != nullptr)
             *count = static_cast<CK_ULONG>(std::remove_if(types, types + *count, IsLeftOut) - types);
+        return rv;
+    });
+}
+
+CK_RV GetMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info) {
+    return ForwardOnSlot("C_GetMechanismInfo", slot, [&](CK_FUNCTION_LIST& module) {
+        const CK_RV rv = IsLeftOut(type) ? CKR_MECHANISM_INVALID : module.C_GetMechanismInfo(slot, type, info);
+        if (rv == CKR_OK) info->flags &= ~LeftOut(type);
         return rv;
     });
 }
@@ -468,10 +486,11 @@ CK_RV FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG
 /// first argument.
 enum class On { kSlot, kSession };
 
-/// Whether a call's second argument is a mechanism that the token does not offer.
+/// Whether a call's second argument is a mechanism that the token does not offer for this.
 template <typename... Rest>
-bool UsesLeftOut(CK_MECHANISM* mechanism, Rest...) {
-    return IsLeftOut(mechanism->mechanism);
+bool UsesLeftOut(std::string_view function, CK_MECHANISM* mechanism, Rest...) {
+    const CK_FLAGS use = function == "C_SignInit" ? CKF_SIGN : function == "C_VerifyInit" ? CKF_VERIFY : kAllUses;
+    return (LeftOut(mechanism->mechanism) & use) == use;
 }
 bool UsesLeftOut(...) {
     return false;
@@ -483,7 +502,7 @@ template <auto Member, On Kind, const char* Name, typename... Arguments>
 struct Plain<Member, Kind, Name, CK_RV (*)(unsigned long, Arguments...)> {
     static CK_RV Call(unsigned long first, Arguments... arguments) {
         const auto call = [&](CK_FUNCTION_LIST& module) {
-            return UsesLeftOut(arguments...) ? CKR_MECHANISM_INVALID : (module.*Member)(first, arguments...);
+            return UsesLeftOut(Name, arguments...) ? CKR_MECHANISM_INVALID : (module.*Member)(first, arguments...);
         };
         return Kind == On::kSlot ? ForwardOnSlot(Name, first, call) : ForwardOnSession(Name, first, call);
     }
@@ -514,11 +533,11 @@ CK_FUNCTION_LIST MakeList() {
     list.C_GetSlotInfo = GetSlotInfo;
     list.C_GetTokenInfo = GetTokenInfo;
     list.C_GetMechanismList = GetMechanismList;
+    list.C_GetMechanismInfo = GetMechanismInfo;
     list.C_WaitForSlotEvent = WaitForSlotEvent;
     list.C_OpenSession = OpenSession;
     list.C_CloseSession = CloseSession;
     list.C_FindObjects = FindObjects;
-    ON_SLOT(C_GetMechanismInfo)
     ON_SLOT(C_InitToken)
     ON_SLOT(C_CloseAllSessions)
     ON_SESSION(C_InitPIN)
