@@ -1,20 +1,45 @@
 // Names: what is printed reads as an equal name, and what is read prints as an equal name. The input is taken as DER and as
 // text.
+#include <openssl/x509.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "fuzz/target.h"
 #include "platform/asn1.h"
 
 namespace {
 
+using Name = std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)>;
+
+Name ByLibcrypto(const std::string& der) {
+    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+    return {d2i_X509_NAME(nullptr, &at, static_cast<long>(der.size())), X509_NAME_free};
+}
+
+/// Whether libcrypto takes both for one name, where it reads both and knows all string types as text (not NumericString).
+bool IsOneToLibcrypto(const std::string& der, const std::string& other) {
+    const Name one = ByLibcrypto(der);
+    const Name two = ByLibcrypto(other);
+    const bool judged = one != nullptr && two != nullptr && der.find('\x12') == std::string::npos;
+    return !judged || X509_NAME_cmp(one.get(), two.get()) == 0;
+}
+
+bool IsControl(char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
 std::string DerProblem(const std::string& der) {
     std::string printed;
     std::string read;
     std::string again;
     if (!asn_dn_to_printable(der, printed)) return "";
+    if (std::any_of(printed.begin(), printed.end(), IsControl)) return "a control character in " + printed;
     if (!printable_to_asn_dn(printed, read)) return "a printed name is not read: " + printed;
     if (!asn_dn_to_printable(read, again)) return "a name that was read is not printed: " + printed;
+    if (!IsOneToLibcrypto(der, read)) return printed + " is another name to libcrypto";
     return printable_dn_equal(printed, again) ? "" : printed + " became " + again;
 }
 

@@ -12,7 +12,7 @@
 
 #include "platform/asn1.h"
 #include "platform/asn1/alg_table.h"
-#include "tests/asn1/crypto_types.h"
+#include "tests/support/crypto_types.h"
 
 namespace {
 

@@ -105,23 +105,6 @@ TEST(Hostile, CutAndFlippedInput) {
     }
 }
 
-TEST(Hostile, RandomInput) {
-    std::mt19937 random(9);
-    const std::vector<Target> targets = Targets();
-    for (int i = 0; i < 20000; ++i) {
-        std::string input(random() % 48, '\0');
-        for (char& c : input) {
-            // Mostly small numbers and the tags in use, so that the nesting is often right.
-            static const unsigned char kLikely[] = {0x30, 0x31, 0x02, 0x03, 0x04, 0x06,
-                                                    0x05, 0x80, 0x81, 0x84, 0xFF, 0x1F};
-            c = static_cast<char>(random() % 2 == 0 ? kLikely[random() % sizeof kLikely] : random() % 24);
-        }
-        for (const Target& target : targets) {
-            OnExactCopy(target.parse, input);
-        }
-    }
-}
-
 TEST(Der, TagsAndLengths) {
     using namespace std::string_literals;
     const struct {

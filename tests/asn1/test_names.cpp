@@ -1,22 +1,20 @@
-// Printable names: tables for the form, comparisons with libcrypto, and properties over generated names.
+// Printable names: tables for the form, and comparisons with libcrypto. That what is printed reads as the same name, and
+// what is damaged as none or as another, is the property of fuzz/names.cpp.
 #include <gtest/gtest.h>
-#include <openssl/bio.h>
 #include <openssl/objects.h>
 #include <openssl/x509.h>
 
 #include <locale.h>
 #include <wctype.h>
 
-#include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/asn1.h"
 #include "platform/asn1/text.h"
-#include "tests/asn1/crypto_types.h"
+#include "tests/support/crypto_types.h"
 #include "tests/support/der.h"
 
 namespace {
@@ -375,132 +373,7 @@ TEST(CompareNames, ContainedAttributes) {
     EXPECT_TRUE(printable_dn_equal(Printed(Encoded(many)), many));
 }
 
-/// Generates names; the same seed gives the same names.
-class NameGenerator {
-  public:
-    explicit NameGenerator(unsigned seed) : random_(seed) {}
-
-    unsigned Below(unsigned limit) { return static_cast<unsigned>(random_()) % limit; }
-
-    std::string Name(unsigned max_rdns) {
-        std::string rdns;
-        for (unsigned i = Below(max_rdns + 1); i > 0; --i) {
-            std::vector<std::string> set(Below(5) == 0 ? 1 + Below(4) : 1);
-            std::generate(set.begin(), set.end(), [&] { return RandomAttribute(); });
-            if (Below(8) != 0) {
-                std::sort(set.begin(), set.end());
-            }
-            std::string content;
-            for (const std::string& attribute : set) {
-                content += attribute;
-            }
-            rdns += der::Set(content);
-        }
-        return der::Sequence(rdns);
-    }
-
-    /// A value of the type with characters that matter to escaping, folding and blanks.
-    std::string Value(std::uint8_t tag) {
-        static const char32_t kWide[] = {0x0416, 0x0436, 0xE9, 0xC9, 0x85, 0xA0, 0x3000, 0x6771, 0xFFFD};
-        static const std::string kNarrow = " ,;+\"\\<>=#aAbBzZ09.-  "s + '\0' + "\n\t\x7f/";
-        std::string value;
-        for (unsigned i = Below(4) == 0 ? Below(40) : Below(6); i > 0; --i) {
-            const bool wide = Below(3) == 0;
-            const char32_t c =
-                wide ? kWide[Below(std::size(kWide))] : static_cast<char32_t>(kNarrow[Below(kNarrow.size())]);
-            AppendCharacter(value, tag, c);
-        }
-        if (Below(20) == 0) {
-            value.insert(Below(static_cast<unsigned>(value.size()) + 1), 1, static_cast<char>(Below(256)));
-        }
-        return value;
-    }
-
-  private:
-    std::string RandomAttribute() {
-        static const char* const kTypes[] = {"CN",
-                                             "C",
-                                             "O",
-                                             "OU",
-                                             "serialNumber",
-                                             "emailAddress",
-                                             "DC",
-                                             "UID",
-                                             "SN",
-                                             "dnQualifier",
-                                             "1.2.643.3.131.1.1",
-                                             "1.2.3.4",
-                                             "2.5.29.19",
-                                             "2.25.340282366920938463463374607431768211455"};
-        static const std::uint8_t kTags[] = {kUtf8, kUtf8,    kUtf8,      kPrintable, kPrintable, kNumeric, kTeletex,
-                                             kIa5,  kVisible, kUniversal, kBmp,       0x04,       0x30,     0x1B};
-        const std::uint8_t tag = kTags[Below(std::size(kTags))];
-        return Attribute(kTypes[Below(std::size(kTypes))], tag, Value(tag));
-    }
-
-    static void AppendCharacter(std::string& value, std::uint8_t tag, char32_t c) {
-        const auto byte = [&](char32_t b) { value.push_back(static_cast<char>(b)); };
-        if (tag == kUniversal || tag == kBmp) {
-            if (tag == kUniversal) {
-                value.append(2, '\0');
-            }
-            byte(c >> 8);
-            byte(c & 0xFF);
-        } else if (c < 0x80 || (tag == kTeletex && c < 0x100)) {
-            byte(c);
-        } else if (tag == kUtf8 && c < 0x800) {
-            byte(0xC0 | c >> 6);
-            byte(0x80 | (c & 0x3F));
-        } else if (tag == kUtf8) {
-            byte(0xE0 | c >> 12);
-            byte(0x80 | (c >> 6 & 0x3F));
-            byte(0x80 | (c & 0x3F));
-        } else {
-            byte('x');
-        }
-    }
-
-    std::mt19937 random_;
-};
-
-/// The property that everything else rests on. Gives the encoding made from the printable form.
-std::string RoundTrip(const std::string& name, const std::string& printable) {
-    std::string again;
-    EXPECT_TRUE(printable_to_asn_dn(printable, again)) << printable;
-    std::string printed_again;
-    EXPECT_TRUE(asn_dn_to_printable(again, printed_again)) << printable;
-    EXPECT_TRUE(printable_dn_equal(printable, printed_again)) << printable << " | " << printed_again;
-    EXPECT_TRUE(printable_dn_contain_attrs(printable, printed_again));
-    const bool sorted_rdns = printable.find('+') == std::string::npos;
-    if (sorted_rdns) {
-        EXPECT_EQ(printable, printed_again) << TO_HEX_STD_STRING(name);
-    }
-    return again;
-}
-
-TEST(NameProperties, RoundTripOfGeneratedNames) {
-    NameGenerator generate(1);
-    unsigned compared = 0;
-    for (int i = 0; i < 20000; ++i) {
-        const std::string name = generate.Name(i % 50 == 0 ? 200 : 6);
-        std::string printable;
-        ASSERT_TRUE(asn_dn_to_printable(name, printable)) << TO_HEX_STD_STRING(name);
-        EXPECT_TRUE(std::none_of(printable.begin(), printable.end(), [](char c) {
-            return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
-        })) << printable;
-        const std::string again = RoundTrip(name, printable);
-        // libcrypto is of the same opinion, where it can read the name and knows the string type as text.
-        const NamePtr before = ParsedByLibcrypto(name);
-        const NamePtr after = ParsedByLibcrypto(again);
-        if (before != nullptr && after != nullptr && name.find(static_cast<char>(kNumeric)) == std::string::npos) {
-            EXPECT_EQ(X509_NAME_cmp(before.get(), after.get()), 0) << printable;
-            ++compared;
-        }
-    }
-    EXPECT_GT(compared, 5000U);
-}
-
-TEST(NameProperties, EqualityAsLibcryptoSeesIt) {
+TEST(CompareNames, EqualityAsLibcryptoSeesIt) {
     // ASCII alone: libcrypto folds no other case. Short values over few characters, so that equal names are frequent.
     std::mt19937 random(2);
     const auto value = [&] {
@@ -536,101 +409,6 @@ TEST(NameProperties, EqualityAsLibcryptoSeesIt) {
         equal += expected ? 1 : 0;
     }
     EXPECT_GT(equal, 500U);
-}
-
-/// A name built by libcrypto's own means, with its text in RFC 2253 form (in the order of the encoding).
-struct LibcryptoName {
-    std::string der;
-    std::string text;
-};
-
-LibcryptoName NameByLibcrypto(NameGenerator& generate) {
-    static const int kNids[] = {
-        NID_commonName,   NID_countryName,         NID_organizationName, NID_organizationalUnitName,
-        NID_localityName, NID_stateOrProvinceName, NID_domainComponent,  NID_pkcs9_emailAddress,
-        NID_givenName,    NID_serialNumber};
-    const NamePtr name(X509_NAME_new());
-    for (unsigned i = generate.Below(6); i > 0; --i) {
-        const std::string value = generate.Value(kUtf8);
-        if (value == "#") {
-            continue;  // libcrypto forgets to escape this one
-        }
-        const int set = generate.Below(4) == 0 ? -1 : 0;
-        X509_NAME_add_entry_by_NID(name.get(), kNids[generate.Below(std::size(kNids))], MBSTRING_UTF8,
-                                   reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size()),
-                                   -1, set);
-    }
-    const std::unique_ptr<BIO, FreeWith<BIO_free>> out(BIO_new(BIO_s_mem()));
-    X509_NAME_print_ex(out.get(), name.get(), 0, XN_FLAG_RFC2253 & ~static_cast<unsigned long>(XN_FLAG_DN_REV));
-    char* text = nullptr;
-    const long size = BIO_get_mem_data(out.get(), &text);
-    return {DerOf(name.get(), i2d_X509_NAME), std::string(text, static_cast<std::size_t>(size))};
-}
-
-TEST(NameProperties, NamesAndTextsMadeByLibcrypto) {
-    NameGenerator generate(4);
-    for (int i = 0; i < 5000; ++i) {
-        const LibcryptoName name = NameByLibcrypto(generate);
-        std::string printable;
-        ASSERT_TRUE(asn_dn_to_printable(name.der, printable));
-        RoundTrip(name.der, printable);
-        EXPECT_TRUE(printable_dn_equal(printable, name.text)) << printable << " | " << name.text;
-        std::string from_text;
-        ASSERT_TRUE(printable_to_asn_dn(name.text, from_text)) << name.text;
-        EXPECT_EQ(X509_NAME_cmp(ParsedByLibcrypto(from_text).get(), ParsedByLibcrypto(name.der).get()), 0);
-    }
-}
-
-TEST(NameProperties, DamagedNamesAreRefusedOrStillRoundTrip) {
-    NameGenerator generate(5);
-    const auto check = [](const std::string& name) {
-        // An exact copy on the heap: the address sanitizer sees a read past the end.
-        const std::vector<char> exact(name.begin(), name.end());
-        std::string printable;
-        if (asn_dn_to_printable({exact.data(), exact.size()}, printable)) {
-            RoundTrip(name, printable);
-        }
-    };
-    for (int i = 0; i < 60; ++i) {
-        std::string name = generate.Name(4);
-        for (std::size_t length = 0; length < name.size(); ++length) {
-            std::string printable;
-            const std::vector<char> cut(name.begin(), name.begin() + static_cast<std::ptrdiff_t>(length));
-            EXPECT_FALSE(asn_dn_to_printable({cut.data(), cut.size()}, printable));
-        }
-        for (std::size_t bit = 0; bit < name.size() * 8; ++bit) {
-            name[bit / 8] = static_cast<char>(name[bit / 8] ^ (1 << bit % 8));
-            check(name);
-            name[bit / 8] = static_cast<char>(name[bit / 8] ^ (1 << bit % 8));
-        }
-    }
-}
-
-TEST(NameProperties, DamagedTextsAreRefusedOrMeanAName) {
-    NameGenerator generate(6);
-    static const std::string kNoise = ",;+=\"\\# .19aCN\xc3\xff"s + '\0';
-    for (int i = 0; i < 20000; ++i) {
-        std::string text = Printed(generate.Name(4));
-        for (unsigned edits = 1 + generate.Below(3); edits > 0; --edits) {
-            const unsigned at = generate.Below(static_cast<unsigned>(text.size()) + 1);
-            if (generate.Below(2) == 0) {
-                text.insert(at, 1, kNoise[generate.Below(kNoise.size())]);
-            } else {
-                text.erase(at, 1 + generate.Below(4));
-            }
-        }
-        const std::vector<char> exact(text.begin(), text.end());
-        const std::string_view view(exact.data(), exact.size());
-        std::string name;
-        if (printable_to_asn_dn(view, name)) {
-            EXPECT_TRUE(printable_dn_equal(view, Printed(name))) << text << " | " << Printed(name);
-            EXPECT_TRUE(printable_dn_contain_attrs(Printed(name), view)) << text;
-        } else {
-            EXPECT_FALSE(printable_dn_equal(view, "CN=a"));
-            printable_dn_contain_attrs(view, "CN=a");
-            printable_dn_contain_attrs("CN=a", view);
-        }
-    }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // Certificate handles: descriptions, raw parts, exports, private keys.
-#include <openssl/pkcs12.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
@@ -256,31 +255,6 @@ TEST_F(EngineTest, ExportsAreReadByOpenssl) {
     EXPECT_EQ(
         CertEngine_ReadP7CCertData(empty_bundle.data(), static_cast<unsigned>(empty_bundle.size()), certs, nullptr), 0);
     EXPECT_TRUE(certs.empty());
-}
-
-TEST_F(EngineTest, PrivateKeyIsWrittenAsPkcs8) {
-    const test_pki::Key key = test_pki::MakeKey(KeyType::kEcP256);
-    EVP_PKEY_up_ref(key.get());
-    std::string der;
-    EXPECT_TRUE(CertEngine_PrivKeyToPKCS8(key.get(), der));
-    EXPECT_EQ(der, test_pki::Pkcs8(key));
-    CertEngine_ClosePrivKeyHandle(key.get());
-}
-
-TEST_F(EngineTest, Pkcs12IsRecognisedWithoutItsPassword) {
-    const Cert root = MakeCa("CN=Root");
-    PKCS12* const p12 = PKCS12_create("not known here", "name", root.key.get(), nullptr, nullptr, 0, 0, 0, 0, 0);
-    ASSERT_NE(p12, nullptr);
-    unsigned char* bytes = nullptr;
-    const int length = i2d_PKCS12(p12, &bytes);
-    EXPECT_TRUE(CertEngine_IsP12CertData(bytes, length));
-    EXPECT_FALSE(CertEngine_IsP12CertData(bytes, length - 1));
-    EXPECT_FALSE(CertEngine_IsP12CertData(bytes, 0));
-    EXPECT_FALSE(CertEngine_IsP12CertData(nullptr, 5));
-    std::string der = root.der;
-    EXPECT_FALSE(CertEngine_IsP12CertData(der.data(), static_cast<int>(der.size())));
-    OPENSSL_free(bytes);
-    PKCS12_free(p12);
 }
 
 }  // namespace

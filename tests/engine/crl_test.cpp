@@ -1,10 +1,9 @@
-// CRL handles: description, raw parts, entries and their look-up, scope, and what is no CRL.
+// CRL handles: description, entries and their look-up, scope, and what is no CRL.
 #include <algorithm>
 #include <cstdlib>
 #include <random>
 
 #include "certmgr/cert_engine_openssl_crl.h"
-#include "fuzz/crl_property.h"
 #include "tests/engine/engine_fixture.h"
 #include "tests/support/der.h"
 
@@ -74,23 +73,6 @@ TEST_F(EngineTest, RevokedListKeepsItsOrder) {
     EXPECT_EQ(entries[3].revocationDate, CERT_TIME_UNKNOWN);
     EXPECT_TRUE(CertEngine_CRLRevokedCerts(ReadCrl(MakeCrl({}, root)).get(), entries));
     EXPECT_EQ(entries.size(), 4U);
-}
-
-TEST_F(EngineTest, RawPartsOfACrl) {
-    const Cert root = MakeCa("CN=Root");
-    const std::string der = MakeCrl({.entries = {{.serial = "\x30"}}, .number = "\x01"}, root);
-    const auto crl = ReadCrl(der + "trailing");
-    ASSERT_NE(crl, nullptr);
-    std::string raw;
-    std::string tbs;
-    std::string signature;
-    EXPECT_TRUE(CertEngine_RawCRL(crl.get(), raw));
-    EXPECT_TRUE(CertEngine_RawCRLInfo(crl.get(), tbs));
-    EXPECT_TRUE(CertEngine_RawCRLSignature(crl.get(), signature));
-    EXPECT_EQ(raw, der);
-    EXPECT_TRUE(Verifies(root.key, tbs, signature));
-    EXPECT_EQ(ReadCrl(root.der), nullptr);
-    EXPECT_EQ(ReadCrl(""), nullptr);
 }
 
 // --- Look-up ---
@@ -444,58 +426,6 @@ TEST_F(EngineTest, LimitsStandBeforeTheParser) {
     std::copy(good.begin(), good.end(), much.get());
     EXPECT_NE(CrlHandle(CertEngine_CreateCRLHandle(much.get(), kMaxCrlBytes)), nullptr);
     EXPECT_EQ(CertEngine_CreateCRLHandle(much.get(), kMaxCrlBytes + 1), nullptr);
-}
-
-// --- Against libcrypto ---
-
-std::vector<std::string> EveryKindOfCrl() {
-    const Cert root = MakeCa("C=DE, O=Example, CN=Root");
-    const std::string issuer = der::Sequence(test_pki::GeneralName("DN:CN=Other"));
-    const std::string serial64 = "\x4b" + std::string(63, '\0');
-    return {
-        MakeCrl({}, root),
-        MakeCrl({.entries_der = "", .next_update = std::nullopt, .version = 1}, root),
-        MakeCrl(
-            {.entries = {{.serial = "\x30", .reason = 1}, {.serial = "\x80"}, {.serial = serial64}, {.serial = "\x30"}},
-             .number = "\x01",
-             .delta_base = "\x01",
-             .conf = {{"issuingDistributionPoint", "critical,fullname:URI:http://a/1,onlyuser:TRUE"}}},
-            root),
-        MakeCrl({.entries = {{.serial = "\x01"},
-                             {.serial = "\x02", .extensions = {{"certificateIssuer", true, issuer}}},
-                             {.serial = "\x01", .date = Time::Generalized("20300101000000Z"), .reason = 6}},
-                 .conf = {{"issuingDistributionPoint", "critical,indirectCRL:TRUE"}}},
-                root),
-    };
-}
-
-TEST_F(EngineTest, CutCrlsAreRefused) {
-    for (const std::string& der : EveryKindOfCrl()) {
-        ASSERT_NE(ReadCrl(der), nullptr);
-        for (std::size_t length = 0; length < der.size(); ++length) {
-            EXPECT_EQ(ReadCrl(std::string(der, 0, length)), nullptr) << length;
-        }
-    }
-}
-
-TEST_F(EngineTest, DamagedCrlsAreReadAsLibcryptoReadsThem) {
-    std::mt19937 random(20300101);
-    for (const std::string& der : EveryKindOfCrl()) {
-        EXPECT_EQ(fuzz::CrlProblem(der), "");
-        for (std::size_t i = 0; i < der.size() * 8; ++i) {
-            std::string damaged = der;
-            damaged[i / 8] = static_cast<char>(damaged[i / 8] ^ (1 << i % 8));
-            ASSERT_EQ(fuzz::CrlProblem(damaged), "") << TO_HEX_STD_STRING(damaged);
-        }
-        for (int round = 0; round < 2000; ++round) {
-            std::string damaged = der;
-            for (unsigned i = random() % 3 + 1; i != 0; --i) {
-                damaged[random() % damaged.size()] = static_cast<char>(random() % 2 ? random() : random() % 6);
-            }
-            ASSERT_EQ(fuzz::CrlProblem(damaged), "") << TO_HEX_STD_STRING(damaged);
-        }
-    }
-    SeedErrorQueue();
 }
 
 }  // namespace

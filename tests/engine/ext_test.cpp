@@ -123,14 +123,6 @@ TEST_F(EngineTest, UserPrincipalNames) {
     for (const auto& c : cases) EXPECT_EQ(Rendered({.san = {upn(c.value)}}).altSubject.upn, c.text);
 }
 
-TEST_F(EngineTest, ThousandsOfAlternativeNames) {
-    CertSpec spec;
-    for (int i = 0; i < 5000; ++i) spec.san.push_back("DNS:host" + std::to_string(i) + ".example");
-    const CertExtentions ext = Rendered(spec);
-    EXPECT_EQ(std::count(ext.subjectAltName.begin(), ext.subjectAltName.end(), ','), 4999);
-    EXPECT_EQ(ext.altSubject.dnsName, "host4999.example");
-}
-
 TEST_F(EngineTest, KeyIdentifiers) {
     const test_pki::Cert root = MakeCa("CN=Root");
     const CertExtentions ext =

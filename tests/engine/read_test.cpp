@@ -170,16 +170,4 @@ TEST_F(EngineTest, BundlesOfOtherTypesOrWithoutContentAreEmpty) {
     }
 }
 
-TEST_F(EngineTest, BundleOfAThousandCertificatesBehavesLikeSingleOnes) {
-    const Cert ca = MakeCa("CN=Root");
-    const std::string bundle = test_pki::MakePkcs7(std::vector<std::string>(1000, ca.der));
-    std::vector<void*> certs;
-    ASSERT_EQ(CertEngine_ReadP7CCertData(bundle.data(), static_cast<unsigned>(bundle.size()), certs, nullptr), 0);
-    ASSERT_EQ(certs.size(), 1000U);
-    CertInfo info;
-    CertEngine_GetCertInfo(certs.back(), info);
-    EXPECT_TRUE(info.isCA);
-    for (void* cert : certs) CertEngine_CloseCertHandle(cert);
-}
-
 }  // namespace
