@@ -36,6 +36,8 @@ struct PublicKey {
 };
 /// False for anything but a well-formed key of an algorithm in the table, within the limits.
 bool PublicKeyFromSpki(std::string_view spki, PublicKey& key);
+/// What is wrong with one that is no such key, for the log.
+const char* WhyNoPublicKey(std::string_view spki);
 /// From components as a token gives them. Empty when they make no key.
 std::string SpkiFromComponents(pki_alg_t alg, const std::vector<std::string>& components);
 

@@ -148,7 +148,7 @@ CreateOutcome CreatePrivateKey(Session& session, pki_alg_t alg, const std::strin
 CreateOutcome CreatePublicKey(Session& session, pki_alg_t alg, const std::string& id, const std::string& spki,
                               cert_time64_t not_after) {
     PublicKey key;
-    if (!PublicKeyFromSpki(spki, key)) return Refuse("the public key is not understood");
+    if (!PublicKeyFromSpki(spki, key)) return Refuse(WhyNoPublicKey(spki));
     if (key.alg != (alg & PKI_KEY_MASK)) return Refuse("the public key is of another algorithm than its certificate");
     AttributeTemplate attributes;
     AddTokenObject(attributes, CKO_PUBLIC_KEY, false);

@@ -74,6 +74,7 @@ VerifyOutcome Verify(Session& session, pki_alg_t alg, CK_MECHANISM_TYPE of_messa
         return well_formed ? session.api().VerifyInit(session.handle(), mechanism.get(), object.handle) : Result{};
     };
     Result result = StartWithKey(session, spki, key, init);
+    if (result.ok() && key == nullptr) return {.refusal = WhyNoPublicKey(spki)};
     if (!result.ok() || !well_formed) return {result};
     result = session.api().Verify(session.handle(), digest, IsRaw(type) ? raw : signature);
     if (IsWrongSignature(result.rv)) return {};

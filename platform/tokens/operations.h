@@ -11,6 +11,7 @@ namespace tokens {
 struct VerifyOutcome {
     Result result{};
     bool valid = false;
+    const char* refusal = nullptr;  // why the token was not asked, for the log
 };
 /// A signature that cannot be right (its form, or a key of another algorithm) is not valid without asking the token.
 /// `of_message`: the mechanism of MechanismList::MessageMechanism; where there is one, `digest` is the message.

@@ -158,6 +158,19 @@ bool PublicKeyFromSpki(std::string_view spki, PublicKey& key) {
     }
 }
 
+const char* WhyNoPublicKey(std::string_view spki) {
+    DerReader content({});
+    KeyAlgorithm algorithm;
+    std::string_view null;
+    const bool known = asn1::ReadWhole(spki, kTagSequence, content) && ReadKeyAlgorithm(content, algorithm);
+    const bool needs_parameters = algorithm.alg != PKI_KEY_RSA && algorithm.alg != PKI_KEY_ED25519;
+    // RFC 3279, RFC 4491: they are those of the issuer's key then.
+    if (known && needs_parameters && (algorithm.parameters.AtEnd() || algorithm.parameters.Read(kTagNull, null))) {
+        return "the public key inherits its parameters from its issuer's, which is not supported";
+    }
+    return "the public key is not understood";
+}
+
 std::string SpkiFromComponents(pki_alg_t alg, const std::vector<std::string>& components) {
     const CK_KEY_TYPE type = KeyTypeOf(alg);
     const auto shape = PublicComponents(type);

@@ -136,6 +136,10 @@ bool TokenSession::Impl::Report(const Result& result) const {
     return false;
 }
 
+void TokenSession::Impl::LogRefusal(const std::string& why) const {
+    tokens::Log(kMsgTokenError, tokens::Describe(token->Info()) + ": " + why);
+}
+
 tokens::ObjectListingPtr TokenSession::Impl::List(Kind kind) {
     if (listing != nullptr && (listed_kinds & kind) == 0) {
         listed_kinds |= kind;
@@ -180,7 +184,7 @@ bool TokenSession::Impl::Create(const std::function<tokens::CreateOutcome(Sessio
     const tokens::CreateOutcome outcome = Perform(Where::kWorker, work, patience);
     officer_required = outcome.officer_required;
     Changed();
-    if (!outcome.refusal.empty()) tokens::Log(kMsgTokenError, tokens::Describe(token->Info()) + ": " + outcome.refusal);
+    if (!outcome.refusal.empty()) LogRefusal(outcome.refusal);
     return outcome.created;
 }
 

@@ -75,6 +75,8 @@ struct TokenSession::Impl {
     bool DeleteKey(CK_OBJECT_CLASS key_class, const CertInfo& info);
     /// Tells the logger or the event log. Always false.
     bool Report(const tokens::Result& result) const;
+    /// Says in the event log why the token was not asked.
+    void LogRefusal(const std::string& why) const;
 
     tokens::TokenPtr token;  // null: it was not there
     tokens::SessionPtr session;

@@ -47,17 +47,18 @@ bool TokenSession::Verify(pki_alg_t alg, const std::string& spki, const std::str
     if (!opened()) return false;
     const tokens::MechanismList& mechanisms = impl_->token->mechanisms();
     const CK_MECHANISM_TYPE of_message = mechanisms.MessageMechanism(alg);
-    if (!mechanisms.VerifiesInSoftware(alg)) {
-        return impl_
-            ->Perform(
-                Where::kWorker,
-                [=](Session& session) { return tokens::Verify(session, alg, of_message, spki, digest, signature); })
-            .valid;
+    tokens::VerifyOutcome outcome;
+    if (mechanisms.VerifiesInSoftware(alg)) {
+        outcome = impl_->Perform(Where::kHere, [&](Session& session) {
+            return tokens::Verify(session, alg, of_message, spki, digest, signature);
+        });
+    } else {
+        outcome = impl_->Perform(Where::kWorker, [=](Session& session) {
+            return tokens::Verify(session, alg, of_message, spki, digest, signature);
+        });
     }
-    return impl_
-        ->Perform(Where::kHere,
-                  [&](Session& session) { return tokens::Verify(session, alg, of_message, spki, digest, signature); })
-        .valid;
+    if (outcome.refusal != nullptr) impl_->LogRefusal(outcome.refusal);
+    return outcome.valid;
 }
 
 bool TokenSession::VerifyDecrypt(const std::string& spki, const std::string& signature, std::string& block) {

@@ -272,15 +272,19 @@ TEST_F(GostEngine, PublishedExamplesPinTheFormsOfIke1) {
     for (const auto& c : cases) {
         const std::string point = Reversed(FromHex(c.example.x)) + Reversed(FromHex(c.example.y));
         const std::string signature = FromHex(c.example.s) + FromHex(c.example.r);
-        const std::string algorithm =
-            der::Sequence(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + der::Oid(c.digest)));
-        const test_pki::Cert made =
-            test_pki::MakeCert({.spki = der::Sequence(algorithm + der::BitString(der::OctetString(point)))});
-        const CertRef peer = CertRef::Adopt(new X509Cert({}, PKCS11::CertObject{.value = made.der}));
+        const auto peer = [&](const std::string& sets) {
+            const std::string key = der::Sequence(der::Oid(c.key) + sets) + der::BitString(der::OctetString(point));
+            const test_pki::Cert made = test_pki::MakeCert({.spki = der::Sequence(key)});
+            return CertRef::Adopt(new X509Cert({}, PKCS11::CertObject{.value = made.der}));
+        };
+        const CertRef whole = peer(der::Sequence(der::Oid(c.set) + der::Oid(c.digest)));
         std::string given = c.turned ? Reversed(signature) : signature;
-        EXPECT_TRUE(CM::IkeVerify(peer.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
+        EXPECT_TRUE(CM::IkeVerify(whole.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
         given = c.turned ? signature : Reversed(signature);
-        EXPECT_FALSE(CM::IkeVerify(peer.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
+        EXPECT_FALSE(CM::IkeVerify(whole.get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
+        reports_.Clear();
+        EXPECT_FALSE(CM::IkeVerify(peer({}).get(), Reversed(FromHex(c.example.e)), given, kIdent)) << c.key;
+        EXPECT_EQ(reports_.Count("inherits its parameters from its issuer's"), 1);
     }
 }
 
