@@ -63,8 +63,9 @@ std::optional<std::string> FailureMemory::Recall(const Key& key, std::uint32_t s
 
 // Guarded by the cache's lock.
 FailureMemory g_failures;
-std::map<std::string, std::shared_future<CrlAnswer>> g_flights;  // transfers under way, by address
-std::uint64_t g_generation = 0;  // counts what made a CRL that is under way one of yesterday
+CrlGeneration g_generation;
+/// Transfers under way. Whoever asks after a change does not join one that was begun before.
+std::map<std::pair<std::string, CrlGeneration>, std::shared_future<CrlAnswer>> g_flights;
 
 /// Takes the module out of the parameter server, and closes the CRLs while libcrypto still works, when the library goes
 /// away without CM::Finit. Constructed after, so destroyed before what is above.
@@ -106,23 +107,10 @@ bool IsOlder(const CrlRef& crl, const CrlRef& other) {
     return other->info.thisUpdate != CERT_TIME_UNKNOWN && crl->info.thisUpdate < other->info.thisUpdate;
 }
 
-/// Puts a CRL under its address, in place of what was there; nothing when a newer one is there, which is the result,
-/// unless that is the one to be `ignored`. What was downloaded first goes when there is no room.
-CrlRef Keep(const CrlAnswer& answer, const CrlParams& params, const CrlRef& ignored) {
-    const CrlRef& crl = answer.crl;
-    std::vector<CrlRef> dropped;  // destroyed without the lock
-    const vpnfc::ObjectLock lock(g_crl_db_lock);
-    const auto place = g_crl_db.find(&crl->uri);
-    if (place != g_crl_db.end() && place->second != ignored && IsOlder(crl, place->second)) return place->second;
-    const bool outdated = answer.generation != g_generation || params.generation != g_generation;
-    if (!params.keep || outdated || crl->rawCrl().size() > params.keep_max_bytes) return nullptr;
-    if (place != g_crl_db.end()) {
-        if (place->second == crl) return nullptr;
-        dropped.push_back(place->second);
-        g_crl_db.erase(place);
-    }
-    std::uint64_t bytes = CachedBytesUnderLock() + crl->rawCrl().size();
-    while (g_crl_db.size() >= kMaxCachedCrls || bytes > params.keep_max_bytes) {
+/// Takes out what was downloaded first, until there is room for as many bytes more.
+void MakeRoomUnderLock(std::uint64_t wanted, std::uint64_t max_bytes, std::vector<CrlRef>& dropped) {
+    std::uint64_t bytes = CachedBytesUnderLock() + wanted;
+    while (g_crl_db.size() >= kMaxCachedCrls || bytes > max_bytes) {
         const auto oldest = std::min_element(g_crl_db.begin(), g_crl_db.end(), [](const auto& a, const auto& b) {
             return a.second->downloadedAt < b.second->downloadedAt;
         });
@@ -130,6 +118,28 @@ CrlRef Keep(const CrlAnswer& answer, const CrlParams& params, const CrlRef& igno
         dropped.push_back(oldest->second);
         g_crl_db.erase(oldest);
     }
+}
+
+/// Puts a CRL under its address, in place of what was there; nothing when a newer one is there, which is the result,
+/// unless that is the one to be `ignored`. Tells in the answer whether the cache has it.
+CrlRef Keep(CrlAnswer& answer, const CrlParams& params, const CrlRef& ignored) {
+    const CrlRef& crl = answer.crl;
+    std::vector<CrlRef> dropped;  // destroyed without the lock
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    const auto place = g_crl_db.find(&crl->uri);
+    if (place != g_crl_db.end() && place->second != ignored && IsOlder(crl, place->second)) return place->second;
+    const bool emptied =
+        answer.generation.clears != g_generation.clears || params.generation.clears != g_generation.clears;
+    if (!params.keep || emptied || crl->rawCrl().size() > params.keep_max_bytes) return nullptr;
+    answer.kept = true;
+    if (place != g_crl_db.end()) {
+        if (place->second == crl) return nullptr;
+        dropped.push_back(place->second);
+        g_crl_db.erase(place);
+    }
+    MakeRoomUnderLock(crl->rawCrl().size(), params.keep_max_bytes, dropped);
+    // Asked for before everything was to be downloaded again.
+    crl->refresh = answer.generation != g_generation;
     g_crl_db.emplace(&crl->uri, crl);
     return nullptr;
 }
@@ -151,10 +161,15 @@ CrlRef Decode(std::string data, const std::vector<CrlRef>& known) {
         ++g_crl_counters.parsed;
         return std::make_shared<X509CRL>(handle, true);
     };
+    // What follows the CRL is neither compared nor kept.
+    const auto first_element = [](const SharedBytes& bytes) {
+        const std::string_view element = cert_engine::FirstElement(*bytes);
+        return element.size() == bytes->size() ? bytes : std::make_shared<const std::string>(element);
+    };
     const auto bytes = std::make_shared<const std::string>(std::move(data));
-    CrlRef crl = known_or_parsed(bytes);
+    CrlRef crl = known_or_parsed(first_element(bytes));
     if (crl != nullptr) return crl;
-    return known_or_parsed(std::make_shared<const std::string>(cert_engine::CrlTextPayload(*bytes)));
+    return known_or_parsed(first_element(std::make_shared<const std::string>(cert_engine::CrlTextPayload(*bytes))));
 }
 
 /// Asks the address, and reads what comes.
@@ -197,7 +212,7 @@ class Flight {
   public:
     /// With the cache's lock held.
     explicit Flight(const CrlRequest& request) : request_(request) {
-        g_flights.emplace(request.address, promise_.get_future().share());
+        g_flights.emplace(Key(), promise_.get_future().share());
     }
     ~Flight() { Land(); }
     Flight(const Flight&) = delete;
@@ -206,10 +221,11 @@ class Flight {
     CrlAnswer answer{.outcome = "no data"};
 
   private:
+    std::pair<std::string, CrlGeneration> Key() const { return {request_.address, request_.params.generation}; }
     void Land() {
         {
             const vpnfc::ObjectLock lock(g_crl_db_lock);
-            g_flights.erase(request_.address);
+            g_flights.erase(Key());
             if (answer.crl != nullptr) {
                 g_failures.Forget(AddressKey(request_));
             } else {
@@ -231,16 +247,17 @@ class Flight {
 };
 
 /// The newer CRL that a cached one is; whoever answers in a server's place cannot take back a revocation that was seen.
-CrlAnswer Older(const CrlRef& newer) {
-    return {
-        .crl = newer,
-        .outcome = "CRL is older than the cached one, first downloaded at: " + CertTimeToString(newer->downloadedAt)};
+CrlAnswer Older(CrlAnswer answer, const CrlRef& newer) {
+    answer.crl = newer;
+    answer.kept = true;
+    answer.outcome = "CRL is older than the cached one, first downloaded at: " + CertTimeToString(newer->downloadedAt);
+    return answer;
 }
 
 /// Whether what the cache has from another address is current, but for its mark, newer, and for the same certificates.
 bool KnownIsBetter(const CrlRequest& request, const CrlRef& crl) {
     const CrlRef& known = request.known;
-    return known != nullptr && known != crl && request.now < known->info.nextUpdate && IsOlder(crl, known) &&
+    return known != nullptr && known != crl && CertTimeNow() < known->info.nextUpdate && IsOlder(crl, known) &&
            known->scope() == crl->scope();
 }
 
@@ -258,20 +275,20 @@ CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
         if (tried && answer.generation == g_generation) request.known->refresh = false;
         return answer;
     }
-    if (KnownIsBetter(request, answer.crl)) return Older(request.known);
+    if (KnownIsBetter(request, answer.crl)) return Older(std::move(answer), request.known);
     CrlRef ignored;
     while (const CrlRef newer = Keep(answer, request.params, ignored)) {
-        if (newer->CheckSignature(&request.issuer) == kSignatureRight) return Older(newer);
+        if (newer->CheckSignature(&request.issuer) == kSignatureRight) return Older(std::move(answer), newer);
         ignored = newer;
     }
     return answer;
 }
 
-/// The cached CRL of the address, when it is current and not the one that would not do.
+/// The cached CRL of the address, when it is current: since it was looked for, another check may have brought it, or have
+/// seen to it that it is the server's still.
 CrlRef CurrentUnderLock(const CrlRequest& request) {
     const CrlRef cached = FindUnderLock(request.address);
-    const bool current = cached != nullptr && !cached->refresh && request.now < cached->info.nextUpdate;
-    return current && cached != request.known ? cached : nullptr;
+    return cached != nullptr && !cached->refresh && CertTimeNow() < cached->info.nextUpdate ? cached : nullptr;
 }
 
 /// What the log says of a failure that this request need not repeat.
@@ -293,7 +310,8 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
             cached = CurrentUnderLock(request);
             if (cached == nullptr || cached == refused) {
                 if (auto outcome = RecallUnderLock(request)) return {.outcome = std::move(*outcome)};
-                if (const auto flight = g_flights.find(request.address); flight != g_flights.end()) {
+                const auto flight = g_flights.find({request.address, request.params.generation});
+                if (flight != g_flights.end()) {
                     others = flight->second;
                 } else {
                     own.emplace(request);
@@ -301,7 +319,7 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
             }
         }
         if (own || others.valid()) break;
-        if (cached->CheckSignature(&request.issuer) == kSignatureRight) return {.crl = std::move(cached)};
+        if (cached->CheckSignature(&request.issuer) == kSignatureRight) return {.crl = std::move(cached), .kept = true};
         refused = std::move(cached);
     }
     if (!own) {
@@ -309,12 +327,14 @@ CrlAnswer ObtainCrl(const CrlRequest& request) {
         return Accept(others.get(), request);
     }
     own->answer = Transfer(request);
-    return Accept(own->answer, request);
+    CrlAnswer answer = own->answer;
+    answer.own = true;
+    return Accept(std::move(answer), request);
 }
 
 CrlParams CrlParams::Read() {
     // Before the settings: whoever changes them counts on afterwards.
-    const std::uint64_t generation = [] {
+    const CrlGeneration generation = [] {
         const vpnfc::ObjectLock lock(g_crl_db_lock);
         return g_generation;
     }();
@@ -350,7 +370,7 @@ void ClearDownloadedCrlDB() {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     g_crl_db.swap(old);
     g_failures.Clear();
-    ++g_generation;
+    ++g_generation.clears;
 }
 
 int FiniDownloadedCrlDB() {
@@ -371,7 +391,7 @@ void cm_crl_apply_lparams_(bool first) {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     for (const auto& [uri, crl] : g_crl_db) crl->refresh = true;
     g_failures.Clear();
-    ++g_generation;
+    ++g_generation.marks;
 }
 
 bool DeleteDownloadedCrlDB(const PKCS11::TokenInfo& token, const CRLInfo& info) {

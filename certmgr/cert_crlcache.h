@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <compare>
 #include <cstdint>
 #include <ctime>
 #include <future>
@@ -55,6 +56,14 @@ std::string& log_content_type_(std::string& text, const std::string& content_typ
 /// Length and hexadecimal bytes; of twelve and more the first and the last six.
 std::string& log_data_(std::string& text, const std::string& data);
 
+/// What made CRLs that are under way ones of yesterday, counted.
+struct CrlGeneration {
+    std::uint64_t clears = 0;  // the cache was emptied: what comes is not kept
+    std::uint64_t marks = 0;  // all is to be downloaded again: what comes, too
+
+    auto operator<=>(const CrlGeneration&) const = default;
+};
+
 /// The parameters of one revocation check, read once.
 struct CrlParams {
     std::uint32_t timeout_seconds;
@@ -62,7 +71,7 @@ struct CrlParams {
     std::uint64_t keep_max_bytes;
     std::uint32_t retry_seconds;
     bool honour_scope;
-    std::uint64_t generation;  // of the cache: what is transferred for another one is not kept
+    CrlGeneration generation;
 
     static CrlParams Read();
 };
@@ -79,7 +88,9 @@ struct CrlAnswer {
     CrlRef crl = nullptr;  // null: nothing
     std::string received = {};  // for the log: content type and data
     std::string outcome = {};  // for the log
-    std::uint64_t generation = 0;  // of the cache when it was asked for
+    CrlGeneration generation = {};  // when it was asked for
+    bool kept = false;  // the CRL is in the cache
+    bool own = false;  // from a transfer that this call made
 };
 
 /// What is wanted from an address.
@@ -88,7 +99,6 @@ struct CrlRequest {
     const X509Cert& issuer;  // who shall have signed it
     const CrlRef& known;  // what the cache had for the certificate and would not do; may be null
     const CrlParams& params;
-    cert_time64_t now;
 };
 
 /// The CRL that the address has, signed by the issuer, from a transfer that this call makes or that is under way, or

@@ -187,7 +187,8 @@ bool SetUp(const CurlHandle& curl, const char* uri, unsigned int timeout_seconds
            // No signal handlers in the daemon's process, and no waiting for a name look-up that is over its time.
            Set(curl, CURLOPT_NOSIGNAL, 1L) && Set(curl, CURLOPT_QUICK_EXIT, 1L) &&
            // Nothing from the environment or the user's files. An empty proxy is "none", whatever the environment says.
-           Set(curl, CURLOPT_PROXY, settings.proxy.c_str()) &&
+           // Directories are asked directly.
+           Set(curl, CURLOPT_PROXY, IsLdap(uri) ? "" : settings.proxy.c_str()) && Set(curl, CURLOPT_NOPROXY, "") &&
            Set(curl, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED)) &&
            (settings.tls_ca_file.empty() || Set(curl, CURLOPT_CAINFO, settings.tls_ca_file.c_str())) &&
            Set(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1)) &&

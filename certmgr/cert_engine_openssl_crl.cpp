@@ -86,14 +86,9 @@ std::string FirstUnknownCritical(const Crl& crl) {
 void* CertEngine_CreateCRLHandle(const void* der, unsigned length) {
     if (der == nullptr || length == 0 || length > kMaxCrlBytes) return nullptr;
     const ErrorMark mark;
-    const auto* content = static_cast<const unsigned char*>(der);
-    long size = 0;
-    int tag = 0;
-    int tag_class = 0;
     // What follows the CRL is not kept.
-    if ((ASN1_get_object(&content, &size, &tag, &tag_class, static_cast<long>(length)) & 0x80) != 0) return nullptr;
-    const auto* const end = reinterpret_cast<const char*>(content) + size;
-    return cert_engine::CreateCrlHandle(std::make_shared<const std::string>(static_cast<const char*>(der), end));
+    const std::string_view crl = cert_engine::FirstElement({static_cast<const char*>(der), length});
+    return cert_engine::CreateCrlHandle(std::make_shared<const std::string>(crl));
 }
 
 void CertEngine_CloseCRLHandle(void* crl) {
@@ -157,6 +152,20 @@ void CertEngine_CRLScope(void* handle, CrlScope& scope) {
 }
 
 namespace cert_engine {
+
+std::string_view FirstElement(std::string_view bytes) {
+    const ErrorMark mark;
+    const auto* const begin = reinterpret_cast<const unsigned char*>(bytes.data());
+    const unsigned char* content = begin;
+    long size = 0;
+    int tag = 0;
+    int tag_class = 0;
+    const int form = ASN1_get_object(&content, &size, &tag, &tag_class, static_cast<long>(bytes.size()));
+    constexpr int kFailed = 0x80;
+    constexpr int kIndefinite = 1;
+    if ((form & (kFailed | kIndefinite)) != 0) return bytes;
+    return bytes.substr(0, static_cast<std::size_t>(content - begin + size));
+}
 
 void* CreateCrlHandle(SharedBytes bytes) {
     const ErrorMark mark;

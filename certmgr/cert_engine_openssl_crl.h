@@ -131,6 +131,8 @@ inline const Crl& CrlOf(void* handle) {
 }
 /// The bytes of the CRL behind a handle, and nothing after them; shared with it where that is all it has.
 SharedBytes CrlBytes(void* handle);
+/// The element that the bytes begin with, without what follows it; all of them where none can be told.
+std::string_view FirstElement(std::string_view bytes);
 /// A handle over bytes that are shared with it; null when they are no CRL.
 void* CreateCrlHandle(SharedBytes bytes);
 

@@ -10,6 +10,7 @@
 #include "certmgr/cert_crlcache.h"
 #include "certmgr/cert_crlfetch.h"
 #include "certmgr/cert_findcrl.h"
+#include "certmgr/cert_log.h"
 #include "certmgr/chain.h"
 #include "certmgr/key_usage.h"
 #include "certmgr/log.h"
@@ -80,6 +81,7 @@ const char* WhyNotAsked(const std::string& address) {
 enum class Finding : std::uint8_t {
     kOpen,  // nothing
     kGood,
+    kNotCurrent,  // which fails the certificate
     kBad,
 };
 
@@ -101,7 +103,7 @@ class RevocationCheck {
     struct Address {
         const std::string& named;  // as the certificate has it
         std::string used;
-        bool judged = false;  // by its CRL in the cache
+        bool done = false;  // refused, or judged by its CRL in the cache
     };
 
     void CompleteAddresses();
@@ -119,11 +121,11 @@ class RevocationCheck {
     const std::string& default_server_;
     const TLogIdent& ident_;
     const CrlParams params_ = CrlParams::Read();
-    const cert_time64_t now_ = CertTimeNow();
 
     std::vector<Address> addresses_;
     CrlRef known_;  // the cached CRL that will not do without being renewed
     bool known_marked_ = false;  // it was to be downloaded again
+    bool known_asked_for_ = false;  // by this check
     std::string searched_;  // of the store, for the log
 };
 
@@ -152,11 +154,9 @@ void RevocationCheck::CompleteAddresses() {
                                     " are left out"});
             return;
         }
-        if (const char* const refused = WhyNotAsked(used)) {
-            LogTransfer(named[i], used, {.outcome = refused});
-        } else {
-            addresses_.push_back({named[i], used});
-        }
+        const char* const refused = WhyNotAsked(used);
+        if (refused != nullptr) LogTransfer(named[i], used, {.outcome = refused});
+        addresses_.push_back({.named = named[i], .used = used, .done = refused != nullptr});
     }
 }
 
@@ -164,15 +164,16 @@ void RevocationCheck::CompleteAddresses() {
 /// certificate, the next one does.
 Finding RevocationCheck::JudgeCached() {
     for (Address& address : addresses_) {
+        if (address.done) continue;
         const CrlRef cached = FindCachedCrl(address.used);
         if (cached == nullptr || cached->CheckSignature(&issuer_) != kSignatureRight) continue;
         const bool marked = IsMarked(*cached);
-        if (marked || cached->info.nextUpdate <= now_) {
+        if (marked || cached->info.nextUpdate <= CertTimeNow()) {
             known_ = cached;
             known_marked_ = marked;
             return Finding::kOpen;
         }
-        address.judged = true;
+        address.done = true;
         if (const Finding finding = Judge(*cached, false); finding != Finding::kOpen) return finding;
     }
     return Finding::kOpen;
@@ -181,14 +182,15 @@ Finding RevocationCheck::JudgeCached() {
 /// 3. The addresses in order, until one yields a CRL that covers the certificate.
 Finding RevocationCheck::JudgeDownloaded() {
     for (const Address& address : addresses_) {
-        if (address.judged) continue;
-        const CrlAnswer answer = ObtainCrl({address.used, issuer_, known_, params_, now_});
+        if (address.done) continue;
+        const CrlAnswer answer = ObtainCrl({address.used, issuer_, known_, params_});
+        known_asked_for_ = known_asked_for_ || (answer.own && known_ != nullptr && address.used == known_->uri);
         LogTransfer(address.named, address.used, answer);
         if (answer.crl == nullptr) continue;
         const Finding finding = Judge(*answer.crl, false);
         if (finding == Finding::kOpen && answer.crl != known_) continue;
         // 3.5. It takes the place of what another address had given.
-        if (known_ != nullptr && answer.crl != known_) DropCachedCrl(known_);
+        if (known_ != nullptr && answer.crl != known_ && answer.kept) DropCachedCrl(known_);
         known_ = nullptr;
         if (finding != Finding::kOpen) return finding;
     }
@@ -196,8 +198,9 @@ Finding RevocationCheck::JudgeDownloaded() {
 }
 
 /// 4. The store's CRL goes before one of the cache that could not be renewed; where either is used as it is, the newer
-/// one does.
+/// one does. A mark asks for one transfer: those who only waited for it, and it failed, find none any more.
 Finding RevocationCheck::JudgeStored() {
+    if (known_marked_ && !known_asked_for_) known_marked_ = IsMarked(*known_);
     StoreCrls stored;
     const bool told = strict_ || LogsCrlDetails();
     const auto next = [&] { return stored.Next(&issuer_, told ? &searched_ : nullptr); };
@@ -210,11 +213,12 @@ Finding RevocationCheck::JudgeStored() {
     for (; crl != nullptr; crl = next()) {
         if (const Finding finding = Judge(*crl, false); finding != Finding::kOpen) return finding;
     }
-    if (known_ != nullptr) {
-        if (const Finding finding = Judge(*known_, known_marked_); finding != Finding::kOpen) return finding;
+    Finding finding = Finding::kOpen;
+    if (known_ != nullptr) finding = Judge(*known_, known_marked_);
+    if (strict_ && (finding == Finding::kOpen || finding == Finding::kNotCurrent)) {
+        Log(kMsgCrlNotFound, cert_, searched_);
     }
-    if (strict_) Log(kMsgCrlNotFound, cert_, searched_);
-    return Finding::kOpen;
+    return finding;
 }
 
 Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
@@ -222,9 +226,9 @@ Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
     std::string why_not;
     const bool covers = !params_.honour_scope || CrlCanClear(crl, crl.uri, cert_, why_not);
     // 5.
-    if (covers && strict_ && (marked || crl.info.nextUpdate <= now_)) {
+    if (covers && strict_ && (marked || crl.info.nextUpdate <= CertTimeNow())) {
         Log(kMsgCrlNotCurrent, cert_, crl);
-        return Finding::kBad;
+        return Finding::kNotCurrent;
     }
     // 6.
     RevokedEntry entry;
@@ -243,7 +247,12 @@ Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
 void RevocationCheck::LogTransfer(const std::string& named, const std::string& used, const CrlAnswer& answer) const {
     if (answer.outcome.empty() || !TLogMessage::IsEnabled(kMsgCrlTransfer)) return;
     std::string line;
-    log_uri_(line, used, named).append(answer.received);
+    if (used.size() <= kMaxAddressBytes) {
+        log_uri_(line, used, named);
+    } else {
+        cmprint_Value(line.append(" - "), PrintableUri(used));
+    }
+    line.append(answer.received);
     TLogMessage(kMsgCrlTransfer, ident_).Attr(answer.outcome).Attr(line).Send();
 }
 

@@ -257,7 +257,9 @@ void ReadCrlServer(const Value& value, auth_ike_t& rule) {
         std::find(kSchemes.begin(), kSchemes.end(), text.substr(0, std::min(colon, text.size()))) != kSchemes.end();
     const std::string host = colon == std::string::npos ? "" : text.substr(colon + 3);
     if (!known || host.empty() || host.find_first_of("/?#@ ") != std::string::npos) {
-        value.Error(Quoted(text) + " is not a server", "write it like \"http://crl.example:8080\", without a path");
+        // What is before an "@" may be a password.
+        const std::string shown = text.find('@') == std::string::npos ? Quoted(text) : "a text with an \"@\"";
+        value.Error(shown + " is not a server", "write it like \"http://crl.example:8080\", without a path");
         return;
     }
     rule.crlServer = text;

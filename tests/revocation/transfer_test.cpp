@@ -198,7 +198,10 @@ TEST_F(TransferTest, TheEnvironmentNamesNoProxyAndTheSettingsDo) {
     unsetenv("http_proxy");
     unsetenv("ALL_PROXY");
     SetParams([&](LPARAMS::CertParams& params) { params.crl_proxy = proxy; });
+    setenv("no_proxy", "*", 1);
     Fetch("http://crl.example/a.crl");
+    unsetenv("no_proxy");
+    Fetch(closed.Uri("ldap", "/cn=ca"));  // asked directly
     EXPECT_EQ(server_.counts().last_head.find("GET http://crl.example/a.crl HTTP/1.1"), 0U)
         << server_.counts().last_head;
 }

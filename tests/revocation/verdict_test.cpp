@@ -225,16 +225,17 @@ TEST_F(VerdictTest, EqualDataIsNotDecodedAgain) {
     std::string base64 = pem.substr(pem.find('\n') + 1);
     base64.erase(base64.find('-'));
     std::erase(base64, '\n');
-    for (const std::string& data : {der, pem, base64}) {
+    for (const std::string& data : {der + "\n", der, pem, base64}) {
         Serve(path_, data);
         EXPECT_TRUE(Passes(leaf_, kSoft));
         vpnfc::SetCurrentTimeForTesting(kNow + 60);
     }
-    EXPECT_EQ(Transfers(), 3U);
+    EXPECT_EQ(Transfers(), 4U);
+    EXPECT_EQ(CM::FindCachedCrl(server_.Uri(path_))->rawCrl(), der) << "without what followed it";
     EXPECT_EQ(Parsed(), 1U);
     const std::string unchanged =
         "CRL not changed, first downloaded at: " + CertTimeToString(CertTimeFrom_time_t(kNow));
-    EXPECT_EQ(Outcomes(), (Strings{"CRL downloaded", unchanged, unchanged}));
+    EXPECT_EQ(Outcomes(), (Strings{"CRL downloaded", unchanged, unchanged, unchanged}));
     // Not at the first address, where it has not been seen, either.
     Serve("/other", der);
     EXPECT_TRUE(Passes(Leaf({server_.Uri("/other"), server_.Uri(path_)}), kSoft));
@@ -263,6 +264,11 @@ TEST_F(VerdictTest, AMarkedCrlIsDownloadedOnce) {
     EXPECT_FALSE(Passes(leaf_));
     EXPECT_TRUE(Passes(leaf_)) << "the mark asked for one download, though it failed";
     EXPECT_EQ(Transfers(), 4U);
+    CM::cm_crl_apply_lparams_(false);
+    Serve(path_, test_pki::MakeCrl({}, chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 7)));
+    EXPECT_FALSE(Passes(leaf_));
+    EXPECT_TRUE(Passes(leaf_)) << "nor when another key's came";
+    EXPECT_EQ(Transfers(), 5U);
 }
 
 TEST_F(VerdictTest, AMarkIsAnsweredForTheIssuerAlone) {
@@ -289,6 +295,7 @@ TEST_F(VerdictTest, ARevocationThatWasSeenIsNotTakenBack) {
     CM::cm_crl_apply_lparams_(false);
     vendor_host::ClearMessages();
     EXPECT_FALSE(Passes(leaf_));
+    EXPECT_TRUE(vendor_host::Logged(", data[", kMsgCrlTransfer));
     EXPECT_EQ(Outcomes()[0].find("CRL is older than the cached one"), 0U);
     EXPECT_FALSE(Passes(leaf_));
 
@@ -361,6 +368,7 @@ TEST_F(VerdictTest, ACachedCrlOutOfDateComesAfterTheStore) {
     ServeNothing(path_);
     EXPECT_FALSE(Passes(leaf_, kStrict));
     EXPECT_TRUE(vendor_host::Logged("From: ", kMsgCrlNotCurrent));
+    EXPECT_TRUE(vendor_host::Logged("Checked CRLs (0)", kMsgCrlNotFound));
     PutOnToken(Crl({.this_update = kNow - 3 * kDay}));
     EXPECT_TRUE(Passes(leaf_, kStrict)) << "the store's is current";
     EXPECT_FALSE(Passes(leaf_, kSoft)) << "the cache's is newer";
@@ -460,6 +468,12 @@ TEST_F(VerdictTest, AnAddressWithoutHostIsCompleted) {
     EXPECT_TRUE(vendor_host::Logged(" - " + whole + "(modified), application/pkix-crl", kMsgCrlTransfer));
     EXPECT_TRUE(vendor_host::Logged(", data[" + std::to_string(crl.size()) + "]: 30", kMsgCrlTransfer));
     EXPECT_EQ(CachedAddresses(), Strings{whole});
+
+    CM::ClearDownloadedCrlDB();
+    Serve(path_, Crl(Expired(Listing(leaf))));
+    EXPECT_FALSE(Passes(leaf, kSoft, host));
+    ServeNothing(path_);
+    EXPECT_FALSE(Passes(leaf, kSoft, host)) << "by what the cache has under the whole address";
 }
 
 TEST_F(VerdictTest, AddressesThatWouldOnlyCostAreNotAsked) {
@@ -488,6 +502,10 @@ TEST_F(VerdictTest, AddressesThatWouldOnlyCostAreNotAsked) {
     const Strings outcomes = Outcomes();
     ASSERT_EQ(outcomes.size(), 17U);
     EXPECT_EQ(outcomes[0], "not asked: the certificate names too many addresses, the last 5 are left out");
+    addresses.clear();
+    for (int i = 0; i < 1000; ++i) addresses.push_back("nowhere/" + std::to_string(i));
+    EXPECT_FALSE(Passes(Leaf(addresses)));
+    EXPECT_EQ(Outcomes().size(), 17U) << "nor does each have its line in the log";
 }
 
 TEST_F(VerdictTest, CredentialsReachTheServerAndNoLog) {

@@ -25,6 +25,22 @@ class WaitingTest : public RevocationTest {
         threads_.clear();
     }
 
+    /// While the second request of "/a" is under way another check comes to need it.
+    template <typename First, typename Second>
+    void OneJoinsAnother(First first, Second second) {
+        server_.Hold("/a");
+        Start(1, first);
+        ASSERT_TRUE(server_.WaitForRequests("/a", 2));
+        const std::uint64_t joined = CM::g_crl_counters.joined;
+        Start(1, second);
+        const auto limit = std::chrono::steady_clock::now() + test_support::kWaitLimit;
+        while (CM::g_crl_counters.joined == joined && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+        server_.Release("/a");
+        Join();
+    }
+
     std::vector<std::thread> threads_;
 };
 
@@ -71,16 +87,18 @@ TEST_F(WaitingTest, AMarkedCrlServesNobodyUntilItsTransferHasLanded) {
     EXPECT_TRUE(Passes(leaf));
     CM::cm_crl_apply_lparams_(false);
     Serve("/a", Crl(Listing(leaf)));
-    server_.Hold("/a");
     const auto check = [&](unsigned) { EXPECT_FALSE(Passes(leaf)); };
-    Start(1, check);
-    ASSERT_TRUE(server_.WaitForRequests("/a", 2));
-    const std::uint64_t joined = CM::g_crl_counters.joined;
-    Start(1, check);
-    const auto limit = std::chrono::steady_clock::now() + test_support::kWaitLimit;
-    while (CM::g_crl_counters.joined == joined && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
-    server_.Release("/a");
-    Join();
+    OneJoinsAnother(check, check);
+}
+
+TEST_F(WaitingTest, AMarkFailsOneCheckAlone) {
+    const Cert leaf = LeafAt("/a");
+    Serve("/a", Crl());
+    EXPECT_TRUE(Passes(leaf));
+    CM::cm_crl_apply_lparams_(false);
+    ServeNothing("/a");
+    OneJoinsAnother([&](unsigned) { EXPECT_FALSE(Passes(leaf)); }, [&](unsigned) { EXPECT_TRUE(Passes(leaf)); });
+    EXPECT_EQ(Transfers(), 2U);
 }
 
 TEST_F(WaitingTest, AMarkThatComesDuringATransferIsForTheNextOne) {
@@ -91,10 +109,29 @@ TEST_F(WaitingTest, AMarkThatComesDuringATransferIsForTheNextOne) {
     Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
     ASSERT_TRUE(server_.WaitForRequests("/a", 2));
     CM::cm_crl_apply_lparams_(false);
+    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 3)) << "what was asked for before will not do";
     server_.Release("/a");
     Join();
-    EXPECT_TRUE(Passes(LeafAt("/a")));
-    EXPECT_EQ(Transfers(), 3U);
+}
+
+TEST_F(WaitingTest, WhatComesAfterAMarkIsKeptAndAskedForAgain) {
+    const Cert leaf = Leaf({server_.Uri("/a"), server_.Uri("/b")});
+    Serve("/b", Crl());
+    EXPECT_TRUE(Passes(LeafAt("/b")));
+    CM::cm_crl_apply_lparams_(false);
+    Serve("/a", Crl(Listing(leaf)));
+    server_.Hold("/a");
+    Start(1, [&](unsigned) { EXPECT_FALSE(Passes(leaf)); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 1));
+    CM::cm_crl_apply_lparams_(false);
+    server_.Release("/a");
+    Join();
+    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
+    ServeNothing("/a");
+    ServeNothing("/b");
+    EXPECT_FALSE(Passes(leaf, kSoft));
+    EXPECT_EQ(server_.Requests("/a"), 2U);
 }
 
 TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {

@@ -120,7 +120,9 @@ TEST_F(LifecycleTest, FinitEmptiesTheStoreAndLeavesNothingQueued) {
     CM::Reload();
     vendor_host::FireInsert(*card);
     EXPECT_EQ(vendor_host::PendingEvents(), 2U);  // the notification and the reload
+    EXPECT_NE(vendor_host::Listener(bridge::kGroupCertificates), nullptr);
     CM::Finit();
+    EXPECT_EQ(vendor_host::Listener(bridge::kGroupCertificates), nullptr);
     EXPECT_EQ(vendor_host::PendingEvents(), 0U);
     EXPECT_EQ(vendor_host::NotificationCount(9), 0U);
     EXPECT_TRUE(store().trustedCerts.empty() && store().keyPairCerts.empty());
