@@ -252,6 +252,9 @@ TEST_F(CrlFailureTest, TroubleWithTheTokenIsNotTheAddresss) {
     token_->Fail(vendor_host::Op::kVerify, 1);
     EXPECT_FALSE(Passes(LeafAt("/a")));
     EXPECT_EQ(Outcomes(), Strings{"Invalid signature"});
+    token_->Fail(vendor_host::Op::kOpenPublic, 1);
+    EXPECT_FALSE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Outcomes(), Strings{"Can't open token to verify signature"});
     token_->SetAlgorithms({});
     EXPECT_FALSE(Passes(LeafAt("/a")));
     EXPECT_EQ(Outcomes(), Strings{"No token to verify signature"});

@@ -139,7 +139,7 @@ class TransferTest : public RevocationTest {
         std::string note;
     };
     static Result Fetch(const std::string& uri, unsigned seconds = 30) {
-        Result result{.data = "before "};
+        Result result{.data = "before ", .content_type = "before"};
         result.received = download_data_from_uri(uri.c_str(), result.data, result.content_type, seconds, &result.note);
         return result;
     }
