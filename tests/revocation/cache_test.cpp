@@ -204,10 +204,17 @@ TEST_F(CrlFailureTest, IsNotRepeatedForAWhile) {
     At(10);
     Ask();
     EXPECT_EQ(server_.Requests("/a"), 3U) << "a clock that was put back";
+    At(40);
+    Serve("/a", Crl(Expired()));
+    Ask();
+    At(20);
+    Ask();
+    EXPECT_EQ(server_.Requests("/a"), 5U) << "forgotten when it answers";
+    ServeNothing("/a");
     SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 0; });
     Ask();
     Ask();
-    EXPECT_EQ(server_.Requests("/a"), 5U) << "0 asks always";
+    EXPECT_EQ(server_.Requests("/a"), 7U) << "0 asks always";
 }
 
 TEST_F(CrlFailureTest, IsForgottenWhenTheParametersChangeOrTheCacheIsEmptied) {

@@ -298,6 +298,7 @@ TEST_F(VerdictTest, ARevocationThatWasSeenIsNotTakenBack) {
     EXPECT_TRUE(vendor_host::Logged(", data[", kMsgCrlTransfer));
     EXPECT_EQ(Outcomes()[0].find("CRL is older than the cached one"), 0U);
     EXPECT_FALSE(Passes(leaf_));
+    EXPECT_EQ(Transfers(), 2U) << "asked once for a mark";
 
     // Nor by another address, while the first is silent.
     ServeNothing(path_);

@@ -25,18 +25,23 @@ class WaitingTest : public RevocationTest {
         threads_.clear();
     }
 
+    /// Starts a check that joins the transfer under way.
+    template <typename Work>
+    void StartJoining(Work work) {
+        const std::uint64_t joined = CM::g_crl_counters.joined;
+        Start(1, work);
+        const auto limit = std::chrono::steady_clock::now() + test_support::kWaitLimit;
+        while (CM::g_crl_counters.joined == joined && std::chrono::steady_clock::now() < limit) {
+            std::this_thread::yield();
+        }
+    }
     /// While the second request of "/a" is under way another check comes to need it.
     template <typename First, typename Second>
     void OneJoinsAnother(First first, Second second) {
         server_.Hold("/a");
         Start(1, first);
         ASSERT_TRUE(server_.WaitForRequests("/a", 2));
-        const std::uint64_t joined = CM::g_crl_counters.joined;
-        Start(1, second);
-        const auto limit = std::chrono::steady_clock::now() + test_support::kWaitLimit;
-        while (CM::g_crl_counters.joined == joined && std::chrono::steady_clock::now() < limit) {
-            std::this_thread::yield();
-        }
+        StartJoining(second);
         server_.Release("/a");
         Join();
     }
@@ -99,6 +104,40 @@ TEST_F(WaitingTest, AMarkFailsOneCheckAlone) {
     ServeNothing("/a");
     OneJoinsAnother([&](unsigned) { EXPECT_FALSE(Passes(leaf)); }, [&](unsigned) { EXPECT_TRUE(Passes(leaf)); });
     EXPECT_EQ(Transfers(), 2U);
+}
+
+TEST_F(WaitingTest, WhatWasUnderWayAtAChangeIsAskedForAgain) {
+    SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
+    unsigned requests = 0;
+    for (const auto& change : {+[] { CM::ClearDownloadedCrlDB(); }, +[] { CM::cm_crl_apply_lparams_(false); }}) {
+        for (const bool good : {false, true}) {
+            good ? Serve("/a", Crl()) : ServeNothing("/a");
+            server_.Hold("/a");
+            Start(1, [&](unsigned) { EXPECT_EQ(Passes(LeafAt("/a")), good); });
+            ASSERT_TRUE(server_.WaitForRequests("/a", ++requests));
+            change();
+            server_.Release("/a");
+            Join();
+            Serve("/a", Crl());
+            EXPECT_TRUE(Passes(LeafAt("/a")));
+            EXPECT_EQ(server_.Requests("/a"), ++requests);
+            CM::ClearDownloadedCrlDB();
+        }
+    }
+}
+
+TEST_F(WaitingTest, ARememberedFailureWaitsForNobody) {
+    SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
+    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
+    Serve("/a", Crl());
+    EXPECT_FALSE(PassesUnder(others, other, kStrict));
+    server_.Hold("/a");
+    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 2));
+    EXPECT_FALSE(PassesUnder(others, other, kStrict)) << "while the other one's transfer hangs";
+    server_.Release("/a");
+    Join();
 }
 
 TEST_F(WaitingTest, AMarkThatComesDuringATransferIsForTheNextOne) {
@@ -167,8 +206,10 @@ TEST_F(WaitingTest, AnswersOfASharedTransferAreJudgedByEachIssuer) {
     const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
     Serve("/a", Crl());
     server_.Hold("/a");
-    Start(1, [&](unsigned) { EXPECT_FALSE(PassesUnder(others, other, kStrict)); });
+    const auto check_others = [&](unsigned) { EXPECT_FALSE(PassesUnder(others, other, kStrict)); };
+    Start(1, check_others);
     ASSERT_TRUE(server_.WaitForRequests("/a", 1));
+    StartJoining(check_others);
     Start(4, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
     server_.Release("/a");
     Join();
