@@ -177,17 +177,22 @@ TEST_F(SignTest, GostSignatureIsReversedForIkev1Alone) {
     std::string reversed(given.rbegin(), given.rend());
     token_->SetAlgorithms({PKI_KEY_GOST2001, PKI_HASH_GOST94});
     token_->OnDigest([](pki_alg_t, const std::string&) { return std::optional(std::string(32, 'h')); });
-    token_->OnSign([&](pki_alg_t, const std::string&, const std::string&) { return std::optional(given); });
+    pki_alg_t asked = 0;
+    token_->OnSign([&](pki_alg_t alg, const std::string&, const std::string&) {
+        asked = alg;
+        return std::optional(given);
+    });
     std::string signature;
     ASSERT_TRUE(CM::IkeSign(cert->get(), "hash", signature, ident_));
     EXPECT_EQ(signature, reversed);
     ASSERT_TRUE(CM::Ike2Sign(cert->get(), 0x09010E, kData, signature, ident_));
     EXPECT_EQ(signature, given);
-    EXPECT_EQ(token_->KeyOperations().back().alg, 0x09010EU);
+    EXPECT_EQ(asked, 0x09010EU);
 
     // The verifier turns the caller's bytes each time.
     std::vector<std::string> seen;
-    token_->OnVerify([&](pki_alg_t, const std::string&, const std::string&, const std::string& got) {
+    token_->OnVerify([&](pki_alg_t alg, const std::string&, const std::string&, const std::string& got) {
+        asked = alg;
         seen.push_back(got);
         return true;
     });
@@ -199,7 +204,7 @@ TEST_F(SignTest, GostSignatureIsReversedForIkev1Alone) {
 
     // IKEv2 with the bare key algorithm, unchanged bytes.
     EXPECT_TRUE(CM::Ike2Verify(cert->get(), 270, kData, given, ident_));
-    EXPECT_EQ(token_->KeyOperations().back().alg, 0x09010EU);
+    EXPECT_EQ(asked, 0x09010EU);
     EXPECT_EQ(seen.back(), given);
 }
 
@@ -274,10 +279,10 @@ TEST_F(SignTest, SigningFailuresNameTokenCertificateAndAlgorithm) {
 
     // A token that is not logged in fails at the session.
     vendor_host::ClearMessages();
-    token_->RequireLogin("1234");
+    token_->EditInfo([](PKCS11::TokenInfo& info) { info.loginRequired = true; });
     EXPECT_FALSE(v1());
     EXPECT_EQ(OnlyMessage(4).rfind("Can't open private session on token", 0), 0U);
-    token_->SetLoggedIn(true);
+    token_->EditInfo([](PKCS11::TokenInfo& info) { info.loggedIn = true; });
     EXPECT_TRUE(v1());
 }
 

@@ -94,28 +94,6 @@ TEST_F(CrlCacheTest, ListsInTheOrderOfTheAddresses) {
     }) << "nothing beside the records";
 }
 
-// The order of the fields is the bridge's.
-TEST_F(CrlCacheTest, ARecordHasItsFieldsInOrder) {
-    const CRLInfo info{.id = "i",
-                       .issuer = "CN",
-                       .thisUpdate = 0x0102,
-                       .nextUpdate = CERT_TIME_UNKNOWN,
-                       .signAlg = 0x040001,
-                       .crlNumber = "0A",
-                       .deltaCrlIndicator = ""};
-    std::string bytes;
-    CommandStreamOut out(bytes);
-    sync(out, info);
-    EXPECT_EQ(TO_HEX_STD_STRING(bytes),
-              "0100000069"
-              "02000000434e"
-              "0201000000000000"
-              "ffffffffffffffff"
-              "01000400"
-              "020000003041"
-              "00000000");
-}
-
 TEST_F(CrlCacheTest, DeletesTheFirstOneThatFits) {
     Fill("/a", {.number = "\x01"});
     Fill("/b", {.number = "\x02"});

@@ -262,15 +262,6 @@ TEST_F(TransferTest, TheTimeOutHoldsForTheWholeTransfer) {
     }
 }
 
-TEST_F(TransferTest, AnswersThatEndEarlyFail) {
-    server_.Set("/short", {.body = "crl", .claimed_length = 1000});
-    EXPECT_EQ(FetchPath("/short").note, "Transferred a partial file");
-    server_.Set("/cut", {.body = "crl", .close_after = 20});
-    EXPECT_FALSE(FetchPath("/cut").received);
-    server_.Set("/long", {.body = "crl and more", .claimed_length = 3});
-    EXPECT_EQ(FetchPath("/long").data, "before crl");
-}
-
 // --- LDAP by hand ---
 
 constexpr std::string_view kBindAnswer("\x30\x0c\x02\x01\x01\x61\x07\x0a\x01\x00\x04\x00\x04\x00", 14);

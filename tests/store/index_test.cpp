@@ -92,26 +92,4 @@ TEST_F(IndexTest, LookUpsEqualTheOrderedWalkOnRandomLists) {
     }
 }
 
-TEST_F(IndexTest, ListsHandOverTheirEntries) {
-    List list;
-    list.Adopt(new CM::X509Cert(Token(1), {.id = "a", .value = "junk"}));
-    list.Adopt(new CM::X509Cert(Token(1), {.id = "b", .value = "junk"}));
-    list.Reindex();
-    const CM::MutableCertRef held(list[1]);
-    List target;
-    target.Adopt(new CM::X509Cert(Token(2), {.id = "c", .value = "junk"}));
-    target.Reindex();
-    target.ClearAndSwap(list);
-    EXPECT_TRUE(list.empty());
-    EXPECT_EQ(list.PositionOf(held.get()), List::npos);
-    EXPECT_EQ(target.PositionOf(held.get()), 1U);
-
-    store().otherCerts.ClearAndSwap(target);
-    const CM::CertStorage::CopyCertificates copy(store(), store().otherCerts);
-    store().ClearAll();
-    EXPECT_EQ(copy.size(), 2U);
-    EXPECT_EQ(copy[1], held.get());
-    EXPECT_TRUE(store().otherCerts.WithSubject(copy[0]->info.subject).empty());
-}
-
 }  // namespace

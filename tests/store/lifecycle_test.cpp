@@ -1,5 +1,4 @@
 // Start, stop and token events.
-#include <cstdlib>
 #include <thread>
 
 #include "store_fixture.h"
@@ -38,13 +37,6 @@ class LifecycleTest : public StoreTest {
     static const inline Strings kEverything{"certificates", "keys", "crls"};
     std::shared_ptr<vendor_host::Token> card;
 };
-
-TEST_F(LifecycleTest, EventsBeforeTheFirstReloadAreIgnored) {
-    vendor_host::FireInsert(*card);
-    EXPECT_EQ(vendor_host::PendingEvents(), 0U);
-    CM::Reload();
-    EXPECT_EQ(store().trustedCerts.size(), 1U);
-}
 
 TEST_F(LifecycleTest, SingleReloadsWorkInTheStoppedStateAndLeaveItStopped) {
     store().ReloadCertificates();
@@ -211,21 +203,5 @@ TEST_F(LifecycleTest, NothingThatIsReadDuringTheStopRemains) {
 }
 
 using LifecycleDeathTest = LifecycleTest;
-
-TEST_F(LifecycleDeathTest, ProcessMayEndWithoutFinit) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            CM::Reload();
-            vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
-            const auto gate = std::make_shared<vendor_host::Gate>();
-            card->Block(Op::kEnumCertificates, gate);
-            vendor_host::FireInsert(*card);
-            if (!gate->WaitForArrivals(1)) std::abort();
-            std::thread([gate] { gate->Open(); }).detach();
-            std::exit(0);
-        },
-        testing::ExitedWithCode(0), "");
-}
 
 }  // namespace

@@ -93,11 +93,4 @@ TEST_F(LogTest, LongValuesAreCutBetweenCharacters) {
         << text;
 }
 
-TEST_F(LogTest, KindsHaveNames) {
-    EXPECT_STREQ(CM::CertKindText(kCertKindPersonal), "personal");
-    EXPECT_STREQ(CM::CertKindText(kCertKindPeer), "income");
-    EXPECT_STREQ(CM::CertKindText(kCertKindMalformed), "malformed");
-    EXPECT_STREQ(CM::CertKindText(7), "undefined");
-}
-
 }  // namespace

@@ -35,21 +35,6 @@ class ObjectTest : public StoreTest {
     }
 };
 
-TEST_F(ObjectTest, TokenObjectIsDescribed) {
-    const auto root = MakeCa("CN=Root");
-    const auto leaf = MakeLeaf("CN=host", root);
-    const auto cert = FromToken({.id = "\x01\xAB", .value = leaf.der, .keyNotAfter = 77});
-    EXPECT_EQ(cert->info.id, "\x01\xAB");
-    EXPECT_EQ(cert->info.subject, "CN=host");
-    EXPECT_EQ(cert->rawCert, leaf.der);
-    EXPECT_EQ(cert->rawPubKey, leaf.spki);
-    EXPECT_EQ(cert->pubKeyHash.size(), 20U);
-    EXPECT_EQ(cert->rawSubject, leaf.subject_der);
-    EXPECT_EQ(cert->privKeyNotAfter, 77U);
-    EXPECT_FALSE(cert->selfSigned);
-    EXPECT_TRUE(FromDer(root.der)->selfSigned);
-}
-
 TEST_F(ObjectTest, ObjectsWithoutCertificateAreNamedByTheirIdentifier) {
     const auto key_pair =
         FromToken({.id = "\x01\xAB", .category = PKCS11::kKeyPairCategory, .keyAlg = PKI_KEY_RSA, .keyNotAfter = 5});
@@ -278,57 +263,6 @@ TEST_F(ObjectTest, VerificationTellsTroubleFromABadSignature) {
     EXPECT_EQ(third->Calls(vendor_host::Op::kVerify), 1U);
     third->Fail(vendor_host::Op::kDigest);
     EXPECT_EQ(root->CheckSignature(root.get()), CM::kSignatureDigestError);
-}
-
-TEST_F(ObjectTest, SigningWrapsTheDigestForRsaAlone) {
-    const auto token = vendor_host::AddToken("card");
-    const auto rsa = test_pki::MakeKey(test_pki::KeyType::kRsa2048);
-    const auto ec = test_pki::MakeKey(test_pki::KeyType::kEcP256);
-    const auto ed = test_pki::MakeKey(test_pki::KeyType::kEd25519);
-    token->AddKeyPair("rsa", rsa);
-    token->AddKeyPair("ec", ec);
-    token->AddKeyPair("ed", ed);
-    struct Case {
-        const char* id;
-        pki_alg_t key;
-        pki_alg_t hash;
-        std::size_t input;  // bytes that reach the key
-    };
-    const std::string data(100, 'x');
-    const Case cases[] = {
-        {"rsa", PKI_KEY_RSA, PKI_HASH_SHA256, 51},
-        {"ec", PKI_KEY_EC, PKI_HASH_SHA256, 32},
-        {"ed", PKI_KEY_ED25519, PKI_HASH_NONE, 100},
-    };
-    PKCS11::TokenSession session(token->Info());
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.id);
-        std::string signature;
-        EXPECT_EQ(CM::X509Cert_Sign(session, c.id, c.key, c.hash, data, signature), 2);
-        const auto operation = token->KeyOperations().back();
-        EXPECT_EQ(operation.op, vendor_host::Op::kSign);
-        EXPECT_EQ(operation.alg, c.key | c.hash);
-        EXPECT_EQ(operation.input.size(), c.input);
-    }
-    std::string signature = "kept";
-    EXPECT_EQ(CM::X509Cert_Sign(session, "ec", PKI_KEY_EC, 0, data, signature), 0);
-    EXPECT_EQ(CM::X509Cert_Sign(session, "none", PKI_KEY_EC, PKI_HASH_SHA256, data, signature), 1);
-}
-
-TEST_F(ObjectTest, CrlObjectsAreDescribed) {
-    const auto root = MakeCa("CN=Root");
-    const std::string der = test_pki::MakeCrl({.entries = {{.serial = "\x05"}}, .number = "\x1F"}, root);
-    const CM::X509CRL crl(PKCS11::TokenInfo{}, {.id = "i", .value = der});
-    EXPECT_EQ(crl.info.id, "i");
-    EXPECT_EQ(crl.info.issuer, "CN=Root");
-    EXPECT_EQ(crl.rawCrl(), der);
-    ASSERT_EQ(crl.revoked().size(), 1U);
-    EXPECT_EQ(crl.revoked()[0].serialNumber, "05");
-
-    CM::X509CRL malformed(PKCS11::TokenInfo{}, {.id = "i", .value = der.substr(1)});
-    EXPECT_EQ(malformed.info.issuer, "CRL object of unknown format");
-    EXPECT_EQ(malformed.crlHandle, nullptr);
-    EXPECT_EQ(malformed.CheckSignature(nullptr), CM::kSignatureWrong);
 }
 
 }  // namespace

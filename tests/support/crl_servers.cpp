@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tests/support/der.h"
 #include "tests/support/pki.h"
 #include "tests/support/sockets.h"
 
@@ -59,19 +58,6 @@ void Ask(std::uint16_t port, const std::string& request) {
     WaitForHangUp(socket);
     close(socket);
 }
-
-/// An anonymous search for an entry and the end of the session. RFC 4511, 4.5.1 and 4.3.
-std::string LdapSearch(const std::string& base) {
-    const std::string zero = der::Integer(0);
-    const auto enumerated = [](char value) { return der::Tlv(0x0A, std::string(1, value)); };
-    const std::string search = der::OctetString(base) + enumerated(0) + enumerated(0) + zero + zero +
-                               der::Boolean(false) + der::Implicit(7, "objectClass") + der::Sequence({});
-    return der::Sequence(der::Integer(1) + der::Tlv(0x63, search)) +
-           der::Sequence(der::Integer(2) + der::Tlv(0x42, {}));
-}
-
-/// How the log of slapd begins the line of a search.
-constexpr const char* kSearchLine = " SRCH base=";
 
 /// A server that ends with this process, however that ends, if the thread that starts it is still there.
 std::unique_ptr<Process> StartServer(std::vector<std::string> command, const std::string& ready) {
@@ -205,19 +191,6 @@ std::string SlapdServer::Uri(const std::string& cn, const std::string& attribute
 
 std::string SlapdServer::TlsUri(const std::string& cn) const {
     return tls_port_.Uri("ldaps", "/cn=" + cn + "," + kSuffix + "?" + kBinaryCrl + "?base");
-}
-
-bool SlapdServer::WaitForSearches(unsigned count) const {
-    return process_->WaitForOutput(kSearchLine, kWaitLimit, count);
-}
-
-unsigned SlapdServer::Searches() const {
-    const std::string base = "cn=counted";
-    Ask(port_.number(), LdapSearch(base));
-    const std::string line = kSearchLine + ('"' + base);
-    if (!process_->WaitForOutput(line)) throw std::runtime_error("slapd was not asked");
-    const std::string log = process_->Err();
-    return CountOf(log.substr(0, log.find(line)), kSearchLine);
 }
 
 }  // namespace test_support

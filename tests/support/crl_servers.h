@@ -105,10 +105,6 @@ class SlapdServer {
     /// Asks for certificateRevocationList;binary of the entry with that common name, or for what is given.
     std::string Uri(const std::string& cn, const std::string& attributes = kBinaryCrl) const;
     std::string TlsUri(const std::string& cn) const;
-    /// Waits until that many searches have come in.
-    bool WaitForSearches(unsigned count) const;
-    /// Searches that came in so far. Makes one itself; to be called once.
-    unsigned Searches() const;
 
     static constexpr const char* kBinaryCrl = "certificateRevocationList;binary";
 
@@ -167,7 +163,6 @@ class HostileServer {
     unsigned Requests(const std::string& path) const;
     /// Waits until that many requests for the path have come in since the start.
     bool WaitForRequests(const std::string& path, unsigned count);
-    bool WaitForConnections(unsigned count);
     /// Waits until no connection is open: every answer was sent or the client has hung up.
     bool WaitForIdle();
 

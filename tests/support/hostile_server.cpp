@@ -81,10 +81,6 @@ bool HostileServer::WaitForRequests(const std::string& path, unsigned count) {
     });
 }
 
-bool HostileServer::WaitForConnections(unsigned count) {
-    return state_.WaitUntil([&](const State& state) { return state.counts.connections >= count; });
-}
-
 bool HostileServer::WaitForIdle() {
     return state_.WaitUntil([](const State& state) { return state.sockets.empty(); });
 }

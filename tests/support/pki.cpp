@@ -85,10 +85,9 @@ void AddConf(std::vector<Extension>& out, const std::string& name, const std::st
 std::vector<Extension> Extensions(const CertSpec& spec, const Cert& cert, const Cert& issuer) {
     std::vector<Extension> out;
     if (spec.ca) {
-        out.push_back(
-            {"basicConstraints", spec.basic_constraints_critical, BasicConstraintsDer(*spec.ca, spec.path_len)});
+        out.push_back({"basicConstraints", true, BasicConstraintsDer(*spec.ca, spec.path_len)});
     }
-    AddConf(out, "keyUsage", spec.key_usage, spec.key_usage_critical);
+    AddConf(out, "keyUsage", spec.key_usage, true);
     AddConf(out, "extendedKeyUsage", Joined(spec.eku));
     if (!spec.san.empty()) out.push_back({"subjectAltName", false, der::Sequence(GeneralNames(spec.san))});
     if (spec.ski.bytes()) out.push_back({"subjectKeyIdentifier", false, der::OctetString(cert.key_id)});

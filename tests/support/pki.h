@@ -108,7 +108,6 @@ struct SignWith {
     std::string digest{};  // libcrypto's name, "SHA256"; empty: SHA256, SHA384 for P-384, SHA512 for P-521
     bool pss = false;  // RSASSA-PSS
     int pss_salt = -1;  // bytes; -1: as long as the digest
-    std::string pss_mgf_digest{};  // empty: the digest
 };
 
 struct CertSpec {
@@ -124,9 +123,7 @@ struct CertSpec {
 
     std::optional<bool> ca{};  // basicConstraints; absent: no extension
     int path_len = -1;
-    bool basic_constraints_critical = true;
     std::string key_usage{};  // "digitalSignature, keyCertSign" in libcrypto's words; empty: no extension
-    bool key_usage_critical = true;
     std::vector<std::string> eku{};  // names libcrypto knows ("ipsecIKE", "serverAuth") or dotted
     std::vector<std::string> san{};  // as GeneralName takes them
     KeyId ski = KeyId::Auto();

@@ -88,10 +88,6 @@ const EVP_MD* DigestOf(const Key& key, const SignWith& with) {
     return digest;
 }
 
-const EVP_MD* MgfDigestOf(const EVP_MD* digest, const SignWith& with) {
-    return with.pss_mgf_digest.empty() ? digest : EVP_get_digestbyname(with.pss_mgf_digest.c_str());
-}
-
 int SaltOf(const EVP_MD* digest, const SignWith& with) {
     return with.pss_salt < 0 ? EVP_MD_get_size(digest) : with.pss_salt;
 }
@@ -102,12 +98,11 @@ std::string HashAlgorithm(const EVP_MD* digest) {
 
 /// RFC 4055, 3.1; members that equal their default (SHA-1, 20 bytes) are left out, as DER wants.
 std::string PssParameters(const EVP_MD* digest, const SignWith& with) {
-    const EVP_MD* mgf_digest = MgfDigestOf(digest, with);
     const int salt = SaltOf(digest, with);
     std::string content;
-    if (EVP_MD_get_type(digest) != NID_sha1) content += der::Explicit(0, HashAlgorithm(digest));
-    if (EVP_MD_get_type(mgf_digest) != NID_sha1) {
-        content += der::Explicit(1, der::Sequence(der::Oid("mgf1") + HashAlgorithm(mgf_digest)));
+    if (EVP_MD_get_type(digest) != NID_sha1) {
+        content += der::Explicit(0, HashAlgorithm(digest)) +
+                   der::Explicit(1, der::Sequence(der::Oid("mgf1") + HashAlgorithm(digest)));
     }
     if (salt != 20) content += der::Explicit(2, der::Integer(static_cast<std::uint64_t>(salt)));
     return der::Sequence(content);
@@ -117,7 +112,7 @@ void SetPss(EVP_PKEY_CTX* context, const EVP_MD* digest, const SignWith& with) {
     if (!with.pss) return;
     Check(EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
               EVP_PKEY_CTX_set_rsa_pss_saltlen(context, SaltOf(digest, with)) == 1 &&
-              EVP_PKEY_CTX_set_rsa_mgf1_md(context, MgfDigestOf(digest, with)) == 1,
+              EVP_PKEY_CTX_set_rsa_mgf1_md(context, digest) == 1,
           "RSASSA-PSS parameters");
 }
 

@@ -42,7 +42,6 @@ class Process {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    bool started() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }
     /// Signals this process alone, while it runs.
     void Kill(int signal = SIGKILL);

@@ -33,18 +33,7 @@ bool Manager::GetKeyPairGenMechanisms(const TokenInfo& token, std::vector<KeyPai
     if (state == nullptr) return false;
     const std::lock_guard lock(state->mutex);
     if (!state->present) return false;
-    if (state->key_generation) {
-        std::tie(mechanisms, digests) = *state->key_generation;
-        return true;
-    }
-    for (const KeyPairGenMechanism& mechanism :
-         {KeyPairGenMechanism{PKI_KEY_RSA, 1024, 4096}, KeyPairGenMechanism{PKI_KEY_DSA, 1024, 1024},
-          KeyPairGenMechanism{PKI_KEY_EC, 256, 521}, KeyPairGenMechanism{PKI_KEY_ED25519, 256, 256}}) {
-        if (state->Offers(mechanism.keyAlg, true)) mechanisms.push_back(mechanism);
-    }
-    for (const pki_alg_t hash : {PKI_HASH_SHA1, PKI_HASH_SHA224, PKI_HASH_SHA256, PKI_HASH_SHA384, PKI_HASH_SHA512}) {
-        if (state->Offers(hash, true)) digests.push_back(hash);
-    }
+    std::tie(mechanisms, digests) = state->key_generation;
     return true;
 }
 

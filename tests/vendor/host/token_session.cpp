@@ -27,7 +27,7 @@ struct TokenSession::Impl {
     /// Counts the operation, waits at its gate, and gives the token's lock when the operation may go on.
     Lock Begin(Op op, const char* function);
     void Report(const char* function, const char* result) const;
-    /// Login by a PIN; says whether the user is logged in now.
+    /// Whether a session of that kind may open; a PIN is the security officer's.
     bool Login_unlocked_(OpenType type, const std::string* pin);
 };
 
@@ -70,25 +70,16 @@ bool TokenSession::Impl::Login_unlocked_(OpenType type, const std::string* pin) 
         is_security_officer = pin != nullptr && !pin->empty() && *pin == token->security_officer_pin.get();
         return pin == nullptr || pin->empty() || is_security_officer;
     }
-    if (!token->info.loginRequired || token->info.loggedIn) return true;
-    token->info.loggedIn = pin != nullptr && *pin == token->pin.get();
-    return token->info.loggedIn;
+    return !token->info.loginRequired || token->info.loggedIn;
 }
 
 bool TokenSession::Impl::Open(OpenType type, const std::string* pin) {
-    TokenInfo logged_in;
-    {
-        const Lock lock = Begin(type == kPublic ? Op::kOpenPublic : Op::kOpenPrivate, "C_OpenSession");
-        if (!lock) return false;
-        const bool before = token->info.loggedIn;
-        login_failed = !Login_unlocked_(type, pin);
-        if (login_failed) return false;
-        ++token->open_sessions;
-        opened = true;
-        if (before == token->info.loggedIn) return true;
-        logged_in = token->info;
-    }
-    Callbacks.tokenLogin(logged_in, true);
+    const Lock lock = Begin(type == kPublic ? Op::kOpenPublic : Op::kOpenPrivate, "C_OpenSession");
+    if (!lock) return false;
+    login_failed = !Login_unlocked_(type, pin);
+    if (login_failed) return false;
+    ++token->open_sessions;
+    opened = true;
     return true;
 }
 
@@ -163,7 +154,6 @@ bool TokenSession::Digest(pki_alg_t alg, const std::string& data, std::string& d
     {
         const Lock lock = impl_->Begin(Op::kDigest, "C_Digest");
         if (!lock) return false;
-        impl_->token->Note({Op::kDigest, alg, {}, data, {}});
         digester = impl_->token->digester;
     }
     std::optional<std::string> made = digester ? digester(alg, data) : vendor_host::DigestOf(alg, data);
@@ -184,10 +174,6 @@ bool TokenSession::Sign(pki_alg_t alg, const std::string& id, const std::string&
         signer = impl_->token->signer;
     }
     std::optional<std::string> made = signer ? signer(alg, id, digest) : vendor_host::SignDigest(key, alg, digest);
-    {
-        const Lock lock(impl_->token->mutex);
-        impl_->token->Note({Op::kSign, alg, id, digest, made.value_or("")});
-    }
     if (!made) return false;
     signature = std::move(*made);
     return true;
@@ -199,7 +185,6 @@ bool TokenSession::Verify(pki_alg_t alg, const std::string& spki, const std::str
     {
         const Lock lock = impl_->Begin(Op::kVerify, "C_Verify");
         if (!lock) return false;
-        impl_->token->Note({Op::kVerify, alg, spki, digest, signature});
         verifier = impl_->token->verifier;
     }
     if (verifier) return verifier(alg, spki, digest, signature);
@@ -207,11 +192,7 @@ bool TokenSession::Verify(pki_alg_t alg, const std::string& spki, const std::str
 }
 
 bool TokenSession::VerifyDecrypt(const std::string& spki, const std::string& signature, std::string& block) {
-    {
-        const Lock lock = impl_->Begin(Op::kVerifyDecrypt, "C_Encrypt");
-        if (!lock) return false;
-        impl_->token->Note({Op::kVerifyDecrypt, PKI_KEY_RSA, spki, {}, signature});
-    }
+    if (!impl_->Begin(Op::kVerifyDecrypt, "C_Encrypt")) return false;
     std::optional<std::string> recovered = vendor_host::RecoverBlock(vendor_host::KeyFromSpki(spki), signature);
     if (!recovered) return false;
     block = std::move(*recovered);
@@ -224,10 +205,8 @@ bool TokenSession::SeedRandom(const std::string&) {
 
 // --- Objects made ---
 
-namespace {
-
 /// Adds one half of a key pair, or both, to what the token has under that identifier.
-void PutKeyPart_unlocked_(State& token, const std::string& id, KeyPair pair) {
+static void PutKeyPart_unlocked_(State& token, const std::string& id, KeyPair pair) {
     const auto found = token.keys.find(id);
     if (found != token.keys.end() && found->second.spki == pair.spki) {
         pair.has_private |= found->second.has_private;
@@ -238,19 +217,10 @@ void PutKeyPart_unlocked_(State& token, const std::string& id, KeyPair pair) {
     token.PutKey(id, std::move(pair));
 }
 
-bool PutPrivateKey_unlocked_(State& token, const KeyPtr& key, pki_alg_t alg, const std::string& id, bool exportable,
-                             cert_time64_t not_after) {
-    if (key == nullptr || vendor_host::KeyAlgOf(key) != alg) return false;
-    PutKeyPart_unlocked_(token, id, {key, alg, vendor_host::SpkiOf(key), not_after, true, false, exportable});
-    return true;
-}
-
-}  // namespace
-
 bool TokenSession::GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable) {
     const Lock lock = impl_->Begin(Op::kGenerateKeyPair, "C_GenerateKeyPair");
     if (!lock) return false;
-    const KeyPtr key = vendor_host::GenerateKey(keyAlg, bits);
+    const KeyPtr key = keyAlg == PKI_KEY_EC ? vendor_host::GenerateEcKey(bits) : nullptr;
     if (key == nullptr) return false;
     PutKeyPart_unlocked_(*impl_->token, id,
                          {key, keyAlg, vendor_host::SpkiOf(key), CERT_TIME_UNKNOWN, true, true, exportable});
@@ -271,8 +241,11 @@ bool TokenSession::CreateCertObject(const CertObject& object, const std::string&
 bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der,
                                        bool exportable, cert_time64_t not_after) {
     const Lock lock = impl_->Begin(Op::kCreatePrivateKey, "C_CreateObject");
-    return lock && PutPrivateKey_unlocked_(*impl_->token, vendor_host::KeyFromPkcs8(pkcs8_der), keyAlg, id, exportable,
-                                           not_after);
+    const KeyPtr key = vendor_host::KeyFromPkcs8(pkcs8_der);
+    if (!lock || key == nullptr || vendor_host::KeyAlgOf(key) != keyAlg) return false;
+    PutKeyPart_unlocked_(*impl_->token, id,
+                         {key, keyAlg, vendor_host::SpkiOf(key), not_after, true, false, exportable});
+    return true;
 }
 
 bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki, cert_time64_t) {
@@ -282,12 +255,9 @@ bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, c
     return true;
 }
 
-bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey& key, pki_alg_t keyAlg, const std::string& id,
-                                       bool exportable) {
-    const Lock lock = impl_->Begin(Op::kImportPrivateKey, "C_UnwrapKey");
-    return lock && PutPrivateKey_unlocked_(*impl_->token,
-                                           vendor_host::KeyFromEncrypted(key.encryptedKeyInfoDer, key.password.get()),
-                                           keyAlg, id, exportable, CERT_TIME_UNKNOWN);
+/// These tokens unwrap nothing.
+bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey&, pki_alg_t, const std::string&, bool) {
+    return false;
 }
 
 bool TokenSession::CreateCRLObject(const std::string& id, const std::string& crl_der) {

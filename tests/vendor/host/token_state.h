@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -36,8 +35,8 @@ struct Token::State {
     PKCS11::TokenInfo info;
     bool present = true;
     std::optional<std::set<pki_alg_t>> algorithms;
-    std::optional<std::pair<std::vector<PKCS11::KeyPairGenMechanism>, std::vector<pki_alg_t>>> key_generation;
-    vpnfc::SecretString pin;
+    std::pair<std::vector<PKCS11::KeyPairGenMechanism>, std::vector<pki_alg_t>> key_generation{{{PKI_KEY_EC, 256, 521}},
+                                                                                               {PKI_HASH_SHA256}};
     vpnfc::SecretString security_officer_pin;
     unsigned open_sessions = 0;
 
@@ -51,7 +50,6 @@ struct Token::State {
     Digester digester;
     Signer signer;
     Verifier verifier;
-    std::deque<KeyOperation> history;
 
     Behaviour& At(Op op) { return ops[static_cast<std::size_t>(op)]; }
     /// Whether the token offers an algorithm, by the rule of Manager::EnumTokens (whole = false: a signature algorithm
@@ -61,7 +59,6 @@ struct Token::State {
     void DropKey(const std::string& id);
     /// Certificates in order, then key pairs without one.
     std::vector<PKCS11::CertObject> ListCerts() const;
-    void Note(KeyOperation operation);
 };
 
 /// State of the listed token of that identifier, or null.

@@ -20,8 +20,6 @@ namespace vendor_host {
 
 namespace {
 
-constexpr std::size_t kHistoryLength = 256;
-
 struct TokenList {
     std::mutex mutex;
     std::vector<std::shared_ptr<Token>> tokens;
@@ -100,11 +98,6 @@ std::vector<PKCS11::CertObject> Token::State::ListCerts() const {
         objects.push_back(std::move(object));
     }
     return objects;
-}
-
-void Token::State::Note(KeyOperation operation) {
-    if (history.size() == kHistoryLength) history.pop_front();
-    history.push_back(std::move(operation));
 }
 
 std::shared_ptr<Token::State> FindState(std::uint64_t id) {
@@ -243,19 +236,7 @@ void Token::SetAlgorithms(std::set<pki_alg_t> algorithms) {
 
 void Token::SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests) {
     const std::lock_guard lock(state_->mutex);
-    state_->key_generation.emplace(std::move(mechanisms), std::move(digests));
-}
-
-void Token::RequireLogin(const std::string& pin) {
-    const std::lock_guard lock(state_->mutex);
-    state_->pin = vpnfc::SecretString(std::string_view(pin));
-    state_->info.loginRequired = true;
-    state_->info.loggedIn = false;
-}
-
-void Token::SetLoggedIn(bool logged_in) {
-    const std::lock_guard lock(state_->mutex);
-    state_->info.loggedIn = logged_in;
+    state_->key_generation = {std::move(mechanisms), std::move(digests)};
 }
 
 void Token::SetSecurityOfficerPin(const std::string& pin) {
@@ -301,12 +282,6 @@ unsigned Token::Calls(Op op) const {
 void Token::ClearCalls() {
     const std::lock_guard lock(state_->mutex);
     for (Behaviour& behaviour : state_->ops) behaviour.calls = 0;
-    state_->history.clear();
-}
-
-std::vector<KeyOperation> Token::KeyOperations() const {
-    const std::lock_guard lock(state_->mutex);
-    return {state_->history.begin(), state_->history.end()};
 }
 
 unsigned Token::OpenSessions() const {

@@ -2,7 +2,6 @@
 
 #include <openssl/dsa.h>
 #include <openssl/err.h>
-#include <openssl/pkcs12.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
@@ -47,22 +46,13 @@ std::string Encoded(T* object, Encode encode) {
 }
 
 const EVP_MD* HashOf(pki_alg_t alg) {
-    switch (alg & PKI_HASH_MASK) {
-        case PKI_HASH_SHA1:
-            return EVP_sha1();
-        case PKI_HASH_SHA224:
-            return EVP_sha224();
-        case PKI_HASH_SHA256:
-            return EVP_sha256();
-        case PKI_HASH_SHA384:
-            return EVP_sha384();
-        case PKI_HASH_SHA512:
-            return EVP_sha512();
-        case PKI_HASH_MD5:
-            return EVP_md5();
-        default:
-            return nullptr;
+    const std::pair<pki_alg_t, const EVP_MD*> hashes[] = {
+        {PKI_HASH_SHA1, EVP_sha1()},     {PKI_HASH_SHA224, EVP_sha224()}, {PKI_HASH_SHA256, EVP_sha256()},
+        {PKI_HASH_SHA384, EVP_sha384()}, {PKI_HASH_SHA512, EVP_sha512()}, {PKI_HASH_MD5, EVP_md5()}};
+    for (const auto& [code, hash] : hashes) {
+        if (code == (alg & PKI_HASH_MASK)) return hash;
     }
+    return nullptr;
 }
 
 bool IsPss(pki_alg_t alg) {
@@ -126,36 +116,17 @@ std::string CanonicalDsa(const std::string& signature) {
     return Encoded(parts.get(), i2d_DSA_SIG);
 }
 
-KeyPtr GenerateDsa(unsigned bits) {
-    const KeyContext for_parameters(EVP_PKEY_CTX_new_id(EVP_PKEY_DSA, nullptr));
-    EVP_PKEY* parameters = nullptr;
-    if (EVP_PKEY_paramgen_init(for_parameters.get()) != 1 ||
-        EVP_PKEY_CTX_set_dsa_paramgen_bits(for_parameters.get(), static_cast<int>(bits)) != 1 ||
-        EVP_PKEY_paramgen(for_parameters.get(), &parameters) != 1) {
-        return nullptr;
-    }
-    const KeyPtr owned = Adopt(parameters);
-    const KeyContext for_key(EVP_PKEY_CTX_new(parameters, nullptr));
-    EVP_PKEY* key = nullptr;
-    if (EVP_PKEY_keygen_init(for_key.get()) == 1) EVP_PKEY_keygen(for_key.get(), &key);
-    return Adopt(key);
-}
-
 }  // namespace
 
 pki_alg_t KeyAlgOf(const KeyPtr& key) {
-    switch (EVP_PKEY_get_base_id(key.get())) {
-        case EVP_PKEY_RSA:
-            return PKI_KEY_RSA;
-        case EVP_PKEY_DSA:
-            return PKI_KEY_DSA;
-        case EVP_PKEY_EC:
-            return PKI_KEY_EC;
-        case EVP_PKEY_ED25519:
-            return PKI_KEY_ED25519;
-        default:
-            return 0;
+    const std::pair<int, pki_alg_t> algorithms[] = {{EVP_PKEY_RSA, PKI_KEY_RSA},
+                                                    {EVP_PKEY_DSA, PKI_KEY_DSA},
+                                                    {EVP_PKEY_EC, PKI_KEY_EC},
+                                                    {EVP_PKEY_ED25519, PKI_KEY_ED25519}};
+    for (const auto& [id, alg] : algorithms) {
+        if (id == EVP_PKEY_get_base_id(key.get())) return alg;
     }
+    return 0;
 }
 
 std::string SpkiOf(const KeyPtr& key) {
@@ -173,32 +144,13 @@ KeyPtr KeyFromPkcs8(const std::string& pkcs8) {
     return Adopt(info == nullptr ? nullptr : EVP_PKCS82PKEY(info.get()));
 }
 
-KeyPtr KeyFromEncrypted(const std::string& encrypted, const std::string& password) {
-    const unsigned char* data = Bytes(encrypted);
-    const Owned<X509_SIG, X509_SIG_free> box(d2i_X509_SIG(nullptr, &data, static_cast<long>(encrypted.size())));
-    const KeyInfo info(box == nullptr ? nullptr
-                                      : PKCS8_decrypt(box.get(), password.data(), static_cast<int>(password.size())));
-    return Adopt(info == nullptr ? nullptr : EVP_PKCS82PKEY(info.get()));
-}
-
 std::string Pkcs8Of(const KeyPtr& key) {
     const KeyInfo info(EVP_PKEY2PKCS8(key.get()));
     return info == nullptr ? std::string() : Encoded(info.get(), i2d_PKCS8_PRIV_KEY_INFO);
 }
 
-KeyPtr GenerateKey(pki_alg_t key_alg, unsigned bits) {
-    switch (key_alg) {
-        case PKI_KEY_RSA:
-            return Adopt(EVP_RSA_gen(bits));
-        case PKI_KEY_DSA:
-            return GenerateDsa(bits);
-        case PKI_KEY_EC:
-            return Adopt(EVP_EC_gen(bits == 384 ? "P-384" : bits == 521 ? "P-521" : "P-256"));
-        case PKI_KEY_ED25519:
-            return Adopt(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
-        default:
-            return nullptr;
-    }
+KeyPtr GenerateEcKey(unsigned bits) {
+    return Adopt(EVP_EC_gen(bits == 384 ? "P-384" : bits == 521 ? "P-521" : "P-256"));
 }
 
 std::optional<std::string> DigestOf(pki_alg_t alg, const std::string& data) {

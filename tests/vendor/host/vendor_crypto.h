@@ -19,11 +19,9 @@ std::string SpkiOf(const KeyPtr& key);
 /// Null when libcrypto cannot read it.
 KeyPtr KeyFromSpki(const std::string& spki);
 KeyPtr KeyFromPkcs8(const std::string& pkcs8);
-/// EncryptedPrivateKeyInfo under a password.
-KeyPtr KeyFromEncrypted(const std::string& encrypted, const std::string& password);
 /// PrivateKeyInfo, DER; empty on failure. The caller wipes it.
 std::string Pkcs8Of(const KeyPtr& key);
-KeyPtr GenerateKey(pki_alg_t key_alg, unsigned bits);
+KeyPtr GenerateEcKey(unsigned bits);
 
 /// Digest by the hash part of the code; for "no digest" the data itself; nullopt for a hash libcrypto lacks.
 std::optional<std::string> DigestOf(pki_alg_t alg, const std::string& data);

@@ -119,7 +119,6 @@ enum class Op : std::uint8_t {
     kCreateCertificate,
     kCreatePrivateKey,
     kCreatePublicKey,
-    kImportPrivateKey,
     kCreateCRL,
     kCreatePresharedKey,
     kDeleteCertificate,
@@ -149,15 +148,6 @@ class Gate {
     bool open_ = false;
 };
 
-/// A key operation as the token got it.
-struct KeyOperation {
-    Op op = Op::kCount_;
-    pki_alg_t alg = 0;
-    std::string key;  // identifier (sign) or SubjectPublicKeyInfo (verify)
-    std::string input;  // data (digest) or digest
-    std::string signature;
-};
-
 struct CertOptions {
     std::string id{};  // empty: the first 8 bytes of the DER's SHA-1
     std::uint32_t category = 3;  // CKA_CERTIFICATE_CATEGORY: 1 token user, 2 authority, 3 other
@@ -165,8 +155,8 @@ struct CertOptions {
     cert_time64_t key_not_after = CERT_TIME_UNKNOWN;
 };
 
-/// A token. Keys of any kind libcrypto has; everything is offered until SetAlgorithms says otherwise; no login is
-/// required until RequireLogin.
+/// A token. Keys of any kind libcrypto has; everything is offered until SetAlgorithms says otherwise; private
+/// sessions open unless EditInfo makes it one that requires a login and has none.
 class Token {
   public:
     struct State;
@@ -204,9 +194,6 @@ class Token {
     void SetAlgorithms(std::set<pki_alg_t> algorithms);
     /// Which key pairs and digests it says that it makes, in place of those it can.
     void SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests);
-    /// Private sessions need this PIN or a token that is logged in.
-    void RequireLogin(const std::string& pin);
-    void SetLoggedIn(bool logged_in);
     /// Trusted certificates may be created by the security officer alone.
     void SetSecurityOfficerPin(const std::string& pin);
     /// The operation fails like a broken device, `times` times (default: always); 0 mends it.
@@ -228,8 +215,6 @@ class Token {
     // What happened.
     unsigned Calls(Op op) const;
     void ClearCalls();
-    /// Digests, signatures and verifications, oldest first; the last 256.
-    std::vector<KeyOperation> KeyOperations() const;
     /// Sessions open now.
     unsigned OpenSessions() const;
 
