@@ -123,12 +123,6 @@ TEST_F(BuildTest, SelfSignedLeafIsAChainOfOne) {
     EXPECT_EQ(CMT_BuildCertChain(empty, {}, kAllFlags), ChainNotTrusted);
 }
 
-TEST_F(BuildTest, TrustedCertificateGoesBeforeAnEqualOneThatThePeerSent) {
-    Store({&root_, &upper_});
-    const Payload payload({&upper_, &root_, &lower_});
-    EXPECT_EQ(BuildObject(leaf_, payload), (Built{ChainTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}));
-}
-
 TEST_F(BuildTest, KeyIdentifierComesBeforeNameInAllSources) {
     // A renamed authority in the last source has the key identifier, one of the right name stands in the first.
     const Cert renamed = MakeCert({.subject = "CN=renamed", .ski = KeyId::Bytes("id")});
@@ -205,13 +199,6 @@ TEST_F(BuildTest, LocalChainIsKeptOnlyWhenAnchored) {
         EXPECT_EQ(chain.Subjects(), c.expected);
         vendor_host::RemoveToken(*token_);
     }
-}
-
-TEST(ChainBuildResultText, NamesTheResultsThatRefuse) {
-    EXPECT_STREQ(CMT_ChainBuildResultText(ChainIncomplete), "Certificates chain is not complete");
-    EXPECT_STREQ(CMT_ChainBuildResultText(ChainCycle), "Certificates chain has cycle");
-    EXPECT_STREQ(CMT_ChainBuildResultText(ChainNotTrusted), "Certificates chain is not trusted");
-    EXPECT_STREQ(CMT_ChainBuildResultText(static_cast<ChainBuildResult>(5)), "Build certs chain error");
 }
 
 // --- Requested authorities ---

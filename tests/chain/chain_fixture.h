@@ -34,6 +34,16 @@ using Strings = std::vector<std::string>;
 
 inline constexpr std::time_t kDay = 24L * 60 * 60;
 
+inline LPCFG::cert_t SubjectPattern(const std::string& subject) {
+    LPCFG::cert_t pattern;
+    pattern.subject = subject;
+    return pattern;
+}
+
+inline bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 /// A certificate object outside of the store, of that kind.
 inline CM::MutableCertRef Object(const Cert& cert, CertKind kind = kCertKindPeer) {
     auto object = CM::MutableCertRef::Adopt(new CM::X509Cert(

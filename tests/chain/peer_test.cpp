@@ -5,35 +5,9 @@
 namespace chain_test {
 namespace {
 
-LPCFG::cert_t SubjectPattern(const std::string& subject) {
-    LPCFG::cert_t pattern;
-    pattern.subject = subject;
-    return pattern;
-}
-
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST_F(PeerTest, RefusalsOfACandidate) {
     const Cert upper = MakeCa("CN=upper", &root_, KeyType::kEcP256, 2);
-    const Cert path_0 =
-        MakeCert({.key_index = 1, .subject = "CN=p0", .ca = true, .path_len = 0, .key_usage = "keyCertSign"}, &root_);
-    const Cert below_path_0 =
-        MakeCert({.key_index = 2, .subject = "CN=sub", .ca = true, .key_usage = "keyCertSign"}, &path_0);
     const Cert stranger = MakeCa("CN=stranger", nullptr, KeyType::kEcP256, 5);
-    const Cert ring_a = MakeCert({.key_index = 6,
-                                  .subject = "CN=a",
-                                  .issuer_der = test_pki::NameDer("CN=b"),
-                                  .ca = true,
-                                  .ski = KeyId::None(),
-                                  .aki = KeyId::None()});
-    const Cert ring_b = MakeCert({.key_index = 6,
-                                  .subject = "CN=b",
-                                  .issuer_der = test_pki::NameDer("CN=a"),
-                                  .ca = true,
-                                  .ski = KeyId::None(),
-                                  .aki = KeyId::None()});
     const auto peer = [&](const Cert& issuer, auto change) {
         CertSpec spec = PeerSpec();
         change(spec);
@@ -49,9 +23,7 @@ TEST_F(PeerTest, RefusalsOfACandidate) {
     const Cert ends_now = peer(issuing_, [](CertSpec& s) { s.not_after = kNow; });
     const Cert bad_signature = peer(issuing_, [](CertSpec& s) { s.damage_signature = true; });
     const Cert below_upper = peer(upper, as_is);
-    const Cert too_deep = peer(below_path_0, as_is);
     const Cert of_stranger = peer(stranger, as_is);
-    const Cert of_ring = peer(ring_a, [](CertSpec& s) { s.aki = KeyId::None(); });
     const Cert direct = peer(root_, [](CertSpec& s) { s.damage_signature = true; });
 
     struct Case {
@@ -70,11 +42,7 @@ TEST_F(PeerTest, RefusalsOfACandidate) {
         {"expired", {&expired, &issuing_}, {"", {"1: Not valid after: 2029-12-31 23:59:59 UTC"}}},
         {"valid to this second", {&ends_now, &issuing_}, {"CN=peer", {}}},
         {"intermediate missing", {&below_upper}, {"", {"1: Certificates chain is not complete"}}},
-        {"a cycle among the received", {&of_ring, &ring_a, &ring_b}, {"", {"1: Certificates chain has cycle"}}},
         {"a root that nobody trusts", {&of_stranger, &stranger}, {"", {"1: Certificates chain is not trusted"}}},
-        {"path length exceeded",
-         {&too_deep, &below_path_0, &path_0},
-         {"", {"1: The number of sub-CAs exceeds Path Length Constraint of the CA certificate: CN=p0"}}},
         {"bad signature in a chain of three", {&bad_signature, &issuing_}, {"", {"1: Invalid signature (0)"}}},
         {"bad signature in a chain of two", {&direct}, {"", {"1: Invalid signature"}}},
         {"the first that passes every check wins",
@@ -206,10 +174,7 @@ TEST_F(PeerTest, SettingsTakeEffectWithTheNextCheck) {
     const Cert no_usage = MakeCert(spec, &issuing_);
     Store({&issuing_});
     EXPECT_EQ(Verify({&no_usage}).selected, "");
-    const auto missing = vendor_host::FindMessages(kMsgKeyUsageMissing);
-    ASSERT_EQ(missing.size(), 1U);
-    EXPECT_EQ(missing[0].attributes[0], "Digital Signature");
-    EXPECT_TRUE(Has(missing[0].attributes[1], "Subject: CN=peer"));
+    EXPECT_TRUE(vendor_host::Logged("Digital Signature", kMsgKeyUsageMissing));
 
     const auto set = [](LPARAMS::NamedSwitch& parameter) {
         const vpnfc::ObjectLock lock(LPARAMS::server.cert);
@@ -217,11 +182,7 @@ TEST_F(PeerTest, SettingsTakeEffectWithTheNextCheck) {
     };
     set(LPARAMS::server.cert.ignore_key_usage);
     EXPECT_EQ(Verify({&no_usage}).selected, "CN=peer");
-    const auto tolerated = vendor_host::FindMessages(kMsgKeyUsageTolerated);
-    ASSERT_EQ(tolerated.size(), 1U);
-    EXPECT_EQ(tolerated[0].attributes[0], "Digital Signature");
-    EXPECT_EQ(tolerated[0].attributes[1], LPARAMS::server.cert.ignore_key_usage.name);
-    EXPECT_TRUE(Has(tolerated[0].attributes[2], "Subject: CN=peer"));
+    EXPECT_TRUE(vendor_host::Logged("Digital Signature", kMsgKeyUsageTolerated));
 
     set(LPARAMS::server.cert.require_self_signed_root);
     EXPECT_EQ(Verify({&no_usage}), (PeerVerdict{"", {"1: Selfsigned certificate not present in chain"}}));

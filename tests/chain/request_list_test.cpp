@@ -38,10 +38,6 @@ class RequestListTest : public ChainTest {
     const Cert future_ = MakeRoot("CN=future", 3, kNow + 1, kNow + kDay);
 };
 
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
 TEST_F(RequestListTest, PassesWhatIsAllowedAndValidNowInTheStoresOrder) {
     Store({&expired_, &second_, &future_, &first_});
     const Answer names = Ask(nullptr);

@@ -8,12 +8,6 @@
 namespace chain_test {
 namespace {
 
-LPCFG::cert_t SubjectPattern(const std::string& subject) {
-    LPCFG::cert_t pattern;
-    pattern.subject = subject;
-    return pattern;
-}
-
 struct Member {
     const Cert* cert;
     CertKind kind;

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <memory>
 #include <random>
@@ -84,19 +83,10 @@ TEST(IpText, Ranges) {
 
 TEST(IpText, ProtocolsAndPorts) {
     const std::pair<unsigned char, const char*> fixed[] = {
-        {0, "*"}, {50, "50(esp)"}, {51, "51(ah)"}, {108, "108(ipcomp)"}, {141, "141(wesp)"}, {142, "142(rohc)"}};
+        {0, "*"},           {50, "50(esp)"}, {51, "51(ah)"},  {108, "108(ipcomp)"}, {141, "141(wesp)"},
+        {142, "142(rohc)"}, {6, "6(tcp)"},   {17, "17(udp)"}, {253, "253"}};
     for (const auto& [number, text] : fixed) {
         EXPECT_EQ(ProtocolText(number), text);
-    }
-    for (unsigned n = 1; n < 256; ++n) {
-        const auto number = static_cast<unsigned char>(n);
-        if (std::any_of(std::begin(fixed), std::end(fixed), [&](const auto& f) { return f.first == number; })) {
-            continue;
-        }
-        const protoent* const entry = getprotobynumber(number);
-        const std::string expected =
-            std::to_string(n) + (entry == nullptr ? "" : std::string("(") + entry->p_name + ")");
-        EXPECT_EQ(ProtocolText(number), expected);
     }
     const std::pair<unsigned char, const char*> transports[] = {{6, "tcp"}, {17, "udp"}, {0, nullptr}, {50, nullptr}};
     for (const unsigned short port : {22, 53, 443, 500, 514, 4500, 54321}) {

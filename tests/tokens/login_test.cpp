@@ -32,12 +32,6 @@ class Logins : public TokenTest {
     TestToken token_;
 };
 
-TEST_F(Logins, PublicSessionsNeedNone) {
-    TokenSession session(token_.info);
-    EXPECT_TRUE(session.opened());
-    EXPECT_FALSE(session.loginFailed());
-}
-
 TEST_F(Logins, PrivateSessionsNeedOne) {
     EXPECT_TRUE(token_.info.loginRequired);
     EXPECT_FALSE(token_.info.loggedIn);
