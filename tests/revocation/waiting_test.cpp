@@ -202,7 +202,7 @@ TEST_F(WaitingTest, OneTransferServesAllWhoNeedTheAddress) {
 }
 
 TEST_F(WaitingTest, AnswersOfASharedTransferAreJudgedByEachIssuer) {
-    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
+    const Cert other = chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 8);
     const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
     Serve("/a", Crl());
     server_.Hold("/a");
