@@ -101,8 +101,8 @@ template <typename NextKey>
 std::optional<SecretString> TypedSecret(const std::string& question, NextKey next_key) {
     SecretString secret;
     secret.edit().reserve(kMaxSecretBytes);
-    std::cerr << Escaped(question) << ": " << std::flush;
     const QuietTerminal quiet;
+    std::cerr << Escaped(question) << ": " << std::flush;
     char key = 0;
     while (true) {
         if (!next_key()) return std::nullopt;

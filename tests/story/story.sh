@@ -195,4 +195,26 @@ expect 0 "Deleted" ctl delete alice second "Story Root" --yes
 expect 0 "no such certificate" ctl list
 expect 0 "no preshared key" ctl psk list
 expect 0 "Logged out" ctl token logout alice
+
+# --- PINs ---
+mkfifo keys
+exec 8<>keys
+# The agent asks for the PIN on a terminal and gets those keys, which are not seen; then it says the text.
+types() {
+    rm -f terminal.log
+    script -qefc "certmgrctl --socket '$work/daemon.sock' agent" /dev/null <keys >terminal.log 2>&1 &
+    local agent=$!
+    children+=("$agent")
+    # A prompt ends no line.
+    timeout 60 grep -qm1 PIN <(tail --pid=$$ -n +1 -F terminal.log 2>/dev/null | stdbuf -o0 tr : '\n') || fail "no prompt"
+    printf %s "$1" >&8
+    await terminal.log "$2"
+    kill $agent 2>/dev/null || true
+    wait $agent || true
+    ! grep -qF -- "${1%?}" terminal.log || fail "the PIN is seen"
+}
+types "$(cat pin)"$'\n' 'Logged in to token "alice"'
+expect 0 "Logged out" ctl token logout alice
+types "$(cat password)"$'\n' "Not logged in"
+types "$(cat pin)"$'\003' "certmgrctl: cancelled"
 echo "The story went as it should."
