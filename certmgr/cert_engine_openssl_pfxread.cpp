@@ -170,7 +170,8 @@ P12ReadResult Pkcs12File::Read(std::string_view bytes) {
     if (!CheckMac(file.get())) return kP12Unsupported;
     if (mac_wrong_ && given_.empty()) return kP12WrongPassword;  // before anybody was asked for one
     if (ReadSafes(file.get())) return Verdict();
-    if (refused_) return mac_wrong_ ? kP12WrongPassword : kP12Unsupported;
+    const bool wrong = mac_wrong_ || (failed_ && !opened_ && !mac_right_);
+    if (refused_) return wrong ? kP12WrongPassword : kP12Unsupported;
     return kP12NotReadable;
 }
 
@@ -232,8 +233,9 @@ bool Pkcs12File::ReadEncryptedSafe(const PKCS7_ENC_CONTENT& content) {
                                        password.length, content.enc_data, 1, LegacyContext(), nullptr)));
         return bags != nullptr;
     });
+    if (refused_) return false;
     (opened ? opened_ : failed_) = true;
-    return !refused_ && (!opened || ReadBags(bags.get(), 0));
+    return !opened || ReadBags(bags.get(), 0);
 }
 
 bool Pkcs12File::ReadBags(const STACK_OF(PKCS12_SAFEBAG) * bags, int depth) {
@@ -302,8 +304,8 @@ bool Pkcs12File::ReadEncryptedKey(const PKCS12_SAFEBAG* bag) {
             key.info.reset(PKCS8_decrypt_ex(shrouded, password.data, password.length, LegacyContext(), nullptr));
             return key.info != nullptr;
         });
-        (opened ? opened_ : failed_) = true;
         if (refused_) return false;
+        (opened ? opened_ : failed_) = true;
         if (!opened) return true;
         const bool old = !KnowsCipher(nullptr, scheme->cipher);
         if (old || passwords_.front().data != given_.get().data()) key.encrypted.clear();

@@ -289,6 +289,10 @@ TEST_F(FileTest, FilesThatNobodyWrites) {
         {"work", FileOfBags(cert + KeyUnderUnknownCipher(3'000'000)), kP12Read},
         {"too much work", FileOfBags(cert + KeyUnderUnknownCipher(3'000'000) + KeyUnderUnknownCipher(2'500'000)),
          kP12Unsupported},
+        {"too much work behind what the password does not open",
+         JoinPkcs12({KeyUnder(PKCS5_pbe2_set_iv(EVP_aes_256_cbc(), 1, nullptr, 0, nullptr, NID_hmacWithSHA256)),
+                     FileOfBags(KeyUnderUnknownCipher(6'000'000))}),
+         kP12WrongPassword},
     };
     for (const auto& c : cases) EXPECT_EQ(X509CertFile(c.file, kPassword).status, c.status) << c.name;
     const std::string file = MakePkcs12(user_.key, {user_.der});
