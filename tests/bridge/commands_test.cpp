@@ -12,6 +12,7 @@
 #include "certmgr/records_sync.h"
 #include "cli/client/manager.h"
 #include "tests/bridge/bridge_fixture.h"
+#include "tests/support/der.h"
 #include "tests/support/pki.h"
 
 namespace bridge_test {
@@ -199,6 +200,30 @@ TEST_F(CommandsTest, FilesAreImportedByIndex) {
     const auto unreadable = Raw(2, std::string("\2\0\0\0xx\0\0\0\0", 10));
     EXPECT_EQ(unreadable.value().size(), 4U);
     EXPECT_EQ(manager().ImportCrl(token, 0), 2U);
+}
+
+TEST_F(CommandsTest, WhatCannotBeUsedIsNotImported) {
+    const test_pki::Time no_time = test_pki::Time::Utc("20300101");
+    const std::string nobody = der::Sequence("");
+    const std::string unknown = der::Sequence(der::Oid("1.2.3.4"));
+    const struct {
+        std::uint32_t status;
+        test_pki::CertSpec spec;
+    } cases[] = {
+        {CM::ImportCertErrorUnknownKeyAlg, {.spki = der::Sequence(unknown + der::BitString("key"))}},
+        {CM::ImportCertErrorUnknownSignAlg, {.inner_algorithm = unknown, .outer_algorithm = unknown}},
+        {CM::ImportCertErrorInvalidTime, {.not_before = no_time, .not_after = no_time}},
+        {CM::ImportCertErrorInvalidValidFrom, {.not_before = no_time}},
+        {CM::ImportCertErrorInvalidValidTo, {.not_after = no_time}},
+        {CM::ImportCertErrorEmptySubject, {.subject_der = nobody}},
+        {CM::ImportCertErrorEmptyIssuer, {.issuer_der = nobody}},
+    };
+    const std::size_t before = token_->CertObjects().size();
+    for (const auto& c : cases) {
+        ASSERT_EQ(manager().OpenFile(test_pki::MakeCert(c.spec).der, SecretString())->certs.size(), 1U) << c.status;
+        EXPECT_EQ(manager().ImportCertificate(token_->Info(), 0, {}), c.status);
+    }
+    EXPECT_EQ(token_->CertObjects().size(), before);
 }
 
 TEST_F(CommandsTest, ThePinOfAnImportReachesTheToken) {
