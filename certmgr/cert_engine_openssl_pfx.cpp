@@ -162,7 +162,8 @@ P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, 
                                              P12Budget* budget) {
     const ErrorMark mark;
     P12Budget fresh;
-    const Pkcs12File& file = Reading(View(data, length), password, budget != nullptr ? *budget : fresh);
+    if (budget == nullptr) budget = &fresh;
+    const Pkcs12File& file = Reading(View(data, length), password, *budget);
     if (file.result() != kP12Read) return file.result();
     std::vector<bool> taken(file.certs().size());
     for (const BagKey& bag : file.keys()) {
@@ -175,6 +176,7 @@ P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, 
         taken[of_key] = true;
     }
     AppendOthers(file, taken, certs);
+    budget->keys_left_out = file.keys().size() - keys.size();
     const bool only_lost_keys = !file.keys().empty() && keys.empty() && certs.empty();
     return only_lost_keys ? kP12Unsupported : kP12Read;
 }

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
@@ -39,6 +42,16 @@ std::string_view Trim(std::string_view text) {
     constexpr std::string_view kBlanksAndNul("\n \t\r\0", 5);
     text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
     return text.substr(0, text.find_last_not_of(kBlanksAndNul) + 1);
+}
+
+/// Longer is no certificate without markers, not even with the end of a line behind each character.
+constexpr std::size_t kMaxBareCertificateBytes = std::size_t{4} * kMaxCertificateBytes;
+
+/// Whether what libcrypto would decode between markers cannot be DER: the first byte of a sequence makes an M. Lines with
+/// a colon may be headers.
+bool IsNoSequence(std::string_view text) {
+    const std::string_view trimmed = Trim(text);
+    return !trimmed.starts_with('M') && trimmed.find(':') == std::string_view::npos;
 }
 
 // Base64 on one line; empty when it is none or longer than a certificate may be.
@@ -112,7 +125,7 @@ void* CertEngine_ReadPEMCertData(const std::string& text) {
     const ErrorMark mark;
     if (auto cert = CertParser::FromPem(text, PEM_STRING_X509)) return cert.release();
     const std::string_view trimmed = Trim(text);
-    if (BeginsWithMarker(trimmed, kCertBegin)) return nullptr;
+    if (BeginsWithMarker(trimmed, kCertBegin) || trimmed.size() > kMaxBareCertificateBytes) return nullptr;
     const std::string der = DecodeBase64(trimmed);
     if (!der.empty()) {
         if (auto cert = CertParser::FromDer(der)) return cert.release();
@@ -159,11 +172,32 @@ bool CertEngine_IsP12CertData(void* data, int length) {
 
 namespace cert_engine {
 
+namespace {
+
+/// Names of blocks that libcrypto reads as another kind.
+constexpr std::pair<std::string_view, std::string_view> kOtherNames[] = {{PEM_STRING_X509, PEM_STRING_X509_OLD},
+                                                                         {PEM_STRING_X509_REQ, PEM_STRING_X509_REQ_OLD},
+                                                                         {PEM_STRING_PKCS7, PEM_STRING_X509},
+                                                                         {PEM_STRING_PKCS7, PEM_STRING_PKCS7_SIGNED}};
+
+/// Looked for before libcrypto decodes all that stands before such a block.
+bool HasBlock(std::string_view text, std::string_view kind) {
+    const auto has = [text](std::string_view name) {
+        const std::string marker = "BEGIN " + std::string(name);
+        return memmem(text.data(), text.size(), marker.data(), marker.size()) != nullptr;
+    };
+    return has(kind) || std::any_of(std::begin(kOtherNames), std::end(kOtherNames),
+                                    [&](const auto& other) { return other.first == kind && has(other.second); });
+}
+
+}  // namespace
+
 std::string CrlTextPayload(std::string_view text) {
     if (text.empty() || text.size() > kMaxCrlTextBytes) return {};
     const ErrorMark mark;
     std::string der = PemPayload(text, PEM_STRING_X509_CRL);
     if (!der.empty() || BeginsWithMarker(text, kCrlBegin)) return der;
+    if (IsNoSequence(text)) return {};
     if (text.back() == '\0') text.remove_suffix(1);
     std::string pem(kCrlBegin);
     pem.append("\n").append(text).append("\n").append(kCrlEnd);
@@ -171,6 +205,7 @@ std::string CrlTextPayload(std::string_view text) {
 }
 
 std::string PemPayload(std::string_view text, const char* kind) {
+    if (!HasBlock(text, kind)) return {};
     const BioPtr stream(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     if (stream == nullptr) return {};
     // libcrypto's own password callback would ask on the terminal.

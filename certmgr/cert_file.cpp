@@ -2,11 +2,14 @@
 #include "certmgr/cert_file.h"
 
 #include <algorithm>
+#include <array>
 #include <memory>
 #include <string_view>
 #include <utility>
 
 #include "certmgr/cert_engine.h"
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
 
 namespace CM {
 
@@ -30,6 +33,24 @@ bool HasPrivateKey(const X509Cert& cert) {
 bool HoldsKeyPair(const TokenInfo& token, const X509Cert& cert) {
     TokenSession session(token);
     return session && session.ContainPubKeyObject(cert.rawPubKey);
+}
+
+/// The lines of base64 that may be DER, whose first byte makes an M, as one. False for anything else.
+bool JoinBase64(std::string_view lines, std::string& joined) {
+    constexpr std::string_view kBlanks = "\r\n\t ";
+    constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
+    std::array<bool, 256> is_base64{};
+    for (const char c : kAlphabet) is_base64[static_cast<unsigned char>(c)] = true;
+    const std::size_t first = lines.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos || lines[first] != 'M') return false;
+    for (const char c : lines) {
+        if (is_base64[static_cast<unsigned char>(c)]) {
+            joined.push_back(c);
+        } else if (kBlanks.find(c) == std::string_view::npos) {
+            return false;
+        }
+    }
+    return true;
 }
 
 /// Proposes tokens; a session with each is opened when the first key pair is looked for.
@@ -154,11 +175,8 @@ bool X509CertFile::ReadPkcs7(const std::string& content) {
 
 /// The text readers take base64 without markers on one line alone.
 bool X509CertFile::ReadBase64Lines(const std::string& content) {
-    constexpr std::string_view kBlanks = "\r\n\t ";
-    constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=\r\n\t ";
-    if (content.find_first_not_of(kAlphabet) != std::string::npos) return false;
-    std::string line = content;
-    std::erase_if(line, [kBlanks](char c) { return kBlanks.find(c) != std::string_view::npos; });
+    std::string line;
+    if (!JoinBase64(content, line) || line.size() == content.size()) return false;
     return ReadCert(line) || ReadCrl(line);
 }
 
@@ -177,6 +195,7 @@ void X509CertFile::ReadEncryptedPkcs12(const std::string& content, const std::st
     std::vector<PBEPrivKeyHandle> keys;
     std::vector<void*> others;
     status = CertEngine_ReadP12CertData_XXX(content.data(), Length(content), password, keys, others, &budget);
+    if (budget.keys_left_out > 0) TLogMessage(kMsgKeysLeftOut).Attr(std::to_string(budget.keys_left_out)).Send();
     if (status != kP12Read) return;
     for (const PBEPrivKeyHandle& key : keys) certs.Adopt(new X509Cert(key));
     AdoptCerts(others);

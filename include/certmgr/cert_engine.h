@@ -134,6 +134,8 @@ struct P12Budget {
     std::uint64_t iterations = 5'000'000;
     /// What the first reader made of the file, for those after it.
     std::shared_ptr<cert_engine::Pkcs12File> reading{};
+    /// Private keys that no certificate of the file belongs to, or only one that has a key already.
+    std::size_t keys_left_out = 0;
 };
 
 /// Reads a file with one private key that libcrypto understands: the key in the clear, its certificate, and the other
@@ -143,7 +145,7 @@ CM_API P12ReadResult CertEngine_ReadP12CertData(const void* data, unsigned lengt
                                                 void*& cert, void*& key, std::vector<void*>& certs,
                                                 P12Budget* budget = nullptr);
 /// Reads a file with any number of keys, which stay encrypted: each with its certificate, and the remaining
-/// certificates, appended. Keys without a certificate are left out.
+/// certificates, appended. Keys without a certificate of their own are left out, and counted in the budget.
 CM_API P12ReadResult CertEngine_ReadP12CertData_XXX(const void* data, unsigned length, const std::string& password,
                                                     std::vector<PBEPrivKeyHandle>& keys, std::vector<void*>& certs,
                                                     P12Budget* budget = nullptr);

@@ -66,6 +66,7 @@ enum EventCode : std::uint16_t {
     kMsgCrlDeleted = 163,
     kMsgCrlImported = 164,
     kMsgStoreChanged = 165,  // "PersonalCertAppeared: ..." and its kin, one attribute
+    kMsgKeysLeftOut = 166,  // how many keys of a PKCS #12 file
 
     // Host libraries. One attribute: the text.
     kMsgTokenInserted = 200,

@@ -73,6 +73,7 @@ constexpr Wording kCatalogue[] = {
     {kMsgCrlDeleted, kInfo, "CRL deleted: %1\n\tToken: %2"},
     {kMsgCrlImported, kInfo, "CRL imported: %1\n\tToken: %2"},
     {kMsgStoreChanged, kInfo, "%1"},
+    {kMsgKeysLeftOut, kWarning, "Private keys of a PKCS #12 file left out, for want of a certificate of their own: %1"},
 
     {kMsgTokenInserted, kInfo, "Token inserted: %1"},
     {kMsgTokenRemoved, kInfo, "Token removed: %1"},

@@ -403,6 +403,8 @@ TEST_F(Changes, ImportsFiles) {
     EXPECT_EQ(import(LeafWithKey(), "wrong"), "wrong password");
     EXPECT_EQ(import("nonsense"), "can't parse cert data");
     EXPECT_EQ(import(test_pki::MakeCrl({}, Root())), "done");
+    X509CertFile(JoinPkcs12({LeafWithKey(), LeafWithKey()}), kPassword);
+    EXPECT_EQ(reports_.Count("log 166"), 1U);  // of two keys for one certificate
     EXPECT_EQ(import(Root().der), "ImportCertErrorLoginSO: CN=Root, O=Test");
     Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
     EXPECT_EQ(import(Leaf().der), "done");
