@@ -70,7 +70,7 @@ class LabelledText {
         cmprint_Value(text_.append("\\\n\t[").append(label).append("] "), value);
         return *this;
     }
-    LabelledText& Token(const PKCS11::TokenInfo& token) { return Line("token", asn_text_to_printable(token.label)); }
+    LabelledText& Token(const PKCS11::TokenInfo& token) { return Line("token", asn_text_to_line(token.label)); }
     void Send(EventCode code, const TLogIdent& ident) const { TLogMessage(code, ident).Attr(text_).Send(); }
 
   private:

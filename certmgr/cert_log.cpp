@@ -96,7 +96,7 @@ void cmprint_Value(std::string& out, std::string_view value) {
 }
 
 void cmprint_Text(std::string& out, std::string_view text) {
-    cmprint_Value(out, asn_text_to_printable(text));
+    cmprint_Value(out, asn_text_to_line(text));
 }
 
 void cmprint_Fact(std::string& out, std::string_view label, std::string_view value) {

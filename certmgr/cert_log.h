@@ -20,8 +20,8 @@ inline constexpr std::size_t kMaxValueBytes = 2U << 10;
 /// Appends a value, cut at kMaxValueBytes with a note of how much is missing. Printable names and texts of our own.
 void cmprint_Value(std::string& out, std::string_view value);
 
-/// The same for a text that a token, a certificate or a peer chose, such as a label or an alternative name: escaped as the
-/// values of printable names are.
+/// The same for a text that a token, a certificate or a peer chose, such as a label or an alternative name: with the escapes
+/// of asn_text_to_line.
 void cmprint_Text(std::string& out, std::string_view text);
 
 /// Appends a line made of a label such as "Subject: " and its value.

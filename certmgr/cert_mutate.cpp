@@ -317,7 +317,7 @@ bool CertStorage::CreatePresharedKey(const TokenInfo& token, const PresharedKeyI
         TokenSession session(token, TokenSession::kPrivate);
         if (!session || !session.CreatePresharedKeyObject(info.name, value)) return false;
     }
-    LogChange(kMsgPresharedKeyCreated, asn_text_to_printable(info.name), token);
+    LogChange(kMsgPresharedKeyCreated, asn_text_to_line(info.name), token);
     ReloadPresharedKeys();
     return true;
 }
@@ -328,7 +328,7 @@ void CertStorage::DeletePresharedKey(const TokenInfo& token, const PresharedKeyI
         if (!session) return;
         session.DeletePresharedKeyObject(info);
     }
-    LogChange(kMsgPresharedKeyDeleted, asn_text_to_printable(info.name), token);
+    LogChange(kMsgPresharedKeyDeleted, asn_text_to_line(info.name), token);
     ReloadPresharedKeys();
 }
 

@@ -145,6 +145,8 @@ PLATFORM_API bool printable_to_asn_dn(std::string_view printable, std::string& n
 /// A text as it stands in a printable name: with the same escapes. For texts that tokens and peers choose, so that in a
 /// log they can neither begin a line nor pass for what stands beside them. Bytes that are not UTF-8 stay as they are.
 PLATFORM_API std::string asn_text_to_printable(std::string_view text);
+/// A text on one line, as people wrote it: only control characters, as pairs of digits, and the backslash are escaped.
+PLATFORM_API std::string asn_text_to_line(std::string_view text);
 /// True when the name contains every attribute of the pattern (both printable forms): equal type and equal value by
 /// RFC 5280 7.1, wherever they stand in the name, each attribute of the name answering at most one of the
 /// pattern. An empty pattern is contained in every name; a malformed one in none.

@@ -12,6 +12,7 @@ constexpr char kHexDigits[] = "0123456789abcdef";
 enum Escape : unsigned char {
     kVerbatim,
     kBackslash,
+    kBackslashInName,
     kHexPair,
     kMaybeC1,  // lead byte of U+0080 to U+00BF: the first half are control characters
 };
@@ -23,9 +24,10 @@ constexpr std::array<Escape, 256> MakeEscapes() {
     }
     escapes[0x7F] = kHexPair;
     escapes[0xC2] = kMaybeC1;
-    for (const char c : std::string_view("\"+,;<>\\")) {
-        escapes[static_cast<unsigned char>(c)] = kBackslash;
+    for (const char c : std::string_view("\"+,;<>")) {
+        escapes[static_cast<unsigned char>(c)] = kBackslashInName;
     }
+    escapes['\\'] = kBackslash;
     return escapes;
 }
 constexpr std::array<Escape, 256> kEscapes = MakeEscapes();
@@ -42,14 +44,19 @@ bool IsC1(std::string_view text) {
     return text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0) == 0x80;
 }
 
+enum class Escapes : bool { kOfLine, kOfName };
+
 /// Text with the escapes of RFC 4514; control characters as pairs of digits, so that a name cannot forge a line of a log.
-void AppendEscaped(std::string& out, std::string_view text) {
+/// On a line by itself what separates parts of a name stays as it is.
+void AppendEscaped(std::string& out, std::string_view text, Escapes escapes = Escapes::kOfName) {
+    const bool in_name = escapes == Escapes::kOfName;
     std::size_t verbatim_from = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
         const Escape escape = kEscapes[static_cast<unsigned char>(text[at])];
         const bool edge_blank = text[at] == ' ' && (at == 0 || at + 1 == text.size());
         const bool leading_hash = text[at] == '#' && at == 0;
-        if (escape == kVerbatim && !edge_blank && !leading_hash) {
+        const bool of_name = escape == kBackslashInName || edge_blank || leading_hash;
+        if (of_name ? !in_name : escape == kVerbatim) {
             continue;
         }
         if (escape == kMaybeC1 && !IsC1(text.substr(at))) continue;
@@ -124,6 +131,12 @@ std::string asn_text_to_printable(std::string_view text) {
     std::string printable;
     asn1::AppendEscaped(printable, text);
     return printable;
+}
+
+std::string asn_text_to_line(std::string_view text) {
+    std::string line;
+    asn1::AppendEscaped(line, text, asn1::Escapes::kOfLine);
+    return line;
 }
 
 bool asn_dn_to_printable(std::string_view name_der, std::string& printable, OID_MAP_HANDLE map) {

@@ -116,6 +116,7 @@ TEST(PrintName, TextsAreEscapedAsValuesAre) {
         EXPECT_EQ("CN=" + asn_text_to_printable(text), Printed(NameOf("CN", kUtf8, text)));
     }
     EXPECT_EQ(asn_text_to_printable("\xff,\xc2\n\xc2"), "\xff\\,\xc2\\0a\xc2");
+    EXPECT_EQ(asn_text_to_line(" #1, \"x\" +<y>;\\\n\xff\u0085\u00a0 "), " #1, \"x\" +<y>;\\\\\\0a\xff\\c2\\85\u00a0 ");
 }
 
 TEST(PrintName, RefusesWhatIsNoName) {

@@ -58,7 +58,7 @@ TEST_F(LogTest, CrlAndToken) {
     EXPECT_EQ(text, " \\\n\t\tlabel: card,\t serial: 42");
     token.label = "my \\\n\t\tcard, 2";
     ttt_TokenInfoToLogString(&token, text);
-    EXPECT_EQ(text, " \\\n\t\tlabel: my \\\\\\0a\\09\\09card\\, 2,\t serial: 42");
+    EXPECT_EQ(text, " \\\n\t\tlabel: my \\\\\\0a\\09\\09card, 2,\t serial: 42");
 }
 
 TEST_F(LogTest, PatternShowsWhatIsSet) {
