@@ -74,14 +74,14 @@ std::string AnnouncedText(const AnnouncedIdentity& announced) {
 }
 
 /// Text of a verdict; the certificate's own time follows the first three.
-std::string StatusText(const LocalCertLog& record) {
-    switch (record.status) {
+const char* StatusText(std::uint32_t status) {
+    switch (status) {
         case kLocalNotYetValid:
-            return "Will be valid from: " + CertTimeToString(record.cert->info.validFrom);
+            return "Will be valid from: ";
         case kLocalExpired:
-            return "Not valid after: " + CertTimeToString(record.cert->info.validTo);
+            return "Not valid after: ";
         case kLocalPrivateKeyExpired:
-            return "Prvate Key not valid after: " + CertTimeToString(record.cert->privKeyNotAfter);
+            return "Prvate Key not valid after: ";
         case kLocalIdMismatch:
             return "Not matched to 'id_local'";
         case kLocalAskFailed:
@@ -95,7 +95,7 @@ std::string StatusText(const LocalCertLog& record) {
         case kLocalNotRequested:
             return "Not matched to CR";
         default:
-            return {};
+            return "";
     }
 }
 
@@ -107,7 +107,9 @@ void cmprint_NotMatchedCert(std::string& out, const LocalCertLog& record, std::s
     } else {
         out.append(": bound to the rule");
     }
-    out.append(": ").append(StatusText(record));
+    std::string time;
+    SelectLocalResult{record.status, record.cert.get()}.GetInfo(&time);
+    out.append(": ").append(StatusText(record.status)).append(time);
     cmprint_Cert(out, record.cert.get(), false);
 }
 
@@ -160,9 +162,10 @@ void CMLog_NotFound__(TLogMessage& message, const LocalSearchReport& report, con
     std::string text;
     cmprint_LocalSearch(text, report);
     if (records.empty()) cmprint_Fact(text, "No personal certificate matches", {});
-    cmprint_Entries(text, records, [&](const LocalCertLog& record, std::size_t number) {
-        cmprint_NotMatchedCert(text, record, number);
-    });
+    cmprint_Entries(
+        text, records,
+        [&](const LocalCertLog& record, std::size_t number) { cmprint_NotMatchedCert(text, record, number); },
+        [](const LocalCertLog& record) { return std::string(StatusText(record.status)); });
     message.Attr(text);
 }
 
@@ -174,6 +177,30 @@ void LogNotFound(EventCode code, const LocalSearchReport& report, const LocalSea
 }
 
 }  // namespace
+
+void LeftOut::Add(const std::string& reason) {
+    ++entries_;
+    if (reason.empty()) return;
+    const auto known = std::ranges::find(reasons_, reason, &std::pair<std::string, std::size_t>::first);
+    if (known != reasons_.end()) {
+        ++known->second;
+    } else if (reasons_.size() < kMaxReasons) {
+        reasons_.emplace_back(reason, 1);
+    } else {
+        ++other_reasons_;
+    }
+}
+
+void LeftOut::Print(std::string& out) const {
+    if (entries_ == 0) return;
+    cmprint_Fact(out, "... and more: ", std::to_string(entries_));
+    const auto line = [&out](std::size_t count, std::string_view reason) {
+        cmprint_Fact(out, "  ", std::to_string(count));
+        cmprint_Value(out.append(": "), reason.substr(0, reason.find_last_not_of(": ") + 1));
+    };
+    for (const auto& [reason, count] : reasons_) line(count, reason);
+    if (other_reasons_ != 0) line(other_reasons_, "other reasons");
+}
 
 void cmprint_Identity(std::string& out, const LPCFG::ipsecid_t& id) {
     out.append(TypeNames(id.type).in_rule).append(" ");

@@ -6,6 +6,7 @@
 #include <list>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "certmgr/cert_log.h"
@@ -27,17 +28,41 @@ void cmprint_Identity(std::string& out, const LPCFG::ipsecid_t& id);
 /// Size at which a report takes no further entries; the event log would cut it anyway.
 inline constexpr std::size_t kMaxReportBytes = 24U << 10;
 
-/// Appends entries through `render(entry, number)`, numbered from 1, until the report is full.
-template <typename Entries, typename Render>
-void cmprint_Entries(std::string& out, const Entries& entries, Render render) {
+/// What a report has no room for: how many entries, and how many for each reason.
+class LeftOut {
+  public:
+    /// `reason` may be empty: there is none to tell.
+    void Add(const std::string& reason);
+    void Print(std::string& out) const;
+
+  private:
+    /// More reasons are counted together.
+    static constexpr std::size_t kMaxReasons = 12;
+
+    std::size_t entries_ = 0;
+    std::size_t other_reasons_ = 0;
+    std::vector<std::pair<std::string, std::size_t>> reasons_;  // in the order in which they were met
+};
+
+/// Appends entries through `render(entry, number)`, numbered from 1, until the report is full; then how many are left, by
+/// `reason(entry)`.
+template <typename Entries, typename Render, typename Reason>
+void cmprint_Entries(std::string& out, const Entries& entries, Render render, Reason reason) {
     std::size_t number = 0;
+    LeftOut left_out;
     for (const auto& entry : entries) {
         if (out.size() > kMaxReportBytes) {
-            cmprint_Fact(out, "... and more: ", std::to_string(entries.size() - number));
-            return;
+            left_out.Add(reason(entry));
+        } else {
+            render(entry, ++number);
         }
-        render(entry, ++number);
     }
+    left_out.Print(out);
+}
+
+template <typename Entries, typename Render>
+void cmprint_Entries(std::string& out, const Entries& entries, Render render) {
+    cmprint_Entries(out, entries, render, [](const auto&) { return std::string(); });
 }
 
 /// What was looked for, and under which identity it is logged.

@@ -85,12 +85,13 @@ void CMLog_PeerCertificate_NotSelected(const PeerSearchReport& report, const Pee
     cmprint_Fact(text, "Received: ", {});
     AppendCount(text, report.received, "certificate");
     if (statuses.empty()) cmprint_Fact(text, "No certificate matches LSP rule and identity", {});
-    cmprint_Entries(text, statuses, [&](const PeerCertStatus& status, std::size_t number) {
+    const auto render = [&](const PeerCertStatus& status, std::size_t number) {
         AppendEntry(text, number, "cert_remote", status.pattern_number);
         cmprint_Value(text.append(": "), RefusalText(status.refusal));
         cmprint_Cert(text, status.chain[0], false);
         if (status.chain.size() > 1) cmprint_Chain(text, status);
-    });
+    };
+    cmprint_Entries(text, statuses, render, [](const PeerCertStatus& status) { return RefusalKind(status.refusal); });
     TLogMessage(kMsgPeerCertNotSelected, report.ident).Attr(text).Send();
 }
 

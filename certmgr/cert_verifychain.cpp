@@ -106,6 +106,19 @@ std::string RefusalText(const Refusal& refusal) {
     return text.append(form.after);
 }
 
+std::string RefusalKind(const Refusal& refusal) {
+    switch (refusal.id) {
+        case RefusalId::kChainNotBuilt:
+            return refusal.detail;  // one of a few
+        case RefusalId::kRevocation:
+            return "Revocation check";
+        default:
+            break;
+    }
+    const RefusalForm& form = kRefusalForms[static_cast<std::size_t>(refusal.id)];
+    return std::string(form.text).append(form.after);
+}
+
 std::string SignatureCheckText(SignatureCheck check) {
     return RefusalText({.id = RefusalOfSignature(check)});
 }
@@ -192,12 +205,16 @@ Refusal cm_VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509C
         return {.id = RefusalId::kNoCertificateSigning, .position = i + 1, .index = index};
     }
     const std::pair key(cert, issuer);
-    auto checked = checked_.find(key);
-    if (checked == checked_.end()) {
-        checked = checked_.emplace(key, RefusalOfSignature(cert->CheckSignature(issuer))).first;
+    RefusalId found = RefusalId::kNone;
+    if (const auto checked = checked_.find(key); checked != checked_.end()) {
+        found = checked->second;
+    } else {
+        bool definite = false;
+        found = RefusalOfSignature(cert->CheckSignature(issuer, &definite));
+        if (definite) checked_.emplace(key, found);
     }
-    if (checked->second == RefusalId::kNone) return {};
-    Refusal refusal{.id = checked->second, .position = i + 1};
+    if (found == RefusalId::kNone) return {};
+    Refusal refusal{.id = found, .position = i + 1};
     if (chain_length > 2) refusal.index = index;
     return refusal;
 }

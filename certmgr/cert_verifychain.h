@@ -59,6 +59,9 @@ struct Refusal {
 /// The reason as people read it; empty for no refusal.
 std::string RefusalText(const Refusal& refusal);
 
+/// The same without what is the certificate's own: many certificates are refused for few kinds of reasons.
+std::string RefusalKind(const Refusal& refusal);
+
 /// The refusal of a chain that was not built to its end, nothing for the results that make a usable chain.
 Refusal RefusalOfBuild(ChainBuildResult result);
 
@@ -71,7 +74,7 @@ bool cm_FindInTrustList(const X509Cert* cert, const std::list<LPCFG::cert_t>& tr
 /// Judges chains: root, basic constraints, validity, the trust that the rule asks for, signatures. Not the leaf's own
 /// validity, and not revocation.
 ///
-/// One object serves one decision, at one moment and on one thread, with any number of chains: what a token found about a
+/// One object serves one decision, at one moment and on one thread, with any number of chains: what a token decided about a
 /// signature is not asked again, so that chains that share their upper part pay for it once. The patterns and all
 /// certificates of the chains outlive the object.
 class cm_VerifyCertChainTask {

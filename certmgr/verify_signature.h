@@ -4,12 +4,12 @@
 #include <string>
 
 #include "certmgr/x509cert.h"
-#include "platform/tokens.h"
 
 namespace CM {
 
-/// As X509Cert_Verify, which takes device trouble for a wrong signature: the logger (null: the event log) is told of it.
+/// As X509Cert_Verify, which takes device trouble for a wrong signature. `definite` tells them apart: set for a signature
+/// that is right or wrong.
 SignatureCheck VerifySignature(pki_alg_t alg, const std::string& spki, const std::string& data,
-                               const std::string& signature, PKCS11::Logger* logger);
+                               const std::string& signature, bool& definite);
 
 }  // namespace CM

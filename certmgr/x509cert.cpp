@@ -241,7 +241,10 @@ ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
     return kValid;
 }
 
-SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
+SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer, bool* definite_out) const {
+    bool unused = false;
+    bool& definite = definite_out != nullptr ? *definite_out : unused;
+    definite = true;
     if (certHandle == nullptr || !cert_engine::SignedAlgorithmAgrees(certHandle)) return kSignatureWrong;
     std::string signed_part(cert_engine::ToBeSigned(rawCert));
     std::string signature;
@@ -249,7 +252,7 @@ SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer) const {
         !CertEngine_RawCertSignature(certHandle, signature)) {
         return kSignatureWrong;
     }
-    return X509Cert_Verify(info.signAlg, issuer->rawPubKey, signed_part, signature);
+    return VerifySignature(info.signAlg, issuer->rawPubKey, signed_part, signature, definite);
 }
 
 int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_alg_t key_alg, pki_alg_t alg,
@@ -260,8 +263,24 @@ int X509Cert_Sign(PKCS11::TokenSession& session, const std::string& key_id, pki_
     return session.Sign((alg & PKI_ALG_MASK) | key_alg, key_id, *input, signature) ? 2 : 1;
 }
 
-SignatureCheck VerifySignature(pki_alg_t alg, const std::string& spki, const std::string& data,
-                               const std::string& signature, PKCS11::Logger* logger) {
+namespace {
+
+/// Logs device trouble as a session would, and tells whether there was any.
+class TroubleWatch : public PKCS11::Logger {
+  public:
+    void OnDeviceError(const PKCS11::TokenInfo& token, const char* function, const char* result) override {
+        seen_ = true;
+        TLogMessage(kMsgTokenError).Attr(asn_text_to_line(token.label) + ": " + function + " failed: " + result).Send();
+    }
+    bool seen() const { return seen_; }
+
+  private:
+    bool seen_ = false;
+};
+
+/// On the first token that offers the algorithm and opens a session.
+SignatureCheck VerifyOnFirstToken(pki_alg_t alg, const std::string& spki, const std::string& data,
+                                  const std::string& signature, PKCS11::Logger* logger) {
     const auto tokens = PKCS11::Manager::Instance().EnumTokensShared(alg);
     if (tokens->empty()) return kSignatureNoToken;
     for (const PKCS11::TokenInfo& token : *tokens) {
@@ -271,9 +290,19 @@ SignatureCheck VerifySignature(pki_alg_t alg, const std::string& spki, const std
     return kSignatureNoSession;
 }
 
+}  // namespace
+
+SignatureCheck VerifySignature(pki_alg_t alg, const std::string& spki, const std::string& data,
+                               const std::string& signature, bool& definite) {
+    TroubleWatch trouble;
+    const SignatureCheck check = VerifyOnFirstToken(alg, spki, data, signature, &trouble);
+    definite = check == kSignatureRight || (check == kSignatureWrong && !trouble.seen());
+    return check;
+}
+
 SignatureCheck X509Cert_Verify(pki_alg_t alg, const std::string& spki, const std::string& data,
                                const std::string& signature) {
-    return VerifySignature(alg, spki, data, signature, nullptr);
+    return VerifyOnFirstToken(alg, spki, data, signature, nullptr);
 }
 
 }  // namespace CM

@@ -8,8 +8,6 @@
 #include "certmgr/cert_engine_openssl_crl.h"
 #include "certmgr/verify_signature.h"
 #include "certmgr/x509cert.h"
-#include "platform/event_codes.h"
-#include "platform/eventlog.h"
 
 namespace CM {
 
@@ -39,19 +37,6 @@ class SignatureMemory {
   private:
     mutable std::mutex mutex_;
     std::vector<std::pair<std::string, SignatureCheck>> verdicts_;  // oldest first
-};
-
-/// Logs device trouble as a session would, and tells whether there was any.
-class TroubleWatch : public PKCS11::Logger {
-  public:
-    void OnDeviceError(const PKCS11::TokenInfo& token, const char* function, const char* result) override {
-        seen_ = true;
-        TLogMessage(kMsgTokenError).Attr(token.label + ": " + function + " failed: " + result).Send();
-    }
-    bool seen() const { return seen_; }
-
-  private:
-    bool seen_ = false;
 };
 
 }  // namespace
@@ -137,9 +122,7 @@ SignatureCheck X509CRL::CheckSignature(const X509Cert* issuer, bool* definite_ou
     std::string signature;
     CertEngine_RawCRLInfo(crlHandle, signed_part);
     CertEngine_RawCRLSignature(crlHandle, signature);
-    TroubleWatch trouble;
-    const SignatureCheck check = VerifySignature(info.signAlg, issuer->rawPubKey, signed_part, signature, &trouble);
-    definite = check == kSignatureRight || (check == kSignatureWrong && !trouble.seen());
+    const SignatureCheck check = VerifySignature(info.signAlg, issuer->rawPubKey, signed_part, signature, definite);
     if (definite) content_->signatures.Remember(issuer->rawPubKey, check);
     return check;
 }

@@ -81,8 +81,9 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     /// Validity of the certificate and of its private key now.
     ValidityCheck PrivKeyCheckValidFromTo() const;
     /// Verifies this certificate's signature with the issuer's key on a token. Wrong also when the algorithm that is
-    /// signed is not the one that is named beside the signature (RFC 5280, 4.1.1.2 and 5.1.1.2 for a CRL).
-    SignatureCheck CheckSignature(const X509Cert* issuer) const;
+    /// signed is not the one that is named beside the signature (RFC 5280, 4.1.1.2 and 5.1.1.2 for a CRL). `definite` (may
+    /// be null): whether the answer would be the same the next time; that of a token in trouble need not be.
+    SignatureCheck CheckSignature(const X509Cert* issuer, bool* definite = nullptr) const;
 
     /// Completes a key-pair entry with its public key (SubjectPublicKeyInfo, DER): key length, by the algorithm that the
     /// token names, and SHA-1 fingerprint of the key. Only before the object is published.

@@ -279,7 +279,10 @@ TEST_F(VerifyTest, ChainsThatShareTheirUpperPartPayForItOnce) {
     CM::cm_VerifyCertChainTask task(any, true, CertTimeNow(), ident());
     const CM::MutableCertRef first = Object(leaf_);
     const CM::MutableCertRef second = Object(second_leaf);
-    EXPECT_FALSE(task.Run({first.get(), lower.get(), upper.get(), root.get()}));
+    token_->Fail(vendor_host::Op::kVerify, 1);
+    EXPECT_TRUE(task.Run({first.get(), lower.get(), upper.get(), root.get()}));
+    token_->ClearCalls();
+    EXPECT_FALSE(task.Run({first.get(), lower.get(), upper.get(), root.get()})) << "trouble is no verdict";
     EXPECT_EQ(token_->Calls(vendor_host::Op::kVerify), 3U);
     EXPECT_FALSE(task.Run({second.get(), lower.get(), upper.get(), root.get()}));
     EXPECT_EQ(token_->Calls(vendor_host::Op::kVerify), 4U);
