@@ -23,18 +23,20 @@ std::string PaddedTo(std::size_t width, std::string_view number) {
     return padded.append(number);
 }
 
-/// Bits of a positive INTEGER's content, 0 when it is negative, zero or not in its shortest form.
-unsigned PositiveIntegerBits(std::string_view content) {
-    const std::string_view magnitude = WithoutLeadingZeros(content);
-    if (magnitude.empty() || magnitude.size() > content.size()) {
+/// Bits of a number without a sign, 0 of nothing.
+unsigned UnsignedBits(std::string_view number) {
+    const std::string_view magnitude = WithoutLeadingZeros(number);
+    if (magnitude.empty()) {
         return 0;
     }
     const auto top = static_cast<unsigned char>(magnitude[0]);
-    const std::size_t sign_bytes = top >= 0x80 ? 1 : 0;
-    if (content.size() - magnitude.size() != sign_bytes) {
-        return 0;
-    }
     return static_cast<unsigned>((magnitude.size() - 1) * 8) + static_cast<unsigned>(std::bit_width(top));
+}
+
+/// Bits of a positive INTEGER's content, 0 when it is negative, zero or not in its shortest form.
+unsigned PositiveIntegerBits(std::string_view content) {
+    const unsigned bits = UnsignedBits(content);
+    return content.size() == bits / 8 + 1 ? bits : 0;
 }
 
 struct PublicKeyInfo {
@@ -62,11 +64,12 @@ unsigned RsaModulusBits(std::string_view key) {
     DerReader numbers({});
     std::string_view modulus;
     std::string_view exponent;
+    // Some software writes the modulus without its sign byte, or pads it: libcrypto takes it all the same.
     if (!asn1::ReadWhole(key, asn1::kTagSequence, numbers) || !numbers.Read(asn1::kTagInteger, modulus) ||
         !numbers.Read(asn1::kTagInteger, exponent) || !numbers.AtEnd()) {
         return 0;
     }
-    return PositiveIntegerBits(modulus);
+    return UnsignedBits(modulus);
 }
 
 unsigned DsaPublicValueBits(std::string_view key) {

@@ -20,8 +20,15 @@ std::string_view WithoutLeadingZeros(std::string_view number) {
 
 /// Magnitude of a positive INTEGER of at most `max_bytes`.
 bool ReadPositive(DerReader& reader, std::size_t max_bytes, std::string_view& magnitude) {
+    DerReader ahead = reader;
     std::string_view content;
-    if (!reader.Read(kTagInteger, content) || content.empty() || (content[0] & 0x80) != 0) return false;
+    if (!ahead.Read(kTagInteger, content) || content.empty() || (content[0] & 0x80) != 0) return false;
+    return ReadUnsigned(reader, max_bytes, magnitude);
+}
+
+bool ReadUnsigned(DerReader& reader, std::size_t max_bytes, std::string_view& magnitude) {
+    std::string_view content;
+    if (!reader.Read(kTagInteger, content)) return false;
     magnitude = WithoutLeadingZeros(content);
     return !magnitude.empty() && magnitude.size() <= max_bytes;
 }

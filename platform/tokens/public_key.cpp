@@ -48,7 +48,8 @@ bool ReadRsaPublic(std::string_view bits, PublicKey& key) {
     DerReader numbers({});
     std::string_view modulus;
     std::string_view exponent;
-    if (!asn1::ReadWhole(bits, kTagSequence, numbers) || !ReadPositive(numbers, kMaxRsaBits / 8, modulus) ||
+    // As in a key's length: a modulus may lack its sign byte.
+    if (!asn1::ReadWhole(bits, kTagSequence, numbers) || !ReadUnsigned(numbers, kMaxRsaBits / 8, modulus) ||
         !ReadPositive(numbers, kMaxRsaExponentBytes, exponent) || !numbers.AtEnd()) {
         return false;
     }

@@ -323,7 +323,7 @@ TEST(KeyBits, OddRsaModuli) {
     using namespace std::string_literals;
     const std::pair<std::string, unsigned> moduli[] = {
         {"\x01"s, 1}, {"\x7f"s, 7}, {"\x00\x80"s, 8}, {"\x01\x00"s, 9},
-        {""s, 0},     {"\x00"s, 0}, {"\x80"s, 0},     {"\x00\x7f"s, 0},
+        {""s, 0},     {"\x00"s, 0}, {"\x80"s, 8},     {"\x00\x7f"s, 7},
     };
     for (const auto& [modulus, bits] : moduli) {
         const std::string key = der::Sequence(der::IntegerBytes(modulus) + der::Integer(65537));

@@ -120,7 +120,8 @@ TEST(PublicKeys, HostileKeysAreRefused) {
         {"modulus too long",
          Spki(rsa, der::Sequence(der::IntegerBytes("\x7F" + std::string(2048, 'm')) + der::Integer(65537)))},
         {"exponent too long", Spki(rsa, der::Sequence(modulus + der::IntegerBytes(std::string(33, 'e'))))},
-        {"negative modulus", Spki(rsa, der::Sequence(der::IntegerBytes("\x80mm") + der::Integer(3)))},
+        {"no modulus", Spki(rsa, der::Sequence(der::IntegerBytes(std::string(2, '\0')) + der::Integer(3)))},
+        {"negative exponent", Spki(rsa, der::Sequence(modulus + der::IntegerBytes("\x83")))},
         {"zero exponent", Spki(rsa, der::Sequence(modulus + der::Integer(0)))},
         {"three numbers", Spki(rsa, der::Sequence(modulus + der::Integer(3) + der::Integer(3)))},
         {"unknown curve", Spki(ec + der::Oid("1.2.3.4"), "\4" + std::string(64, 'p'))},
@@ -135,6 +136,10 @@ TEST(PublicKeys, HostileKeysAreRefused) {
     };
     tokens::PublicKey key;
     for (const auto& c : cases) EXPECT_FALSE(tokens::PublicKeyFromSpki(c.spki, key)) << c.what;
+    // Odd, but no other key than the one that is meant.
+    EXPECT_TRUE(tokens::PublicKeyFromSpki(
+        Spki(rsa, der::Sequence(der::IntegerBytes("\x80" + std::string(255, 'm')) + der::Integer(3))), key));
+    EXPECT_EQ(key.size, 256U);
 }
 
 TEST(Signatures, DerBecomesTwoNumbersOfTheKeysWidth) {
