@@ -144,7 +144,7 @@ bool X509_ALGOR_from_pki_alg_t(X509_ALGOR* algorithm, pki_alg_t code) {
 
 bool X509_ALGOR_to_std_string_(const X509_ALGOR* algorithm, std::string* appended) {
     if (algorithm == nullptr || algorithm->algorithm == nullptr) return false;
-    return oid_asn_to_str_(BytesOf(algorithm->algorithm), appended);
+    return AppendDotted(algorithm->algorithm, *appended);
 }
 
 cert_time64_t ASN1_TIME_to_time_t(const ASN1_TIME* time) {

@@ -157,9 +157,10 @@ int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<vo
         bundled_certs = bundle->d.signed_and_enveloped->cert;
         bundled_crls = bundle->d.signed_and_enveloped->crl;
     }
+    if (crls == nullptr) bundled_crls = nullptr;
     if (IsTooMany(bundled_certs, bundled_crls)) return kNotPkcs7;
     MoveCerts(bundled_certs, certs);
-    if (crls != nullptr) MoveCrls(bundled_crls, *crls);
+    if (bundled_crls != nullptr) MoveCrls(bundled_crls, *crls);
     return kHandled;
 }
 

@@ -92,7 +92,8 @@ CM_API int CertEngine_ExportCertsToPKCS7(const std::vector<void*>& certs, std::s
 /// First certificate of a text: PEM, or base64 without markers.
 CM_API void* CertEngine_ReadPEMCertData(const std::string& text);
 /// Certificates (and CRLs) of a PKCS #7, DER or PEM, appended in reverse order of the structure; certificates above
-/// kMaxCertificateBytes are left out. 0 handled, 1 not PKCS #7.
+/// kMaxCertificateBytes are left out. 0 handled; 1 not PKCS #7, longer than kMaxBundleBytes, or more than 4096 items of the
+/// kinds asked for.
 CM_API int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<void*>& certs,
                                       std::vector<void*>* crls);
 /// Whether the bytes are a PKCS #12 structure; nothing is decrypted.

@@ -172,6 +172,10 @@ TEST_F(EngineTest, DottedTextOfAnAlgorithmIsAppended) {
     EXPECT_TRUE(X509_ALGOR_to_std_string_(Algorithm(der::Sequence(der::Oid("1.2.3.4"))).get(), &text));
     EXPECT_FALSE(X509_ALGOR_to_std_string_(nullptr, &text));
     EXPECT_EQ(text, "algorithm 1.2.3.4");
+    text.clear();
+    EXPECT_TRUE(
+        X509_ALGOR_to_std_string_(Algorithm(der::Sequence("\x06\x81\xc8" + std::string(200, '\1'))).get(), &text));
+    EXPECT_EQ(text.size(), 401U) << "0.1 and 199 arcs";
 }
 
 constexpr cert_time64_t Packed(std::uint64_t year, std::uint64_t month, std::uint64_t day, std::uint64_t hour = 0,
