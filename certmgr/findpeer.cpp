@@ -22,11 +22,14 @@ namespace CM {
 
 namespace {
 
-/// Whether a list of received certificates may grow by that much. Logs, under the code of a failure, when it may not.
-bool HasRoom(const std::vector<const X509Cert*>& list, std::size_t certs, std::size_t bytes, EventCode code,
-             const TLogIdent& ident) {
+/// Whether a list of received certificates may grow by one of that size.
+bool HasRoom(const std::vector<const X509Cert*>& list, std::size_t bytes = 0) {
     for (const X509Cert* cert : list) bytes += cert->rawCert.size();
-    if (list.size() + certs <= kMaxReceivedCerts && bytes <= kMaxReceivedBytes) return true;
+    return list.size() < kMaxReceivedCerts && bytes <= kMaxReceivedBytes;
+}
+
+/// Under the code of a failure. Always false.
+bool LogFull(EventCode code, const TLogIdent& ident) {
     TLogMessage(code, ident)
         .Attr("a peer may send " + std::to_string(kMaxReceivedCerts) + " certificates and " +
               std::to_string(kMaxReceivedBytes) + " bytes")
@@ -34,47 +37,65 @@ bool HasRoom(const std::vector<const X509Cert*>& list, std::size_t certs, std::s
     return false;
 }
 
+/// The codes of one kind of payload.
+struct PayloadCodes {
+    EventCode received;
+    EventCode failed;
+};
+constexpr PayloadCodes kX509Codes{kMsgCertReceivedX509, kMsgCertUnreadableX509};
+constexpr PayloadCodes kPkcs7Codes{kMsgCertReceivedPkcs7, kMsgCertUnreadablePkcs7};
+
+enum class Received : std::uint8_t { kKept, kUnusable, kNoRoom };
+
 /// Takes over a decoded certificate and appends it when it can be used.
-bool AppendReceived(std::vector<const X509Cert*>& list, void* handle, EventCode code, const TLogIdent& ident) {
+Received AppendReceived(std::vector<const X509Cert*>& list, void* handle, const PayloadCodes& codes,
+                        const TLogIdent& ident) {
     MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(handle, nullptr));
-    if (cert->CanBeUsed() != ImportCertOk) return false;
+    if (cert->CanBeUsed() != ImportCertOk) return Received::kUnusable;
+    if (!HasRoom(list, cert->rawCert.size())) {
+        LogFull(codes.failed, ident);
+        return Received::kNoRoom;
+    }
     cert->info.kind = kCertKindPeer;
-    if (TLogMessage::IsEnabled(code)) {
+    if (TLogMessage::IsEnabled(codes.received)) {
         std::string rendering;
         ttt_X509CertToLogString(cert.get(), rendering);
-        TLogMessage(code, ident).Attr(rendering).Send();
+        TLogMessage(codes.received, ident).Attr(rendering).Send();
     }
     list.push_back(cert.Detach());
-    return true;
+    return Received::kKept;
 }
 
 }  // namespace
 
 bool VCertsListAddRawX509(std::vector<const X509Cert*>& list, const void* data, unsigned length,
                           const TLogIdent& ident) {
-    if (!HasRoom(list, 1, length, kMsgCertUnreadableX509, ident)) return false;
+    if (!HasRoom(list)) return LogFull(kX509Codes.failed, ident);
     void* handle = data != nullptr ? CertEngine_CreateCertHandle(data, length) : nullptr;
     if (handle == nullptr) {
-        TLogMessage(kMsgCertUnreadableX509, ident).Send();
+        TLogMessage(kX509Codes.failed, ident).Send();
         return false;
     }
-    return AppendReceived(list, handle, kMsgCertReceivedX509, ident);
+    return AppendReceived(list, handle, kX509Codes, ident) == Received::kKept;
 }
 
 bool VCertsListAddRawPKCS7(std::vector<const X509Cert*>& list, const void* data, unsigned length,
                            const TLogIdent& ident) {
     constexpr int kHandled = 0;
-    if (!HasRoom(list, 0, length, kMsgCertUnreadablePkcs7, ident)) return false;
+    if (!HasRoom(list) || length > kMaxReceivedBytes) return LogFull(kPkcs7Codes.failed, ident);
     std::vector<void*> handles;
     if (data == nullptr || CertEngine_ReadP7CCertData(data, length, handles, nullptr) != kHandled) {
-        TLogMessage(kMsgCertUnreadablePkcs7, ident).Send();
+        TLogMessage(kPkcs7Codes.failed, ident).Send();
         return false;
     }
-    if (!HasRoom(list, handles.size(), 0, kMsgCertUnreadablePkcs7, ident)) {
-        for (void* handle : handles) CertEngine_CloseCertHandle(handle);
-        return false;
+    bool full = false;  // what was taken until then stays
+    for (void* handle : handles) {
+        if (full) {
+            CertEngine_CloseCertHandle(handle);
+        } else {
+            full = AppendReceived(list, handle, kPkcs7Codes, ident) == Received::kNoRoom;
+        }
     }
-    for (void* handle : handles) AppendReceived(list, handle, kMsgCertReceivedPkcs7, ident);
     return true;
 }
 

@@ -293,10 +293,12 @@ TEST_F(PeerTest, WhatOnePeerMaySendIsBounded) {
     const std::string quarter = MakeCert(large, &root_).der;
     EXPECT_FALSE(large_ones.AddBundle(test_pki::MakePkcs7({quarter, quarter, quarter, quarter})));
     for (const bool fits : {true, true, true, false}) EXPECT_EQ(large_ones.Add(quarter), fits);
-    while (payload.list().size() < CM::kMaxReceivedCerts && payload.Add(peer_.der)) continue;
+    while (payload.list().size() < CM::kMaxReceivedCerts - 1 && payload.Add(peer_.der)) continue;
+    EXPECT_TRUE(payload.AddBundle(test_pki::MakePkcs7({peer_.der, peer_.der, peer_.der}))) << "as far as it goes";
     EXPECT_FALSE(payload.Add(peer_.der));
     EXPECT_TRUE(vendor_host::Logged("1024 certificates", kMsgCertUnreadableX509));
     EXPECT_FALSE(payload.AddBundle(test_pki::MakePkcs7({peer_.der})));
+    EXPECT_EQ(vendor_host::FindMessages(kMsgCertUnreadablePkcs7).size(), 3U) << "with the large ones";
     EXPECT_TRUE(vendor_host::Logged("1024 certificates", kMsgCertUnreadablePkcs7));
     EXPECT_EQ(payload.list().size(), CM::kMaxReceivedCerts);
 }
