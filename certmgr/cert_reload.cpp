@@ -4,6 +4,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <list>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -54,18 +55,50 @@ void LogChange(std::string text, std::string_view name) {
     TLogMessage(kMsgStoreChanged).Attr(text).Send();
 }
 
-/// An entry without a parsed certificate: its key is known from the token's public-key object, if there is one.
-void CompleteKeyPair(X509Cert& cert, PKCS11::TokenSession& session, const PKCS11::CertObject& object) {
-    cert.info.kind = kCertKindKeyPair;
-    std::string spki;
-    if (session.GetRawPubKeyObjectData(object.keyAlg, object.id, spki) && !spki.empty()) {
-        cert.SetKeyPairPublicKey(object.keyAlg, std::move(spki));
+}  // namespace
+
+/// Looks public keys up on one token. After it failed to show them nothing is asked any more: the answers are empty.
+class KeyLookUps {
+  public:
+    explicit KeyLookUps(PKCS11::TokenSession& session) : session_(session) {}
+
+    bool failed() const { return failed_; }
+
+    std::optional<bool> Contains(const std::string& spki) {
+        if (failed_) return {};
+        return Answer(session_.ContainPubKeyObject(spki));
     }
+    std::optional<bool> Read(pki_alg_t alg, const std::string& id, std::string& spki) {
+        if (failed_) return {};
+        return Answer(session_.GetRawPubKeyObjectData(alg, id, spki));
+    }
+
+  private:
+    std::optional<bool> Answer(bool found) {
+        failed_ = !found && session_.keyLookUpFailed();
+        return failed_ ? std::nullopt : std::optional(found);
+    }
+
+    PKCS11::TokenSession& session_;
+    bool failed_ = false;
+};
+
+namespace {
+
+/// An entry without a parsed certificate: its key is known from the token's public-key object, if there is one. False when
+/// the token does not say.
+bool CompleteKeyPair(X509Cert& cert, const PKCS11::CertObject& object, KeyLookUps& keys) {
+    std::string spki;
+    const std::optional<bool> found = keys.Read(object.keyAlg, object.id, spki);
+    if (found.value_or(false) && !spki.empty()) cert.SetKeyPairPublicKey(object.keyAlg, std::move(spki));
+    return found.has_value();
 }
 
-bool IsPersonal(const X509Cert& cert, PKCS11::TokenSession& session, const PKCS11::CertObject& object) {
+/// Nothing when the token does not say.
+std::optional<bool> IsPersonal(const X509Cert& cert, const PKCS11::CertObject& object, KeyLookUps& keys) {
     if (cert.info.isCA) return false;
-    return object.category == kTokenUserCategory || session.ContainPubKeyObject(cert.rawPubKey);
+    if (object.category == kTokenUserCategory) return true;
+    return keys.Contains(cert.rawPubKey);
 }
 
 }  // namespace
@@ -115,14 +148,17 @@ void ReloadPass::ReadTokens() {
 }
 
 void ReloadPass::ReadCertificates(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
-    DeleteDiscarded(token);
+    DeleteDiscarded(token, session);
     std::list<PKCS11::CertObject> objects;
     const bool complete = session.EnumCertificates(objects);
+    KeyLookUps keys(session);
     for (const PKCS11::CertObject& object : objects) {
-        if (!Keep(token, object)) Add(session, token, object);
+        if (Keep(token, object)) continue;
+        MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(token, object));
+        if (ListChange* const list = Classify(*cert, object, keys)) list->appeared.Adopt(cert.Detach());
     }
+    if (!complete || keys.failed()) failures_.emplace(token.id, kReloadCertificates);
     if (complete) return;
-    failures_.emplace(token.id, kReloadCertificates);
     for (ListChange* change : {&other_, &trusted_, &personal_, &key_pair_}) change->KeepAllOf(token);
 }
 
@@ -140,24 +176,21 @@ bool ReloadPass::Keep(const PKCS11::TokenInfo& token, const PKCS11::CertObject& 
     return take(key_pair_);
 }
 
-void ReloadPass::Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token, const PKCS11::CertObject& object) {
-    MutableCertRef cert = MutableCertRef::Adopt(new X509Cert(token, object));
-    if (cert->certHandle == nullptr) {
-        CompleteKeyPair(*cert, session, object);
-        key_pair_.appeared.Adopt(cert.Detach());
-        return;
+/// Sets the kind of a new entry and says which list it belongs to. Null: it cannot be used, or it depends on a key that the
+/// token did not show; a wrong kind would stay with it for good.
+ReloadPass::ListChange* ReloadPass::Classify(X509Cert& cert, const PKCS11::CertObject& object, KeyLookUps& keys) {
+    const auto as = [&cert](std::uint32_t kind, ListChange& list) {
+        cert.info.kind = kind;
+        return &list;
+    };
+    if (cert.certHandle == nullptr) {
+        return CompleteKeyPair(cert, object, keys) ? as(kCertKindKeyPair, key_pair_) : nullptr;
     }
-    if (cert->CanBeUsed() != ImportCertOk) return;
-    if (IsPersonal(*cert, session, object)) {
-        cert->info.kind = kCertKindPersonal;
-        personal_.appeared.Adopt(cert.Detach());
-    } else if (object.trusted) {
-        cert->info.kind = kCertKindTrusted;
-        trusted_.appeared.Adopt(cert.Detach());
-    } else {
-        cert->info.kind = kCertKindOther;
-        other_.appeared.Adopt(cert.Detach());
-    }
+    if (cert.CanBeUsed() != ImportCertOk) return nullptr;
+    const std::optional<bool> personal = IsPersonal(cert, object, keys);
+    if (!personal) return nullptr;
+    if (*personal) return as(kCertKindPersonal, personal_);
+    return object.trusted ? as(kCertKindTrusted, trusted_) : as(kCertKindOther, other_);
 }
 
 void ReloadPass::ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token) {
@@ -237,11 +270,11 @@ void ReloadPass::ReportCertificates() const {
 
 void ReloadPass::ReportPresharedKeys() const {
     for (const std::string& name : keys_disappeared_) {
-        LogChange("PresharedKeyDisappeared: ", asn_text_to_printable(name));
+        LogChange("PresharedKeyDisappeared: ", asn_text_to_line(name));
         if (Callbacks.PresharedKeyDisappeared != nullptr) Callbacks.PresharedKeyDisappeared(name);
     }
     for (const std::string& name : keys_appeared_) {
-        LogChange("PresharedKeyAppeared: ", asn_text_to_printable(name));
+        LogChange("PresharedKeyAppeared: ", asn_text_to_line(name));
         if (Callbacks.PresharedKeyAppeared != nullptr) Callbacks.PresharedKeyAppeared(name);
     }
 }

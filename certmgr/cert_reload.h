@@ -13,6 +13,8 @@
 
 namespace CM {
 
+class KeyLookUps;
+
 /// Used once, by a thread that holds the store's tokensLock from construction to destruction (so that nobody else
 /// changes the lists meanwhile): ReadTokens, Prepare, Swap under the write lock, Report without it.
 class ReloadPass {
@@ -47,7 +49,7 @@ class ReloadPass {
 
     void ReadCertificates(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
     bool Keep(const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
-    void Add(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token, const PKCS11::CertObject& object);
+    ListChange* Classify(X509Cert& cert, const PKCS11::CertObject& object, KeyLookUps& keys);
     void ReadPresharedKeys(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
     void ReadCRLs(PKCS11::TokenSession& session, const PKCS11::TokenInfo& token);
     CrlRef TakeOld(const PKCS11::TokenInfo& token, const PKCS11::CRLObject& object);

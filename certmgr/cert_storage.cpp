@@ -8,6 +8,7 @@
 #include "cert_index.h"
 #include "cert_reload.h"
 #include "certmgr/certmgr.h"
+#include "certmgr/discarded_keys.h"
 #include "platform/bridge.h"
 
 namespace CM {
@@ -151,6 +152,7 @@ CertStorage::CertStorage() {
     // Registers libcrypto's clean-up at exit now, so that it runs after this object's destructor, which still closes
     // handles. Without any option the call would register nothing.
     OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    PrepareDiscardedKeys();  // which a reload that the destructor waits for uses, too
 }
 
 CertStorage::~CertStorage() {
@@ -170,6 +172,7 @@ void CertStorage::ReloadTokensObjects(std::uint32_t what) {
     {
         const vpnfc::WriteLock write_lock(*this);
         pass.Swap();
+        ++reloads;
     }
     const std::uint32_t again = NewFailures(what, pass.failures());
     if (pass.Report()) EM_AsyncCall(cm_send_cert_list_changed_nitification_, nullptr);

@@ -81,17 +81,21 @@ void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& sessio
     if (!remains.Gone()) DiscardedKeys().Add(std::move(remains));
 }
 
-void DeleteDiscarded(const PKCS11::TokenInfo& token) {
+void DeleteDiscarded(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session) {
+    if (token.loginRequired && !token.loggedIn) return;
     const std::time_t now = vpnfc::CurrentTime();
     std::vector<Remains> all = DiscardedKeys().TakeDue(token.id, now);
     if (all.empty()) return;
-    PKCS11::TokenSession session(token, PKCS11::TokenSession::kPrivate);
     for (Remains& remains : all) {
-        if (session) Delete(session, remains);
+        Delete(session, remains);
         if (remains.Gone()) continue;
-        if (session && now - remains.since > kLongestCall) remains.next_try = now + kRetryInterval;
+        if (now - remains.since > kLongestCall) remains.next_try = now + kRetryInterval;
         DiscardedKeys().Add(std::move(remains));
     }
+}
+
+void PrepareDiscardedKeys() {
+    DiscardedKeys();
 }
 
 }  // namespace CM

@@ -14,7 +14,10 @@ namespace CM {
 void DiscardKeyPair(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session, const std::string& id,
                     const CertInfo* certificate = nullptr);
 
-/// Deletes what is left of such key pairs on the token, if it allows that now.
-void DeleteDiscarded(const PKCS11::TokenInfo& token);
+/// Deletes what is left of such key pairs on the token, if it allows that now: nobody is logged in for it.
+void DeleteDiscarded(const PKCS11::TokenInfo& token, PKCS11::TokenSession& session);
+
+/// For the constructor of an object whose destructor still calls these functions.
+void PrepareDiscardedKeys();
 
 }  // namespace CM

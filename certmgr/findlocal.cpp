@@ -294,6 +294,8 @@ Selection cm_select_among_(LocalSearchRecords& records, LPCFG::ipsecid_t* id, co
 SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::auth_ike_t& rule,
                                             UseHandleFromAuthType mode, const std::string* excluded_subject,
                                             IkeCertRequestIter* requests, const TLogIdent& ident) {
+    CertStorage& storage = CertStorage::Instance();
+    const std::uint64_t reloads = storage.ReloadCount();
     LocalSearchRecords records;
     if (!cm_IkeSelectLocalCertificates_(records, rule, cm_without_wait_(mode), excluded_subject, requests)) {
         return {kLocalBoundMissing, nullptr};
@@ -303,8 +305,7 @@ SelectLocalResult IkeSelectLocalCertificate(LPCFG::ipsecid_t* id, const LPCFG::a
         return selection.result;
     }
     // A pending reload may bring it, once; one that ended during the search may have brought it.
-    if ((mode & kWaitForReload) != 0) {
-        CertStorage::Instance().WaitReloadDone();
+    if ((mode & kWaitForReload) != 0 && (storage.WaitReloadDone() || storage.ReloadCount() != reloads)) {
         records.clear();
         return IkeSelectLocalCertificate(id, rule, cm_without_wait_(mode), excluded_subject, requests, ident);
     }

@@ -1,6 +1,7 @@
 // The certificate store: everything the module knows from the tokens.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -178,6 +179,8 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     static void ReloadEventHandler(const EM_Event& event);
     /// False at once when no reload is pending; else waits for its end and returns true.
     bool WaitReloadDone();
+    /// Reloads so far, whoever ran them: a search that sees it change may have looked at lists that are no more.
+    std::uint64_t ReloadCount() const { return reloads; }
     /// Empties the store and stops it.
     void ClearAll();
     /// Adds a CRL unless one with the same DER is stored. Takes it over either way.
@@ -234,6 +237,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     void ClearLists();
 
     ReadFailures lastFailures;  // guarded by tokensLock
+    std::atomic<std::uint64_t> reloads = 0;
 
     // Guarded by reloadLock.
     std::uint32_t reloadFlags = kStoreStopped;

@@ -56,7 +56,7 @@ struct CertObject {
     std::string value;  // DER; empty for a key pair without certificate
     std::uint32_t category = 0;  // CKA_CERTIFICATE_CATEGORY (1 token user, 2 authority, 3 other), or kKeyPairCategory
     bool trusted = false;  // CKA_TRUSTED
-    pki_alg_t keyAlg = 0;  // of a key pair without certificate; else 0
+    pki_alg_t keyAlg = 0;  // of the key with that CKA_ID; 0: there is none, or no CKA_ID
     /// CKA_END_DATE of the private key, else of its public key; end of that day.
     cert_time64_t keyNotAfter = CERT_TIME_UNKNOWN;
 };
@@ -156,6 +156,9 @@ class PLATFORM_API TokenSession {
     /// Whether a public-key object, or a private key, equal to that SubjectPublicKeyInfo is on the token; `id` (may be
     /// null) receives its identifier.
     bool ContainPubKeyObject(const std::string& spki, std::string* id = nullptr);
+    /// The last look-up of a public key (the two above) failed because the token did not show its keys: it does not say
+    /// that the key is not there.
+    bool keyLookUpFailed() const;
 
     /// Digest of `data` with the hash part of `alg`, on the token where it has the mechanism, else on the host; false when
     /// neither knows the hash. The data itself for "no digest" and for a GOST token whose Sign and Verify digest.

@@ -133,6 +133,14 @@ struct KeyPairs {
         const auto found = not_after.find(id);
         return found == not_after.end() ? CERT_TIME_UNKNOWN : found->second;
     }
+    /// Algorithms by identifier, of keys that have one.
+    std::unordered_map<std::string_view, pki_alg_t> Algorithms() const {
+        std::unordered_map<std::string_view, pki_alg_t> algs;
+        for (const KeyObject& key : keys) {
+            if (!key.id.empty()) algs.emplace(key.id, key.alg);
+        }
+        return algs;
+    }
 };
 
 /// Public keys are read only where private ones cannot be seen, or do not show their date.
@@ -209,6 +217,7 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
                             {CKA_TRUSTED, sizeof(CK_BBOOL)},
                             {CKA_VALUE, kCertificateBytes}},
                            budget);
+    const auto key_algs = pairs.Algorithms();
     std::unordered_set<std::string_view> certified;
     outcome.result =
         ReadEach(session, listing.certificates, CKO_CERTIFICATE, reader, outcome.stale, [&](CK_OBJECT_HANDLE) {
@@ -220,6 +229,7 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
             // The marker is ours: a token that uses the number says nothing that is known.
             if (object.category == PKCS11::kKeyPairCategory) object.category = 0;
             certified.insert(object.id);
+            if (const auto key = key_algs.find(object.id); key != key_algs.end()) object.keyAlg = key->second;
             if (const auto pair = pairs.not_after.find(object.id);
                 !object.id.empty() && pair != pairs.not_after.end()) {
                 object.keyNotAfter = pair->second;

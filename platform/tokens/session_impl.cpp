@@ -155,7 +155,7 @@ tokens::ObjectListingPtr TokenSession::Impl::List(Kind kind) {
 }
 
 std::shared_ptr<const tokens::PublicKeyIndex> TokenSession::Impl::PublicKeys() {
-    for (bool again = false; public_keys == nullptr; again = true) {
+    for (bool again = false; session != nullptr && public_keys == nullptr; again = true) {
         const tokens::ObjectListingPtr listed = List(kPublicKeys);
         if (listed == nullptr) break;
         const tokens::IndexOutcome outcome =
@@ -166,6 +166,7 @@ std::shared_ptr<const tokens::PublicKeyIndex> TokenSession::Impl::PublicKeys() {
         }
         ForgetListing();
     }
+    look_up_failed = public_keys == nullptr;
     return public_keys;
 }
 

@@ -47,6 +47,7 @@ struct TokenSession::Impl {
     /// The objects on the token. One listing serves each kind once: asking for a kind again lists anew.
     enum Kind : unsigned { kCertificates = 1, kCrls = 2, kPresharedKeys = 4, kPublicKeys = 8 };
     tokens::ObjectListingPtr List(Kind kind);
+    /// Null, and look_up_failed set, when the token does not show them.
     std::shared_ptr<const tokens::PublicKeyIndex> PublicKeys();
     /// After this session changed the token's objects.
     void Changed();
@@ -85,6 +86,7 @@ struct TokenSession::Impl {
     vpnfc::SecretString officer_pin;
     bool login_failed = false;
     bool officer_required = false;
+    bool look_up_failed = false;
     tokens::ObjectListingPtr listing;
     unsigned listed_kinds = 0;
     std::shared_ptr<const tokens::PublicKeyIndex> public_keys;

@@ -128,7 +128,7 @@ bool TokenSession::EnumPresharedKeys(std::list<PresharedKeyObject>& keys) {
 }
 
 bool TokenSession::GetRawPubKeyObjectData(pki_alg_t keyAlg, const std::string& id, std::string& spki) {
-    const auto keys = opened() ? impl_->PublicKeys() : nullptr;
+    const auto keys = impl_->PublicKeys();
     const tokens::PublicKeyIndex::Key* const key = keys == nullptr ? nullptr : keys->FindById(keyAlg, id);
     if (key == nullptr) return false;
     spki = key->spki;
@@ -137,7 +137,8 @@ bool TokenSession::GetRawPubKeyObjectData(pki_alg_t keyAlg, const std::string& i
 
 bool TokenSession::ContainPubKeyObject(const std::string& spki, std::string* id) {
     tokens::PublicKey parsed;
-    if (!opened() || !tokens::PublicKeyFromSpki(spki, parsed)) return false;
+    impl_->look_up_failed = false;
+    if (!tokens::PublicKeyFromSpki(spki, parsed)) return false;
     const auto keys = impl_->PublicKeys();
     // Both sides in the form that is written here: parameters may be encoded in more ways than one.
     const tokens::PublicKeyIndex::Key* const key =
@@ -145,6 +146,10 @@ bool TokenSession::ContainPubKeyObject(const std::string& spki, std::string* id)
     if (key == nullptr) return false;
     if (id != nullptr) *id = key->id;
     return true;
+}
+
+bool TokenSession::keyLookUpFailed() const {
+    return impl_->look_up_failed;
 }
 
 bool TokenSession::SeedRandom(const std::string& seed) {

@@ -232,8 +232,15 @@ TEST_F(Changes, WhatCannotBeDeletedIsTriedForLong) {
         store().ReloadCertificates();
         EXPECT_EQ(control_.Calls("C_DestroyObject") > before, step.tried) << step.minutes;
     }
-    control_.Set({});
+    // Nobody is logged in for it.
+    ASSERT_TRUE(tokens::Logout(token_.info));
+    AddPinFile("one", token_.pin, 0600, false);
+    Apply();
+    control_.Set({"trace C_Login"});
     vpnfc::SetCurrentTimeForTesting(start + 60 * 200);
+    store().ReloadCertificates();
+    EXPECT_EQ(control_.Calls("C_Login"), 0);
+    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     store().ReloadCertificates();
     vpnfc::SetCurrentTimeForTesting(std::nullopt);
     EXPECT_EQ(ObjectsOnToken(), 0U);

@@ -205,6 +205,21 @@ TEST_F(ReloadTest, WhatATokenFailsToShowStaysAndIsReadOnceMore) {
     EXPECT_EQ(HookLog::Take(), Strings{"cert- CN=own"});
 }
 
+TEST_F(ReloadTest, WhatDependsOnAKeyThatWasNotShownWaitsForTheNextReading) {
+    const Cert own = Leaf("CN=own");
+    card->AddPersonal(own.der, own.key, {.category = 3});
+    card->AddKeyPair("lone", test_pki::MakeKey(test_pki::KeyType::kRsa2048));
+    card->AddCertificate(root.der, {.trusted = true});
+    card->Fail(Op::kContainPublicKey, 1);
+    Reload();
+    EXPECT_EQ(store().trustedCerts.size(), 1U);
+    EXPECT_TRUE(store().otherCerts.empty() && store().personalCerts.empty() && store().keyPairCerts.empty());
+    vendor_host::Advance(10);
+    EXPECT_TRUE(store().otherCerts.empty());
+    EXPECT_EQ(store().personalCerts.size(), 1U);
+    EXPECT_EQ(store().keyPairCerts.size(), 1U);
+}
+
 TEST_F(ReloadTest, PresharedKeysAreComparedByNameOneToOne) {
     const auto second = vendor_host::AddToken("second");
     card->AddPresharedKey("a", "1");

@@ -120,6 +120,7 @@ TEST_F(Objects, KeyPairsWithoutCertificateAreListed) {
     check(open);
 
     std::string raw;
+    EXPECT_EQ(Certificates(open)[0].keyAlg, PKI_KEY_RSA) << "by which its key is found when the certificate is damaged";
     EXPECT_FALSE(open.GetRawPubKeyObjectData(PKI_KEY_EC, "rsa", raw)) << "of another algorithm";
     EXPECT_FALSE(open.GetRawPubKeyObjectData(PKI_KEY_EC, "none", raw));
     EXPECT_FALSE(open.ContainPubKeyObject(test_pki::Spki(test_pki::MakeKey(KeyType::kEcP384, 1))));

@@ -194,6 +194,20 @@ TEST_F(Trouble, ReadingEndsWhereTheTokenFails) {
     EXPECT_EQ(errors.errors.size(), 1U);
 }
 
+TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
+    const test_pki::Key key = test_pki::MakeKey(test_pki::KeyType::kEcP256);
+    Import(token_.info, PKI_KEY_EC, key, "own");
+    TokenSession session(token_.info);
+    const auto found = [&](const std::string& spki) {
+        return std::pair(session.ContainPubKeyObject(spki), session.keyLookUpFailed());
+    };
+    control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR times 1"});
+    EXPECT_EQ(found(test_pki::Spki(key)), std::pair(false, true));
+    EXPECT_EQ(found("no key"), std::pair(false, false));
+    EXPECT_EQ(found(test_pki::Spki(key)), std::pair(true, false));
+    EXPECT_EQ(found(test_pki::Spki(test_pki::MakeKey(test_pki::KeyType::kEcP256, 1))), std::pair(false, false));
+}
+
 TEST_F(Trouble, SlotsHaveALimit) {
     control_.Set({"slots 2000"});
     ASSERT_TRUE(reports_.WaitFor("forward: has more than 1024 slots with a token; the others are left out"));

@@ -22,6 +22,7 @@ struct TokenSession::Impl {
     bool login_failed = false;
     bool is_security_officer = false;
     bool security_officer_required = false;
+    bool look_up_failed = false;
 
     bool Open(OpenType type, const std::string* pin);
     /// Counts the operation, waits at its gate, and gives the token's lock when the operation may go on.
@@ -106,6 +107,10 @@ bool TokenSession::securityOfficerRequired() const {
     return impl_->security_officer_required;
 }
 
+bool TokenSession::keyLookUpFailed() const {
+    return impl_->look_up_failed;
+}
+
 // --- Enumerations ---
 
 bool TokenSession::EnumCertificates(std::list<CertObject>& certificates) {
@@ -131,6 +136,7 @@ bool TokenSession::EnumPresharedKeys(std::list<PresharedKeyObject>& keys) {
 
 bool TokenSession::GetRawPubKeyObjectData(pki_alg_t keyAlg, const std::string& id, std::string& spki) {
     const Lock lock = impl_->Begin(Op::kGetPublicKey, "C_GetAttributeValue");
+    impl_->look_up_failed = !lock;
     if (!lock) return false;
     const auto found = impl_->token->keys.find(id);
     if (found == impl_->token->keys.end() || found->second.alg != keyAlg) return false;
@@ -140,6 +146,7 @@ bool TokenSession::GetRawPubKeyObjectData(pki_alg_t keyAlg, const std::string& i
 
 bool TokenSession::ContainPubKeyObject(const std::string& spki, std::string* id) {
     const Lock lock = impl_->Begin(Op::kContainPublicKey, "C_FindObjects");
+    impl_->look_up_failed = !lock;
     if (!lock) return false;
     const auto found = impl_->token->key_by_spki.find(spki);
     if (found == impl_->token->key_by_spki.end()) return false;
