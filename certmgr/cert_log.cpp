@@ -61,8 +61,8 @@ void ttt_CRLInfoToLogString(const CRLInfo& info, std::string& out) {
 void ttt_TokenInfoToLogString(const PKCS11::TokenInfo* token, std::string& out) {
     out.clear();
     AppendItem(out, "label: ", {});
-    CM::cmprint_Text(out, token->label);
-    CM::cmprint_Text(out.append(",\t serial: "), token->serialNumber);
+    CM::cmprint_Label(out, token->label);
+    CM::cmprint_Label(out.append(",\t serial: "), token->serialNumber);
 }
 
 void ttt_CertPatternToLogString(const LPCFG::cert_t& pattern, std::string& appended) {
@@ -96,7 +96,11 @@ void cmprint_Value(std::string& out, std::string_view value) {
 }
 
 void cmprint_Text(std::string& out, std::string_view text) {
-    cmprint_Value(out, asn_text_to_line(text));
+    cmprint_Value(out, asn_text_to_printable(text));
+}
+
+void cmprint_Label(std::string& out, std::string_view label) {
+    cmprint_Value(out, asn_text_to_line(label));
 }
 
 void cmprint_Fact(std::string& out, std::string_view label, std::string_view value) {
@@ -113,7 +117,7 @@ void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details) {
     cmprint_Fact(out, "Kind: ", CertKindText(info.kind));
     if (!cert->token.label.empty()) {
         cmprint_Fact(out, "Token: ", {});
-        cmprint_Text(out, cert->token.label);
+        cmprint_Label(out, cert->token.label);
     }
     cmprint_Fact(out, "KeyAlg: ", ttt_pki_alg_to_str(info.keyAlg));
     if (info.keyBits != 0) out.append(", ").append(std::to_string(info.keyBits)).append(" bits");

@@ -20,9 +20,12 @@ inline constexpr std::size_t kMaxValueBytes = 2U << 10;
 /// Appends a value, cut at kMaxValueBytes with a note of how much is missing. Printable names and texts of our own.
 void cmprint_Value(std::string& out, std::string_view value);
 
-/// The same for a text that a token, a certificate or a peer chose, such as a label or an alternative name: with the escapes
-/// of asn_text_to_line.
+/// The same for a text that a certificate or a peer chose, such as an alternative name: escaped as the values of printable
+/// names are.
 void cmprint_Text(std::string& out, std::string_view text);
+
+/// The same for what the user's own token says, such as its label: on one line, otherwise as people wrote it.
+void cmprint_Label(std::string& out, std::string_view label);
 
 /// Appends a line made of a label such as "Subject: " and its value.
 void cmprint_Fact(std::string& out, std::string_view label, std::string_view value);

@@ -10,8 +10,9 @@ namespace {
 using namespace local_test;
 using namespace std::string_literals;
 
-/// The labels of an entry's lines, and how many unescaped separators and marks it holds.
-std::string Shape(const std::string& entry) {
+/// The labels of an entry's lines, and how many unescaped separators and marks it holds; a label or a name of a key has
+/// nothing but a tab beside it, and may hold the others.
+std::string Shape(const std::string& entry, bool on_own_line) {
     static const std::string kContinuation = "\\\n";
     std::string shape;
     for (std::size_t at = 0; at < entry.size();) {
@@ -28,7 +29,8 @@ std::string Shape(const std::string& entry) {
         }
         return mark + std::to_string(found) + "\n";
     };
-    return shape + count(", ") + count(",\t") + count("<any>") + count("\"");
+    shape += count(",\t");
+    return on_own_line ? shape : shape + count(", ") + count("<any>") + count("\"");
 }
 
 bool IsControl(char c) {
@@ -37,13 +39,13 @@ bool IsControl(char c) {
 
 class HostileLogTest : public LocalTest {
   protected:
-    /// Everything that is logged when a label, a serial number, a preshared key's name, an alternative name and the peer's
-    /// identity are this text.
-    std::vector<std::string> EntriesWith(const std::string& text) {
-        token_->EditInfo([&](PKCS11::TokenInfo& info) { info.label = info.serialNumber = text; });
+    /// Everything that is logged when a label, a serial number and a preshared key's name are this label, an alternative name
+    /// and the peer's identity this text.
+    std::vector<std::string> EntriesWith(const std::string& label, const std::string& text) {
+        token_->EditInfo([&](PKCS11::TokenInfo& info) { info.label = info.serialNumber = label; });
         AddPersonal({.key = KeyType::kRsa2048, .subject = "CN=host", .san = {"email:" + text, "DNS:" + text}},
                     {.id = "host"});
-        token_->AddPresharedKey(text, "secret");
+        token_->AddPresharedKey(label, "secret");
         vendor_host::ClearMessages();
         CM::Reload();
         LPCFG::auth_ike_t rule;
@@ -64,14 +66,14 @@ class HostileLogTest : public LocalTest {
                 entries.push_back(message.Text());  // the host's own is no business of ours
         }
         token_->Remove("host");
-        token_->RemovePresharedKey(text);
+        token_->RemovePresharedKey(label);
         CM::Reload();
         return entries;
     }
 };
 
 TEST_F(HostileLogTest, TextsOfOthersNeitherForgeNorPushOutFacts) {
-    const std::vector<std::string> plain = EntriesWith("plain");
+    const std::vector<std::string> plain = EntriesWith("plain", "plain");
     ASSERT_EQ(plain.size(), 8U);
     const std::string hostile[] = {
         "x \\\n\t  Identity: empty",
@@ -88,17 +90,20 @@ TEST_F(HostileLogTest, TextsOfOthersNeitherForgeNorPushOutFacts) {
         std::string(100'000, 'x'),
         std::string(100'000, '\n'),
     };
-    for (const std::string& text : hostile) {
+    const auto check = [&](const std::string& text, bool is_label) {
         SCOPED_TRACE(text.substr(0, 60));
-        const std::vector<std::string> entries = EntriesWith(text);
+        const std::vector<std::string> entries = is_label ? EntriesWith(text, "plain") : EntriesWith("plain", text);
         ASSERT_EQ(entries.size(), plain.size());
         for (std::size_t i = 0; i < entries.size(); ++i) {
-            EXPECT_EQ(Shape(entries[i]), Shape(plain[i]));
+            EXPECT_EQ(Shape(entries[i], is_label), Shape(plain[i], is_label));
             EXPECT_EQ(std::count_if(entries[i].begin(), entries[i].end(), IsControl),
                       std::count_if(plain[i].begin(), plain[i].end(), IsControl))
                 << entries[i];
             EXPECT_LT(entries[i].size(), 6000U);
         }
+    };
+    for (const std::string& text : hostile) {
+        for (const bool is_label : {false, true}) check(text, is_label);
     }
 }
 

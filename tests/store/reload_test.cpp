@@ -207,7 +207,7 @@ TEST_F(ReloadTest, WhatATokenFailsToShowStaysAndIsReadOnceMore) {
 
 TEST_F(ReloadTest, WhatDependsOnAKeyThatWasNotShownWaitsForTheNextReading) {
     const Cert own = Leaf("CN=own");
-    card->AddPersonal(own.der, own.key, {.category = 3});
+    card->AddPersonal(own.der, own.key, {.category = 2});
     card->AddKeyPair("lone", test_pki::MakeKey(test_pki::KeyType::kRsa2048));
     card->AddCertificate(root.der, {.trusted = true});
     card->Fail(Op::kContainPublicKey, 1);

@@ -199,7 +199,7 @@ TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
     Import(token_.info, PKI_KEY_EC, key, "own");
     TokenSession session(token_.info);
     const auto found = [&](const std::string& spki) {
-        return std::pair(session.ContainPubKeyObject(spki), session.keyLookUpFailed());
+        return std::pair{session.ContainPubKeyObject(spki), session.keyLookUpFailed()};
     };
     control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR times 1"});
     EXPECT_EQ(found(test_pki::Spki(key)), std::pair(false, true));
