@@ -128,8 +128,7 @@ CrlRef Keep(CrlAnswer& answer, const CrlParams& params, const CrlRef& ignored) {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     const auto place = g_crl_db.find(&crl->uri);
     if (place != g_crl_db.end() && place->second != ignored && IsOlder(crl, place->second)) return place->second;
-    const bool emptied =
-        answer.generation.clears != g_generation.clears || params.generation.clears != g_generation.clears;
+    const bool emptied = answer.generation.clears != g_generation.clears;
     if (!params.keep || emptied || crl->rawCrl().size() > params.keep_max_bytes) return nullptr;
     answer.kept = true;
     if (place != g_crl_db.end()) {
