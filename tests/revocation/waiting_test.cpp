@@ -106,6 +106,21 @@ TEST_F(WaitingTest, AMarkFailsOneCheckAlone) {
     EXPECT_EQ(Transfers(), 2U);
 }
 
+TEST_F(WaitingTest, AMarkOutlivesTheWrongCrlThatWasUnderWay) {
+    Serve("/a", Crl());
+    EXPECT_TRUE(Passes(LeafAt("/a")));
+    CM::cm_crl_apply_lparams_(false);
+    Serve("/a", test_pki::MakeCrl({}, chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 8)));
+    server_.Hold("/a");
+    Start(1, [&](unsigned) { EXPECT_FALSE(Passes(LeafAt("/a"))); });
+    ASSERT_TRUE(server_.WaitForRequests("/a", 2));
+    CM::cm_crl_apply_lparams_(false);
+    server_.Release("/a");
+    Join();
+    EXPECT_FALSE(Passes(LeafAt("/a")));
+    EXPECT_EQ(Transfers(), 3U);
+}
+
 TEST_F(WaitingTest, WhatWasUnderWayAtAChangeIsAskedForAgain) {
     SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
     unsigned requests = 0;
