@@ -5,13 +5,13 @@
 
 #include <array>
 #include <atomic>
-#include <compare>
 #include <cstdint>
 #include <ctime>
 #include <future>
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "certmgr/x509cert.h"
 #include "platform/bridge.h"
@@ -61,7 +61,10 @@ struct CrlGeneration {
     std::uint64_t clears = 0;  // the cache was emptied: what comes is not kept
     std::uint64_t marks = 0;  // all is to be downloaded again: what comes, too
 
-    auto operator<=>(const CrlGeneration&) const = default;
+    bool operator==(const CrlGeneration&) const = default;
+    bool operator<(const CrlGeneration& other) const {
+        return std::tie(clears, marks) < std::tie(other.clears, other.marks);
+    }
 };
 
 /// The parameters of one revocation check, read once.

@@ -30,8 +30,8 @@ struct Remains {
 
 /// A deletion that fails does not say whether nothing was there. A call whose answer was lost may write late, but not that
 /// late: from then on something that is there resists, and is tried now and then alone.
-constexpr std::time_t kLongestCall = 10 * 60;
-constexpr std::time_t kRetryInterval = 60 * 60;
+constexpr std::time_t kLongestCall = std::time_t{10} * 60;
+constexpr std::time_t kRetryInterval = std::time_t{60} * 60;
 
 class Discarded {
   public:
