@@ -124,7 +124,7 @@ CreateOutcome CreateCertificate(Session& session, const PKCS11::CertObject& obje
     }
     if (!object.trusted) return Create(session, attributes);
     attributes.Flag(CKA_TRUSTED, true);
-    const CreateOutcome outcome = Create(session, attributes);
+    CreateOutcome outcome = Create(session, attributes);
     if (!IsForOfficerAlone(outcome.result.rv)) return outcome;
     Delete(session, FindEmptyCertificates(session));  // what some tokens leave of an object that they refused
     return {.officer_required = true};
