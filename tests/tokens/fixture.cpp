@@ -11,7 +11,6 @@
 namespace token_test {
 
 using PKCS11::TokenInfo;
-using vpnfc::SecretString;
 
 std::string RandomPin() {
     std::array<unsigned char, 8> bytes{};
@@ -62,18 +61,12 @@ void Reports::Remove() {
 }
 
 bool Reports::WaitFor(const std::string& part, std::size_t times) {
-    return reports_.WaitUntil([&](const auto& reports) {
-        return std::count_if(reports.begin(), reports.end(), [&](const std::string& report) {
-                   return report.find(part) != std::string::npos;
-               }) >= static_cast<std::ptrdiff_t>(times);
-    });
+    return reports_.WaitUntil([&](const auto& reports) { return CountIn(reports, part) >= times; });
 }
 
-std::size_t Reports::Count(const std::string& part) const {
-    const std::vector<std::string> reports = reports_.Get();
-    return static_cast<std::size_t>(std::count_if(reports.begin(), reports.end(), [&](const std::string& report) {
-        return report.find(part) != std::string::npos;
-    }));
+std::size_t Reports::CountIn(const std::vector<std::string>& reports, const std::string& part) {
+    return static_cast<std::size_t>(std::count_if(
+        reports.begin(), reports.end(), [&](const std::string& report) { return report.find(part) != report.npos; }));
 }
 
 TokenTest::TokenTest() : control_(directory_ / "control") {
@@ -91,12 +84,15 @@ TokenTest::~TokenTest() {
 
 void TokenTest::StartDirect() {
     settings_.providers = {{.name = "softhsm", .module_path = tokens::SoftHsmModulePath()}};
-    std::string error;
-    ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+    Start();
 }
 
 void TokenTest::StartForward() {
     settings_.providers = {{.name = "forward", .module_path = FORWARD_PKCS11_PATH, .init_args = control_.InitArgs()}};
+    Start();
+}
+
+void TokenTest::Start() {
     std::string error;
     ASSERT_TRUE(tokens::Start(settings_, error)) << error;
 }
@@ -109,17 +105,15 @@ void TokenTest::Apply() {
 TestToken TokenTest::NewToken(const std::string& label, bool logged_in) {
     TestToken token{{}, RandomPin(), RandomPin()};
     std::string error;
-    EXPECT_TRUE(tokens::InitToken(settings_.providers.at(0).name, label, SecretString(std::string_view(token.so_pin)),
-                                  SecretString(std::string_view(token.pin)), token.info, error))
+    EXPECT_TRUE(tokens::InitToken(settings_.providers.at(0).name, label, Secret(token.so_pin), Secret(token.pin),
+                                  token.info, error))
         << error;
-    if (logged_in) {
-        EXPECT_EQ(LogIn(token), tokens::PinResult::kDone);
-    }
+    EXPECT_TRUE(!logged_in || LogIn(token) == tokens::PinResult::kDone);
     return token;
 }
 
 tokens::PinResult TokenTest::LogIn(const TestToken& token, tokens::FewTries few_tries) {
-    return tokens::Login(token.info, SecretString(std::string_view(token.pin)), few_tries);
+    return tokens::Login(token.info, Secret(token.pin), few_tries);
 }
 
 void TokenTest::AddPinFile(const std::string& token, const std::string& pin, unsigned mode, bool login_on_insertion) {
@@ -130,7 +124,7 @@ void TokenTest::AddPinFile(const std::string& token, const std::string& pin, uns
 }
 
 bool TokenTest::IsListed(const std::string& label) const {
-    const std::vector<TokenInfo> tokens = PKCS11::Manager::Instance().EnumTokens();
+    const std::vector<TokenInfo> tokens = ListedTokens();
     return std::any_of(tokens.begin(), tokens.end(), [&](const TokenInfo& token) { return token.label == label; });
 }
 

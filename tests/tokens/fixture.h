@@ -18,6 +18,12 @@ namespace token_test {
 
 /// A fresh PIN of eight digits.
 std::string RandomPin();
+inline vpnfc::SecretString Secret(std::string_view text) {
+    return vpnfc::SecretString(text);
+}
+inline std::vector<PKCS11::TokenInfo> ListedTokens() {
+    return PKCS11::Manager::Instance().EnumTokens();
+}
 
 struct TestToken {
     PKCS11::TokenInfo info{};
@@ -38,10 +44,12 @@ class Reports {
     void Add(const std::string& report);
 
     bool WaitFor(const std::string& part, std::size_t times = 1);
-    std::size_t Count(const std::string& part) const;
+    std::size_t Count(const std::string& part) const { return CountIn(All(), part); }
     std::vector<std::string> All() const { return reports_.Get(); }
 
   private:
+    static std::size_t CountIn(const std::vector<std::string>& reports, const std::string& part);
+
     test_support::Watched<std::vector<std::string>> reports_;
 };
 
@@ -63,6 +71,8 @@ class TokenTest : public testing::Test {
     void StartDirect();
     /// SoftHSM2 behind the forwarding module, provider "forward".
     void StartForward();
+    /// With the settings as they are.
+    void Start();
     void Apply();
 
     /// A new token, logged in if wanted.

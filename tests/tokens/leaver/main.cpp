@@ -11,43 +11,30 @@
 #include "platform/tokens/token_host.h"
 #include "tests/tokens/forward/control.h"
 
-namespace {
-
-/// Destroyed when everything else is gone.
-std::unique_ptr<PKCS11::TokenSession>& LastSession() {
+int main(int argc, char** argv) {
+    // Destroyed when everything else is gone.
     static std::unique_ptr<PKCS11::TokenSession> session;
-    return session;
-}
-
-int Leave(const std::string& how, const std::string& state, const std::string& module, const std::string& control) {
-    const forward::Control forward(control);
+    if (argc != 5) return 2;
+    const std::string how = argv[1];
+    const forward::Control forward(argv[4]);
     const tokens::Settings settings{
-        .providers = {{.name = "forward", .module_path = module, .init_args = forward.InitArgs()}},
+        .providers = {{.name = "forward", .module_path = argv[3], .init_args = forward.InitArgs()}},
         .poll_interval = std::chrono::milliseconds(50),
         .call_limit = std::chrono::milliseconds(300)};
-    LastSession();
     if (how == "callback") {
         PKCS11::Callbacks.providerInserted = [](const PKCS11::ProviderInfo&, unsigned long) { std::exit(0); };
     }
     std::string error;
-    if (!tokens::PrepareSoftHsm(state, error) || !tokens::Start(settings, error)) {
+    if (!tokens::PrepareSoftHsm(argv[2], error) || !tokens::Start(settings, error)) {
         std::cerr << error << '\n';
         return 2;
     }
     while (how == "callback") pause();
     auto& manager = PKCS11::Manager::Instance();
-    for (const PKCS11::TokenInfo& token : manager.EnumTokens()) {
-        LastSession() = std::make_unique<PKCS11::TokenSession>(token);
-    }
-    if (LastSession() == nullptr || !LastSession()->opened()) return 3;
+    session = std::make_unique<PKCS11::TokenSession>(manager.EnumTokens().at(0));
+    if (!session->opened()) return 3;
     if (how == "finalising") forward.Set({"hang C_Finalize"});
     if (how == "hanging") forward.Set({"hang C_GetSlotList"});
     while (how == "hanging" && !manager.EnumTokens().empty()) manager.ReloadTokensContent(1);
     return 0;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    return argc == 5 ? Leave(argv[1], argv[2], argv[3], argv[4]) : 2;
 }
