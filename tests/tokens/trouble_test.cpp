@@ -13,7 +13,6 @@ namespace {
 using PKCS11::TokenSession;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using test_pki::KeyType;
 
 class Trouble : public TokenTest {
   protected:
@@ -33,8 +32,19 @@ class Trouble : public TokenTest {
     bool Verify(TokenSession& session) {
         return session.Verify(PKI_KEY_ED25519, test_pki::Spki(key_), "data", signature_);
     }
+    bool VerifyAnew() {
+        TokenSession session(token_.info);
+        return Verify(session);
+    }
+    static bool Enumerate(TokenSession& session) {
+        std::list<PKCS11::CertObject> certificates;
+        return session.EnumCertificates(certificates);
+    }
+    static void Look(int times = 3) {
+        for (int i = 0; i < times; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    }
 
-    const test_pki::Key key_ = test_pki::MakeKey(KeyType::kEd25519);
+    const test_pki::Key key_ = test_pki::MakeKey(test_pki::KeyType::kEd25519);
     std::string signature_;
     TestToken token_;
 };
@@ -44,21 +54,18 @@ TEST_F(Trouble, RemovalAndInsertionAreSeenAtOnce) {
     settings_.poll_interval = milliseconds(500);
     Apply();
     for (const char* events : {"ghost", "no-events"}) {
+        SCOPED_TRACE(events);
         reports_.Clear();
-        auto begin = steady_clock::now();
-        control_.Set({events, "hide one"});
-        ASSERT_TRUE(reports_.WaitFor("removed one")) << events;
-        EXPECT_FALSE(IsListed("one"));
-        EXPECT_LT(steady_clock::now() - begin, milliseconds(1500)) << events;
-        begin = steady_clock::now();
-        control_.Set({events});
-        ASSERT_TRUE(reports_.WaitFor("inserted one")) << events;
-        EXPECT_TRUE(IsListed("one"));
-        EXPECT_LT(steady_clock::now() - begin, milliseconds(1500)) << events;
-        EXPECT_EQ(reports_.Count("removed one"), 1U);
-        EXPECT_EQ(reports_.Count("inserted one"), 1U);
-        EXPECT_EQ(reports_.Count("log 200"), 1U) << "in the log, too";
-        EXPECT_EQ(reports_.Count("log 201"), 1U);
+        for (const bool out : {true, false}) {
+            const auto begin = steady_clock::now();
+            control_.Set({events, out ? "hide one" : "ghost"});
+            ASSERT_TRUE(reports_.WaitFor(out ? "removed one" : "inserted one"));
+            EXPECT_EQ(IsListed("one"), !out);
+            EXPECT_LT(steady_clock::now() - begin, milliseconds(1500));
+        }
+        for (const char* once : {"removed one", "inserted one", "log 200", "log 201"}) {
+            EXPECT_EQ(reports_.Count(once), 1U) << once;
+        }
     }
 }
 
@@ -67,8 +74,7 @@ TEST_F(Trouble, RemovalAndInsertionAreSeenAtOnce) {
 TEST_F(Trouble, ATokenPutBackIsUsedAgain) {
     TokenSession verifier(token_.info);
     TokenSession signer(token_.info, TokenSession::kPrivate);
-    ASSERT_TRUE(Verify(verifier));
-    ASSERT_TRUE(Sign(signer));
+    ASSERT_TRUE(Verify(verifier) && Sign(signer));
     control_.Set({"hide one"});
     ASSERT_TRUE(reports_.WaitFor("removed one"));
     EXPECT_FALSE(Verify(verifier));
@@ -76,21 +82,19 @@ TEST_F(Trouble, ATokenPutBackIsUsedAgain) {
     EXPECT_FALSE(TokenSession(token_.info).opened());
     control_.Set({});
     ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
-    TokenSession anew(token_.info);
-    EXPECT_TRUE(Verify(anew));
     EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPrivate).opened()) << "the login went with the token";
 
     // Between two polls, so that nobody noticed.
     settings_.poll_interval = milliseconds(60000);
     Apply();
     control_.Set({"no-events"});
+    TokenSession anew(token_.info);
     ASSERT_TRUE(Verify(anew));
     control_.Set({"no-events", "hide one"});
     EXPECT_FALSE(Verify(anew)) << "it is out";
     control_.Set({"no-events"});
-    TokenSession again(token_.info);
     EXPECT_TRUE(WaitUntilListed("one"));
-    EXPECT_TRUE(Verify(*std::make_unique<TokenSession>(token_.info)));
+    EXPECT_TRUE(VerifyAnew());
     ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     TokenSession private_again(token_.info, TokenSession::kPrivate);
     EXPECT_TRUE(Sign(private_again));
@@ -122,38 +126,34 @@ TEST_F(Trouble, DeadSessionsAreReplaced) {
 
 // Trouble with the device is logged once a call, with the function and the name of the CK_RV.
 TEST_F(Trouble, DeviceErrorsAreReported) {
-    const auto check = [&](const char* function, const char* rv, const std::function<bool(TokenSession&)>& work) {
-        SCOPED_TRACE(function);
+    const struct {
+        const char* error;
+        std::function<bool(TokenSession&)> work;
+    } cases[] = {
+        {"C_SignInit CKR_DEVICE_MEMORY", [&](TokenSession& s) { return Sign(s); }},
+        {"C_Sign CKR_DEVICE_ERROR", [&](TokenSession& s) { return Sign(s); }},
+        {"C_Verify CKR_DEVICE_ERROR", [&](TokenSession& s) { return Verify(s); }},
+        {"C_FindObjects CKR_DEVICE_ERROR", Enumerate},
+        {"C_FindObjectsInit CKR_DEVICE_ERROR", Enumerate},
+        {"C_GetAttributeValue CKR_DEVICE_ERROR", Enumerate},
+        {"C_Digest CKR_FUNCTION_FAILED",
+         [out = std::string()](TokenSession& s) mutable { return s.Digest(PKI_HASH_SHA256, "data", out); }},
+        {"C_SeedRandom CKR_RANDOM_SEED_NOT_SUPPORTED", [](TokenSession& s) { return s.SeedRandom("seed"); }},
+        {"C_GenerateKeyPair CKR_DEVICE_ERROR",
+         [](TokenSession& s) { return s.GenerateKeyPair(PKI_KEY_EC, 256, "x", false); }},
+        {"C_CreateObject CKR_TOKEN_WRITE_PROTECTED", [](TokenSession& s) { return s.CreateCRLObject("x", "crl"); }},
+        {"C_DestroyObject CKR_DEVICE_ERROR", [](TokenSession& s) { return s.DeletePrivKeyObject("id"); }},
+    };
+    for (const auto& [error, work] : cases) {
+        SCOPED_TRACE(error);
         ErrorLog errors;
         TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
-        ASSERT_TRUE(session.opened());
-        control_.Set({std::string("fail ") + function + " " + rv});
+        control_.Set({std::string("fail ") + error});
         EXPECT_FALSE(work(session));
-        EXPECT_EQ(errors.errors, std::vector<std::string>{std::string("one ") + function + " " + rv});
+        EXPECT_EQ(errors.errors, std::vector<std::string>{std::string("one ") + error});
         control_.Set({});
         EXPECT_TRUE(Verify(session)) << "the session is still good";
-    };
-    std::string out;
-    std::list<PKCS11::CertObject> certificates;
-    const auto sign = [&](TokenSession& s) { return Sign(s); };
-    const auto verify = [&](TokenSession& s) { return Verify(s); };
-    const auto enumerate = [&](TokenSession& s) { return s.EnumCertificates(certificates); };
-    const auto digest = [&](TokenSession& s) { return s.Digest(PKI_HASH_SHA256, "data", out); };
-    check("C_SignInit", "CKR_DEVICE_MEMORY", sign);
-    check("C_Sign", "CKR_DEVICE_ERROR", sign);
-    check("C_VerifyInit", "CKR_HOST_MEMORY", verify);
-    check("C_Verify", "CKR_DEVICE_ERROR", verify);
-    check("C_FindObjects", "CKR_DEVICE_ERROR", enumerate);
-    check("C_FindObjectsInit", "CKR_DEVICE_ERROR", enumerate);
-    check("C_GetAttributeValue", "CKR_DEVICE_ERROR", enumerate);
-    check("C_DigestInit", "CKR_DEVICE_ERROR", digest);
-    check("C_Digest", "CKR_FUNCTION_FAILED", digest);
-    check("C_SeedRandom", "CKR_RANDOM_SEED_NOT_SUPPORTED", [](TokenSession& s) { return s.SeedRandom("seed"); });
-    check("C_GenerateKeyPair", "CKR_DEVICE_ERROR",
-          [](TokenSession& s) { return s.GenerateKeyPair(PKI_KEY_EC, 256, "x", false); });
-    check("C_CreateObject", "CKR_TOKEN_WRITE_PROTECTED", [](TokenSession& s) { return s.CreateCRLObject("x", "crl"); });
-    check("C_DestroyObject", "CKR_DEVICE_ERROR", [](TokenSession& s) { return s.DeletePrivKeyObject("id"); });
-
+    }
     // Without a logger of its own the event log hears of it.
     TokenSession session(token_.info, TokenSession::kPrivate);
     control_.Set({"fail C_Sign CKR_DEVICE_ERROR"});
@@ -176,15 +176,12 @@ TEST_F(Trouble, SessionsThatDoNotOpenSayWhy) {
 }
 
 TEST_F(Trouble, ReadingEndsWhereTheTokenFails) {
-    {
-        const test_pki::Cert cert = test_pki::MakeCa("CN=CA");
-        TokenSession session(token_.info, TokenSession::kPrivate);
-        for (const char* id : {"a", "b", "c"}) {
-            ASSERT_TRUE(session.CreateCertObject({.id = id, .value = cert.der}, cert.subject_der));
-        }
-        std::list<PKCS11::CertObject> certificates;
-        ASSERT_TRUE(session.EnumCertificates(certificates));
+    const test_pki::Cert cert = test_pki::MakeCa("CN=CA");
+    TokenSession writer(token_.info, TokenSession::kPrivate);
+    for (const char* id : {"a", "b", "c"}) {
+        ASSERT_TRUE(writer.CreateCertObject({.id = id, .value = cert.der}, cert.subject_der));
     }
+    ASSERT_TRUE(Enumerate(writer));
     ErrorLog errors;
     TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
     control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR skip 3"});  // the key, and two certificates
@@ -211,7 +208,7 @@ TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
 TEST_F(Trouble, SlotsHaveALimit) {
     control_.Set({"slots 2000"});
     ASSERT_TRUE(reports_.WaitFor("forward: has more than 1024 slots with a token; the others are left out"));
-    for (int i = 0; i < 3; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    Look();
     EXPECT_TRUE(IsListed("one"));
     EXPECT_EQ(reports_.Count("more than 1024 slots"), 1U);
 }
@@ -239,47 +236,36 @@ TEST_F(Trouble, SessionsDoNotOutliveTheirToken) {
 
 TEST_F(Trouble, OfTwoTokensWithOneIdentifierOneIsShown) {
     NewToken("two");
-    const auto shown = [] { return PKCS11::Manager::Instance().EnumTokens(); };
-    const auto poses = [&](const std::vector<std::string>& more) {
-        std::vector<std::string> directives = {"trace C_OpenSession", "pose two one"};
-        directives.insert(directives.end(), more.begin(), more.end());
-        control_.Set(directives);
-    };
-    const std::string slot = shown().at(0).slotDescription;
-    poses({});
+    const auto slot = [] { return ListedTokens().size() == 1 ? ListedTokens()[0].slotDescription : "none"; };
+    const std::string first = ListedTokens().at(0).slotDescription;
+    const std::vector<std::string> posing = {"trace C_OpenSession", "pose two one"};
+    control_.Set(posing);
     ASSERT_TRUE(reports_.WaitFor("is left out"));
     EXPECT_EQ(reports_.Count("removed two"), 1U);
     const int sessions = control_.Calls("C_OpenSession");
-    for (int i = 0; i < 3; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    Look();
     EXPECT_EQ(reports_.Count("is left out"), 1U);
     EXPECT_EQ(control_.Calls("C_OpenSession"), sessions) << "it is not looked at as a new one each time";
-    ASSERT_EQ(shown().size(), 1U);
-    EXPECT_EQ(shown()[0].slotDescription, slot);
+    EXPECT_EQ(slot(), first);
 
     reports_.Clear();
-    poses({"hide one"});
+    control_.Set({"pose two one", "hide one"});
     ASSERT_TRUE(reports_.WaitFor("inserted one"));
     const std::vector<std::string> reports = reports_.All();
     EXPECT_LT(std::find(reports.begin(), reports.end(), "removed one"),
               std::find(reports.begin(), reports.end(), "inserted one"));
-    ASSERT_EQ(shown().size(), 1U);
-    EXPECT_EQ(shown()[0].id, token_.info.id);
-    EXPECT_NE(shown()[0].slotDescription, slot);
-
-    poses({});
+    const std::string second = slot();
+    EXPECT_TRUE(second != first && second != "none");
+    control_.Set(posing);
     ASSERT_TRUE(reports_.WaitFor("is left out")) << "who was there first is shown";
-    EXPECT_NE(shown()[0].slotDescription, slot);
+    EXPECT_EQ(slot(), second);
     control_.Set({});
-    EXPECT_TRUE(WaitUntilListed("two"));
-    EXPECT_TRUE(WaitUntilListed("one"));
+    EXPECT_TRUE(WaitUntilListed("two") && WaitUntilListed("one"));
 }
 
 // The same token behind two providers: a copy of the forwarding module stands on the same SoftHSM2.
 TEST_F(Trouble, TheSameTokenOfAnotherProviderStandsIn) {
-    const auto provider = [] {
-        const std::vector<PKCS11::TokenInfo> tokens = PKCS11::Manager::Instance().EnumTokens();
-        return tokens.size() == 1 ? tokens[0].providerName : "none";
-    };
+    const auto provider = [] { return ListedTokens().size() == 1 ? ListedTokens()[0].providerName : "none"; };
     const std::filesystem::path copy = directory_ / "second.so";
     std::filesystem::copy_file(FORWARD_PKCS11_PATH, copy);
     const forward::Control control(directory_ / "second");
@@ -293,8 +279,7 @@ TEST_F(Trouble, TheSameTokenOfAnotherProviderStandsIn) {
     ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
     EXPECT_EQ(reports_.Count("removed one"), 1U);
     EXPECT_EQ(provider(), "second");
-    TokenSession session(token_.info);
-    EXPECT_TRUE(Verify(session));
+    EXPECT_TRUE(VerifyAnew());
 
     control_.Set({});
     ASSERT_TRUE(reports_.WaitFor("provider forward) in slot"));
@@ -312,54 +297,41 @@ class Hanging : public Trouble {
     Hanging() {
         settings_.providers.push_back({.name = "trust", .module_path = TRUST_MODULE_PATH});
         Apply();
-        for (const PKCS11::TokenInfo& token : PKCS11::Manager::Instance().EnumTokens()) {
+        for (const PKCS11::TokenInfo& token : ListedTokens()) {
             if (token.providerName == "trust") other_ = token;
         }
         EXPECT_EQ(other_.providerName, "trust");
     }
     void ExpectOthersGoOn() {
         EXPECT_TRUE(IsListed(other_.label));
-        TokenSession session(other_);
-        EXPECT_TRUE(session.opened());
-        std::list<PKCS11::CertObject> certificates;
-        EXPECT_TRUE(session.EnumCertificates(certificates)) << testing::PrintToString(reports_.All());
+        TokenSession session(other_, TokenSession::kPrivate);  // it needs no login
+        EXPECT_TRUE(Enumerate(session)) << testing::PrintToString(reports_.All());
     }
 
     PKCS11::TokenInfo other_;
 };
 
 TEST_F(Hanging, OneCallThatHangsTakesItsProviderOutOnly) {
-    struct {
-        const char* function;
-        std::function<bool(TokenSession&)> work;
-    } const cases[] = {
+    const std::pair<std::string, std::function<bool(TokenSession&)>> cases[] = {
         {"C_Sign", [&](TokenSession& s) { return Sign(s); }},
-        {"C_FindObjects",
-         [](TokenSession& s) {
-             std::list<PKCS11::CertObject> certificates;
-             return s.EnumCertificates(certificates);
-         }},
-        {"C_CreateObject", [](TokenSession& s) { return s.CreateCRLObject("id", "crl"); }},
+        {"C_FindObjects", Enumerate},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.function);
+    for (const auto& [function, work] : cases) {
+        SCOPED_TRACE(function);
         reports_.Clear();
-        {
-            TokenSession idle(token_.info);
-            TokenSession session(token_.info, TokenSession::kPrivate);
-            ASSERT_TRUE(session.opened());
-            control_.Set({std::string("hang ") + c.function});
-            const auto begin = steady_clock::now();
-            EXPECT_FALSE(c.work(session));
-            EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
-            EXPECT_FALSE(IsListed("one"));
-            EXPECT_FALSE(session.opened()) << "the session belongs to the call that hangs";
-            EXPECT_FALSE(Verify(idle)) << "nobody else gets into the module";
-            EXPECT_FALSE(TokenSession(token_.info).opened());
-            EXPECT_TRUE(reports_.WaitFor("removed one"));
-            EXPECT_EQ(reports_.Count(std::string(c.function) + " does not return"), 1U);
-            ExpectOthersGoOn();
-        }
+        TokenSession idle(token_.info);
+        TokenSession session(token_.info, TokenSession::kPrivate);
+        control_.Set({"hang " + function});
+        const auto begin = steady_clock::now();
+        EXPECT_FALSE(work(session));
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(5000));
+        EXPECT_FALSE(IsListed("one"));
+        EXPECT_FALSE(session.opened()) << "the session belongs to the call that hangs";
+        EXPECT_FALSE(Verify(idle)) << "nobody else gets into the module";
+        EXPECT_FALSE(TokenSession(token_.info).opened());
+        EXPECT_TRUE(reports_.WaitFor("removed one"));
+        EXPECT_EQ(reports_.Count(function + " does not return"), 1U);
+        ExpectOthersGoOn();
         control_.Set({});
         ASSERT_TRUE(reports_.WaitFor("inserted one"));
         EXPECT_TRUE(reports_.WaitFor("answers again"));
@@ -374,89 +346,65 @@ TEST_F(Hanging, AModuleIsUsedAgainWhileACallStillHangs) {
     Apply();
     control_.Set({"hang C_Sign"});
     for (std::size_t i = 1; i <= 3; ++i) {
-        {
-            TokenSession session(token_.info, TokenSession::kPrivate);
-            EXPECT_FALSE(Sign(session));
-        }
+        TokenSession session(token_.info, TokenSession::kPrivate);
+        EXPECT_FALSE(Sign(session));
         ASSERT_TRUE(reports_.WaitFor("removed one", i));
         ASSERT_TRUE(reports_.WaitFor("inserted one", i + 1));
-        TokenSession again(token_.info);
-        EXPECT_TRUE(Verify(again));
+        EXPECT_TRUE(VerifyAnew());
     }
-    control_.Set({});
-    TokenSession session(token_.info, TokenSession::kPrivate);
-    EXPECT_TRUE(Sign(session));
 }
 
 TEST_F(Hanging, StoppingLeavesAHangingModuleBehind) {
-    struct {
-        const char* function;
-        bool signs;
-    } const cases[] = {{"C_Sign", true}, {"C_GetSlotList", false}, {"C_Finalize", false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.function);
-        control_.Set({std::string("hang ") + c.function});
+    for (const std::string function : {"C_Sign", "C_GetSlotList", "C_Finalize"}) {
+        SCOPED_TRACE(function);
+        control_.Set({"hang " + function});
         TokenSession session(token_.info, TokenSession::kPrivate);
-        if (c.signs) {
+        if (function == "C_Sign") {
             EXPECT_FALSE(Sign(session));
-        } else {
-            ASSERT_TRUE(session.opened());
         }
         const auto begin = steady_clock::now();
         tokens::Stop();
         EXPECT_LT(steady_clock::now() - begin, milliseconds(9000));
-        EXPECT_TRUE(PKCS11::Manager::Instance().EnumTokens().empty());
+        EXPECT_TRUE(ListedTokens().empty());
         EXPECT_FALSE(Verify(session)) << "a session that outlives the manager fails";
         control_.Set({});
-        std::string error;
-        ASSERT_TRUE(tokens::Start(settings_, error)) << error;
+        Start();
         ASSERT_TRUE(WaitUntilListed("one"));
         ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     }
 }
 
-TEST_F(Hanging, AModuleThatDoesNotLoadInTimeComesLater) {
-    tokens::Stop();
-    reports_.Clear();
-    control_.Set({"hang C_Initialize"});
-    std::string error;
-    const auto begin = steady_clock::now();
-    ASSERT_TRUE(tokens::Start(settings_, error)) << error;
-    EXPECT_LT(steady_clock::now() - begin, milliseconds(8000));
-    ExpectOthersGoOn();
-    EXPECT_FALSE(IsListed("one"));
-    EXPECT_TRUE(reports_.WaitFor("provider trust ready"));
-    EXPECT_TRUE(reports_.WaitFor("provider forward failed 0"));
-    control_.Set({});
-    ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
-    EXPECT_TRUE(IsListed("one"));
-}
-
-TEST_F(Trouble, AModuleThatFailsToInitialiseIsTriedAgain) {
-    tokens::Stop();
-    reports_.Clear();
-    control_.Set({"fail C_Initialize CKR_DEVICE_ERROR"});
-    std::string error;
-    ASSERT_TRUE(tokens::Start(settings_, error)) << error;
-    EXPECT_EQ(reports_.Count("C_Initialize: CKR_DEVICE_ERROR"), 1U);
-    ASSERT_EQ(tokens::Providers().size(), 1U);
-    EXPECT_FALSE(tokens::Providers()[0].available);
-    control_.Set({});
-    ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
-    EXPECT_TRUE(tokens::Providers()[0].available);
+TEST_F(Hanging, AModuleThatDoesNotStartComesLater) {
+    for (const char* trouble : {"hang C_Initialize", "fail C_Initialize CKR_DEVICE_ERROR"}) {
+        SCOPED_TRACE(trouble);
+        tokens::Stop();
+        reports_.Clear();
+        control_.Set({trouble});
+        const auto begin = steady_clock::now();
+        Start();
+        EXPECT_LT(steady_clock::now() - begin, milliseconds(8000));
+        ExpectOthersGoOn();
+        EXPECT_FALSE(tokens::Providers().at(0).available);
+        EXPECT_TRUE(reports_.WaitFor("provider trust ready"));
+        EXPECT_TRUE(reports_.WaitFor("provider forward failed 0"));
+        EXPECT_EQ(reports_.Count("C_Initialize: CKR_DEVICE_ERROR"), *trouble == 'f' ? 1U : 0U);
+        control_.Set({});
+        ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
+        EXPECT_TRUE(IsListed("one"));
+    }
 }
 
 TEST_F(Trouble, ASlotThatFailsIsLoggedOnceAndHidesNoOther) {
-    const TestToken two = NewToken("two");
+    NewToken("two");
     reports_.Clear();
     control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR times 1"});  // whichever comes first
     ASSERT_TRUE(reports_.WaitFor("C_GetTokenInfo failed: CKR_DEVICE_ERROR"));
-    PKCS11::Manager::Instance().ReloadTokensContent(1);  // after the look that met the failure
+    Look(1);  // after the look that met the failure
     ASSERT_TRUE(WaitUntilListed("one"));
     EXPECT_TRUE(IsListed("two"));
     control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR"});
     ASSERT_TRUE(WaitUntilListed("one", false));
-    for (int i = 0; i < 3; ++i) PKCS11::Manager::Instance().ReloadTokensContent(1);
+    Look();
     EXPECT_LE(reports_.Count("C_GetTokenInfo failed"), 4U) << "once for each slot and trouble";
 }
 
