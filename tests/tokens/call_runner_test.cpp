@@ -55,7 +55,6 @@ TEST(CallRunner, LongWorkOfShortCallsIsNotAbandoned) {
         while (std::chrono::steady_clock::now() < end) tokens::NoteModuleCall("C_FindObjects");
         return true;
     }));
-    EXPECT_TRUE(runner.calls.Answers());
 }
 
 TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {

@@ -14,62 +14,54 @@ namespace {
 using test_pki::KeyType;
 using vpnfc::SecretString;
 
-struct KeyCase {
-    const char* name;
+const struct {
     KeyType type;
     pki_alg_t alg;
     std::size_t size;  // PublicKey::size
+} kKeys[] = {
+    {KeyType::kRsa2048, PKI_KEY_RSA, 256}, {KeyType::kDsa1024, PKI_KEY_DSA, 20},    {KeyType::kEcP256, PKI_KEY_EC, 32},
+    {KeyType::kEcP521, PKI_KEY_EC, 66},    {KeyType::kEd25519, PKI_KEY_ED25519, 0},
 };
 
-class Keys : public testing::TestWithParam<KeyCase> {};
-
-INSTANTIATE_TEST_SUITE_P(All, Keys,
-                         testing::Values(KeyCase{"rsa", KeyType::kRsa2048, PKI_KEY_RSA, 256},
-                                         KeyCase{"dsa", KeyType::kDsa1024, PKI_KEY_DSA, 20},
-                                         KeyCase{"p256", KeyType::kEcP256, PKI_KEY_EC, 32},
-                                         KeyCase{"p384", KeyType::kEcP384, PKI_KEY_EC, 48},
-                                         KeyCase{"p521", KeyType::kEcP521, PKI_KEY_EC, 66},
-                                         KeyCase{"ed25519", KeyType::kEd25519, PKI_KEY_ED25519, 0}),
-                         [](const auto& test) { return test.param.name; });
-
-TEST_P(Keys, PublicKeysRoundTrip) {
-    const std::string spki = test_pki::Spki(test_pki::MakeKey(GetParam().type));
-    tokens::PublicKey key;
-    ASSERT_TRUE(tokens::PublicKeyFromSpki(spki, key));
-    EXPECT_EQ(key.alg, GetParam().alg);
-    EXPECT_EQ(key.size, GetParam().size);
-    EXPECT_EQ(tokens::SpkiFromComponents(key.alg, key.components), spki);
-}
-
 // What libcrypto reads back must be the same key, also when the token gives numbers without leading zeros.
-TEST_P(Keys, PrivateKeysRoundTrip) {
-    for (int index = 0; index < 3; ++index) {
-        const test_pki::Key original = test_pki::MakeKey(GetParam().type, index);
-        tokens::PrivateKey key;
-        ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(original), key));
-        EXPECT_EQ(key.alg, GetParam().alg);
-        const SecretString pkcs8 = tokens::Pkcs8FromComponents(key.alg, key.components);
-        const auto* der = reinterpret_cast<const unsigned char*>(pkcs8.get().data());
-        const test_pki::Key again(d2i_AutoPrivateKey(nullptr, &der, static_cast<long>(pkcs8.get().size())),
-                                  EVP_PKEY_free);
-        ASSERT_NE(again, nullptr);
-        EXPECT_EQ(EVP_PKEY_eq(original.get(), again.get()), 1);
+TEST(Keys, RoundTrip) {
+    for (const auto& c : kKeys) {
+        for (int index = 0; index < 3; ++index) {
+            SCOPED_TRACE(testing::Message() << static_cast<int>(c.type) << ' ' << index);
+            const test_pki::Key original = test_pki::MakeKey(c.type, index);
+            tokens::PublicKey public_key;
+            ASSERT_TRUE(tokens::PublicKeyFromSpki(test_pki::Spki(original), public_key));
+            EXPECT_EQ(public_key.alg, c.alg);
+            EXPECT_EQ(public_key.size, c.size);
+            EXPECT_EQ(tokens::SpkiFromComponents(c.alg, public_key.components), test_pki::Spki(original));
+            tokens::PrivateKey key;
+            ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(original), key));
+            EXPECT_EQ(key.alg, c.alg);
+            const SecretString pkcs8 = tokens::Pkcs8FromComponents(key.alg, key.components);
+            const auto* der = reinterpret_cast<const unsigned char*>(pkcs8.get().data());
+            const test_pki::Key again(d2i_AutoPrivateKey(nullptr, &der, static_cast<long>(pkcs8.get().size())),
+                                      EVP_PKEY_free);
+            ASSERT_NE(again, nullptr);
+            EXPECT_EQ(EVP_PKEY_eq(original.get(), again.get()), 1);
+        }
     }
 }
 
 // Nothing that is cut off or followed by more is a key.
-TEST_P(Keys, DamagedEncodingsAreRefused) {
-    const test_pki::Key original = test_pki::MakeKey(GetParam().type);
-    const std::string spki = test_pki::Spki(original);
-    const std::string pkcs8 = test_pki::Pkcs8(original);
-    tokens::PublicKey key;
-    tokens::PrivateKey private_key;
-    for (std::size_t length = 0; length < spki.size(); ++length) {
-        EXPECT_FALSE(tokens::PublicKeyFromSpki(spki.substr(0, length), key)) << length;
-    }
-    EXPECT_FALSE(tokens::PublicKeyFromSpki(spki + '\0', key));
-    for (std::size_t length = 0; length < pkcs8.size(); ++length) {
-        EXPECT_FALSE(tokens::PrivateKeyFromPkcs8(pkcs8.substr(0, length), private_key)) << length;
+TEST(Keys, DamagedEncodingsAreRefused) {
+    for (const auto& c : kKeys) {
+        const std::string spki = test_pki::Spki(test_pki::MakeKey(c.type));
+        const std::string pkcs8 = test_pki::Pkcs8(test_pki::MakeKey(c.type));
+        tokens::PublicKey key;
+        tokens::PrivateKey private_key;
+        for (std::size_t size = 0; size < spki.size(); ++size) {
+            EXPECT_FALSE(tokens::PublicKeyFromSpki(spki.substr(0, size), key)) << static_cast<int>(c.type) << size;
+        }
+        EXPECT_FALSE(tokens::PublicKeyFromSpki(spki + '\0', key));
+        for (std::size_t size = 0; size < pkcs8.size(); ++size) {
+            EXPECT_FALSE(tokens::PrivateKeyFromPkcs8(pkcs8.substr(0, size), private_key))
+                << static_cast<int>(c.type) << size;
+        }
     }
 }
 
@@ -113,10 +105,8 @@ TEST(PublicKeys, HostileKeysAreRefused) {
     const std::string p256 = der::Oid("prime256v1");
     const std::string ed25519 = der::Oid("1.3.101.112");
     const std::string modulus = der::IntegerBytes("\x7F" + std::string(255, 'm'));
-    struct {
-        const char* what;
-        std::string spki;
-    } const cases[] = {
+    const std::string point = "\4" + std::string(64, 'p');
+    const std::pair<const char*, std::string> cases[] = {
         {"modulus too long",
          Spki(rsa, der::Sequence(der::IntegerBytes("\x7F" + std::string(2048, 'm')) + der::Integer(65537)))},
         {"exponent too long", Spki(rsa, der::Sequence(modulus + der::IntegerBytes(std::string(33, 'e'))))},
@@ -124,18 +114,18 @@ TEST(PublicKeys, HostileKeysAreRefused) {
         {"negative exponent", Spki(rsa, der::Sequence(modulus + der::IntegerBytes("\x83")))},
         {"zero exponent", Spki(rsa, der::Sequence(modulus + der::Integer(0)))},
         {"three numbers", Spki(rsa, der::Sequence(modulus + der::Integer(3) + der::Integer(3)))},
-        {"unknown curve", Spki(ec + der::Oid("1.2.3.4"), "\4" + std::string(64, 'p'))},
-        {"explicit curve", Spki(ec + der::Sequence(der::Integer(1)), "\4" + std::string(64, 'p'))},
-        {"no curve", Spki(ec, "\4" + std::string(64, 'p'))},
+        {"unknown curve", Spki(ec + der::Oid("1.2.3.4"), point)},
+        {"explicit curve", Spki(ec + der::Sequence(der::Integer(1)), point)},
+        {"no curve", Spki(ec, point)},
         {"short point", Spki(ec + p256, "\4" + std::string(63, 'p'))},
         {"point at infinity", Spki(ec + p256, std::string(1, '\0'))},
-        {"unused bits", der::Sequence(der::Sequence(ec + p256) + der::BitString("\4" + std::string(64, 'p'), 1))},
+        {"unused bits", der::Sequence(der::Sequence(ec + p256) + der::BitString(point, 1))},
         {"short Ed25519 key", Spki(ed25519, std::string(31, 'k'))},
         {"no domain parameters", Spki(der::Oid("1.2.840.10040.4.1"), der::Integer(5))},
         {"unknown algorithm", Spki(der::Oid("1.2.3.4"), "k")},
     };
     tokens::PublicKey key;
-    for (const auto& c : cases) EXPECT_FALSE(tokens::PublicKeyFromSpki(c.spki, key)) << c.what;
+    for (const auto& [what, spki] : cases) EXPECT_FALSE(tokens::PublicKeyFromSpki(spki, key)) << what;
     // Odd, but no other key than the one that is meant.
     EXPECT_TRUE(tokens::PublicKeyFromSpki(
         Spki(rsa, der::Sequence(der::IntegerBytes("\x80" + std::string(255, 'm')) + der::Integer(3))), key));
@@ -163,18 +153,14 @@ TEST(Signatures, DerBecomesTwoNumbersOfTheKeysWidth) {
         {"leading zeros", PKI_KEY_DSA, ints(string(30, '\0') + "\1", wide), string(19, '\0') + "\1" + wide},
         {"too wide", PKI_KEY_DSA, ints("\1" + wide, wide), ""},
         {"empty number", PKI_KEY_DSA, ints("", wide), ""},
-        {"one number", PKI_KEY_DSA, der::Sequence(der::IntegerBytes(wide)), ""},
         {"three numbers", PKI_KEY_DSA, der::Sequence(der::Integer(1) + der::Integer(1) + der::Integer(1)), ""},
         {"trailing byte", PKI_KEY_DSA, ints(wide, wide) + "x", ""},
-        {"raw", PKI_KEY_DSA, wide + wide, ""},
         {"nothing", PKI_KEY_DSA, "", ""},
     };
     for (const auto& c : cases) {
         string raw;
-        EXPECT_EQ(tokens::RawSignatureFromDer(c.alg, 20, c.der, raw), !c.raw.empty()) << c.what;
-        if (!c.raw.empty()) {
-            EXPECT_EQ(raw, c.raw) << c.what;
-        }
+        const bool good = tokens::RawSignatureFromDer(c.alg, 20, c.der, raw);
+        EXPECT_EQ(good ? raw : "", c.raw) << c.what;
     }
 }
 
