@@ -19,6 +19,7 @@
 #include "certmgr/cert_engine.h"
 #include "certmgr/chain.h"
 #include "certmgr/ike.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/eventlog/sinks.h"
 
 namespace bench {
@@ -26,7 +27,7 @@ namespace {
 
 using benchmark::State;
 
-using X509Ptr = std::unique_ptr<X509, decltype(&X509_free)>;
+using libcrypto::CertPtr;
 
 // --- Parsing ---
 
@@ -39,9 +40,8 @@ CM::CertRef ParseLeaf() {
     return Parse(TheWorld().leaf().der);
 }
 
-X509Ptr PlainParse(const std::string& der) {
-    const auto* data = reinterpret_cast<const unsigned char*>(der.data());
-    return {d2i_X509(nullptr, &data, static_cast<long>(der.size())), X509_free};
+CertPtr PlainParse(const std::string& der) {
+    return libcrypto::Decode<X509_free>(d2i_X509, der);
 }
 
 void LeafParse(State& state) {
@@ -80,12 +80,11 @@ void PeerVerifyQuiet(State& state) {
 
 void PeerVerifyPeer(State& state) {
     World& world = TheWorld();
-    const std::unique_ptr<X509_STORE, decltype(&X509_STORE_free)> store(X509_STORE_new(), X509_STORE_free);
+    const libcrypto::Owner<X509_STORE, X509_STORE_free> store(X509_STORE_new());
     X509_STORE_add_cert(store.get(), PlainParse(world.root().der).get());
-    const std::unique_ptr<X509_STORE_CTX, decltype(&X509_STORE_CTX_free)> context(X509_STORE_CTX_new(),
-                                                                                  X509_STORE_CTX_free);
+    const libcrypto::Owner<X509_STORE_CTX, X509_STORE_CTX_free> context(X509_STORE_CTX_new());
     for (auto _ : state) {
-        const X509Ptr leaf = PlainParse(world.leaf().der);
+        const CertPtr leaf = PlainParse(world.leaf().der);
         const std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> others(
             sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_pop_free(stack, X509_free); });
         sk_X509_push(others.get(), PlainParse(world.intermediate().der).release());

@@ -19,6 +19,7 @@
 #include "bench/world.h"
 #include "certmgr/chain.h"
 #include "certmgr/x509cert.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/params.h"
 #include "tests/support/crl_servers.h"
 #include "tests/support/pki.h"
@@ -53,11 +54,8 @@ const PKCS11::CRLObject& CrlObject(int entries) {
     return object;
 }
 
-using PlainCrl = std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)>;
-
-PlainCrl PlainRead(const std::string& der) {
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    return {d2i_X509_CRL(nullptr, &p, static_cast<long>(der.size())), X509_CRL_free};
+libcrypto::CrlPtr PlainRead(const std::string& der) {
+    return libcrypto::Decode<X509_CRL_free>(d2i_X509_CRL, der);
 }
 
 std::unique_ptr<CM::X509CRL> Read(const PKCS11::CRLObject& object) {

@@ -1,4 +1,4 @@
-// What the engine's units share: owners of libcrypto objects, the started engine's library context and digests, and
+// What the engine's units share: the started engine's library context and digests, and
 // small readers of ASN.1 values.
 #pragma once
 
@@ -14,22 +14,16 @@
 #include <string_view>
 
 #include "certmgr/cert_engine.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 
 namespace cert_engine {
 
-/// Deleter that calls a libcrypto free function.
-template <auto Free>
-struct Deleter {
-    template <typename T>
-    void operator()(T* object) const {
-        Free(object);
-    }
-};
-template <typename T, auto Free>
-using Owner = std::unique_ptr<T, Deleter<Free>>;
-
-using BioPtr = Owner<BIO, BIO_free_all>;
+using libcrypto::BioPtr;
+using libcrypto::Data;
+using libcrypto::Decode;
+using libcrypto::Encode;
+using libcrypto::Owner;
 
 /// Leaves the calling thread's libcrypto error queue as it was found: the queue belongs to the daemon.
 class ErrorMark {
@@ -67,7 +61,7 @@ struct Parser {
     /// The object at the beginning of the bytes; null when there is none.
     static Ptr FromDer(std::string_view der) {
         if (der.empty() || der.size() > Limit) return nullptr;
-        const auto* p = reinterpret_cast<const unsigned char*>(der.data());
+        const unsigned char* p = Data(der);
         T* object = New(ParseContext(), nullptr);
         if (object == nullptr) return nullptr;
         T* const read = D2i(&object, &p, static_cast<long>(der.size()));
@@ -106,17 +100,6 @@ std::string_view NameDer(const X509_NAME* name);
 std::string_view BytesOf(const ASN1_STRING* string);
 /// Content bytes of an identifier; empty for null.
 std::string_view BytesOf(const ASN1_OBJECT* object);
-
-/// DER of an object, written by its i2d function; empty when that fails.
-template <typename T>
-std::string Encode(T* object, int (*i2d)(T*, unsigned char**)) {
-    const int length = i2d(object, nullptr);
-    if (length <= 0) return {};
-    std::string der(static_cast<std::size_t>(length), '\0');
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
-    if (i2d(object, &out) != length) return {};
-    return der;
-}
 
 /// Replaces `out` by the encoding. False (unchanged) when it fails.
 template <typename T>

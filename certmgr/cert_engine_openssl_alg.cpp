@@ -11,11 +11,10 @@
 
 using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
+using libcrypto::ObjectPtr;
+using libcrypto::TypePtr;
 
 namespace {
-
-using ObjectPtr = cert_engine::Owner<ASN1_OBJECT, ASN1_OBJECT_free>;
-using TypePtr = cert_engine::Owner<ASN1_TYPE, ASN1_TYPE_free>;
 
 // RSASSA-PSS: the hash stands in the parameters. A NULL in their place means the defaults, with SHA-1.
 pki_alg_t PssAlgorithm(const X509_ALGOR* algorithm) {
@@ -33,8 +32,7 @@ ObjectPtr ObjectFromContent(std::string_view content) {
     if (content.empty() || content.size() > kShortLength) return nullptr;
     std::string der{static_cast<char>(V_ASN1_OBJECT), static_cast<char>(content.size())};
     der.append(content);
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    return ObjectPtr(d2i_ASN1_OBJECT(nullptr, &p, static_cast<long>(der.size())));
+    return libcrypto::Decode<ASN1_OBJECT_free>(d2i_ASN1_OBJECT, der);
 }
 
 // Value of two decimal digits, -1 when they are none or above the limit.
@@ -240,8 +238,8 @@ pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm) {
 
 std::string_view ToBeSigned(std::string_view der) {
     const ErrorMark mark;
-    const auto* const begin = reinterpret_cast<const unsigned char*>(der.data());
-    const auto* content = begin;
+    const unsigned char* const begin = Data(der);
+    const unsigned char* content = begin;
     long length = 0;
     int tag = 0;
     int tag_class = 0;
@@ -255,8 +253,8 @@ std::string_view ToBeSigned(std::string_view der) {
 // The sibling elements are measured rather than the first one read: its length may be indefinite.
 bool CutToBeSigned(std::string_view der, const X509_ALGOR* algorithm, const ASN1_BIT_STRING* signature,
                    std::string& tbs) {
-    const auto* content = reinterpret_cast<const unsigned char*>(der.data());
-    const auto* const begin = content;
+    const unsigned char* const begin = Data(der);
+    const unsigned char* content = begin;
     long content_length = 0;
     int tag = 0;
     int tag_class = 0;

@@ -12,15 +12,13 @@ using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
 using cert_engine::ExportThroughStream;
 using cert_engine::kExportFailed;
-using cert_engine::Owner;
+using libcrypto::BitStringPtr;
+using libcrypto::Pkcs7Ptr;
+using libcrypto::Pkcs8Ptr;
 
 namespace {
 
-using Pkcs7Ptr = Owner<PKCS7, PKCS7_free>;
-using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
-
-using BasicConstraintsPtr = Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
-using KeyUsagePtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
+using BasicConstraintsPtr = cert_engine::Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
 
 X509* Certificate(void* handle) {
     return static_cast<X509*>(handle);
@@ -47,7 +45,7 @@ std::string PublicKeyDer(const X509* cert) {
     if (algorithm_length <= 0 || key_length <= 0) return {};
     const int length = algorithm_length + key_length;
     std::string der(static_cast<std::size_t>(ASN1_object_size(1, length, V_ASN1_SEQUENCE)), '\0');
-    auto* out = reinterpret_cast<unsigned char*>(der.data());
+    unsigned char* out = libcrypto::Data(der);
     ASN1_put_object(&out, 1, length, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
     i2d_X509_ALGOR(algorithm, &out);
     i2d_ASN1_BIT_STRING(key, &out);
@@ -60,8 +58,7 @@ bool IsVersion1Root(const X509* cert) {
     if (X509_get_version(cert) != X509_VERSION_1) return false;
     if (X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) != 0) return false;
     const std::string der = cert_engine::Encode(cert, i2d_X509);
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    const Owner<X509, X509_free> with_key(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
+    const auto with_key = libcrypto::Decode<X509_free>(d2i_X509, der);
     return with_key != nullptr && X509_check_ca(with_key.get()) != 0;
 }
 
@@ -74,7 +71,8 @@ bool IsCa(X509* cert) {
         static_cast<BASIC_CONSTRAINTS*>(X509_get_ext_d2i(cert, NID_basic_constraints, nullptr, nullptr)));
     if (constraints != nullptr && constraints->ca == 0) return false;
     if (constraints == nullptr) {
-        const KeyUsagePtr usage(static_cast<ASN1_BIT_STRING*>(X509_get_ext_d2i(cert, NID_key_usage, nullptr, nullptr)));
+        const BitStringPtr usage(
+            static_cast<ASN1_BIT_STRING*>(X509_get_ext_d2i(cert, NID_key_usage, nullptr, nullptr)));
         if (usage != nullptr && ASN1_BIT_STRING_get_bit(usage.get(), kCertSignBit) == 0) return false;
     }
     return X509_check_ca(cert) != 0 || IsVersion1Root(cert);

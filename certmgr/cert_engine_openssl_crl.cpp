@@ -155,7 +155,7 @@ namespace cert_engine {
 
 std::string_view FirstElement(std::string_view bytes) {
     const ErrorMark mark;
-    const auto* const begin = reinterpret_cast<const unsigned char*>(bytes.data());
+    const unsigned char* const begin = Data(bytes);
     const unsigned char* content = begin;
     long size = 0;
     int tag = 0;

@@ -26,14 +26,11 @@ using SharedBytes = std::shared_ptr<const std::string>;
 /// ten times their size.
 inline constexpr std::size_t kMaxCrlFieldBytes = 1U << 16;
 
-using AlgorithmPtr = Owner<X509_ALGOR, X509_ALGOR_free>;
-using BitsPtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
-using NamePtr = Owner<X509_NAME, X509_NAME_free>;
+using libcrypto::AlgorithmPtr;
+using libcrypto::BitStringPtr;
+using libcrypto::ExtensionsPtr;
+using libcrypto::NamePtr;
 using TimePtr = Owner<ASN1_TIME, ASN1_TIME_free>;
-inline void FreeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
-    sk_X509_EXTENSION_pop_free(extensions, X509_EXTENSION_free);
-}
-using ExtensionsPtr = Owner<STACK_OF(X509_EXTENSION), FreeExtensions>;
 
 /// One entry, as views into the CRL.
 struct CrlEntry {
@@ -114,7 +111,7 @@ class Crl {
     std::string_view to_be_signed_;
     std::string_view entries_;  // content of the list
     AlgorithmPtr algorithm_;
-    BitsPtr signature_;
+    BitStringPtr signature_;
     NamePtr issuer_;
     TimePtr this_update_;
     TimePtr next_update_;

@@ -14,9 +14,9 @@ namespace cert_engine {
 
 namespace {
 
-using ObjectPtr = Owner<ASN1_OBJECT, ASN1_OBJECT_free>;
+using libcrypto::GeneralNamesPtr;
+using libcrypto::ObjectPtr;
 using EnumeratedPtr = Owner<ASN1_ENUMERATED, ASN1_ENUMERATED_free>;
-using NamesPtr = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
 
 constexpr unsigned char kTagBoolean = V_ASN1_BOOLEAN;
 constexpr unsigned char kTagInteger = V_ASN1_INTEGER;
@@ -60,8 +60,8 @@ class DerCursor {
 
     bool Take(unsigned char tag, Element& element) {
         if (!NextIs(tag)) return false;
-        const auto* const begin = reinterpret_cast<const unsigned char*>(rest_.data());
-        const auto* content = begin;
+        const unsigned char* const begin = Data(rest_);
+        const unsigned char* content = begin;
         long length = 0;
         int number = 0;
         int tag_class = 0;
@@ -86,13 +86,11 @@ class DerCursor {
     std::string_view rest_;
 };
 
-template <auto D2i, typename Pointer>
-bool Decode(std::string_view der, Pointer& out) {
+template <auto D2i, typename T, auto Free>
+bool DecodeField(std::string_view der, Owner<T, Free>& out) {
     if (der.size() > kMaxCrlFieldBytes) return false;
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    const auto* const end = p + der.size();
-    out.reset(D2i(nullptr, &p, static_cast<long>(der.size())));
-    return out != nullptr && p == end;
+    out = libcrypto::DecodeWhole<Free>(D2i, der);
+    return out != nullptr;
 }
 
 // An INTEGER in its shortest form.
@@ -167,7 +165,7 @@ int ReasonOf(const CrlEntry& entry) {
     const int found = FindExtension(entry, kReasonCode, value);
     if (found == 0) return kNone;
     EnumeratedPtr reason;
-    if (found > 1 || !Decode<d2i_ASN1_ENUMERATED>(value, reason)) return kUnreadable;
+    if (found > 1 || !DecodeField<d2i_ASN1_ENUMERATED>(value, reason)) return kUnreadable;
     const long code = ASN1_ENUMERATED_get(reason.get());
     return code >= 0 && code <= UINT8_MAX ? static_cast<int>(code) + 1 : kUnreadable;
 }
@@ -246,8 +244,8 @@ bool Crl::ReadFrame() {
     }
     whole_ = crl.whole;
     to_be_signed_ = signed_part.whole;
-    return Decode<d2i_X509_ALGOR>(algorithm.whole, algorithm_) &&
-           Decode<d2i_ASN1_BIT_STRING>(signature.whole, signature_) && ReadToBeSigned(signed_part.content);
+    return DecodeField<d2i_X509_ALGOR>(algorithm.whole, algorithm_) &&
+           DecodeField<d2i_ASN1_BIT_STRING>(signature.whole, signature_) && ReadToBeSigned(signed_part.content);
 }
 
 bool Crl::ReadToBeSigned(std::string_view content) {
@@ -255,13 +253,13 @@ bool Crl::ReadToBeSigned(std::string_view content) {
     Element field;
     AlgorithmPtr inner_algorithm;
     if (in.NextIs(kTagInteger) && !(in.Take(kTagInteger, field) && IsInteger(field.content))) return false;
-    if (!in.Take(kTagSequence, field) || !Decode<d2i_X509_ALGOR>(field.whole, inner_algorithm)) return false;
+    if (!in.Take(kTagSequence, field) || !DecodeField<d2i_X509_ALGOR>(field.whole, inner_algorithm)) return false;
     signed_algorithm_agrees_ = X509_ALGOR_cmp(inner_algorithm.get(), algorithm_.get()) == 0;
-    if (!in.Take(kTagSequence, field) || !Decode<d2i_X509_NAME>(field.whole, issuer_)) return false;
-    if (!TakeTime(in, field) || !Decode<d2i_ASN1_TIME>(field.whole, this_update_)) return false;
-    if (TakeTime(in, field) && !Decode<d2i_ASN1_TIME>(field.whole, next_update_)) return false;
+    if (!in.Take(kTagSequence, field) || !DecodeField<d2i_X509_NAME>(field.whole, issuer_)) return false;
+    if (!TakeTime(in, field) || !DecodeField<d2i_ASN1_TIME>(field.whole, this_update_)) return false;
+    if (TakeTime(in, field) && !DecodeField<d2i_ASN1_TIME>(field.whole, next_update_)) return false;
     if (in.NextIs(kTagSequence) && !in.Take(kTagSequence, entries_)) return false;
-    if (in.Take(kTagExtensions, field) && !Decode<d2i_X509_EXTENSIONS>(field.content, extensions_)) return false;
+    if (in.Take(kTagExtensions, field) && !DecodeField<d2i_X509_EXTENSIONS>(field.content, extensions_)) return false;
     return in.AtEnd();
 }
 
@@ -287,7 +285,7 @@ bool Crl::CheckEntryExtensions(const CrlEntry& entry) {
             issuer_entries_.push_back(entry.offset);
         } else if (extension.critical && unknown_critical_.empty() && oid != kReasonCode && oid != kInvalidityDate) {
             ObjectPtr object;
-            if (Decode<d2i_ASN1_OBJECT>(extension.oid.whole, object)) {
+            if (DecodeField<d2i_ASN1_OBJECT>(extension.oid.whole, object)) {
                 ASN1_OBJECT_to_std_string(object.get(), unknown_critical_, kOidName);
             }
             if (unknown_critical_.empty()) unknown_critical_ = "unknown extension";
@@ -323,9 +321,9 @@ bool Crl::IsAbout(const CrlEntry& entry, const std::string& issuer) const {
     const auto after = std::upper_bound(issuer_entries_.begin(), issuer_entries_.end(), entry.offset);
     if (after == issuer_entries_.begin()) return true;
     std::string_view value;
-    NamesPtr names;
+    GeneralNamesPtr names;
     if (FindExtension(EntryAt(*std::prev(after)), kCertificateIssuer, value) != 1) return true;
-    return !Decode<d2i_GENERAL_NAMES>(value, names) || HoldsName(names.get(), issuer);
+    return !DecodeField<d2i_GENERAL_NAMES>(value, names) || HoldsName(names.get(), issuer);
 }
 
 bool Crl::FindRevoked(const std::string& serial, const std::string& issuer, RevokedEntry& entry) const {

@@ -11,7 +11,6 @@
 using cert_engine::BagCert;
 using cert_engine::BagKey;
 using cert_engine::BagsPtr;
-using cert_engine::EncryptedKeyPtr;
 using cert_engine::ErrorMark;
 using cert_engine::kExportFailed;
 using cert_engine::Owner;
@@ -19,6 +18,7 @@ using cert_engine::Pkcs12File;
 using cert_engine::Pkcs12Ptr;
 using cert_engine::Pkcs8Ptr;
 using cert_engine::SafesPtr;
+using cert_engine::SealedKeyPtr;
 
 namespace {
 
@@ -55,10 +55,10 @@ void AppendOthers(const Pkcs12File& file, const std::vector<bool>& taken, std::v
     }
 }
 
-EncryptedKeyPtr Encrypt(PKCS8_PRIV_KEY_INFO* info, std::string_view password) {
+SealedKeyPtr Encrypt(PKCS8_PRIV_KEY_INFO* info, std::string_view password) {
     const Owner<EVP_CIPHER, EVP_CIPHER_free> cipher(EVP_CIPHER_fetch(nullptr, OBJ_nid2sn(kCipher), nullptr));
-    return EncryptedKeyPtr(PKCS8_encrypt(-1, cipher.get(), password.data(), static_cast<int>(password.size()), nullptr,
-                                         kSaltBytes, kIterations, info));
+    return SealedKeyPtr(PKCS8_encrypt(-1, cipher.get(), password.data(), static_cast<int>(password.size()), nullptr,
+                                      kSaltBytes, kIterations, info));
 }
 
 /// A key that the file has in the clear, or under a cipher or a form of the password that nobody else may know, is
@@ -68,9 +68,9 @@ std::unique_ptr<PKCS12_PBE_key_iv_t> KeepEncrypted(const BagKey& bag, const std:
     key->password = vpnfc::SecretString(std::string_view(password));
     key->encryptedKeyInfoDer = bag.encrypted;
     if (!bag.encrypted.empty()) return key;
-    const EncryptedKeyPtr encrypted = Encrypt(bag.info.get(), password);
+    const SealedKeyPtr encrypted = Encrypt(bag.info.get(), password);
     if (encrypted == nullptr) return nullptr;
-    key->encryptedKeyInfoDer = cert_engine::Encode<const X509_SIG>(encrypted.get(), i2d_X509_SIG);
+    key->encryptedKeyInfoDer = cert_engine::Encode(encrypted.get(), i2d_X509_SIG);
     return key;
 }
 
@@ -78,7 +78,7 @@ std::unique_ptr<PKCS12_PBE_key_iv_t> KeepEncrypted(const BagKey& bag, const std:
 
 /// Takes over both. `key_id` (empty: none) tells which certificate is the key's.
 bool AddBag(STACK_OF(PKCS12_SAFEBAG) * bags, PKCS12_SAFEBAG* bag, std::string& key_id) {
-    auto* const id = reinterpret_cast<unsigned char*>(key_id.data());
+    unsigned char* const id = libcrypto::Data(key_id);
     const bool marked =
         bag != nullptr && (key_id.empty() || PKCS12_add_localkeyid(bag, id, static_cast<int>(key_id.size())) == 1);
     if (marked && sk_PKCS12_SAFEBAG_push(bags, bag) > 0) return true;
@@ -119,11 +119,10 @@ bool AddCerts(STACK_OF(PKCS7) * safes, const std::vector<void*>& certs, std::str
 }
 
 bool AddKey(STACK_OF(PKCS7) * safes, const std::string& pkcs8, std::string key_id, const char* password) {
-    const auto* p = reinterpret_cast<const unsigned char*>(pkcs8.data());
-    const Pkcs8Ptr info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(pkcs8.size())));
+    const auto info = libcrypto::Decode<PKCS8_PRIV_KEY_INFO_free>(d2i_PKCS8_PRIV_KEY_INFO, pkcs8);
     const BagsPtr bags(sk_PKCS12_SAFEBAG_new_null());
     if (info == nullptr || bags == nullptr) return false;
-    EncryptedKeyPtr encrypted = Encrypt(info.get(), password);
+    SealedKeyPtr encrypted = Encrypt(info.get(), password);
     if (encrypted == nullptr) return false;
     PKCS12_SAFEBAG* const bag = PKCS12_SAFEBAG_create0_pkcs8(encrypted.get());
     if (bag == nullptr) return false;

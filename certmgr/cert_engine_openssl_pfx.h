@@ -14,10 +14,10 @@
 namespace cert_engine {
 
 using Pkcs12Ptr = Owner<PKCS12, PKCS12_free>;
-using CertPtr = Owner<X509, X509_free>;
-using KeyPtr = Owner<EVP_PKEY, EVP_PKEY_free>;
-using Pkcs8Ptr = Owner<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
-using EncryptedKeyPtr = Owner<X509_SIG, X509_SIG_free>;
+using libcrypto::CertPtr;
+using libcrypto::KeyPtr;
+using libcrypto::Pkcs8Ptr;
+using libcrypto::SealedKeyPtr;
 
 inline void FreeBags(STACK_OF(PKCS12_SAFEBAG) * bags) {
     sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);

@@ -120,11 +120,9 @@ using ValuesPtr = Owner<ASN1_SEQUENCE_ANY, FreeValues>;
 
 /// Whether a file has the content that some versions of libcrypto read without a look whether it is there.
 bool HasContent(std::string_view file) {
-    const auto* p = reinterpret_cast<const unsigned char*>(file.data());
-    const ValuesPtr values(d2i_ASN1_SEQUENCE_ANY(nullptr, &p, static_cast<long>(file.size())));
+    const auto values = Decode<FreeValues>(d2i_ASN1_SEQUENCE_ANY, file);
     const ASN1_TYPE* const safes = sk_ASN1_TYPE_num(values.get()) > 1 ? sk_ASN1_TYPE_value(values.get(), 1) : nullptr;
-    const Owner<PKCS7, PKCS7_free> content(
-        static_cast<PKCS7*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PKCS7), safes)));
+    const libcrypto::Pkcs7Ptr content(static_cast<PKCS7*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PKCS7), safes)));
     return content != nullptr && PKCS7_type_is_data(content.get()) && content->d.data != nullptr;
 }
 
@@ -163,8 +161,7 @@ Pkcs12File::Pkcs12File(const std::string& password, std::uint64_t iterations)
 
 P12ReadResult Pkcs12File::Read(std::string_view bytes) {
     if (bytes.size() > kMaxPkcs12Bytes) return kP12Unsupported;
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    const Pkcs12Ptr file(d2i_PKCS12(nullptr, &p, static_cast<long>(bytes.size())));
+    const auto file = Decode<PKCS12_free>(d2i_PKCS12, bytes);
     if (file == nullptr || !HasContent(bytes)) return kP12NotReadable;
     if (given_.get().size() > kMaxPasswordBytes) return kP12WrongPassword;
     if (!CheckMac(file.get())) return kP12Unsupported;
@@ -274,8 +271,7 @@ bool Pkcs12File::ReadCert(const PKCS12_SAFEBAG* bag) {
 bool Pkcs12File::ReadKey(const PKCS12_SAFEBAG* bag) {
     const PKCS8_PRIV_KEY_INFO* const info = PKCS12_SAFEBAG_get0_p8inf(bag);
     vpnfc::SecretString der(Encode(info, i2d_PKCS8_PRIV_KEY_INFO));
-    const auto* p = reinterpret_cast<const unsigned char*>(der.get().data());
-    Pkcs8Ptr copy(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(der.get().size())));
+    auto copy = Decode<PKCS8_PRIV_KEY_INFO_free>(d2i_PKCS8_PRIV_KEY_INFO, der.get());
     return copy != nullptr && Keep({std::move(copy), {}, KeyIdOf(bag), nullptr});
 }
 

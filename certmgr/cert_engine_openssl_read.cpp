@@ -21,8 +21,6 @@ using cert_engine::ErrorMark;
 
 namespace {
 
-using X509CrlPtr = cert_engine::Owner<X509_CRL, X509_CRL_free>;
-using Pkcs12Ptr = cert_engine::Owner<PKCS12, PKCS12_free>;
 using Pkcs7Parser = cert_engine::Parser<PKCS7, PKCS7_new_ex, d2i_PKCS7, PKCS7_free, kMaxBundleBytes>;
 
 static_assert(kMaxBundleBytes <= INT_MAX / 2 && kMaxCrlTextBytes <= INT_MAX / 2,
@@ -111,7 +109,7 @@ void* CrlHandle(std::string der) {
 
 void MoveCrls(STACK_OF(X509_CRL) * stack, std::vector<void*>& handles) {
     while (X509_CRL* const popped = sk_X509_CRL_pop(stack)) {
-        const X509CrlPtr crl(popped);
+        const libcrypto::CrlPtr crl(popped);
         if (void* const handle = CrlHandle(cert_engine::Encode<const X509_CRL>(popped, i2d_X509_CRL))) {
             handles.push_back(handle);
         }
@@ -167,8 +165,8 @@ int CertEngine_ReadP7CCertData(const void* data, unsigned length, std::vector<vo
 bool CertEngine_IsP12CertData(void* data, int length) {
     if (data == nullptr || length <= 0 || static_cast<unsigned>(length) > kMaxPkcs12Bytes) return false;
     const ErrorMark mark;
-    const auto* p = static_cast<const unsigned char*>(data);
-    return Pkcs12Ptr(d2i_PKCS12(nullptr, &p, length)) != nullptr;
+    const std::string_view bytes(static_cast<const char*>(data), static_cast<std::size_t>(length));
+    return libcrypto::Decode<PKCS12_free>(d2i_PKCS12, bytes) != nullptr;
 }
 
 namespace cert_engine {

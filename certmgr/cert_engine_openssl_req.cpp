@@ -11,24 +11,18 @@
 
 using cert_engine::ErrorMark;
 using cert_engine::Owner;
+using libcrypto::AlgorithmPtr;
+using libcrypto::BitStringPtr;
+using libcrypto::ExtensionsPtr;
+using libcrypto::GeneralNamesPtr;
+using libcrypto::TypePtr;
 
 namespace {
 
 using RequestPtr = Owner<X509_REQ, X509_REQ_free>;
-using NamePtr = Owner<X509_NAME, X509_NAME_free>;
-using PublicKeyPtr = Owner<X509_PUBKEY, X509_PUBKEY_free>;
-using AlgorithmPtr = Owner<X509_ALGOR, X509_ALGOR_free>;
-using BitStringPtr = Owner<ASN1_BIT_STRING, ASN1_BIT_STRING_free>;
 using ExtensionPtr = Owner<X509_EXTENSION, X509_EXTENSION_free>;
 using GeneralNamePtr = Owner<GENERAL_NAME, GENERAL_NAME_free>;
-using GeneralNamesPtr = Owner<GENERAL_NAMES, GENERAL_NAMES_free>;
-using TypePtr = Owner<ASN1_TYPE, ASN1_TYPE_free>;
 using PurposesPtr = Owner<EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free>;
-
-void FreeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
-    sk_X509_EXTENSION_pop_free(extensions, X509_EXTENSION_free);
-}
-using ExtensionsPtr = Owner<STACK_OF(X509_EXTENSION), FreeExtensions>;
 
 using RequestParser = cert_engine::Parser<X509_REQ, X509_REQ_new_ex, d2i_X509_REQ, X509_REQ_free, kMaxCertificateBytes>;
 
@@ -41,8 +35,7 @@ X509_REQ* Request(void* handle) {
 bool SetSubject(X509_REQ* request, const std::string& subject) {
     std::string der;
     if (subject.empty() || !printable_to_asn_dn(subject, der, OID_MAP_HANDLE_DEFAULT_FILE)) return false;
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    const NamePtr name(d2i_X509_NAME(nullptr, &p, static_cast<long>(der.size())));
+    const auto name = libcrypto::Decode<X509_NAME_free>(d2i_X509_NAME, der);
     return name != nullptr && X509_REQ_set_subject_name(request, name.get()) == 1;
 }
 
@@ -77,7 +70,7 @@ bool AddExtendedKeyUsage(STACK_OF(X509_EXTENSION) * extensions, const std::strin
 bool AddUpn(GENERAL_NAMES* names, const std::string& upn) {
     TypePtr value(ASN1_TYPE_new());
     ASN1_UTF8STRING* text = nullptr;
-    const auto* const bytes = reinterpret_cast<const unsigned char*>(upn.data());
+    const unsigned char* const bytes = libcrypto::Data(upn);
     if (value == nullptr || !IsOneLine(upn) ||  // and UTF-8, or the copy fails
         ASN1_mbstring_copy(&text, bytes, static_cast<int>(upn.size()), MBSTRING_UTF8, B_ASN1_UTF8STRING) < 0) {
         ASN1_UTF8STRING_free(text);
@@ -172,9 +165,10 @@ void CertEngine_CloseCertReqHandle(void* request) {
 // Part by part: libcrypto's own setter wants a key that it knows, and these may be GOST keys.
 bool CertEngine_CertReqSetPubKey(void* request, const unsigned char* spki, unsigned int length) {
     const ErrorMark mark;
-    const unsigned char* p = spki;
-    const PublicKeyPtr key(length <= kMaxCertificateBytes ? d2i_X509_PUBKEY(nullptr, &p, length) : nullptr);
-    if (key == nullptr || p != spki + length) return false;
+    if (length > kMaxCertificateBytes) return false;
+    const auto key =
+        libcrypto::DecodeWhole<X509_PUBKEY_free>(d2i_X509_PUBKEY, {reinterpret_cast<const char*>(spki), length});
+    if (key == nullptr) return false;
     const unsigned char* bits = nullptr;
     int bits_length = 0;
     X509_ALGOR* algorithm = nullptr;

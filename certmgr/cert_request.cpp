@@ -10,6 +10,7 @@
 #include "certmgr/cert_storage.h"
 #include "certmgr/discarded_keys.h"
 #include "certmgr/x509cert.h"
+#include "libcrypto/libcrypto.h"
 
 namespace {
 
@@ -20,10 +21,6 @@ struct CloseRequest {
     void operator()(void* request) const { CertEngine_CloseCertReqHandle(request); }
 };
 using RequestHandle = std::unique_ptr<void, CloseRequest>;
-
-const unsigned char* Bytes(const std::string& text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
 
 /// Ed25519 signs the message itself, whatever hash is named.
 pki_alg_t HashOf(const CertRequestInfo& info) {
@@ -38,8 +35,9 @@ CertRequestResult Sign(TokenSession& session, const CertRequestInfo& info, const
     if (!CertEngine_CertReqInfoToRaw(request, body)) return CertRequestError;
     const int result = CM::X509Cert_Sign(session, id, info.keyAlg, HashOf(info), body, signature);
     if (result == kDigestFailed) return CertRequestDigestError;
-    if (result != kSigned || !CertEngine_CertReqSetSignature(request, info.keyAlg, HashOf(info), Bytes(signature),
-                                                             static_cast<unsigned>(signature.size()))) {
+    if (result != kSigned ||
+        !CertEngine_CertReqSetSignature(request, info.keyAlg, HashOf(info), libcrypto::Data(signature),
+                                        static_cast<unsigned>(signature.size()))) {
         return CertRequestSignatureError;
     }
     return CertEngine_CertReqToPem(request, pem) ? CertRequestMade : CertRequestError;
@@ -53,7 +51,8 @@ CertRequestResult GenerateAndSign(TokenSession& session, const CertRequestInfo& 
         !session.GetRawPubKeyObjectData(info.keyAlg, id, spki)) {
         return CertRequestKeyPairError;
     }
-    if (!CertEngine_CertReqSetPubKey(request, Bytes(spki), static_cast<unsigned>(spki.size()))) return CertRequestError;
+    if (!CertEngine_CertReqSetPubKey(request, libcrypto::Data(spki), static_cast<unsigned>(spki.size())))
+        return CertRequestError;
     return Sign(session, info, id, request, pem);
 }
 

@@ -10,45 +10,25 @@
 #include <vector>
 
 #include "certmgr/cert_engine.h"
+#include "libcrypto/libcrypto.h"
 
 namespace fuzz {
 
 namespace {
 
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* object) const { Free(object); }
-};
-template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, Freer<T, Free>>;
-
-using Theirs = Owned<X509_CRL, X509_CRL_free>;
-using Ours = Owned<void, CertEngine_CloseCRLHandle>;
+using Ours = libcrypto::Owner<void, CertEngine_CloseCRLHandle>;
 
 /// Larger fields are refused, whatever libcrypto makes of them.
 constexpr std::size_t kFieldLimit = 1U << 16;
 /// Entries that are looked up one by one.
 constexpr std::size_t kLookedUp = 64;
 
-template <typename T>
-std::string Encoded(T* object, int (*i2d)(T*, unsigned char**)) {
-    unsigned char* der = nullptr;
-    const int length = i2d(object, &der);
-    std::string out;
-    if (length > 0) out.assign(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
-    OPENSSL_free(der);
-    return out;
-}
-
 /// A value that libcrypto decodes to its last byte.
-template <typename T, void (*Free)(T*)>
-Owned<T, Free> Decoded(T* (*d2i)(T**, const unsigned char**, long), const X509_EXTENSION* extension) {
+template <auto Free, typename T>
+libcrypto::Owner<T, Free> Decoded(T* (*d2i)(T**, const unsigned char**, long), const X509_EXTENSION* extension) {
     const ASN1_OCTET_STRING* data = X509_EXTENSION_get_data(const_cast<X509_EXTENSION*>(extension));
-    const unsigned char* p = ASN1_STRING_get0_data(data);
-    const unsigned char* const end = p + ASN1_STRING_length(data);
-    Owned<T, Free> value(d2i(nullptr, &p, static_cast<long>(end - p)));
-    if (p != end) value.reset();
-    return value;
+    return libcrypto::DecodeWhole<Free>(d2i, {reinterpret_cast<const char*>(ASN1_STRING_get0_data(data)),
+                                              static_cast<std::size_t>(ASN1_STRING_length(data))});
 }
 
 struct Entry {
@@ -77,7 +57,7 @@ int ReasonOf(const X509_REVOKED* revoked) {
     const X509_EXTENSION* extension = Only(revoked, NID_crl_reason, present);
     if (!present) return 0;
     if (extension == nullptr) return -1;
-    const auto reason = Decoded<ASN1_ENUMERATED, ASN1_ENUMERATED_free>(d2i_ASN1_ENUMERATED, extension);
+    const auto reason = Decoded<ASN1_ENUMERATED_free>(d2i_ASN1_ENUMERATED, extension);
     const long code = reason != nullptr ? ASN1_ENUMERATED_get(reason.get()) : -1;
     return code >= 0 && code <= 255 ? static_cast<int>(code) + 1 : -1;
 }
@@ -88,7 +68,7 @@ std::optional<bool> Names(const X509_REVOKED* revoked, const std::string& issuer
     const X509_EXTENSION* extension = Only(revoked, NID_certificate_issuer, present);
     if (!present) return std::nullopt;
     if (extension == nullptr) return true;
-    const auto names = Decoded<GENERAL_NAMES, GENERAL_NAMES_free>(d2i_GENERAL_NAMES, extension);
+    const auto names = Decoded<GENERAL_NAMES_free>(d2i_GENERAL_NAMES, extension);
     if (names == nullptr) return true;
     for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
@@ -117,10 +97,10 @@ bool IsDer(const X509_CRL* read, std::string_view whole) {
     constexpr unsigned char kSequence = 0x30;
     const unsigned char* issuer = nullptr;
     if (X509_NAME_get0_der(X509_CRL_get_issuer(read), &issuer, nullptr) != 1 || issuer[0] != kSequence) return false;
-    const Theirs copy(X509_CRL_dup(read));
+    const libcrypto::CrlPtr copy(X509_CRL_dup(read));
     if (copy == nullptr) return false;
-    Encoded(copy.get(), i2d_re_X509_CRL_tbs);
-    return Encoded<const X509_CRL>(copy.get(), i2d_X509_CRL) == whole;
+    libcrypto::Encode(copy.get(), i2d_re_X509_CRL_tbs);
+    return libcrypto::Encode(copy.get(), i2d_X509_CRL) == whole;
 }
 
 std::string CompareParts(void* ours, X509_CRL* theirs, std::string_view whole, const CRLInfo& info) {
@@ -184,12 +164,11 @@ std::string CrlProblem(std::string_view bytes) {
         CertEngine_CRLScope(ours.get(), scope);
     }
     if (ERR_peek_error() != 0) return "errors are left behind";
-    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-    const Theirs theirs(d2i_X509_CRL(nullptr, &p, static_cast<long>(bytes.size())));
+    std::string_view rest;
+    const auto theirs = libcrypto::Decode<X509_CRL_free>(d2i_X509_CRL, bytes, &rest);
     ERR_clear_error();
     if (theirs == nullptr) return ours == nullptr ? "" : "read, but libcrypto refuses it";
-    const std::string_view whole =
-        bytes.substr(0, static_cast<std::size_t>(reinterpret_cast<const char*>(p) - bytes.data()));
+    const std::string_view whole = bytes.substr(0, bytes.size() - rest.size());
     if (ours == nullptr) {
         return bytes.size() < kFieldLimit && IsDer(theirs.get(), whole) ? "refused, but it is a CRL in DER" : "";
     }

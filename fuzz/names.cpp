@@ -1,28 +1,23 @@
 // Names: what is printed reads as an equal name, and what is read prints as an equal name. The input is taken as DER and as
 // text.
-#include <openssl/x509.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "fuzz/target.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 
 namespace {
 
-using Name = std::unique_ptr<X509_NAME, decltype(&X509_NAME_free)>;
-
-Name ByLibcrypto(const std::string& der) {
-    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-    return {d2i_X509_NAME(nullptr, &at, static_cast<long>(der.size())), X509_NAME_free};
+libcrypto::NamePtr ByLibcrypto(const std::string& der) {
+    return libcrypto::Decode<X509_NAME_free>(d2i_X509_NAME, der);
 }
 
 /// Whether libcrypto takes both for one name, where it reads both and knows all string types as text (not NumericString).
 bool IsOneToLibcrypto(const std::string& der, const std::string& other) {
-    const Name one = ByLibcrypto(der);
-    const Name two = ByLibcrypto(other);
+    const libcrypto::NamePtr one = ByLibcrypto(der);
+    const libcrypto::NamePtr two = ByLibcrypto(other);
     const bool judged = one != nullptr && two != nullptr && der.find('\x12') == std::string::npos;
     return !judged || X509_NAME_cmp(one.get(), two.get()) == 0;
 }

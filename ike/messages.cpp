@@ -1,10 +1,10 @@
 #include "ike/messages.h"
 
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include <array>
 
+#include "ike/crypto/keys.h"
 #include "platform/bridge.h"
 
 namespace ikeauth {
@@ -32,14 +32,6 @@ bool ReadAll(const std::string& message, Reader read) {
         return false;
     }
     return true;
-}
-
-std::string KeyedDigest(const EVP_MD* md, const std::string& key, const std::string& data) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> out{};
-    unsigned length = 0;
-    HMAC(md, key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char*>(data.data()), data.size(),
-         out.data(), &length);
-    return {reinterpret_cast<const char*>(out.data()), length};
 }
 
 std::string IdentityPayload(const SignedInput& input) {

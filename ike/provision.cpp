@@ -20,6 +20,7 @@
 #include "certmgr/cert_engine.h"
 #include "certmgr/certmgr.h"
 #include "ike/exchange.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/tokens.h"
 #include "platform/tokens/token_host.h"
 
@@ -65,28 +66,21 @@ bool ReadCert(const std::string& path, CertFile& cert) {
            CertEngine_RawPubKey(handle.get(), cert.spki, cert.key_hash);
 }
 
-using KeyInfo = std::unique_ptr<PKCS8_PRIV_KEY_INFO, decltype(&PKCS8_PRIV_KEY_INFO_free)>;
-
 /// In the form of PKCS #8 as it stands, whatever the algorithm; the older forms are libcrypto's to read.
-KeyInfo ReadKeyInfo(BIO* file) {
-    KeyInfo info(PEM_read_bio_PKCS8_PRIV_KEY_INFO(file, nullptr, nullptr, nullptr), PKCS8_PRIV_KEY_INFO_free);
+libcrypto::Pkcs8Ptr ReadKeyInfo(BIO* file) {
+    libcrypto::Pkcs8Ptr info(PEM_read_bio_PKCS8_PRIV_KEY_INFO(file, nullptr, nullptr, nullptr));
     if (info != nullptr || BIO_reset(file) != 0) return info;
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        PEM_read_bio_PrivateKey(file, nullptr, nullptr, const_cast<char*>("")), EVP_PKEY_free);
+    const libcrypto::KeyPtr key(PEM_read_bio_PrivateKey(file, nullptr, nullptr, const_cast<char*>("")));
     if (key != nullptr) info.reset(EVP_PKEY2PKCS8(key.get()));
     return info;
 }
 
 /// PrivateKeyInfo DER of a PEM private key without password.
 bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
-    const std::unique_ptr<BIO, decltype(&BIO_free_all)> file(BIO_new_file(path.c_str(), "r"), BIO_free_all);
-    const KeyInfo info = file ? ReadKeyInfo(file.get()) : KeyInfo(nullptr, PKCS8_PRIV_KEY_INFO_free);
-    unsigned char* der = nullptr;
-    const int length = info ? i2d_PKCS8_PRIV_KEY_INFO(info.get(), &der) : -1;
-    if (length <= 0) return Complain(path + ": not an unencrypted PEM private key");
-    pkcs8 = vpnfc::SecretString(std::string_view(reinterpret_cast<char*>(der), static_cast<std::size_t>(length)));
-    OPENSSL_clear_free(der, static_cast<std::size_t>(length));
-    return true;
+    const libcrypto::BioPtr file(BIO_new_file(path.c_str(), "r"));
+    const libcrypto::Pkcs8Ptr info = file ? ReadKeyInfo(file.get()) : nullptr;
+    if (info) pkcs8 = vpnfc::SecretString(libcrypto::Encode(info.get(), i2d_PKCS8_PRIV_KEY_INFO));
+    return !pkcs8.empty() || Complain(path + ": not an unencrypted PEM private key");
 }
 
 bool MakeRandomPin(vpnfc::SecretString& pin) {

@@ -10,10 +10,8 @@ namespace {
 
 constexpr char kUncompressedPoint = 4;  // libcrypto's first byte of a point, which IKE leaves out
 
-struct FreeContext {
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
-using Context = std::unique_ptr<EVP_PKEY_CTX, FreeContext>;
+using libcrypto::KeyContextPtr;
+using libcrypto::KeyPtr;
 
 enum class Family : std::uint8_t { kModp, kCurve, kX25519 };
 
@@ -26,7 +24,7 @@ EVP_PKEY* Generate(const Algorithm& group) {
     const Family family = FamilyOf(group);
     if (family == Family::kX25519) return EVP_PKEY_Q_keygen(nullptr, nullptr, group.libcrypto);
     if (family == Family::kCurve) return EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", group.libcrypto);
-    const Context context(EVP_PKEY_CTX_new_from_name(nullptr, "DH", nullptr));
+    const KeyContextPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "DH", nullptr));
     const std::array<OSSL_PARAM, 2> parameters{
         OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(group.libcrypto), 0),
         OSSL_PARAM_construct_end()};
@@ -41,7 +39,7 @@ EVP_PKEY* Generate(const Algorithm& group) {
 }  // namespace
 
 std::unique_ptr<KeyExchange> KeyExchange::Make(const Algorithm& group) {
-    Key key(Generate(group));
+    KeyPtr key(Generate(group));
     if (!key) return nullptr;
     std::unique_ptr<KeyExchange> exchange(new KeyExchange(group, std::move(key)));
     return exchange->ReadPublicValue() ? std::move(exchange) : nullptr;
@@ -56,19 +54,18 @@ bool KeyExchange::ReadPublicValue() {
     return public_value_.size() == group_.key_bytes;
 }
 
-KeyExchange::Key KeyExchange::MakePeerKey(const std::string& value) const {
+KeyPtr KeyExchange::MakePeerKey(const std::string& value) const {
     if (value.size() != group_.key_bytes) return nullptr;
     const std::string encoded = FamilyOf(group_) == Family::kCurve ? kUncompressedPoint + value : value;
-    Key peer(EVP_PKEY_new());
+    KeyPtr peer(EVP_PKEY_new());
     const bool made = peer && EVP_PKEY_copy_parameters(peer.get(), key_.get()) > 0 &&
-                      EVP_PKEY_set1_encoded_public_key(
-                          peer.get(), reinterpret_cast<const unsigned char*>(encoded.data()), encoded.size()) > 0;
+                      EVP_PKEY_set1_encoded_public_key(peer.get(), libcrypto::Data(encoded), encoded.size()) > 0;
     return made ? std::move(peer) : nullptr;
 }
 
 bool KeyExchange::Agree(const std::string& peer_value, vpnfc::SecretString& shared) const {
-    const Key peer = MakePeerKey(peer_value);
-    const Context context(EVP_PKEY_CTX_new(key_.get(), nullptr));
+    const KeyPtr peer = MakePeerKey(peer_value);
+    const KeyContextPtr context(EVP_PKEY_CTX_new(key_.get(), nullptr));
     if (!peer || !context || EVP_PKEY_derive_init(context.get()) <= 0) return false;
     if (FamilyOf(group_) == Family::kModp && EVP_PKEY_CTX_set_dh_pad(context.get(), 1) <= 0) return false;
     std::size_t length = 0;
@@ -78,7 +75,7 @@ bool KeyExchange::Agree(const std::string& peer_value, vpnfc::SecretString& shar
     }
     std::string& secret = shared.edit();
     secret.resize(length);
-    if (EVP_PKEY_derive(context.get(), reinterpret_cast<unsigned char*>(secret.data()), &length) <= 0) return false;
+    if (EVP_PKEY_derive(context.get(), libcrypto::Data(secret), &length) <= 0) return false;
     secret.resize(length);
     return true;
 }

@@ -1,12 +1,11 @@
 // One side of a Diffie-Hellman exchange: groups 14, 19, 20 (RFC 3526, 5903) and 31 (RFC 8031).
 #pragma once
 
-#include <openssl/evp.h>
-
 #include <memory>
 #include <string>
 
 #include "ike/crypto/suites.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/base.h"
 
 namespace ikeauth {
@@ -23,17 +22,12 @@ class KeyExchange {
     bool Agree(const std::string& peer_value, vpnfc::SecretString& shared) const;
 
   private:
-    struct Free {
-        void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-    };
-    using Key = std::unique_ptr<EVP_PKEY, Free>;
-
-    KeyExchange(const Algorithm& group, Key key) : group_(group), key_(std::move(key)) {}
+    KeyExchange(const Algorithm& group, libcrypto::KeyPtr key) : group_(group), key_(std::move(key)) {}
     bool ReadPublicValue();
-    Key MakePeerKey(const std::string& value) const;
+    libcrypto::KeyPtr MakePeerKey(const std::string& value) const;
 
     const Algorithm& group_;
-    Key key_;
+    libcrypto::KeyPtr key_;
     std::string public_value_;
 };
 

@@ -11,13 +11,10 @@
 #include <stdexcept>
 
 #include "ike/wire/bytes.h"
+#include "libcrypto/libcrypto.h"
 
 namespace ikeauth {
 namespace {
-
-const unsigned char* Unsigned(std::string_view bytes) {
-    return reinterpret_cast<const unsigned char*>(bytes.data());
-}
 
 /// prf+: as many bytes as asked for.
 vpnfc::SecretString Expand(const Algorithm& prf, const std::string& key, const std::string& seed, std::size_t bytes) {
@@ -38,10 +35,14 @@ vpnfc::SecretString Expand(const Algorithm& prf, const std::string& key, const s
 }  // namespace
 
 std::string KeyedDigest(const Algorithm& algorithm, std::string_view key, std::string_view data) {
+    return KeyedDigest(EVP_get_digestbyname(algorithm.libcrypto), key, data);
+}
+
+std::string KeyedDigest(const EVP_MD* md, std::string_view key, std::string_view data) {
     std::array<unsigned char, EVP_MAX_MD_SIZE> out{};
     unsigned length = 0;
-    if (HMAC(EVP_get_digestbyname(algorithm.libcrypto), key.data(), static_cast<int>(key.size()), Unsigned(data),
-             data.size(), out.data(), &length) == nullptr) {
+    if (HMAC(md, key.data(), static_cast<int>(key.size()), libcrypto::Data(data), data.size(), out.data(), &length) ==
+        nullptr) {
         throw std::bad_alloc();
     }
     std::string digest(reinterpret_cast<const char*>(out.data()), length);
@@ -51,7 +52,7 @@ std::string KeyedDigest(const Algorithm& algorithm, std::string_view key, std::s
 
 std::string RandomBytes(std::size_t count) {
     std::string bytes(count, '\0');
-    if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(count)) != 1) {
+    if (RAND_bytes(libcrypto::Data(bytes), static_cast<int>(count)) != 1) {
         throw std::runtime_error("no random numbers");
     }
     return bytes;
@@ -59,7 +60,7 @@ std::string RandomBytes(std::size_t count) {
 
 std::string Sha1(std::string_view data) {
     std::array<unsigned char, SHA_DIGEST_LENGTH> out{};
-    SHA1(Unsigned(data), data.size(), out.data());
+    SHA1(libcrypto::Data(data), data.size(), out.data());
     return {reinterpret_cast<const char*>(out.data()), out.size()};
 }
 

@@ -1,6 +1,8 @@
 // Pseudo-random functions and the keys of an IKE SA (RFC 7296, 2.13 and 2.14).
 #pragma once
 
+#include <openssl/types.h>
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@ namespace ikeauth {
 
 /// HMAC with the algorithm's digest, whole.
 std::string KeyedDigest(const Algorithm& algorithm, std::string_view key, std::string_view data);
+std::string KeyedDigest(const EVP_MD* digest, std::string_view key, std::string_view data);
 std::string RandomBytes(std::size_t count);
 /// SHA-1 over data: authorities and addresses are named by it.
 std::string Sha1(std::string_view data);

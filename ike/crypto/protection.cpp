@@ -2,9 +2,8 @@
 
 #include <openssl/evp.h>
 
-#include <memory>
-
 #include "ike/wire/bytes.h"
+#include "libcrypto/libcrypto.h"
 
 namespace ikeauth {
 namespace {
@@ -13,10 +12,8 @@ constexpr std::size_t kSaltBytes = 4;
 constexpr std::size_t kGcmVectorBytes = 8;
 constexpr std::size_t kCbcBlock = 16;
 
-struct FreeContext {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-};
-using Context = std::unique_ptr<EVP_CIPHER_CTX, FreeContext>;
+using Context = libcrypto::Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
+using libcrypto::Data;
 
 std::size_t VectorBytes(const Suite& suite) {
     return suite.encryption->aead ? kGcmVectorBytes : kCbcBlock;
@@ -40,24 +37,17 @@ bool Unpad(std::string& plain) {
     return true;
 }
 
-unsigned char* Bytes(std::string& text) {
-    return reinterpret_cast<unsigned char*>(text.data());
-}
-const unsigned char* Bytes(std::string_view text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
 /// The cipher, started: key and vector set. An AEAD cipher takes its salt from the end of the key.
 Context Start(const Direction& direction, std::string_view vector, bool encrypt) {
-    const std::unique_ptr<EVP_CIPHER, decltype(&EVP_CIPHER_free)> cipher(
-        EVP_CIPHER_fetch(nullptr, direction.suite->encryption->libcrypto, nullptr), EVP_CIPHER_free);
+    const libcrypto::Owner<EVP_CIPHER, EVP_CIPHER_free> cipher(
+        EVP_CIPHER_fetch(nullptr, direction.suite->encryption->libcrypto, nullptr));
     const std::string& key = *direction.encryption_key;
     vpnfc::SecretString nonce(vector);
     if (direction.suite->encryption->aead) nonce.edit().insert(0, key, key.size() - kSaltBytes);
     Context context(EVP_CIPHER_CTX_new());
     if (!cipher || !context ||
-        EVP_CipherInit_ex2(context.get(), cipher.get(), Bytes(std::string_view(key)),
-                           Bytes(std::string_view(nonce.get())), encrypt ? 1 : 0, nullptr) != 1) {
+        EVP_CipherInit_ex2(context.get(), cipher.get(), Data(std::string_view(key)),
+                           Data(std::string_view(nonce.get())), encrypt ? 1 : 0, nullptr) != 1) {
         return nullptr;
     }
     EVP_CIPHER_CTX_set_padding(context.get(), 0);
@@ -68,13 +58,13 @@ Context Start(const Direction& direction, std::string_view vector, bool encrypt)
 bool Run(EVP_CIPHER_CTX* context, std::string_view additional, std::string_view in, std::string& out) {
     int length = 0;
     if (!additional.empty() &&
-        EVP_CipherUpdate(context, nullptr, &length, Bytes(additional), static_cast<int>(additional.size())) != 1) {
+        EVP_CipherUpdate(context, nullptr, &length, Data(additional), static_cast<int>(additional.size())) != 1) {
         return false;
     }
     out.resize(in.size());
     int tail = 0;
-    return EVP_CipherUpdate(context, Bytes(out), &length, Bytes(in), static_cast<int>(in.size())) == 1 &&
-           EVP_CipherFinal_ex(context, Bytes(out) + length, &tail) == 1 &&
+    return EVP_CipherUpdate(context, Data(out), &length, Data(in), static_cast<int>(in.size())) == 1 &&
+           EVP_CipherFinal_ex(context, Data(out) + length, &tail) == 1 &&
            static_cast<std::size_t>(length) + static_cast<std::size_t>(tail) == in.size();
 }
 

@@ -12,6 +12,7 @@
 #include "certmgr/ike.h"
 #include "ike/crypto/keys.h"
 #include "ike/wire/bytes.h"
+#include "libcrypto/libcrypto.h"
 
 namespace ikeauth {
 namespace {
@@ -108,14 +109,13 @@ pki_alg_t ReadAlgorithmIdentifier(std::string_view der) {
 
 // --- ECDSA: tokens use DER, the older methods r and s side by side ---
 
-using EcdsaSignature = std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)>;
+using EcdsaSignature = libcrypto::Owner<ECDSA_SIG, ECDSA_SIG_free>;
 
 bool EcdsaFromDer(const std::string& der, std::size_t number_bytes, std::string& out) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
-    const EcdsaSignature signature(d2i_ECDSA_SIG(nullptr, &bytes, static_cast<long>(der.size())), ECDSA_SIG_free);
+    const EcdsaSignature signature = libcrypto::Decode<ECDSA_SIG_free>(d2i_ECDSA_SIG, der);
     if (!signature) return false;
     out.assign(2 * number_bytes, '\0');
-    auto* to = reinterpret_cast<unsigned char*>(out.data());
+    unsigned char* const to = libcrypto::Data(out);
     const int width = static_cast<int>(number_bytes);
     return BN_bn2binpad(ECDSA_SIG_get0_r(signature.get()), to, width) == width &&
            BN_bn2binpad(ECDSA_SIG_get0_s(signature.get()), to + number_bytes, width) == width;
@@ -123,19 +123,15 @@ bool EcdsaFromDer(const std::string& der, std::size_t number_bytes, std::string&
 
 bool EcdsaToDer(const std::string& numbers, std::size_t number_bytes, std::string& der) {
     if (numbers.size() != 2 * number_bytes) return false;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(numbers.data());
-    const EcdsaSignature signature(ECDSA_SIG_new(), ECDSA_SIG_free);
+    const unsigned char* const bytes = libcrypto::Data(numbers);
+    const EcdsaSignature signature(ECDSA_SIG_new());
     const int width = static_cast<int>(number_bytes);
     if (!signature || ECDSA_SIG_set0(signature.get(), BN_bin2bn(bytes, width, nullptr),
                                      BN_bin2bn(bytes + number_bytes, width, nullptr)) != 1) {
         return false;
     }
-    unsigned char* out = nullptr;
-    const int length = i2d_ECDSA_SIG(signature.get(), &out);
-    if (length <= 0) return false;
-    der.assign(reinterpret_cast<char*>(out), static_cast<std::size_t>(length));
-    OPENSSL_free(out);
-    return true;
+    der = libcrypto::Encode(signature.get(), i2d_ECDSA_SIG);
+    return !der.empty();
 }
 
 // --- Choosing ---
@@ -176,19 +172,16 @@ bool ReadSignatureMethod(const std::string& data, const HashSet& announced, pki_
 
 /// The hash that an RSA signature names; 0 when the key does not open it.
 pki_alg_t HashOfRsaSignature(const std::string& signature, const std::string& public_key) {
-    using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-    using Context = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
-    const auto* der = reinterpret_cast<const unsigned char*>(public_key.data());
-    const Key key(d2i_PUBKEY(nullptr, &der, static_cast<long>(public_key.size())), EVP_PKEY_free);
+    const auto key = libcrypto::Decode<EVP_PKEY_free>(d2i_PUBKEY, public_key);
     if (!key || EVP_PKEY_get_base_id(key.get()) != EVP_PKEY_RSA) return 0;
-    const Context context(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new(key.get(), nullptr));
     std::string block(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())), '\0');
     std::size_t length = block.size();
     std::string oid;
     if (!context || EVP_PKEY_verify_recover_init(context.get()) <= 0 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PADDING) <= 0 ||
-        EVP_PKEY_verify_recover(context.get(), reinterpret_cast<unsigned char*>(block.data()), &length,
-                                reinterpret_cast<const unsigned char*>(signature.data()), signature.size()) <= 0 ||
+        EVP_PKEY_verify_recover(context.get(), libcrypto::Data(block), &length, libcrypto::Data(signature),
+                                signature.size()) <= 0 ||
         !asn_read_alg_from_digest(std::string_view(block).substr(0, length), oid)) {
         return 0;
     }

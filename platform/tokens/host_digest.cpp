@@ -5,6 +5,7 @@
 #include <array>
 #include <mutex>
 
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1/alg_table.h"
 
 namespace tokens {
@@ -38,8 +39,7 @@ bool HostDigest(pki_alg_t alg, std::string_view data, std::string& digest) {
     if (md == nullptr) return false;
     digest.resize(EVP_MAX_MD_SIZE);
     unsigned length = 0;
-    const bool done = EVP_Digest(data.data(), data.size(), reinterpret_cast<unsigned char*>(digest.data()), &length, md,
-                                 nullptr) == 1;
+    const bool done = EVP_Digest(data.data(), data.size(), libcrypto::Data(digest), &length, md, nullptr) == 1;
     digest.resize(length);
     return done;
 }

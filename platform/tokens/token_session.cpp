@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "certmgr/records.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/tokens/key_codec.h"
 #include "platform/tokens/session_impl.h"
 
@@ -28,11 +29,7 @@ std::string_view WithoutLeadingZeros(std::string_view text) {
 /// Whether a serial number, DER, has that text: the hexadecimal digits of the magnitude after its sign, long ones broken
 /// into lines with backslashes.
 bool IsSerialNumber(std::string_view serial, std::string text) {
-    struct Free {
-        void operator()(ASN1_INTEGER* number) const { ASN1_INTEGER_free(number); }
-    };
-    const auto* der = reinterpret_cast<const unsigned char*>(serial.data());
-    const std::unique_ptr<ASN1_INTEGER, Free> number(d2i_ASN1_INTEGER(nullptr, &der, static_cast<long>(serial.size())));
+    const auto number = libcrypto::Decode<ASN1_INTEGER_free>(d2i_ASN1_INTEGER, serial);
     if (number == nullptr) return false;
     const bool negative = ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER;
     if (negative != text.starts_with('-')) return false;
@@ -55,25 +52,12 @@ bool Describes(const CertInfo& info, const std::string& certificate) {
 
 /// PKCS #8 out of its encryption. Empty, which is no key, when the password is wrong or the encoding is.
 SecretString Decrypt(const EncryptedPrivateKey& key) {
-    struct Free {
-        void operator()(X509_SIG* sig) const { X509_SIG_free(sig); }
-        void operator()(PKCS8_PRIV_KEY_INFO* info) const { PKCS8_PRIV_KEY_INFO_free(info); }
-    };
-    const auto* der = reinterpret_cast<const unsigned char*>(key.encryptedKeyInfoDer.data());
-    const std::unique_ptr<X509_SIG, Free> encrypted(
-        d2i_X509_SIG(nullptr, &der, static_cast<long>(key.encryptedKeyInfoDer.size())));
+    const auto encrypted = libcrypto::Decode<X509_SIG_free>(d2i_X509_SIG, key.encryptedKeyInfoDer);
     if (encrypted == nullptr) return {};
     const std::string& password = key.password.get();
-    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, Free> info(
-        PKCS8_decrypt(encrypted.get(), password.data(), static_cast<int>(password.size())));
+    const libcrypto::Pkcs8Ptr info(PKCS8_decrypt(encrypted.get(), password.data(), static_cast<int>(password.size())));
     if (info == nullptr) return {};
-    const int length = i2d_PKCS8_PRIV_KEY_INFO(info.get(), nullptr);
-    SecretString pkcs8;
-    if (length <= 0) return pkcs8;
-    pkcs8.edit().resize(static_cast<std::size_t>(length));
-    auto* out = reinterpret_cast<unsigned char*>(pkcs8.edit().data());
-    i2d_PKCS8_PRIV_KEY_INFO(info.get(), &out);
-    return pkcs8;
+    return SecretString(libcrypto::Encode(info.get(), i2d_PKCS8_PRIV_KEY_INFO));
 }
 
 using SharedSecret = std::shared_ptr<const SecretString>;

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 #include "platform/asn1/alg_table.h"
-#include "tests/support/crypto_types.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ std::string OidOfNid(int nid) {
 }
 
 std::string OidOfDotted(const char* dotted) {
-    const std::unique_ptr<ASN1_OBJECT, FreeWith<ASN1_OBJECT_free>> object(OBJ_txt2obj(dotted, 1));
+    const libcrypto::Owner<ASN1_OBJECT, ASN1_OBJECT_free> object(OBJ_txt2obj(dotted, 1));
     return {reinterpret_cast<const char*>(OBJ_get0_data(object.get())), OBJ_length(object.get())};
 }
 
@@ -210,7 +210,7 @@ TEST(Algorithms, CurvesAgainstLibcrypto) {
         std::string dotted;
         ASSERT_TRUE(oid_asn_to_str_(curve.oid, &dotted));
         const int nid = OBJ_txt2nid(dotted.c_str());
-        const std::unique_ptr<EC_GROUP, FreeWith<EC_GROUP_free>> group(EC_GROUP_new_by_curve_name(nid));
+        const libcrypto::Owner<EC_GROUP, EC_GROUP_free> group(EC_GROUP_new_by_curve_name(nid));
         ASSERT_NE(group, nullptr) << curve.name;
         EXPECT_EQ(static_cast<unsigned>(EC_GROUP_get_degree(group.get())), curve.bits) << curve.name;
     }
@@ -228,8 +228,8 @@ struct PssCase {
     pki_alg_t expected = 0;
 };
 
-std::unique_ptr<X509_ALGOR, FreeWith<X509_ALGOR_free>> HashIdentifier(int nid) {
-    std::unique_ptr<X509_ALGOR, FreeWith<X509_ALGOR_free>> identifier(X509_ALGOR_new());
+libcrypto::Owner<X509_ALGOR, X509_ALGOR_free> HashIdentifier(int nid) {
+    libcrypto::Owner<X509_ALGOR, X509_ALGOR_free> identifier(X509_ALGOR_new());
     X509_ALGOR_set0(identifier.get(), OBJ_nid2obj(nid), V_ASN1_NULL, nullptr);
     return identifier;
 }
@@ -241,13 +241,13 @@ ASN1_INTEGER* NewInteger(long value) {
 }
 
 std::string PssParameters(const PssCase& c) {
-    const std::unique_ptr<RSA_PSS_PARAMS, FreeWith<RSA_PSS_PARAMS_free>> parameters(RSA_PSS_PARAMS_new());
+    const libcrypto::Owner<RSA_PSS_PARAMS, RSA_PSS_PARAMS_free> parameters(RSA_PSS_PARAMS_new());
     if (c.hash != NID_undef) {
         parameters->hashAlgorithm = HashIdentifier(c.hash).release();
     }
     if (c.mgf_hash != NID_undef) {
         const auto inner = HashIdentifier(c.mgf_hash);
-        const std::string der = DerOf(inner.get(), i2d_X509_ALGOR);
+        const std::string der = libcrypto::Encode(inner.get(), i2d_X509_ALGOR);
         ASN1_STRING* const sequence = ASN1_STRING_new();
         ASN1_STRING_set(sequence, der.data(), static_cast<int>(der.size()));
         parameters->maskGenAlgorithm = X509_ALGOR_new();
@@ -259,7 +259,7 @@ std::string PssParameters(const PssCase& c) {
     if (c.trailer >= 0) {
         parameters->trailerField = NewInteger(c.trailer);
     }
-    return DerOf(parameters.get(), i2d_RSA_PSS_PARAMS);
+    return libcrypto::Encode(parameters.get(), i2d_RSA_PSS_PARAMS);
 }
 
 TEST(Algorithms, RsassaPssParameters) {

@@ -12,9 +12,9 @@
 #include <string>
 #include <string_view>
 
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 #include "platform/asn1/text.h"
-#include "tests/support/crypto_types.h"
 #include "tests/support/der.h"
 
 namespace {
@@ -49,7 +49,7 @@ std::string Encoded(std::string_view printable) {
     return printable_to_asn_dn(printable, name) ? name : "<refused>";
 }
 
-using NamePtr = std::unique_ptr<X509_NAME, FreeWith<X509_NAME_free>>;
+using NamePtr = libcrypto::Owner<X509_NAME, X509_NAME_free>;
 
 NamePtr ParsedByLibcrypto(const std::string& name) {
     const auto* at = reinterpret_cast<const unsigned char*>(name.data());
@@ -309,7 +309,7 @@ TEST(CompareNames, Equality) {
 }
 
 TEST(CompareNames, CaseFoldingAsTheCLibraryKnowsIt) {
-    const std::unique_ptr<std::remove_pointer_t<locale_t>, FreeWith<freelocale>> utf8(
+    const libcrypto::Owner<std::remove_pointer_t<locale_t>, freelocale> utf8(
         newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr));
     ASSERT_NE(utf8, nullptr);
     const auto folded = [&](char32_t c) -> char32_t {

@@ -11,10 +11,10 @@
 #include <random>
 #include <string>
 
+#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 #include "platform/asn1/oid.h"
 #include "platform/base.h"
-#include "tests/support/crypto_types.h"
 #include "tests/support/der.h"
 #include "tests/support/pki.h"
 
@@ -106,7 +106,7 @@ TEST(Hex, BothDirections) {
 std::string DottedByLibcrypto(const std::string& content) {
     const std::string der = der::Tlv(0x06, content);
     const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-    const std::unique_ptr<ASN1_OBJECT, FreeWith<ASN1_OBJECT_free>> object(
+    const libcrypto::Owner<ASN1_OBJECT, ASN1_OBJECT_free> object(
         d2i_ASN1_OBJECT(nullptr, &at, static_cast<long>(der.size())));
     if (object == nullptr) {
         return "";
@@ -251,7 +251,7 @@ TEST(DsaSignature, NumbersArePaddedToTheGroup) {
         for (const unsigned char first : {0x01, 0x7F, 0x80, 0xFF}) {
             const std::string r_in = number(c.r, first);
             const std::string s_in = number(c.s, first);
-            const std::unique_ptr<DSA_SIG, FreeWith<DSA_SIG_free>> signature(DSA_SIG_new());
+            const libcrypto::Owner<DSA_SIG, DSA_SIG_free> signature(DSA_SIG_new());
             const auto bn = [](const std::string& bytes) {
                 return BN_bin2bn(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
                                  nullptr);
@@ -259,7 +259,7 @@ TEST(DsaSignature, NumbersArePaddedToTheGroup) {
             DSA_SIG_set0(signature.get(), bn(r_in), bn(s_in));
             std::string r;
             std::string s;
-            ASSERT_TRUE(asn_read_dsa_certsign(DerOf(signature.get(), i2d_DSA_SIG), r, s));
+            ASSERT_TRUE(asn_read_dsa_certsign(libcrypto::Encode(signature.get(), i2d_DSA_SIG), r, s));
             EXPECT_EQ(r, std::string(c.width - c.r, '\0') + r_in);
             EXPECT_EQ(s, std::string(c.width - c.s, '\0') + s_in);
         }

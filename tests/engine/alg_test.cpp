@@ -6,17 +6,17 @@
 
 #include <array>
 
+#include "libcrypto/libcrypto.h"
 #include "tests/engine/engine_fixture.h"
-#include "tests/support/crypto_types.h"
 #include "tests/support/der.h"
 
 namespace {
 
 using engine_test::EngineTest;
 
-using AlgorithmPtr = std::unique_ptr<X509_ALGOR, FreeWith<X509_ALGOR_free>>;
-using StringPtr = std::unique_ptr<ASN1_STRING, FreeWith<ASN1_STRING_free>>;
-using ObjectPtr = std::unique_ptr<ASN1_OBJECT, FreeWith<ASN1_OBJECT_free>>;
+using AlgorithmPtr = libcrypto::Owner<X509_ALGOR, X509_ALGOR_free>;
+using StringPtr = libcrypto::Owner<ASN1_STRING, ASN1_STRING_free>;
+using ObjectPtr = libcrypto::Owner<ASN1_OBJECT, ASN1_OBJECT_free>;
 
 AlgorithmPtr Algorithm(const std::string& der) {
     const auto* p = reinterpret_cast<const unsigned char*>(der.data());
@@ -162,7 +162,7 @@ TEST_F(EngineTest, AlgorithmIdentifiersAreWrittenInPlace) {
         if (c.der.empty()) {
             EXPECT_EQ(algorithm->algorithm, nullptr) << std::hex << c.code;
         } else {
-            EXPECT_EQ(DerOf(algorithm.get(), i2d_X509_ALGOR), c.der) << std::hex << c.code;
+            EXPECT_EQ(libcrypto::Encode(algorithm.get(), i2d_X509_ALGOR), c.der) << std::hex << c.code;
         }
     }
 }
@@ -276,7 +276,7 @@ TEST_F(EngineTest, NumbersAreWrittenAsLibcryptoWritesThem) {
             for (std::size_t i = 0; i < length; ++i) bytes += static_cast<char>(0xA0 + i);
             const StringPtr number(ASN1_STRING_type_new(type));
             ASN1_STRING_set(number.get(), bytes.data(), static_cast<int>(bytes.size()));
-            const std::unique_ptr<BIO, FreeWith<BIO_free>> stream(BIO_new(BIO_s_mem()));
+            const libcrypto::Owner<BIO, BIO_free> stream(BIO_new(BIO_s_mem()));
             i2a_ASN1_INTEGER(stream.get(), number.get());
             char* expected = nullptr;
             const long expected_length = BIO_get_mem_data(stream.get(), &expected);

@@ -40,7 +40,7 @@ int Nid(HashAlg alg) {
 
 Engine::Engine() {
     OPENSSL_init_crypto(OPENSSL_INIT_ENGINE_DYNAMIC, nullptr);
-    const Owner<ENGINE, ENGINE_free> found(ENGINE_by_id("gost"));
+    const libcrypto::Owner<ENGINE, ENGINE_free> found(ENGINE_by_id("gost"));
     Require(found != nullptr && ENGINE_init(found.get()) == 1, CKR_FUNCTION_FAILED);
     engine_ = found.get();
     const std::lock_guard lock(registration_mutex);
@@ -69,7 +69,7 @@ void Hash::Update(std::string_view data) {
 std::string Hash::Finish() {
     std::string digest(EVP_MAX_MD_SIZE, '\0');
     unsigned length = 0;
-    Require(EVP_DigestFinal_ex(context_.get(), Data(digest), &length) == 1, CKR_DEVICE_ERROR);
+    Require(EVP_DigestFinal_ex(context_.get(), libcrypto::Data(digest), &length) == 1, CKR_DEVICE_ERROR);
     digest.resize(length);
     return digest;
 }

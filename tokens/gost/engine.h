@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "tokens/gost/owner.h"
+#include "libcrypto/libcrypto.h"
 #include "tokens/gost/param_sets.h"
 
 namespace gost_token {
@@ -37,7 +37,7 @@ class Hash {
     std::string Finish();
 
   private:
-    Owner<EVP_MD_CTX, EVP_MD_CTX_free> context_;
+    libcrypto::Owner<EVP_MD_CTX, EVP_MD_CTX_free> context_;
 };
 
 }  // namespace gost_token

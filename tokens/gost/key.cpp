@@ -11,9 +11,10 @@
 namespace gost_token {
 namespace {
 
-using Context = Owner<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
-using Point = Owner<EC_POINT, EC_POINT_free>;
+using Number = libcrypto::Owner<BIGNUM, BN_clear_free>;
+using Pkey = libcrypto::KeyPtr;
+using Point = libcrypto::Owner<EC_POINT, EC_POINT_free>;
+using libcrypto::Data;
 
 EC_KEY* NumbersOf(EVP_PKEY* pkey) {
     auto* const numbers = static_cast<EC_KEY*>(EVP_PKEY_get0(pkey));
@@ -37,7 +38,7 @@ void ToLittleEndian(const BIGNUM* number, std::size_t size, unsigned char* out) 
 }
 
 Pkey Parameters(const Engine& engine, const Domain& domain) {
-    const Context context(EVP_PKEY_CTX_new_id(domain.kind->nid, engine.get()));
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new_id(domain.kind->nid, engine.get()));
     EVP_PKEY* made = nullptr;
     Require(context != nullptr && EVP_PKEY_paramgen_init(context.get()) == 1 &&
                 EVP_PKEY_CTX_ctrl_str(context.get(), "paramset", domain.curve) == 1 &&
@@ -87,7 +88,7 @@ KeyPtr Key::FromPublic(const Engine& engine, const Domain& domain, std::string_v
 
 KeyPtr Key::Generate(const Engine& engine, const Domain& domain) {
     const Pkey parameters = Parameters(engine, domain);
-    const Context context(EVP_PKEY_CTX_new(parameters.get(), engine.get()));
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new(parameters.get(), engine.get()));
     EVP_PKEY* made = nullptr;
     Require(
         context != nullptr && EVP_PKEY_keygen_init(context.get()) == 1 && EVP_PKEY_keygen(context.get(), &made) == 1,
@@ -118,7 +119,7 @@ std::string Key::PublicValue() const {
 
 std::string Key::Sign(std::string_view digest) const {
     Require(digest.size() == HashBytes(kind().hash), CKR_DATA_LEN_RANGE);
-    const Context context(EVP_PKEY_CTX_new(pkey_.get(), engine_.get()));
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new(pkey_.get(), engine_.get()));
     std::string signature(2 * kind().bytes, '\0');
     std::size_t length = signature.size();
     Require(context != nullptr && EVP_PKEY_sign_init(context.get()) == 1 &&
@@ -131,7 +132,7 @@ std::string Key::Sign(std::string_view digest) const {
 bool Key::Verify(std::string_view digest, std::string_view signature) const {
     Require(digest.size() == HashBytes(kind().hash), CKR_DATA_LEN_RANGE);
     Require(signature.size() == 2 * kind().bytes, CKR_SIGNATURE_LEN_RANGE);
-    const Context context(EVP_PKEY_CTX_new(pkey_.get(), engine_.get()));
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new(pkey_.get(), engine_.get()));
     Require(context != nullptr && EVP_PKEY_verify_init(context.get()) == 1, CKR_DEVICE_ERROR);
     return EVP_PKEY_verify(context.get(), Data(signature), signature.size(), Data(digest), digest.size()) == 1;
 }

@@ -33,12 +33,11 @@ class Key {
     bool Verify(std::string_view digest, std::string_view signature) const;
 
   private:
-    using Pkey = Owner<EVP_PKEY, EVP_PKEY_free>;
-    Key(const Engine& engine, const Domain& domain, Pkey pkey);
+    Key(const Engine& engine, const Domain& domain, libcrypto::KeyPtr pkey);
 
     const Engine& engine_;
     Domain domain_;
-    Pkey pkey_;
+    libcrypto::KeyPtr pkey_;
 };
 
 using KeyPtr = std::shared_ptr<const Key>;

@@ -3,13 +3,14 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include "libcrypto/libcrypto.h"
 #include "tokens/gost/failure.h"
-#include "tokens/gost/owner.h"
 
 namespace gost_token {
 namespace {
 
-using CipherContext = Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
+using CipherContext = libcrypto::Owner<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>;
+using libcrypto::Data;
 using vpnfc::SecretString;
 
 constexpr std::size_t kSpareBytes = 1U << 20;  // for scrypt beside its table
