@@ -1,5 +1,6 @@
 #include "tests/support/crl_servers.h"
 
+#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -8,16 +9,12 @@
 #include <stdexcept>
 #include <vector>
 
-#include "tests/support/pki.h"
 #include "tests/support/sockets.h"
 
 namespace test_support {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// The entry below which SlapdServer keeps its distribution points.
-constexpr const char* kSuffix = "dc=crl";
 
 void Write(const fs::path& path, const std::string& content) {
     std::ofstream file(path, std::ios::binary);
@@ -30,24 +27,19 @@ std::string ReadFile(const fs::path& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// Where the files of WriteIdentity are.
-constexpr const char* kCertificateFile = "tls.pem";
-constexpr const char* kKeyFile = "tls.key";
-
+/// The certificate and the key, as files of these names.
 void WriteIdentity(const TempDir& dir, const TlsIdentity* tls) {
     if (tls == nullptr) return;
-    Write(dir / kCertificateFile, tls->certificate_pem);
-    Write(dir / kKeyFile, tls->key_pem);
+    Write(dir / "tls.pem", tls->certificate_pem);
+    Write(dir / "tls.key", tls->key_pem);
 }
 
-/// The one PEM block, without its lines.
 std::string Base64(const std::string& der) {
-    const std::string pem = test_pki::ToPem("X", der);
-    const std::size_t begin = pem.find('\n');
-    std::string text;
-    for (const char c : pem.substr(begin, pem.rfind("-----END") - begin)) {
-        if (c != '\n') text.push_back(c);
-    }
+    std::string text(der.size() * 2 + 4, '\0');
+    const int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        reinterpret_cast<const unsigned char*>(der.data()), static_cast<int>(der.size()));
+    text.resize(static_cast<std::size_t>(length));
     return text;
 }
 
@@ -118,12 +110,12 @@ NginxServer::NginxServer(const TlsIdentity* tls) {
 void NginxServer::WriteConfiguration(bool tls) const {
     std::string listen = "listen 127.0.0.1:" + std::to_string(port_.number()) + ";\n";
     if (tls) {
-        listen += "listen 127.0.0.1:" + std::to_string(tls_port_.number()) + " ssl;\n" +  //
-                  "ssl_certificate " + kCertificateFile + ";\nssl_certificate_key " + kKeyFile + ";\n";
+        listen += "listen 127.0.0.1:" + std::to_string(tls_port_.number()) +
+                  " ssl;\nssl_certificate tls.pem;\nssl_certificate_key tls.key;\n";
     }
     std::string temporary;
-    for (const char* const kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
-        temporary += std::string(kind) + "_temp_path temp_" + kind + ";\n";
+    for (const std::string kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
+        temporary += kind + "_temp_path temp_" + kind + ";\n";
     }
     // One process, so that its end is the server's.
     Write(dir_ / "nginx.conf",
@@ -161,22 +153,17 @@ SlapdServer::SlapdServer(const std::map<std::string, std::string>& crls, const T
 
 void SlapdServer::WriteConfiguration(bool tls) const {
     fs::create_directory(dir_ / "database");
-    std::string text =
-        "include /etc/ldap/schema/core.schema\n"
-        "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
-    text += "pidfile " + (dir_ / "slapd.pid").string() + "\n";
-    if (tls) {
-        text += "TLSCertificateFile " + (dir_ / kCertificateFile).string() + "\nTLSCertificateKeyFile " +
-                (dir_ / kKeyFile).string() + "\n";
-    }
-    text += std::string("database mdb\nsuffix ") + kSuffix + "\ndirectory " + (dir_ / "database").string() + "\n";
+    const std::string folder = dir_.path().string() + "/";
+    std::string text = "include /etc/ldap/schema/core.schema\nmodulepath /usr/lib/ldap\nmoduleload back_mdb\n";
+    if (tls) text += "TLSCertificateFile " + folder + "tls.pem\nTLSCertificateKeyFile " + folder + "tls.key\n";
+    text += "pidfile " + folder + "slapd.pid\ndatabase mdb\nsuffix dc=crl\ndirectory " + folder + "database\n";
     Write(dir_ / "slapd.conf", text);
 }
 
 void SlapdServer::Load(const std::map<std::string, std::string>& crls) const {
-    std::string ldif = std::string("dn: ") + kSuffix + "\nobjectClass: dcObject\nobjectClass: organization\no: Test\n";
+    std::string ldif = "dn: dc=crl\nobjectClass: dcObject\nobjectClass: organization\no: Test\n";
     for (const auto& [cn, der] : crls) {
-        ldif += "\ndn: cn=" + cn + "," + kSuffix + "\nobjectClass: cRLDistributionPoint\ncn: " + cn +
+        ldif += "\ndn: cn=" + cn + ",dc=crl\nobjectClass: cRLDistributionPoint\ncn: " + cn +
                 "\ncertificateRevocationList;binary:: " + Base64(der) + "\n";
     }
     const fs::path file = dir_ / "entries.ldif";
@@ -186,11 +173,11 @@ void SlapdServer::Load(const std::map<std::string, std::string>& crls) const {
 }
 
 std::string SlapdServer::Uri(const std::string& cn, const std::string& attributes) const {
-    return port_.Uri("ldap", "/cn=" + cn + "," + kSuffix + "?" + attributes + "?base");
+    return port_.Uri("ldap", "/cn=" + cn + ",dc=crl?" + attributes + "?base");
 }
 
 std::string SlapdServer::TlsUri(const std::string& cn) const {
-    return tls_port_.Uri("ldaps", "/cn=" + cn + "," + kSuffix + "?" + kBinaryCrl + "?base");
+    return tls_port_.Uri("ldaps", "/cn=" + cn + ",dc=crl?" + kBinaryCrl + "?base");
 }
 
 }  // namespace test_support

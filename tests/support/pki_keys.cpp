@@ -20,8 +20,8 @@ Key Adopt(EVP_PKEY* key) {
     return {key, EVP_PKEY_free};
 }
 
-/// Slow to find, and harmless to share: one set of domain parameters for every DSA key.
-const Key& DsaParameters() {
+/// Domain parameters are slow to find, and harmless to share: one set for every DSA key.
+Key GenerateDsa() {
     static const Key parameters = [] {
         const PkeyContext context(EVP_PKEY_CTX_new_id(EVP_PKEY_DSA, nullptr));
         EVP_PKEY* out = nullptr;
@@ -32,36 +32,20 @@ const Key& DsaParameters() {
               "DSA parameters");
         return Adopt(out);
     }();
-    return parameters;
-}
-
-Key GenerateDsa() {
-    const PkeyContext context(EVP_PKEY_CTX_new(DsaParameters().get(), nullptr));
+    const PkeyContext context(EVP_PKEY_CTX_new(parameters.get(), nullptr));
     EVP_PKEY* out = nullptr;
     Check(EVP_PKEY_keygen_init(context.get()) == 1 && EVP_PKEY_keygen(context.get(), &out) == 1, "DSA key");
     return Adopt(out);
 }
 
 Key Generate(KeyType type) {
-    switch (type) {
-        case KeyType::kRsa1024:
-            return Adopt(EVP_RSA_gen(1024));
-        case KeyType::kRsa2048:
-            return Adopt(EVP_RSA_gen(2048));
-        case KeyType::kRsa3072:
-            return Adopt(EVP_RSA_gen(3072));
-        case KeyType::kDsa1024:
-            return GenerateDsa();
-        case KeyType::kEcP256:
-            return Adopt(EVP_EC_gen("P-256"));
-        case KeyType::kEcP384:
-            return Adopt(EVP_EC_gen("P-384"));
-        case KeyType::kEcP521:
-            return Adopt(EVP_EC_gen("P-521"));
-        case KeyType::kEd25519:
-            return Adopt(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
-    }
-    throw std::invalid_argument("key type");
+    const std::map<KeyType, unsigned> rsa_bits{
+        {KeyType::kRsa1024, 1024}, {KeyType::kRsa2048, 2048}, {KeyType::kRsa3072, 3072}};
+    const std::map<KeyType, const char*> curves{
+        {KeyType::kEcP256, "P-256"}, {KeyType::kEcP384, "P-384"}, {KeyType::kEcP521, "P-521"}};
+    if (rsa_bits.contains(type)) return Adopt(EVP_RSA_gen(rsa_bits.at(type)));
+    if (curves.contains(type)) return Adopt(EVP_EC_gen(curves.at(type)));
+    return type == KeyType::kDsa1024 ? GenerateDsa() : Adopt(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
 }
 
 Key CachedKey(KeyType type, const std::string& name) {
@@ -92,17 +76,13 @@ int SaltOf(const EVP_MD* digest, const SignWith& with) {
     return with.pss_salt < 0 ? EVP_MD_get_size(digest) : with.pss_salt;
 }
 
-std::string HashAlgorithm(const EVP_MD* digest) {
-    return der::Sequence(der::Oid(OBJ_nid2sn(EVP_MD_get_type(digest))) + der::Null());
-}
-
 /// RFC 4055, 3.1; members that equal their default (SHA-1, 20 bytes) are left out, as DER wants.
 std::string PssParameters(const EVP_MD* digest, const SignWith& with) {
     const int salt = SaltOf(digest, with);
     std::string content;
     if (EVP_MD_get_type(digest) != NID_sha1) {
-        content += der::Explicit(0, HashAlgorithm(digest)) +
-                   der::Explicit(1, der::Sequence(der::Oid("mgf1") + HashAlgorithm(digest)));
+        const std::string hash = der::Sequence(der::Oid(OBJ_nid2sn(EVP_MD_get_type(digest))) + der::Null());
+        content += der::Explicit(0, hash) + der::Explicit(1, der::Sequence(der::Oid("mgf1") + hash));
     }
     if (salt != 20) content += der::Explicit(2, der::Integer(static_cast<std::uint64_t>(salt)));
     return der::Sequence(content);
