@@ -1,322 +1,135 @@
 #include <algorithm>
-#include <chrono>
 
-#include "reset.h"
-#include "token_state.h"
-
-namespace PKCS11 {
-
-// Trivially destroyed: token threads and other libraries may still look at it when the process ends.
-constinit CallbackTable Callbacks;
-
-Manager& Manager::Instance() {
-    static Manager& instance = *new Manager;
-    return instance;
-}
-
-}  // namespace PKCS11
+#include "vendor_host.h"
 
 namespace vendor_host {
 
 namespace {
 
 struct TokenList {
-    std::mutex mutex;
     std::vector<std::shared_ptr<Token>> tokens;
     unsigned reload_calls = 0;
 };
 
-TokenList& List() {
-    static TokenList& list = *new TokenList;  // lives as long as the process
+Guarded<TokenList>& List() {
+    static auto& list = *new Guarded<TokenList>;  // lives as long as the process
     return list;
-}
-
-std::vector<std::shared_ptr<Token>> Listed() {
-    const std::lock_guard lock(List().mutex);
-    return List().tokens;
-}
-
-std::string FirstBytesOfSha1(const std::string& data) {
-    std::string digest = DigestOf(PKI_HASH_SHA1, data).value_or(std::string(20, '\0'));
-    digest.resize(8);
-    return digest;
-}
-
-std::uint64_t TokenId(const PKCS11::TokenInfo& info) {
-    const std::string text = info.manufacturer + info.model + info.serialNumber + info.label;
-    const std::string digest = DigestOf(PKI_HASH_SHA256, text).value_or(std::string(32, '\0'));
-    std::uint64_t id = 0;
-    for (std::size_t i = 0; i < sizeof id; ++i) id = id << 8 | static_cast<unsigned char>(digest[i]);
-    return id;
-}
-
-/// What libcrypto can do.
-const std::set<pki_alg_t>& DefaultAlgorithms() {
-    static const auto& algorithms = *new std::set<pki_alg_t>{
-        PKI_KEY_RSA,     PKI_KEY_RSA_PSS, PKI_KEY_DSA,     PKI_KEY_EC,      PKI_KEY_ED25519, PKI_HASH_SHA1,
-        PKI_HASH_SHA224, PKI_HASH_SHA256, PKI_HASH_SHA384, PKI_HASH_SHA512, PKI_HASH_MD5,    PKI_HASH_NONE};
-    return algorithms;
 }
 
 }  // namespace
 
 // --- State ---
 
-bool Token::State::Offers(pki_alg_t alg, bool whole) const {
-    const std::set<pki_alg_t>& offered = algorithms ? *algorithms : DefaultAlgorithms();
-    const auto has = [&offered](pki_alg_t part) { return part == 0 || offered.count(part) != 0; };
-    const pki_alg_t masked = alg & PKI_ALG_MASK;
-    const pki_alg_t key = masked & PKI_KEY_MASK;
-    const pki_alg_t hash = masked & PKI_HASH_MASK;
-    if (has(masked)) return true;
-    return has(key) && ((key != 0 && !whole) || has(hash));
+bool TokenState::Offers(pki_alg_t alg, bool whole) const {
+    const auto has = [this](pki_alg_t part) { return part == 0 || algorithms.contains(part); };
+    const pki_alg_t key = alg & PKI_KEY_MASK;
+    return present && (has(alg & PKI_ALG_MASK) || (has(key) && ((key != 0 && !whole) || has(alg & PKI_HASH_MASK))));
 }
 
-void Token::State::PutKey(const std::string& id, KeyPair pair) {
-    key_by_spki[pair.spki] = id;
-    keys[id] = std::move(pair);
+const char* TokenState::Trouble(Op op) {
+    unsigned& failures = At(op).failures;
+    const bool broken = failures > 0;
+    if (broken && failures != ~0U) --failures;
+    if (!present) return "CKR_DEVICE_REMOVED";
+    return broken ? "CKR_DEVICE_ERROR" : nullptr;
 }
 
-void Token::State::DropKey(const std::string& id) {
-    const auto found = keys.find(id);
-    if (found == keys.end()) return;
-    key_by_spki.erase(found->second.spki);
-    keys.erase(found);
-}
-
-std::vector<PKCS11::CertObject> Token::State::ListCerts() const {
+std::vector<PKCS11::CertObject> TokenState::ListCerts() const {
     std::vector<PKCS11::CertObject> objects = certs;
-    std::set<std::string> with_certificate;
-    for (const PKCS11::CertObject& object : objects) with_certificate.insert(object.id);
     for (const auto& [id, pair] : keys) {
-        if (!pair.has_private || with_certificate.count(id) != 0) continue;
-        PKCS11::CertObject object;
-        object.id = id;
-        object.category = PKCS11::kKeyPairCategory;
-        object.keyAlg = pair.alg;
-        object.keyNotAfter = pair.not_after;
-        objects.push_back(std::move(object));
+        const bool has_certificate =
+            std::any_of(certs.begin(), certs.end(), [&id = id](const auto& cert) { return cert.id == id; });
+        if (!pair.has_private || has_certificate) continue;
+        objects.push_back({.id = id,
+                           .value = {},
+                           .category = PKCS11::kKeyPairCategory,
+                           .keyAlg = pair.alg,
+                           .keyNotAfter = pair.not_after});
     }
     return objects;
 }
 
-std::shared_ptr<Token::State> FindState(std::uint64_t id) {
-    for (const std::shared_ptr<Token>& token : Listed()) {
-        const std::shared_ptr<Token::State>& state = token->state();
-        const std::lock_guard lock(state->mutex);
-        if (state->info.id == id) return state;
+std::optional<KeyPair> TokenState::FindKey(const std::string& id) const {
+    const auto found = keys.find(id);
+    return found == keys.end() ? std::nullopt : std::optional(found->second);
+}
+
+void TokenState::PutKeyPart(const std::string& id, KeyPair pair) {
+    if (const auto there = FindKey(id); there && there->spki == pair.spki) {
+        pair.has_private |= there->has_private;
+        pair.has_public |= there->has_public;
+        pair.exportable |= there->exportable;
+        if (there->has_private) pair.key = there->key;
     }
-    return nullptr;
+    keys[id] = std::move(pair);
 }
 
-// --- Gate ---
-
-void Gate::Pass() {
-    std::unique_lock lock(mutex_);
-    ++arrivals_;
-    changed_.notify_all();
-    changed_.wait(lock, [this] { return open_; });
-}
-
-void Gate::Open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-}
-
-bool Gate::WaitForArrivals(unsigned count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), [&] { return arrivals_ >= count; });
+bool TokenState::DropKeyPart(const std::string& id, bool KeyPair::*half) {
+    const auto found = keys.find(id);
+    if (found == keys.end() || !std::exchange(found->second.*half, false)) return false;
+    if (!found->second.has_private && !found->second.has_public) keys.erase(found);
+    return true;
 }
 
 // --- Controls ---
 
-Token::Token(std::shared_ptr<State> state) : state_(std::move(state)) {}
-Token::~Token() = default;
-
-PKCS11::TokenInfo Token::Info() const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->info;
-}
-
-void Token::EditInfo(const std::function<void(PKCS11::TokenInfo&)>& edit) {
-    const std::lock_guard lock(state_->mutex);
-    edit(state_->info);
-}
-
 std::string Token::AddCertificate(const std::string& der, const CertOptions& options) {
-    PKCS11::CertObject object;
-    object.id = options.id.empty() ? FirstBytesOfSha1(der) : options.id;
-    object.value = der;
-    object.category = options.category;
-    object.trusted = options.trusted;
-    object.keyNotAfter = options.key_not_after;
-    AddObject(object);
-    return object.id;
-}
-
-void Token::AddKeyPair(const std::string& id, std::shared_ptr<EVP_PKEY> key, cert_time64_t not_after) {
-    KeyPair pair;
-    pair.alg = KeyAlgOf(key);
-    pair.spki = SpkiOf(key);
-    pair.not_after = not_after;
-    pair.key = std::move(key);
-    const std::lock_guard lock(state_->mutex);
-    state_->PutKey(id, std::move(pair));
-}
-
-void Token::AddForeignKeyPair(const std::string& id, pki_alg_t alg, const std::string& spki) {
-    KeyPair pair;
-    pair.alg = alg;
-    pair.spki = spki;
-    const std::lock_guard lock(state_->mutex);
-    state_->PutKey(id, std::move(pair));
-}
-
-std::string Token::AddPersonal(const std::string& der, std::shared_ptr<EVP_PKEY> key, CertOptions options) {
-    if (options.category == CertOptions().category) options.category = 1;
-    const std::string id = AddCertificate(der, options);
-    AddKeyPair(id, std::move(key), options.key_not_after);
+    const std::string id =
+        options.id.empty() ? DigestOf(PKI_HASH_SHA1, der).value_or(std::string()).substr(0, 8) : options.id;
+    AddObject({id, der, options.category, options.trusted, 0, options.key_not_after});
     return id;
 }
 
-void Token::AddObject(const PKCS11::CertObject& object) {
-    const std::lock_guard lock(state_->mutex);
-    state_->certs.push_back(object);
-}
-
-void Token::AddCrl(const std::string& id, const std::string& der) {
-    const std::lock_guard lock(state_->mutex);
-    state_->crls.push_back({id, der});
-}
-
-void Token::AddPresharedKey(const std::string& name, const std::string& value) {
-    const std::lock_guard lock(state_->mutex);
-    state_->preshared.emplace_back(name, vpnfc::SecretString(std::string_view(value)));
+std::string Token::AddPersonal(const std::string& der, const KeyPtr& key, CertOptions options) {
+    if (options.category == CertOptions().category) options.category = 1;
+    const std::string id = AddCertificate(der, options);
+    AddKeyPair(id, key, options.key_not_after);
+    return id;
 }
 
 void Token::Remove(const std::string& id) {
-    const std::lock_guard lock(state_->mutex);
-    std::erase_if(state_->certs, [&](const auto& object) { return object.id == id; });
-    std::erase_if(state_->crls, [&](const auto& object) { return object.id == id; });
-    state_->DropKey(id);
-}
-
-void Token::RemovePresharedKey(const std::string& name) {
-    const std::lock_guard lock(state_->mutex);
-    std::erase_if(state_->preshared, [&](const auto& key) { return key.first == name; });
-}
-
-std::vector<PKCS11::CertObject> Token::CertObjects() const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->ListCerts();
-}
-
-std::vector<PKCS11::CRLObject> Token::CrlObjects() const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->crls;
+    const auto state = state_.Lock();
+    std::erase_if(state->certs, [&](const auto& object) { return object.id == id; });
+    std::erase_if(state->crls, [&](const auto& object) { return object.id == id; });
+    state->keys.erase(id);
 }
 
 std::vector<std::string> Token::PresharedKeyNames() const {
-    const std::lock_guard lock(state_->mutex);
+    const auto state = state_.Lock();
     std::vector<std::string> names;
-    for (const auto& key : state_->preshared) names.push_back(key.first);
+    for (const auto& [name, value] : state->preshared) names.push_back(name);
     return names;
 }
 
-bool Token::HasKeyPair(const std::string& id) const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->keys.count(id) != 0;
-}
-
-void Token::SetAlgorithms(std::set<pki_alg_t> algorithms) {
-    const std::lock_guard lock(state_->mutex);
-    state_->algorithms = std::move(algorithms);
-}
-
-void Token::SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests) {
-    const std::lock_guard lock(state_->mutex);
-    state_->key_generation = {std::move(mechanisms), std::move(digests)};
-}
-
-void Token::SetSecurityOfficerPin(const std::string& pin) {
-    const std::lock_guard lock(state_->mutex);
-    state_->security_officer_pin = vpnfc::SecretString(std::string_view(pin));
-}
-
-void Token::Fail(Op op, unsigned times) {
-    const std::lock_guard lock(state_->mutex);
-    state_->At(op).failures = times;
-}
-
-void Token::Block(Op op, std::shared_ptr<Gate> gate) {
-    const std::lock_guard lock(state_->mutex);
-    state_->At(op).gate = std::move(gate);
-}
-
-void Token::SetPresent(bool present) {
-    const std::lock_guard lock(state_->mutex);
-    state_->present = present;
-}
-
-void Token::OnDigest(Digester digester) {
-    const std::lock_guard lock(state_->mutex);
-    state_->digester = std::move(digester);
-}
-
-void Token::OnSign(Signer signer) {
-    const std::lock_guard lock(state_->mutex);
-    state_->signer = std::move(signer);
-}
-
-void Token::OnVerify(Verifier verifier) {
-    const std::lock_guard lock(state_->mutex);
-    state_->verifier = std::move(verifier);
-}
-
-unsigned Token::Calls(Op op) const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->At(op).calls;
-}
-
 void Token::ClearCalls() {
-    const std::lock_guard lock(state_->mutex);
-    for (Behaviour& behaviour : state_->ops) behaviour.calls = 0;
-}
-
-unsigned Token::OpenSessions() const {
-    const std::lock_guard lock(state_->mutex);
-    return state_->open_sessions;
+    const auto state = state_.Lock();
+    for (auto& behaviour : state->ops) behaviour.calls = 0;
 }
 
 std::shared_ptr<Token> AddToken(const std::string& label, const std::string& serial) {
-    auto state = std::make_shared<Token::State>();
-    state->info.label = label;
-    state->info.serialNumber = serial;
-    state->info.manufacturer = "In memory";
-    state->info.model = "Test token";
-    state->info.slotDescription = "Slot of " + label;
-    state->info.providerName = "memory";
-    state->info.holdsTrusted = true;
-    state->info.id = TokenId(state->info);
-    auto token = std::make_shared<Token>(std::move(state));
-    const std::lock_guard lock(List().mutex);
-    List().tokens.push_back(token);
+    PKCS11::TokenInfo info;
+    info.id = std::hash<std::string>()(label + '\n' + serial);
+    info.label = label;
+    info.serialNumber = serial;
+    info.manufacturer = "In memory";
+    info.model = "Test token";
+    info.slotDescription = "Slot of " + label;
+    info.providerName = "memory";
+    info.holdsTrusted = true;
+    auto token = std::make_shared<Token>(info);
+    List()->tokens.push_back(token);
     return token;
 }
 
-void RemoveToken(const Token& token) {
-    {
-        const std::lock_guard lock(token.state()->mutex);
-        token.state()->present = false;
-    }
-    const std::lock_guard lock(List().mutex);
-    std::erase_if(List().tokens, [&](const auto& listed) { return listed->state() == token.state(); });
+std::shared_ptr<Token> FindToken(std::uint64_t id) {
+    const auto list = List().Lock();
+    const auto found = std::find_if(list->tokens.begin(), list->tokens.end(),
+                                    [id](const auto& token) { return token->Info().id == id; });
+    return found == list->tokens.end() ? nullptr : *found;
 }
 
 unsigned ReloadTokensContentCalls() {
-    const std::lock_guard lock(List().mutex);
-    return List().reload_calls;
+    return List()->reload_calls;
 }
 
 void FireInsert(const Token& token) {
@@ -337,23 +150,53 @@ void ResetTokens() {
     PKCS11::Callbacks.tokenRemoved = nullptr;
     PKCS11::Callbacks.tokenLogin = nullptr;
     PKCS11::Callbacks.providerInserted = nullptr;
-    const std::lock_guard lock(List().mutex);
-    List().tokens.clear();
-    List().reload_calls = 0;
-}
-
-void NoteContentReload() {
-    const std::lock_guard lock(List().mutex);
-    ++List().reload_calls;
-}
-
-std::vector<std::shared_ptr<Token::State>> PresentStates() {
-    std::vector<std::shared_ptr<Token::State>> states;
-    for (const std::shared_ptr<Token>& token : Listed()) {
-        const std::lock_guard lock(token->state()->mutex);
-        if (token->state()->present) states.push_back(token->state());
-    }
-    return states;
+    const auto list = List().Lock();
+    list->tokens.clear();
+    list->reload_calls = 0;
 }
 
 }  // namespace vendor_host
+
+namespace PKCS11 {
+
+// Trivially destroyed: token threads and other libraries may still look at it when the process ends.
+constinit CallbackTable Callbacks;
+
+Manager& Manager::Instance() {
+    static Manager& instance = *new Manager;
+    return instance;
+}
+
+std::vector<TokenInfo> Manager::EnumTokens(pki_alg_t alg) const {
+    const auto tokens = vendor_host::List()->tokens;
+    std::vector<TokenInfo> infos;
+    for (const auto& token : tokens) {
+        const auto state = token->state().Lock();
+        if (state->Offers(alg, false)) infos.push_back(state->info);
+    }
+    return infos;
+}
+
+std::shared_ptr<const std::vector<TokenInfo>> Manager::EnumTokensShared(pki_alg_t alg) const {
+    return std::make_shared<const std::vector<TokenInfo>>(EnumTokens(alg));
+}
+
+bool Manager::IsTokenSupportMechanism(const TokenInfo& token, pki_alg_t alg) const {
+    const auto found = vendor_host::FindToken(token.id);
+    return found != nullptr && found->state()->Offers(alg, true);
+}
+
+bool Manager::GetKeyPairGenMechanisms(const TokenInfo& token, std::vector<KeyPairGenMechanism>& mechanisms,
+                                      std::vector<pki_alg_t>& digests) const {
+    const auto found = vendor_host::FindToken(token.id);
+    if (found == nullptr || !found->state()->present) return false;
+    mechanisms = found->state()->key_generation;
+    digests = found->state()->key_generation_digests;
+    return true;
+}
+
+void Manager::ReloadTokensContent(int) {
+    ++vendor_host::List()->reload_calls;
+}
+
+}  // namespace PKCS11

@@ -1,7 +1,5 @@
 #include "vendor_crypto.h"
 
-#include <openssl/dsa.h>
-#include <openssl/err.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
@@ -9,30 +7,14 @@ namespace vendor_host {
 
 namespace {
 
-template <auto Free>
-struct Freer {
-    template <typename T>
-    void operator()(T* object) const {
-        Free(object);
-    }
-};
-template <typename T, auto Free>
-using Owned = std::unique_ptr<T, Freer<Free>>;
-
-using KeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using DigestContext = Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
-using KeyInfo = Owned<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free>;
+using KeyContext = std::shared_ptr<EVP_PKEY_CTX>;
+using DigestContext = std::shared_ptr<EVP_MD_CTX>;
 
 const unsigned char* Bytes(const std::string& text) {
     return reinterpret_cast<const unsigned char*>(text.data());
 }
 unsigned char* Bytes(std::string& text) {
     return reinterpret_cast<unsigned char*>(text.data());
-}
-
-KeyPtr Adopt(EVP_PKEY* key) {
-    ERR_clear_error();
-    return key == nullptr ? KeyPtr() : KeyPtr(key, EVP_PKEY_free);
 }
 
 template <typename T, typename Encode>
@@ -55,65 +37,30 @@ const EVP_MD* HashOf(pki_alg_t alg) {
     return nullptr;
 }
 
-bool IsPss(pki_alg_t alg) {
-    return (alg & PKI_KEY_MASK) == PKI_KEY_RSA_PSS;
+/// Where the key works on a digest by that algorithm; null when they do not fit.
+KeyContext Ready(const KeyPtr& key, pki_alg_t alg, int (*init)(EVP_PKEY_CTX*)) {
+    const bool pss = (alg & PKI_KEY_MASK) == PKI_KEY_RSA_PSS;
+    if (key == nullptr || KeyAlgOf(key) != (pss ? PKI_KEY_RSA : alg & PKI_KEY_MASK)) return nullptr;
+    KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+    const bool ready = init(context.get()) == 1 &&
+                       (!pss || (EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_PSS_PADDING) == 1 &&
+                                 EVP_PKEY_CTX_set_signature_md(context.get(), HashOf(alg)) == 1 &&
+                                 EVP_PKEY_CTX_set_rsa_pss_saltlen(context.get(), RSA_PSS_SALTLEN_DIGEST) == 1));
+    return ready ? context : nullptr;
 }
 
-bool Matches(const KeyPtr& key, pki_alg_t alg) {
-    return key != nullptr && KeyAlgOf(key) == (IsPss(alg) ? PKI_KEY_RSA : alg & PKI_KEY_MASK);
+/// What the call writes, at most as long as the key's signatures.
+template <typename Call>
+std::optional<std::string> Written(const KeyPtr& key, Call call) {
+    auto length = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
+    std::string out(length, '\0');
+    if (call(Bytes(out), &length) != 1) return std::nullopt;
+    out.resize(length);
+    return out;
 }
 
-bool SetPadding(EVP_PKEY_CTX* context, pki_alg_t alg) {
-    if (!IsPss(alg)) return true;
-    const EVP_MD* hash = HashOf(alg);
-    return hash != nullptr && EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
-           EVP_PKEY_CTX_set_signature_md(context, hash) == 1 &&
-           EVP_PKEY_CTX_set_rsa_pss_saltlen(context, RSA_PSS_SALTLEN_DIGEST) == 1 &&
-           EVP_PKEY_CTX_set_rsa_mgf1_md(context, hash) == 1;
-}
-
-/// Signature of the message itself.
-std::optional<std::string> SignMessage(const KeyPtr& key, const std::string& message) {
-    const DigestContext context(EVP_MD_CTX_new());
-    std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
-    std::string signature(length, '\0');
-    if (EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1 ||
-        EVP_DigestSign(context.get(), Bytes(signature), &length, Bytes(message), message.size()) != 1) {
-        return std::nullopt;
-    }
-    signature.resize(length);
-    return signature;
-}
-
-bool VerifyMessage(const KeyPtr& key, const std::string& message, const std::string& signature) {
-    const DigestContext context(EVP_MD_CTX_new());
-    return EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
-           EVP_DigestVerify(context.get(), Bytes(signature), signature.size(), Bytes(message), message.size()) == 1;
-}
-
-/// One INTEGER of short length, taken as unsigned; the rest stays in `der`.
-BIGNUM* TakeUnsigned(std::string& der) {
-    if (der.size() < 2 || der[0] != 0x02) return nullptr;
-    const auto length = static_cast<unsigned char>(der[1]);
-    if (length >= 0x80 || der.size() < 2U + length) return nullptr;
-    BIGNUM* number = BN_bin2bn(Bytes(der) + 2, length, nullptr);
-    der.erase(0, 2U + length);
-    return number;
-}
-
-/// Writes a DSA signature anew, its INTEGERs taken as unsigned. Empty when it is not one.
-std::string CanonicalDsa(const std::string& signature) {
-    if (signature.size() < 2 || signature[0] != 0x30 ||
-        static_cast<unsigned char>(signature[1]) + 2U != signature.size()) {
-        return {};
-    }
-    std::string rest = signature.substr(2);
-    Owned<BIGNUM, BN_free> r(TakeUnsigned(rest));
-    Owned<BIGNUM, BN_free> s(TakeUnsigned(rest));
-    if (r == nullptr || s == nullptr || !rest.empty()) return {};
-    const Owned<DSA_SIG, DSA_SIG_free> parts(DSA_SIG_new());
-    DSA_SIG_set0(parts.get(), r.release(), s.release());
-    return Encoded(parts.get(), i2d_DSA_SIG);
+bool SignsMessages(const KeyPtr& key) {
+    return key != nullptr && KeyAlgOf(key) == PKI_KEY_ED25519;
 }
 
 }  // namespace
@@ -135,22 +82,17 @@ std::string SpkiOf(const KeyPtr& key) {
 
 KeyPtr KeyFromSpki(const std::string& spki) {
     const unsigned char* data = Bytes(spki);
-    return Adopt(d2i_PUBKEY(nullptr, &data, static_cast<long>(spki.size())));
+    return {d2i_PUBKEY(nullptr, &data, static_cast<long>(spki.size())), EVP_PKEY_free};
 }
 
 KeyPtr KeyFromPkcs8(const std::string& pkcs8) {
     const unsigned char* data = Bytes(pkcs8);
-    const KeyInfo info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &data, static_cast<long>(pkcs8.size())));
-    return Adopt(info == nullptr ? nullptr : EVP_PKCS82PKEY(info.get()));
+    return {d2i_AutoPrivateKey(nullptr, &data, static_cast<long>(pkcs8.size())), EVP_PKEY_free};
 }
 
 std::string Pkcs8Of(const KeyPtr& key) {
-    const KeyInfo info(EVP_PKEY2PKCS8(key.get()));
+    const std::shared_ptr<PKCS8_PRIV_KEY_INFO> info(EVP_PKEY2PKCS8(key.get()), PKCS8_PRIV_KEY_INFO_free);
     return info == nullptr ? std::string() : Encoded(info.get(), i2d_PKCS8_PRIV_KEY_INFO);
-}
-
-KeyPtr GenerateEcKey(unsigned bits) {
-    return Adopt(EVP_EC_gen(bits == 384 ? "P-384" : bits == 521 ? "P-521" : "P-256"));
 }
 
 std::optional<std::string> DigestOf(pki_alg_t alg, const std::string& data) {
@@ -166,46 +108,37 @@ std::optional<std::string> DigestOf(pki_alg_t alg, const std::string& data) {
 }
 
 std::optional<std::string> SignDigest(const KeyPtr& key, pki_alg_t alg, const std::string& digest) {
-    if (!Matches(key, alg)) return std::nullopt;
-    if ((alg & PKI_KEY_MASK) == PKI_KEY_ED25519) return SignMessage(key, digest);
-    const KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr));
-    std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
-    std::string signature(length, '\0');
-    const bool signed_ok = EVP_PKEY_sign_init(context.get()) == 1 && SetPadding(context.get(), alg) &&
-                           EVP_PKEY_sign(context.get(), Bytes(signature), &length, Bytes(digest), digest.size()) == 1;
-    ERR_clear_error();
-    if (!signed_ok) return std::nullopt;
-    signature.resize(length);
-    return signature;
+    if (SignsMessages(key) && (alg & PKI_KEY_MASK) == PKI_KEY_ED25519) {
+        const DigestContext context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+        if (EVP_DigestSignInit(context.get(), nullptr, nullptr, nullptr, key.get()) != 1) return std::nullopt;
+        return Written(key, [&](unsigned char* out, std::size_t* length) {
+            return EVP_DigestSign(context.get(), out, length, Bytes(digest), digest.size());
+        });
+    }
+    const KeyContext context = Ready(key, alg, EVP_PKEY_sign_init);
+    if (context == nullptr) return std::nullopt;
+    return Written(key, [&](unsigned char* out, std::size_t* length) {
+        return EVP_PKEY_sign(context.get(), out, length, Bytes(digest), digest.size());
+    });
 }
 
 bool VerifyDigest(const KeyPtr& key, pki_alg_t alg, const std::string& digest, const std::string& signature) {
-    if (!Matches(key, alg)) return false;
-    if ((alg & PKI_KEY_MASK) == PKI_KEY_ED25519) {
-        const bool right = VerifyMessage(key, digest, signature);
-        ERR_clear_error();
-        return right;
+    if (SignsMessages(key) && (alg & PKI_KEY_MASK) == PKI_KEY_ED25519) {
+        const DigestContext context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+        return EVP_DigestVerifyInit(context.get(), nullptr, nullptr, nullptr, key.get()) == 1 &&
+               EVP_DigestVerify(context.get(), Bytes(signature), signature.size(), Bytes(digest), digest.size()) == 1;
     }
-    const std::string given = (alg & PKI_KEY_MASK) == PKI_KEY_DSA ? CanonicalDsa(signature) : signature;
-    const KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr));
-    const bool right = !given.empty() && EVP_PKEY_verify_init(context.get()) == 1 && SetPadding(context.get(), alg) &&
-                       EVP_PKEY_verify(context.get(), Bytes(given), given.size(), Bytes(digest), digest.size()) == 1;
-    ERR_clear_error();
-    return right;
+    const KeyContext context = Ready(key, alg, EVP_PKEY_verify_init);
+    return context != nullptr &&
+           EVP_PKEY_verify(context.get(), Bytes(signature), signature.size(), Bytes(digest), digest.size()) == 1;
 }
 
 std::optional<std::string> RecoverBlock(const KeyPtr& key, const std::string& signature) {
-    if (!Matches(key, PKI_KEY_RSA)) return std::nullopt;
-    const KeyContext context(EVP_PKEY_CTX_new(key.get(), nullptr));
-    std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
-    std::string block(length, '\0');
-    const bool ok =
-        EVP_PKEY_verify_recover_init(context.get()) == 1 &&
-        EVP_PKEY_verify_recover(context.get(), Bytes(block), &length, Bytes(signature), signature.size()) == 1;
-    ERR_clear_error();
-    if (!ok) return std::nullopt;
-    block.resize(length);
-    return block;
+    const KeyContext context = Ready(key, PKI_KEY_RSA, EVP_PKEY_verify_recover_init);
+    if (context == nullptr) return std::nullopt;
+    return Written(key, [&](unsigned char* out, std::size_t* length) {
+        return EVP_PKEY_verify_recover(context.get(), out, length, Bytes(signature), signature.size());
+    });
 }
 
 }  // namespace vendor_host

@@ -21,7 +21,6 @@ KeyPtr KeyFromSpki(const std::string& spki);
 KeyPtr KeyFromPkcs8(const std::string& pkcs8);
 /// PrivateKeyInfo, DER; empty on failure. The caller wipes it.
 std::string Pkcs8Of(const KeyPtr& key);
-KeyPtr GenerateEcKey(unsigned bits);
 
 /// Digest by the hash part of the code; for "no digest" the data itself; nullopt for a hash libcrypto lacks.
 std::optional<std::string> DigestOf(pki_alg_t alg, const std::string& data);

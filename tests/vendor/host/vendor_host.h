@@ -16,14 +16,12 @@
 // destruction.
 #pragma once
 
-#include <openssl/evp.h>
-
-#include <condition_variable>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -35,6 +33,9 @@
 #include <platform/params.h>
 #include <platform/tokens.h>
 
+#include "guarded.h"
+#include "vendor_crypto.h"
+
 namespace vendor_host {
 
 /// Back to the state of a fresh process: no tokens, no messages, no timers (dropped without a call), manual events,
@@ -45,15 +46,17 @@ void Reset();
 
 enum class EventMode : std::uint8_t {
     kManual,  // timers run in RunDue and Advance, on the caller's thread, in virtual units
-    kThreaded,  // a thread of its own; one unit is one millisecond
+    kThreaded,  // a thread of its own runs them at once
 };
 
 /// Back to manual waits for a running handler and keeps what is armed.
 void SetEventMode(EventMode mode);
-/// Manual mode: runs what is due now, and what that makes due. Number of handlers run.
-std::size_t RunDue();
 /// Manual mode: moves the virtual time on, running each timer at its moment. Number of handlers run.
 std::size_t Advance(unsigned long units);
+/// Manual mode: runs what is due now, and what that makes due.
+inline std::size_t RunDue() {
+    return Advance(0);
+}
 /// Timers and calls that are armed.
 std::size_t PendingEvents();
 /// Waits until nothing is armed and no handler runs (threaded mode); false after 30 seconds.
@@ -74,11 +77,11 @@ std::vector<LogRecord> Messages();
 std::vector<LogRecord> FindMessages(std::uint16_t code);
 /// One line "code [ident] text" a message.
 std::string AllText();
-/// Whether a message (of that code, or of any: 0) contains the text.
-bool Logged(const std::string& text, std::uint16_t code = 0);
+/// Whether a message of that code contains the text.
+bool Logged(const std::string& text, std::uint16_t code);
 void ClearMessages();
 /// A disabled code is neither enabled nor recorded.
-void SetMessageEnabled(std::uint16_t code, bool enabled);
+void DisableMessage(std::uint16_t code);
 
 // --- Bridge ---
 
@@ -89,7 +92,6 @@ struct Notification {
 
 /// What went to all clients.
 std::vector<Notification> Notifications();
-std::size_t NotificationCount(std::uint32_t code);
 /// Questions asked, answered or not.
 std::vector<Notification> Questions();
 /// Answers questions: the function gets code, question and time-out; nullopt is "no answer". Without a function (the
@@ -116,16 +118,9 @@ enum class Op : std::uint8_t {
     kVerifyDecrypt,
     kSeedRandom,
     kGenerateKeyPair,
-    kCreateCertificate,
-    kCreatePrivateKey,
-    kCreatePublicKey,
-    kCreateCRL,
+    kCreate,  // an object of any kind but a preshared key
     kCreatePresharedKey,
-    kDeleteCertificate,
-    kDeletePrivateKey,
-    kDeletePublicKey,
-    kDeleteCRL,
-    kDeletePresharedKey,
+    kDelete,
     kGetPresharedKey,
     kExportPrivateKey,
     kCount_,
@@ -135,99 +130,152 @@ enum class Op : std::uint8_t {
 class Gate {
   public:
     /// Waits for Open. Called by the token.
-    void Pass();
+    void Pass() {
+        ++state_->arrivals;
+        while (!state_.Wait([](const State& now) { return now.open; })) continue;
+    }
     /// Lets everybody through, for good.
-    void Open();
+    void Open() { state_->open = true; }
     /// Waits until that many have arrived; false after 30 seconds.
-    bool WaitForArrivals(unsigned count);
+    bool WaitForArrivals(unsigned count) {
+        return state_.Wait([count](const State& now) { return now.arrivals >= count; });
+    }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    unsigned arrivals_ = 0;
-    bool open_ = false;
+    struct State {
+        unsigned arrivals = 0;
+        bool open = false;
+    };
+    Guarded<State> state_;
 };
 
 struct CertOptions {
-    std::string id{};  // empty: the first 8 bytes of the DER's SHA-1
+    std::string id{};  // empty: made from the DER
     std::uint32_t category = 3;  // CKA_CERTIFICATE_CATEGORY: 1 token user, 2 authority, 3 other
     bool trusted = false;
     cert_time64_t key_not_after = CERT_TIME_UNKNOWN;
 };
 
-/// A token. Keys of any kind libcrypto has; everything is offered until SetAlgorithms says otherwise; private
-/// sessions open unless EditInfo makes it one that requires a login and has none.
+struct KeyPair {
+    KeyPtr key;  // null for one known by its description alone
+    pki_alg_t alg = 0;
+    std::string spki;
+    cert_time64_t not_after = CERT_TIME_UNKNOWN;
+    bool has_private = true;
+    bool has_public = true;
+    bool exportable = true;
+};
+
+/// What a token holds and how it shall behave.
+struct TokenState {
+    struct Behaviour {
+        unsigned calls = 0;
+        unsigned failures = 0;  // still to come
+        std::shared_ptr<Gate> gate;
+    };
+
+    PKCS11::TokenInfo info;
+    bool present = true;
+    /// Key algorithms (RSASSA-PSS is 2), hash codes, or whole signature algorithms; what libcrypto can do at first.
+    std::set<pki_alg_t> algorithms{PKI_KEY_RSA,     PKI_KEY_RSA_PSS, PKI_KEY_DSA,     PKI_KEY_EC,
+                                   PKI_KEY_ED25519, PKI_HASH_SHA1,   PKI_HASH_SHA224, PKI_HASH_SHA256,
+                                   PKI_HASH_SHA384, PKI_HASH_SHA512, PKI_HASH_MD5,    PKI_HASH_NONE};
+    std::vector<PKCS11::KeyPairGenMechanism> key_generation{{PKI_KEY_EC, 256, 521}};
+    std::vector<pki_alg_t> key_generation_digests{PKI_HASH_SHA256};
+    std::string security_officer_pin;
+    unsigned open_sessions = 0;
+    std::vector<PKCS11::CertObject> certs;
+    std::map<std::string, KeyPair> keys;  // by identifier
+    std::vector<PKCS11::CRLObject> crls;
+    std::map<std::string, std::string> preshared;
+    std::array<Behaviour, static_cast<std::size_t>(Op::kCount_)> ops;
+
+    Behaviour& At(Op op) { return ops[static_cast<std::size_t>(op)]; }
+    /// Counts a call; the gate that it waits at, or null.
+    std::shared_ptr<Gate> Count(Op op) {
+        ++At(op).calls;
+        return At(op).gate;
+    }
+    /// The result of a call that fails; null when it does not.
+    const char* Trouble(Op op);
+    std::optional<KeyPair> FindKey(const std::string& id) const;
+    /// Adds one half of a key pair, or both, to what is there under that identifier.
+    void PutKeyPart(const std::string& id, KeyPair pair);
+    /// Takes a half away; false when it is not there.
+    bool DropKeyPart(const std::string& id, bool KeyPair::*half);
+    /// Whether the token is there and offers an algorithm, by the rule of Manager::EnumTokens (whole = false: a signature algorithm
+    /// needs its key operation alone) or of Manager::IsTokenSupportMechanism.
+    bool Offers(pki_alg_t alg, bool whole) const;
+    /// Certificates in order, then key pairs without one.
+    std::vector<PKCS11::CertObject> ListCerts() const;
+};
+
+/// A token. Keys of any kind libcrypto has; private sessions open unless EditInfo makes it one that requires a login and
+/// has none.
 class Token {
   public:
-    struct State;
-    explicit Token(std::shared_ptr<State> state);
-    ~Token();
-    Token(const Token&) = delete;
-    Token& operator=(const Token&) = delete;
+    explicit Token(const PKCS11::TokenInfo& info) { state_->info = info; }
 
-    PKCS11::TokenInfo Info() const;
-    void EditInfo(const std::function<void(PKCS11::TokenInfo&)>& edit);
+    PKCS11::TokenInfo Info() const { return state_->info; }
+    void EditInfo(const std::function<void(PKCS11::TokenInfo&)>& edit) { edit(state_->info); }
 
     // Objects. Returns identifiers.
     std::string AddCertificate(const std::string& der, const CertOptions& options = {});
     /// A key pair; the object list shows it as one without certificate until a certificate has its identifier.
-    void AddKeyPair(const std::string& id, std::shared_ptr<EVP_PKEY> key, cert_time64_t not_after = CERT_TIME_UNKNOWN);
-    /// A key pair known by its description alone (an algorithm libcrypto lacks); OnSign signs for it.
-    void AddForeignKeyPair(const std::string& id, pki_alg_t alg, const std::string& spki);
+    void AddKeyPair(const std::string& id, const KeyPtr& key, cert_time64_t not_after = CERT_TIME_UNKNOWN) {
+        state_->keys[id] = {key, KeyAlgOf(key), SpkiOf(key), not_after};
+    }
+    /// A key pair known by its description alone (an algorithm libcrypto lacks).
+    void AddForeignKeyPair(const std::string& id, pki_alg_t alg, const std::string& spki) {
+        state_->keys[id] = {nullptr, alg, spki};
+    }
     /// Certificate (category 1 unless the options say otherwise) and key pair with one identifier.
-    std::string AddPersonal(const std::string& der, std::shared_ptr<EVP_PKEY> key, CertOptions options = {});
+    std::string AddPersonal(const std::string& der, const KeyPtr& key, CertOptions options = {});
     /// Any object as the enumeration shall show it, in order with the certificates.
-    void AddObject(const PKCS11::CertObject& object);
-    void AddCrl(const std::string& id, const std::string& der);
-    void AddPresharedKey(const std::string& name, const std::string& value);
+    void AddObject(const PKCS11::CertObject& object) { state_->certs.push_back(object); }
+    void AddCrl(const std::string& id, const std::string& der) { state_->crls.push_back({id, der}); }
+    void AddPresharedKey(const std::string& name, const std::string& value) { state_->preshared[name] = value; }
     /// Removes what has the identifier: certificates, key pair, CRL.
     void Remove(const std::string& id);
-    void RemovePresharedKey(const std::string& name);
+    void RemovePresharedKey(const std::string& name) { state_->preshared.erase(name); }
     /// Objects as they are now.
-    std::vector<PKCS11::CertObject> CertObjects() const;
-    std::vector<PKCS11::CRLObject> CrlObjects() const;
+    std::vector<PKCS11::CertObject> CertObjects() const { return state_->ListCerts(); }
+    std::vector<PKCS11::CRLObject> CrlObjects() const { return state_->crls; }
     std::vector<std::string> PresharedKeyNames() const;
-    bool HasKeyPair(const std::string& id) const;
+    bool HasKeyPair(const std::string& id) const { return state_->keys.contains(id); }
 
     // Behaviour.
-    /// What the token offers: key algorithms (RSASSA-PSS is 2), hash codes, or whole signature algorithms.
-    void SetAlgorithms(std::set<pki_alg_t> algorithms);
+    void SetAlgorithms(const std::set<pki_alg_t>& algorithms) { state_->algorithms = algorithms; }
     /// Which key pairs and digests it says that it makes, in place of those it can.
-    void SetKeyGeneration(std::vector<PKCS11::KeyPairGenMechanism> mechanisms, std::vector<pki_alg_t> digests);
+    void SetKeyGeneration(const std::vector<PKCS11::KeyPairGenMechanism>& made, const std::vector<pki_alg_t>& digests) {
+        state_->key_generation = made;
+        state_->key_generation_digests = digests;
+    }
     /// Trusted certificates may be created by the security officer alone.
-    void SetSecurityOfficerPin(const std::string& pin);
+    void SetSecurityOfficerPin(const std::string& pin) { state_->security_officer_pin = pin; }
     /// The operation fails like a broken device, `times` times (default: always); 0 mends it.
-    void Fail(Op op, unsigned times = ~0U);
+    void Fail(Op op, unsigned times = ~0U) { state_->At(op).failures = times; }
     /// The operation waits at the gate; null lets it pass again.
-    void Block(Op op, std::shared_ptr<Gate> gate);
+    void Block(Op op, const std::shared_ptr<Gate>& gate) { state_->At(op).gate = gate; }
     /// The token is gone (not listed, open sessions fail), or back.
-    void SetPresent(bool present);
-    /// In place of libcrypto.
-    using Digester = std::function<std::optional<std::string>(pki_alg_t alg, const std::string& data)>;
-    using Signer =
-        std::function<std::optional<std::string>(pki_alg_t alg, const std::string& id, const std::string& digest)>;
-    using Verifier = std::function<bool(pki_alg_t alg, const std::string& spki, const std::string& digest,
-                                        const std::string& signature)>;
-    void OnDigest(Digester digester);
-    void OnSign(Signer signer);
-    void OnVerify(Verifier verifier);
+    void SetPresent(bool present) { state_->present = present; }
 
     // What happened.
-    unsigned Calls(Op op) const;
+    unsigned Calls(Op op) const { return state_->At(op).calls; }
     void ClearCalls();
     /// Sessions open now.
-    unsigned OpenSessions() const;
+    unsigned OpenSessions() const { return state_->open_sessions; }
 
-    const std::shared_ptr<State>& state() const { return state_; }
+    const Guarded<TokenState>& state() const { return state_; }
 
   private:
-    std::shared_ptr<State> state_;
+    Guarded<TokenState> state_;
 };
 
-/// A token after those that are there. Its TokenInfo::id is made from the label and the serial number. Calls nobody.
+/// A token after those that are there. Calls nobody.
 std::shared_ptr<Token> AddToken(const std::string& label, const std::string& serial = "0001");
-/// Takes the token out of the list for good. Calls nobody.
-void RemoveToken(const Token& token);
+/// Null for an identifier that no token ever had.
+std::shared_ptr<Token> FindToken(std::uint64_t id);
 /// Calls of Manager::ReloadTokensContent so far.
 unsigned ReloadTokensContentCalls();
 
@@ -236,5 +284,10 @@ void FireInsert(const Token& token);
 void FireRemove(const Token& token);
 void FireLogin(const Token& token, bool own_session);
 void FireProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens);
+
+// --- Parts of Reset ---
+
+void ResetEvents();
+void ResetTokens();
 
 }  // namespace vendor_host
