@@ -1,77 +1,67 @@
 // The indexes of a list answer what walking it in order would.
 #include <random>
+#include <ranges>
 
-#include "store_fixture.h"
+#include "tests/vendor/module_test.h"
 
 namespace {
 
-using namespace store_test;
+using namespace module_test;
+using List = CM::CertStorage::X509CertsDB;
 
-class IndexTest : public StoreTest {
-  protected:
-    using List = CM::CertStorage::X509CertsDB;
+/// Certificates of a few names and key identifiers, so that every index has entries with several positions.
+Strings MakePool() {
+    Strings pool{"junk"};
+    const auto root = MakeCa("CN=Root");
+    for (int i = 0; i < 24; ++i) {
+        const auto key_id = i % 4 == 0 ? KeyId::None() : KeyId::Bytes(std::string(i % 4, 'k'));
+        pool.push_back(MakeCert({.subject = "CN=" + std::to_string(i % 5), .ski = key_id}, &root).der);
+    }
+    return pool;
+}
 
-    /// Certificates of a few names and key identifiers, so that every index has entries with several positions.
-    static std::vector<std::string> MakePool() {
-        std::vector<std::string> pool;
-        const auto root = test_pki::MakeCa("CN=Root");
-        for (int i = 0; i < 24; ++i) {
-            const auto key_id = i % 4 == 0 ? test_pki::KeyId::None() : test_pki::KeyId::Bytes(std::string(i % 4, 'k'));
-            pool.push_back(test_pki::MakeCert({.subject = "CN=" + std::to_string(i % 5), .ski = key_id}, &root).der);
-        }
-        pool.emplace_back("junk");
-        return pool;
-    }
+PKCS11::TokenInfo Token(unsigned n) {
+    PKCS11::TokenInfo token;
+    token.id = n;
+    return token;
+}
 
-    static PKCS11::TokenInfo Token(unsigned n) {
-        PKCS11::TokenInfo token;
-        token.id = n;
-        return token;
+/// The entries for which `is` holds.
+template <typename Is>
+std::vector<std::uint32_t> Positions(const List& list, Is is) {
+    std::vector<std::uint32_t> positions;
+    for (std::uint32_t i = 0; i < list.size(); ++i) {
+        if (is(*list[i])) positions.push_back(i);
     }
+    return positions;
+}
 
-    /// The first entry for which `is` holds, as the list's look-ups return it.
-    template <typename Is>
-    static const CM::X509Cert* Walk(const List& list, Is is) {
-        for (const CM::X509Cert* cert : list) {
-            if (is(*cert)) return cert;
-        }
-        return nullptr;
-    }
-    template <typename Is>
-    static std::vector<std::uint32_t> Positions(const List& list, Is is) {
-        std::vector<std::uint32_t> positions;
-        for (std::uint32_t i = 0; i < list.size(); ++i) {
-            if (is(*list[i])) positions.push_back(i);
-        }
-        return positions;
-    }
-    static std::vector<std::uint32_t> ToVector(std::span<const std::uint32_t> span) {
-        return {span.begin(), span.end()};
-    }
-    static const CM::X509Cert* Released(CM::X509Cert* cert) { return CM::MutableCertRef::Adopt(cert).get(); }
+void ExpectSameAsWalk(const List& list, const CM::X509Cert& like, unsigned token, const std::string& id) {
+    const CertInfo& info = like.info;
+    const std::string& key_id = like.ext().subjectKeyIdHex;
+    const auto expect = [&](const auto& indexed, auto is) {
+        EXPECT_TRUE(std::ranges::equal(indexed, Positions(list, is)));
+    };
+    const auto expect_first = [&](CM::X509Cert* indexed, auto is) {
+        const auto positions = Positions(list, is);
+        const CM::X509Cert* const walked = positions.empty() ? nullptr : list[positions[0]];
+        EXPECT_EQ(CM::MutableCertRef::Adopt(indexed).get(), walked);
+    };
+    expect(list.WithSubject(info.subject), [&](const auto& c) { return c.info.subject == info.subject; });
+    expect(list.WithSubjectKeyId(key_id),
+           [&](const auto& c) { return !key_id.empty() && c.ext().subjectKeyIdHex == key_id; });
+    expect_first(list.Take(Token(token), {.id = id, .value = like.rawCert}),
+                 [&](const auto& c) { return c.token.id == token && c.info.id == id && c.rawCert == like.rawCert; });
+    CertInfo wanted = info;
+    wanted.id = id;
+    expect_first(list.Find(Token(token), wanted), [&](const auto& c) {
+        return c.token.id == token && c.info.serialNumber == info.serialNumber && c.info.subject == info.subject &&
+               c.info.issuer == info.issuer && (id.empty() || c.info.id.empty() || c.info.id == id);
+    });
+}
 
-    static void ExpectSameAsWalk(const List& list, const CM::X509Cert& like, unsigned token, const std::string& id) {
-        const CertInfo& info = like.info;
-        const std::string& key_id = like.ext().subjectKeyIdHex;
-        EXPECT_EQ(ToVector(list.WithSubject(info.subject)),
-                  Positions(list, [&](const auto& c) { return c.info.subject == info.subject; }));
-        EXPECT_EQ(ToVector(list.WithSubjectKeyId(key_id)),
-                  Positions(list, [&](const auto& c) { return !key_id.empty() && c.ext().subjectKeyIdHex == key_id; }));
-        EXPECT_EQ(Released(list.Take(Token(token), {.id = id, .value = like.rawCert})), Walk(list, [&](const auto& c) {
-                      return c.token.id == token && c.info.id == id && c.rawCert == like.rawCert;
-                  }));
-        CertInfo wanted = info;
-        wanted.id = id;
-        EXPECT_EQ(Released(list.Find(Token(token), wanted)), Walk(list, [&](const auto& c) {
-                      return c.token.id == token && c.info.serialNumber == info.serialNumber &&
-                             c.info.subject == info.subject && c.info.issuer == info.issuer &&
-                             (id.empty() || c.info.id.empty() || c.info.id == id);
-                  }));
-    }
-};
-
-TEST_F(IndexTest, LookUpsEqualTheOrderedWalkOnRandomLists) {
-    const std::vector<std::string> pool = MakePool();
+TEST_F(ModuleTest, LookUpsEqualTheOrderedWalkOnRandomLists) {
+    const Strings pool = MakePool();
     std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same lists in every run
     const auto below = [&random](std::size_t n) { return static_cast<unsigned>(random() % n); };
     const Strings ids = {"", "a", "b", "c"};
