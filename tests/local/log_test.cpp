@@ -10,31 +10,25 @@ namespace {
 using namespace local_test;
 using namespace std::string_literals;
 
-/// The labels of an entry's lines, and how many unescaped separators and marks it holds; a label or a name of a key has
-/// nothing but a tab beside it, and may hold the others.
+/// How many unescaped line ends, separators and marks an entry holds; a label or a name of a key has nothing but a tab
+/// beside it, and may hold the others.
 std::string Shape(const std::string& entry, bool on_own_line) {
-    static const std::string kContinuation = "\\\n";
     std::string shape;
-    for (std::size_t at = 0; at < entry.size();) {
-        const std::size_t end = std::min(entry.find(kContinuation, at), entry.size());
-        const std::string line = entry.substr(at, end - at);
-        shape += line.substr(0, line.find(": ")).substr(0, line.find("] ")) + "\n";
-        at = end + kContinuation.size();
-    }
-    const auto count = [&](const std::string& mark) {
+    for (const std::string mark : {"\\\n", ",\t", ", ", "<any>", "\""}) {
         std::size_t found = 0;
         for (std::size_t at = entry.find(mark); at != std::string::npos; at = entry.find(mark, at + 1)) {
             const std::size_t before = entry.find_last_not_of('\\', at == 0 ? 0 : at - 1);
             if ((at - before) % 2 == 1) ++found;  // an even number of backslashes stands before it
         }
-        return mark + std::to_string(found) + "\n";
-    };
-    shape += count(",\t");
-    return on_own_line ? shape : shape + count(", ") + count("<any>") + count("\"");
+        shape += mark + std::to_string(found) + "\n";
+        if (on_own_line && mark == ",\t") break;
+    }
+    return shape;
 }
 
-bool IsControl(char c) {
-    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+/// How many control characters there are.
+auto Controls(const std::string& text) {
+    return std::ranges::count_if(text, [](unsigned char c) { return c < 0x20 || c == 0x7F; });
 }
 
 class HostileLogTest : public LocalTest {
@@ -52,18 +46,17 @@ class HostileLogTest : public LocalTest {
         rule.id_local = {AnyId(LPCFG::ipsecid_t::kEmail)};
         const Handle cert(
             CM::IkeSelectLocalCertificate(nullptr, rule, CM::kIgnoreBoundFirst, nullptr, nullptr, ident_).cert);
-        token_->Fail(vendor_host::Op::kSign);
+        token_->Fail(Op::kSign);
         std::string signature;
         CM::IkeSign(cert.get(), "hash", signature, ident_);
-        token_->Fail(vendor_host::Op::kSign, 0);
+        token_->Fail(Op::kSign, 0);
         for (const auto type : {LPCFG::ipsecid_t::kFqdn, LPCFG::ipsecid_t::kIp4, LPCFG::ipsecid_t::kDn}) {
             const Handle none(CM::IkeVerifyPeerCertificate({}, Id(type, text, text), {}, {}, {}, ident_));
         }
         std::vector<std::string> entries(1);
-        ttt_TokenInfoToLogString(&cert->token, entries.front());
+        ttt_TokenInfoToLogString(&cert.get()->token, entries.front());
         for (const auto& message : vendor_host::Messages()) {
-            if (message.code != kMsgTokenError)
-                entries.push_back(message.Text());  // the host's own is no business of ours
+            if (message.code != kMsgTokenError) entries.push_back(message.Text());  // that is the host's own
         }
         token_->Remove("host");
         token_->RemovePresharedKey(label);
@@ -96,9 +89,7 @@ TEST_F(HostileLogTest, TextsOfOthersNeitherForgeNorPushOutFacts) {
         ASSERT_EQ(entries.size(), plain.size());
         for (std::size_t i = 0; i < entries.size(); ++i) {
             EXPECT_EQ(Shape(entries[i], is_label), Shape(plain[i], is_label));
-            EXPECT_EQ(std::count_if(entries[i].begin(), entries[i].end(), IsControl),
-                      std::count_if(plain[i].begin(), plain[i].end(), IsControl))
-                << entries[i];
+            EXPECT_EQ(Controls(entries[i]), Controls(plain[i])) << entries[i];
             EXPECT_LT(entries[i].size(), 6000U);
         }
     };
