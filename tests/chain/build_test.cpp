@@ -1,5 +1,5 @@
 // Chains: how they are built, where they end and what that is worth.
-#include <set>
+#include <ostream>
 
 #include "certmgr/chain.h"
 #include "tests/chain/chain_fixture.h"
@@ -20,104 +20,67 @@ void PrintTo(const Built& built, std::ostream* out) {
     for (const std::string& subject : built.subjects) *out << " " << subject;
 }
 
-Built Build(const CM::X509Cert* leaf, const Payload& payload, unsigned flags) {
-    OwnedChain<CM::X509Cert> chain;
-    chain.certs.push_back(const_cast<CM::X509Cert*>(CM::CertRef(leaf).Detach()));
-    Built built;
-    built.result = CMT_BuildCertChain(chain.certs, payload.list(), flags);
-    built.subjects = chain.Subjects();
-    return built;
-}
-
 constexpr unsigned kPeerFlags = SearchTrusted | SearchOther;
 constexpr unsigned kAllFlags = kPeerFlags | SearchPersonal;
 
+Built Build(const CM::X509Cert* leaf, const Payload& payload = Payload(), unsigned flags = kAllFlags) {
+    Handles<CM::X509Cert> chain(const_cast<CM::X509Cert*>(CM::CertRef(leaf).Detach()));
+    const ChainBuildResult result = CMT_BuildCertChain(chain.certs, payload.certs, flags);
+    return {result, SubjectsOf(chain.certs)};
+}
+
 class BuildTest : public ChainTest {
   protected:
-    Built BuildObject(const Cert& leaf, const Payload& payload = Payload(), unsigned flags = kAllFlags) {
+    static Built BuildObject(const Cert& leaf, const Payload& payload = Payload(), unsigned flags = kAllFlags) {
         return Build(Object(leaf).get(), payload, flags);
+    }
+    /// Another token in place of the one before.
+    void NextToken() {
+        static int count = 0;
+        token_->SetPresent(false);
+        token_ = vendor_host::AddToken(std::to_string(++count));
     }
 
     const Cert root_ = MakeCa("CN=root");
-    const Cert upper_ = MakeCa("CN=upper", &root_, KeyType::kEcP256, 1);
-    const Cert lower_ = MakeCa("CN=lower", &upper_, KeyType::kEcP256, 2);
-    const Cert leaf_ = test_pki::MakeLeaf("CN=leaf", lower_, KeyType::kEcP256, 3);
-};
-
-struct ResultCase {
-    const char* rule;
-    std::vector<const Cert*> trusted;
-    std::vector<const Cert*> other;
-    std::vector<const Cert*> received;
-    Built expected;
-    unsigned flags = kAllFlags;
+    const Cert upper_ = MakeCa("CN=upper", &root_);
+    const Cert lower_ = MakeCa("CN=lower", &upper_);
+    const Cert leaf_ = MakeLeaf("CN=leaf", lower_);
 };
 
 TEST_F(BuildTest, ResultsOfTheEnds) {
-    const ResultCase cases[] = {
+    const Strings whole{"CN=leaf", "CN=lower", "CN=upper", "CN=root"};
+    const Strings to_upper{"CN=leaf", "CN=lower", "CN=upper"};
+    const struct {
+        const char* rule;
+        std::vector<const Cert*> trusted;
+        std::vector<const Cert*> other;
+        std::vector<const Cert*> received;
+        Built expected;
+        unsigned flags = kAllFlags;
+    } cases[] = {
         {"no issuer at all", {&root_}, {}, {}, {ChainIncomplete, {"CN=leaf"}}},
         {"an issuer missing on the way", {&root_}, {}, {&lower_}, {ChainIncomplete, {"CN=leaf", "CN=lower"}}},
-        {"all the way to a trusted root",
-         {&root_},
-         {&upper_},
-         {&lower_},
-         {ChainTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}},
-        {"a root that nobody trusts",
-         {},
-         {&root_, &upper_},
-         {&lower_},
-         {ChainNotTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}},
-        {"ends at a trusted intermediate",
-         {&upper_},
-         {},
-         {&lower_},
-         {ChainEndsAtTrusted, {"CN=leaf", "CN=lower", "CN=upper"}}},
-        {"what stands above the first trusted one must be trusted",
-         {&upper_},
-         {&root_},
-         {&lower_},
-         {ChainNotTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}},
-        {"trusted from the first trusted one to the end",
-         {&upper_, &root_},
-         {},
-         {&lower_},
-         {ChainTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}},
-        {"a trusted one below one that is not",
-         {&lower_, &root_},
-         {&upper_},
-         {},
-         {ChainNotTrusted, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}}},
-        {"stops at the first trusted one when asked to",
-         {&upper_},
-         {&root_},
-         {&lower_},
-         {ChainTrusted, {"CN=leaf", "CN=lower", "CN=upper"}},
-         kAllFlags | StopAtTrusted},
-        {"the other list is left out without its flag",
-         {&root_},
-         {&lower_, &upper_},
-         {},
-         {ChainIncomplete, {"CN=leaf"}},
-         SearchTrusted},
-        {"the trusted list is left out without its flag",
-         {&root_},
-         {&lower_, &upper_},
-         {},
-         {ChainIncomplete, {"CN=leaf", "CN=lower", "CN=upper"}},
-         SearchOther},
+        {"to a trusted root", {&root_}, {&upper_}, {&lower_}, {ChainTrusted, whole}},
+        {"a root that nobody trusts", {}, {&root_, &upper_}, {&lower_}, {ChainNotTrusted, whole}},
+        {"ends at a trusted intermediate", {&upper_}, {}, {&lower_}, {ChainEndsAtTrusted, to_upper}},
+        {"what stands above must be trusted", {&upper_}, {&root_}, {&lower_}, {ChainNotTrusted, whole}},
+        {"trusted to the end", {&upper_, &root_}, {}, {&lower_}, {ChainTrusted, whole}},
+        {"trusted below one that is not", {&lower_, &root_}, {&upper_}, {}, {ChainNotTrusted, whole}},
+        {"stops", {&upper_}, {&root_}, {&lower_}, {ChainTrusted, to_upper}, kAllFlags | StopAtTrusted},
+        {"without the others", {&root_}, {&lower_, &upper_}, {}, {ChainIncomplete, {"CN=leaf"}}, SearchTrusted},
+        {"without the trusted", {&root_}, {&lower_, &upper_}, {}, {ChainIncomplete, to_upper}, SearchOther},
     };
-    for (const ResultCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.rule);
-        token_ = vendor_host::AddToken(c.rule);
+        NextToken();
         Store(c.trusted, c.other);
         EXPECT_EQ(BuildObject(leaf_, Payload(c.received), c.flags), c.expected);
-        vendor_host::RemoveToken(*token_);
     }
 }
 
 TEST_F(BuildTest, SelfSignedLeafIsAChainOfOne) {
     for (const auto& [kind, result] : {std::pair{kCertKindTrusted, ChainTrusted}, {kCertKindOther, ChainNotTrusted}}) {
-        EXPECT_EQ(Build(Object(root_, kind).get(), Payload(), kAllFlags), (Built{result, {"CN=root"}}));
+        EXPECT_EQ(Build(Object(root_, kind).get()), (Built{result, {"CN=root"}}));
     }
     std::vector<CM::X509Cert*> empty;
     EXPECT_EQ(CMT_BuildCertChain(empty, {}, kAllFlags), ChainNotTrusted);
@@ -127,16 +90,12 @@ TEST_F(BuildTest, KeyIdentifierComesBeforeNameInAllSources) {
     // A renamed authority in the last source has the key identifier, one of the right name stands in the first.
     const Cert renamed = MakeCert({.subject = "CN=renamed", .ski = KeyId::Bytes("id")});
     const Cert named = MakeCert({.subject = "CN=named", .ca = true, .ski = KeyId::Bytes("other id")});
-    const Cert by_id =
-        MakeCert({.subject = "CN=leaf", .issuer_der = named.subject_der, .aki = KeyId::Bytes("id")}, &named);
-    const Cert by_name =
-        MakeCert({.subject = "CN=leaf", .issuer_der = named.subject_der, .aki = KeyId::Bytes("nobody's")}, &named);
-    const Cert without =
-        MakeCert({.subject = "CN=leaf", .issuer_der = named.subject_der, .aki = KeyId::None()}, &named);
+    const auto leaf = [&](const KeyId& aki) { return MakeCert({.subject = "CN=leaf", .aki = aki}, &named); };
+    const Cert by_id = leaf(KeyId::Bytes("id"));
     Store({&named}, {}, {&renamed});
     EXPECT_EQ(BuildObject(by_id), (Built{ChainNotTrusted, {"CN=leaf", "CN=renamed"}}));
-    EXPECT_EQ(BuildObject(by_name), (Built{ChainTrusted, {"CN=leaf", "CN=named"}}));
-    EXPECT_EQ(BuildObject(without), (Built{ChainTrusted, {"CN=leaf", "CN=named"}}));
+    EXPECT_EQ(BuildObject(leaf(KeyId::Bytes("nobody's"))), (Built{ChainTrusted, {"CN=leaf", "CN=named"}}));
+    EXPECT_EQ(BuildObject(leaf(KeyId::None())), (Built{ChainTrusted, {"CN=leaf", "CN=named"}}));
     // A personal certificate is never an issuer of what a peer sends.
     EXPECT_EQ(BuildObject(by_id, Payload(), kPeerFlags), (Built{ChainTrusted, {"CN=leaf", "CN=named"}}));
 }
@@ -158,74 +117,37 @@ TEST_F(BuildTest, ChainWithACycleKeepsTheIssuerThatClosesIt) {
     second->AddCertificate(y.der);
     CM::Reload();
     ASSERT_EQ(store().otherCerts.size(), 4U);
-    EXPECT_EQ(Build(store().otherCerts[2], Payload(), kAllFlags), (Built{ChainCycle, {"CN=X", "CN=Y", "CN=X"}}));
+    EXPECT_EQ(Build(store().otherCerts[2]), (Built{ChainCycle, {"CN=X", "CN=Y", "CN=X"}}));
     EXPECT_EQ(BuildObject(leaf), (Built{ChainCycle, {"CN=leaf", "CN=X", "CN=Y", "CN=X"}}));
     // A cycle among what the peer sent, and with the store.
     EXPECT_EQ(BuildObject(leaf, Payload({&y, &x}), 0), (Built{ChainCycle, {"CN=leaf", "CN=X", "CN=Y", "CN=X"}}));
     const Payload self({&own});
-    EXPECT_EQ(Build(self.list()[0], self, 0), (Built{ChainCycle, {"CN=own", "CN=own"}}));
+    EXPECT_EQ(Build(self.certs[0], self, 0), (Built{ChainCycle, {"CN=own", "CN=own"}}));
 }
 
-TEST_F(BuildTest, ChainOutlivesTheStore) {
-    Store({&root_}, {&upper_, &lower_});
-    OwnedChain<const CM::X509Cert> chain;
-    const CM::MutableCertRef leaf = Object(leaf_);
-    ASSERT_TRUE(CM::BuildLocalCertChain(chain.certs, leaf.get(), ident_));
-    vendor_host::RemoveToken(*token_);
-    CM::Reload();
-    EXPECT_TRUE(store().trustedCerts.empty());
-    EXPECT_EQ(chain.Subjects(), (Strings{"CN=leaf", "CN=lower", "CN=upper", "CN=root"}));
-}
-
-TEST_F(BuildTest, LocalChainIsKeptOnlyWhenAnchored) {
-    struct Case {
-        const char* rule;
-        std::vector<const Cert*> trusted;
-        std::vector<const Cert*> other;
-        Strings expected;
+TEST_F(BuildTest, LocalChainIsKeptWhenAnchoredAndOutlivesTheStore) {
+    const auto chain_with = [&](const std::vector<const Cert*>& trusted, const std::vector<const Cert*>& other) {
+        Store(trusted, other);
+        Handle chain;
+        const bool kept = CM::BuildLocalCertChain(chain.certs, Object(leaf_).get(), ident_);
+        EXPECT_EQ(kept, !chain.certs.empty());
+        NextToken();
+        CM::Reload();
+        return SubjectsOf(chain.certs);
     };
-    const Case cases[] = {
-        {"trusted root", {&root_}, {&upper_, &lower_}, {"CN=leaf", "CN=lower", "CN=upper", "CN=root"}},
-        {"ends at a trusted one", {&upper_}, {&lower_}, {"CN=leaf", "CN=lower", "CN=upper"}},
-        {"incomplete", {&root_}, {&lower_}, {}},
-        {"not trusted", {}, {&root_, &upper_, &lower_}, {}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rule);
-        token_ = vendor_host::AddToken(c.rule);
-        Store(c.trusted, c.other, {&leaf_});
-        OwnedChain<const CM::X509Cert> chain;
-        EXPECT_EQ(CM::BuildLocalCertChain(chain.certs, store().personalCerts[0], ident_), !c.expected.empty());
-        EXPECT_EQ(chain.Subjects(), c.expected);
-        vendor_host::RemoveToken(*token_);
-    }
+    EXPECT_EQ(chain_with({&root_}, {&upper_, &lower_}), (Strings{"CN=leaf", "CN=lower", "CN=upper", "CN=root"}));
+    EXPECT_EQ(chain_with({&upper_}, {&lower_}), (Strings{"CN=leaf", "CN=lower", "CN=upper"}));
+    EXPECT_EQ(chain_with({&root_}, {&lower_}), Strings());
+    EXPECT_EQ(chain_with({}, {&root_, &upper_, &lower_}), Strings());
 }
 
 // --- Requested authorities ---
 
-/// Requests of a peer: a set of names or of key digests.
-struct Requests : CM::IkeCertRequestIter {
-    Requests(std::int32_t request_kind, std::set<std::string> requested_values) : values(std::move(requested_values)) {
-        kind = request_kind;
-        requested = [](const std::string& value, void* self) {
-            return static_cast<Requests*>(self)->values.contains(value);
-        };
-        context = this;
-    }
-    Requests(const Requests&) = delete;
-    Requests& operator=(const Requests&) = delete;
-
-    std::set<std::string> values;
-};
-
-constexpr std::int32_t kByDigest = 1;
-
 TEST_F(BuildTest, RequestedAuthorityIsLookedForFromLeafToRoot) {
     Store({&root_}, {&upper_}, {&leaf_});
-    const Payload lower({&lower_});
     const CM::X509Cert* leaf = store().personalCerts[0];
     const auto answers = [&](std::int32_t kind, const std::string& value) {
-        const Requests requests(kind, {value});
+        const Requests requests({value}, kind);
         const vpnfc::ReadLock lock(store());
         return CM::CheckLocalChainUnlocked(leaf, &requests);
     };
@@ -238,24 +160,11 @@ TEST_F(BuildTest, RequestedAuthorityIsLookedForFromLeafToRoot) {
     for (const Cert* cert : {&leaf_, &lower_, &upper_, &root_}) {
         EXPECT_TRUE(answers(0, cert->subject_der));
         EXPECT_TRUE(answers(2, cert->subject_der)) << "every kind but 1 names authorities";
-        EXPECT_TRUE(answers(kByDigest, digest(*cert)));
-        EXPECT_FALSE(answers(kByDigest, cert->subject_der));
+        EXPECT_TRUE(answers(1, digest(*cert)));
+        EXPECT_FALSE(answers(1, cert->subject_der));
         EXPECT_FALSE(answers(0, digest(*cert)));
     }
     EXPECT_FALSE(answers(0, test_pki::NameDer("CN=somebody else")));
-}
-
-TEST_F(BuildTest, RequestedAuthorityIsFoundByKeyIdentifierFirst) {
-    const Cert renamed = MakeCert({.subject = "CN=renamed", .ca = true, .ski = KeyId::Bytes("id")});
-    const Cert named = MakeCert({.subject = "CN=named", .ca = true});
-    const Cert leaf =
-        MakeCert({.subject = "CN=host", .issuer_der = named.subject_der, .aki = KeyId::Bytes("id")}, &named);
-    Store({&named}, {&renamed}, {&leaf});
-    const Requests asks_for_renamed(0, {renamed.subject_der});
-    const Requests asks_for_named(0, {named.subject_der});
-    const vpnfc::ReadLock lock(store());
-    EXPECT_TRUE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &asks_for_renamed));
-    EXPECT_FALSE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &asks_for_named));
 }
 
 /// Authorities in a ring, each issued by the next: none is self-signed, every issuer is there.
@@ -279,21 +188,18 @@ TEST_F(BuildTest, CrossCertificatesDoNotKeepTheWalkGoing) {
                                  .ski = KeyId::Bytes("below"),
                                  .aki = KeyId::None()});
     const Cert leaf = MakeCert({.subject = "CN=leaf", .issuer_der = below.subject_der, .aki = KeyId::Bytes("below")});
-    for (const unsigned size : {1U, 2U, 3U, 5U, 8U}) {
+    for (const unsigned size : {1U, 2U, 3U, 8U}) {
         SCOPED_TRACE(size);
         const std::vector<Cert> ring = MakeRing(size);
         std::vector<const Cert*> others = {&below};
         for (const Cert& cert : ring) others.push_back(&cert);
-        token_ = vendor_host::AddToken("ring" + std::to_string(size));
+        NextToken();
         Store({}, others, {&leaf});
-        const Requests nobody(0, {test_pki::NameDer("CN=nobody")});
-        const Requests last(0, {ring.back().subject_der});
-        {
-            const vpnfc::ReadLock lock(store());
-            EXPECT_FALSE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &nobody));
-            EXPECT_TRUE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &last));
-        }
-        vendor_host::RemoveToken(*token_);
+        const Requests nobody({test_pki::NameDer("CN=nobody")});
+        const Requests last({ring.back().subject_der});
+        const vpnfc::ReadLock lock(store());
+        EXPECT_FALSE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &nobody));
+        EXPECT_TRUE(CM::CheckLocalChainUnlocked(store().personalCerts[0], &last));
     }
 }
 

@@ -1,7 +1,5 @@
 // Which certificate is taken as the issuer.
-#include <algorithm>
 #include <random>
-#include <string_view>
 
 #include "certmgr/cert_chain.h"
 #include "tests/chain/chain_fixture.h"
@@ -19,14 +17,6 @@ struct Candidate {
     const char* subject = "CN=CA";
 };
 
-struct BestIssuerCase {
-    const char* rule;
-    std::vector<Candidate> candidates;
-    int expected;  // position, -1: none
-    KeyType leaf_signed_by = KeyType::kEcP256;
-    bool pss = false;
-};
-
 Cert MakeCandidate(const Candidate& candidate) {
     return MakeCert({.key = candidate.key,
                      .subject = candidate.subject,
@@ -38,12 +28,18 @@ Cert MakeCandidate(const Candidate& candidate) {
 }
 
 TEST_F(ChainTest, BestIssuerInOneList) {
-    const BestIssuerCase cases[] = {
+    constexpr KeyType kEc = KeyType::kEcP256;
+    constexpr KeyType kRsa = KeyType::kRsa2048;
+    constexpr KeyType kEd = KeyType::kEd25519;
+    const struct {
+        const char* rule;
+        std::vector<Candidate> candidates;
+        int expected;  // position, -1: none
+        KeyType signed_by = kEc;
+        bool pss = false;
+    } cases[] = {
         {"no candidate", {}, -1},
-        {"another name does not match", {{-10, 10, KeyType::kEcP256, "CN=Other CA"}}, -1},
-        {"names are compared in full",
-         {{-10, 10, KeyType::kEcP256, "CN=CA2"}, {-10, 10, KeyType::kEcP256, "CN=C"}},
-         -1},
+        {"names are compared in full", {{-10, 10, kEc, "CN=CA2"}, {-10, 10, kEc, "CN=C"}}, -1},
         {"the latest start wins among the current", {{-30, 10}, {-10, 10}, {-20, 10}}, 1},
         {"on a tie the first met stays", {{-30, 10}, {-10, 10}, {-10, 20}}, 1},
         {"a start after the leaf's is not current", {{-30, 10}, {1, 10}}, 0},
@@ -52,29 +48,23 @@ TEST_F(ChainTest, BestIssuerInOneList) {
         {"an end with the leaf's start is current", {{-30, 10}, {-10, 0}}, 1},
         {"a current one replaces an earlier fallback", {{1, 10}, {-30, 10}}, 1},
         {"without a current one the first match", {{5, 10}, {1, 10}, {-10, -5}}, 0},
-        {"another key algorithm cannot have signed", {{-10, 10, KeyType::kRsa1024}, {-30, 10}}, 1},
-        {"a key algorithm that differs is no fallback either", {{-10, 10, KeyType::kRsa1024}}, -1},
-        {"RSASSA-PSS finds an RSA key", {{-10, 10}, {-10, 10, KeyType::kRsa2048}}, 1, KeyType::kRsa2048, true},
-        {"RSA finds an RSA key", {{-10, 10, KeyType::kDsa1024}, {-10, 10, KeyType::kRsa2048}}, 1, KeyType::kRsa2048},
-        {"Ed25519 finds its own", {{-10, 10}, {-10, 10, KeyType::kEd25519}}, 1, KeyType::kEd25519},
+        {"another key algorithm cannot have signed", {{-10, 10, kRsa}, {-30, 10}}, 1},
+        {"nor is it a fallback", {{-10, 10, kRsa}}, -1},
+        {"RSASSA-PSS finds an RSA key", {{-10, 10}, {-10, 10, kRsa}}, 1, kRsa, true},
+        {"Ed25519 finds its own", {{-10, 10}, {-10, 10, kEd}}, 1, kEd},
     };
-    for (const BestIssuerCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.rule);
-        const Cert signer = MakeCert({.key = c.leaf_signed_by, .subject = "CN=CA", .ski = KeyId::None()});
-        const Cert leaf = MakeCert(
-            {.subject = "CN=leaf", .not_before = kLeafStart, .aki = KeyId::None(), .sign = {.pss = c.pss}}, &signer);
-        std::vector<CM::MutableCertRef> objects;
-        CM::CertStorage::X509CertsDB indexed;
-        for (const Candidate& candidate : c.candidates) {
-            objects.push_back(Object(MakeCandidate(candidate)));
-            indexed.Append(objects.back().get());
-        }
-        indexed.Reindex();
-        const CM::MutableCertRef cert = Object(leaf);
-        const CM::X509Cert* expected = c.expected < 0 ? nullptr : objects[static_cast<std::size_t>(c.expected)].get();
+        const Cert signer = MakeCert({.key = c.signed_by, .subject = "CN=CA", .ski = KeyId::None()});
+        const auto cert =
+            Object(MakeCert({.not_before = kLeafStart, .aki = KeyId::None(), .sign = {.pss = c.pss}}, &signer));
+        CM::CertStorage::X509CertsDB list;
+        for (const Candidate& candidate : c.candidates) list.Adopt(Object(MakeCandidate(candidate)).Detach());
+        list.Reindex();
+        const CM::X509Cert* expected = c.expected < 0 ? nullptr : list[static_cast<std::size_t>(c.expected)];
         const CM::MoreActualIssuerFinder find;
-        EXPECT_EQ(find(indexed.certs(), cert.get(), CM::SubjectNameMatch{}).get(), expected);
-        EXPECT_EQ(find(indexed, cert.get(), CM::SubjectNameMatch{}).get(), expected);
+        EXPECT_EQ(find(list.certs(), cert.get(), CM::SubjectNameMatch{}).get(), expected);
+        EXPECT_EQ(find(list, cert.get(), CM::SubjectNameMatch{}).get(), expected);
     }
 }
 
@@ -102,7 +92,7 @@ TEST_F(ChainTest, IndexedSearchEqualsTheOrderedWalk) {
     std::mt19937 random(20300101);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same sets every time
     const CM::MoreActualIssuerFinder find;
     std::size_t hits = 0;
-    for (const std::size_t size : {0U, 1U, 5U, 16U, 17U, 40U, 150U}) {
+    for (const std::size_t size : {0U, 1U, 16U, 17U, 150U}) {
         CM::CertStorage::X509CertsDB indexed;
         for (std::size_t i = 0; i < size; ++i) {
             indexed.Adopt(Object(RandomCert(random, rsa_signer, ec_signer)).Detach());
@@ -139,23 +129,20 @@ TEST_F(ChainTest, SourcesAreTriedInOrder) {
     const Payload payload({&received});
     Store({&trusted}, {&other}, {&personal});
 
-    struct Case {
+    const struct {
         unsigned flags;
         bool with_callers_list;
         int expected;  // kind, -1: none
-    };
-    const Case cases[] = {
-        {7, true, kCertKindTrusted},   {6, true, kCertKindPeer},
-        {0, true, kCertKindPeer},      {7, false, kCertKindTrusted},
-        {6, false, kCertKindOther},    {2, false, kCertKindOther},
-        {4, false, kCertKindPersonal}, {0, false, -1},
+    } cases[] = {
+        {7, true, kCertKindTrusted},  {6, true, kCertKindPeer},      {0, true, kCertKindPeer},
+        {6, false, kCertKindOther},   {4, false, kCertKindPersonal}, {0, false, -1},
         {5, false, kCertKindTrusted},
     };
     const vpnfc::ReadLock lock(store());
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "flags " << c.flags << ", list " << c.with_callers_list);
         const std::vector<const CM::X509Cert*> none;
-        const auto& callers = c.with_callers_list ? payload.list() : none;
+        const auto& callers = c.with_callers_list ? payload.certs : none;
         const auto found = [&](auto match) {
             const CM::CertRef issuer =
                 CM::FindIssuer_(CM::MoreActualIssuerFinder{}, match, leaf.get(), callers, c.flags);

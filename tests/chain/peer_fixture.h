@@ -1,7 +1,6 @@
 // A root in the store, a peer below it, and the verification of what the peer sends.
 #pragma once
 
-#include <list>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -53,16 +52,10 @@ class PeerTest : public ChainTest {
 
     PeerVerdict Verify(const Payload& payload, LPARAMS::CRL_PROC_t crl_mode = LPARAMS::CRL_PROC_DISABLED) const {
         vendor_host::ClearMessages();
-        PeerVerdict verdict;
-        const CM::X509Cert* cert =
-            CM::IkeVerifyPeerCertificate(rule_, id_, payload.list(), crl_mode, std::string(), ident_);
-        if (cert != nullptr) verdict.selected = cert->info.subject;
-        CM::VCertHandleClose(cert);
-        const auto reports = vendor_host::FindMessages(kMsgPeerCertNotSelected);
-        EXPECT_EQ(reports.size(), cert != nullptr ? 0U : 1U);
-        EXPECT_EQ(vendor_host::FindMessages(kMsgPeerCertSelected).size(), cert != nullptr ? 1U : 0U);
-        for (const auto& report : reports) verdict.refusals = Refusals(report.Text());
-        return verdict;
+        const Handle cert(CM::IkeVerifyPeerCertificate(rule_, id_, payload.certs, crl_mode, {}, ident_));
+        EXPECT_EQ(OnlyMessage(kMsgPeerCertNotSelected).empty(), cert.get() != nullptr);
+        EXPECT_EQ(OnlyMessage(kMsgPeerCertSelected).empty(), cert.get() == nullptr);
+        return {cert.Subject(), Refusals(OnlyMessage(kMsgPeerCertNotSelected))};
     }
     PeerVerdict Verify(const std::vector<const Cert*>& received) const { return Verify(Payload(received)); }
 

@@ -1,17 +1,13 @@
 // What makes a built chain hold, and how a single certificate is checked.
 #include "certmgr/cert_verifychain.h"
 
-#include <functional>
+#include <list>
+#include <ostream>
 
 #include "tests/chain/chain_fixture.h"
 
 namespace chain_test {
 namespace {
-
-struct Member {
-    const Cert* cert;
-    CertKind kind;
-};
 
 struct Verdict {
     std::uint64_t position = 0;
@@ -24,34 +20,37 @@ void PrintTo(const Verdict& verdict, std::ostream* out) {
     *out << verdict.position << " \"" << verdict.reason << "\"";
 }
 
+/// Members of a chain, leaf first.
+using Members = std::vector<const Cert*>;
+
 /// root - upper - lower - leaf, and variations of each that break one rule.
 class VerifyTest : public ChainTest {
   protected:
     static CertSpec Ca(const std::string& subject, int key_index) {
         return {.key_index = key_index, .subject = subject, .ca = true, .key_usage = "keyCertSign"};
     }
-    static Cert Vary(CertSpec spec, const Cert* issuer, const std::function<void(CertSpec&)>& change) {
+    template <typename Change>
+    static Cert Vary(CertSpec spec, const Cert* issuer, Change change) {
         change(spec);
         return MakeCert(spec, issuer);
     }
+    template <typename Change>
+    Cert Upper(Change change) const {
+        return Vary(Ca("CN=upper", 1), &root_, change);
+    }
 
-    static Verdict Verify(const std::vector<Member>& members, const Strings& trust_subjects = {},
+    /// `kinds`: for each member 'P' of the peer, 'T' trusted.
+    static Verdict Verify(const Members& members, const std::string& kinds, const Strings& trust_subjects = {},
                           bool check_trust = true) {
         CM::CertList chain;
-        for (const Member& member : members) chain.Adopt(Object(*member.cert, member.kind).Detach());
+        for (std::size_t i = 0; i < members.size(); ++i) {
+            chain.Adopt(Object(*members[i], kinds.at(i) == 'T' ? kCertKindTrusted : kCertKindPeer).Detach());
+        }
         std::list<LPCFG::cert_t> trust;
         for (const std::string& subject : trust_subjects) trust.push_back(SubjectPattern(subject));
-        CM::cm_VerifyCertChainTask task(trust, check_trust, CertTimeNow(), ident());
+        CM::cm_VerifyCertChainTask task(trust, check_trust, CertTimeNow(), {});
         const CM::Refusal refusal = task.Run(chain.certs());
         return {refusal.position, CM::RefusalText(refusal)};
-    }
-    static const TLogIdent& ident() {
-        static const TLogIdent ident{.id = 1, .kind = TLogIdent::kConnection};
-        return ident;
-    }
-    static void Require(LPARAMS::NamedSwitch LPARAMS::CertParams::*parameter) {
-        const vpnfc::ObjectLock lock(LPARAMS::server.cert);
-        (LPARAMS::server.cert.*parameter).on = true;
     }
 
     const Cert root_ = MakeCert(Ca("CN=root", 0));
@@ -59,295 +58,220 @@ class VerifyTest : public ChainTest {
     const Cert lower_ = MakeCert(Ca("CN=lower", 2), &upper_);
     const CertSpec leaf_spec_{.key_index = 3, .subject = "CN=leaf", .key_usage = "digitalSignature"};
     const Cert leaf_ = MakeCert(leaf_spec_, &lower_);
+    const Members good_{&leaf_, &lower_, &upper_, &root_};
 };
 
-constexpr CertKind kPeer = kCertKindPeer;
-constexpr CertKind kOther = kCertKindOther;
-constexpr CertKind kTrusted = kCertKindTrusted;
+void Damage(CertSpec& spec) {
+    spec.damage_signature = true;
+}
 
 TEST_F(VerifyTest, AuthoritiesOfTheChain) {
-    const auto upper = [&](auto change) { return Vary(Ca("CN=upper", 1), &root_, change); };
-    const Cert not_ca = upper([](CertSpec& s) { s.ca = false; });
-    const Cert no_constraints = upper([](CertSpec& s) { s.ca.reset(); });
-    const Cert path_0 = upper([](CertSpec& s) { s.path_len = 0; });
-    const Cert path_1 = upper([](CertSpec& s) { s.path_len = 1; });
+    const Cert not_ca = Upper([](CertSpec& s) { s.ca = false; });
+    const Cert no_constraints = Upper([](CertSpec& s) { s.ca.reset(); });
+    const Cert path_0 = Upper([](CertSpec& s) { s.path_len = 0; });
+    const Cert path_1 = Upper([](CertSpec& s) { s.path_len = 1; });
     const Cert lower_path_0 = Vary(Ca("CN=lower", 2), &upper_, [](CertSpec& s) { s.path_len = 0; });
     const Cert root_path_1 = Vary(Ca("CN=root", 0), nullptr, [](CertSpec& s) { s.path_len = 1; });
-    const Cert expired = upper([](CertSpec& s) { s.not_after = kNow - 1; });
-    const Cert ends_now = upper([](CertSpec& s) { s.not_after = kNow; });
-    const Cert future = upper([](CertSpec& s) { s.not_before = kNow + 1; });
-    const Cert starts_now = upper([](CertSpec& s) { s.not_before = kNow; });
-    const std::string not_ca_text = "Not CA certificate present in chain: CN=upper";
-    const std::string path_text = "The number of sub-CAs exceeds Path Length Constraint of the CA certificate: ";
-    const std::string time_text = "Not currently valid certificate(s) present in chain";
-
-    struct Case {
-        const char* rule;
-        const Cert* lower;
-        const Cert* upper;
-        const Cert* root;
-        Verdict expected;
-    };
-    const Case cases[] = {
-        {"a good chain", &lower_, &upper_, &root_, {}},
-        {"an authority that is none", &lower_, &not_ca, &root_, {3, not_ca_text}},
-        {"an authority without basic constraints", &lower_, &no_constraints, &root_, {3, not_ca_text}},
-        {"path length 0 with an authority below", &lower_, &path_0, &root_, {3, path_text + "CN=upper"}},
-        {"path length 1 with an authority below", &lower_, &path_1, &root_, {}},
-        {"path length 0 above the leaf", &lower_path_0, &upper_, &root_, {}},
-        {"path length 1 with two authorities below", &lower_, &upper_, &root_path_1, {4, path_text + "CN=root"}},
-        {"expired", &lower_, &expired, &root_, {3, time_text}},
-        {"ends this second", &lower_, &ends_now, &root_, {}},
-        {"not yet valid", &lower_, &future, &root_, {3, time_text}},
-        {"starts this second", &lower_, &starts_now, &root_, {}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rule);
-        const std::vector<Member> chain = {{&leaf_, kPeer}, {c.lower, kPeer}, {c.upper, kOther}, {c.root, kTrusted}};
-        EXPECT_EQ(Verify(chain), c.expected);
-        EXPECT_EQ(Verify(chain, {}, false), Verdict()) << "without trust only signatures count";
-    }
+    const Cert expired = Upper([](CertSpec& s) { s.not_after = kNow - 1; });
+    const Cert future = Upper([](CertSpec& s) { s.not_before = kNow + 1; });
+    const Cert this_second = Upper([](CertSpec& s) { s.not_before = s.not_after = kNow; });
     // The order of the tests on one authority, and of the authorities.
-    const Cert all_wrong = upper([](CertSpec& s) { s.ca = false, s.not_after = kNow - 1; });
-    const Cert path_and_time = upper([](CertSpec& s) { s.path_len = 0, s.not_after = kNow - 1; });
-    const auto verify = [&](const Cert& cert) {
-        return Verify({{&leaf_, kPeer}, {&lower_, kPeer}, {&cert, kOther}, {&root_path_1, kTrusted}});
-    };
-    EXPECT_EQ(verify(all_wrong).reason, not_ca_text);
-    EXPECT_EQ(verify(path_and_time).reason, path_text + "CN=upper");
+    const Cert all_wrong = Upper([](CertSpec& s) {
+        s.ca = false;
+        s.not_after = kNow - 1;
+    });
+    const Cert path_and_time = Upper([](CertSpec& s) {
+        s.path_len = 0;
+        s.not_after = kNow - 1;
+    });
     // Nobody looks at the leaf's own validity here.
     const Cert old_leaf = Vary(leaf_spec_, &lower_, [](CertSpec& s) { s.not_after = kNow - 1; });
-    EXPECT_EQ(Verify({{&old_leaf, kPeer}, {&lower_, kPeer}, {&upper_, kOther}, {&root_, kTrusted}}), Verdict());
+    const std::string none = "Not CA certificate present in chain: CN=upper";
+    const std::string path = "The number of sub-CAs exceeds Path Length Constraint of the CA certificate: ";
+    const std::string time = "Not currently valid certificate(s) present in chain";
+    const struct {
+        const char* rule;
+        Members members;
+        Verdict expected;
+    } cases[] = {
+        {"a good chain", good_, {}},
+        {"an authority that is none", {&leaf_, &lower_, &not_ca, &root_}, {3, none}},
+        {"an authority without basic constraints", {&leaf_, &lower_, &no_constraints, &root_}, {3, none}},
+        {"path length 0 with an authority below", {&leaf_, &lower_, &path_0, &root_}, {3, path + "CN=upper"}},
+        {"path length 1 with an authority below", {&leaf_, &lower_, &path_1, &root_}, {}},
+        {"path length 0 above the leaf", {&leaf_, &lower_path_0, &upper_, &root_}, {}},
+        {"path length 1 with two authorities below", {&leaf_, &lower_, &upper_, &root_path_1}, {4, path + "CN=root"}},
+        {"expired", {&leaf_, &lower_, &expired, &root_}, {3, time}},
+        {"not yet valid", {&leaf_, &lower_, &future, &root_}, {3, time}},
+        {"valid this second", {&leaf_, &lower_, &this_second, &root_}, {}},
+        {"an old leaf", {&old_leaf, &lower_, &upper_, &root_}, {}},
+        {"constraints go first", {&leaf_, &lower_, &all_wrong, &root_path_1}, {3, none}},
+        {"then the path", {&leaf_, &lower_, &path_and_time, &root_path_1}, {3, path + "CN=upper"}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, "PPPT"), c.expected) << c.rule;
+    EXPECT_EQ(Verify({&leaf_, &lower_, &expired, &root_}, "PPPT", {}, false), Verdict())
+        << "without trust only signatures count";
 }
 
 TEST_F(VerifyTest, TrustMatch) {
-    const std::string text =
-        "No one of the trusted certificates in chain don't matched to the field 'cert_trust' from LSP rule";
-    struct Case {
-        const char* rule;
-        std::vector<CertKind> kinds;  // leaf, lower, upper, root
+    const struct {
+        const char* kinds;
         Strings trust;
         bool matched;
+    } cases[] = {
+        {"PPPT", {}, true},
+        {"TTTT", {}, true},
+        {"PPPT", {"CN=x", "CN=root"}, true},
+        {"PPPT", {"CN=x"}, false},
+        {"PTTT", {"CN=root"}, true},
+        {"PTTT", {"CN=lower"}, true},
+        {"PPPT", {"CN=upper"}, false},  // that is not trusted
+        {"PPPT", {"CN=leaf"}, false},
+        {"TTTT", {"CN=leaf"}, true},
+        {"TTTT", {"CN=root"}, true},
+        {"TTTT", {"CN=x"}, false},
     };
-    const Case cases[] = {
-        {"no patterns, leaf not trusted", {kPeer, kPeer, kPeer, kTrusted}, {}, true},
-        {"no patterns, leaf trusted", {kTrusted, kTrusted, kTrusted, kTrusted}, {}, true},
-        {"the root matches", {kPeer, kPeer, kPeer, kTrusted}, {"CN=root"}, true},
-        {"the second pattern matches", {kPeer, kPeer, kPeer, kTrusted}, {"CN=x", "CN=root"}, true},
-        {"nothing matches", {kPeer, kPeer, kPeer, kTrusted}, {"CN=x"}, false},
-        {"a later trusted one matches", {kPeer, kTrusted, kTrusted, kTrusted}, {"CN=root"}, true},
-        {"an earlier trusted one matches", {kPeer, kTrusted, kTrusted, kTrusted}, {"CN=lower"}, true},
-        {"a match of one that is not trusted", {kPeer, kPeer, kPeer, kTrusted}, {"CN=upper"}, false},
-        {"a match of a leaf that is not trusted", {kPeer, kPeer, kPeer, kTrusted}, {"CN=leaf"}, false},
-        {"a match of a trusted leaf", {kTrusted, kTrusted, kTrusted, kTrusted}, {"CN=leaf"}, true},
-        {"a trusted leaf whose root matches", {kTrusted, kTrusted, kTrusted, kTrusted}, {"CN=root"}, true},
-        {"a trusted leaf and no match", {kTrusted, kTrusted, kTrusted, kTrusted}, {"CN=x"}, false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rule);
-        const Verdict verdict =
-            Verify({{&leaf_, c.kinds[0]}, {&lower_, c.kinds[1]}, {&upper_, c.kinds[2]}, {&root_, c.kinds[3]}}, c.trust);
-        EXPECT_EQ(verdict, c.matched ? Verdict() : (Verdict{4, text}));
+    const Verdict refused{
+        4, "No one of the trusted certificates in chain don't matched to the field 'cert_trust' from LSP rule"};
+    for (const auto& c : cases) {
+        EXPECT_EQ(Verify(good_, c.kinds, c.trust), c.matched ? Verdict() : refused) << &c - cases;
     }
-    EXPECT_EQ(Verify({{&leaf_, kPeer}, {&root_, kTrusted}}, {"CN=x"}, false).reason, "Invalid signature");
-    EXPECT_EQ(Verify({{&leaf_, kTrusted}}, {"CN=x"}), (Verdict{1, text}));
 }
 
 TEST_F(VerifyTest, Signatures) {
-    const Cert bad_leaf = Vary(leaf_spec_, &lower_, [](CertSpec& s) { s.damage_signature = true; });
-    const Cert bad_lower = Vary(Ca("CN=lower", 2), &upper_, [](CertSpec& s) { s.damage_signature = true; });
-    const Cert bad_upper = Vary(Ca("CN=upper", 1), &root_, [](CertSpec& s) { s.damage_signature = true; });
-    const Cert bad_root = Vary(Ca("CN=root", 0), nullptr, [](CertSpec& s) { s.damage_signature = true; });
-    const Cert no_sign = Vary(Ca("CN=upper", 1), &root_, [](CertSpec& s) { s.key_usage = "cRLSign"; });
+    const Cert bad_leaf = Vary(leaf_spec_, &lower_, Damage);
+    const Cert bad_lower = Vary(Ca("CN=lower", 2), &upper_, Damage);
+    const Cert bad_upper = Upper(Damage);
+    const Cert bad_root = Vary(Ca("CN=root", 0), nullptr, Damage);
+    const Cert no_sign = Upper([](CertSpec& s) { s.key_usage = "cRLSign"; });
     const Cert no_usage = Vary(Ca("CN=lower", 2), &upper_, [](CertSpec& s) { s.key_usage.clear(); });
-    const Cert short_leaf = Vary(leaf_spec_, &root_, [](CertSpec& s) { s.damage_signature = true; });
-    const auto usage_text = [](int index) {
-        return "Signature cannot be checked. Issuer[" + std::to_string(index) +
-               "] does not contain required key usage: Certificate Signing";
-    };
-
-    struct Case {
-        const char* rule;
-        std::vector<Member> chain;
+    const Cert short_leaf = Vary(leaf_spec_, &root_, Damage);
+    const std::string missing = "] does not contain required key usage: Certificate Signing";
+    const Verdict usage_0{1, "Signature cannot be checked. Issuer[0" + missing};
+    const Verdict usage_1{2, "Signature cannot be checked. Issuer[1" + missing};
+    const Verdict bad{1, "Invalid signature"};
+    const Verdict bad_0{1, "Invalid signature (0)"};
+    const Verdict bad_1{2, "Invalid signature (1)"};
+    const Verdict bad_2{3, "Invalid signature (2)"};
+    const Verdict bad_3{4, "Invalid signature (3)"};
+    const Verdict no_root{2, "Selfsigned certificate not present in chain"};
+    const std::string foreign = "Selfsigned certificate is not trusted";
+    const struct {
+        Members members;
+        const char* kinds;
         Verdict expected;
+        Verdict strict;  // where a self-signed root is required
+    } cases[] = {
+        {good_, "PPPT", {}, {}},
+        {{&bad_leaf, &lower_, &upper_, &root_}, "PPPT", bad_0, bad_0},
+        {{&short_leaf, &root_}, "PT", bad, bad},
+        {{&leaf_, &lower_, &bad_upper, &root_}, "PPPT", bad_2, bad_2},
+        // A trusted certificate's own signature does not count.
+        {{&leaf_, &bad_lower, &upper_, &root_}, "PTTT", {}, bad_1},
+        {{&leaf_, &lower_, &upper_, &bad_root}, "PPPT", {}, bad_3},
+        {{&bad_leaf, &lower_}, "TT", {}, no_root},
+        // A last one that is not self-signed cannot be checked.
+        {{&leaf_, &lower_}, "PP", {}, no_root},
+        {{&bad_root}, "P", bad, {1, foreign}},
+        {good_, "PTPP", {}, {4, foreign}},
+        {{&leaf_, &lower_, &no_sign, &root_}, "PPPT", usage_1, usage_1},
+        // The key usage goes before the signature.
+        {{&bad_leaf, &no_usage, &upper_, &root_}, "PPPT", usage_0, usage_0},
     };
-    const Case cases[] = {
-        {"bad leaf in a long chain",
-         {{&bad_leaf, kPeer}, {&lower_, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}},
-         {1, "Invalid signature (0)"}},
-        {"bad leaf in a chain of two", {{&short_leaf, kPeer}, {&root_, kTrusted}}, {1, "Invalid signature"}},
-        {"bad intermediate",
-         {{&leaf_, kPeer}, {&lower_, kPeer}, {&bad_upper, kPeer}, {&root_, kTrusted}},
-         {3, "Invalid signature (2)"}},
-        {"a trusted certificate's own signature does not count",
-         {{&leaf_, kPeer}, {&bad_lower, kTrusted}, {&upper_, kTrusted}, {&root_, kTrusted}},
-         {}},
-        {"nor a trusted root's", {{&leaf_, kPeer}, {&lower_, kPeer}, {&upper_, kPeer}, {&bad_root, kTrusted}}, {}},
-        {"nor a trusted leaf's", {{&bad_leaf, kTrusted}, {&lower_, kTrusted}}, {}},
-        {"a last one that is not self-signed cannot be checked", {{&leaf_, kPeer}, {&lower_, kPeer}}, {}},
-        {"a last one that is self-signed is", {{&bad_root, kPeer}}, {1, "Invalid signature"}},
-        {"issuer without Certificate Signing",
-         {{&leaf_, kPeer}, {&lower_, kPeer}, {&no_sign, kPeer}, {&root_, kTrusted}},
-         {2, usage_text(1)}},
-        {"issuer without key usage",
-         {{&leaf_, kPeer}, {&no_usage, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}},
-         {1, usage_text(0)}},
-        {"key usage goes before the signature",
-         {{&bad_leaf, kPeer}, {&no_usage, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}},
-         {1, usage_text(0)}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rule);
-        EXPECT_EQ(Verify(c.chain, {}, false), c.expected);
-    }
+    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, c.kinds, {}, false), c.expected) << &c - cases;
+    Set(&LPARAMS::CertParams::require_self_signed_root);
+    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, c.kinds, {}, false), c.strict) << &c - cases;
 }
 
 TEST_F(VerifyTest, SignatureChecksThatCannotBeMade) {
-    const std::vector<Member> chain = {{&leaf_, kPeer}, {&lower_, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}};
-    token_->OnDigest([](pki_alg_t, const std::string&) { return std::nullopt; });
-    EXPECT_EQ(Verify(chain), (Verdict{1, "Digest error (0)"}));
-    token_->OnDigest(nullptr);
-    token_->Fail(vendor_host::Op::kOpenPublic);
-    EXPECT_EQ(Verify(chain), (Verdict{1, "Can't open token to verify signature (0)"}));
-    token_->Fail(vendor_host::Op::kOpenPublic, 0);
+    token_->Fail(Op::kDigest, 1);
+    EXPECT_EQ(Verify(good_, "PPPT"), (Verdict{1, "Digest error (0)"}));
+    token_->Fail(Op::kOpenPublic, 1);
+    EXPECT_EQ(Verify(good_, "PPPT"), (Verdict{1, "Can't open token to verify signature (0)"}));
     token_->SetAlgorithms({PKI_KEY_RSA});
-    EXPECT_EQ(Verify(chain), (Verdict{1, "No token to verify signature (0)"}));
+    EXPECT_EQ(Verify(good_, "PPPT"), (Verdict{1, "No token to verify signature (0)"}));
     EXPECT_EQ(CM::RefusalText({.id = CM::RefusalId::kSignatureNotVerified, .index = 2}), "Can't verify signature (2)");
 }
 
 TEST_F(VerifyTest, MissingKeyUsageCanBeTolerated) {
     const Cert no_usage = Vary(Ca("CN=lower", 2), &upper_, [](CertSpec& s) { s.key_usage.clear(); });
-    const std::vector<Member> chain = {{&leaf_, kPeer}, {&no_usage, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}};
-    const auto attributes = [](std::uint16_t code) {
-        const auto messages = vendor_host::FindMessages(code);
-        return messages.size() == 1 ? messages[0].attributes : Strings();
-    };
-    EXPECT_EQ(Verify(chain).position, 1U);
-    const Strings missing = attributes(kMsgKeyUsageMissing);
-    ASSERT_EQ(missing.size(), 2U);
-    EXPECT_EQ(missing[0], "Certificate Signing");
-    EXPECT_NE(missing[1].find("Subject: CN=lower"), std::string::npos) << "the issuer is shown";
-
-    vendor_host::ClearMessages();
-    Require(&LPARAMS::CertParams::ignore_key_usage);
-    EXPECT_EQ(Verify(chain), Verdict());
-    const Strings tolerated = attributes(kMsgKeyUsageTolerated);
-    ASSERT_EQ(tolerated.size(), 3U);
-    EXPECT_EQ(tolerated[0], "Certificate Signing");
-    EXPECT_EQ(tolerated[1], LPARAMS::server.cert.ignore_key_usage.name);
-    EXPECT_NE(tolerated[2].find("Subject: CN=lower"), std::string::npos);
-}
-
-TEST_F(VerifyTest, SelfSignedRootCanBeRequired) {
-    const Cert bad_upper = Vary(Ca("CN=upper", 1), &root_, [](CertSpec& s) { s.damage_signature = true; });
-    const Cert bad_root = Vary(Ca("CN=root", 0), nullptr, [](CertSpec& s) { s.damage_signature = true; });
-    Require(&LPARAMS::CertParams::require_self_signed_root);
-    struct Case {
-        const char* rule;
-        std::vector<Member> chain;
-        Verdict expected;
-    };
-    const Case cases[] = {
-        {"ends in a trusted root", {{&leaf_, kPeer}, {&lower_, kPeer}, {&upper_, kPeer}, {&root_, kTrusted}}, {}},
-        {"ends at a trusted intermediate",
-         {{&leaf_, kPeer}, {&lower_, kTrusted}},
-         {2, "Selfsigned certificate not present in chain"}},
-        {"ends in a root that is not trusted",
-         {{&leaf_, kPeer}, {&lower_, kTrusted}, {&upper_, kPeer}, {&root_, kPeer}},
-         {4, "Selfsigned certificate is not trusted"}},
-        {"signatures of trusted certificates count",
-         {{&leaf_, kPeer}, {&lower_, kTrusted}, {&bad_upper, kTrusted}, {&root_, kTrusted}},
-         {3, "Invalid signature (2)"}},
-        {"the root's own too",
-         {{&leaf_, kPeer}, {&lower_, kPeer}, {&upper_, kPeer}, {&bad_root, kTrusted}},
-         {4, "Invalid signature (3)"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.rule);
-        EXPECT_EQ(Verify(c.chain), c.expected);
-        EXPECT_EQ(Verify(c.chain, {}, false), c.expected) << "with or without trust";
-    }
+    const Members chain{&leaf_, &no_usage, &upper_, &root_};
+    EXPECT_EQ(Verify(chain, "PPPT").position, 1U);
+    EXPECT_TRUE(OnlyMessage(kMsgKeyUsageMissing).starts_with("Certificate Signing "));
+    EXPECT_TRUE(Has(OnlyMessage(kMsgKeyUsageMissing), "Subject: CN=lower")) << "the issuer is shown";
+    Set(&LPARAMS::CertParams::ignore_key_usage);
+    EXPECT_EQ(Verify(chain, "PPPT"), Verdict());
+    EXPECT_TRUE(OnlyMessage(kMsgKeyUsageTolerated).starts_with("Certificate Signing ignore_key_usage "));
+    EXPECT_TRUE(Has(OnlyMessage(kMsgKeyUsageTolerated), "Subject: CN=lower"));
 }
 
 TEST_F(VerifyTest, ChainsThatShareTheirUpperPartPayForItOnce) {
-    const Cert second_leaf =
-        MakeCert({.key_index = 4, .subject = "CN=leaf 2", .key_usage = "digitalSignature"}, &lower_);
-    const CM::MutableCertRef lower = Object(lower_);
-    const CM::MutableCertRef upper = Object(upper_);
-    const CM::MutableCertRef root = Object(root_, kTrusted);
+    const auto lower = Object(lower_);
+    const auto upper = Object(upper_);
+    const auto root = Object(root_, kCertKindTrusted);
+    const auto first = Object(leaf_);
+    const auto second = Object(MakeCert({.subject = "CN=leaf 2"}, &lower_));
     const std::list<LPCFG::cert_t> any;
-    CM::cm_VerifyCertChainTask task(any, true, CertTimeNow(), ident());
-    const CM::MutableCertRef first = Object(leaf_);
-    const CM::MutableCertRef second = Object(second_leaf);
-    token_->Fail(vendor_host::Op::kVerify, 1);
+    CM::cm_VerifyCertChainTask task(any, true, CertTimeNow(), {});
+    token_->Fail(Op::kVerify, 1);
     EXPECT_TRUE(task.Run({first.get(), lower.get(), upper.get(), root.get()}));
     token_->ClearCalls();
     EXPECT_FALSE(task.Run({first.get(), lower.get(), upper.get(), root.get()})) << "trouble is no verdict";
-    EXPECT_EQ(token_->Calls(vendor_host::Op::kVerify), 3U);
+    EXPECT_EQ(token_->Calls(Op::kVerify), 3U);
     EXPECT_FALSE(task.Run({second.get(), lower.get(), upper.get(), root.get()}));
-    EXPECT_EQ(token_->Calls(vendor_host::Op::kVerify), 4U);
+    EXPECT_EQ(token_->Calls(Op::kVerify), 4U);
 }
 
 // --- A single certificate ---
 
 class SingleTest : public VerifyTest {
   protected:
-    /// Result and reason of the check of the store's certificate with that subject.
-    Verdict Check(const Cert& cert, vendor_host::CertOptions options, int crl_mode = 0) {
+    /// The reason against the certificate when it is put on the token with these options.
+    std::string Check(const Cert& cert, vendor_host::CertOptions options = {}, int crl_mode = 0) {
+        static int count = 0;
+        options.id = "checked " + std::to_string(++count);
         token_->AddCertificate(cert.der, options);
         CM::Reload();
-        const CM::X509Cert* found = nullptr;
-        for (const auto* list : {&store().trustedCerts, &store().otherCerts, &store().personalCerts}) {
-            for (const CM::X509Cert* stored : *list) {
-                if (stored->rawCert == cert.der) found = stored;
-            }
-        }
-        Verdict verdict;
-        if (found == nullptr) return {99, "not in the store"};
-        verdict.position = CMT_VerifyCertChain(const_cast<CM::X509Cert*>(found), crl_mode, &verdict.reason) ? 0 : 1;
-        return verdict;
+        const auto& list = options.category == 1 ? store().personalCerts : store().otherCerts;
+        std::string reason;
+        const bool good = CMT_VerifyCertChain(list[list.size() - 1], crl_mode, &reason);
+        token_->Remove(options.id);
+        return good ? "" : reason;
     }
 };
 
 TEST_F(SingleTest, EveryStepRefusesWithItsReason) {
     Store({&root_}, {&upper_, &lower_});
     const auto leaf = [&](auto change) { return Vary(leaf_spec_, &lower_, change); };
-    EXPECT_EQ(Check(leaf_, {.category = 1}), Verdict());
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_before = kNow + 1; }), {}),
-              (Verdict{1, "Certificate will be valid from: 2030-01-01 00:00:01 UTC"}));
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_after = kNow - 1; }), {}),
-              (Verdict{1, "Certificate is not valid after: 2029-12-31 23:59:59 UTC"}));
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_before = kNow, s.not_after = kNow; }), {}), Verdict());
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.subject = "CN=old key"; }),
-                    {.category = 1, .key_not_after = CertTimeFrom_time_t(kNow - 1)}),
-              (Verdict{1, "Private key of the certificate is not valid after: 2029-12-31 23:59:59 UTC"}));
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.subject = "CN=good key"; }),
-                    {.category = 1, .key_not_after = CertTimeFrom_time_t(kNow)}),
-              Verdict());
-    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.damage_signature = true; }), {}), (Verdict{1, "Invalid signature (0)"}));
-    const Cert stranger = MakeCert({.key_index = 5, .subject = "CN=stranger", .ca = true});
-    EXPECT_EQ(Check(stranger, {}), (Verdict{1, "Certificates chain is not trusted"}));
-    const Cert orphan = MakeCert({.key_index = 6, .subject = "CN=orphan"}, &stranger);
-    token_->Remove(token_->CertObjects().back().id);
-    EXPECT_EQ(Check(orphan, {}), (Verdict{1, "Certificates chain is not complete"}));
+    const Cert stranger = MakeCert({.subject = "CN=stranger", .ca = true});
+    const auto key_end = [](std::time_t end) {
+        return vendor_host::CertOptions{.category = 1, .key_not_after = CertTimeFrom_time_t(end)};
+    };
+    EXPECT_EQ(Check(leaf_), "");
+    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_before = kNow + 1; })),
+              "Certificate will be valid from: 2030-01-01 00:00:01 UTC");
+    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_after = kNow - 1; })),
+              "Certificate is not valid after: 2029-12-31 23:59:59 UTC");
+    EXPECT_EQ(Check(leaf([](CertSpec& s) { s.not_before = s.not_after = kNow; })), "");
+    EXPECT_EQ(Check(leaf_, key_end(kNow - 1)),
+              "Private key of the certificate is not valid after: 2029-12-31 23:59:59 UTC");
+    EXPECT_EQ(Check(leaf_, key_end(kNow)), "");
+    EXPECT_EQ(Check(leaf(Damage)), "Invalid signature (0)");
+    EXPECT_EQ(Check(stranger), "Certificates chain is not trusted");
+    EXPECT_EQ(Check(MakeCert({.subject = "CN=orphan"}, &stranger)), "Certificates chain is not complete");
 }
 
 TEST_F(SingleTest, RevocationIsCheckedUnderTheMode) {
-    const Cert issuer = MakeCert({.subject = "CN=issuer", .ca = true, .key_usage = "keyCertSign, cRLSign"}, &root_);
+    const Cert issuer = MakeCa("CN=issuer", &root_);
     const Cert leaf = MakeCert({.subject = "CN=leaf", .crl_points = {{"URI:file:///none"}}}, &issuer);
     Store({&root_}, {&issuer, &upper_, &lower_});
-    const struct {
-        int mode;
-        Verdict verdict;
-    } cases[] = {
-        {0, {}},
-        {1, {1, "Revoked certificate(s) present in chain"}},
-        {2, {}},
-        {3, {1, "Revoked certificate(s) present in chain"}},  // no such mode
-        {-1, {1, "Revoked certificate(s) present in chain"}},
-    };
-    for (const auto& test : cases) EXPECT_EQ(Check(leaf, {}, test.mode), test.verdict) << test.mode;
-    EXPECT_EQ(Check(leaf_, {}, 1), Verdict{}) << "names no distribution point";
+    const std::string revoked = "Revoked certificate(s) present in chain";
+    // 3 and -1: no such mode.
+    for (const auto& [mode, reason] :
+         {std::pair{0, std::string()}, {1, revoked}, {2, ""}, {3, revoked}, {-1, revoked}}) {
+        EXPECT_EQ(Check(leaf, {}, mode), reason) << mode;
+    }
+    EXPECT_EQ(Check(leaf_, {}, 1), "") << "names no distribution point";
 }
 
 }  // namespace
