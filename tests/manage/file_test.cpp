@@ -111,16 +111,9 @@ const ForeignFile kForeignFiles[] = {
     {"openssl_not_ascii", OPENSSL_P12 "-legacy", 2, true, 0,
      "Gr\xc3\xbc\xc3\x9f"
      "e"},
-    {"openssl_certs_alone", "openssl pkcs12 -export -nokeys -in ca.pem -passout env:P -out out", 1, false},
     {"certtool", CERTTOOL_P12 "aes-256", 2, true},
     {"certtool_3des", CERTTOOL_P12 "3des-pkcs12", 2, true},
-    {"certtool_rc2", CERTTOOL_P12 "rc2-40", 2, true},
-    {"certtool_not_ascii", CERTTOOL_P12 "aes-128", 2, true, 0,
-     "Gr\xc3\xbc\xc3\x9f"
-     "e"},
     {"pk12util", FOR_NSS "pk12util -o out -n x -d db -W \"$P\"", 2, true},
-    {"pk12util_rc2", FOR_NSS "pk12util -o out -n x -d db -W \"$P\" -c 'PKCS #12 V2 PBE With SHA-1 And 40 Bit RC2 CBC'",
-     2, true},
     {"keytool",
      "keytool -h 2>/dev/null; " OPENSSL_P12 "-name x && mv out in && keytool -importkeystore -srckeystore in "
      "-srcstorepass \"$P\" -destkeystore out -deststoretype pkcs12 -deststorepass \"$P\"",
@@ -129,16 +122,9 @@ const ForeignFile kForeignFiles[] = {
      false},
     {"pkcs7_der", "openssl crl2pkcs7 -in crl.pem -certfile user.pem -certfile ca.pem -outform DER -out out", 2, false,
      1},
-    {"pkcs7_pem", "openssl crl2pkcs7 -in crl.pem -certfile user.pem -certfile ca.pem -out out", 2, false, 1},
-    {"pkcs7_certtool", "certtool --p7-generate --load-certificate user.pem --outfile out", 1, false},
-    {"der", "openssl x509 -in user.pem -outform DER -out out", 1, false},
     {"text_around", "openssl x509 -in user.pem -text -out out && echo after >>out", 1, false},
-    {"certtool_text", "certtool -i --infile user.pem --outfile out", 1, false},
     {"base64", "grep -v -- ----- user.pem >out", 1, false},
-    {"base64_on_one_line", "grep -v -- ----- user.pem | tr -d '\\n' >out", 1, false},
     {"crl_der", "openssl crl -in crl.pem -outform DER -out out", 0, false, 1},
-    {"crl_text", "openssl crl -in crl.pem -text -out out", 0, false, 1},
-    {"crl_base64", "grep -v -- ----- crl.pem >out", 0, false, 1},
 };
 INSTANTIATE_TEST_SUITE_P(, ForeignFiles, testing::ValuesIn(kForeignFiles),
                          [](const auto& test) { return test.param.name; });

@@ -64,13 +64,11 @@ TEST_F(Requests, FailuresLeaveNoKey) {
     };
     const Case cases[] = {
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.subject.clear(); }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.subject = "no name"; }},
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.extKeyUsage = "ipsecIKE,nonsense"; }},
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.extKeyUsage = "DER:0500"; }},
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.ipAddress = "1.2.3"; }},
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.dnsName = std::string("a\0b", 3); }},
         {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.upn = "a@b\n"; }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.upn = "\xFC@b"; }},
         {"MakeCertRequestError", {"hide one"}},
         {"MakeCertRequestErrorLogin", {}, [](CertRequestInfo&) {}, false},
         {"SetRandomSeedError",
@@ -116,12 +114,11 @@ TEST_F(Requests, ReadBackAsAsked) {
         CertRequestInfo read;
         std::string spki;
         ASSERT_EQ(CertEngine_ReadP10CertReqInfo(pem.data(), pem.size(), read, spki), 0);
-        EXPECT_EQ(read.subject, info.subject);
+        const auto texts = [](const CertRequestInfo& i) {
+            return std::vector{i.subject, i.ipAddress, i.email, i.dnsName, i.upn};
+        };
+        EXPECT_EQ(texts(read), texts(info));
         EXPECT_EQ(read.keyBits, 256U);
-        EXPECT_EQ(read.ipAddress, info.ipAddress);
-        EXPECT_EQ(read.email, info.email);
-        EXPECT_EQ(read.dnsName, info.dnsName);
-        EXPECT_EQ(read.upn, info.upn);
         EXPECT_EQ(read.extKeyUsage, "1.3.6.1.5.5.7.3.17, 1.2.3.4");
         EXPECT_TRUE(KeyOnToken(spki));
         const std::string path = directory_ / "request.pem";

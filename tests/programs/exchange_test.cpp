@@ -19,13 +19,12 @@ test_support::ProcessResult Exchange(const Hosts& hosts, const std::vector<std::
 }
 
 TEST(ExchangeTest, SaysHowItEnded) {
-    struct Case {
+    const Hosts hosts;
+    const struct {
         std::vector<std::string> options;
         int exit_code;
         std::string text;
-    };
-    const Hosts hosts;
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{}, 0, "initiator: success: authenticated as CN=alice, O=Test, peer CN=bob, O=Test"},
         {{"--ike", "1", "--payload", "pkcs7"}, 0, "responder: success"},
         {{"--fault", "damage-signature"}, 1, "CM::Ike2Verify failed: Invalid signature"},
@@ -40,7 +39,7 @@ TEST(ExchangeTest, SaysHowItEnded) {
         {{"--rule", "no such rule"}, 2, ""},
         {{"--help"}, 0, "Exit codes:"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const auto result = Exchange(hosts, c.options);
         EXPECT_EQ(result.exit_code, c.exit_code) << c.text << "\n" << result.out << result.err;
         EXPECT_NE((result.out + result.err).find(c.text), std::string::npos) << result.out << result.err;

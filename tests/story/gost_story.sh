@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The same day with each kind of GOST key: a new token of the GOST module, a request, an authority that is openssl with
-# its engine, import, verification, revocation, and back to an empty token.
+# its engine, import, verification, export and revocation.
 #
 #     gost_story.sh FOLDER_OF_THE_PROGRAMS GOST_MODULE
 set -Eeuo pipefail
@@ -34,38 +34,25 @@ story() {
     pki_root "$work/$alg" root "$alg"
     expect 0 "Initialised token \"$alg\"" ctl token init "$alg" --pin-file pin --so-pin-file so
     expect 0 "Logged in" ctl token login "$alg" --pin-file pin
-    expect 0 "$key" ctl request mechanisms -t "$alg"
     expect 0 "Wrote" ctl request make "CN=$alg, O=Story" -t "$alg" --key "$key" --hash "$hash" --dns host.example \
         --exportable -o "$alg/host.csr"
     openssl req -engine gost -in "$alg/host.csr" -verify -noout 2>verify.log
     grep -q "verify OK" verify.log || fail "openssl refuses the request"
-    expect 0 "key pair" ctl list -t "$alg"
     pki_certify "$work/$alg" host "$alg" root host
     cat "$alg/host.pem" "$alg/root.pem" >"$alg/bundle.pem"
     expect 0 "imported" ctl import "$alg/bundle.pem" -t "$alg" --yes --so-pin-file so
     expect 0 "Logged in" ctl token login "$alg" --pin-file pin
-    expect 0 "personal" ctl list personal -t "$alg"
     expect 0 "$key" ctl show "CN=$alg" -t "$alg"
-    expect 0 "trusted root" ctl chain "CN=$alg" -t "$alg"
     expect 0 "good" ctl verify "CN=$alg" -t "$alg"
     # The key leaves as openssl's, and is the certified one.
     expect 0 "Wrote" ctl export "CN=$alg" -t "$alg" -o "$alg/host.p12" --with-key --password-file password
     openssl pkcs12 -engine gost -in "$alg/host.p12" -passin file:password -nodes >"$alg/from-p12.pem" 2>/dev/null
     openssl pkey -engine gost -in "$alg/from-p12.pem" -pubout 2>/dev/null |
         cmp - <(openssl req -engine gost -in "$alg/host.csr" -noout -pubkey 2>/dev/null)
-    expect 1 "" ctl verify "CN=$alg" -t "$alg" --crl strict
-    pki_crl "$work/$alg" root "$alg"
-    expect 0 "" ctl crl import "$alg/root.crl" -t "$alg"
-    expect 0 "good" ctl verify "CN=$alg" -t "$alg" --crl strict
-    expect 0 "Deleted" ctl crl delete root -t "$alg" --yes
     pki_revoke "$work/$alg" host root keyCompromise
     pki_crl "$work/$alg" root "$alg"
     expect 0 "" ctl crl import "$alg/root.crl" -t "$alg"
     expect 1 "[Rr]evoked" ctl verify "CN=$alg" -t "$alg" --crl strict
-    expect 0 "Deleted" ctl crl delete root -t "$alg" --yes
-    expect 0 "Deleted" ctl delete "CN=$alg" CN=root -t "$alg" --yes
-    expect 0 "no such certificate" ctl list -t "$alg"
-    expect 0 "Logged out" ctl token logout "$alg"
 }
 
 story gost2001 "GOST R 34.10-2001" "GOST R 34.11-94"
