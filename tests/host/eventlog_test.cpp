@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -59,35 +58,18 @@ class EventLog : public testing::Test {
     test_support::Watched<std::vector<Record>> records_;
 };
 
-TEST_F(EventLog, EveryCodeHasAWordingThatUsesItsAttributes) {
-    // Attributes of the codes that have other than one.
-    std::map<int, std::size_t> counts = {{kMsgCertUnreadableX509, 0}, {kMsgCertUnreadablePkcs7, 0}};
-    for (const int code : {kMsgCrlTransfer, kMsgCrlNotFound, kMsgCrlNotCurrent, kMsgKeyUsageMissing, kMsgUnknownKeyAlg,
-                           kMsgUnknownSignAlg, kMsgUnknownCriticalExtension}) {
-        counts[code] = 2;
-    }
-    for (const int code : {kMsgCertRevoked, kMsgCrlUsed, kMsgCrlOutOfScope, kMsgNoDistributionPoint,
-                           kMsgKeyUsageTolerated, kMsgUnknownCriticalExtensionTolerated}) {
-        counts[code] = 3;
-    }
-    for (int code = kMsgOtherCertDeleted; code <= kMsgCrlImported; ++code) counts[code] = 2;
-
+// What a wording does not use is shown behind it.
+TEST_F(EventLog, EveryCodeHasAWordingThatLosesNothing) {
     const std::string header = ReadFile(SOURCE_DIR "/include/platform/event_codes.h");
     const std::regex enumerator(R"((kMsg\w+) = (\d+),)");
     std::size_t codes = 0;
     for (std::sregex_iterator i(header.begin(), header.end(), enumerator), end; i != end; ++i, ++codes) {
-        const int code = std::stoi((*i)[2]);
-        SCOPED_TRACE((*i)[1].str());
-        const std::size_t count = counts.contains(code) ? counts[code] : 1;
-        std::vector<std::string> attributes;
-        for (std::size_t a = 1; a <= count; ++a) attributes.push_back("<" + std::to_string(a) + ">");
-        const std::string text = TextOf(static_cast<std::uint16_t>(code), attributes);
+        const std::string text = TextOf(static_cast<std::uint16_t>(std::stoi((*i)[2])), {"<1>", "<2>", "<3>", "<4>"});
+        for (const char* attribute : {"<1>", "<2>", "<3>", "; <4>"}) {
+            EXPECT_NE(text.find(attribute), std::string::npos) << (*i)[1] << ": " << text;
+        }
         EXPECT_EQ(text.find("without wording"), std::string::npos) << text;
         EXPECT_EQ(text.find('%'), std::string::npos) << text;
-        EXPECT_EQ(text.find("; <"), std::string::npos) << "not used: " << text;
-        for (const std::string& attribute : attributes) EXPECT_NE(text.find(attribute), std::string::npos) << text;
-        attributes.push_back("<extra>");
-        EXPECT_TRUE(TextOf(static_cast<std::uint16_t>(code), attributes).ends_with("; <extra>"));
     }
     EXPECT_GE(codes, 60U);
     EXPECT_EQ(TextOf(9999, {"a", "b"}), "Message without wording: a; b");

@@ -328,7 +328,6 @@ TEST_F(Changes, WithoutASessionNothingHappens) {
         EXPECT_TRUE(out.empty());
         EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), gone ? CM::ImportCrlError : CM::ImportCrlErrorLogin);
         EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"two"}, "secret"));
-        EXPECT_FALSE(CM::GetPresharedKeyByName("peer", out));
         store().DeletePresharedKey(token_.info, {"peer"});
         store().DeleteCertificate(token_.info, leaf);
     }
@@ -379,22 +378,6 @@ TEST_F(Changes, ImportsFiles) {
     control_.Set({"hide one"});
     ASSERT_TRUE(WaitUntilListed("one", false));
     EXPECT_EQ(import(Leaf().der), "no tokens to import");
-}
-
-TEST_F(Changes, ImportOptionsFollowTheKey) {
-    const std::vector<PKCS11::TokenInfo> tokens{PKCS11::TokenInfo{}, token_.info};
-    const auto option_of = [&](const std::string& content) {
-        const X509CertFile file(content, kPassword);
-        CertImportOption option;
-        CM::GetCertImportOption(tokens, file.certs[0], option);
-        EXPECT_EQ(option.tokens, std::vector<std::uint32_t>{1});
-        return option;
-    };
-    EXPECT_EQ(option_of(LeafWithKey()).mode, kImportPersonal);
-    EXPECT_EQ(option_of(Root().der).mode, kImportTrusted);
-    EXPECT_EQ(option_of(Leaf().der).mode, kImportOther);
-    Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
-    EXPECT_EQ(option_of(Leaf().der).mode, kImportPersonal);
 }
 
 }  // namespace

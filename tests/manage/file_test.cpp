@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "certmgr/cert_engine.h"
+#include "libcrypto/libcrypto.h"
 #include "tests/manage/manage_fixture.h"
 #include "tests/support/der.h"
 #include "tests/support/process.h"
@@ -131,8 +132,11 @@ INSTANTIATE_TEST_SUITE_P(, ForeignFiles, testing::ValuesIn(kForeignFiles),
 
 // What is written here is read elsewhere: with key and chain, and certificates alone.
 TEST_F(FileTest, OtherProgramsReadOurs) {
-    void* const user = CertEngine_CreateCertHandle(user_.der.data(), static_cast<unsigned>(user_.der.size()));
-    void* const ca = CertEngine_CreateCertHandle(ca_.der.data(), static_cast<unsigned>(ca_.der.size()));
+    const auto handle = [](const Cert& cert) {
+        return CertEngine_CreateCertHandle(cert.der.data(), static_cast<unsigned>(cert.der.size()));
+    };
+    void* const user = handle(user_);
+    void* const ca = handle(ca_);
     std::string key_file;
     std::string certs_file;
     ASSERT_EQ(CertEngine_ExportCertsToPKCS12({user, nullptr, ca}, test_pki::Pkcs8(user_.key), kPassword, key_file), 1);
@@ -194,8 +198,8 @@ std::string DsaKey(std::size_t prime_bytes, std::size_t private_bytes) {
     const std::string parameters = der::Sequence(number(prime_bytes) + number(20) + number(2));
     const std::string info = der::Sequence(der::Integer(0) + der::Sequence(der::Oid("1.2.840.10040.4.1") + parameters) +
                                            der::OctetString(number(private_bytes)));
-    const auto* p = reinterpret_cast<const unsigned char*>(info.data());
-    return FileOf(PKCS12_SAFEBAG_create0_p8inf(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &p, static_cast<long>(info.size()))));
+    return FileOf(PKCS12_SAFEBAG_create0_p8inf(
+        libcrypto::Decode<PKCS8_PRIV_KEY_INFO_free>(d2i_PKCS8_PRIV_KEY_INFO, info).release()));
 }
 
 /// A file whose one key is encrypted in that way; what it encrypts is nothing.
@@ -212,17 +216,14 @@ std::string KeyUnder(X509_ALGOR* algorithm) {
 
 // Files put together by hand: what libcrypto would not write.
 
-std::string Tagged(const std::string& content) {
-    return der::Tlv(0xA0, content);
-}
 std::string Bag(const char* kind, const std::string& value) {
-    return der::Sequence(der::Oid(std::string("1.2.840.113549.1.12.10.1.") + kind) + Tagged(value));
+    return der::Sequence(der::Oid(std::string("1.2.840.113549.1.12.10.1.") + kind) + der::Explicit(0, value));
 }
 std::string CertBag(const std::string& cert) {
-    return Bag("3", der::Sequence(der::Oid("1.2.840.113549.1.9.22.1") + Tagged(der::OctetString(cert))));
+    return Bag("3", der::Sequence(der::Oid("1.2.840.113549.1.9.22.1") + der::Explicit(0, der::OctetString(cert))));
 }
 std::string Data(const std::string& content) {
-    return der::Sequence(der::Oid("1.2.840.113549.1.7.1") + Tagged(der::OctetString(content)));
+    return der::Sequence(der::Oid("1.2.840.113549.1.7.1") + der::Explicit(0, der::OctetString(content)));
 }
 std::string FileWith(const std::string& safe) {
     return der::Sequence(der::Integer(3) + Data(der::Sequence(safe)));

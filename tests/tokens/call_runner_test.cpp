@@ -139,7 +139,6 @@ TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
             kShort, [](const char*) {}, [recovered] { recovered->Signal(); });
         EXPECT_FALSE(calls.Run(hang).has_value());
         EXPECT_FALSE(calls.Shutdown(kShort));
-        EXPECT_FALSE(calls.Run([] { return 1; }).has_value());
     }
     hang.Release();
     EXPECT_TRUE(recovered->Wait()) << "the call outlives its runner";

@@ -2,10 +2,10 @@
 #include "platform/tokens/key_codec.h"
 
 #include <gtest/gtest.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 
+#include "libcrypto/libcrypto.h"
 #include "tests/support/der.h"
 #include "tests/support/pki.h"
 
@@ -38,9 +38,7 @@ TEST(Keys, RoundTrip) {
             ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(original), key));
             EXPECT_EQ(key.alg, c.alg);
             const SecretString pkcs8 = tokens::Pkcs8FromComponents(key.alg, key.components);
-            const auto* der = reinterpret_cast<const unsigned char*>(pkcs8.get().data());
-            const test_pki::Key again(d2i_AutoPrivateKey(nullptr, &der, static_cast<long>(pkcs8.get().size())),
-                                      EVP_PKEY_free);
+            const auto again = libcrypto::Decode<EVP_PKEY_free>(d2i_AutoPrivateKey, pkcs8.get());
             ASSERT_NE(again, nullptr);
             EXPECT_EQ(EVP_PKEY_eq(original.get(), again.get()), 1);
         }
@@ -67,36 +65,6 @@ TEST(Keys, DamagedEncodingsAreRefused) {
 
 std::string Spki(const std::string& algorithm, const std::string& bits) {
     return der::Sequence(der::Sequence(algorithm) + der::BitString(bits));
-}
-
-TEST(PublicKeys, GostKeysRoundTrip) {
-    struct {
-        const char* key;
-        const char* set;
-        const char* digest;
-        std::size_t bytes;
-        pki_alg_t alg;
-        bool digest_written;
-    } const cases[] = {
-        {"1.2.643.2.2.19", "1.2.643.2.2.35.1", "1.2.643.2.2.30.1", 64, PKI_KEY_GOST2001, true},
-        {"1.2.643.7.1.1.1.1", "1.2.643.2.2.35.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256, true},
-        {"1.2.643.7.1.1.1.1", "1.2.643.7.1.2.1.1.1", "1.2.643.7.1.1.2.2", 64, PKI_KEY_GOST2012_256, false},
-        {"1.2.643.7.1.1.1.2", "1.2.643.7.1.2.1.2.1", "1.2.643.7.1.1.2.3", 128, PKI_KEY_GOST2012_512, false},
-    };
-    for (const auto& c : cases) {
-        const auto make = [&](bool with_digest) {
-            const std::string digest = with_digest ? der::Oid(c.digest) : std::string();
-            return Spki(der::Oid(c.key) + der::Sequence(der::Oid(c.set) + digest),
-                        der::OctetString(std::string(c.bytes, 'k')));
-        };
-        const std::string spki = make(c.digest_written);
-        tokens::PublicKey key;
-        ASSERT_TRUE(tokens::PublicKeyFromSpki(make(true), key)) << c.key;
-        EXPECT_EQ(key.alg, c.alg);
-        EXPECT_EQ(key.components.back(), std::string(c.bytes, 'k'));
-        EXPECT_EQ(tokens::KeyAlgOfObject(key.type, key.components[1]), c.alg);
-        EXPECT_EQ(tokens::SpkiFromComponents(key.alg, key.components), spki);
-    }
 }
 
 TEST(PublicKeys, HostileKeysAreRefused) {

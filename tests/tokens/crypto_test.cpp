@@ -164,21 +164,7 @@ TEST_F(Crypto, ListsWhatATokenOffers) {
         EXPECT_EQ(manager.IsTokenSupportMechanism(token_.info, alg), offered) << std::hex << alg;
     }
 
-    std::vector<PKCS11::KeyPairGenMechanism> mechanisms;
-    std::vector<pki_alg_t> digests;
-    ASSERT_TRUE(manager.GetKeyPairGenMechanisms(token_.info, mechanisms, digests));
-    std::map<pki_alg_t, std::pair<unsigned, unsigned>> sizes;
-    for (const auto& mechanism : mechanisms) sizes[mechanism.keyAlg] = {mechanism.minBits, mechanism.maxBits};
-    EXPECT_EQ(mechanisms.size(), 4U);
-    EXPECT_EQ(sizes[PKI_KEY_DSA], std::pair(512U, 1024U));
-    EXPECT_EQ(sizes[PKI_KEY_EC], std::pair(256U, 521U)) << "only curves that can be asked for";
-    EXPECT_EQ(sizes[PKI_KEY_ED25519], std::pair(256U, 256U));
-    EXPECT_EQ(sizes[PKI_KEY_RSA].first, 512U);
-    EXPECT_NE(std::find(digests.begin(), digests.end(), PKI_HASH_SHA256), digests.end());
-    EXPECT_EQ(std::find(digests.begin(), digests.end(), PKI_HASH_GOST94), digests.end());
-
     const PKCS11::TokenInfo nowhere;
-    EXPECT_FALSE(manager.GetKeyPairGenMechanisms(nowhere, mechanisms, digests));
     EXPECT_FALSE(manager.IsTokenSupportMechanism(nowhere, PKI_KEY_RSA));
 }
 

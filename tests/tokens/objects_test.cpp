@@ -1,16 +1,15 @@
 // Objects on a token: made, listed, found, deleted.
 #include <gtest/gtest.h>
 #include <openssl/pkcs12.h>
-#include <openssl/x509.h>
 #include <p11-kit/pkcs11.h>
 
 #include <algorithm>
 
 #include "certmgr/records.h"
+#include "libcrypto/libcrypto.h"
 #include "platform/tokens/attributes.h"
 #include "platform/tokens/key_codec.h"
 #include "platform/tokens/registry.h"
-#include "tests/support/crypto_types.h"
 #include "tests/tokens/fixture.h"
 
 namespace token_test {
@@ -232,8 +231,7 @@ TEST_F(Objects, ExportedKeysAreTheImportedOnes) {
         ASSERT_TRUE(session.CreatePrivKeyObject(parsed.alg, id + "-kept", test_pki::Pkcs8(key), false)) << id;
         std::string exported;
         ASSERT_TRUE(session.ExportPrivateKey(id, exported)) << id;
-        const auto* der = reinterpret_cast<const unsigned char*>(exported.data());
-        const test_pki::Key again(d2i_AutoPrivateKey(nullptr, &der, static_cast<long>(exported.size())), EVP_PKEY_free);
+        const auto again = libcrypto::Decode<EVP_PKEY_free>(d2i_AutoPrivateKey, exported);
         ASSERT_NE(again, nullptr) << id;
         EXPECT_EQ(EVP_PKEY_eq(again.get(), key.get()), 1) << id;
         EXPECT_FALSE(session.ExportPrivateKey(id + "-kept", exported)) << id;
@@ -241,13 +239,13 @@ TEST_F(Objects, ExportedKeysAreTheImportedOnes) {
 }
 
 TEST_F(Objects, EncryptedKeysAreImported) {
-    const std::unique_ptr<PKCS8_PRIV_KEY_INFO, FreeWith<PKCS8_PRIV_KEY_INFO_free>> info(
-        EVP_PKEY2PKCS8(leaf_.key.get()));
-    const std::unique_ptr<X509_SIG, FreeWith<X509_SIG_free>> encrypted(
+    const libcrypto::Pkcs8Ptr info(EVP_PKEY2PKCS8(leaf_.key.get()));
+    const libcrypto::SealedKeyPtr sealed(
         PKCS8_encrypt(-1, EVP_aes_256_cbc(), "password", 8, nullptr, 0, 1000, info.get()));
     TokenSession session(token_.info, TokenSession::kPrivate);
+    const std::string der = libcrypto::Encode(sealed.get(), i2d_X509_SIG);
     const auto import = [&](const char* password, pki_alg_t alg) {
-        return session.ImportPrivKeyObject({DerOf(encrypted.get(), i2d_X509_SIG), Secret(password)}, alg, "id", false);
+        return session.ImportPrivKeyObject({der, Secret(password)}, alg, "id", false);
     };
     EXPECT_FALSE(import("wrong", PKI_KEY_RSA));
     EXPECT_FALSE(import("password", PKI_KEY_EC)) << "of another algorithm";

@@ -175,34 +175,15 @@ TEST_F(Trouble, SessionsThatDoNotOpenSayWhy) {
     EXPECT_EQ(errors.errors, std::vector<std::string>{"one C_OpenSession CKR_SESSION_COUNT"});
 }
 
-TEST_F(Trouble, ReadingEndsWhereTheTokenFails) {
-    const test_pki::Cert cert = test_pki::MakeCa("CN=CA");
-    TokenSession writer(token_.info, TokenSession::kPrivate);
-    for (const char* id : {"a", "b", "c"}) {
-        ASSERT_TRUE(writer.CreateCertObject({.id = id, .value = cert.der}, cert.subject_der));
-    }
-    ASSERT_TRUE(Enumerate(writer));
-    ErrorLog errors;
-    TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
-    control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR skip 3"});  // the key, and two certificates
-    std::list<PKCS11::CertObject> certificates;
-    EXPECT_FALSE(session.EnumCertificates(certificates));
-    EXPECT_EQ(certificates.size(), 2U);
-    EXPECT_EQ(errors.errors.size(), 1U);
-}
-
 TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
-    const test_pki::Key key = test_pki::MakeKey(test_pki::KeyType::kEcP256);
-    Import(token_.info, PKI_KEY_EC, key, "own");
     TokenSession session(token_.info);
     const auto found = [&](const std::string& spki) {
         return std::pair{session.ContainPubKeyObject(spki), session.keyLookUpFailed()};
     };
     control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR times 1"});
-    EXPECT_EQ(found(test_pki::Spki(key)), std::pair(false, true));
+    EXPECT_EQ(found(test_pki::Spki(key_)), std::pair(false, true));
     EXPECT_EQ(found("no key"), std::pair(false, false));
-    EXPECT_EQ(found(test_pki::Spki(key)), std::pair(true, false));
-    EXPECT_EQ(found(test_pki::Spki(test_pki::MakeKey(test_pki::KeyType::kEcP256, 1))), std::pair(false, false));
+    EXPECT_EQ(found(test_pki::Spki(key_)), std::pair(true, false));
 }
 
 TEST_F(Trouble, SlotsHaveALimit) {
@@ -337,20 +318,6 @@ TEST_F(Hanging, OneCallThatHangsTakesItsProviderOutOnly) {
         EXPECT_TRUE(reports_.WaitFor("answers again"));
         TokenSession again(token_.info, TokenSession::kPrivate);
         EXPECT_TRUE(Sign(again)) << "still logged in";
-    }
-}
-
-// The card of one reader may never answer while those of the others do.
-TEST_F(Hanging, AModuleIsUsedAgainWhileACallStillHangs) {
-    settings_.recovery_interval = milliseconds(50);
-    Apply();
-    control_.Set({"hang C_Sign"});
-    for (std::size_t i = 1; i <= 3; ++i) {
-        TokenSession session(token_.info, TokenSession::kPrivate);
-        EXPECT_FALSE(Sign(session));
-        ASSERT_TRUE(reports_.WaitFor("removed one", i));
-        ASSERT_TRUE(reports_.WaitFor("inserted one", i + 1));
-        EXPECT_TRUE(VerifyAnew());
     }
 }
 
