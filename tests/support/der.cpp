@@ -1,10 +1,10 @@
 #include "tests/support/der.h"
 
-#include <openssl/asn1.h>
 #include <openssl/objects.h>
 
-#include <memory>
 #include <stdexcept>
+
+#include "libcrypto/libcrypto.h"
 
 namespace der {
 
@@ -33,8 +33,7 @@ std::string Integer(std::uint64_t value) {
 }
 
 std::string Oid(const std::string& text) {
-    const std::unique_ptr<ASN1_OBJECT, decltype(&ASN1_OBJECT_free)> object(OBJ_txt2obj(text.c_str(), 0),
-                                                                           ASN1_OBJECT_free);
+    const libcrypto::ObjectPtr object(OBJ_txt2obj(text.c_str(), 0));
     if (object == nullptr) throw std::invalid_argument("not an object identifier: " + text);
     const auto* data = reinterpret_cast<const char*>(OBJ_get0_data(object.get()));
     return Tlv(0x06, std::string_view(data, OBJ_length(object.get())));

@@ -26,9 +26,9 @@ std::string FreshSerial() {
 Extension FromConf(const ConfExtension& conf) {
     X509V3_CTX context;
     X509V3_set_ctx(&context, nullptr, nullptr, nullptr, nullptr, 0);
-    const Owned<CONF, NCONF_free> empty(NCONF_new(nullptr));
+    const Owner<CONF, NCONF_free> empty(NCONF_new(nullptr));
     X509V3_set_nconf(&context, empty.get());
-    const Owned<X509_EXTENSION, X509_EXTENSION_free> extension(
+    const Owner<X509_EXTENSION, X509_EXTENSION_free> extension(
         X509V3_EXT_nconf(empty.get(), &context, conf.name.c_str(), conf.value.c_str()));
     Check(extension != nullptr, (conf.name + " = " + conf.value).c_str());
     char oid[128];
@@ -231,10 +231,8 @@ std::string MakePkcs7(const std::vector<std::string>& certs_der, const std::vect
 }
 
 std::string ToPem(const std::string& label, std::string_view der) {
-    const Owned<BIO, BIO_free_all> bio(BIO_new(BIO_s_mem()));
-    Check(PEM_write_bio(bio.get(), label.c_str(), "", reinterpret_cast<const unsigned char*>(der.data()),
-                        static_cast<long>(der.size())) > 0,
-          "PEM");
+    const libcrypto::BioPtr bio(BIO_new(BIO_s_mem()));
+    Check(PEM_write_bio(bio.get(), label.c_str(), "", Data(der), static_cast<long>(der.size())) > 0, "PEM");
     char* data = nullptr;
     const long length = BIO_get_mem_data(bio.get(), &data);
     return {data, static_cast<std::size_t>(length)};

@@ -4,21 +4,17 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "libcrypto/libcrypto.h"
 #include "tests/support/pki.h"
 
 namespace test_pki {
 
-template <typename T, void (*Free)(T*)>
-struct Freer {
-    void operator()(T* object) const { Free(object); }
-};
-template <typename T, void (*Free)(T*)>
-using Owned = std::unique_ptr<T, Freer<T, Free>>;
+using libcrypto::Data;
+using libcrypto::Owner;
 
 inline void Check(bool ok, const char* what) {
     if (!ok) throw std::runtime_error(std::string("libcrypto refuses: ") + what);

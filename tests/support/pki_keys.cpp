@@ -12,8 +12,8 @@ namespace test_pki {
 
 namespace {
 
-using PkeyContext = Owned<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
-using DigestContext = Owned<EVP_MD_CTX, EVP_MD_CTX_free>;
+using libcrypto::KeyContextPtr;
+using DigestContext = Owner<EVP_MD_CTX, EVP_MD_CTX_free>;
 
 Key Adopt(EVP_PKEY* key) {
     Check(key != nullptr, "key generation");
@@ -23,7 +23,7 @@ Key Adopt(EVP_PKEY* key) {
 /// Domain parameters are slow to find, and harmless to share: one set for every DSA key.
 Key GenerateDsa() {
     static const Key parameters = [] {
-        const PkeyContext context(EVP_PKEY_CTX_new_id(EVP_PKEY_DSA, nullptr));
+        const KeyContextPtr context(EVP_PKEY_CTX_new_id(EVP_PKEY_DSA, nullptr));
         EVP_PKEY* out = nullptr;
         Check(EVP_PKEY_paramgen_init(context.get()) == 1 &&
                   EVP_PKEY_CTX_set_dsa_paramgen_bits(context.get(), 1024) == 1 &&
@@ -32,7 +32,7 @@ Key GenerateDsa() {
               "DSA parameters");
         return Adopt(out);
     }();
-    const PkeyContext context(EVP_PKEY_CTX_new(parameters.get(), nullptr));
+    const KeyContextPtr context(EVP_PKEY_CTX_new(parameters.get(), nullptr));
     EVP_PKEY* out = nullptr;
     Check(EVP_PKEY_keygen_init(context.get()) == 1 && EVP_PKEY_keygen(context.get(), &out) == 1, "DSA key");
     return Adopt(out);
@@ -96,20 +96,6 @@ void SetPss(EVP_PKEY_CTX* context, const EVP_MD* digest, const SignWith& with) {
           "RSASSA-PSS parameters");
 }
 
-const unsigned char* Bytes(std::string_view text) {
-    return reinterpret_cast<const unsigned char*>(text.data());
-}
-
-template <typename T, typename Encode>
-std::string Encoded(T* object, Encode encode) {
-    unsigned char* out = nullptr;
-    const int length = encode(object, &out);
-    Check(length > 0, "encoding");
-    std::string der(reinterpret_cast<char*>(out), static_cast<std::size_t>(length));
-    OPENSSL_free(out);
-    return der;
-}
-
 }  // namespace
 
 Key MakeKey(KeyType type, int index) {
@@ -121,19 +107,19 @@ Key MakeKeyOf(KeyType type, const std::string& subject_der) {
 }
 
 std::string Spki(const Key& key) {
-    return Encoded(key.get(), i2d_PUBKEY);
+    return libcrypto::Encode(key.get(), i2d_PUBKEY);
 }
 
 std::string Pkcs8(const Key& key) {
-    const Owned<PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free> info(EVP_PKEY2PKCS8(key.get()));
+    const libcrypto::Pkcs8Ptr info(EVP_PKEY2PKCS8(key.get()));
     Check(info != nullptr, "private key");
-    return Encoded(info.get(), i2d_PKCS8_PRIV_KEY_INFO);
+    return libcrypto::Encode(info.get(), i2d_PKCS8_PRIV_KEY_INFO);
 }
 
 std::string KeyIdOf(const Key& key) {
     X509_PUBKEY* raw = nullptr;
     Check(X509_PUBKEY_set(&raw, key.get()) == 1, "public key");
-    const Owned<X509_PUBKEY, X509_PUBKEY_free> spki(raw);
+    const Owner<X509_PUBKEY, X509_PUBKEY_free> spki(raw);
     const unsigned char* bits = nullptr;
     int length = 0;
     Check(X509_PUBKEY_get0_param(nullptr, &bits, &length, nullptr, spki.get()) == 1, "public key");
@@ -165,11 +151,9 @@ std::string SignData(const Key& key, const SignWith& with, std::string_view data
     Check(EVP_DigestSignInit(context.get(), &key_context, digest, nullptr, key.get()) == 1, "signing");
     SetPss(key_context, digest, with);
     std::size_t length = 0;
-    Check(EVP_DigestSign(context.get(), nullptr, &length, Bytes(data), data.size()) == 1, "signing");
+    Check(EVP_DigestSign(context.get(), nullptr, &length, Data(data), data.size()) == 1, "signing");
     std::string signature(length, '\0');
-    Check(EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, Bytes(data),
-                         data.size()) == 1,
-          "signing");
+    Check(EVP_DigestSign(context.get(), Data(signature), &length, Data(data), data.size()) == 1, "signing");
     signature.resize(length);
     return signature;
 }
@@ -180,8 +164,7 @@ bool VerifyData(const Key& key, const SignWith& with, std::string_view data, std
     EVP_PKEY_CTX* key_context = nullptr;
     Check(EVP_DigestVerifyInit(context.get(), &key_context, digest, nullptr, key.get()) == 1, "verifying");
     SetPss(key_context, digest, with);
-    const bool right =
-        EVP_DigestVerify(context.get(), Bytes(signature), signature.size(), Bytes(data), data.size()) == 1;
+    const bool right = EVP_DigestVerify(context.get(), Data(signature), signature.size(), Data(data), data.size()) == 1;
     ERR_clear_error();
     return right;
 }
