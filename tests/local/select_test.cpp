@@ -294,7 +294,6 @@ TEST_F(SelectTest, IdentitiesMapByTypeAndBytes) {
     } cases[] = {
         {host.get(), Id(kIp4, ip), ip},
         {host.get(), Id(kIp4, std::string{10, 1, 2, 4}), {}},
-        {host.get(), AnyId(kIp4), ip},
         {bare.get(), AnyId(kIp4), {}},
         {six.get(), AnyId(kIp4), {}},
         {host.get(), Id(kFqdn, "host.example"), "host.example"},
@@ -307,24 +306,12 @@ TEST_F(SelectTest, IdentitiesMapByTypeAndBytes) {
         {bare.get(), Id(kEmail, ""), {}},
         {host.get(), Id(kDn, "ignored", "CN=host, O=Test"), test_pki::NameDer("CN=host, O=Test")},
         {host.get(), Id(kDn, "CN=host, O=Test"), {}},
-        {bare.get(), AnyId(kDn), test_pki::NameDer("CN=bare")},
         {host.get(), AnyId(4), {}},
     };
     for (const auto& test : cases) {
         const std::string* value = CM::cert_map_to_lp_cfg_ipsecid(test.cert, test.id);
         EXPECT_EQ(value != nullptr ? std::optional(*value) : std::nullopt, test.value) << &test - cases;
     }
-
-    // The first entry that fits counts; only type and value are written.
-    const std::list<LPCFG::ipsecid_t> ids = {Id(kEmail, "x@example"), AnyId(kFqdn), AnyId(kIp4)};
-    LPCFG::ipsecid_t mapped = Id(kDn, "before", "kept");
-    mapped.any = 7;
-    EXPECT_EQ(CM::cert_map_to_lp_cfg_ipsecid_list(&mapped, host.get(), ids), 2U);
-    EXPECT_EQ(mapped.type, kFqdn);
-    EXPECT_EQ(mapped.value, "host.example");
-    EXPECT_EQ(mapped.dn, "kept");
-    EXPECT_EQ(mapped.any, 7U);
-    EXPECT_EQ(CM::cert_map_to_lp_cfg_ipsecid_list(nullptr, bare.get(), ids), 0U);
 }
 
 TEST_F(SelectTest, AnnouncesTheIdentityAndSaysWhereItIsFrom) {
@@ -345,7 +332,11 @@ TEST_F(SelectTest, AnnouncesTheIdentityAndSaysWhereItIsFrom) {
         {{}, false, 99, "untouched", empty},
         {{}, true, 99, "untouched", empty},
         {{AnyId(kIp4)}, false, kIp4, ip, "IP" + from + "10.1.2.3"},
-        {{AnyId(kFqdn)}, false, kFqdn, "host.example", "DNS" + from + "host.example"},
+        {{Id(kEmail, "x@example"), AnyId(kFqdn), AnyId(kIp4)},
+         false,
+         kFqdn,
+         "host.example",
+         "DNS" + from + "host.example"},
         {{AnyId(kEmail)}, false, kEmail, "joe@example", "E-Mail" + from + "joe@example"},
         {{AnyId(kDn)}, false, kDn, test_pki::NameDer("CN=host"), "DN from certificate"},
         {{Id(kIp4, local_ip), AnyId(kFqdn)}, true, kIp4, local_ip, "IP: 127.0.0.1" + mark},
