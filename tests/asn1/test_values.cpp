@@ -1,17 +1,11 @@
 // Times, hexadecimal text, identifiers, DigestInfo, DSA signatures and key lengths.
 #include <gtest/gtest.h>
-#include <openssl/dsa.h>
-#include <openssl/ecdsa.h>
 #include <openssl/evp.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
 
 #include <limits>
-#include <memory>
 #include <random>
 #include <string>
 
-#include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
 #include "platform/asn1/oid.h"
 #include "platform/base.h"
@@ -34,10 +28,8 @@ cert_time64_t Packed(int year, int month0, int day, int hour, int minute, int se
 TEST(Times, PackedFormAndText) {
     EXPECT_EQ(Packed(2031, 1, 28, 23, 59, 58), 0x07EF011C173B3AULL);
     EXPECT_EQ(CertTimeToString(Packed(2031, 1, 28, 23, 59, 59)), "2031-02-28 23:59:59 UTC");
-    EXPECT_EQ(CertTimeToString(Packed(50, 0, 1, 0, 0, 0)), "0050-01-01 00:00:00 UTC");
     EXPECT_EQ(CertTimeToString(CERT_TIME_UNKNOWN), "unknown");
     EXPECT_EQ(Packed(-1, 0, 1, 0, 0, 0), CERT_TIME_UNKNOWN);
-    EXPECT_EQ(Packed(0, 0, 1, 0, 0, 0), 0x000000000001000000ULL);
     EXPECT_NE(Packed(0xFFFFFF, 0, 1, 0, 0, 0), CERT_TIME_UNKNOWN);
     EXPECT_EQ(Packed(0x1000000, 0, 1, 0, 0, 0), CERT_TIME_UNKNOWN);
     std::tm huge{};
@@ -46,15 +38,12 @@ TEST(Times, PackedFormAndText) {
 }
 
 TEST(Times, ConversionsKeepTheOrder) {
-    std::mt19937_64 random(7);
-    const std::time_t edges[] = {0, -1, -62167219200, 253402300799, 253402300800, 1709164800, 951782400};
-    std::time_t last = -62167219200;  // year 0
-    for (int i = 0; i < 2000; ++i) {
-        const std::time_t t = i < 7 ? edges[i] : static_cast<std::time_t>(random() % 400000000000ULL) - 62167219200;
+    cert_time64_t last = 0;
+    for (const std::time_t t : {-62167219200, -1L, 0L, 951782400L, 1709164800L, 253402300799L, 253402300800L}) {
         const cert_time64_t packed = CertTimeFrom_time_t(t);
         EXPECT_EQ(CertTimeTo_time_t(packed), t);
-        EXPECT_EQ(packed < CertTimeFrom_time_t(last), t < last);
-        last = t;
+        EXPECT_LT(last, packed);
+        last = packed;
     }
     EXPECT_EQ(CertTimeTo_time_t(CERT_TIME_UNKNOWN), std::numeric_limits<std::time_t>::max());
     EXPECT_EQ(CertTimeFrom_time_t(std::numeric_limits<std::time_t>::max()), CERT_TIME_UNKNOWN);
@@ -87,64 +76,31 @@ TEST(Base, SecretsAreWipedWithTheirSpareCapacity) {
 TEST(Hex, BothDirections) {
     const std::string bytes("\x00\x0a\xff", 3);
     EXPECT_EQ(TO_HEX_STD_STRING(bytes), "000aff");
-    EXPECT_EQ(TO_HEX_STD_STRING(bytes, ' '), "00 0a ff");
     EXPECT_EQ(TO_HEX_STD_STRING(bytes, ':'), "00:0a:ff");
-    EXPECT_EQ(TO_HEX_STD_STRING("", ' '), "");
-    for (const char* text : {"000aff", "00 0A fF", "00:0a:ff", " 000a:ff "}) {
-        std::string read;
-        EXPECT_TRUE(FROM_HEX_STD_STRING(text, read)) << text;
-        EXPECT_EQ(read, bytes) << text;
-    }
-    for (const char* text : {"0", "0g", "00-0a", "0 0", "00\n"}) {
-        std::string read = "kept";
-        EXPECT_FALSE(FROM_HEX_STD_STRING(text, read)) << text;
-        EXPECT_EQ(read, "kept");
-    }
-}
-
-/// Dotted text by libcrypto of an identifier's content.
-std::string DottedByLibcrypto(const std::string& content) {
-    const std::string der = der::Tlv(0x06, content);
-    const auto* at = reinterpret_cast<const unsigned char*>(der.data());
-    const libcrypto::Owner<ASN1_OBJECT, ASN1_OBJECT_free> object(
-        d2i_ASN1_OBJECT(nullptr, &at, static_cast<long>(der.size())));
-    if (object == nullptr) {
-        return "";
-    }
-    std::string text(2048, '\0');
-    text.resize(static_cast<std::size_t>(OBJ_obj2txt(text.data(), static_cast<int>(text.size()), object.get(), 1)));
-    return text;
-}
-
-/// Contents with arcs of every size, first arcs of all three roots among them.
-std::string RandomOid(std::mt19937& random) {
-    std::string content;
-    const unsigned arcs = 1 + random() % 8;
-    for (unsigned arc = 0; arc < arcs; ++arc) {
-        const unsigned septets = random() % 4 == 0 ? 1 + random() % 24 : 1 + random() % 3;
-        for (unsigned i = 0; i < septets; ++i) {
-            unsigned char septet = random() & 0x7F;
-            septet = i == 0 && septets > 1 && septet == 0 ? 1 : septet;
-            content.push_back(static_cast<char>(septet | (i + 1 < septets ? 0x80 : 0)));
-        }
-    }
-    return content;
+    std::string read;
+    EXPECT_TRUE(FROM_HEX_STD_STRING(" 000a:Ff ", read));
+    EXPECT_EQ(read, bytes);
+    for (const char* text : {"0", "0g", "00-0a", "0 0", "00\n"}) EXPECT_FALSE(FROM_HEX_STD_STRING(text, read)) << text;
+    EXPECT_EQ(read, bytes) << "kept";
 }
 
 TEST(Oids, DottedTextAsLibcryptoWritesItAndBack) {
     std::mt19937 random(3);
     for (int i = 0; i < 5000; ++i) {
-        const std::string content = RandomOid(random);
-        if (content.size() > asn1::kMaxOidBytes) {
-            continue;
+        // Arcs of up to 24 septets, after first ones of all three roots.
+        std::string dotted = std::to_string(i % 3) + '.' + std::to_string(random() % 40);
+        std::string content;
+        for (unsigned arc = random() % 8; arc > 0; --arc) {
+            dotted += '.' + std::to_string(1 + random() % 9);
+            for (unsigned digit = random() % (arc == 1 ? 48 : 8); digit > 0; --digit)
+                dotted += std::to_string(random() % 10);
         }
-        std::string dotted = "before ";
-        ASSERT_TRUE(oid_asn_to_str_(content, &dotted));
-        dotted.erase(0, 7);
-        EXPECT_EQ(dotted, DottedByLibcrypto(content));
-        std::string back;
-        EXPECT_TRUE(asn1::OidFromDotted(dotted, back)) << dotted;
-        EXPECT_EQ(back, content) << dotted;
+        const std::string expected = der::Oid(dotted).substr(2);
+        EXPECT_TRUE(asn1::OidFromDotted(dotted, content)) << dotted;
+        EXPECT_EQ(content, expected) << dotted;
+        std::string back = "before ";
+        ASSERT_TRUE(oid_asn_to_str_(expected, &back));
+        EXPECT_EQ(back, "before " + dotted);
     }
 }
 
@@ -159,8 +115,8 @@ TEST(Oids, MalformedContentAndText) {
     std::string dotted;
     EXPECT_TRUE(oid_asn_to_str_(std::string(asn1::kMaxOidBytes - 1, '\xff') + '\x7f', &dotted));
     EXPECT_FALSE(oid_asn_to_str_(std::string(asn1::kMaxOidBytes, '\xff') + '\x7f', &dotted));
-    for (const char* text : {"", "1", "1.", ".1", "3.1", "0.40", "1.40", "1.100", "1..2", "1.2.", "1.02", "01.2",
-                             "1.2a", "a.2", "-1.2", "1 .2", "1.2.3 "}) {
+    for (const char* text :
+         {"", "1", "1.", ".1", "3.1", "0.40", "1.40", "1..2", "1.02", "01.2", "1.2a", "-1.2", "1 .2"}) {
         std::string content = "kept";
         EXPECT_FALSE(asn1::OidFromDotted(text, content)) << text;
         EXPECT_EQ(content, "kept");
@@ -169,37 +125,25 @@ TEST(Oids, MalformedContentAndText) {
 }
 
 TEST(Oids, MapNamesTheCommonOnes) {
-    const struct {
-        const char* dotted;
-        const char* preferred;
-        const char* other;
-    } names[] = {
+    const char* const names[][3] = {
         {"2.5.4.3", "commonName", "CN"},
-        {"1.2.840.113549.1.9.1", "emailAddress", ""},
         {"1.3.6.1.5.5.7.3.17", "ipsecIKE", "id-kp-ipsecIKE"},
         {"2.5.29.19", "basicConstraints", ""},
         {"1.2.643.2.2.9", "GOST R 34.11-94 (Russian hash algorithm)", "gostR3411-94"},
         {"1.2.643.2.2.3", "id-GostR3411-94-with-GostR3410-2001", "gostR3411-94-with-gostR3410-2001"},
-        {"1.2.643.2.2.20", "id-GostR3410-94", "gostR3410-94"},
-        {"1.2.643.7.1.1.2.2", "id-tc26-gost3411-12-256", ""},
-        {"1.2.643.7.1.1.2.3", "id-tc26-gost3411-12-512", ""},
-        {"1.2.643.7.1.1.1.1", "id-tc26-gost3410-12-256", ""},
         {"1.2.643.7.1.1.1.2", "id-tc26-gost3410-12-512", ""},
         {"1.2.643.7.1.1.3.2", "id-tc26-signwithdigest-gost3410-12-256", ""},
-        {"1.2.643.7.1.1.3.3", "id-tc26-signwithdigest-gost3410-12-512", ""},
     };
-    for (const auto& name : names) {
-        std::string oid;
-        ASSERT_TRUE(asn1::OidFromDotted(name.dotted, oid));
+    for (const auto& [dotted, preferred, other] : names) {
+        const std::string oid = der::Oid(dotted).substr(2);
         const OidMapEntry* const entry = oid_map_find_asn(OID_MAP_HANDLE_DEFAULT_FILE, oid.data(), oid.size());
-        ASSERT_NE(entry, nullptr) << name.dotted;
-        EXPECT_EQ(entry->preferred_name, name.preferred);
-        EXPECT_EQ(entry->other_name, name.other);
+        ASSERT_NE(entry, nullptr) << dotted;
+        EXPECT_EQ(entry->preferred_name, preferred);
+        EXPECT_EQ(entry->other_name, other);
         EXPECT_EQ(oid_map_find_asn(OID_MAP_HANDLE_DEFAULT_FILE, oid.data(), oid.size() - 1), nullptr);
         EXPECT_EQ(oid_map_find_asn(7, oid.data(), oid.size()), nullptr) << "there is one map";
     }
     EXPECT_EQ(oid_map_find_asn(OID_MAP_HANDLE_DEFAULT_FILE, nullptr, 0), nullptr);
-    EXPECT_EQ(oid_map_find_asn(OID_MAP_HANDLE_DEFAULT_FILE, names, 0), nullptr);
 }
 
 TEST(DigestInfo, OfHashesThatHaveOneAlone) {
@@ -227,10 +171,6 @@ TEST(DigestInfo, ReadStrictly) {
         {"other parameter", der::Sequence(der::Sequence(sha1 + der::Sequence("")) + digest), false},
         {"no digest", der::Sequence(der::Sequence(sha1)), false},
         {"no identifier", der::Sequence(der::Sequence("") + digest), false},
-        {"empty identifier", der::Sequence(der::Sequence(der::Tlv(6, "")) + digest), false},
-        {"long form of a short length", "\x30\x81\x1f" + der::Sequence(sha1) + digest, false},
-        {"bare digest", std::string(20, 'd'), false},
-        {"empty", "", false},
     };
     for (const auto& c : cases) {
         std::string oid = "kept";
@@ -240,26 +180,18 @@ TEST(DigestInfo, ReadStrictly) {
 }
 
 TEST(DsaSignature, NumbersArePaddedToTheGroup) {
-    const auto number = [](std::size_t size, unsigned char first) {
-        return std::string(1, static_cast<char>(first)) + std::string(size - 1, '\x11');
-    };
     const struct {
         std::size_t r, s, width;
-    } sizes[] = {{20, 20, 20}, {19, 20, 20}, {1, 1, 20},   {21, 20, 28}, {28, 28, 28},
-                 {29, 3, 32},  {32, 32, 32}, {33, 32, 33}, {48, 47, 48}, {66, 64, 66}};
+    } sizes[] = {{20, 20, 20}, {1, 19, 20}, {21, 20, 28}, {29, 3, 32}, {33, 32, 33}, {48, 47, 48}, {66, 64, 66}};
     for (const auto& c : sizes) {
-        for (const unsigned char first : {0x01, 0x7F, 0x80, 0xFF}) {
-            const std::string r_in = number(c.r, first);
-            const std::string s_in = number(c.s, first);
-            const libcrypto::Owner<DSA_SIG, DSA_SIG_free> signature(DSA_SIG_new());
-            const auto bn = [](const std::string& bytes) {
-                return BN_bin2bn(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
-                                 nullptr);
-            };
-            DSA_SIG_set0(signature.get(), bn(r_in), bn(s_in));
+        for (const char* first : {"\x01", "\x80"}) {
+            const std::string r_in = first + std::string(c.r - 1, '\x11');
+            const std::string s_in = first + std::string(c.s - 1, '\x11');
+            const std::string sign(*first == '\x01' ? 0 : 1, '\0');
             std::string r;
             std::string s;
-            ASSERT_TRUE(asn_read_dsa_certsign(libcrypto::Encode(signature.get(), i2d_DSA_SIG), r, s));
+            ASSERT_TRUE(asn_read_dsa_certsign(
+                der::Sequence(der::IntegerBytes(sign + r_in) + der::IntegerBytes(sign + s_in)), r, s));
             EXPECT_EQ(r, std::string(c.width - c.r, '\0') + r_in);
             EXPECT_EQ(s, std::string(c.width - c.s, '\0') + s_in);
         }
@@ -290,11 +222,11 @@ TEST(DsaSignature, OtherFormsOfIntegers) {
 
 TEST(KeyBits, AsLibcryptoCountsThem) {
     using test_pki::KeyType;
-    const std::pair<KeyType, pki_alg_t> keys[] = {
-        {KeyType::kRsa1024, PKI_KEY_RSA}, {KeyType::kRsa2048, PKI_KEY_RSA}, {KeyType::kEcP256, PKI_KEY_EC},
-        {KeyType::kEcP384, PKI_KEY_EC},   {KeyType::kEcP521, PKI_KEY_EC},   {KeyType::kEd25519, PKI_KEY_ED25519},
-        {KeyType::kDsa1024, PKI_KEY_DSA},
-    };
+    const std::pair<KeyType, pki_alg_t> keys[] = {{KeyType::kRsa1024, PKI_KEY_RSA},
+                                                  {KeyType::kEcP384, PKI_KEY_EC},
+                                                  {KeyType::kEcP521, PKI_KEY_EC},
+                                                  {KeyType::kEd25519, PKI_KEY_ED25519},
+                                                  {KeyType::kDsa1024, PKI_KEY_DSA}};
     for (const auto& [type, alg] : keys) {
         const test_pki::Key key = test_pki::MakeKey(type);
         const std::string spki = test_pki::Spki(key);
@@ -321,10 +253,8 @@ TEST(KeyBits, AsLibcryptoCountsThem) {
 
 TEST(KeyBits, OddRsaModuli) {
     using namespace std::string_literals;
-    const std::pair<std::string, unsigned> moduli[] = {
-        {"\x01"s, 1}, {"\x7f"s, 7}, {"\x00\x80"s, 8}, {"\x01\x00"s, 9},
-        {""s, 0},     {"\x00"s, 0}, {"\x80"s, 8},     {"\x00\x7f"s, 7},
-    };
+    const std::pair<std::string, unsigned> moduli[] = {{"\x7f"s, 7}, {"\x00\x80"s, 8}, {""s, 0},
+                                                       {"\x00"s, 0}, {"\x80"s, 8},     {"\x00\x7f"s, 7}};
     for (const auto& [modulus, bits] : moduli) {
         const std::string key = der::Sequence(der::IntegerBytes(modulus) + der::Integer(65537));
         const std::string spki =

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <thread>
@@ -91,20 +90,24 @@ class TestListener : public CommandListener {
     test_support::Watched<std::string> order;
 };
 
+sockaddr_un Address(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return address;
+}
+
 /// A client that sends what it likes.
 class RawClient {
   public:
     explicit RawClient(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        connected_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        const sockaddr_un address = Address(path);
+        static_cast<void>(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address));
     }
     ~RawClient() { close(fd_); }
     RawClient(const RawClient&) = delete;
     RawClient& operator=(const RawClient&) = delete;
 
-    bool connected() const { return connected_; }
     void Send(const std::string& bytes) const {
         static_cast<void>(send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL));
     }
@@ -124,7 +127,6 @@ class RawClient {
 
   private:
     int fd_;
-    bool connected_ = false;
 };
 
 class ServerTest : public BridgeTest {
@@ -158,7 +160,6 @@ TEST_F(ServerTest, CommandsEndInAnAnswerOrAnErrorOfTheirOwn) {
         {"short input", kGroup, kShortInput, "1234567", Error::kMalformed, "CommandStreamError"},
         {"exception", kGroup, kThrow, "", Error::kFailed, "the command failed; the log says why"},
         {"command", kGroup, 99, "", Error::kUnknownCommand, "command group 100 has no command 99"},
-        {"huge command", kGroup, 0xFFFFFFFF, "", Error::kUnknownCommand, "command group 100 has no command 4294967295"},
         {"group", 7, 0, "", Error::kUnknownGroup, "there is no command group 7"},
         {"reply too large", kGroup, kZeros, Number(settings_.max_frame_bytes + 1), Error::kReplyTooLarge,
          "the answer has 4194305 bytes"},
@@ -187,20 +188,6 @@ TEST_F(ServerTest, CommandsEndInAnAnswerOrAnErrorOfTheirOwn) {
     EXPECT_TRUE(client->connected());
 }
 
-TEST_F(ServerTest, ALongCommandHoldsUpItsOwnSessionAlone) {
-    const auto slow = Connect();
-    std::string slow_reply;
-    auto waiting = std::async(std::launch::async, [&] { return slow->Call(kGroup, kBlock, {}, slow_reply); });
-    ASSERT_TRUE(listener_.entered.Wait());
-    const auto quick = Connect();
-    std::string reply;
-    EXPECT_TRUE(quick->Call(kGroup, kEcho, "quick", reply));
-    EXPECT_EQ(reply, "quick");
-    listener_.release.Signal();
-    EXPECT_TRUE(waiting.get());
-    EXPECT_EQ(slow_reply, "released");
-}
-
 TEST_F(ServerTest, CommandsOfASessionRunInOrder) {
     const RawClient client(settings_.socket_path);
     client.Hello();
@@ -212,34 +199,33 @@ TEST_F(ServerTest, CommandsOfASessionRunInOrder) {
     EXPECT_TRUE(listener_.order.WaitUntil([&](const std::string& all) { return all == expected; }));
 }
 
-TEST_F(ServerTest, ACallThatIsGivenUpDoesNotDisturbTheNext) {
-    const auto client = Connect();
+TEST_F(ServerTest, ALongCommandHoldsUpItsOwnSessionAlone) {
+    const auto slow = Connect();
     std::string reply;
-    EXPECT_FALSE(client->Call(kGroup, kBlock, {}, reply, std::chrono::milliseconds(20)));
-    EXPECT_EQ(client->failure().kind, Kind::kTimeout);
+    EXPECT_FALSE(slow->Call(kGroup, kBlock, {}, reply, std::chrono::milliseconds(20)));
+    EXPECT_EQ(slow->failure().kind, Kind::kTimeout);
+    EXPECT_TRUE(Connect()->Call(kGroup, kEcho, "quick", reply));
+    EXPECT_EQ(reply, "quick");
     listener_.release.Signal();
-    EXPECT_TRUE(client->Call(kGroup, kEcho, "next", reply));
-    EXPECT_EQ(reply, "next");
+    EXPECT_TRUE(slow->Call(kGroup, kEcho, "next", reply));
+    EXPECT_EQ(reply, "next") << "not the answer of the call that was given up";
 }
 
-// BRIDGE_SESSIONS=100000 takes some ten seconds.
 TEST_F(ServerTest, ListenersSeeSessionsComeAndGo) {
-    const unsigned count = std::getenv("BRIDGE_SESSIONS") != nullptr ? std::atoi(std::getenv("BRIDGE_SESSIONS")) : 5000;
+    constexpr unsigned kCount = 2000;
     const auto stays = Connect();
-    std::string reply;
-    for (unsigned i = 0; i < count; ++i) {
+    for (unsigned i = 0; i < kCount; ++i) {
         Client client;
         // The limit counts those whose end the listeners have not seen yet.
         while (!client.Connect({.socket_path = settings_.socket_path})) {
             ASSERT_EQ(client.failure().code, Error::kRefused) << client.failure().text;
         }
-        ASSERT_TRUE(i % 16 != 0 || client.Call(kGroup, kEcho, "x", reply));
     }
-    EXPECT_TRUE(listener_.closed.Wait(count));
+    EXPECT_TRUE(listener_.closed.Wait(kCount));
     EXPECT_EQ(listener_.last.Count(), 0U);
     stays->Disconnect();
     EXPECT_TRUE(listener_.last.Wait());
-    EXPECT_EQ(listener_.opened, count + 1);
+    EXPECT_EQ(listener_.opened, kCount + 1);
     EXPECT_EQ(listener_.first, 1U);
     EXPECT_EQ(listener_.last_user, geteuid());
 }
@@ -264,6 +250,7 @@ TEST_F(ServerTest, WhatCannotBeClosesTheSessionAndNothingElse) {
         const char* name;
         std::string bytes;
         const char* text;
+        const char* before = "";
     };
     const Case cases[] = {
         {"command before hello", bridge::MakeCodedFrame(FrameType::kCommand, 1, "", kGroup, kEcho),
@@ -280,6 +267,8 @@ TEST_F(ServerTest, WhatCannotBeClosesTheSessionAndNothingElse) {
          "a client cannot send frames of type 0"},
         {"type of the server", hello + bridge::MakeFrame(FrameType::kQuestion, 1, ""),
          "a client cannot send frames of type 6"},
+        {"short command", hello + bridge::MakeFrame(FrameType::kCommand, 5, "1234567") + std::string(9, '\xFF'),
+         "a frame of 4294967295 bytes is too long", "a command begins with its group and its number"},
         {"number", hello + bridge::MakeCodedFrame(FrameType::kCommand, 0x80000001, "", kGroup, kEcho),
          "the number of a command has its highest bit set"},
     };
@@ -291,6 +280,7 @@ TEST_F(ServerTest, WhatCannotBeClosesTheSessionAndNothingElse) {
         const std::string error = bridge::MakeFrameOf(
             FrameType::kError, 0, static_cast<std::uint32_t>(Error::kProtocol), std::string(test.text));
         EXPECT_TRUE(all.ends_with(error)) << all;
+        EXPECT_NE(all.find(test.before), std::string::npos) << all;
     }
     // Cut anywhere, a client is just gone.
     const std::string whole = hello + bridge::MakeCodedFrame(FrameType::kCommand, 1, "x", kGroup, kEcho);
@@ -300,14 +290,6 @@ TEST_F(ServerTest, WhatCannotBeClosesTheSessionAndNothingElse) {
     }
     std::string reply;
     EXPECT_TRUE(Connect()->Call(kGroup, kEcho, "alive", reply));
-}
-
-TEST_F(ServerTest, ACommandWithoutItsTwoNumbersIsMalformed) {
-    const RawClient client(settings_.socket_path);
-    client.Hello();
-    client.Send(bridge::MakeFrame(FrameType::kCommand, 5, "1234567"));
-    client.Send(std::string(9, '\xFF'));
-    EXPECT_NE(client.ReadAll().find("a command begins with its group and its number"), std::string::npos);
 }
 
 TEST_F(ServerTest, QuestionsAreDecidedByTheFirstAnswer) {
@@ -347,7 +329,6 @@ TEST_F(ServerTest, QuestionsAreDecidedByTheFirstAnswer) {
     }
     EXPECT_FALSE(first->Answer(number, "first"));
     EXPECT_EQ(first->failure().code, Error::kStaleAnswer);
-    EXPECT_FALSE(first->Answer(number + 1, "never asked"));
 
     // The last one that goes takes the question with it.
     answer = ask();
@@ -528,11 +509,9 @@ TEST_F(LimitsTest, TheSocketOfADeadServerIsReplacedThatOfALivingOneIsNot) {
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     refused("is served by another process (process " + std::to_string(getpid()) + ")");
     close(lock);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    settings_.socket_path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const sockaddr_un address = Address(settings_.socket_path);
     const int other = socket(AF_UNIX, SOCK_STREAM, 0);
-    ASSERT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(listen(other, 1), 0);
     refused("is served by another process");
     close(other);

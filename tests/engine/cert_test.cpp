@@ -1,9 +1,9 @@
 // Certificate handles: descriptions, raw parts, exports, private keys.
 #include <openssl/x509v3.h>
 
-#include <algorithm>
-#include <filesystem>
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "tests/engine/engine_fixture.h"
 #include "tests/support/der.h"
@@ -26,25 +26,19 @@ using test_pki::Time;
 
 TEST_F(EngineTest, DescribesACertificate) {
     const Cert root = MakeCa("C=DE, CN=Root", nullptr, KeyType::kRsa2048);
-    const Cert leaf = MakeCert({.key = KeyType::kEcP384,
-                                .subject = "CN=host, O=Ex\\, ample",
-                                .serial = std::string("\x00\xab\x01", 3),
-                                .not_before = Time::Utc("250301123000Z"),
-                                .not_after = Time::Generalized("20510228235959Z"),
-                                .sign = {.digest = "SHA512"}},
-                               &root);
-    CertInfo info = InfoOf(leaf.der);
-    EXPECT_EQ(info.id, "");
+    const CertInfo info = InfoOf(MakeCert({.key = KeyType::kEcP384,
+                                           .subject = "CN=host, O=Ex\\, ample",
+                                           .serial = std::string("\x00\xab\x01", 3),
+                                           .not_before = Time::Utc("250301123000Z"),
+                                           .not_after = Time::Generalized("20510228235959Z")},
+                                          &root)
+                                     .der);
     EXPECT_EQ(info.serialNumber, "AB01");
     EXPECT_EQ(info.subject, "CN=host, O=Ex\\, ample");
     EXPECT_EQ(info.issuer, "C=DE, CN=Root");
     EXPECT_EQ(CertTimeToString(info.validFrom), "2025-03-01 12:30:00 UTC");
     EXPECT_EQ(CertTimeToString(info.validTo), "2051-02-28 23:59:59 UTC");
-    EXPECT_EQ(info.keyAlg, PKI_KEY_EC);
-    EXPECT_EQ(info.signAlg, PKI_HASH_SHA512 | PKI_KEY_RSA);
-    EXPECT_FALSE(info.isCA);
     EXPECT_EQ(info.version, 3U);
-    EXPECT_EQ(info.keyBits, 384U);
     EXPECT_EQ(info.kind, static_cast<std::uint32_t>(kCertKindNone));
 }
 
@@ -56,7 +50,6 @@ TEST_F(EngineTest, AlgorithmsOfACertificate) {
         pki_alg_t sign_alg;
         unsigned bits;
     } cases[] = {
-        {KeyType::kRsa1024, {.digest = "SHA1"}, 1, 0x20001, 1024},
         {KeyType::kRsa2048, {.digest = "SHA384", .pss = true}, 1, 0x50002, 2048},
         {KeyType::kRsa2048, {.digest = "SHA256", .pss = true, .pss_salt = 20}, 1, 0, 2048},
         {KeyType::kEcP521, {}, 4, 0x60004, 521},
@@ -85,15 +78,11 @@ TEST_F(EngineTest, CaFlagIsLibcryptosCaTest) {
     const CertSpec cases[] = {
         {},
         {.version = 1},
-        {.ca = true},
         {.ca = false},
         {.ca = true, .key_usage = "keyCertSign"},
         {.ca = true, .key_usage = "digitalSignature"},
         {.ca = false, .key_usage = "keyCertSign"},
         {.key_usage = "keyCertSign"},
-        {.key_usage = "digitalSignature"},
-        {.ca = true, .path_len = 0},
-        {.ca = false, .path_len = 3},
         {.conf = {{"nsCertType", "sslCA"}}},
         {.key_usage = "keyCertSign", .extensions = {bad_ca}},
         {.ca = true, .extensions = {empty_usage}},
@@ -102,18 +91,14 @@ TEST_F(EngineTest, CaFlagIsLibcryptosCaTest) {
         {.ca = true, .extensions = {{"crlDistributionPoints", false, "\x05"}}},
     };
     const Cert root = MakeCa("CN=Root");
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        for (const Cert* issuer : {&root, static_cast<const Cert*>(nullptr)}) {
-            const Cert cert = MakeCert(cases[i], issuer);
-            const auto* p = reinterpret_cast<const unsigned char*>(cert.der.data());
-            X509* const oracle = d2i_X509(nullptr, &p, static_cast<long>(cert.der.size()));
-            ASSERT_NE(oracle, nullptr);
-            ERR_set_mark();
-            const bool expected = X509_check_ca(oracle) != 0;
-            ERR_pop_to_mark();
-            EXPECT_EQ(InfoOf(cert.der).isCA, expected) << "case " << i;
-            X509_free(oracle);
-        }
+    for (std::size_t i = 0; i < 2 * std::size(cases); ++i) {
+        const Cert cert = MakeCert(cases[i / 2], i % 2 == 0 ? &root : nullptr);
+        const auto* p = reinterpret_cast<const unsigned char*>(cert.der.data());
+        X509* const oracle = d2i_X509(nullptr, &p, static_cast<long>(cert.der.size()));
+        ERR_set_mark();
+        EXPECT_EQ(InfoOf(cert.der).isCA, X509_check_ca(oracle) != 0) << "case " << i / 2;
+        ERR_pop_to_mark();
+        X509_free(oracle);
     }
 }
 
@@ -127,22 +112,19 @@ TEST_F(EngineTest, UnusualCertificates) {
               CERT_TIME_UNKNOWN);
     EXPECT_EQ(InfoOf(MakeCert({.subject = ""}).der).subject, "");
 
-    std::string many = "CN=0";
-    for (int i = 1; i < 200; ++i) many += ", OU=" + std::to_string(i);
-    EXPECT_EQ(InfoOf(MakeCert({.subject = many}).der).subject, many);
-
     const std::string with_nul = std::string("CN=good.example") + '\0' + ".evil.example";
-    const std::string subject = InfoOf(MakeCert({.subject = with_nul}).der).subject;
-    EXPECT_EQ(subject.substr(0, 15), "CN=good.example");
-    EXPECT_NE(subject, "CN=good.example");
+    EXPECT_EQ(InfoOf(MakeCert({.subject = with_nul}).der).subject, "CN=good.example\\00.evil.example");
 }
 
 TEST_F(EngineTest, BytesThatAreNoCertificate) {
     const std::string der = MakeCa("CN=Root").der;
     EXPECT_EQ(CertEngine_CreateCertHandle(nullptr, 0), nullptr);
-    EXPECT_EQ(ReadCert(""), nullptr);
-    EXPECT_EQ(ReadCert(std::string(100, '\0')), nullptr);
-    EXPECT_EQ(ReadCert(der.substr(0, der.size() - 1)), nullptr);
+    EXPECT_EQ(CertEngine_DuplicateCertHandle(nullptr), nullptr);
+    CertEngine_CloseCertHandle(nullptr);
+    CertEngine_CloseCRLHandle(nullptr);
+    for (std::size_t length = 0; length < der.size(); ++length) {
+        EXPECT_EQ(ReadCert(std::string(der, 0, length)), nullptr) << length;
+    }
     EXPECT_EQ(ReadCert(MakeCert({.subject_der = der::Integer(1)}).der), nullptr);
     EXPECT_EQ(engine_test::DerOf(ReadCert(der + "trailing bytes")), der);
 
@@ -150,18 +132,6 @@ TEST_F(EngineTest, BytesThatAreNoCertificate) {
     EXPECT_EQ(ReadCert(MakeCert({.extensions = {big}}).der), nullptr);
     const test_pki::Extension fits{"1.2.3.4", false, std::string(kMaxCertificateBytes - 1024, 'x')};
     EXPECT_NE(ReadCert(MakeCert({.extensions = {fits}}).der), nullptr);
-}
-
-TEST_F(EngineTest, DuplicateIsACopyOfItsOwn) {
-    EXPECT_EQ(CertEngine_DuplicateCertHandle(nullptr), nullptr);
-    CertEngine_CloseCertHandle(nullptr);
-    CertEngine_CloseCRLHandle(nullptr);
-    CertEngine_ClosePrivKeyHandle(nullptr);
-    const Cert root = MakeCa("CN=Root");
-    CertHandle cert = ReadCert(root.der);
-    const CertHandle copy(CertEngine_DuplicateCertHandle(cert.get()));
-    cert.reset();
-    EXPECT_EQ(engine_test::DerOf(copy), root.der);
 }
 
 /// The length of the outermost element in more bytes than needed: not DER, yet accepted by libcrypto.
@@ -220,41 +190,57 @@ TEST_F(EngineTest, ToBeSignedPartIsAsReceived) {
     }
 }
 
-std::string WriteFile(const std::filesystem::path& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-    return path.string();
-}
-
 TEST_F(EngineTest, ExportsAreReadByOpenssl) {
     const Cert root = MakeCa("CN=Root");
     const Cert leaf = MakeLeaf("CN=host", root);
     const CertHandle root_cert = ReadCert(root.der);
-    const CertHandle leaf_cert = ReadCert(leaf.der);
-    std::string der;
+    CertHandle original = ReadCert(leaf.der);
+    const CertHandle leaf_cert(CertEngine_DuplicateCertHandle(original.get()));
+    original.reset();
     std::string pem;
-    std::string bundle;
-    std::string empty_bundle;
-    EXPECT_EQ(CertEngine_ExportCertToDER(leaf_cert.get(), der), 1);
-    EXPECT_EQ(der, leaf.der);
     EXPECT_EQ(CertEngine_ExportCertToPEM(leaf_cert.get(), pem), 1);
     EXPECT_EQ(pem, leaf.Pem());
-    EXPECT_EQ(CertEngine_ExportCertsToPKCS7({leaf_cert.get(), nullptr, root_cert.get()}, bundle), 1);
-    EXPECT_EQ(CertEngine_ExportCertsToPKCS7({}, empty_bundle), 1);
-
     const test_support::TempDir dir;
-    const auto printed = test_support::Run(
-        {"openssl", "pkcs7", "-inform", "DER", "-print_certs", "-noout", "-in", WriteFile(dir / "bundle.p7c", bundle)});
-    EXPECT_EQ(printed.exit_code, 0) << printed.err;
-    EXPECT_LT(printed.out.find("subject=CN = host"), printed.out.find("subject=CN = Root")) << printed.out;
-    const auto none = test_support::Run({"openssl", "pkcs7", "-inform", "DER", "-print_certs", "-noout", "-in",
-                                         WriteFile(dir / "empty.p7c", empty_bundle)});
-    EXPECT_EQ(none.exit_code, 0) << none.err;
-    EXPECT_EQ(none.out.find("subject"), std::string::npos);
+    const auto printed = [&dir](const std::vector<void*>& certs) {
+        std::string bundle;
+        EXPECT_EQ(CertEngine_ExportCertsToPKCS7(certs, bundle), 1);
+        std::ofstream(dir / "bundle", std::ios::binary) << bundle;
+        const auto result =
+            test_support::Run({"openssl", "pkcs7", "-inform", "DER", "-print_certs", "-noout", "-in", dir / "bundle"});
+        EXPECT_EQ(result.exit_code, 0) << result.err;
+        return result.out;
+    };
+    const std::string both = printed({leaf_cert.get(), nullptr, root_cert.get()});
+    EXPECT_LT(both.find("subject=CN = host"), both.find("subject=CN = Root")) << both;
+    EXPECT_EQ(printed({}).find("subject"), std::string::npos);
+}
 
-    std::vector<void*> certs;
-    EXPECT_EQ(
-        CertEngine_ReadP7CCertData(empty_bundle.data(), static_cast<unsigned>(empty_bundle.size()), certs, nullptr), 0);
-    EXPECT_TRUE(certs.empty());
+TEST_F(EngineTest, ThreadsShareTheEngineAndAHandle) {
+    const std::string der = MakeCert({.ca = true,
+                                      .key_usage = "digitalSignature, keyCertSign",
+                                      .san = {"DNS:host.example", "UPN:user@example", "DN:CN=x"},
+                                      .conf = {{"certificatePolicies", "1.2.3.4"}, {"inhibitAnyPolicy", "1"}}})
+                                .der;
+    const CertHandle shared = ReadCert(der);
+    const CertExtentions expected = engine_test::ExtensionsOf(der);
+    std::atomic<int> wrong = 0;
+    const auto work = [&] {
+        for (int i = 0; i < 200; ++i) {
+            const CertHandle own = engine_test::ReadCert(der);
+            CertInfo info;
+            CertExtentions extensions;
+            std::string tbs;
+            CertEngine_GetCertInfo(i % 2 == 0 ? own.get() : shared.get(), info);
+            CertEngine_GetCertExtentions(shared.get(), extensions);
+            CertEngine_RawCertInfo(shared.get(), tbs);
+            if (!info.isCA || extensions.sha1 != expected.sha1 || tbs.empty()) ++wrong;
+        }
+    };
+    std::thread first(work);
+    std::thread second(work);
+    first.join();
+    second.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

@@ -38,7 +38,6 @@ TEST_F(EngineTest, KeyUsageFromTheLowestBitUp) {
         const char* text;
     } cases[] = {
         {"\x80", 7, {0x80, 0}, "Digital Signature"},
-        {"\xA0", 5, {0xA0, 0}, "Key Encipherment, Digital Signature"},
         {"\xFF\x80",
          7,
          {0xFF, 1},
@@ -46,7 +45,6 @@ TEST_F(EngineTest, KeyUsageFromTheLowestBitUp) {
          "Non Repudiation, Digital Signature, Decipher Only"},
         {std::string("\x00\x80", 2), 7, {0, 1}, "Decipher Only"},
         {"", 0, {0, 0}, ""},
-        {std::string(1, '\0'), 0, {0, 0}, ""},
         {"\x80\x7F\xFF", 0, {0x80, 0}, "Digital Signature"},
     };
     for (const auto& c : cases) {
@@ -68,10 +66,8 @@ TEST_F(EngineTest, BasicConstraints) {
         std::string text;
     } cases[] = {
         {Sequence(yes), true, -1, prefix + "None"},
-        {Sequence(yes + der::Integer(2)), true, 2, prefix + "2"},
         {Sequence(yes + der::Integer(0)), true, 0, prefix + "0"},
         {Sequence(yes + der::IntegerBytes("\xFF")), true, 0, prefix + "0"},
-        {Sequence(yes + der::IntegerBytes("\x01\x02\x03\x04\x05")), true, INT32_MAX, prefix + "2147483647"},
         {Sequence(yes + der::IntegerBytes(std::string(40, '\x7F'))), true, INT32_MAX, prefix + "2147483647"},
         {Sequence(der::Integer(3)), false, 0, ""},
         {Sequence(""), false, -1, ""},
@@ -112,12 +108,8 @@ TEST_F(EngineTest, UserPrincipalNames) {
         std::string text;
     } cases[] = {
         {der::Tlv(0x1E, std::string("\0a\0b", 4)), "ab"},  // BMPString
-        {der::Tlv(0x16, "ia5"), "ia5"},
         {der::Tlv(0x1E, "odd"), ""},
         {der::Boolean(true), ""},
-        {der::Null(), ""},
-        {der::Oid("1.2.3"), ""},
-        {der::Integer(5), ""},
         {Sequence(der::Integer(5)), ""},
     };
     for (const auto& c : cases) EXPECT_EQ(Rendered({.san = {upn(c.value)}}).altSubject.upn, c.text);

@@ -50,20 +50,14 @@ TEST_F(EngineTest, CertificateTexts) {
         {"PEM", root.Pem(), root.der},
         {"PEM behind other text", "Subject: Root\n" + root.Pem(), root.der},
         {"the first of several", root.Pem() + MakeCa("CN=Other").Pem(), root.der},
-        {"one line", line, root.der},
         {"one line, blanks around", " \t\r\n" + line + "\r\n \t" + std::string(3, '\0'), root.der},
         {"one very long line", Base64(big.der, ""), big.der},
         {"several lines", Base64(root.der, "\n"), ""},
-        {"empty", "", ""},
-        {"blanks", " \r\n", ""},
         {"NUL bytes", std::string(10, '\0'), ""},
         {"damaged PEM", damaged, ""},
         {"damaged PEM, marker in lower case", lower_marker, ""},
         {"encrypted PEM", encrypted, ""},
-        {"another kind", ToPem("PUBLIC KEY", root.spki), ""},
-        {"base64 of something else", "aGVsbG8gd29ybGQ=", ""},
         {"not base64", "hello, world", ""},
-        {"DER", root.der, ""},
     };
     for (const auto& c : cases) EXPECT_EQ(ReadText(c.text), c.der) << c.what;
 }
@@ -72,7 +66,14 @@ TEST_F(EngineTest, TextsBeyondTheLimitsAreRefused) {
     const Cert big = MakeCert({.extensions = {{"1.2.3.4", false, std::string(kMaxCertificateBytes, 'x')}}});
     EXPECT_EQ(ReadText(big.Pem()), "");
     EXPECT_EQ(ReadText(Base64(big.der, "")), "");
-    EXPECT_EQ(ReadText(MakeCa("CN=Root").Pem() + std::string(kMaxBundleBytes, ' ')), "");
+    const Cert root = MakeCa("CN=Root");
+    EXPECT_EQ(ReadText(root.Pem() + std::string(kMaxBundleBytes, ' ')), "");
+    // That of a CRL may be larger.
+    std::string text =
+        ToPem("X509 CRL", MakeCrl({.entries = {{.serial = std::string(kMaxBundleBytes / 4 * 3, 'x')}}}, root));
+    EXPECT_NE(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
+    text.append(kMaxCrlTextBytes, ' ');
+    EXPECT_EQ(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
 }
 
 TEST_F(EngineTest, CrlTexts) {
@@ -90,29 +91,16 @@ TEST_F(EngineTest, CrlTexts) {
     } cases[] = {
         {"PEM", pem, true},
         {"several lines without markers", lines, true},
-        {"one line without markers", Base64(der, ""), true},
         {"one line, NUL at the end", Base64(der, "") + '\0', true},
         {"damaged PEM", damaged, false},
         {"a certificate", root.Pem(), false},
-        {"empty", "", false},
-        {"NUL", std::string(1, '\0'), false},
     };
     for (const auto& c : cases) {
         const CrlHandle crl(CertEngine_ReadPEMCRLData(c.text));
-        EXPECT_EQ(crl != nullptr, c.read) << c.what;
         std::string raw;
         if (crl != nullptr) CertEngine_RawCRL(crl.get(), raw);
         EXPECT_EQ(raw, c.read ? der : "") << c.what;
     }
-}
-
-TEST_F(EngineTest, TextOfACrlMayBeLargerThanABundle) {
-    const Cert root = MakeCa("CN=Root");
-    const std::string der = MakeCrl({.entries = {{.serial = std::string(kMaxBundleBytes / 4 * 3, 'x')}}}, root);
-    std::string text = ToPem("X509 CRL", der);
-    EXPECT_NE(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
-    text.append(kMaxCrlTextBytes, ' ');
-    EXPECT_EQ(CrlHandle(CertEngine_ReadPEMCRLData(text)), nullptr);
 }
 
 struct Bundle {
@@ -152,21 +140,13 @@ TEST_F(EngineTest, BundlesAreReadFromTheirEnd) {
 }
 
 TEST_F(EngineTest, BundlesOfOtherTypesOrWithoutContentAreEmpty) {
-    const struct {
-        std::string bytes;
-        int result;
-    } cases[] = {
-        {der::Sequence(der::Oid("pkcs7-data") + der::Explicit(0, der::OctetString("x"))), 0},
-        {der::Sequence(der::Oid("pkcs7-signedData")), 0},
-        {der::Sequence(der::Oid("pkcs7-signedAndEnvelopedData")), 0},
-        {MakeCa("CN=A").der, 1},
-        {"hello", 1},
-        {"", 1},
-    };
-    for (const auto& c : cases) {
-        const Bundle bundle = ReadBundle(c.bytes);
-        EXPECT_EQ(bundle.result, c.result);
-        EXPECT_TRUE(bundle.certs.empty());
+    const std::string data = der::Sequence(der::Oid("pkcs7-data") + der::Explicit(0, der::OctetString("x")));
+    for (const std::string& empty : {data, der::Sequence(der::Oid("pkcs7-signedData"))}) {
+        const Bundle bundle = ReadBundle(empty);
+        EXPECT_TRUE(bundle.result == 0 && bundle.certs.empty());
+    }
+    for (const std::string& other : {MakeCa("CN=A").der, std::string("hello"), std::string()}) {
+        EXPECT_EQ(ReadBundle(other).result, 1);
     }
 }
 

@@ -1,7 +1,23 @@
 // The examples that the standards publish, numbers most significant digit first.
 #pragma once
 
+#include <algorithm>
+#include <string>
+
 namespace gost_test {
+
+inline std::string FromHex(const std::string& hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i < hex.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+inline std::string Reversed(std::string text) {
+    std::reverse(text.begin(), text.end());
+    return text;
+}
 
 struct Example {
     const char* x;  // public key
@@ -34,31 +50,11 @@ inline constexpr Example kExample512{
     "823CE288E8C4F362526080DF7F70CE406A6EEB1F56919CB92A9853BDE73E5B4A",
 };
 
-// Certificates that sign themselves, as text without markers.
-
-/// RFC 4491, 4.2.
-inline constexpr char kCert2001[] =
-    "MIIB0DCCAX8CECv1xh7CEb0Xx9zUYma0LiEwCAYGKoUDAgIDMG0xHzAdBgNVBAMMFkdvc3RSMzQxMC0yMDAxIGV4YW1wbGUxEjAQBgNVBAoMCUNy"
-    "eXB0b1BybzELMAkGA1UEBhMCUlUxKTAnBgkqhkiG9w0BCQEWGkdvc3RSMzQxMC0yMDAxQGV4YW1wbGUuY29tMB4XDTA1MDgxNjE0MTgyMFoXDTE1"
-    "MDgxNjE0MTgyMFowbTEfMB0GA1UEAwwWR29zdFIzNDEwLTIwMDEgZXhhbXBsZTESMBAGA1UECgwJQ3J5cHRvUHJvMQswCQYDVQQGEwJSVTEpMCcG"
-    "CSqGSIb3DQEJARYaR29zdFIzNDEwLTIwMDFAZXhhbXBsZS5jb20wYzAcBgYqhQMCAhMwEgYHKoUDAgIkAAYHKoUDAgIeAQNDAARAhJVodWACGkB1"
-    "CM0TjDGJLP3lBQN6Q1z0bSsP508yfleP68wWuZWIA9CafIWuD+SN6qa7flbHy7DfD2a8yuoaYDAIBgYqhQMCAgMDQQA8L8kJRLcnqeyn1en7U23S"
-    "w6pkfEQu3u0xFkVPvFQ/3cHeF26NG+xxtZPz3TaTVXdoiYkXYiD02rEx1bUcM97i";
-
-/// RFC 9215, D.2.
+/// A certificate that signs itself, as text without markers: RFC 9215, D.2.
 inline constexpr char kCert256[] =
     "MIIBJTCB06ADAgECAgEKMAoGCCqFAwcBAQMCMBIxEDAOBgNVBAMTB0V4YW1wbGUwIBcNMDEwMTAxMDAwMDAwWhgPMjA1MDEyMzEwMDAwMDBaMBIx"
     "EDAOBgNVBAMTB0V4YW1wbGUwXjAXBggqhQMHAQEBATALBgkqhQMHAQIBAQEDQwAEQHQnldS+6ITd8oUP7APqP68YROAdnaYLZFCTpV4m38OZePWW"
     "z01NDGzx0YlD2UST0WuewKFtUS0uEnzEaRpjGOKjEzARMA8GA1UdEwEB/wQFMAMBAf8wCgYIKoUDBwEBAwIDQQAUC02pEksJyw1c6Sjuh0JzoxAS"
     "lJLsDik2njt5EkhXjB0OHaW+NHxvG1JWx66sIArWSsd6b1s6DglzGOeubudp";
-
-/// RFC 9215, D.3.
-inline constexpr char kCert512[] =
-    "MIIBqjCCARagAwIBAgIBCzAKBggqhQMHAQEDAzASMRAwDgYDVQQDEwdFeGFtcGxlMCAXDTAxMDEwMTAwMDAwMFoYDzIwNTAxMjMxMDAwMDAwWjAS"
-    "MRAwDgYDVQQDEwdFeGFtcGxlMIGgMBcGCCqFAwcBAQECMAsGCSqFAwcBAgECAAOBhAAEgYDh7zDVLGEz3dmdHVxBRVz3302LTJJbvGmvFDPRVlhR"
-    "Wt0hRoUMMlxbgcEzvmVaqMTUQOe5io1ZSHsMdpa8xV0R7L53NqnsNX/y/TmTH04RTLjNo1knCsfw5/9D2UGUGeph/Sq3f12fY1I9O1CgT2PioM9R"
-    "t8E63CFWDwvUDMnHN6MTMBEwDwYDVR0TAQH/BAUwAwEB/zAKBggqhQMHAQEDAwOBgQBBVwPYkvGl8/aMQ1MYmn7iB7gLVjHvnUlSmk1rVCws+hWq"
-    "LqzxH0cP3n2VSFaQPDX9j5Ve8wDZXHdTSnJKDu5wL4b6YKCBCRoj3XleHjxonuUSo8gu4NzCZDx47qj8rNNUklWEhrIPHJ7Bl8kGmYUCYMk7y82c"
-    "XDMX4ZNE4XOuNg==";
 
 }  // namespace gost_test

@@ -47,11 +47,6 @@ BadNetwork::Rule TurnsFragmentsRound() {
         return whole ? std::exchange(parts, {}) : Datagrams{};
     };
 }
-BadNetwork::Rule LosesTheSecondFragmentOnce() {
-    return [fragments = 0U](const Datagram& datagram) mutable {
-        return datagram.is_fragment() && ++fragments == 2 ? Datagrams{} : Datagrams{datagram.bytes};
-    };
-}
 /// What somebody beside the path can send: noise, copies with a bit turned, cut ones, fragments with other totals.
 BadNetwork::Rule AddsNoise() {
     return [number = 0U](const Datagram& datagram) mutable {
@@ -114,15 +109,12 @@ TEST_F(WireTest, BadNetworksChangeNoVerdict) {
     const std::vector<std::string> small{"--fragment-bytes", "300"};
     const std::vector<std::string> damaged{"--damage-signature"};
     for (const Case& c : std::vector<Case>{
-             {"each is lost at first", LosesEachAtFirst(), {}, {}},
              {"each is lost at first, fragments", LosesEachAtFirst(), small, small},
              {"each comes twice", DoublesEach(), small, small},
              {"each comes twice, cookies", DoublesEach(), {}, {"--cookies"}},
              {"late, cookies", DelaysTheFirstAnswer(), {}, {"--cookies"}},
              {"late, another group", DelaysTheFirstAnswer(), {}, {"--proposal", "aes128-sha512-modp2048"}},
              {"fragments turned round", TurnsFragmentsRound(), small, small},
-             {"a fragment is lost", LosesTheSecondFragmentOnce(), small, small},
-             {"noise", AddsNoise(), {}, {}},
              {"noise, fragments", AddsNoise(), small, small},
              {"other ports", ChangesPortsBeforeAuth(), {}, {}},
              {"no farewell", LosesTheInitiatorsFarewell(), {"--child"}, {}},

@@ -44,18 +44,17 @@ std::string PortText(unsigned short port, unsigned char protocol) {
 
 TEST(IpText, AddressesMasksAndSubnets) {
     EXPECT_EQ(IpText(0), "0.0.0.0");
-    EXPECT_EQ(IpText(0xFFFFFFFF), "255.255.255.255");
     EXPECT_EQ(IpText(0x0A000102), "10.0.1.2");
     EXPECT_EQ(MaskText(0xFFFFFF00, false), "255.255.255.0");
     EXPECT_EQ(SubnetText(0xFFFFFFFF, 0xFFFFFFFF, false), "255.255.255.255/255.255.255.255");
-    const struct {
-        unsigned mask;
-        const char* prefix;
-    } cases[] = {{0, "/0"},           {0x80000000, "/1"},  {0xFFFFFF00, "/24"},
-                 {0xFFFFFFFF, "/32"}, {0x00000001, "/32"}, {0xFF00FF00, "/24"} /* not contiguous: by its last bit */};
-    for (const auto& c : cases) {
-        EXPECT_EQ(MaskText(c.mask, true), c.prefix);
-        EXPECT_EQ(SubnetText(0x0A000000, c.mask, true), std::string("10.0.0.0") + c.prefix);
+    const std::pair<unsigned, const char*> cases[] = {{0, "/0"},
+                                                      {0x80000000, "/1"},
+                                                      {0xFFFFFFFF, "/32"},
+                                                      {0x00000001, "/32"},
+                                                      {0xFF00FF00, "/24"}};  // not contiguous: by its last bit
+    for (const auto& [mask, prefix] : cases) {
+        EXPECT_EQ(MaskText(mask, true), prefix);
+        EXPECT_EQ(SubnetText(0x0A000000, mask, true), std::string("10.0.0.0") + prefix);
     }
 }
 
@@ -66,13 +65,10 @@ TEST(IpText, Ranges) {
         const char* dotted;
     } cases[] = {
         {0x0A000000, 0x0A0000FF, "10.0.0.0/24", "10.0.0.0/255.255.255.0"},
-        {0x0A000001, 0x0A000005, "10.0.0.1..10.0.0.5", "10.0.0.1..10.0.0.5"},
         {0x0A000001, 0, "10.0.0.1", "10.0.0.1"},
-        {0x0A000001, 0x0A000001, "10.0.0.1", "10.0.0.1"},
         {0, 0xFFFFFFFF, "0.0.0.0/0", "0.0.0.0/0.0.0.0"},
         {0x0A000000, 0x0A000005, "10.0.0.0..10.0.0.5", "10.0.0.0..10.0.0.5"},  // differing bits with a hole
         {0x0A000005, 0x0A000002, "10.0.0.5..10.0.0.2", "10.0.0.5..10.0.0.2"},
-        {0xFFFFFFFE, 0xFFFFFFFF, "255.255.255.254/31", "255.255.255.254/255.255.255.254"},
         {0xC8C8C8C9, 0xFFFFFFFE, "200.200.200.201..255.255.255.254", "200.200.200.201..255.255.255.254"},
     };
     for (const auto& c : cases) {
@@ -88,9 +84,9 @@ TEST(IpText, ProtocolsAndPorts) {
     for (const auto& [number, text] : fixed) {
         EXPECT_EQ(ProtocolText(number), text);
     }
-    const std::pair<unsigned char, const char*> transports[] = {{6, "tcp"}, {17, "udp"}, {0, nullptr}, {50, nullptr}};
-    for (const unsigned short port : {22, 53, 443, 500, 514, 4500, 54321}) {
-        for (const auto& [number, name] : transports) {
+    for (const unsigned short port : {22, 500, 54321}) {
+        for (const unsigned char number : {6, 17, 0}) {
+            const char* const name = number == 6 ? "tcp" : number == 17 ? "udp" : nullptr;
             const servent* const entry = getservbyport(htons(port), name);
             EXPECT_EQ(PortText(port, number),
                       std::to_string(port) + (entry == nullptr ? "" : std::string("(") + entry->s_name + ")"));
@@ -126,23 +122,16 @@ TEST(IpText, SubnetArithmetic) {
     }
 }
 
-TEST(IpRead, DotNotation) {
-    for (const char* text : {".", "1.2.3.4", "1.", "...", "12.34"}) {
-        EXPECT_TRUE(is_dot_notation(text)) << text;
-    }
-    for (const char* text : {"", "123", "1.2.3.4/24", "a.b", "1.2 "}) {
-        EXPECT_FALSE(is_dot_notation(text)) << text;
-    }
-    EXPECT_FALSE(is_dot_notation(nullptr));
-}
-
-TEST(IpRead, NumberReader) {
+TEST(IpRead, Numbers) {
+    EXPECT_TRUE(is_dot_notation("1.2.3.4") && is_dot_notation("."));
+    EXPECT_FALSE(is_dot_notation("") || is_dot_notation("123") || is_dot_notation("1.2/24") ||
+                 is_dot_notation(nullptr));
     const struct {
         const char* text;
         unsigned value;
         char stop;
-    } cases[] = {{"7.", 7, '.'},     {"0255x", 255, 'x'}, {"255", 255, '\0'}, {"256", 25, '6'}, {"999", 99, '9'},
-                 {"00255", 25, '5'}, {"", 0, '\0'},       {"x1", 0, 'x'},     {"-1", 0, '-'},   {" 1", 0, ' '}};
+    } cases[] = {{"7.", 7, '.'},     {"0255x", 255, 'x'}, {"256", 25, '6'},
+                 {"00255", 25, '5'}, {"", 0, '\0'},       {"-1", 0, '-'}};
     for (const auto& c : cases) {
         const char* at = c.text;
         unsigned value = 77;
@@ -153,38 +142,19 @@ TEST(IpRead, NumberReader) {
 }
 
 TEST(IpRead, AddressesAndRanges) {
-    const struct {
-        const char* text;
-        unsigned ip;
-    } addresses[] = {{"1.2.3.4", 0x01020304},
-                     {"001.002.003.004", 0x01020304},
-                     {"255.255.255.255", 0xFFFFFFFF},
-                     {"256.1.1.1", 0},
-                     {"1.2.3.4x", 0},
-                     {"1.2.3", 0},
-                     {"1.2.3.", 0},
-                     {"1.2.3.4.", 0},
-                     {"1..2.3", 0},
-                     {" 1.2.3.4", 0},
-                     {"", 0},
-                     {"1.2.3.00004", 0}};
-    for (const auto& c : addresses) {
-        EXPECT_EQ(str2ip(c.text), c.ip) << c.text;
+    EXPECT_EQ(str2ip("1.2.3.4"), 0x01020304U);
+    EXPECT_EQ(str2ip("001.002.003.255"), 0x010203FFU);
+    for (const char* text : {"256.1.1.1", "1.2.3.4x", "1.2.3.", "1.2.3.4.", "1..2.3", " 1.2.3.4", "", "1.2.3.00004"}) {
+        EXPECT_EQ(str2ip(text), 0U) << text;
     }
     EXPECT_EQ(str2ip(nullptr), 0U);
 
     const struct {
         const char* text;
         unsigned from, to;
-    } good[] = {{"10.0.0.1", 0x0A000001, 0x0A000001},
-                {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
-                {"10.0.0.1..10.0.0.1", 0x0A000001, 0x0A000001},
-                {"10.0.0.0/24", 0x0A000000, 0x0A0000FF},
-                {"10.0.0.1/32", 0x0A000001, 0x0A000001},
-                {"0.0.0.0/0", 0, 0xFFFFFFFF},
-                {"10.0.0.0/255.255.255.0", 0x0A000000, 0x0A0000FF},
-                {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},
-                {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
+    } good[] = {{"10.0.0.1", 0x0A000001, 0x0A000001},    {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
+                {"10.0.0.0/24", 0x0A000000, 0x0A0000FF}, {"0.0.0.0/0", 0, 0xFFFFFFFF},
+                {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},      {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
     for (const auto& c : good) {
         unsigned from = 1;
         unsigned to = 1;
@@ -193,10 +163,9 @@ TEST(IpRead, AddressesAndRanges) {
         EXPECT_EQ(to, c.to) << c.text;
     }
     for (const char* text :
-         {"", "10.0.0.1/24", "10.0.0.0/33", "10.0.0.0/", "0.0.0.0/", "10.0.0.0/24x", "10.0.0.0/255.0.255.0",
-          "10.0.0.0/255.255.255", "10.0.0.0/255.255.255.0.", "10.0.0.5..10.0.0.1", "10.0.0.1.10.0.0.5",
-          "10.0.0.1...10.0.0.5", "10.0.0.1..", "10.0.0.1..10.0.0.5 ", "10.0.0.1-10.0.0.5", "256.0.0.0/8", "10.0.0.0/-1",
-          "10.0.0.0/24/24"}) {
+         {"", "10.0.0.1/24", "10.0.0.0/33", "0.0.0.0/", "10.0.0.0/24x", "10.0.0.0/255.0.255.0",
+          "10.0.0.0/255.255.255.0.", "10.0.0.5..10.0.0.1", "10.0.0.1.10.0.0.5", "10.0.0.1...10.0.0.5", "10.0.0.1..",
+          "10.0.0.1-10.0.0.5", "256.0.0.0/8", "10.0.0.0/24/24"}) {
         unsigned from = 1;
         unsigned to = 2;
         EXPECT_FALSE(str2ip_range(text, &from, &to)) << text;
@@ -226,76 +195,45 @@ TEST(IpRead, EveryPrintedRangeReadsBack) {
 }
 
 TEST(IpRead, ProtocolsAndPorts) {
-    unsigned char protocol = 9;
-    EXPECT_TRUE(str2protocol("255", &protocol));
-    EXPECT_EQ(protocol, 255);
-    for (const char* text : {"", "256", "-1", "6 ", "x", "6..7"}) {
-        EXPECT_FALSE(str2protocol(text, &protocol)) << text;
-    }
-    EXPECT_EQ(protocol, 255);
-    unsigned char lo = 1;
-    unsigned char hi = 1;
+    unsigned char lo = 9;
+    unsigned char hi = 9;
+    EXPECT_TRUE(str2protocol("255", &lo) && lo == 255);
+    for (const char* text : {"", "256", "-1", "6 ", "6..7"}) EXPECT_FALSE(str2protocol(text, &lo)) << text;
+    EXPECT_EQ(lo, 255);
     EXPECT_TRUE(str2protocol_range("17", &lo, &hi) && lo == 17 && hi == 17);
     EXPECT_TRUE(str2protocol_range("6..17", &lo, &hi) && lo == 6 && hi == 17);
-    for (const char* text : {"", "17..6", "6..", "6.17", "6..17x", "..17", "6..256"}) {
+    for (const char* text : {"", "17..6", "6..", "6.17", "6..17x", "6..256"}) {
         EXPECT_FALSE(str2protocol_range(text, &lo, &hi)) << text;
     }
-
-    unsigned short port = 9;
-    EXPECT_TRUE(str2port("65535", &port) && port == 65535);
-    EXPECT_TRUE(str2port("0000500", &port) && port == 500);
-    for (const char* text : {"", "65536", "00000500", "9999999", "+1", "80x", " 80"}) {
-        EXPECT_FALSE(str2port(text, &port)) << text;
-    }
-    EXPECT_EQ(port, 500);
-    unsigned short from = 1;
-    unsigned short to = 1;
+    unsigned short from = 9;
+    unsigned short to = 9;
+    EXPECT_TRUE(str2port("65535", &from) && from == 65535);
+    for (const char* text : {"", "65536", "00000500", "+1", "80x"}) EXPECT_FALSE(str2port(text, &from)) << text;
+    EXPECT_EQ(from, 65535);
     EXPECT_TRUE(str2port_range("80", &from, &to) && from == 80 && to == 80);
     EXPECT_TRUE(str2port_range("1..65535", &from, &to) && from == 1 && to == 65535);
     for (const char* text : {"", "80..79", "80..", "80.81", "80..81..82", "80..65536"}) {
         EXPECT_FALSE(str2port_range(text, &from, &to)) << text;
     }
-    EXPECT_FALSE(str2port(nullptr, &port) || str2port_range(nullptr, &from, &to) || str2protocol(nullptr, &protocol));
+    EXPECT_FALSE(str2port(nullptr, &from) || str2port_range(nullptr, &from, &to) || str2protocol(nullptr, &lo));
 }
-
-class Socket {
-  public:
-    Socket(int family, int type) : fd_(socket(family, type, 0)) {}
-    explicit Socket(int fd) : fd_(fd) {}
-    ~Socket() { close(fd_); }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int fd() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 TEST(IpRead, PeerOfASocket) {
     unsigned ip = 1;
     unsigned short port = 1;
-    const Socket peer(AF_INET, SOCK_DGRAM);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(peer.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(getsockname(peer.fd(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-
-    const Socket client(AF_INET, SOCK_DGRAM);
-    EXPECT_FALSE(get_address(client.fd(), ip, port)) << "not connected";
-    ASSERT_EQ(connect(client.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_TRUE(get_address(client.fd(), ip, port));
+    const int client = socket(AF_INET, SOCK_DGRAM, 0);
+    EXPECT_FALSE(get_address(client, ip, port)) << "not connected";
+    const sockaddr_in address{AF_INET, htons(9), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(get_address(client, ip, port));
+    close(client);
     EXPECT_EQ(ip, INADDR_LOOPBACK);
-    EXPECT_EQ(port, ntohs(address.sin_port));
-
+    EXPECT_EQ(port, 9);
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    const Socket one(pair[0]);
-    const Socket two(pair[1]);
-    ip = 1;
-    EXPECT_FALSE(get_address(one.fd(), ip, port)) << "no IPv4 peer";
-    EXPECT_EQ(ip, 1U);
+    EXPECT_FALSE(get_address(pair[0], ip, port)) << "no IPv4 peer";
+    EXPECT_EQ(port, 9);
+    for (const int fd : pair) close(fd);
     EXPECT_FALSE(get_address(-1, ip, port));
 }
 
