@@ -147,7 +147,7 @@ class PlainSession {
 std::vector<CK_OBJECT_HANDLE> PlainFind(CK_SESSION_HANDLE session, CK_OBJECT_CLASS wanted) {
     CK_FUNCTION_LIST* p11 = TheWorld().pkcs11();
     CK_ATTRIBUTE by_class{CKA_CLASS, &wanted, sizeof wanted};
-    std::vector<CK_OBJECT_HANDLE> found(2 * kCertificatesOnToken);
+    std::vector<CK_OBJECT_HANDLE> found(std::size_t{2} * kCertificatesOnToken);
     CK_ULONG count = 0;
     p11->C_FindObjectsInit(session, &by_class, 1);
     p11->C_FindObjects(session, found.data(), found.size(), &count);

@@ -12,48 +12,17 @@
 #include <iostream>
 
 #include "cli/failure.h"
+#include "platform/base/descriptor.h"
+#include "platform/base/files.h"
 
 namespace certmgrctl {
 namespace {
 
 /// What the daemon takes at once is less by default; it says so itself.
 constexpr std::size_t kMaxFileBytes = std::size_t{1} << 30;
-constexpr std::size_t kChunk = std::size_t{1} << 16;
 
 [[noreturn]] void FailOn(const std::string& path, ExitCode code) {
     throw Failure(code, path + ": " + std::strerror(errno));
-}
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ > STDERR_FILENO) close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-/// Doubles the room into a new string, so that what is left behind is wiped.
-void Grow(vpnfc::SecretString& content) {
-    vpnfc::SecretString larger;
-    larger.edit().reserve(2 * content.get().capacity() + kChunk);
-    larger.edit().append(content.get());
-    content = std::move(larger);
-}
-
-bool WriteAll(int fd, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t count = write(fd, content.data(), content.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        content.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
 }
 
 mode_t ModeFor(Access access) {
@@ -69,14 +38,14 @@ mode_t ModeFor(Access access) {
 class TemporaryFile {
   public:
     explicit TemporaryFile(const std::string& path) : name_(path + ".XXXXXX"), fd_(mkostemp(name_.data(), O_CLOEXEC)) {
-        if (fd_.get() < 0) FailOn(path, kExitFailed);
+        if (!fd_) FailOn(path, kExitFailed);
     }
     ~TemporaryFile() { unlink(name_.c_str()); }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
     bool Fill(std::string_view content, mode_t mode) const {
-        return fchmod(fd_.get(), mode) == 0 && WriteAll(fd_.get(), content) && fsync(fd_.get()) == 0;
+        return fchmod(fd_.get(), mode) == 0 && vpnfc::WriteAll(fd_.get(), content) && fsync(fd_.get()) == 0;
     }
     bool MoveTo(const std::string& path, bool replace) const {
         if (renameat2(AT_FDCWD, name_.c_str(), AT_FDCWD, path.c_str(), replace ? 0 : RENAME_NOREPLACE) == 0)
@@ -87,30 +56,25 @@ class TemporaryFile {
 
   private:
     std::string name_;
-    Descriptor fd_;
+    vpnfc::Descriptor fd_;
 };
 
 }  // namespace
 
 vpnfc::SecretString ReadWholeFile(const std::string& path) {
-    const Descriptor file(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) FailOn(path, kExitUsage);
+    const bool named = path != "-";
+    const vpnfc::Descriptor file(named ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+    if (named && !file) FailOn(path, kExitUsage);
     vpnfc::SecretString content;
-    while (true) {
-        std::string& bytes = content.edit();
-        const std::size_t size = bytes.size();
-        if (size > kMaxFileBytes) throw Failure(kExitUsage, path + " is too large");
-        if (bytes.capacity() < size + kChunk) {
-            Grow(content);
-            continue;
-        }
-        bytes.resize(size + kChunk);
-        const ssize_t count = read(file.get(), bytes.data() + size, kChunk);
-        bytes.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        if (count < 0 && errno == EINTR) continue;
-        if (count < 0) FailOn(path, kExitUsage);
-        if (count == 0) return content;
+    switch (vpnfc::ReadToEnd(named ? file.get() : STDIN_FILENO, kMaxFileBytes, content)) {
+        case vpnfc::ReadResult::kRead:
+            return content;
+        case vpnfc::ReadResult::kTooLong:
+            throw Failure(kExitUsage, path + " is too large");
+        case vpnfc::ReadResult::kFailed:
+            break;
     }
+    FailOn(path, kExitUsage);
 }
 
 std::vector<std::string_view> PartsOf(std::string_view content) {
@@ -158,7 +122,7 @@ void WriteResult(const std::string& path, std::string_view content, Access acces
     if (binary && isatty(STDOUT_FILENO) != 0) {
         throw Failure(kExitUsage, "binary data is not written to a terminal", {"Name a file with --output FILE."});
     }
-    if (!WriteAll(STDOUT_FILENO, content)) FailOn("standard output", kExitFailed);
+    if (!vpnfc::WriteAll(STDOUT_FILENO, content)) FailOn("standard output", kExitFailed);
 }
 
 }  // namespace certmgrctl

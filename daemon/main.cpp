@@ -65,6 +65,25 @@ int CheckSettings(const std::string& path) {
     return loaded.ok ? kExitSuccess : kExitSettings;
 }
 
+/// The module and the bridge, until a signal says to stop.
+int Serve(vpnhost::Host& host, events::SignalLoop& signals) {
+    const CM::RunningModule module;
+    CM::Reload();
+    if (!host.StartBridge("certmgrd " CERTMGR_VERSION)) {
+        std::cerr << "certmgrd: not started; the log says why\n";
+        return kExitFailure;
+    }
+    LogLine("certmgrd runs; SIGHUP reloads, SIGTERM stops");
+    signals.Run([&host](int signal) {
+        if (signal != SIGHUP) return false;
+        ReloadEverything(host);
+        return true;
+    });
+    LogLine("certmgrd stops");
+    host.StopBridge();
+    return kExitSuccess;
+}
+
 int Run(const std::string& path) {
     // Before anything starts, so that no signal is lost to its default action.
     events::SignalLoop signals{SIGHUP, SIGTERM, SIGINT};
@@ -75,24 +94,12 @@ int Run(const std::string& path) {
         std::cerr << "certmgrd: not started; the log says why\n";
         return ExitCodeOf(result);
     }
-    {
-        const CM::RunningModule module;
-        CM::Reload();
-        if (!host.StartBridge("certmgrd " CERTMGR_VERSION)) {
-            std::cerr << "certmgrd: not started; the log says why\n";
-            return kExitFailure;
-        }
-        LogLine("certmgrd runs; SIGHUP reloads, SIGTERM stops");
-        signals.Run([&host](int signal) {
-            if (signal != SIGHUP) return false;
-            ReloadEverything(host);
-            return true;
-        });
-        LogLine("certmgrd stops");
-        host.StopBridge();
+    const int code = Serve(host, signals);
+    if (!host.Stop()) {
+        LogLine("something that was begun does not end; certmgrd leaves it");
+        vpnhost::LeaveAtOnce(kExitFailure);
     }
-    host.Stop();
-    return kExitSuccess;
+    return code;
 }
 
 int RunCommandLine(int argc, char** argv) {

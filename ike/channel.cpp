@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -11,12 +10,8 @@
 
 namespace ikeauth {
 
-Channel::~Channel() {
-    if (descriptor_ >= 0) close(descriptor_);
-}
-
 bool Channel::Wait(short events) const {
-    pollfd entry{descriptor_, events, 0};
+    pollfd entry{descriptor_.get(), events, 0};
     int ready = 0;
     do {
         ready = poll(&entry, 1, static_cast<int>(time_limit_.count()));
@@ -30,7 +25,7 @@ bool Channel::Send(const std::string& message) {
     std::size_t sent = 0;
     while (sent < frame.size()) {
         if (!Wait(POLLOUT)) return false;
-        const ssize_t n = send(descriptor_, frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
+        const ssize_t n = send(descriptor_.get(), frame.data() + sent, frame.size() - sent, MSG_NOSIGNAL);
         if (n < 0 && errno != EINTR) return false;
         if (n > 0) sent += static_cast<std::size_t>(n);
     }
@@ -41,7 +36,7 @@ bool Channel::ReadExactly(char* data, std::size_t size) {
     std::size_t got = 0;
     while (got < size) {
         if (!Wait(POLLIN)) return false;
-        const ssize_t n = recv(descriptor_, data + got, size - got, 0);
+        const ssize_t n = recv(descriptor_.get(), data + got, size - got, 0);
         if (n == 0 || (n < 0 && errno != EINTR)) return false;
         if (n > 0) got += static_cast<std::size_t>(n);
     }

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "platform/base/descriptor.h"
+
 namespace ikeauth {
 
 /// Largest message: a thousand certificates of 4 KiB.
@@ -15,9 +17,6 @@ class Channel {
   public:
     explicit Channel(int descriptor, std::chrono::milliseconds time_limit = std::chrono::seconds(30))
         : descriptor_(descriptor), time_limit_(time_limit) {}
-    ~Channel();
-    Channel(const Channel&) = delete;
-    Channel& operator=(const Channel&) = delete;
 
     /// Sends one message: its length (32 bits, little-endian) and its bytes.
     bool Send(const std::string& message);
@@ -28,7 +27,7 @@ class Channel {
     bool Wait(short events) const;
     bool ReadExactly(char* data, std::size_t size);
 
-    int descriptor_;
+    vpnfc::Descriptor descriptor_;
     std::chrono::milliseconds time_limit_;
 };
 

@@ -15,32 +15,14 @@
 #include <iostream>
 #include <utility>
 
+#include "platform/base/descriptor.h"
+
 namespace ikeauth {
 namespace {
 
+using vpnfc::Descriptor;
+
 constexpr int kChannelDescriptor = 3;  // where a side finds its end of the socket pair
-
-/// A descriptor that is closed when it goes away.
-class Descriptor {
-  public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() { Close(); }
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return fd_; }
-    void Close() {
-        if (fd_ >= 0) close(std::exchange(fd_, -1));
-    }
-
-  private:
-    int fd_;
-};
 
 bool MakePair(Descriptor& a, Descriptor& b) {
     std::array<int, 2> fds{};

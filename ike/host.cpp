@@ -9,14 +9,15 @@
 #include "ike/exchange.h"
 #include "platform/bridge.h"
 #include "platform/host/host.h"
+#include "platform/host/program.h"
 
 namespace ikeauth {
 namespace {
 
-bool RedirectLog(const std::string& config, const std::function<void(const eventlog::Record&)>& log) {
+bool RedirectLog(const vpnhost::Host& host, const std::function<void(const eventlog::Record&)>& log) {
     if (!log) return true;
     eventlog::Sinks sinks;
-    sinks.level = settings::Load(config).settings.log.sinks.level;
+    sinks.level = host.sinks().level;
     sinks.to_stderr = false;
     sinks.callback = log;
     std::string error;
@@ -75,9 +76,9 @@ int WithRule(const std::string& config, const std::string& rule,
         std::cerr << "ikeauth: no rule '" << rule << "' in " << config << "\n";
         return kExitCannotRun;
     }
-    if (!RedirectLog(config, log)) return kExitCannotRun;
+    if (!RedirectLog(host, log)) return kExitCannotRun;
     const int result = RunWithModule(host, bridge_socket, [&] { return run(*found); });
-    host.Stop();
+    if (!host.Stop()) vpnhost::LeaveAtOnce(result);
     return result;
 }
 

@@ -12,15 +12,16 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
-#include <sstream>
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/certmgr.h"
 #include "ike/exchange.h"
+#include "ike/wire/bytes.h"
 #include "libcrypto/libcrypto.h"
+#include "platform/base/descriptor.h"
+#include "platform/base/files.h"
 #include "platform/tokens.h"
 #include "platform/tokens/token_host.h"
 
@@ -46,19 +47,17 @@ bool Complain(const std::string& text) {
     return false;
 }
 
-bool ReadFile(const std::string& path, std::string& content) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return Complain(path + ": cannot be read: " + std::strerror(errno));
-    std::ostringstream text;
-    if (!(text << file.rdbuf())) return Complain(path + ": cannot be read");
-    content = std::move(text).str();
-    return content.size() <= kMaxFileBytes || Complain(path + ": larger than 1 MiB");
+bool ReadFile(const std::string& path, vpnfc::SecretString& content) {
+    const vpnfc::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const auto result = file ? vpnfc::ReadToEnd(file.get(), kMaxFileBytes, content) : vpnfc::ReadResult::kFailed;
+    if (result == vpnfc::ReadResult::kTooLong) return Complain(path + ": larger than 1 MiB");
+    return result == vpnfc::ReadResult::kRead || Complain(path + ": cannot be read: " + std::strerror(errno));
 }
 
 bool ReadCert(const std::string& path, CertFile& cert) {
-    std::string text;
+    vpnfc::SecretString text;
     if (!ReadFile(path, text)) return false;
-    const std::unique_ptr<void, decltype(&CertEngine_CloseCertHandle)> handle(CertEngine_ReadPEMCertData(text),
+    const std::unique_ptr<void, decltype(&CertEngine_CloseCertHandle)> handle(CertEngine_ReadPEMCertData(text.get()),
                                                                               CertEngine_CloseCertHandle);
     if (!handle) return Complain(path + ": not a certificate");
     CertEngine_GetCertInfo(handle.get(), cert.info);
@@ -69,7 +68,7 @@ bool ReadCert(const std::string& path, CertFile& cert) {
 /// In the form of PKCS #8 as it stands, whatever the algorithm; the older forms are libcrypto's to read.
 libcrypto::Pkcs8Ptr ReadKeyInfo(BIO* file) {
     libcrypto::Pkcs8Ptr info(PEM_read_bio_PKCS8_PRIV_KEY_INFO(file, nullptr, nullptr, nullptr));
-    if (info != nullptr || BIO_reset(file) != 0) return info;
+    if (info != nullptr || BIO_reset(file) != 1) return info;
     const libcrypto::KeyPtr key(PEM_read_bio_PrivateKey(file, nullptr, nullptr, const_cast<char*>("")));
     if (key != nullptr) info.reset(EVP_PKEY2PKCS8(key.get()));
     return info;
@@ -77,7 +76,9 @@ libcrypto::Pkcs8Ptr ReadKeyInfo(BIO* file) {
 
 /// PrivateKeyInfo DER of a PEM private key without password.
 bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
-    const libcrypto::BioPtr file(BIO_new_file(path.c_str(), "r"));
+    vpnfc::SecretString text;
+    if (!ReadFile(path, text)) return false;
+    const libcrypto::BioPtr file(BIO_new_mem_buf(text.get().data(), static_cast<int>(text.get().size())));
     const libcrypto::Pkcs8Ptr info = file ? ReadKeyInfo(file.get()) : nullptr;
     if (info) pkcs8 = vpnfc::SecretString(libcrypto::Encode(info.get(), i2d_PKCS8_PRIV_KEY_INFO));
     return !pkcs8.empty() || Complain(path + ": not an unencrypted PEM private key");
@@ -97,11 +98,10 @@ bool ReadOrMakePin(const std::string& path, vpnfc::SecretString& pin) {
     std::string error;
     if (access(path.c_str(), F_OK) == 0) return tokens::ReadPinFile(path, pin, error) || Complain(error);
     if (!MakeRandomPin(pin)) return false;
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0) return Complain("PIN file " + path + " cannot be made: " + std::strerror(errno));
-    const bool written = write(fd, pin.get().data(), pin.get().size()) == static_cast<ssize_t>(pin.get().size());
-    close(fd);
-    return written || Complain("PIN file " + path + " cannot be written");
+    vpnfc::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file) return Complain("PIN file " + path + " cannot be made: " + std::strerror(errno));
+    return (vpnfc::WriteAll(file.get(), pin.get()) && file.Close()) ||
+           Complain("PIN file " + path + " cannot be written: " + std::strerror(errno));
 }
 
 bool ReadDate(const std::string& text, cert_time64_t& time) {
@@ -144,7 +144,8 @@ class TokenWriter {
     }
 
   private:
-    std::string NextId() { return std::string(1, static_cast<char>(++last_id_)); }
+    /// CKA_ID, in network order.
+    std::string NextId() { return NetworkOrder(++last_id_); }
 
     bool WriteKeyAndCert(PKCS11::TokenSession& session, const std::string& cert_path, const std::string& key_path,
                          const std::string& key_not_after) {
@@ -183,7 +184,7 @@ class TokenWriter {
     }
 
     PKCS11::TokenInfo token_;
-    unsigned char last_id_ = 0;
+    std::uint16_t last_id_ = 0;
 };
 
 bool PrepareProvider(const ProvisionOptions& options, tokens::Provider& provider) {

@@ -181,9 +181,14 @@ int RunRespond(RespondOptions& options) {
         Listening server(options);
         listening = &server;
         std::string error;
-        if (server.Open(error)) return server.Run();
-        std::cerr << "ikeauth: " << error << "\n";
-        return static_cast<int>(kExitCannotRun);
+        int code = kExitCannotRun;
+        if (server.Open(error)) {
+            code = server.Run();
+        } else {
+            std::cerr << "ikeauth: " << error << "\n";
+        }
+        listening = nullptr;
+        return code;
     };
     return WithRule(options.wire.config, options.wire.rule, run, log);
 }

@@ -47,11 +47,8 @@ auto NameOf(const TokenInfo& token, const Info& info) {
     };
 }
 
-/// Room for all of it at once: what grows leaves copies behind.
-void ReserveFor(SecretString& input, std::size_t bytes) {
-    constexpr std::size_t kRoomForRecords = 64U << 10;
-    input.edit().reserve(bytes + kRoomForRecords);
-}
+/// Room beside what else a command carries.
+constexpr std::size_t kRoomForRecords = 64U << 10;
 
 void ReadPinReply(CommandStreamIn& in, PinReply& reply) {
     in.fields(reply.status, reply.text);
@@ -65,10 +62,12 @@ const std::string& TextOf(const SecretString* secret) {
 }  // namespace
 
 /// `write` writes the input, `read` reads the output of the command. What a newer daemon adds at the end is left alone.
+/// `secret_bytes`: of what the input holds beside records; one that grew would leave copies of it behind.
 template <typename Result, typename Write, typename Read>
-std::optional<Result> Manager::Call(std::uint32_t group, std::uint32_t command, Write write, Read read) {
+std::optional<Result> Manager::Call(std::uint32_t group, std::uint32_t command, Write write, Read read,
+                                    std::size_t secret_bytes) {
     SecretString input;
-    ReserveFor(input, 0);
+    input.edit().reserve(secret_bytes + kRoomForRecords);
     CommandStreamOut out(input.edit());
     write(out);
     SecretString reply;
@@ -143,25 +142,23 @@ std::optional<Produced> Manager::ExportCertificate(const TokenInfo& token, const
             NameOf(token, info)(out);
             out.fields(options.format, TextOf(options.password), options.with_chain, options.with_private_key);
         },
-        [](CommandStreamIn& in, Produced& produced) { in.fields(produced.result, produced.bytes.edit()); });
+        [](CommandStreamIn& in, Produced& produced) { in.fields(produced.result, produced.bytes.edit()); },
+        TextOf(options.password).size());
 }
 
 // --- Files ---
 
 std::optional<FileContent> Manager::OpenFile(std::string_view content, const SecretString& password) {
     return Call<FileContent>(
-        kGroupCertificates, kOpenFile,
-        [&](CommandStreamOut& out) {
-            out.reserve(content.size() + password.get().size());
-            out.fields(content, password.get());
-        },
+        kGroupCertificates, kOpenFile, [&](CommandStreamOut& out) { out.fields(content, password.get()); },
         [](CommandStreamIn& in, FileContent& file) {
             in.fields(file.status);
             if (file.status != 0) return;
             sync_list(in, file.tokens, sync_record);
             sync_list(in, file.certs, sync_record);
             sync_list(in, file.crls, sync_record);
-        });
+        },
+        content.size() + password.get().size());
 }
 
 std::optional<std::uint32_t> Manager::ImportCertificate(const TokenInfo& token, std::uint32_t index,
@@ -173,7 +170,7 @@ std::optional<std::uint32_t> Manager::ImportCertificate(const TokenInfo& token, 
             out.fields(index, options.mode, options.exportable);
             if (options.pin != nullptr) out.fields(options.pin->get());
         },
-        [](CommandStreamIn& in, std::uint32_t& status) { in.fields(status); });
+        [](CommandStreamIn& in, std::uint32_t& status) { in.fields(status); }, TextOf(options.pin).size());
 }
 
 std::optional<std::uint32_t> Manager::ImportCrl(const TokenInfo& token, std::uint32_t index) {
@@ -197,7 +194,8 @@ std::optional<std::vector<CertRequestKeyInfo>> Manager::RequestMechanisms(const 
 std::optional<Produced> Manager::MakeRequest(const TokenInfo& token, const CertRequestInfo& info) {
     return Call<Produced>(
         kGroupCertificates, kMakeRequest, NameOf(token, info),
-        [](CommandStreamIn& in, Produced& produced) { in.fields(produced.result, produced.bytes.edit()); });
+        [](CommandStreamIn& in, Produced& produced) { in.fields(produced.result, produced.bytes.edit()); },
+        info.randomSeed.size());
 }
 
 // --- Preshared keys ---
@@ -220,7 +218,7 @@ std::optional<bool> Manager::CreatePresharedKey(const TokenInfo& token, const st
             sync(out, token);
             out.fields(name, value.get());
         },
-        [](CommandStreamIn& in, bool& created) { in.fields(created); });
+        [](CommandStreamIn& in, bool& created) { in.fields(created); }, value.get().size());
 }
 
 bool Manager::DeletePresharedKey(const TokenInfo& token, const std::string& name) {
@@ -264,7 +262,7 @@ std::optional<PKCS11::TokenListing> Manager::ListTokens() {
 std::optional<PinReply> Manager::Login(const TokenInfo& token, const SecretString& pin, bool try_anyway) {
     return Call<PinReply>(
         kGroupTokens, PKCS11::kCommandLogin,
-        [&](CommandStreamOut& out) { out.fields(token.id, pin.get(), try_anyway); }, ReadPinReply);
+        [&](CommandStreamOut& out) { out.fields(token.id, pin.get(), try_anyway); }, ReadPinReply, pin.get().size());
 }
 
 std::optional<PinReply> Manager::Logout(const TokenInfo& token) {
@@ -279,7 +277,7 @@ std::optional<PinReply> Manager::ChangePin(const TokenInfo& token, PKCS11::PinRo
         [&](CommandStreamOut& out) {
             out.fields(token.id, static_cast<std::uint32_t>(role), old_pin.get(), new_pin.get(), try_anyway);
         },
-        ReadPinReply);
+        ReadPinReply, old_pin.get().size() + new_pin.get().size());
 }
 
 std::optional<InitReply> Manager::InitToken(const std::string& provider, const std::string& label,
@@ -290,7 +288,8 @@ std::optional<InitReply> Manager::InitToken(const std::string& provider, const s
         [](CommandStreamIn& in, InitReply& reply) {
             in.fields(reply.done, reply.text);
             if (reply.done) sync(in, reply.token);
-        });
+        },
+        officer_pin.get().size() + user_pin.get().size());
 }
 
 // --- The question ---

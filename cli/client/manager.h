@@ -177,7 +177,8 @@ class Manager {
 
   private:
     template <typename Result, typename Write, typename Read>
-    std::optional<Result> Call(std::uint32_t group, std::uint32_t command, Write write, Read read);
+    std::optional<Result> Call(std::uint32_t group, std::uint32_t command, Write write, Read read,
+                               std::size_t secret_bytes = 0);
     template <typename Write>
     bool Send(std::uint32_t group, std::uint32_t command, Write write);
 

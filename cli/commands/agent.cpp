@@ -19,7 +19,6 @@ namespace certmgrctl {
 namespace {
 
 using bridge::ClientEvent;
-using bridge::ClientFailure;
 
 struct AgentOptions {
     bool once = false;

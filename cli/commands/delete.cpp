@@ -50,8 +50,10 @@ void DeleteOne(Context& context, const StoredCert& cert) {
 
 void Delete(Context& context, const DeleteOptions& options) {
     std::vector<StoredCert> certs;
+    certs.reserve(options.names.size());
     for (const std::string& name : options.names) certs.push_back(FindCert(context, name, options.token));
     std::vector<TokenInfo> tokens;
+    tokens.reserve(certs.size());
     for (const StoredCert& cert : certs) tokens.push_back(cert.token);
     RequireOneToken(tokens, "--pin-file", options.pin_file);
     if (!options.yes) Confirm(context, certs);

@@ -28,6 +28,7 @@ const std::map<std::string, CertSelector> kListNames{{"personal", CertSelector::
 
 std::vector<std::string> ListNames() {
     std::vector<std::string> names;
+    names.reserve(kListNames.size());
     for (const auto& [name, selector] : kListNames) names.push_back(name);
     return names;
 }

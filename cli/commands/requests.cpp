@@ -164,7 +164,7 @@ void RequireMade(std::uint32_t result, const TokenInfo& token) {
             break;
     }
     throw Failure(kExitFailed, "the request could not be built",
-                  {"Check --subject (CN=alice, O=Example) and the alternative names."});
+                  {"Check the subject (CN=alice, O=Example) and the alternative names."});
 }
 
 void PrintMade(const Console& console, const CertRequestInfo& info, const std::string& file, const std::string& pem) {
@@ -192,6 +192,12 @@ void KeepMade(const Console& console, const OutputFile& output, const CertReques
     PrintMade(console, info, file, pem);
 }
 
+/// Also when a failure ends it.
+struct WipedAtEnd {
+    std::string& secret;
+    ~WipedAtEnd() { vpnfc::SecureWipe(secret); }
+};
+
 void Make(Context& context, const RequestOptions& options) {
     RequireAbsent(options.output, options.force);
     const TokenInfo token = FindToken(context, options.token);
@@ -205,6 +211,7 @@ void Make(Context& context, const RequestOptions& options) {
     if (!options.seed_file.empty()) seed = ReadWholeFile(options.seed_file);
     LogInIfNeeded(context, token, options.pin_file);
     info.randomSeed = seed.get();
+    const WipedAtEnd wiped{info.randomSeed};
     const std::string file = options.output == "-" ? "" : options.output;
     std::optional<OutputFile> output;
     if (!file.empty()) output.emplace(file, Access::kOthersMayRead, options.force);
@@ -212,7 +219,6 @@ void Make(Context& context, const RequestOptions& options) {
         const Progress progress("Token \"" + token.label + "\" makes a key pair");
         return context.session.Take(context.session.manager().MakeRequest(token, info));
     }();
-    vpnfc::SecureWipe(info.randomSeed);
     RequireMade(made.result, token);
     if (!output) return PrintMade(context.console, info, file, made.bytes.get());
     KeepMade(context.console, *output, info, file, made.bytes.get());

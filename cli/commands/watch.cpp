@@ -11,8 +11,6 @@
 namespace certmgrctl {
 namespace {
 
-using bridge::ClientFailure;
-
 /// An object as a line says it, and as JSON does.
 struct Entry {
     std::string what;

@@ -1,8 +1,6 @@
 #include "cli/terminal/prompt.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 
 #include "cli/failure.h"
 #include "cli/terminal/text.h"
+#include "platform/base/files.h"
 
 namespace certmgrctl {
 namespace {
@@ -48,11 +47,11 @@ class QuietTerminal {
     termios before_{};
 };
 
-/// The next byte; false at the end of the input.
-bool ReadByte(int fd, char& byte) {
+/// The next key; false when the terminal is gone.
+bool ReadKey(char& key) {
     ssize_t count = 0;
     do {
-        count = read(fd, &byte, 1);
+        count = read(STDIN_FILENO, &key, 1);
     } while (count < 0 && errno == EINTR);
     return count == 1;
 }
@@ -61,18 +60,19 @@ bool ReadByte(int fd, char& byte) {
     throw Failure(kExitCancelled, "cancelled");
 }
 
-/// Appends a line; false when the input ended before anything came. Secrets do not move while they grow.
-bool AppendLine(int fd, std::string& line) {
-    char byte = 0;
+/// A line of standard input; nothing when it had ended already.
+std::optional<SecretString> LineOfInput() {
+    SecretString line;
     bool any = false;
-    while (ReadByte(fd, byte)) {
-        any = true;
-        if (byte == '\n') break;
-        if (line.size() == kMaxSecretBytes) throw Failure(kExitUsage, "a line of the input is too long");
-        line.push_back(byte);
+    switch (vpnfc::ReadLine(STDIN_FILENO, kMaxSecretBytes, line, any)) {
+        case vpnfc::ReadResult::kRead:
+            return any ? std::optional(std::move(line)) : std::nullopt;
+        case vpnfc::ReadResult::kTooLong:
+            throw Failure(kExitUsage, "a line of the input is too long");
+        case vpnfc::ReadResult::kFailed:
+            break;
     }
-    if (line.ends_with('\r')) line.pop_back();
-    return any;
+    throw Failure(kExitUsage, std::string("standard input cannot be read: ") + std::strerror(errno));
 }
 
 /// What is deleted with the backspace key is a character, not a byte.
@@ -106,7 +106,7 @@ std::optional<SecretString> TypedSecret(const std::string& question, NextKey nex
     char key = 0;
     while (true) {
         if (!next_key()) return std::nullopt;
-        if (!ReadByte(STDIN_FILENO, key) || key == '\n' || key == '\r') return secret;
+        if (!ReadKey(key) || key == '\n' || key == '\r') return secret;
         if (key == kInterrupt || key == kEndOfInput) Cancelled();
         if (key == kBackspace || key == kDelete) {
             DropLastCharacter(secret.edit());
@@ -122,43 +122,17 @@ SecretString TypedSecret(const std::string& question) {
     return *TypedSecret(question, [] { return true; });
 }
 
-/// Owns a descriptor.
-class File {
-  public:
-    explicit File(const std::string& path) : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
-    ~File() {
-        if (fd_ >= 0) close(fd_);
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    int fd() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 SecretString SecretOfFile(const std::string& path) {
-    const File file(path);
-    struct stat status {};
-    if (file.fd() < 0 || fstat(file.fd(), &status) != 0) {
-        throw Failure(kExitUsage, path + ": " + std::strerror(errno));
-    }
-    const bool others_may_read = (status.st_mode & (S_IRWXG | S_IRWXO)) != 0;
-    if (S_ISREG(status.st_mode) && others_may_read) {
-        throw Failure(kExitUsage, path + " can be read by others", {"Its mode must be 0600: chmod 600 " + path});
-    }
     SecretString secret;
-    secret.edit().reserve(kMaxSecretBytes);
-    AppendLine(file.fd(), secret.edit());
-    return secret;
+    std::string error;
+    if (vpnfc::ReadSecretLine(path, vpnfc::SecretFile::kAny, kMaxSecretBytes, secret, error)) return secret;
+    throw Failure(kExitUsage, error);
 }
 
 SecretString SecretOfInput() {
-    SecretString secret;
-    secret.edit().reserve(kMaxSecretBytes);
-    if (!AppendLine(STDIN_FILENO, secret.edit()))
-        throw Failure(kExitUsage, "standard input ended before a secret came");
-    return secret;
+    auto secret = LineOfInput();
+    if (!secret) throw Failure(kExitUsage, "standard input ended before a secret came");
+    return std::move(*secret);
 }
 
 void RequirePerson(const std::string& question, const std::string& otherwise) {
@@ -172,9 +146,8 @@ bool CanAsk() {
 }
 
 std::optional<std::string> ReadLine() {
-    std::string line;
-    if (!AppendLine(STDIN_FILENO, line)) return std::nullopt;
-    return line;
+    const auto line = LineOfInput();
+    return line ? std::optional(line->get()) : std::nullopt;
 }
 
 std::string Ask(const std::string& question, const std::string& otherwise) {

@@ -11,22 +11,6 @@
 namespace certmgrctl {
 namespace {
 
-struct Range {
-    char32_t first;
-    char32_t last;
-};
-
-/// What a terminal obeys instead of showing it, and what shows nothing or turns the writing.
-constexpr Range kUnsafe[] = {{0, 0x1F},        {0x7F, 0x9F},      {0xAD, 0xAD},     {0x61C, 0x61C},
-                             {0x200B, 0x200F}, {0x2028, 0x202E},  {0x2060, 0x206F}, {0xFEFF, 0xFEFF},
-                             {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
-
-bool IsSafe(char32_t code_point) {
-    return code_point != asn1::kBadCodePoint &&
-           std::none_of(std::begin(kUnsafe), std::end(kUnsafe),
-                        [=](const Range& range) { return code_point >= range.first && code_point <= range.last; });
-}
-
 std::size_t WidthOf(char32_t code_point) {
     const int width = wcwidth(static_cast<wchar_t>(code_point));
     return width < 0 ? 1 : static_cast<std::size_t>(width);
@@ -67,7 +51,7 @@ std::string Escaped(std::string_view text) {
         const char32_t code_point = asn1::DecodeUtf8(text, at);
         if (code_point == asn1::kBadCodePoint) at = start + 1;
         const std::string_view bytes = text.substr(start, at - start);
-        if (IsSafe(code_point)) {
+        if (code_point != asn1::kBadCodePoint && !asn1::IsHidden(code_point)) {
             escaped.append(bytes);
         } else {
             for (const char byte : bytes) escaped.append("\\").append(TO_HEX_STD_STRING({&byte, 1}));

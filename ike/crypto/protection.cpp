@@ -22,11 +22,18 @@ std::size_t CheckBytes(const Suite& suite) {
     return suite.encryption->aead ? suite.encryption->check_bytes : suite.integrity->check_bytes;
 }
 
-/// The padding fills a block, its last byte says how much there is before it.
-std::string Pad(const Suite& suite, std::string_view plain) {
+/// The padding fills a block; a last byte, not counted here, says how much there is before it.
+std::size_t PaddingBytes(const Suite& suite, std::size_t plain) {
     const std::size_t block = suite.encryption->aead ? 1 : kCbcBlock;
-    const std::size_t padding = (block - (plain.size() + 1) % block) % block;
-    return std::string(plain) + std::string(padding, '\0') + Byte(static_cast<std::uint8_t>(padding));
+    return (block - (plain + 1) % block) % block;
+}
+
+vpnfc::SecretString Pad(const Suite& suite, std::string_view plain) {
+    const std::size_t padding = PaddingBytes(suite, plain.size());
+    vpnfc::SecretString padded;
+    padded.edit().reserve(plain.size() + padding + 1);
+    padded.edit().append(plain).append(padding, '\0').push_back(static_cast<char>(padding));
+    return padded;
 }
 
 bool Unpad(std::string& plain) {
@@ -81,7 +88,7 @@ bool SetTag(EVP_CIPHER_CTX* context, std::string_view tag) {
 }  // namespace
 
 std::size_t ProtectedBytes(const Suite& suite, std::size_t plain) {
-    return VectorBytes(suite) + Pad(suite, std::string(plain, '\0')).size() + CheckBytes(suite);
+    return VectorBytes(suite) + plain + PaddingBytes(suite, plain) + 1 + CheckBytes(suite);
 }
 
 bool Protect(const Direction& direction, std::uint64_t counter, std::string_view plain, std::string& message) {
@@ -89,7 +96,7 @@ bool Protect(const Direction& direction, std::uint64_t counter, std::string_view
     const bool aead = suite.encryption->aead;
     const std::string vector = aead ? NetworkOrder(counter) : RandomBytes(kCbcBlock);
     const Context context = Start(direction, vector, true);
-    vpnfc::SecretString padded(Pad(suite, plain));
+    const vpnfc::SecretString padded = Pad(suite, plain);
     std::string text;
     if (!context || !Run(context.get(), aead ? message : std::string(), padded.get(), text)) return false;
     message += vector + text;

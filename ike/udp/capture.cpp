@@ -11,6 +11,7 @@
 
 #include "ike/wire/bytes.h"
 #include "platform/asn1.h"
+#include "platform/base/descriptor.h"
 
 namespace ikeauth {
 namespace {
@@ -67,18 +68,18 @@ bool Capture::OpenDatagrams(const std::string& path, std::string& error) {
 
 bool Capture::OpenKeys(const std::string& path, std::string& error) {
     constexpr mode_t kPrivate = S_IRUSR | S_IWUSR;
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kPrivate);
+    vpnfc::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kPrivate));
     struct stat info {};
-    if (fd < 0 || fstat(fd, &info) != 0) {
+    if (!file || fstat(file.get(), &info) != 0) {
         error = path + " cannot be written: " + (errno == ELOOP ? "it is a link" : std::strerror(errno));
     } else if (!S_ISREG(info.st_mode) || info.st_uid != geteuid() || info.st_nlink != 1) {
         error = path + " cannot be written: it is not a file of this user's alone";
-    } else if (fchmod(fd, kPrivate) != 0 || ftruncate(fd, 0) != 0) {
+    } else if (fchmod(file.get(), kPrivate) != 0 || ftruncate(file.get(), 0) != 0) {
         error = path + " cannot be written: " + std::strerror(errno);
     } else {
-        keys_.reset(fdopen(fd, "w"));
+        keys_.reset(fdopen(file.get(), "w"));
+        if (keys_) file.Release();
     }
-    if (!keys_ && fd >= 0) close(fd);
     return keys_ != nullptr;
 }
 

@@ -4,7 +4,6 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -130,27 +129,16 @@ std::string Address::text() const {
     return (ip6 ? "[" + host + "]" : host) + ":" + std::to_string(port());
 }
 
-UdpSocket::~UdpSocket() {
-    if (fd_ >= 0) close(fd_);
-}
-
-UdpSocket::UdpSocket(UdpSocket&& other) noexcept : fd_(std::exchange(other.fd_, -1)), connected_(other.connected_) {}
-
-UdpSocket& UdpSocket::operator=(UdpSocket&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    std::swap(connected_, other.connected_);
-    return *this;
-}
-
 bool UdpSocket::Open(const Address& address, std::string& error) {
-    fd_ = socket(address.get()->sa_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) error = Failure("no UDP socket");
-    return fd_ >= 0;
+    fd_ = vpnfc::Descriptor(socket(address.get()->sa_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd_) error = Failure("no UDP socket");
+    return static_cast<bool>(fd_);
 }
 
 bool UdpSocket::Bind(const Address& local, std::string& error) {
     if (!Open(local, error)) return false;
-    if (AskForLocalAddress(fd_, local.get()->sa_family == AF_INET6) && bind(fd_, local.get(), local.size()) == 0) {
+    if (AskForLocalAddress(fd_.get(), local.get()->sa_family == AF_INET6) &&
+        bind(fd_.get(), local.get(), local.size()) == 0) {
         return true;
     }
     error = Failure(local.text().c_str());
@@ -159,7 +147,7 @@ bool UdpSocket::Bind(const Address& local, std::string& error) {
 
 bool UdpSocket::Connect(const Address& peer, std::string& error) {
     if (!Open(peer, error)) return false;
-    connected_ = connect(fd_, peer.get(), peer.size()) == 0;
+    connected_ = connect(fd_.get(), peer.get(), peer.size()) == 0;
     if (!connected_) error = Failure(peer.text().c_str());
     return connected_;
 }
@@ -167,7 +155,7 @@ bool UdpSocket::Connect(const Address& peer, std::string& error) {
 Address UdpSocket::local() const {
     Address address;
     socklen_t size = sizeof(sockaddr_storage);
-    getsockname(fd_, address.get(), &size);
+    getsockname(fd_.get(), address.get(), &size);
     return address;
 }
 
@@ -184,7 +172,7 @@ bool UdpSocket::Send(const Address& from, const Address& to, bool marked, const 
         message.msg_namelen = target.size();
         WriteLocalAddress(from, message, control);
     }
-    return sendmsg(fd_, &message, MSG_NOSIGNAL) >= 0;
+    return sendmsg(fd_.get(), &message, MSG_NOSIGNAL) >= 0;
 }
 
 ReceiveResult UdpSocket::Receive(Received& received) const {
@@ -198,7 +186,7 @@ ReceiveResult UdpSocket::Receive(Received& received) const {
     message.msg_iovlen = 1;
     message.msg_control = control.bytes.data();
     message.msg_controllen = control.bytes.size();
-    const ssize_t n = recvmsg(fd_, &message, 0);
+    const ssize_t n = recvmsg(fd_.get(), &message, 0);
     if (n < 0) return errno == EAGAIN || errno == EINTR ? ReceiveResult::kNothing : ReceiveResult::kRefused;
     received.to = local();
     ReadLocalAddress(message, received.to);
@@ -218,7 +206,7 @@ void UdpSocket::Wait(const std::vector<const UdpSocket*>& sockets,
     }
     std::vector<pollfd> entries;
     entries.reserve(sockets.size());
-    for (const UdpSocket* socket : sockets) entries.push_back({socket->fd_, POLLIN, 0});
+    for (const UdpSocket* socket : sockets) entries.push_back({socket->fd_.get(), POLLIN, 0});
     poll(entries.data(), entries.size(), timeout);
 }
 

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/descriptor.h"
+
 namespace ikeauth {
 
 inline constexpr std::uint16_t kIkePort = 500;
@@ -58,13 +60,6 @@ enum class ReceiveResult : std::uint8_t { kDatagram, kNothing, kRefused };
 /// Owns its descriptor. Used by one thread.
 class UdpSocket {
   public:
-    UdpSocket() = default;
-    ~UdpSocket();
-    UdpSocket(UdpSocket&& other) noexcept;
-    UdpSocket& operator=(UdpSocket&& other) noexcept;
-    UdpSocket(const UdpSocket&) = delete;
-    UdpSocket& operator=(const UdpSocket&) = delete;
-
     /// Port 0: any free one. An address of zeros: all.
     bool Bind(const Address& local, std::string& error);
     /// To one peer alone; learns when nobody listens there.
@@ -81,7 +76,7 @@ class UdpSocket {
   private:
     bool Open(const Address& address, std::string& error);
 
-    int fd_ = -1;
+    vpnfc::Descriptor fd_;
     bool connected_ = false;
 };
 

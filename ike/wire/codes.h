@@ -10,7 +10,7 @@ inline constexpr std::uint8_t kVersion2 = 0x20;
 
 enum ExchangeType : std::uint8_t { kSaInit = 34, kAuth = 35, kCreateChild = 36, kInformational = 37 };
 
-enum HeaderFlag : std::uint8_t { kFromInitiator = 0x08, kHigherVersion = 0x10, kIsResponse = 0x20 };
+enum HeaderFlag : std::uint8_t { kFromInitiator = 0x08, kIsResponse = 0x20 };
 
 enum PayloadType : std::uint8_t {
     kNoPayload = 0,

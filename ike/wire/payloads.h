@@ -12,7 +12,6 @@
 namespace ikeauth {
 
 inline constexpr std::size_t kMaxProposals = 64;
-inline constexpr std::size_t kMaxTransforms = 255;  // of one proposal
 inline constexpr std::size_t kMaxSpis = 64;  // of one Delete
 
 struct Transform {

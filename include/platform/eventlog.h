@@ -27,7 +27,7 @@ struct PLATFORM_API TLogIdent {
 /// One event-log message: a code, which selects the wording and the severity in the message catalogue, and text
 /// attributes that the wording refers to by position. Not shared between threads.
 ///
-///     TLogMessage(kMsgPeerCertDecoded, ident).Attr(rendering).Send();
+///     TLogMessage(kMsgPeerCertSelected, ident).Attr(rendering).Send();
 class PLATFORM_API TLogMessage {
   public:
     explicit TLogMessage(std::uint16_t code) : code_(code) {}

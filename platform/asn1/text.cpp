@@ -1,6 +1,7 @@
 #include "platform/asn1/text.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "platform/asn1/ascii.h"
 #include "platform/asn1/der.h"
@@ -148,6 +149,18 @@ void AppendUtf8(std::string& text, char32_t code_point) {
         append(0x80 | (code_point >> 6 & 0x3F));
     }
     append(0x80 | (code_point & 0x3F));
+}
+
+bool IsHidden(char32_t code_point) noexcept {
+    struct Range {
+        char32_t first;
+        char32_t last;
+    };
+    static constexpr Range kHidden[] = {{0, 0x1F},        {0x7F, 0x9F},      {0xAD, 0xAD},     {0x61C, 0x61C},
+                                        {0x200B, 0x200F}, {0x2028, 0x202E},  {0x2060, 0x206F}, {0xFEFF, 0xFEFF},
+                                        {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
+    return std::any_of(std::begin(kHidden), std::end(kHidden),
+                       [=](const Range& range) { return IsBetween(code_point, range.first, range.last); });
 }
 
 bool IsUtf8(std::string_view text) noexcept {

@@ -18,6 +18,16 @@ constexpr std::size_t Utf8SequenceLength(char lead) noexcept {
     return byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : 2;
 }
 void AppendUtf8(std::string& text, char32_t code_point);
+/// Bytes of the longest beginning of at most `limit` bytes that does not end within a character.
+constexpr std::size_t Utf8PrefixLength(std::string_view text, std::size_t limit) noexcept {
+    if (text.size() <= limit) return text.size();
+    std::size_t length = limit;
+    while (length > 0 && limit - length < 4 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
+    return length;
+}
+/// Controls, and what shows nothing or changes the place of what stands beside it: marks of direction, separators of lines,
+/// fillers, annotations, tags. kBadCodePoint is not among them.
+bool IsHidden(char32_t code_point) noexcept;
 bool IsUtf8(std::string_view text) noexcept;
 bool IsAscii(std::string_view text) noexcept;
 /// All characters are in the repertoire of PrintableString.

@@ -27,6 +27,11 @@ std::shared_ptr<Server> Running() {
     return TheHost().server;
 }
 
+void Publish(std::shared_ptr<Server> server) {
+    const std::lock_guard lock(TheHost().mutex);
+    TheHost().server.swap(server);
+}
+
 std::string FindFault(const Settings& settings) {
     if (settings.max_frame_bytes < kMaxHelloBytes) return "max_frame_bytes is too small";
     if (settings.max_pending_bytes < std::uint64_t{settings.max_frame_bytes} + kRoomBesideFrame) {
@@ -40,11 +45,13 @@ std::string FindFault(const Settings& settings) {
 bool Start(const Settings& settings, std::string& error) {
     error = Running() != nullptr ? "the bridge runs already" : FindFault(settings);
     if (!error.empty()) return false;
-    auto server = std::make_shared<Server>(settings);
-    if (!server->Start(error)) return false;
+    const auto server = std::make_shared<Server>(settings);
+    Publish(server);  // first: clients come at once, and are told what happens from then on
+    if (!server->Start(error)) {
+        Stop();
+        return false;
+    }
     TLogMessage(kMsgBridgeReady).Attr(settings.socket_path).Send();
-    const std::lock_guard lock(TheHost().mutex);
-    TheHost().server = std::move(server);
     return true;
 }
 

@@ -97,8 +97,8 @@ void Server::Run() {
 }
 
 void Server::Stop() {
-    if (!thread_.joinable()) return;
     questions_.Stop();
+    if (!thread_.joinable()) return;
     Post([this] {
         stopping_ = true;
         std::error_code ignored;

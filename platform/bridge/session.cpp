@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/base/files.h"
 #include "platform/bridge/listeners.h"
 #include "platform/bridge/server.h"
 #include "platform/event_codes.h"
@@ -29,20 +30,6 @@ constexpr std::size_t kFrameCharge = 128;
 constexpr std::size_t kReadAtOnce = 64U << 10;
 /// A frame that has begun must end in that many times the stall limit, however it comes.
 constexpr int kFrameStalls = 4;
-
-/// The longer text with what was there, none of which is left behind.
-bool Grow(vpnfc::SecretString& text, std::size_t size) {
-    try {
-        vpnfc::SecretString larger;
-        larger.edit().reserve(size);
-        larger.edit().assign(text.get());
-        larger.edit().resize(size);
-        text = std::move(larger);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
 
 std::string ErrorFrame(std::uint32_t number, Error code, const std::string& text) {
     return MakeFrameOf(FrameType::kError, number, static_cast<std::uint32_t>(code), text);
@@ -128,8 +115,14 @@ void Session::ReadPayload() {
 }
 
 bool Session::GrowPayload() {
-    const std::size_t room = std::max(kFirstRoom, 2 * payload_read_);
-    return Grow(payload_, std::min<std::size_t>(header_.length, room));
+    const std::size_t room = std::min<std::size_t>(header_.length, std::max(kFirstRoom, 2 * payload_read_));
+    try {
+        vpnfc::Reserve(payload_, room);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    payload_.edit().resize(room);
+    return true;
 }
 
 void Session::OnFrame() {

@@ -11,8 +11,9 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <utility>
 
+#include "platform/base/files.h"
+#include "platform/base/socket_address.h"
 namespace bridge {
 namespace {
 
@@ -25,16 +26,8 @@ std::string ErrnoText() {
 }
 
 bool MakeAddress(const std::string& path, sockaddr_un& address, std::string& error) {
-    address = {};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.front() != '/') {
-        error = "the socket's path must be absolute";
-    } else if (path.size() >= sizeof address.sun_path) {
-        error = path + ": a socket's path has at most " + std::to_string(sizeof address.sun_path - 1) + " bytes";
-    } else {
-        std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        return true;
-    }
+    if (path.starts_with('/')) return vpnfc::MakeSocketAddress(path, address, error);
+    error = "the socket's path must be absolute";
     return false;
 }
 
@@ -49,15 +42,8 @@ const char* WhyNotSafe(const struct stat& status) {
 
 /// A missing folder is made, open to those that may use the socket.
 bool PrepareFolder(const fs::path& folder, std::uint32_t socket_mode, std::string& error) {
-    std::error_code code;
-    fs::create_directories(folder.parent_path(), code);
-    const mode_t mode = (socket_mode & 077) == 0 ? 0700 : 0755;
     struct stat status {};
-    const bool usable = (mkdir(folder.c_str(), mode) == 0 || errno == EEXIST) && stat(folder.c_str(), &status) == 0;
-    if (!usable) {
-        error = folder.string() + ": " + ErrnoText();
-        return false;
-    }
+    if (!vpnfc::MakeFolder(folder, (socket_mode & 077) == 0 ? 0700 : 0755, status, error)) return false;
     const char* const fault = WhyNotSafe(status);
     if (fault != nullptr) error = folder.string() + fault;
     return fault == nullptr;
@@ -65,12 +51,9 @@ bool PrepareFolder(const fs::path& folder, std::uint32_t socket_mode, std::strin
 
 /// Whether somebody listens at the address.
 bool IsServed(const sockaddr_un& address) {
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (probe < 0) return false;
-    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const bool served = result == 0 || errno == EAGAIN;
-    close(probe);
-    return served;
+    const vpnfc::Descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    return probe &&
+           (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN);
 }
 
 }  // namespace
@@ -87,34 +70,32 @@ bool SocketFile::Open(const std::string& path, std::uint32_t mode, std::string& 
 }
 
 int SocketFile::TakeSocket() {
-    return std::exchange(socket_, -1);
+    return socket_.Release();
 }
 
 void SocketFile::Close() {
     if (made_) unlink(path_.c_str());
     made_ = false;
-    for (int* const fd : {&socket_, &lock_}) {
-        if (*fd >= 0) close(*fd);
-        *fd = -1;
-    }
+    socket_.Close();
+    lock_.Close();
 }
 
 bool SocketFile::Lock(std::string& error) {
     const std::string name = path_ + ".lock";
-    lock_ = open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (lock_ < 0) {
+    lock_ = vpnfc::Descriptor(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!lock_) {
         error = name + ": " + ErrnoText();
         return false;
     }
-    if (flock(lock_, LOCK_EX | LOCK_NB) != 0) {
+    if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
         std::array<char, 32> holder{};
-        const ssize_t count = read(lock_, holder.data(), holder.size() - 1);
+        const ssize_t count = read(lock_.get(), holder.data(), holder.size() - 1);
         error = path_ + " is served by another process" + (count > 0 ? " (" + std::string(holder.data()) + ")" : "") +
                 "; stop it, or name another socket";
         return false;
     }
     const std::string self = "process " + std::to_string(getpid());
-    const bool noted = ftruncate(lock_, 0) == 0 && write(lock_, self.data(), self.size()) > 0;
+    const bool noted = ftruncate(lock_.get(), 0) == 0 && vpnfc::WriteAll(lock_.get(), self);
     static_cast<void>(noted);  // it is only for the message above
     return true;
 }
@@ -140,9 +121,9 @@ bool SocketFile::RemoveStale(std::string& error) const {
 bool SocketFile::Listen(std::uint32_t mode, std::string& error) {
     sockaddr_un address{};
     if (!MakeAddress(path_, address, error)) return false;
-    socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    made_ = socket_ >= 0 && bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    if (made_ && chmod(path_.c_str(), mode) == 0 && listen(socket_, kBacklog) == 0) return true;
+    socket_ = vpnfc::Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    made_ = socket_ && bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    if (made_ && chmod(path_.c_str(), mode) == 0 && listen(socket_.get(), kBacklog) == 0) return true;
     error = path_ + ": " + ErrnoText();
     return false;
 }

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/base/descriptor.h"
+
 namespace bridge {
 
 /// A listening socket and its file. A lock file beside it ("PATH.lock"), held as long as the process lives, tells a
@@ -29,8 +31,8 @@ class SocketFile {
     bool Listen(std::uint32_t mode, std::string& error);
 
     std::string path_;
-    int lock_ = -1;
-    int socket_ = -1;
+    vpnfc::Descriptor lock_;
+    vpnfc::Descriptor socket_;
     bool made_ = false;
 };
 

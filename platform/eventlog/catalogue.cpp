@@ -101,10 +101,6 @@ static_assert(std::is_sorted(std::begin(kCatalogue), std::end(kCatalogue), ByCod
 
 }  // namespace
 
-std::span<const Wording> Catalogue() noexcept {
-    return kCatalogue;
-}
-
 const Wording& FindWording(std::uint16_t code) noexcept {
     const auto* found = std::lower_bound(std::begin(kCatalogue), std::end(kCatalogue), Wording{code, {}, {}}, ByCode);
     return found != std::end(kCatalogue) && found->code == code ? *found : kUnknown;

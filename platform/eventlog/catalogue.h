@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string_view>
 
 #include "platform/eventlog/sinks.h"
@@ -17,9 +16,6 @@ struct Wording {
     /// A message whose first attribute begins with this is of severity info.
     std::string_view success{};
 };
-
-/// Sorted by code.
-std::span<const Wording> Catalogue() noexcept;
 
 /// Wording of a code. A code that the catalogue lacks gets a wording of its own, so that nothing is lost.
 const Wording& FindWording(std::uint16_t code) noexcept;

@@ -3,8 +3,9 @@
 #include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
+
+#include "platform/asn1/text.h"
 
 namespace eventlog {
 
@@ -12,35 +13,6 @@ namespace {
 
 constexpr std::size_t kIndentColumns = 4;  // of one tab at the start of a line, and the least of any further line
 constexpr std::size_t kMaxIndentColumns = 32;
-
-struct Range {
-    std::uint32_t first;
-    std::uint32_t last;
-};
-// C1 controls, line and paragraph separators, marks that hide or reorder what stands beside them.
-constexpr std::array<Range, 7> kHiddenCharacters{{{0x80, 0x9F},
-                                                  {0xAD, 0xAD},
-                                                  {0x61C, 0x61C},
-                                                  {0x200B, 0x200F},
-                                                  {0x2028, 0x202E},
-                                                  {0x2060, 0x206F},
-                                                  {0xFEFF, 0xFEFF}}};
-
-// Length of the UTF-8 character at the start of `text` and its value; 0 when it is not one (RFC 3629).
-std::size_t DecodeUtf8(std::string_view text, std::uint32_t& character) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(0);
-    const std::size_t length = lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
-    if (length == 0 || text.size() < length) return 0;
-    character = lead & (0x7FU >> length);
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) return 0;
-        character = character << 6 | (byte(i) & 0x3FU);
-    }
-    const bool overlong = (length == 3 && character < 0x800) || (length == 4 && character < 0x10000);
-    const bool surrogate = character >= 0xD800 && character < 0xE000;
-    return overlong || surrogate || character > 0x10FFFF ? 0 : length;
-}
 
 void AppendByteEscape(std::string& out, unsigned char byte) {
     out += fmt::format("\\x{:02x}", byte);
@@ -109,16 +81,17 @@ class SafeText {
     }
 
     std::size_t StepUtf8(std::string_view text) {
-        std::uint32_t character = 0;
-        const std::size_t length = DecodeUtf8(text, character);
-        if (length == 0) {
+        std::size_t length = 0;
+        const char32_t character = asn1::DecodeUtf8(text, length);
+        if (character == asn1::kBadCodePoint) {
             AppendByteEscape(out_, static_cast<unsigned char>(text[0]));
             return 1;
         }
-        const bool hidden = std::any_of(kHiddenCharacters.begin(), kHiddenCharacters.end(), [&](const Range& range) {
-            return character >= range.first && character <= range.last;
-        });
-        out_ += hidden ? fmt::format("\\u{{{:04x}}}", character) : std::string(text.substr(0, length));
+        if (asn1::IsHidden(character)) {
+            out_ += fmt::format("\\u{{{:04x}}}", static_cast<std::uint32_t>(character));
+        } else {
+            out_ += text.substr(0, length);
+        }
         return length;
     }
 
@@ -129,16 +102,8 @@ std::string CutNote(std::size_t bytes) {
     return "... (" + std::to_string(bytes) + " bytes cut)";
 }
 
-// Length of the longest prefix of at most `limit` bytes that does not end within a character.
-std::size_t PrefixLength(std::string_view text, std::size_t limit) {
-    if (text.size() <= limit) return text.size();
-    std::size_t length = limit;
-    while (length > 0 && limit - length < 4 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
-    return length;
-}
-
 void AppendAttribute(SafeText& safe, std::string_view attribute) {
-    const std::size_t shown = PrefixLength(attribute, kMaxAttributeBytes);
+    const std::size_t shown = asn1::Utf8PrefixLength(attribute, kMaxAttributeBytes);
     safe.Append(attribute.substr(0, shown));
     if (shown < attribute.size()) safe.Append(CutNote(attribute.size() - shown));
 }
@@ -174,7 +139,7 @@ std::string RenderText(const Wording& wording, const std::vector<std::string>& a
         AppendAttribute(safe, attributes[i]);
     }
     TrimEnd(text);
-    const std::size_t shown = PrefixLength(text, kMaxTextBytes);
+    const std::size_t shown = asn1::Utf8PrefixLength(text, kMaxTextBytes);
     if (shown < text.size()) text.replace(shown, std::string::npos, CutNote(text.size() - shown));
     return text;
 }

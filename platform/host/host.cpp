@@ -126,12 +126,12 @@ void Host::ApplyBridge(const settings::Bridge& loaded) {
     if (!bridge::Apply(server, error)) TLogMessage(kMsgSettingsWarning).Attr("bridge: " + error).Send();
 }
 
-void Host::Stop() {
-    if (!running_) return;
+bool Host::Stop() {
+    if (!running_) return true;
     running_ = false;
     StopBridge();
     tokens::Stop();
-    events::Stop();
+    return events::Stop();
 }
 
 std::shared_ptr<const LPCFG::Rules> Host::rules() const {

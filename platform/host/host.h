@@ -27,7 +27,7 @@ enum class StartResult : std::uint8_t {
     kFailed,  // what the settings ask for cannot be had: log file, state directory, event thread
 };
 
-/// One at a time in a process. Start, Stop and the bridge's on the main thread; Reload and rules() from any.
+/// One at a time in a process. Everything on the main thread, rules() on any.
 class PLATFORM_API Host {
   public:
     Host();
@@ -49,9 +49,12 @@ class PLATFORM_API Host {
     /// Reads the settings again and puts them into force. False, with the old ones kept, when they are wrong.
     bool Reload();
 
-    /// Stops what Start started. The module must be stopped before. Harmless when not started.
-    void Stop();
+    /// Stops what Start started. The module must be stopped before. Harmless when not started. False when a handler of
+    /// the event manager does not end: leave the process then (program.h), without destroying what it uses.
+    bool Stop();
 
+    /// Where messages go, as the settings say.
+    const eventlog::Sinks& sinks() const { return sinks_; }
     /// The rules in force; the copy stays as it is when the settings change.
     std::shared_ptr<const LPCFG::Rules> rules() const;
 

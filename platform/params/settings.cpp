@@ -16,6 +16,8 @@
 #include <set>
 #include <utility>
 
+#include "platform/base/descriptor.h"
+#include "platform/base/files.h"
 #include "platform/bridge_socket.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
@@ -220,20 +222,6 @@ constexpr Field<Settings> kSections[] = {
     {"rule", [](const Value& v, Settings& s) { LPCFG::ReadRules(v, s.rules); }},
 };
 
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 // What to do about a settings file that cannot be opened.
 std::string RemedyOf(int error) {
     if (error == ENOENT) return "write one, as docs/settings.md describes, or name another with --config";
@@ -242,28 +230,23 @@ std::string RemedyOf(int error) {
 }
 
 // Reads the whole file; false when it cannot be used, with the reason reported.
-bool ReadFile(const std::string& path, ProblemList& problems, std::string& content) {
+bool ReadFile(const std::string& path, ProblemList& problems, vpnfc::SecretString& content) {
     const auto fail = [&](const std::string& text, const std::string& remedy = {}) {
         problems.Add(Problem::Kind::kError, {}, text, remedy);
         return false;
     };
-    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const vpnfc::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+    if (!file || fstat(file.get(), &status) != 0) {
         const int error = errno;
         return fail("cannot be opened: " + std::string(std::strerror(error)), RemedyOf(error));
     }
     if (!S_ISREG(status.st_mode)) return fail("is not a regular file", "name the settings file itself");
-    content.resize(kMaxFileBytes + 1);
-    std::size_t length = 0;
-    ssize_t got = 1;
-    while (got > 0 && length < content.size()) {
-        got = read(file.get(), content.data() + length, content.size() - length);
-        if (got > 0) length += static_cast<std::size_t>(got);
+    const vpnfc::ReadResult result = vpnfc::ReadToEnd(file.get(), kMaxFileBytes, content);
+    if (result == vpnfc::ReadResult::kFailed) return fail("cannot be read: " + std::string(std::strerror(errno)));
+    if (result == vpnfc::ReadResult::kTooLong) {
+        return fail("is larger than " + std::to_string(kMaxFileBytes) + " bytes");
     }
-    if (got < 0) return fail("cannot be read: " + std::string(std::strerror(errno)));
-    if (length > kMaxFileBytes) return fail("is larger than " + std::to_string(kMaxFileBytes) + " bytes");
-    content.resize(length);
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         problems.Add(Problem::Kind::kWarning, {},
                      "can be written by others than its owner: it names libraries that are loaded", "chmod go-w");
@@ -284,11 +267,8 @@ bool Parse(const std::string& content, ProblemList& problems, toml::table& docum
 
 // Where the programs' own token stands unless the settings say otherwise; empty when the user has no home.
 std::string DefaultSoftHsmDirectory() {
-    if (geteuid() == 0) return "/var/lib/certmgr/softhsm";
-    const char* const state = secure_getenv("XDG_STATE_HOME");
-    if (state != nullptr && state[0] == '/') return std::string(state) + "/certmgr/softhsm";
-    const char* const home = secure_getenv("HOME");
-    return home == nullptr ? std::string() : std::string(home) + "/.local/state/certmgr/softhsm";
+    const std::string state = vpnfc::StateFolder();
+    return state.empty() ? state : state + "/softhsm";
 }
 
 bool IsSoftHsm(const tokens::Provider& provider) {
@@ -363,9 +343,9 @@ LoadResult Load(const std::string& path, const std::string& softhsm_module) {
     std::error_code ignored;
     ProblemList problems(std::filesystem::absolute(path, ignored).lexically_normal());
     LoadResult result;
-    std::string content;
+    vpnfc::SecretString content;  // the arguments of modules may be secret
     toml::table document;
-    if (ReadFile(path, problems, content) && Parse(content, problems, document)) {
+    if (ReadFile(path, problems, content) && Parse(content.get(), problems, document)) {
         ReadTable<Settings>(Value(document, "", problems), "", kSections, result.settings);
     }
     result.ok = problems.errors() == 0;

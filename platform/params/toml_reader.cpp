@@ -4,6 +4,8 @@
 #include <numeric>
 #include <optional>
 
+#include "platform/asn1/text.h"
+
 namespace settings {
 
 namespace {
@@ -79,9 +81,7 @@ bool HasControlCharacter(std::string_view text) {
 std::string Quoted(std::string_view text) {
     std::string quoted = "\"";
     if (text.size() <= kMaxQuotedBytes) return quoted.append(text) + '"';
-    std::size_t length = kMaxQuotedBytes;
-    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) --length;
-    return quoted.append(text.substr(0, length)) + "...\"";
+    return quoted.append(text.substr(0, asn1::Utf8PrefixLength(text, kMaxQuotedBytes))) + "...\"";
 }
 
 std::string_view Nearest(std::string_view word, std::span<const std::string_view> candidates) {

@@ -1,15 +1,12 @@
 #include "platform/tokens/pins.h"
 
-#include <fcntl.h>
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <utility>
+
+#include "platform/base/files.h"
 
 namespace tokens {
 namespace {
@@ -17,49 +14,20 @@ namespace {
 /// Failures remembered of all tokens, the latest: tokens lock after a few.
 constexpr std::size_t kMaxFailures = 4096;
 
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-const char* WhyNotPrivate(int fd) {
-    struct stat status {};
-    if (fstat(fd, &status) != 0) return "cannot be examined";
-    if (!S_ISREG(status.st_mode)) return "is not a regular file";
-    if (status.st_uid != geteuid()) return "belongs to another user";
-    if ((status.st_mode & 077) != 0) return "can be read or written by others; its mode must be 0600";
-    return nullptr;
-}
-
 }  // namespace
 
 bool ReadPinFile(const std::string& path, vpnfc::SecretString& pin, std::string& error) {
-    const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (file.get() < 0) {
-        error = "PIN file " + path + ": " + std::strerror(errno);
+    vpnfc::SecretString line;
+    if (!vpnfc::ReadSecretLine(path, vpnfc::SecretFile::kOwn, kMaxPinBytes, line, error)) {
+        error.insert(0, "PIN file ");
         return false;
     }
-    if (const char* const reason = WhyNotPrivate(file.get()); reason != nullptr) {
-        error = "PIN file " + path + " " + reason;
-        return false;
+    const bool usable = !line.empty();
+    if (usable) {
+        pin = std::move(line);
+    } else {
+        error = "PIN file " + path + " has no PIN of 1 to 255 characters in its first line";
     }
-    std::array<char, kMaxPinBytes + 2> bytes{};
-    const ssize_t count = read(file.get(), bytes.data(), bytes.size());
-    const std::string_view text(bytes.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
-    const std::string_view line = text.substr(0, std::min(text.find_first_of("\r\n"), text.size()));
-    const bool usable = !line.empty() && line.size() <= kMaxPinBytes;
-    if (usable) pin = vpnfc::SecretString(line);
-    OPENSSL_cleanse(bytes.data(), bytes.size());
-    if (!usable) error = "PIN file " + path + " has no PIN of 1 to 255 characters in its first line";
     return usable;
 }
 

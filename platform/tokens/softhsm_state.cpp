@@ -1,10 +1,8 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "platform/base/files.h"
 #include "platform/tokens/token_host.h"
 
 namespace tokens {
@@ -19,28 +17,6 @@ constexpr const char* kModulePaths[] = {
     "/usr/local/lib/softhsm/libsofthsm2.so",
 };
 
-/// Makes the folder, for its owner alone, if it is not there. One that is there must be like that already: who could
-/// read it has read it.
-bool MakePrivateFolder(const fs::path& folder, std::string& error) {
-    std::error_code code;
-    fs::create_directories(folder.parent_path(), code);
-    if (!code && mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) code.assign(errno, std::generic_category());
-    struct stat status {};
-    if (!code && stat(folder.c_str(), &status) != 0) code.assign(errno, std::generic_category());
-    std::string reason;
-    if (code) {
-        reason = code.message();
-    } else if (!S_ISDIR(status.st_mode)) {
-        reason = "is not a directory";
-    } else if (status.st_uid != geteuid()) {
-        reason = "belongs to another user";
-    } else if ((status.st_mode & 077) != 0) {
-        reason = "can be read or written by others; its mode must be 0700";
-    }
-    if (!reason.empty()) error = folder.string() + ": " + reason;
-    return reason.empty();
-}
-
 }  // namespace
 
 bool PrepareSoftHsm(const std::string& folder, std::string& error) {
@@ -51,7 +27,7 @@ bool PrepareSoftHsm(const std::string& folder, std::string& error) {
     const fs::path base(folder);
     const fs::path token_folder = base / "tokens";
     const fs::path configuration = base / "softhsm2.conf";
-    if (!MakePrivateFolder(base, error) || !MakePrivateFolder(token_folder, error)) return false;
+    if (!vpnfc::MakePrivateFolder(base, error) || !vpnfc::MakePrivateFolder(token_folder, error)) return false;
     std::ofstream file(configuration, std::ios::trunc);
     file << "directories.tokendir = " << token_folder.string() << "\n"
          << "objectstore.backend = file\n"

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/base/files.h"
 #include "tokens/gost/failure.h"
 #include "tokens/gost/sealing.h"
 
@@ -15,38 +16,13 @@ namespace gost_token {
 namespace {
 
 namespace fs = std::filesystem;
+using vpnfc::Descriptor;
 
 constexpr std::string_view kTemporaryPrefix = ".new-";
 /// A folder of files that are whole, and are to be moved out of it.
 constexpr std::string_view kSetPrefix = ".set-";
 constexpr std::size_t kNameBytes = 8;
 constexpr mode_t kFileMode = 0600;
-constexpr mode_t kFolderMode = 0700;
-
-class Descriptor {
-  public:
-    Descriptor(const fs::path& path, int flags, mode_t mode = 0) : fd_(open(path.c_str(), flags | O_CLOEXEC, mode)) {}
-    ~Descriptor() { Close(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    bool Close() { return fd_ < 0 || close(std::exchange(fd_, -1)) == 0; }
-
-  private:
-    int fd_;
-};
-
-bool WriteAll(int fd, std::string_view content) {
-    while (!content.empty()) {
-        const ssize_t written = write(fd, content.data(), content.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
-        content.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
 
 [[noreturn]] void FailToWrite(const fs::path& temporary) {
     const bool full = errno == ENOSPC || errno == EDQUOT;
@@ -71,9 +47,13 @@ std::nullopt_t Absent() {
     }
 }
 
+Descriptor Open(const fs::path& path, int flags, mode_t mode = 0) {
+    return Descriptor(open(path.c_str(), flags | O_CLOEXEC, mode));
+}
+
 /// Makes the names in a folder last.
 void SyncFolder(const fs::path& folder) {
-    const Descriptor descriptor(folder, O_RDONLY | O_DIRECTORY);
+    const Descriptor descriptor = Open(folder, O_RDONLY | O_DIRECTORY);
     if (descriptor) fsync(descriptor.get());
 }
 
@@ -90,26 +70,21 @@ std::optional<Stamp> StampOf(const fs::path& path) {
 }
 
 std::optional<std::string> ReadFile(const fs::path& path, std::size_t max_bytes) {
-    const Descriptor file(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    const Descriptor file = Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) return Absent();
-    if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > max_bytes) return std::nullopt;
-    std::string content(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t done = 0;
-    while (done < content.size()) {
-        const ssize_t got = read(file.get(), content.data() + done, content.size() - done);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return Absent();
-        if (got == 0) return std::nullopt;
-        done += static_cast<std::size_t>(got);
-    }
-    return content;
+    if (!S_ISREG(status.st_mode)) return std::nullopt;
+    vpnfc::SecretString content;
+    const vpnfc::ReadResult result = vpnfc::ReadToEnd(file.get(), max_bytes, content);
+    if (result == vpnfc::ReadResult::kFailed) return Absent();
+    if (result == vpnfc::ReadResult::kTooLong) return std::nullopt;
+    return std::move(content.edit());
 }
 
 void WriteFile(const fs::path& path, std::string_view content) {
     const fs::path temporary = TemporaryName(path.parent_path());
-    Descriptor file(temporary, O_WRONLY | O_CREAT | O_EXCL, kFileMode);
-    if (!file || !WriteAll(file.get(), content) || fsync(file.get()) != 0 || !file.Close() ||
+    Descriptor file = Open(temporary, O_WRONLY | O_CREAT | O_EXCL, kFileMode);
+    if (!file || !vpnfc::WriteAll(file.get(), content) || fsync(file.get()) != 0 || !file.Close() ||
         rename(temporary.c_str(), path.c_str()) != 0) {
         FailToWrite(temporary);
     }
@@ -137,12 +112,8 @@ void WriteFiles(const fs::path& folder, std::span<const NamedContent> files) {
 }
 
 bool MakePrivateFolder(const fs::path& folder) {
-    std::error_code error;
-    fs::create_directories(folder.parent_path(), error);
-    if (error || (mkdir(folder.c_str(), kFolderMode) != 0 && errno != EEXIST)) return false;
-    struct stat status {};
-    return stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == geteuid() &&
-           (status.st_mode & 077) == 0;
+    std::string ignored;
+    return vpnfc::MakePrivateFolder(folder, ignored);
 }
 
 void PutFolder(const fs::path& folder, const fs::path& place) {
@@ -178,19 +149,18 @@ fs::path TemporaryName(const fs::path& folder) {
 FolderLock::FolderLock(const fs::path& folder, Wait wait) : folder_(folder) {
     const int how = LOCK_EX | (wait == Wait::kNo ? LOCK_NB : 0);
     do {
-        if (fd_ >= 0) close(fd_);
-        fd_ = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        while (fd_ >= 0 && flock(fd_, how) != 0) {
-            if (errno != EINTR) close(std::exchange(fd_, -1));
+        fd_ = Open(folder, O_RDONLY | O_DIRECTORY);
+        while (fd_ && flock(fd_.get(), how) != 0) {
+            if (errno != EINTR) fd_.Close();
         }
-    } while (fd_ >= 0 && !IsOfItsPlace());
-    Require(fd_ >= 0 || wait == Wait::kNo, CKR_DEVICE_ERROR);
+    } while (fd_ && !IsOfItsPlace());
+    Require(held() || wait == Wait::kNo, CKR_DEVICE_ERROR);
 }
 
 bool FolderLock::IsOfItsPlace() const {
     struct stat locked {};
     struct stat named {};
-    const bool both = fstat(fd_, &locked) == 0 && stat(folder_.c_str(), &named) == 0;
+    const bool both = fstat(fd_.get(), &locked) == 0 && stat(folder_.c_str(), &named) == 0;
     return both && locked.st_dev == named.st_dev && locked.st_ino == named.st_ino;
 }
 
@@ -206,10 +176,6 @@ void FolderLock::Recover() const {
         SyncFolder(folder_);
         rmdir(entry.path().c_str());
     }
-}
-
-FolderLock::~FolderLock() {
-    if (held()) close(fd_);
 }
 
 }  // namespace gost_token

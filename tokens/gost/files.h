@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/descriptor.h"
+
 namespace gost_token {
 
 /// Tells whether a file or folder is the one that was looked at before.
@@ -56,11 +58,8 @@ class FolderLock {
     enum class Wait { kYes, kNo };
     /// Fails with CKR_DEVICE_ERROR. Without waiting it never does; see held.
     explicit FolderLock(const std::filesystem::path& folder, Wait wait = Wait::kYes);
-    ~FolderLock();
-    FolderLock(const FolderLock&) = delete;
-    FolderLock& operator=(const FolderLock&) = delete;
 
-    bool held() const { return fd_ >= 0; }
+    bool held() const { return static_cast<bool>(fd_); }
     /// Brings to an end what processes that were killed had begun in the folder, or undoes it, if the lock is held.
     void Recover() const;
 
@@ -68,7 +67,7 @@ class FolderLock {
     bool IsOfItsPlace() const;
 
     std::filesystem::path folder_;
-    int fd_ = -1;
+    vpnfc::Descriptor fd_;
 };
 
 }  // namespace gost_token

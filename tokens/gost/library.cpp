@@ -1,11 +1,10 @@
 #include "tokens/gost/library.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <optional>
+
+#include "platform/base/files.h"
 
 namespace gost_token {
 namespace {
@@ -21,14 +20,10 @@ constexpr CK_SLOT_ID kMaxSlots = 1000;
 constexpr const char* kDirectoryVariable = "CERTMGR_GOST_DIRECTORY";
 
 fs::path DefaultFolder() {
-    const char* const named = secure_getenv(kDirectoryVariable);
-    if (named != nullptr && named[0] == '/') return named;
-    if (geteuid() == 0) return "/var/lib/certmgr/gost";
-    const char* const state = secure_getenv("XDG_STATE_HOME");
-    if (state != nullptr && state[0] == '/') return fs::path(state) / "certmgr/gost";
-    const char* const home = secure_getenv("HOME");
-    Require(home != nullptr && home[0] == '/', CKR_ARGUMENTS_BAD);
-    return fs::path(home) / ".local/state/certmgr/gost";
+    if (const std::string named = vpnfc::PathFromEnvironment(kDirectoryVariable); !named.empty()) return named;
+    const fs::path state = vpnfc::StateFolder();
+    Require(!state.empty(), CKR_ARGUMENTS_BAD);
+    return state / "gost";
 }
 
 fs::path FolderFrom(std::string_view arguments) {

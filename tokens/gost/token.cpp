@@ -50,12 +50,6 @@ TokenFile Token::Snapshot() {
     return FileLocked();
 }
 
-bool Token::IsInitialized() {
-    const Lock lock(mutex_);
-    RefreshLocked();
-    return looked_at_.has_value();
-}
-
 void Token::Describe(CK_TOKEN_INFO& info) {
     const Lock lock(mutex_);
     RefreshLocked();
@@ -225,6 +219,7 @@ std::vector<CK_OBJECT_HANDLE> Token::WriteLocked(std::unique_lock<std::mutex>& l
     const Access access{access_.serial, SecretString(std::string_view(access_.key.get()))};
     lock.unlock();
     std::vector<NamedContent> contents;
+    contents.reserve(files.size());
     for (const ObjectFile& file : files)
         contents.push_back({file.name, EncodeObject(file.object, {access.serial, file.name}, access.key)});
     WriteFiles(folder_, contents);

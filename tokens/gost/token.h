@@ -37,7 +37,6 @@ class Token {
     Token(std::filesystem::path folder, CK_SLOT_ID slot);
 
     CK_SLOT_ID slot() const { return slot_; }
-    bool IsInitialized();
     void Describe(CK_TOKEN_INFO& info);
 
     /// Erases what is there, if the PIN is the security officer's; a new token takes it as that. A folder whose token

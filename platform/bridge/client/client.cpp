@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/base/files.h"
+#include "platform/base/socket_address.h"
 #include "platform/bridge/frame.h"
 #include "platform/bridge/questions.h"
 
@@ -67,12 +68,8 @@ std::size_t Client::max_input_bytes() const {
 
 bool Client::Open(const std::string& path) {
     sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
-        return Fail(Kind::kNoServer,
-                    "the socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) + " bytes: " + path);
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    std::string fault;
+    if (!vpnfc::MakeSocketAddress(path, address, fault)) return Fail(Kind::kNoServer, fault);
     fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd_ >= 0 && connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return true;
     const int error = errno;
@@ -146,9 +143,9 @@ bool Client::Fail(Kind kind, std::string text, Error code) {
 }
 
 bool Client::Lost(Kind kind, std::string text, Error code) {
-    const std::deque<ClientEvent> events = std::move(events_);
+    std::deque<ClientEvent> events = std::move(events_);
     Disconnect();
-    events_ = events;  // what was said before
+    events_ = std::move(events);  // what was said before
     return Fail(kind, std::move(text), code);
 }
 
@@ -204,11 +201,9 @@ bool Client::SendAll(std::string_view bytes, const Deadline& deadline) {
 bool Client::ReadMore(std::size_t wanted, const Deadline& deadline) {
     while (received_bytes_ < wanted) {
         if (received_bytes_ == received_.get().size()) {
-            vpnfc::SecretString larger;
             const std::size_t room = std::min(wanted, std::max(kFirstRoom, 2 * received_bytes_));
-            larger.edit().reserve(room);
-            larger.edit().assign(received_.get()).resize(room);
-            received_ = std::move(larger);
+            vpnfc::Reserve(received_, room);
+            received_.edit().resize(room);
         }
         const std::size_t room = std::min(wanted, received_.get().size()) - received_bytes_;
         const ssize_t count = recv(fd_, received_.edit().data() + received_bytes_, room, MSG_DONTWAIT);
