@@ -5,8 +5,16 @@
 namespace arguments {
 namespace {
 
+constexpr char kBar = '|';
+
 bool Any(const CLI::App*) {
     return true;
+}
+
+std::string Joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : std::string(1, kBar)) + word;
+    return text;
 }
 
 }  // namespace
@@ -19,7 +27,9 @@ Option Option::Required() {
 
 // Validators without a description: what is missing is a word or a number, --help says which.
 Option Option::OneOf(const std::vector<std::string>& words) {
-    option_->check(CLI::IsMember(words).description(""));
+    // Its name is never shown: there words() finds them again.
+    option_->check(CLI::IsMember(words).description("").name(Joined(words)));
+    if (option_->get_option_text().empty()) option_->option_text(Joined(words));
     return *this;
 }
 
@@ -49,6 +59,14 @@ std::string Option::long_name() const {
 
 std::string Option::description() const {
     return option_->get_description();
+}
+
+std::vector<std::string> Option::words() const {
+    try {
+        return CLI::detail::split(option_->get_validator(0)->get_name(), kBar);
+    } catch (const CLI::OptionNotFound&) {
+        return {};
+    }
 }
 
 bool Option::takes_value() const {

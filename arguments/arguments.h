@@ -29,6 +29,7 @@ class Option {
 
     /// --help says so beside the kind of the value.
     Option Required();
+    /// Without a kind --help shows the words.
     Option OneOf(const std::vector<std::string>& words);
     Option Range(std::int64_t least, std::int64_t most);
     Option Needs(Option other);
@@ -40,6 +41,8 @@ class Option {
     std::string long_name() const;
     std::string description() const;
     bool takes_value() const;
+    /// Those of OneOf; none when it takes other values.
+    std::vector<std::string> words() const;
 
   private:
     CLI::Option* option_;

@@ -50,9 +50,9 @@ Candidates CrlNumbers(Context& context) {
     return numbers;
 }
 
-Candidates Words(std::initializer_list<const char*> words) {
+Candidates WordsOf(const Option& option) {
     Candidates candidates;
-    for (const char* word : words) candidates.push_back({word, ""});
+    for (const std::string& word : option.words()) candidates.push_back({word, ""});
     return candidates;
 }
 
@@ -60,42 +60,34 @@ Candidates Words(std::initializer_list<const char*> words) {
 Candidates ValuesOf(const Option& option, Context& context) {
     const std::string name = option.long_name();
     if (name == "token") return TokenLabels(context);
-    if (name == "as") return Words({"trusted", "personal", "other"});
-    if (name == "format") return Words({"der", "pem", "pkcs7", "pkcs12"});
-    if (name == "crl") return Words({"soft", "strict"});
     if (name.ends_with("file") || name == "output" || name == "socket") return kFiles;
-    return {};
+    return WordsOf(option);
 }
 
 /// What stands without an option, by command.
 Candidates ArgumentsOf(const Command& command, Context& context) {
     using Source = std::function<Candidates(Context&)>;
-    static const auto kNoNames = [](Context&) { return Candidates(); };
-    static const std::map<std::string, Source> kSources{
-        {"show", Serials},
-        {"chain", Serials},
-        {"verify", Serials},
-        {"export", Serials},
-        {"token login", TokenLabels},
-        {"token logout", TokenLabels},
-        {"token pin", TokenLabels},
-        {"psk delete", KeyNames},
-        {"crl delete", CrlNumbers},
-        {"delete", Serials},
-        {"import", [](Context&) { return kFiles; }},
-        {"crl import", [](Context&) { return kFiles; }},
-        {"list",
-         [](Context&) {
-             return Words({"personal", "trusted", "intermediate", "other"});
-         }},
-        {"completion", [](Context&) {
-             return Words({"bash", "zsh", "fish"});
-         }}};
+    static const std::map<std::string, Source> kSources{{"show", Serials},
+                                                        {"chain", Serials},
+                                                        {"verify", Serials},
+                                                        {"export", Serials},
+                                                        {"token login", TokenLabels},
+                                                        {"token logout", TokenLabels},
+                                                        {"token pin", TokenLabels},
+                                                        {"psk delete", KeyNames},
+                                                        {"crl delete", CrlNumbers},
+                                                        {"delete", Serials},
+                                                        {"import", [](Context&) { return kFiles; }},
+                                                        {"crl import", [](Context&) { return kFiles; }}};
     const std::optional<Command> parent = command.parent();
     const bool nested = parent && parent->parent();
     const std::string name = nested ? parent->name() + " " + command.name() : command.name();
     const auto found = kSources.find(name);
-    return (found == kSources.end() ? Source(kNoNames) : found->second)(context);
+    if (found != kSources.end()) return found->second(context);
+    for (const Option& option : command.options()) {
+        if (option.long_name().empty() && !option.words().empty()) return WordsOf(option);
+    }
+    return {};
 }
 
 Candidates OptionsOf(const Command& command) {

@@ -51,6 +51,14 @@ TokenInfo Refreshed(Context& context, const TokenInfo& token) {
     return token;
 }
 
+std::string PinQuestion(const TokenInfo& token) {
+    return "PIN of token " + Label(token);
+}
+
+vpnfc::SecretString ReadPin(const std::string& pin_file, const TokenInfo& token) {
+    return ReadSecret(pin_file, PinQuestion(token), "Use --pin-file FILE.");
+}
+
 void LogInIfNeeded(Context& context, const TokenInfo& listed, const std::string& pin_file) {
     const TokenInfo token = Refreshed(context, listed);
     if (token.loggedIn || !token.loginRequired) return;
@@ -59,7 +67,7 @@ void LogInIfNeeded(Context& context, const TokenInfo& listed, const std::string&
     if (token.pinPad && pin_file.empty()) {
         context.console.Note("Type the PIN on the reader of token " + Label(token) + ".");
     } else {
-        pin = ReadSecret(pin_file, "PIN of token " + Label(token), "Use --pin-file FILE.");
+        pin = ReadPin(pin_file, token);
     }
     RequireTaken(context.session.Take(context.session.manager().Login(token, pin)), token);
     context.console.Note("Logged in to token " + Label(token) + "; certmgrctl token logout ends that.");

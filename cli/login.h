@@ -7,6 +7,7 @@
 #include "arguments/arguments.h"
 #include "cli/session.h"
 #include "cli/store/records.h"
+#include "platform/base.h"
 
 namespace certmgrctl {
 
@@ -16,6 +17,11 @@ void AddPinOption(arguments::Command& command, std::string& pin_file);
 
 /// The token as it is now: what a list carries may be older than the last login. As it was when it is gone.
 TokenInfo Refreshed(Context& context, const TokenInfo& token);
+
+/// "PIN of token "label"".
+std::string PinQuestion(const TokenInfo& token);
+/// The user's, of the file or as it is typed.
+vpnfc::SecretString ReadPin(const std::string& pin_file, const TokenInfo& token);
 
 /// Logs in to a token that asks for it, with the PIN of the file or the one that is typed. Does nothing when there is
 /// neither a file nor somebody to ask: the daemon may know the PIN.

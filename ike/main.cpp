@@ -108,9 +108,9 @@ Command AddExchange(Command& program, ExchangeCommand& options) {
     exchange.AddOption("--initiator", options.initiator_config, "FILE", "Settings file of the initiator").Required();
     exchange.AddOption("--responder", options.responder_config, "FILE", "Settings file of the responder").Required();
     exchange.AddOption("--rule", options.rule, "NAME", "Rule to authenticate by, in both files").Required();
-    exchange.AddOption("--ike", options.version, "1|2", "IKE version: 1 signs a hash, 2 octets; default 2")
+    exchange.AddOption("--ike", options.version, "", "IKE version: 1 signs a hash, 2 octets; default 2")
         .OneOf({"1", "2"});
-    exchange.AddOption("--payload", options.form, "x509|pkcs7", "Single certificates or one bundle; default x509")
+    exchange.AddOption("--payload", options.form, "", "Single certificates or one bundle; default x509")
         .OneOf({"x509", "pkcs7"});
     exchange.AddOption("--expect", options.options.expect, "TEXT (repeatable)",
                        "Succeed only if refused with this text in the log");

@@ -184,7 +184,7 @@ class Agent {
         for (const auto& status : context_.session.Take(context_.session.manager().ListTokens()).tokens) {
             const bool waits = status.info.loginRequired && !status.info.loggedIn && !status.info.pinPad &&
                                (status.flags & PKCS11::kUserPinSet) != 0;
-            if (!waits || (status.flags & PKCS11::kTokenInitialised) == 0) continue;
+            if (!waits || !IsInitialised(status)) continue;
             waiting.insert(status.info.id);
             if (pins_wanted_ || !asked_.insert(status.info.id).second) continue;
             pins_wanted_ = !AskForPin(status.info);
@@ -196,7 +196,7 @@ class Agent {
     /// False when a question came meanwhile.
     bool AskForPin(const TokenInfo& token) {
         const Interruption question{client().fd(), [this] { return QuestionsWait(); }};
-        const auto pin = TypeSecret("PIN of token \"" + token.label + "\" (Enter: not now)", question);
+        const auto pin = TypeSecret(PinQuestion(token) + " (Enter: not now)", question);
         if (!pin || pin->empty()) return pin.has_value();
         const auto reply = context_.session.Take(context_.session.manager().Login(token, *pin));
         context_.console.Note(reply.status == PKCS11::kPinDone

@@ -158,7 +158,7 @@ void AddChainCommands(Command& app, Context& context) {
 
     Command verify = AddNamed(app, "verify", "Whether a certificate can be relied on now", *options);
     verify
-        .AddOption("--crl", options->crl, "soft|strict",
+        .AddOption("--crl", options->crl, "",
                    "Check revocation: soft takes a missing CRL for good, strict does not; default no check")
         .OneOf({"soft", "strict"});
     OnChosen(verify, context, options, Verify);

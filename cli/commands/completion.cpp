@@ -65,7 +65,10 @@ void AddCompletionCommands(Command& app, Context& context) {
     const auto shell = std::make_shared<std::string>();
     Command command = app.AddCommand("completion", "Print the completion script of a shell").Group(kGroupShell);
     command.Footer("For bash, in ~/.bashrc:  source <(certmgrctl completion bash)");
-    command.AddOption("shell", *shell, "SHELL", "bash, zsh or fish").Required().OneOf({"bash", "zsh", "fish"});
+    std::vector<std::string> shells;
+    shells.reserve(kScripts.size());
+    for (const auto& [name, script] : kScripts) shells.push_back(name);
+    command.AddOption("shell", *shell, "SHELL", "bash, zsh or fish").Required().OneOf(shells);
     OnChosen(command, context, shell, [](Context& c, const std::string& name) { c.console.Print(kScripts.at(name)); });
 }
 

@@ -118,8 +118,7 @@ void AddExportCommand(Command& app, Context& context) {
     AddTokenOption(command, options->token);
     command.AddOption("-o,--output", options->output, "FILE", "File; standard output when left out");
     command
-        .AddOption("-f,--format", options->format, "der|pem|pkcs7|pkcs12",
-                   "Default by the file's ending (.der .p7b .p12), otherwise pem")
+        .AddOption("-f,--format", options->format, "", "Default by the file's ending (.der .p7b .p12), otherwise pem")
         .OneOf({"der", "pem", "pkcs7", "pkcs12"});
     command.AddFlag("--chain", options->with_chain, "With the certificates of its chain (PKCS #7, PKCS #12)");
     command.AddFlag("--with-key", options->with_key, "With its private key, where the token lets it out (PKCS #12)");

@@ -285,7 +285,7 @@ void AddImportCommand(Command& app, Context& context) {
         "Shows what is in the file and where it may go, and asks for each certificate\n"
         "unless --as or --yes say.");
     command.AddOption("file", options->file, "FILE", "File; - for standard input").Required();
-    command.AddOption("--as", options->as, "trusted|personal|other", "What all of them are imported as")
+    command.AddOption("--as", options->as, "", "What all of them are imported as")
         .OneOf({"trusted", "personal", "other"});
     AddTokenOption(command, options->token);
     command.AddFlag("-y,--yes", options->yes, "Import each as it is proposed");

@@ -45,8 +45,7 @@ void Add(Context& context, const KeyOptions& options) {
     const vpnfc::SecretString value =
         ReadNewSecret(options.key_file, "Key \"" + options.name + "\"", "Use --key-file FILE.");
     if (!context.session.Take(context.session.manager().CreatePresharedKey(token, options.name, value))) {
-        const TokenInfo now = Refreshed(context, token);
-        if (now.loginRequired && !now.loggedIn) throw NotLoggedIn("not added", token);
+        RequireLogin(context, token, "not added");
         throw Failure(kExitFailed, "the token did not take the key",
                       {"Its name may be in use (certmgrctl psk list); the daemon's log says what the token answered."});
     }
@@ -67,8 +66,7 @@ void Delete(Context& context, const KeyOptions& options) {
     LogInIfNeeded(context, key.token, options.pin_file);
     context.session.Check(context.session.manager().DeletePresharedKey(key.token, key.name));
     if (IsThere(context, key)) {
-        const TokenInfo now = Refreshed(context, key.token);
-        if (now.loginRequired && !now.loggedIn) throw NotLoggedIn("not deleted", key.token);
+        RequireLogin(context, key.token, "not deleted");
         throw Failure(kExitFailed, "the token did not delete the key", {"The daemon's log says what it answered."});
     }
     Done(context, key, "deleted", "Deleted");

@@ -1,4 +1,5 @@
-#include <map>
+#include <algorithm>
+#include <iterator>
 
 #include "cli/commands/commands.h"
 #include "cli/login.h"
@@ -21,20 +22,14 @@ struct ShowOptions {
     std::string token;
 };
 
-const std::map<std::string, CertSelector> kListNames{{"personal", CertSelector::kPersonal},
-                                                     {"trusted", CertSelector::kTrusted},
-                                                     {"intermediate", CertSelector::kIntermediate},
-                                                     {"other", CertSelector::kOther}};
-
 std::vector<std::string> ListNames() {
     std::vector<std::string> names;
-    names.reserve(kListNames.size());
-    for (const auto& [name, selector] : kListNames) names.push_back(name);
+    names.reserve(std::size(kAllLists));
+    for (const CertSelector list : kAllLists) names.emplace_back(ListName(list));
     return names;
 }
 
 bool IsWanted(const StoredCert& cert, const ListOptions& options, std::time_t now) {
-    constexpr std::time_t kSecondsPerDay = 86400;
     const std::string wanted = Folded(options.match);
     const bool matches = Folded(cert.info.subject).find(wanted) != std::string::npos ||
                          Folded(cert.info.issuer).find(wanted) != std::string::npos;
@@ -60,7 +55,9 @@ void PrintTable(const Console& console, const std::vector<StoredCert>& certs, st
 void List(Context& context, const ListOptions& options) {
     const std::time_t now = vpnfc::CurrentTime();
     std::vector<CertSelector> lists;
-    for (const std::string& name : options.lists) lists.push_back(kListNames.at(name));
+    std::copy_if(std::begin(kAllLists), std::end(kAllLists), std::back_inserter(lists), [&](CertSelector list) {
+        return std::find(options.lists.begin(), options.lists.end(), ListName(list)) != options.lists.end();
+    });
     std::vector<StoredCert> certs = StoredCerts(context, lists, options.token);
     std::erase_if(certs, [&](const StoredCert& cert) { return !IsWanted(cert, options, now); });
     if (context.console.json) {

@@ -32,10 +32,6 @@ Numbers Count(Context& context) {
     return numbers;
 }
 
-bool IsInitialised(const PKCS11::TokenStatus& token) {
-    return (token.flags & PKCS11::kTokenInitialised) != 0;
-}
-
 Json StatusJson(Context& context, const PKCS11::TokenListing& listing, const Numbers& numbers) {
     Json json = {{"daemon", context.session.client().server_program()}, {"socket", context.session.socket}};
     json["providers"] = Json::array();

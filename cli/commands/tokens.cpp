@@ -37,10 +37,6 @@ constexpr FlagText kPinFlags[] = {
     {PKCS11::kOfficerPinFewTries, "few tries of the officer's PIN left", "officer_pin_few_tries"},
 };
 
-bool IsInitialised(const TokenStatus& token) {
-    return (token.flags & PKCS11::kTokenInitialised) != 0;
-}
-
 /// What stands first: the worst of the PIN, else the login.
 Cell StateCell(const TokenStatus& token) {
     if (!IsInitialised(token)) return {"not initialised", Style::kDim};
@@ -102,7 +98,7 @@ void Login(Context& context, const TokenOptions& options) {
     const TokenInfo token = FindToken(context, options.token);
     SecretString pin;
     if (!token.pinPad || !options.pin_file.empty()) {
-        pin = ReadSecret(options.pin_file, "PIN of token \"" + token.label + "\"", "Use --pin-file FILE.");
+        pin = ReadPin(options.pin_file, token);
     }
     RequireTaken(context.session.Take(context.session.manager().Login(token, pin, options.try_anyway)), token);
     Done(context, token, "logged_in", "Logged in to token");

@@ -55,7 +55,7 @@ Snapshot TakeTokens(Context& context) {
     Snapshot snapshot;
     certmgr_client::Manager& manager = context.session.manager();
     for (const auto& token : context.session.Take(manager.ListTokens()).tokens) {
-        if ((token.flags & PKCS11::kTokenInitialised) == 0) continue;
+        if (!IsInitialised(token)) continue;
         const char* const login = token.info.loggedIn ? ", logged in" : ", logged out";
         Json json = ToJson(token.info);
         json["logged_in"] = token.info.loggedIn;

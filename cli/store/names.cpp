@@ -176,7 +176,7 @@ TokenInfo FindToken(const std::vector<TokenInfo>& tokens, const std::string& nam
 TokenInfo FindToken(Context& context, const std::string& name) {
     std::vector<TokenInfo> tokens;
     for (const auto& status : context.session.Take(context.session.manager().ListTokens()).tokens) {
-        if ((status.flags & PKCS11::kTokenInitialised) != 0) tokens.push_back(status.info);
+        if (IsInitialised(status)) tokens.push_back(status.info);
     }
     return FindToken(tokens, name);
 }

@@ -7,7 +7,6 @@
 namespace certmgrctl {
 namespace {
 
-constexpr std::time_t kSecondsPerDay = 86400;
 constexpr std::size_t kDateLength = 10;
 /// Digits of a serial number in a table: mostly enough to tell certificates apart, and to name one.
 constexpr std::size_t kShortNumber = 8;
@@ -78,6 +77,10 @@ std::string Described(const TokenInfo& token, const CRLInfo& info) {
     const std::string number = info.crlNumber.empty() ? "" : ", number " + info.crlNumber;
     const std::string where = token.label.empty() ? ", downloaded" : ", on \"" + token.label + "\"";
     return "CRL of " + info.issuer + number + where;
+}
+
+bool IsInitialised(const PKCS11::TokenStatus& token) {
+    return (token.flags & PKCS11::kTokenInitialised) != 0;
 }
 
 Validity ValidityOf(const CertInfo& info, std::time_t now) {

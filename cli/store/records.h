@@ -45,6 +45,10 @@ std::string ShortNumberOf(const CertInfo& info);
 std::string Described(const TokenInfo& token, const CertInfo& info);
 std::string Described(const TokenInfo& token, const CRLInfo& info);
 
+/// Those that are not wait for "token init".
+bool IsInitialised(const PKCS11::TokenStatus& token);
+
+inline constexpr std::time_t kSecondsPerDay = 86400;
 /// Where the clock stands in a validity.
 enum class Validity : std::uint8_t { kValid, kEndsSoon, kExpired, kNotYet };
 /// What ends within that many days stands out.
