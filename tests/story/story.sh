@@ -27,6 +27,10 @@ expect 0 'Initialised token "alice"' ctl token init alice --pin-file pin --so-pi
 expect 6 "" ctl token login alice --pin-file wrong
 expect 6 "try-anyway" ctl token login alice --pin-file pin
 expect 0 "Logged in" ctl token login alice --pin-file pin --try-anyway
+# A pipe is waited for, whenever its writer comes.
+mkfifo -m 600 pipe
+cat pin >pipe &
+expect 0 "Logged in" ctl token login alice --pin-file pipe
 expect 0 "256, 384, 521 bits" ctl request mechanisms
 # What the CA gives out for a request: its name, and the serial number.
 certify() {
