@@ -16,7 +16,9 @@ inline bool MakeSocketAddress(const std::string& path, sockaddr_un& address, std
         std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
         return true;
     }
-    error = "the socket's path has 1 to " + std::to_string(sizeof address.sun_path - 1) + " bytes: " + path;
+    error = path.empty()
+                ? "no socket is named"
+                : path + ": a socket's path has at most " + std::to_string(sizeof address.sun_path - 1) + " bytes";
     return false;
 }
 
