@@ -12,7 +12,6 @@
 #include "certmgr/records_sync.h"
 #include "cli/client/manager.h"
 #include "tests/bridge/bridge_fixture.h"
-#include "tests/support/der.h"
 #include "tests/support/pki.h"
 
 namespace bridge_test {
@@ -191,30 +190,6 @@ TEST_F(CommandsTest, FilesAreImportedByIndex) {
     EXPECT_EQ(manager().ImportCrl(token, 0), 2U);
 }
 
-TEST_F(CommandsTest, WhatCannotBeUsedIsNotImported) {
-    const test_pki::Time no_time = test_pki::Time::Utc("20300101");
-    const std::string nobody = der::Sequence("");
-    const std::string unknown = der::Sequence(der::Oid("1.2.3.4"));
-    const struct {
-        std::uint32_t status;
-        test_pki::CertSpec spec;
-    } cases[] = {
-        {CM::ImportCertErrorUnknownKeyAlg, {.spki = der::Sequence(unknown + der::BitString("key"))}},
-        {CM::ImportCertErrorUnknownSignAlg, {.inner_algorithm = unknown, .outer_algorithm = unknown}},
-        {CM::ImportCertErrorInvalidTime, {.not_before = no_time, .not_after = no_time}},
-        {CM::ImportCertErrorInvalidValidFrom, {.not_before = no_time}},
-        {CM::ImportCertErrorInvalidValidTo, {.not_after = no_time}},
-        {CM::ImportCertErrorEmptySubject, {.subject_der = nobody}},
-        {CM::ImportCertErrorEmptyIssuer, {.issuer_der = nobody}},
-    };
-    const std::size_t before = token_->CertObjects().size();
-    for (const auto& c : cases) {
-        ASSERT_EQ(manager().OpenFile(test_pki::MakeCert(c.spec).der, SecretString())->certs.size(), 1U) << c.status;
-        EXPECT_EQ(manager().ImportCertificate(token_->Info(), 0, {}), c.status);
-    }
-    EXPECT_EQ(token_->CertObjects().size(), before);
-}
-
 // A token that wants a login for what is public gets private sessions, any other none.
 TEST_F(CommandsTest, TheTokenSaysWhoWritesPublicObjects) {
     for (const bool login : {false, true}) {
@@ -345,25 +320,8 @@ TEST_F(CommandsTest, TheStrictnessOfAVerificationReachesTheCheck) {
     }
 }
 
-TEST_F(CommandsTest, RequestsAndPresharedKeys) {
+TEST_F(CommandsTest, PresharedKeys) {
     const PKCS11::TokenInfo token = token_->Info();
-    // A public key that is none: nothing of the pair stays.
-    const auto gate = std::make_shared<vendor_host::Gate>();
-    token_->Block(vendor_host::Op::kGetPublicKey, gate);
-    auto damaged = std::async(std::launch::async, [&] {
-        return manager().MakeRequest(token, {.keyAlg = 4, .keyBits = 256, .hashAlg = 0x40000, .subject = "CN=x"});
-    });
-    ASSERT_TRUE(gate->WaitForArrivals(1));
-    std::string id;  // the newest: counted up
-    for (const auto& object : token_->CertObjects()) {
-        const bool is_made = object.value.empty() && object.id != "pair";
-        if (is_made) id = std::max(id, object.id);
-    }
-    token_->AddForeignKeyPair(id, 4, "no key");
-    gate->Open();
-    EXPECT_EQ(damaged.get()->result, 4U);
-    EXPECT_FALSE(token_->HasKeyPair(id));
-
     const SecretString value(std::string("value"));
     EXPECT_TRUE(manager().CreatePresharedKey(token, "branch", value).value());
     token_->Fail(vendor_host::Op::kCreatePresharedKey, 1);

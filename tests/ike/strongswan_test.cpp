@@ -327,8 +327,6 @@ class Pair {
         EXPECT_NE(ours.out.find("verdict: " + verdict + " "), std::string::npos) << verdict << "\n" << everything;
         EXPECT_NE(ours.out.find(c_.our_text), std::string::npos) << c_.our_text << "\n" << everything;
         EXPECT_TRUE(logged) << expected << "\n" << everything;
-        std::printf("%-45s %-9s %-20s  %s\n", c_.name.c_str(), initiator ? "initiator" : "responder", verdict.c_str(),
-                    expected.c_str());
     }
 
     const Case& c_;
@@ -348,9 +346,7 @@ TEST(StrongSwanTest, AcceptsAndRefusesAsWeDo) {
     const test_support::NginxServer crls;
     std::vector<Case> cases = Accepted();
     for (Case& c : Refused()) cases.push_back(std::move(c));
-    const char* wanted = std::getenv("IKE_TEST_CASE");  // a part of a name, to look at one
     for (const Case& c : cases) {
-        if (wanted != nullptr && c.name.find(wanted) == std::string::npos) continue;
         SCOPED_TRACE(c.name);
         Pair pair(c, charon, crls);
         pair.RunAsInitiator();
