@@ -50,65 +50,56 @@ class Settings : public testing::Test {
 };
 
 TEST_F(Settings, NamesEveryProblemWithItsPlace) {
+    const std::string table = "[[tokens.provider]]\nname = ";
+    // A file, and how each of the problems begins behind its name.
     const std::pair<std::string, std::vector<std::string>> cases[] = {
         {"[certificates]\nignore_key_usge = true\n",
-         {"certmgr.toml:2:1: error: unknown key \"ignore_key_usge\" in [certificates]; did you mean "
-          "\"ignore_key_usage\"?"}},
+         {":2:1: error: unknown key \"ignore_key_usge\" in [certificates]; did you mean \"ignore_key_usage\"?"}},
         {"[tokens]\n  crl_cache = true\n",
-         {"certmgr.toml:2:3: error: unknown key \"crl_cache\" in [tokens]; it belongs in [certificates]"}},
+         {":2:3: error: unknown key \"crl_cache\" in [tokens]; it belongs in [certificates]"}},
         {"[log]\nsubject = 1\nquite_another_thing = 1\n",
-         {"certmgr.toml:2:1: error: unknown key \"subject\" in [log]; it belongs in a certificate pattern",
-          "certmgr.toml:3:1: error: unknown key \"quite_another_thing\" in [log]"}},
-        {"[log]\nlevel = \"warn\"\nsyslog = \"true\"\nfile = 3\n",
-         {"certmgr.toml:2:9: error: [log] level: \"warn\" is none of \"debug\", \"info\", \"warning\", \"error\" or "
-          "\"off\"; did you mean \"warning\"?",
-          "certmgr.toml:3:10: error: [log] syslog: expected true or false, found a text; write true without quotes",
-          "certmgr.toml:4:8: error: [log] file: expected a text, found a whole number; put it in double quotes"}},
-        {"[certificates]\ncrl_max_bytes = 12\ncrl_retry_seconds = -1\ncrl_download_timeout_seconds = \"5\"\n",
-         {"certmgr.toml:2:17: error: [certificates] crl_max_bytes: 12 is out of range, expected 1024 to 268435456",
-          "certmgr.toml:3:21: error: [certificates] crl_retry_seconds: -1 is out of range, expected 0 to 86400",
-          "certmgr.toml:4:32: error: [certificates] crl_download_timeout_seconds: expected a whole number, found a "
-          "text; write it without quotes"}},
-        {"log = 1979-05-27\n", {"certmgr.toml:1:7: error: [log]: expected a table, found a date or a time"}},
+         {":2:1: error: unknown key \"subject\" in [log]; it belongs in a certificate pattern",
+          ":3:1: error: unknown key \"quite_another_thing\" in [log]"}},
+        {"[log]\nlevel = 'warn'\nsyslog = 'true'\nfile = 3\n",
+         {":2:9: error: [log] level: \"warn\" is none of \"debug\", \"info\", \"warning\", \"error\" or \"off\"; did",
+          ":3:10: error: [log] syslog: expected true or false, found a text; write true without quotes",
+          ":4:8: error: [log] file: expected a text, found a whole number; put it in double quotes"}},
+        {"[certificates]\ncrl_max_bytes = 12\ncrl_retry_seconds = -1\ncrl_download_timeout_seconds = '5'\n",
+         {":2:17: error: [certificates] crl_max_bytes: 12 is out of range, expected 1024 to 268435456",
+          ":3:21: error: [certificates] crl_retry_seconds: -1 is out of range, expected 0 to 86400",
+          ":4:32: error: [certificates] crl_download_timeout_seconds: expected a whole number, found a text; write"}},
+        {"log = 1979-05-27\n", {":1:7: error: [log]: expected a table, found a date or a time"}},
         {"[tokens]\nsofthsm_directory = \"a\\u0007b\"\n",
-         {"certmgr.toml:2:21: error: [tokens] softhsm_directory: holds a control character"}},
-        {"[[tokens.provider]]\nname = \"card\"\nmodule = \"/a.so\"\n[[tokens.provider]]\nname = \"card\"\n"
-         "[[tokens.provider]]\nname = \"other\"\nmodule = \"/b/../a.so\"\n",
-         {"certmgr.toml:4:1: error: [[tokens.provider]] 2: name \"card\" is there already",
-          "certmgr.toml:4:1: error: [[tokens.provider]] 2: has no \"module\"",
-          "certmgr.toml:6:1: error: [[tokens.provider]] 3: module \"/a.so\" is there already"}},
-        {"[tokens.pin_file]\ntoken = \"a\"\n",
-         {"certmgr.toml:1:1: error: [tokens] pin_file: expected a list of tables, found a table; begin each table with "
-          "double "
-          "brackets"}},
-        {"[log]\nlevel = \"info\"\nlevel = \"info\"\n",
-         {"certmgr.toml:3:9: error: not valid TOML: Error while parsing key-value pair: cannot redefine existing "
-          "string 'level'"}},
-        {std::string("\xff", 1), {"certmgr.toml:1:1: error: not valid TOML: Encountered invalid utf-8 sequence"}},
+         {":2:21: error: [tokens] softhsm_directory: holds a control character"}},
+        {table + "'card'\nmodule = '/a.so'\n" + table + "'card'\n" + table + "'other'\nmodule = '/b/../a.so'\n",
+         {":4:1: error: [[tokens.provider]] 2: name \"card\" is there already",
+          ":4:1: error: [[tokens.provider]] 2: has no \"module\"",
+          ":6:1: error: [[tokens.provider]] 3: module \"/a.so\" is there already"}},
+        {"[tokens.pin_file]\ntoken = 'a'\n", {":1:1: error: [tokens] pin_file: expected a list of tables, found a"}},
+        {"[log]\nlevel = 'info'\nlevel = 'info'\n", {":3:9: error: not valid TOML: "}},
+        {std::string("\xff", 1), {":1:1: error: not valid TOML: "}},
+        {std::string(settings::kMaxFileBytes + 1, '\n'), {": error: is larger than 1048576 bytes"}},
+        // Hostile depth and length.
+        {"x = " + std::string(100000, '['), {":1:"}},
+        {"[" + std::string(500000, 'x') + "]", {":1:"}},
     };
-    for (const auto& test : cases) {
-        const LoadResult loaded = Load(test.first);
-        EXPECT_FALSE(loaded.ok) << test.first;
-        EXPECT_EQ(Problems(loaded), test.second) << test.first;
+    for (const auto& [content, beginnings] : cases) {
+        SCOPED_TRACE(content.substr(0, 100));
+        const LoadResult loaded = Load(content);
+        EXPECT_FALSE(loaded.ok);
+        const std::vector<std::string> problems = Problems(loaded);
+        ASSERT_EQ(problems.size(), beginnings.size()) << testing::PrintToString(problems);
+        for (std::size_t i = 0; i < problems.size(); ++i) {
+            EXPECT_EQ(problems[i].find("certmgr.toml" + beginnings[i]), 0U) << problems[i];
+        }
     }
 }
 
 TEST_F(Settings, RefusesWhatIsNoSettingsFile) {
-    EXPECT_EQ(Problems(settings::Load(folder_ / "none")),
-              std::vector<std::string>{
-                  "none: error: cannot be opened: No such file or directory; write one, as docs/settings.md describes, "
-                  "or name another with --config"});
-    const LoadResult directory = settings::Load(folder_.path());
-    ASSERT_EQ(directory.problems.size(), 1U);
-    EXPECT_TRUE(
-        directory.problems[0].ToString().ends_with(": error: is not a regular file; name the settings file itself"));
-    EXPECT_EQ(Problems(Load(std::string(settings::kMaxFileBytes + 1, '\n'))),
-              std::vector<std::string>{"certmgr.toml: error: is larger than 1048576 bytes"});
+    EXPECT_EQ(Problems(settings::Load(folder_ / "none")).at(0).find("none: error: cannot be opened: No such file"), 0U);
+    const std::string directory = settings::Load(folder_.path()).problems.at(0).ToString();
+    EXPECT_TRUE(directory.ends_with(": error: is not a regular file; name the settings file itself")) << directory;
     EXPECT_TRUE(Load(std::string(settings::kMaxFileBytes, '\n')).ok);
-
-    // Hostile depth and length.
-    EXPECT_FALSE(Load("x = " + std::string(100000, '[')).ok);
-    EXPECT_FALSE(Load("[" + std::string(500000, 'x') + "]").ok);
     std::string rules = "rule = [";
     for (int i = 0; i < 2000; ++i) rules += "{},";
     EXPECT_EQ(Problems(Load(rules + "]")),
@@ -124,24 +115,18 @@ TEST_F(Settings, WarnsAboutAFileThatOthersCanWrite) {
 
 TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
     const LoadResult loaded = Load(
-        "[certificates]\ncrl_cache = false\ncrl_max_bytes = 268435456\n"
-        "[log]\nlevel = \"off\"\ncolour = \"never\"\nfile = \"logs/../log\"\n"
-        "[tokens]\ncall_limit_milliseconds = 1500\nsofthsm_directory = \"/somewhere\"\n"
-        "[[tokens.provider]]\nname = \"card\"\nmodule = \"card.so\"\n"
-        "[[tokens.pin_file]]\ntoken = \"host\"\npath = \"pin\"\nlogin_on_insertion = false\n");
+        "[certificates]\ncrl_cache = false\ncrl_max_bytes = 268435456\n[log]\nlevel = 'off'\nfile = 'logs/../log'\n"
+        "[tokens]\ncall_limit_milliseconds = 1500\n[[tokens.provider]]\nname = 'card'\nmodule = 'card.so'\n"
+        "[[tokens.pin_file]]\ntoken = 'host'\npath = 'pin'\nlogin_on_insertion = false\n");
     ASSERT_TRUE(loaded.ok) << testing::PrintToString(Problems(loaded));
     const settings::Settings& read = loaded.settings;
     EXPECT_FALSE(read.certificates.crl_cache);
     EXPECT_EQ(read.certificates.crl_max_bytes, 256ULL << 20);
     EXPECT_EQ(read.log.sinks.level, eventlog::Severity::kOff);
-    EXPECT_EQ(read.log.sinks.colour, eventlog::Colour::kNever);
     EXPECT_EQ(read.log.sinks.file, folder_ / "log");
-    EXPECT_EQ(read.tokens.softhsm_directory, "/somewhere");
     EXPECT_EQ(read.tokens.manager.call_limit, std::chrono::milliseconds(1500));
-    ASSERT_EQ(read.tokens.manager.providers.size(), 1U);
-    EXPECT_EQ(read.tokens.manager.providers[0].module_path, folder_ / "card.so");
-    ASSERT_EQ(read.tokens.manager.pin_files.size(), 1U);
-    EXPECT_EQ(read.tokens.manager.pin_files[0].path, folder_ / "pin");
+    EXPECT_EQ(read.tokens.manager.providers.at(0).module_path, folder_ / "card.so");
+    EXPECT_EQ(read.tokens.manager.pin_files.at(0).path, folder_ / "pin");
     EXPECT_FALSE(read.tokens.manager.pin_files[0].login_on_insertion);
 }
 
