@@ -175,6 +175,19 @@ TEST_F(Trouble, SessionsThatDoNotOpenSayWhy) {
     EXPECT_EQ(errors.errors, std::vector<std::string>{"one C_OpenSession CKR_SESSION_COUNT"});
 }
 
+TEST_F(Trouble, WhatWasReadBeforeTheTokenFailedIsKept) {
+    const test_pki::Cert cert = test_pki::MakeCa("CN=CA");
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    for (const char* id : {"a", "b"}) {
+        ASSERT_TRUE(session.CreateCertObject({.id = id, .value = cert.der}, cert.subject_der));
+    }
+    ASSERT_TRUE(Enumerate(session));  // which objects are certificates is remembered
+    control_.Set({"fail C_GetAttributeValue CKR_DEVICE_ERROR skip 2"});  // the key, and a certificate
+    std::list<PKCS11::CertObject> certificates;
+    EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPrivate).EnumCertificates(certificates));
+    EXPECT_EQ(certificates.size(), 1U);
+}
+
 TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
     TokenSession session(token_.info);
     const auto found = [&](const std::string& spki) {
