@@ -334,6 +334,18 @@ TEST_F(Hanging, OneCallThatHangsTakesItsProviderOutOnly) {
     }
 }
 
+// The card of one reader may never answer while those of the others do.
+TEST_F(Hanging, AModuleIsUsedAgainWhileACallStillHangs) {
+    settings_.recovery_interval = milliseconds(50);
+    Apply();
+    control_.Set({"hang C_Sign"});
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    EXPECT_FALSE(Sign(session));
+    ASSERT_TRUE(reports_.WaitFor("removed one"));
+    ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
+    EXPECT_TRUE(VerifyAnew());
+}
+
 TEST_F(Hanging, StoppingLeavesAHangingModuleBehind) {
     for (const std::string function : {"C_Sign", "C_GetSlotList", "C_Finalize"}) {
         SCOPED_TRACE(function);
