@@ -380,5 +380,19 @@ TEST_F(Changes, ImportsFiles) {
     EXPECT_EQ(import(Leaf().der), "no tokens to import");
 }
 
+TEST_F(Changes, ImportOptionsFollowTheKey) {
+    const auto mode_of = [&](const std::string& content) {
+        CertImportOption option;
+        CM::GetCertImportOption({PKCS11::TokenInfo{}, token_.info}, X509CertFile(content, kPassword).certs[0], option);
+        EXPECT_EQ(option.tokens, std::vector<std::uint32_t>{1});
+        return option.mode;
+    };
+    EXPECT_EQ(mode_of(LeafWithKey()), kImportPersonal);
+    EXPECT_EQ(mode_of(Root().der), kImportTrusted);
+    EXPECT_EQ(mode_of(Leaf().der), kImportOther);
+    Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
+    EXPECT_EQ(mode_of(Leaf().der), kImportPersonal);
+}
+
 }  // namespace
 }  // namespace manage_test

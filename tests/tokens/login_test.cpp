@@ -174,7 +174,7 @@ TEST_F(Logins, UnsafePinFilesAreNotUsed) {
         {token_.pin, 0640, "can be read or written by others"},
         {token_.pin, 0602, "can be read or written by others"},
         {"", 0600, "has no PIN"},
-        {std::string(300, '1'), 0600, "has no PIN"},
+        {std::string(300, '1'), 0600, "the first line has more than 255 bytes"},
     };
     for (const auto& c : cases) {
         settings_.pin_files.clear();
