@@ -123,6 +123,21 @@ TEST_F(EngineTest, FirstEntryOfASerialNumberWins) {
     EXPECT_EQ(Find(ReadCrl(MakeCrl({.entries_der = ""}, MakeCa("CN=Root"))), "02"), 0) << "an empty list";
 }
 
+TEST_F(EngineTest, AReasonThatCannotBeReadIsTold) {
+    const auto reason = [](const std::string& value) { return test_pki::Extension{"CRLReason", false, value}; };
+    const std::pair<std::vector<test_pki::Extension>, int> cases[] = {
+        {{}, 0},
+        {{{"1.2.3", false, "x"}, reason("\x0a\1\1")}, 2},
+        {{reason("\x0a\1\1"), reason("\x0a\1\1")}, -1},
+        {{reason("\x0a\1\1x")}, -1},
+        {{reason("\x0a\1\xff")}, -1},
+        {{reason("\5")}, -1},
+    };
+    for (const auto& [extensions, code] : cases) {
+        EXPECT_EQ(Find(Revoking({{.serial = "\x05", .extensions = extensions}}), "05"), 100 + code);
+    }
+}
+
 // RFC 5280, 5.3.3: the name holds until another one comes.
 TEST_F(EngineTest, EntriesOfAnotherIssuerAreNotFound) {
     const auto names = [](const std::string& value) {
