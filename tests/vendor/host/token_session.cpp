@@ -18,8 +18,6 @@ struct TokenSession::Impl {
     Logger* logger = nullptr;
     bool opened = false;
     bool login_failed = false;
-    bool is_security_officer = false;
-    bool security_officer_required = false;
     bool look_up_failed = false;
 
     /// Counts the operation and waits at its gate; whether it may go on.
@@ -29,8 +27,7 @@ struct TokenSession::Impl {
         look_up_failed = !Begin(op, function);
         return !look_up_failed;
     }
-    /// A PIN is the security officer's.
-    bool MayOpen(OpenType type, const std::string* pin);
+    /// Nobody's PIN opens anything here.
     void Open(OpenType type, const std::string* pin);
     bool Delete(const std::function<std::size_t(vendor_host::TokenState&)>& erase);
 };
@@ -50,23 +47,16 @@ bool TokenSession::Impl::Begin(Op op, const char* function) {
     return false;
 }
 
-bool TokenSession::Impl::MayOpen(OpenType type, const std::string* pin) {
-    const TokenInfo info = token->Info();
-    if (type == kPrivate) return !info.loginRequired || info.loggedIn;
-    if (pin == nullptr || pin->empty()) return true;
-    is_security_officer = *pin == token->state()->security_officer_pin;
-    return is_security_officer;
-}
-
 void TokenSession::Impl::Open(OpenType type, const std::string* pin) {
     if (!Begin(type == kPublic ? Op::kOpenPublic : Op::kOpenPrivate, "C_OpenSession")) return;
-    opened = MayOpen(type, pin);
-    login_failed = !opened;
+    const TokenInfo info = token->Info();
+    login_failed = type == kPrivate ? info.loginRequired && !info.loggedIn : pin != nullptr && !pin->empty();
+    opened = !login_failed;
     if (opened) ++token->state()->open_sessions;
 }
 
 bool TokenSession::Impl::Delete(const std::function<std::size_t(vendor_host::TokenState&)>& erase) {
-    return Begin(Op::kDelete, "C_DestroyObject") && erase(*token->state().Lock()) > 0;
+    return Begin(Op::kOther, "C_DestroyObject") && erase(*token->state().Lock()) > 0;
 }
 
 TokenSession::TokenSession(const TokenInfo& token, OpenType type, const std::string* pin, Logger* logger)
@@ -87,7 +77,7 @@ bool TokenSession::loginFailed() const {
     return impl_->login_failed;
 }
 bool TokenSession::securityOfficerRequired() const {
-    return impl_->security_officer_required;
+    return false;
 }
 bool TokenSession::keyLookUpFailed() const {
     return impl_->look_up_failed;
@@ -155,18 +145,18 @@ bool TokenSession::Verify(pki_alg_t alg, const std::string& spki, const std::str
 }
 
 bool TokenSession::VerifyDecrypt(const std::string& spki, const std::string& signature, std::string& block) {
-    return impl_->Begin(Op::kVerifyDecrypt, "C_Encrypt") &&
+    return impl_->Begin(Op::kOther, "C_Encrypt") &&
            Give(vendor_host::RecoverBlock(KeyFromSpki(spki), signature), block);
 }
 
 bool TokenSession::SeedRandom(const std::string&) {
-    return impl_->Begin(Op::kSeedRandom, "C_SeedRandom");
+    return impl_->Begin(Op::kOther, "C_SeedRandom");
 }
 
 // --- Objects made ---
 
 bool TokenSession::GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const std::string& id, bool exportable) {
-    if (!impl_->Begin(Op::kGenerateKeyPair, "C_GenerateKeyPair") || keyAlg != PKI_KEY_EC) return false;
+    if (!impl_->Begin(Op::kOther, "C_GenerateKeyPair") || keyAlg != PKI_KEY_EC) return false;
     const KeyPtr key(EVP_EC_gen(bits == 384 ? "P-384" : bits == 521 ? "P-521" : "P-256"), EVP_PKEY_free);
     impl_->token->state()->PutKeyPart(
         id, {key, keyAlg, vendor_host::SpkiOf(key), CERT_TIME_UNKNOWN, true, true, exportable});
@@ -174,18 +164,14 @@ bool TokenSession::GenerateKeyPair(pki_alg_t keyAlg, std::uint32_t bits, const s
 }
 
 bool TokenSession::CreateCertObject(const CertObject& object, const std::string&) {
-    if (!impl_->Begin(Op::kCreate, "C_CreateObject")) return false;
-    const auto state = impl_->token->state().Lock();
-    impl_->security_officer_required =
-        object.trusted && !state->security_officer_pin.empty() && !impl_->is_security_officer;
-    if (impl_->security_officer_required || state->info.writeProtected) return false;
-    state->certs.push_back(object);
+    if (!impl_->Begin(Op::kOther, "C_CreateObject")) return false;
+    impl_->token->AddObject(object);
     return true;
 }
 
 bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& pkcs8_der,
                                        bool exportable, cert_time64_t not_after) {
-    if (!impl_->Begin(Op::kCreate, "C_CreateObject")) return false;
+    if (!impl_->Begin(Op::kOther, "C_CreateObject")) return false;
     const KeyPtr key = vendor_host::KeyFromPkcs8(pkcs8_der);
     if (key == nullptr || vendor_host::KeyAlgOf(key) != keyAlg) return false;
     impl_->token->state()->PutKeyPart(id, {key, keyAlg, vendor_host::SpkiOf(key), not_after, true, false, exportable});
@@ -193,7 +179,7 @@ bool TokenSession::CreatePrivKeyObject(pki_alg_t keyAlg, const std::string& id, 
 }
 
 bool TokenSession::CreatePubKeyObject(pki_alg_t keyAlg, const std::string& id, const std::string& spki, cert_time64_t) {
-    if (!impl_->Begin(Op::kCreate, "C_CreateObject")) return false;
+    if (!impl_->Begin(Op::kOther, "C_CreateObject")) return false;
     impl_->token->state()->PutKeyPart(id, {nullptr, keyAlg, spki, CERT_TIME_UNKNOWN, false, true, false});
     return true;
 }
@@ -204,7 +190,7 @@ bool TokenSession::ImportPrivKeyObject(const EncryptedPrivateKey&, pki_alg_t, co
 }
 
 bool TokenSession::CreateCRLObject(const std::string& id, const std::string& crl_der) {
-    if (!impl_->Begin(Op::kCreate, "C_CreateObject")) return false;
+    if (!impl_->Begin(Op::kOther, "C_CreateObject")) return false;
     impl_->token->AddCrl(id, crl_der);
     return true;
 }
@@ -253,7 +239,7 @@ bool TokenSession::GetPresharedKeyPrivateData(const std::string& name, std::stri
 }
 
 bool TokenSession::ExportPrivateKey(const std::string& id, std::string& pkcs8_der) {
-    if (!impl_->Begin(Op::kExportPrivateKey, "C_GetAttributeValue")) return false;
+    if (!impl_->Begin(Op::kOther, "C_GetAttributeValue")) return false;
     const auto pair = impl_->token->state()->FindKey(id);
     if (!pair || !pair->exportable || pair->key == nullptr) return false;
     pkcs8_der = vendor_host::Pkcs8Of(pair->key);

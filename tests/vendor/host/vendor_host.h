@@ -115,14 +115,9 @@ enum class Op : std::uint8_t {
     kDigest,
     kSign,
     kVerify,
-    kVerifyDecrypt,
-    kSeedRandom,
-    kGenerateKeyPair,
-    kCreate,  // an object of any kind but a preshared key
     kCreatePresharedKey,
-    kDelete,
     kGetPresharedKey,
-    kExportPrivateKey,
+    kOther,
     kCount_,
 };
 
@@ -182,7 +177,6 @@ struct TokenState {
                                    PKI_HASH_SHA384, PKI_HASH_SHA512, PKI_HASH_MD5,    PKI_HASH_NONE};
     std::vector<PKCS11::KeyPairGenMechanism> key_generation{{PKI_KEY_EC, 256, 521}};
     std::vector<pki_alg_t> key_generation_digests{PKI_HASH_SHA256};
-    std::string security_officer_pin;
     unsigned open_sessions = 0;
     std::vector<PKCS11::CertObject> certs;
     std::map<std::string, KeyPair> keys;  // by identifier
@@ -251,8 +245,6 @@ class Token {
         state_->key_generation = made;
         state_->key_generation_digests = digests;
     }
-    /// Trusted certificates may be created by the security officer alone.
-    void SetSecurityOfficerPin(const std::string& pin) { state_->security_officer_pin = pin; }
     /// The operation fails like a broken device, `times` times (default: always); 0 mends it.
     void Fail(Op op, unsigned times = ~0U) { state_->At(op).failures = times; }
     /// The operation waits at the gate; null lets it pass again.
