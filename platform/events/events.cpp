@@ -16,6 +16,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/event_codes.h"
+#include "platform/eventlog.h"
 #include "platform/events/event_host.h"
 
 namespace {
@@ -58,6 +60,7 @@ class EventManager {
     void Take_unlocked_(const Item& item, std::vector<Item>& taken);
     bool Runs_unlocked_(unsigned long group, EM_Handler handler, void* argument) const;
     void RunThread();
+    bool RunGuarded() noexcept;
     void RunDue();
 
     std::mutex mutex_;
@@ -166,11 +169,28 @@ bool EventManager::Stop(std::chrono::milliseconds limit) {
 void EventManager::RunThread() {
     pthread_setname_np(pthread_self(), "events");
     const auto keep_running = asio::make_work_guard(io_);
-    asio::post(io_, [this] { RunDue(); });
-    io_.run();
+    while (!RunGuarded()) {
+        const std::lock_guard lock(mutex_);
+        running_.reset();
+        changed_.notify_all();
+    }
     const std::lock_guard lock(mutex_);
     ended_ = true;
     changed_.notify_all();
+}
+
+// The outermost frame: what a handler throws ends the handler, not the process. False when one did.
+bool EventManager::RunGuarded() noexcept {
+    try {
+        asio::post(io_, [this] { RunDue(); });
+        io_.run();
+        return true;
+    } catch (const std::exception& error) {
+        TLogMessage(kMsgDaemon).Attr(std::string("an event handler failed: ") + error.what()).Send();
+    } catch (...) {
+        TLogMessage(kMsgDaemon).Attr("an event handler failed").Send();
+    }
+    return false;
 }
 
 // One item a turn, so that a full queue cannot keep the loop from being stopped.

@@ -111,7 +111,11 @@ Result FindObjects(const Api& api, CK_SESSION_HANDLE session, AttributeTemplate&
     CK_ULONG found = 0;
     do {
         result = api.FindObjects(session, page, found);
-        if (!result.ok() || found > page.size()) break;
+        if (!result.ok()) break;
+        if (found > page.size()) {  // a module that lies: what it left out nobody knows
+            result.rv = CKR_FUNCTION_FAILED;
+            break;
+        }
         objects.insert(objects.end(), page.begin(), page.begin() + found);
         if (objects.size() > kMaxObjects) result.rv = kRvTooManyObjects;
     } while (found > 0 && result.ok());

@@ -57,6 +57,8 @@ bool NoteModuleCall(const char* function) noexcept {
 struct CallRunner::Call {
     Call(std::function<void()> to_do, Kind of_kind) : work(std::move(to_do)), kind(of_kind) { entry.Note(""); }
 
+    void Perform();
+
     std::function<void()> work;
     const Kind kind;
     LastEntry entry;
@@ -98,6 +100,8 @@ struct CallRunner::State {
     /// Whether a thread can begin the first call in the queue.
     bool CanBegin() const { return !queue.empty() && (abandoned == 0 || queue.front()->kind == Kind::kProbe); }
     void Abandon(Call& call);
+    std::shared_ptr<Call> Next(std::unique_lock<std::mutex>& lock, bool served);
+    void End(Call& call, std::unique_lock<std::mutex>& lock);
     bool Returned(const Call& call);
     void Drop(Call& call) {
         call.dropped = true;
@@ -211,44 +215,62 @@ void CallRunner::Hurry(Milliseconds limit) {
     for (Call* const call : state_->watched) call->ended.notify_one();
 }
 
+/// Waits for the next call to begin; null when the runner closes. `served`: the thread comes from a call.
+std::shared_ptr<CallRunner::Call> CallRunner::State::Next(std::unique_lock<std::mutex>& lock, bool served) {
+    ++idle;
+    if (served && queue.empty()) {
+        const std::uint64_t seen = arrivals;
+        lock.unlock();
+        WatchFor(kWatchForCall, [&] { return arrivals != seen; });
+        lock.lock();
+    }
+    work_or_end.wait(lock, [&] { return closing || CanBegin(); });
+    --idle;
+    if (closing) return nullptr;
+    std::shared_ptr<Call> call = std::move(queue.front());
+    queue.pop_front();
+    call->started = true;
+    return call;
+}
+
+void CallRunner::Call::Perform() {
+    entry.Note("");
+    t_watched = &entry;
+    try {
+        work();
+    } catch (...) {
+        entry.Note("");  // out of memory, most likely: the call has no result
+    }
+    work = nullptr;  // what it owned may be a session to close: still watched
+    t_watched = nullptr;
+}
+
+/// Tells who waits for the call and, when the module answers again, the owner of the runner.
+void CallRunner::State::End(Call& call, std::unique_lock<std::mutex>& lock) {
+    call.finished = true;
+    call.has_ended = true;
+    call.ended.notify_one();
+    if (!Returned(call)) return;
+    work_or_end.notify_all();
+    lock.unlock();
+    try {
+        on_recovered();
+    } catch (...) {
+        call.entry.Note("");  // out of memory: whoever polls the module finds out, too
+    }
+    lock.lock();
+}
+
 void CallRunner::Work(const std::shared_ptr<State>& state) {
     t_runner = state.get();
     std::unique_lock lock(state->mutex);
     for (bool served = false;; served = true) {
-        ++state->idle;
-        if (served && state->queue.empty()) {
-            const std::uint64_t seen = state->arrivals;
-            lock.unlock();
-            WatchFor(kWatchForCall, [&] { return state->arrivals != seen; });
-            lock.lock();
-        }
-        state->work_or_end.wait(lock, [&] { return state->closing || state->CanBegin(); });
-        --state->idle;
-        if (state->closing) break;
-        const std::shared_ptr<Call> call = std::move(state->queue.front());
-        state->queue.pop_front();
-        call->started = true;
+        const std::shared_ptr<Call> call = state->Next(lock, served);
+        if (call == nullptr) break;
         lock.unlock();
-
-        call->entry.Note("");
-        t_watched = &call->entry;
-        try {
-            call->work();
-        } catch (...) {
-            call->entry.Note("");  // out of memory, most likely: the call has no result
-        }
-        call->work = nullptr;  // what it owned may be a session to close: still watched
-        t_watched = nullptr;
-
+        call->Perform();
         lock.lock();
-        call->finished = true;
-        call->has_ended = true;
-        call->ended.notify_one();
-        if (!state->Returned(*call)) continue;
-        state->work_or_end.notify_all();
-        lock.unlock();
-        state->on_recovered();
-        lock.lock();
+        state->End(*call, lock);
     }
     state->ended_threads.push_back(std::this_thread::get_id());
     state->thread_ended.notify_all();

@@ -46,6 +46,7 @@ Result MechanismList::Read(const Api& api, CK_SLOT_ID slot, MechanismList& list)
     if (count > 0) result = api.GetMechanismList(slot, types.data(), count);
     if (!result.ok()) return result;
     types.resize(std::min<std::size_t>(count, types.size()));
+    std::erase(types, CK_UNAVAILABLE_INFORMATION);  // which here stands for "no such mechanism"
     for (const CK_MECHANISM_TYPE type : types) {
         CK_MECHANISM_INFO info{};
         if (api.GetMechanismInfo(slot, type, info).ok()) list.entries_.push_back({type, info});
@@ -66,7 +67,7 @@ bool MechanismList::Has(CK_MECHANISM_TYPE type, CK_FLAGS flags) const {
 
 CK_MECHANISM_TYPE MechanismList::MessageMechanism(pki_alg_t alg) const {
     const asn1::AlgRow* const hash = asn1::FindHashAlg(alg);
-    if (hash == nullptr || Find(hash->hash.sign) == nullptr) return CK_UNAVAILABLE_INFORMATION;
+    if (hash == nullptr || hash->hash.key == 0 || Find(hash->hash.sign) == nullptr) return CK_UNAVAILABLE_INFORMATION;
     const bool digests = Has(hash->hash.digest, CKF_DIGEST) || HostKnowsDigest(alg);
     const bool ready = digests && Find(asn1::FindKeyAlg(hash->hash.key)->key.sign) != nullptr;
     return ready ? CK_UNAVAILABLE_INFORMATION : hash->hash.sign;

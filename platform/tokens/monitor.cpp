@@ -38,6 +38,18 @@ void TellClients() {
     bridge::server::NotifyClients(bridge::kNotifyTokensChanged, {});
 }
 
+/// What a callback throws, or a shortage of memory, ends `work`, not the process.
+template <typename Work>
+void Guarded(const Provider& provider, const Work& work) noexcept {
+    try {
+        work();
+    } catch (const std::exception& error) {
+        Log(kMsgTokenError, provider.name + ": " + error.what());
+    } catch (...) {
+        Log(kMsgTokenError, provider.name + ": a callback failed");
+    }
+}
+
 struct LoadOutcome {
     std::shared_ptr<const Module> module{};
     PKCS11::ProviderInfo info{};
@@ -172,17 +184,19 @@ void ModuleMonitor::Main() {
             if (stopping_) break;
             wanted = looks_wanted_;
         }
-        TakeConfiguration();
-        if (!loaded_) LoadModule();
-        if (loaded_) Look();
+        Guarded(provider_, [this] {
+            TakeConfiguration();
+            if (!loaded_) LoadModule();
+            if (loaded_) Look();
+        });
         {
             const std::lock_guard lock(mutex_);
             looks_done_ = wanted;
             looked_.notify_all();
         }
-        Sleep();
+        Guarded(provider_, [this] { Sleep(); });
     }
-    ShutDown();
+    Guarded(provider_, [this] { ShutDown(); });
 }
 
 /// Until the next look is due or wanted. Logins are reported meanwhile.
@@ -236,7 +250,7 @@ void ModuleMonitor::LoadModule() {
     if (outcome->error == load_error_) return;
     load_error_ = outcome->error;
     Log(kMsgProviderFailed, provider_.name + ": " + load_error_);
-    PKCS11::Callbacks.providerInserted(Info(), 0);
+    Guarded(provider_, [this] { PKCS11::Callbacks.providerInserted(Info(), 0); });
 }
 
 /// A module that does not answer is tried now and then. One whose calls return late after all is looked at when they do;
@@ -370,7 +384,9 @@ void ModuleMonitor::TellRemoved(const std::vector<TokenPtr>& still_shown) {
     }
     std::erase_if(logged_, [](const TokenPtr& token) { return token->removed(); });
     const std::vector<TokenPtr> gone = Without(std::exchange(reported_, still_shown), still_shown);
-    for (const TokenPtr& token : gone) PKCS11::Callbacks.tokenRemoved(token->Info());
+    for (const TokenPtr& token : gone) {
+        Guarded(provider_, [&] { PKCS11::Callbacks.tokenRemoved(token->Info()); });
+    }
     if (!gone.empty()) TellClients();
 }
 
@@ -386,13 +402,13 @@ void ModuleMonitor::TellInserted() {
     }
     const std::vector<TokenPtr> came = Without(shown, std::exchange(reported_, shown));
     for (const TokenPtr& token : came) {
-        if (announced_) PKCS11::Callbacks.tokenInserted(token->Info());
+        if (announced_) Guarded(provider_, [&] { PKCS11::Callbacks.tokenInserted(token->Info()); });
     }
     if (!came.empty()) TellClients();
     if (std::exchange(announced_, true)) return;
     Log(kMsgProviderReady, provider_.name + ": " + asn_text_to_printable(Info().description) + ", " +
                                std::to_string(shown.size()) + (shown.size() == 1 ? " token" : " tokens"));
-    PKCS11::Callbacks.providerInserted(Info(), shown.size());
+    Guarded(provider_, [&] { PKCS11::Callbacks.providerInserted(Info(), shown.size()); });
 }
 
 /// Of tokens whose PIN file is to be used without being asked for. True when a user is logged in now.
@@ -422,7 +438,7 @@ void ModuleMonitor::DeliverLogins() {
     for (const LoginReport& login : logins) {
         const PKCS11::TokenInfo info = login.token->Info();
         Log(kMsgTokenLogin, Describe(info) + (info.loggedIn ? ": logged in" : ": logged out"));
-        PKCS11::Callbacks.tokenLogin(info, login.own);
+        Guarded(provider_, [&] { PKCS11::Callbacks.tokenLogin(info, login.own); });
     }
     TellClients();
 }

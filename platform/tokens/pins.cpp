@@ -36,12 +36,10 @@ FailedPins& FailedPins::Instance() {
     return *failed_pins;
 }
 
-FailedPins::FailedPins() {
-    RAND_bytes(salt_.data(), static_cast<int>(salt_.size()));
-}
+FailedPins::FailedPins() : salted_(RAND_bytes(salt_.data(), static_cast<int>(salt_.size())) == 1) {}
 
-FailedPins::Failure FailedPins::Describe(std::uint64_t token, unsigned long user,
-                                         const vpnfc::SecretString& pin) const {
+std::optional<FailedPins::Failure> FailedPins::Describe(std::uint64_t token, unsigned long user,
+                                                        const vpnfc::SecretString& pin) const {
     vpnfc::SecretString input;
     input.edit().reserve(salt_.size() + sizeof token + sizeof user + pin.get().size());
     input.edit().append(reinterpret_cast<const char*>(salt_.data()), salt_.size());
@@ -50,27 +48,29 @@ FailedPins::Failure FailedPins::Describe(std::uint64_t token, unsigned long user
     input.edit().append(pin.get());
     Failure failure{token};
     unsigned length = 0;
-    EVP_Digest(input.get().data(), input.get().size(), failure.digest.data(), &length, EVP_sha256(), nullptr);
-    return failure;
+    const bool digested =
+        EVP_Digest(input.get().data(), input.get().size(), failure.digest.data(), &length, EVP_sha256(), nullptr) == 1;
+    return salted_ && digested ? std::optional(failure) : std::nullopt;
 }
 
 bool FailedPins::Contains(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const {
-    const Failure failure = Describe(token, user, pin);
+    const std::optional<Failure> failure = Describe(token, user, pin);
     const std::lock_guard lock(mutex_);
-    return std::find(failures_.begin(), failures_.end(), failure) != failures_.end();
+    return !failure || std::find(failures_.begin(), failures_.end(), *failure) != failures_.end();
 }
 
 void FailedPins::Add(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) {
-    const Failure failure = Describe(token, user, pin);
+    const std::optional<Failure> failure = Describe(token, user, pin);
     const std::lock_guard lock(mutex_);
+    if (!failure) return;  // no PIN is tried where none can be remembered
     if (failures_.size() >= kMaxFailures) failures_.pop_front();
-    failures_.push_back(failure);
+    failures_.push_back(*failure);
 }
 
 void FailedPins::Remove(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) {
-    const Failure failure = Describe(token, user, pin);
+    const std::optional<Failure> failure = Describe(token, user, pin);
     const std::lock_guard lock(mutex_);
-    std::erase(failures_, failure);
+    if (failure) std::erase(failures_, *failure);
 }
 
 void FailedPins::Forget(std::uint64_t token) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/base.h"
@@ -21,6 +22,7 @@ class FailedPins {
     /// Never destroyed: a call that was left behind may come back when the process ends.
     static FailedPins& Instance();
 
+    /// True as well when libcrypto fails: a PIN whose failure could not be remembered is not tried.
     bool Contains(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const;
     void Add(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin);
     /// The PIN was made the right one.
@@ -37,9 +39,10 @@ class FailedPins {
     };
 
     FailedPins();
-    Failure Describe(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const;
+    std::optional<Failure> Describe(std::uint64_t token, unsigned long user, const vpnfc::SecretString& pin) const;
 
     std::array<unsigned char, 16> salt_{};
+    const bool salted_;
     mutable std::mutex mutex_;
     std::deque<Failure> failures_;  // guarded by mutex_; the latest last
 };

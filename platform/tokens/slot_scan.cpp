@@ -54,6 +54,12 @@ bool IsAbsent(CK_RV rv) {
     return rv == CKR_TOKEN_NOT_PRESENT || rv == CKR_DEVICE_REMOVED || rv == CKR_SLOT_ID_INVALID;
 }
 
+/// Whether the answer says that the token known in a slot is not there. Any other may be a passing trouble: modules fail
+/// while another process writes the token.
+bool SaysGone(CK_RV rv) {
+    return IsAbsent(rv) || rv == CKR_TOKEN_NOT_RECOGNIZED;
+}
+
 /// The login state through the watching session, opened first where there is none.
 Result WatchLogin(const Token& token, SessionPtr& session, LoginState& state) {
     if (session == nullptr) {
@@ -67,9 +73,9 @@ Result WatchLogin(const Token& token, SessionPtr& session, LoginState& state) {
     return result;
 }
 
-TokenPtr FindKnown(const std::vector<TokenPtr>& known, CK_SLOT_ID slot, std::uint64_t id) {
-    const auto found = std::find_if(known.begin(), known.end(),
-                                    [&](const TokenPtr& token) { return token->slot() == slot && token->id() == id; });
+TokenPtr FindKnown(const std::vector<TokenPtr>& known, CK_SLOT_ID slot) {
+    const auto found =
+        std::find_if(known.begin(), known.end(), [slot](const TokenPtr& token) { return token->slot() == slot; });
     return found == known.end() ? nullptr : *found;
 }
 
@@ -82,6 +88,9 @@ class Scan {
         const SlotList list = ListSlots(api_);
         outcome_.result = list.result;
         outcome_.slots_left_out = list.left_out;
+        if (!list.result.ok()) {
+            for (const TokenPtr& token : known_) KeepOnce(token);
+        }
         for (const CK_SLOT_ID slot : list.slots) {
             const Result result = Look(slot);
             if (!result.ok() && !IsAbsent(result.rv)) outcome_.troubles.push_back({slot, result});
@@ -90,18 +99,34 @@ class Scan {
     }
 
   private:
+    /// A token that could not be asked stays as it was; when the next look fails, too, it is gone.
+    void KeepOnce(const TokenPtr& token) {
+        if (token == nullptr || token->removed() || !token->DoubtOnce()) return;
+        SeenToken seen{token};
+        seen.login_changes = token->login_changes();
+        seen.login_state = token->login_state();
+        seen.info = token->Info();
+        outcome_.tokens.push_back(std::move(seen));
+    }
+
     Result Look(CK_SLOT_ID slot) {
         CK_SLOT_INFO slot_info{};
         CK_TOKEN_INFO token_info{};
         Result result = api_.GetSlotInfo(slot, slot_info);
         if (result.ok()) result = api_.GetTokenInfo(slot, token_info);
+        const TokenPtr known = FindKnown(known_, slot);
+        if (!result.ok() && !SaysGone(result.rv)) KeepOnce(known);
         if (!result.ok() || (token_info.flags & CKF_TOKEN_INITIALIZED) == 0) return result;
         SeenToken seen;
         seen.info = MakeInfo(provider_, slot_info, token_info);
-        seen.token = FindKnown(known_, slot, seen.info.id);
-        if (seen.token != nullptr && WatchKnown(seen)) {
-            outcome_.tokens.push_back(std::move(seen));
-            return {};
+        if (seen.info.id == 0) return {"EVP_Digest", CKR_HOST_MEMORY};
+        if (known != nullptr && known->id() == seen.info.id) {
+            known->EndDoubt();
+            seen.token = known;
+            if (WatchKnown(seen)) {
+                outcome_.tokens.push_back(std::move(seen));
+                return {};
+            }
         }
         return LookAtNew(slot, std::move(seen));
     }
@@ -176,7 +201,7 @@ std::uint64_t IdentifyToken(const CK_TOKEN_INFO& info) {
     fields.append(reinterpret_cast<const char*>(info.label), sizeof info.label);
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
     unsigned length = 0;
-    EVP_Digest(fields.data(), fields.size(), digest.data(), &length, EVP_sha256(), nullptr);
+    if (EVP_Digest(fields.data(), fields.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) return 0;
     std::uint64_t id = 0;
     for (std::size_t i = 0; i < sizeof id; ++i) id = id << 8 | digest[i];
     return id;

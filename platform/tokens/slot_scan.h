@@ -20,7 +20,7 @@ struct SlotList {
 };
 SlotList ListSlots(const Api& api);
 
-/// TokenInfo::id.
+/// TokenInfo::id; 0 when libcrypto has no memory for it.
 std::uint64_t IdentifyToken(const CK_TOKEN_INFO& info);
 
 struct SeenToken {
@@ -43,8 +43,8 @@ struct ScanOutcome {
     bool slots_left_out = false;
 };
 
-/// A token of `known` that still stands in its slot, and was not taken out meanwhile, is the same object again. Enters
-/// the module.
+/// A token of `known` that still stands in its slot, and was not taken out meanwhile, is the same object again; so it
+/// is, once, when the module fails to tell. Enters the module.
 ScanOutcome ScanSlots(const ModuleLinkPtr& link, const std::string& provider_name, const std::vector<TokenPtr>& known);
 
 /// What a slot holds now, initialised or not.

@@ -36,6 +36,9 @@ class Token {
     /// The token is gone for good; one that is inserted again is another object.
     void MarkRemoved();
     bool removed() const { return removed_; }
+    /// Its slot could not be looked at: true the first time since EndDoubt.
+    bool DoubtOnce() { return !doubted_.exchange(true); }
+    void EndDoubt() { doubted_ = false; }
 
     // Sessions. They are read-write where the token can be written: then the security officer can log in beside them.
     /// A session that is not in use; null when there is none.
@@ -78,6 +81,7 @@ class Token {
     const bool read_write_;
     const bool login_required_;
     std::atomic<bool> removed_{false};  // set under mutex_
+    std::atomic<bool> doubted_{false};
     std::atomic<LoginState> login_state_{LoginState::kPublic};
     std::atomic<unsigned> login_changes_{0};
     std::shared_timed_mutex login_lock_;

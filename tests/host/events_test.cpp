@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -134,14 +135,17 @@ void DisarmOneself(const EM_Event& event) {
     EM_DelTimer(1, DisarmOneself, event.argument);  // must not wait for itself
     EXPECT_FALSE(events::Stop());
     static_cast<test_support::Event*>(event.argument)->Signal();
+    throw std::runtime_error("thrown");
 }
 
-TEST_F(Events, AHandlerMayDisarmItselfAndCannotStopItsOwnThread) {
+TEST_F(Events, AHandlerMayDisarmItselfAndThrowAndCannotStopItsOwnThread) {
     test_support::Event done;
     ASSERT_TRUE(events::Start());
     EM_SetTimer(1, 0, DisarmOneself, &done);
     EXPECT_TRUE(done.Wait());
     EM_DelTimer(1, DisarmOneself, &done);
+    EM_SetTimer(1, 0, NoteTag, &a_);
+    EXPECT_TRUE(journal_.WaitFor(1)) << "others run all the same";
 }
 
 TEST_F(Events, StopIsBoundedAndWhatComesLaterWaitsForTheNextStart) {

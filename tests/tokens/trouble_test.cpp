@@ -4,6 +4,8 @@
 #include <future>
 #include <thread>
 
+#include "platform/tokens/attributes.h"
+#include "platform/tokens/mechanisms.h"
 #include "platform/tokens/registry.h"
 #include "tests/tokens/fixture.h"
 
@@ -392,12 +394,44 @@ TEST_F(Trouble, ASlotThatFailsIsLoggedOnceAndHidesNoOther) {
     control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR times 1"});  // whichever comes first
     ASSERT_TRUE(reports_.WaitFor("C_GetTokenInfo failed: CKR_DEVICE_ERROR"));
     Look(1);  // after the look that met the failure
-    ASSERT_TRUE(WaitUntilListed("one"));
-    EXPECT_TRUE(IsListed("two"));
+    control_.Set({"fail C_GetSlotList CKR_GENERAL_ERROR times 1"});
+    ASSERT_TRUE(reports_.WaitFor("C_GetSlotList failed: CKR_GENERAL_ERROR"));
+    Look(1);
+    EXPECT_TRUE(IsListed("one") && IsListed("two"));
+    EXPECT_EQ(reports_.Count("removed"), 0U) << "asked again before it counts as removed";
     control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR"});
     ASSERT_TRUE(WaitUntilListed("one", false));
     Look();
     EXPECT_LE(reports_.Count("C_GetTokenInfo failed"), 4U) << "once for each slot and trouble";
+}
+
+// Lists what stands for "no mechanism" and a digest, and more objects than there was room for.
+TEST(LyingModule, IsNotBelieved) {
+    CK_FUNCTION_LIST functions{};
+    functions.C_GetMechanismList = [](CK_SLOT_ID, CK_MECHANISM_TYPE* types, CK_ULONG* count) -> CK_RV {
+        *count = 2;
+        if (types != nullptr) types[0] = CK_UNAVAILABLE_INFORMATION;
+        if (types != nullptr) types[1] = CKM_SHA256;
+        return CKR_OK;
+    };
+    functions.C_GetMechanismInfo = [](CK_SLOT_ID, CK_MECHANISM_TYPE, CK_MECHANISM_INFO* info) -> CK_RV {
+        info->flags = CKF_DIGEST;
+        return CKR_OK;
+    };
+    functions.C_FindObjectsInit = [](CK_SESSION_HANDLE, CK_ATTRIBUTE*, CK_ULONG) -> CK_RV { return CKR_OK; };
+    functions.C_FindObjectsFinal = [](CK_SESSION_HANDLE) -> CK_RV { return CKR_OK; };
+    functions.C_FindObjects = [](CK_SESSION_HANDLE, CK_OBJECT_HANDLE*, CK_ULONG room, CK_ULONG* found) -> CK_RV {
+        *found = room + 1;
+        return CKR_OK;
+    };
+    const tokens::Api api(&functions);
+    tokens::MechanismList mechanisms;
+    ASSERT_TRUE(tokens::MechanismList::Read(api, 0, mechanisms).ok());
+    EXPECT_TRUE(mechanisms.Offers(PKI_HASH_SHA256));
+    EXPECT_FALSE(mechanisms.Offers(PKI_KEY_RSA | PKI_HASH_SHA256));
+    tokens::AttributeTemplate any;
+    std::vector<CK_OBJECT_HANDLE> objects;
+    EXPECT_EQ(tokens::FindObjects(api, 0, any, objects).rv, CKR_FUNCTION_FAILED) << "not a complete list";
 }
 
 }  // namespace
