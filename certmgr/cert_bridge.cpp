@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "certmgr/cert_chain.h"
+#include "certmgr/cert_commands.h"
 #include "certmgr/cert_crlcache.h"
 #include "certmgr/cert_request.h"
 #include "certmgr/chain.h"
@@ -60,12 +61,7 @@ Record read_record_(CommandStreamIn& in) {
 
 /// The token as it is listed now: of what the client says the identifier counts. One that is not there has nothing else.
 TokenInfo read_token_(CommandStreamIn& in) {
-    TokenInfo named;
-    named.id = read_record_<TokenInfo>(in).id;
-    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
-    const auto listed =
-        std::find_if(tokens->begin(), tokens->end(), [&](const TokenInfo& token) { return token.id == named.id; });
-    return listed == tokens->end() ? named : *listed;
+    return PKCS11::FindToken(read_record_<TokenInfo>(in).id);
 }
 
 struct WipeAtEnd {
@@ -246,27 +242,38 @@ void reload_(Request& /*request*/) {
     CertStorage::Instance().Reload();
 }
 
-/// By number.
-constexpr void (*kCommands[])(Request&) = {
-    enum_certs_,
-    delete_cert_,
-    open_file_,
-    import_cert_,
-    import_crl_,
-    export_cert_,
-    enum_request_mechanisms_,
-    make_request_,
-    enum_preshared_keys_,
-    create_preshared_key_,
-    delete_preshared_key_,
-    enum_crls_,
-    delete_crl_,
-    build_chain_,
-    cert_details_,
-    verify_cert_,
-    reload_,
+struct Command {
+    CertCommand number;
+    void (*run)(Request&);
 };
-static_assert(std::size(kCommands) == 17);
+
+constexpr Command kCommands[] = {
+    {kCommandEnumCertificates, enum_certs_},
+    {kCommandDeleteCertificate, delete_cert_},
+    {kCommandOpenFile, open_file_},
+    {kCommandImportCertificate, import_cert_},
+    {kCommandImportCrl, import_crl_},
+    {kCommandExportCertificate, export_cert_},
+    {kCommandRequestMechanisms, enum_request_mechanisms_},
+    {kCommandMakeRequest, make_request_},
+    {kCommandEnumPresharedKeys, enum_preshared_keys_},
+    {kCommandCreatePresharedKey, create_preshared_key_},
+    {kCommandDeletePresharedKey, delete_preshared_key_},
+    {kCommandEnumCrls, enum_crls_},
+    {kCommandDeleteCrl, delete_crl_},
+    {kCommandBuildChain, build_chain_},
+    {kCommandDetails, cert_details_},
+    {kCommandVerify, verify_cert_},
+    {kCommandReload, reload_},
+};
+
+constexpr bool StandInOrder() {
+    for (std::size_t i = 0; i < std::size(kCommands); ++i) {
+        if (kCommands[i].number != i) return false;
+    }
+    return std::size(kCommands) == kCertCommands;
+}
+static_assert(StandInOrder());
 
 }  // namespace
 
@@ -289,7 +296,7 @@ CertListener::~CertListener() {
 bool CertListener::ExecCommand(BridgeSession& session, long number, const std::string& input, std::string& output) {
     if (number < 0 || static_cast<std::size_t>(number) >= std::size(kCommands)) return false;
     Request request{*this, session, CommandStreamIn(input), CommandStreamOut(output)};
-    kCommands[number](request);
+    kCommands[number].run(request);
     return true;
 }
 

@@ -32,24 +32,6 @@ pki_alg_t KeyCode(pki_alg_t alg) {
     return alg & PKI_ALG_MASK;
 }
 
-/// The digest of a key algorithm that has but one; 0 for the others.
-pki_alg_t FixedHashOf(pki_alg_t key_code) {
-    switch (key_code) {
-        case PKI_KEY_GOST2001:
-            return PKI_HASH_GOST94;
-        case PKI_KEY_GOST2012_256:
-            return PKI_HASH_GOST2012_256;
-        case PKI_KEY_GOST2012_512:
-            return PKI_HASH_GOST2012_512;
-        case PKI_KEY_DSA:
-            return PKI_HASH_SHA1;
-        case PKI_KEY_ED25519:
-            return PKI_HASH_NONE;
-        default:
-            return 0;
-    }
-}
-
 /// The digest of the certificate's own signature. A certificate signed without one (by an Ed25519 issuer) says nothing
 /// of what its key does: then SHA-256, or for a longer elliptic curve the digest of its size.
 pki_alg_t HashOfOwnSignature(const X509Cert& cert) {
@@ -108,6 +90,23 @@ void ReverseGost2001(std::string& signature) {
 }
 
 }  // namespace
+
+pki_alg_t FixedHashOf(pki_alg_t key_code) {
+    switch (key_code) {
+        case PKI_KEY_GOST2001:
+            return PKI_HASH_GOST94;
+        case PKI_KEY_GOST2012_256:
+            return PKI_HASH_GOST2012_256;
+        case PKI_KEY_GOST2012_512:
+            return PKI_HASH_GOST2012_512;
+        case PKI_KEY_DSA:
+            return PKI_HASH_SHA1;
+        case PKI_KEY_ED25519:
+            return PKI_HASH_NONE;
+        default:
+            return 0;
+    }
+}
 
 bool ike_signature_from_token_(pki_alg_t key_alg, std::string& signature) {
     if (KeyCode(key_alg) == PKI_KEY_DSA) {

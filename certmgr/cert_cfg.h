@@ -1,4 +1,4 @@
-// Forms of IKE signatures: what the exchange carries and what tokens take and give.
+// IKE signatures: their digests, and their forms: what the exchange carries and what tokens take and give.
 #pragma once
 
 #include <string>
@@ -6,6 +6,9 @@
 #include "platform/asn1.h"
 
 namespace CM {
+
+/// The digest of a key algorithm that has but one; 0 for the others.
+pki_alg_t FixedHashOf(pki_alg_t key_code);
 
 /// Brings a token's signature into the form that IKEv1 carries: DSA as r and s side by side, GOST R 34.10-2001 with
 /// its bytes reversed, anything else as it is. False, unchanged, for a DSA signature that does not parse.

@@ -32,8 +32,6 @@ extern CrlDbLock g_crl_db_lock;
 
 /// CRLs that are kept at most, whatever their size.
 inline constexpr std::size_t kMaxCachedCrls = 1000;
-/// Failures that are remembered at most.
-inline constexpr std::size_t kMaxCrlFailures = 1000;
 
 /// Makes a change of the parameters reach the cache.
 void InitDownloadedCrlDB();
@@ -48,13 +46,6 @@ void cm_crl_apply_lparams_(bool first);
 bool DeleteDownloadedCrlDB(const PKCS11::TokenInfo& token, const CRLInfo& info);
 /// Writes token and description of every CRL, in the order of the addresses.
 void EnumDownloadedCrlDB(CommandStreamOut& stream);
-
-// Pieces of a transfer's log line; they append and return the text.
-/// " - " and the address used, with "(modified)" when that is not the certificate's own.
-std::string& log_uri_(std::string& text, const std::string& used, const std::string& named);
-std::string& log_content_type_(std::string& text, const std::string& content_type);
-/// Length and hexadecimal bytes; of twelve and more the first and the last six.
-std::string& log_data_(std::string& text, const std::string& data);
 
 /// What made CRLs that are under way ones of yesterday, counted.
 struct CrlGeneration {

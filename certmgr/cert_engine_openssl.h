@@ -122,10 +122,6 @@ void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions&
 
 /// Packed time of the content of a UTCTime or GeneralizedTime, as ASN1_TIME_to_time_t reads it.
 cert_time64_t PackedTime(int type, std::string_view content);
-/// Appends two upper-case digits for each byte.
-void UpperHex(std::string_view bytes, std::string& appended);
-/// Text of an integer, as ASN1_INTEGER_to_std_string writes it.
-std::string NumberText(bool negative, std::string_view magnitude);
 
 /// The to-be-signed part of a certificate, cut out of its encoding; empty when a length on the way is indefinite.
 std::string_view ToBeSigned(std::string_view der);

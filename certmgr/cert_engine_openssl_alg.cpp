@@ -164,7 +164,7 @@ bool ASN1_OBJECT_to_std_string(ASN1_OBJECT* object, std::string& appended, Strin
 
 bool ASN1_INTEGER_to_std_string(ASN1_INTEGER* number, std::string& text) {
     if (number == nullptr) return false;
-    text = cert_engine::NumberText((ASN1_STRING_type(number) & V_ASN1_NEG) != 0, BytesOf(number));
+    text = asn_serial_to_text((ASN1_STRING_type(number) & V_ASN1_NEG) != 0, BytesOf(number));
     return true;
 }
 
@@ -194,31 +194,6 @@ cert_time64_t PackedTime(int type, std::string_view content) {
     std::tm tm{};
     if (!ReadYear(type, content, tm) || !ReadMonthToSecond(content, tm)) return CERT_TIME_UNKNOWN;
     return CertTimeFromTm(tm);
-}
-
-void UpperHex(std::string_view bytes, std::string& appended) {
-    constexpr std::string_view kDigits = "0123456789ABCDEF";
-    for (const unsigned char byte : bytes) {
-        appended += kDigits[byte >> 4U];
-        appended += kDigits[byte & 0xFU];
-    }
-}
-
-// The text of i2a_ASN1_INTEGER, long numbers broken as it breaks them. CRLs have a million numbers: no stream.
-std::string NumberText(bool negative, std::string_view magnitude) {
-    constexpr std::size_t kBytesInLine = 35;
-    constexpr std::string_view kLineBreak = "\\\n";
-    std::string text;
-    text.reserve(2 * magnitude.size() + 2);
-    if (negative) text += '-';
-    if (magnitude.empty()) text += "00";
-    while (magnitude.size() > kBytesInLine) {
-        UpperHex(magnitude.substr(0, kBytesInLine), text);
-        text += kLineBreak;
-        magnitude.remove_prefix(kBytesInLine);
-    }
-    UpperHex(magnitude, text);
-    return text;
 }
 
 std::string_view NameDer(const X509_NAME* name) {

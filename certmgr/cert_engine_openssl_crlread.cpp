@@ -196,24 +196,17 @@ std::string SerialText(std::string_view content) {
     const std::string negated = negative ? Negated(content) : std::string();
     std::string_view magnitude = negative ? negated : content;
     if (magnitude.size() > 1 && magnitude[0] == 0) magnitude.remove_prefix(1);
-    return NumberText(negative, magnitude);
-}
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    return asn_serial_to_text(negative, magnitude);
 }
 
 // Content of the INTEGER that has this text; empty when none has.
 std::string SerialContent(const std::string& text) {
     const bool negative = !text.empty() && text[0] == '-';
-    std::string digits;
-    std::copy_if(text.begin() + (negative ? 1 : 0), text.end(), std::back_inserter(digits),
-                 [](char c) { return HexDigit(c) >= 0; });
-    std::string content(1, '\0');  // for the sign
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        content += static_cast<char>(HexDigit(digits[i]) << 4 | HexDigit(digits[i + 1]));
-    }
+    std::string digits = text.substr(negative ? 1 : 0);
+    std::erase_if(digits, [](char c) { return c == '\\' || c == '\n'; });
+    std::string content;
+    if (!FROM_HEX_STD_STRING(digits, content)) return {};
+    content.insert(content.begin(), '\0');  // for the sign
     if (negative) content = Negated(content);
     if (content.size() > 1 && !IsInteger(content)) content.erase(0, 1);
     return IsInteger(content) && SerialText(content) == text ? content : std::string();

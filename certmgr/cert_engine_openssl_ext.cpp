@@ -1,4 +1,4 @@
-// Extension rendering: fingerprints, one text per known extension, and the decoded values that the module tests.
+// The known extensions: one text for each, and the decoded values that the module tests; fingerprints.
 #include <openssl/asn1t.h>
 #include <openssl/objects.h>
 #include <openssl/x509v3.h>
@@ -11,18 +11,15 @@
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
+#include "certmgr/cert_engine_openssl_ext.h"
 
-using cert_engine::BioPtr;
+using cert_engine::AppendGeneralName;
 using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
+using cert_engine::ForEach;
+using cert_engine::GeneralNamesText;
 
 namespace {
-
-template <typename T, typename Stack, typename Visit>
-void ForEach(const Stack* stack, Visit visit) {
-    const auto* items = reinterpret_cast<const OPENSSL_STACK*>(stack);
-    for (int i = 0; i < OPENSSL_sk_num(items); ++i) visit(*static_cast<T*>(OPENSSL_sk_value(items, i)));
-}
 
 struct ItemDeleter {
     const ASN1_ITEM* item = nullptr;
@@ -49,111 +46,6 @@ std::string Numbered(int number, std::string_view text) {
 
 std::string HexWithBlanks(const ASN1_STRING* bytes) {
     return TO_HEX_STD_STRING(BytesOf(bytes), ' ');
-}
-
-// --- General names ---
-
-void AppendAddress(std::string_view address, std::string& text) {
-    constexpr std::size_t kShownBytes = 4;
-    if (address.size() < kShownBytes) return;
-    for (std::size_t i = 0; i < kShownBytes; ++i) {
-        if (i != 0) text += '.';
-        text += std::to_string(static_cast<unsigned char>(address[i]));
-    }
-}
-
-// UTF-8 of a Microsoft user principal name; empty for any other name, or one that is not of a string type.
-std::string UserPrincipalName(const OTHERNAME& name) {
-    if (OBJ_obj2nid(name.type_id) != NID_ms_upn || name.value == nullptr) return {};
-    switch (ASN1_TYPE_get(name.value)) {
-        case V_ASN1_BOOLEAN:
-        case V_ASN1_NULL:
-        case V_ASN1_OBJECT:
-            return {};
-        default:
-            break;
-    }
-    const ErrorMark mark;
-    unsigned char* utf8 = nullptr;
-    const int length = ASN1_STRING_to_UTF8(&utf8, name.value->value.asn1_string);
-    if (length < 0) return {};
-    std::string text(reinterpret_cast<const char*>(utf8), static_cast<std::size_t>(length));
-    OPENSSL_free(utf8);
-    return text;
-}
-
-void AppendOtherName(const OTHERNAME& name, std::string& text) {
-    const std::string upn = UserPrincipalName(name);
-    if (upn.empty()) {
-        ASN1_OBJECT_to_std_string(name.type_id, text, kOidName);
-    } else {
-        text += upn;
-    }
-}
-
-void AppendGeneralName(const GENERAL_NAME& name, std::string& text) {
-    switch (name.type) {
-        case GEN_OTHERNAME:
-            AppendOtherName(*name.d.otherName, text.append("OTHERNAME="));
-            break;
-        case GEN_EMAIL:
-            text.append("EMAIL=").append(BytesOf(name.d.rfc822Name));
-            break;
-        case GEN_DNS:
-            text.append("DNS=").append(BytesOf(name.d.dNSName));
-            break;
-        case GEN_X400:
-            text.append("X400=");
-            break;
-        case GEN_DIRNAME: {
-            std::string directory_name;
-            X509_NAME_to_utf8(name.d.directoryName, directory_name);
-            text.append("DIRNAME=").append(directory_name);
-            break;
-        }
-        case GEN_EDIPARTY:
-            text.append("EDIPARTY=");
-            break;
-        case GEN_URI:
-            text.append("URI=").append(BytesOf(name.d.uniformResourceIdentifier));
-            break;
-        case GEN_IPADD:
-            AppendAddress(BytesOf(name.d.iPAddress), text.append("IP="));
-            break;
-        case GEN_RID:
-            ASN1_OBJECT_to_std_string(name.d.registeredID, text.append("RID="), kOidName);
-            break;
-        default:
-            break;
-    }
-}
-
-std::string GeneralNamesText(const GENERAL_NAMES* names) {
-    std::string text;
-    ForEach<GENERAL_NAME>(names, [&text](const GENERAL_NAME& name) {
-        if (!text.empty()) text += ',';
-        AppendGeneralName(name, text);
-    });
-    return text;
-}
-
-void KeepAlternativeName(const GENERAL_NAME& name, AltSubject& names) {
-    switch (name.type) {
-        case GEN_EMAIL:
-            names.email = BytesOf(name.d.rfc822Name);
-            break;
-        case GEN_DNS:
-            names.dnsName = BytesOf(name.d.dNSName);
-            break;
-        case GEN_IPADD:
-            names.ipAddress = BytesOf(name.d.iPAddress);
-            break;
-        case GEN_OTHERNAME:
-            if (std::string upn = UserPrincipalName(*name.d.otherName); !upn.empty()) names.upn = std::move(upn);
-            break;
-        default:
-            break;
-    }
 }
 
 // Where the readers below write. Texts are optional.
@@ -198,8 +90,8 @@ bool cert_ext_PrivateKeyUsagePeriod(X509_EXTENSION* extension, const Sinks& out)
 bool SubjectAltName(X509_EXTENSION* extension, const Sinks& out) {
     const auto names = Decode<GENERAL_NAMES>(extension, ASN1_ITEM_rptr(GENERAL_NAMES));
     if (names == nullptr) return false;
-    ForEach<GENERAL_NAME>(names.get(),
-                          [&](const GENERAL_NAME& name) { KeepAlternativeName(name, out.names.altSubject); });
+    ForEach<GENERAL_NAME>(
+        names.get(), [&](const GENERAL_NAME& name) { cert_engine::KeepAlternativeName(name, out.names.altSubject); });
     if (out.texts != nullptr) out.texts->subjectAltName = GeneralNamesText(names.get());
     return true;
 }
@@ -431,63 +323,7 @@ const KnownExtension* FindKnown(X509_EXTENSION* extension) {
     return known != kKnownExtensions.end() ? known : nullptr;
 }
 
-// --- Unknown extensions ---
-
-// Values up to this many bytes together are printed. Printing costs far more than parsing, and makes of a deeply nested
-// value a text eighty times as long: without bounds a certificate could keep a thread busy for seconds.
-constexpr std::size_t kMaxPrintedValueBytes = 16384;
-constexpr std::size_t kMaxPrintedText = 65536;
-
-// Lines without surrounding blanks, empty ones left out.
-std::string Reflow(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r";
-    std::string lines;
-    while (!text.empty()) {
-        const std::size_t end = std::min(text.find('\n'), text.size());
-        std::string_view line = text.substr(0, end);
-        text.remove_prefix(std::min(end + 1, text.size()));
-        line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
-        line = line.substr(0, line.find_last_not_of(kBlanks) + 1);
-        if (line.empty()) continue;
-        if (!lines.empty()) lines += '\n';
-        lines += line;
-    }
-    return lines;
-}
-
-std::string PrintedValue(X509_EXTENSION* extension) {
-    constexpr int kIndent = 4;
-    const ErrorMark mark;
-    const BioPtr stream(BIO_new(BIO_s_mem()));
-    if (stream == nullptr) return {};
-    X509V3_EXT_print(stream.get(), extension, X509V3_EXT_PARSE_UNKNOWN, kIndent);
-    char* text = nullptr;
-    const long length = BIO_get_mem_data(stream.get(), &text);
-    if (length <= 0) return {};
-    std::string lines = Reflow({text, static_cast<std::size_t>(length)});
-    if (lines.size() > kMaxPrintedText) {
-        const std::string cut = "\n... (" + std::to_string(lines.size() - kMaxPrintedText) + " bytes cut)";
-        lines.replace(kMaxPrintedText, std::string::npos, cut);
-    }
-    return lines;
-}
-
-// Name as it is listed, without the mark of criticality.
-std::string UnknownName(X509_EXTENSION* extension) {
-    std::string name;
-    ASN1_OBJECT_to_std_string(X509_EXTENSION_get_object(extension), name, kOidName);
-    return name.empty() ? "unknown extension" : name;
-}
-
-void cert_ext_Unknown(X509_EXTENSION* extension, CertExtentions& texts, std::size_t& printable_bytes) {
-    std::string name = UnknownName(extension);
-    if (X509_EXTENSION_get_critical(extension) != 0) name += "(critical)";
-    const std::size_t size = BytesOf(X509_EXTENSION_get_data(extension)).size();
-    const bool printed = size <= printable_bytes;
-    if (printed) printable_bytes -= size;
-    texts.unknownExtensions.emplace_back(std::move(name),
-                                         printed ? PrintedValue(extension) : std::to_string(size) + " bytes");
-}
+// --- All extensions of a certificate ---
 
 template <typename Visit>
 void ForEachExtension(const X509* cert, Visit visit) {
@@ -497,7 +333,7 @@ void ForEachExtension(const X509* cert, Visit visit) {
 // An extension that could not be read, or is not known: a critical one must be understood.
 void NoteUnknown(X509_EXTENSION* extension, CertFacts& facts) {
     if (X509_EXTENSION_get_critical(extension) == 0 || !facts.firstUnknownCritical.empty()) return;
-    facts.firstUnknownCritical = UnknownName(extension);
+    facts.firstUnknownCritical = cert_engine::UnknownName(extension);
 }
 
 // One that is only shown, or not known, decides nothing unless it is critical.
@@ -523,12 +359,12 @@ void ReadNames(const X509* cert, CertNames& names) {
 
 void ReadAll(const X509* cert, CertExtentions& out) {
     const Sinks sinks{out, out, &out};
-    std::size_t printable_bytes = kMaxPrintedValueBytes;
+    std::size_t printable_bytes = cert_engine::kMaxPrintedValueBytes;
     ForEachExtension(cert, [&](X509_EXTENSION* extension) {
         const KnownExtension* const known = FindKnown(extension);
         if (known != nullptr && known->read(extension, sinks)) return;
         NoteUnknown(extension, out);
-        cert_ext_Unknown(extension, out, printable_bytes);
+        cert_engine::cert_ext_Unknown(extension, out, printable_bytes);
     });
 }
 

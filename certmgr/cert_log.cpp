@@ -14,13 +14,16 @@ void AppendItem(std::string& out, std::string_view label, std::string_view value
     CM::cmprint_Value(out, value);
 }
 
+std::string ValidityText(const CertInfo& info) {
+    return "Valid from: " + CertTimeToString(info.validFrom) + " to: " + CertTimeToString(info.validTo);
+}
+
 void AppendCertInfo(const CertInfo& info, std::string& out) {
     AppendItem(out, "Subject: ", info.subject);
     AppendItem(out, "Issuer: ", info.issuer);
     AppendItem(out, "Sn: ", info.serialNumber);
     AppendItem(out, "KeyAlg: ", ttt_pki_alg_to_str(info.keyAlg));
-    out.append(", \tValid from: ").append(CertTimeToString(info.validFrom));
-    out.append(" to: ").append(CertTimeToString(info.validTo));
+    out.append(", \t").append(ValidityText(info));
 }
 
 void AppendName(std::string& out, std::string_view label, const std::string& name, bool exact) {
@@ -122,16 +125,14 @@ void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details) {
     cmprint_Fact(out, "KeyAlg: ", ttt_pki_alg_to_str(info.keyAlg));
     if (info.keyBits != 0) out.append(", ").append(std::to_string(info.keyBits)).append(" bits");
     cmprint_Fact(out, "SignAlg: ", ttt_pki_alg_to_str(info.signAlg));
-    cmprint_Fact(out, "Valid from: ", CertTimeToString(info.validFrom));
-    out.append(" to: ").append(CertTimeToString(info.validTo));
+    cmprint_Fact(out, ValidityText(info), {});
     if (cert->privKeyNotAfter != CERT_TIME_UNKNOWN) {
         cmprint_Fact(out, "Private key valid to: ", CertTimeToString(cert->privKeyNotAfter));
     }
 }
 
 void cmprint_Validity(std::string& out, const CertInfo& info) {
-    out.append(",\t Valid from: ").append(CertTimeToString(info.validFrom));
-    out.append(" to: ").append(CertTimeToString(info.validTo));
+    out.append(",\t ").append(ValidityText(info));
 }
 
 }  // namespace CM

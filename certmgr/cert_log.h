@@ -37,6 +37,10 @@ void cmprint_Cert(std::string& out, const X509Cert* cert, bool with_details);
 /// Appends ",\t Valid from: ... to: ..." to the line of a certificate that is not valid now.
 void cmprint_Validity(std::string& out, const CertInfo& info);
 
+// Why a certificate is not valid; the time follows.
+inline constexpr const char* kNotYetValidText = "Will be valid from: ";
+inline constexpr const char* kExpiredText = "Not valid after: ";
+
 /// Name of a certificate's role: "personal", "trusted", ...; "undefined" for anything that is not a role.
 const char* CertKindText(std::uint32_t kind);
 

@@ -77,9 +77,9 @@ std::string AnnouncedText(const AnnouncedIdentity& announced) {
 const char* StatusText(std::uint32_t status) {
     switch (status) {
         case kLocalNotYetValid:
-            return "Will be valid from: ";
+            return kNotYetValidText;
         case kLocalExpired:
-            return "Not valid after: ";
+            return kExpiredText;
         case kLocalPrivateKeyExpired:
             return "Prvate Key not valid after: ";
         case kLocalIdMismatch:

@@ -24,9 +24,6 @@ using PKCS11::CertObject;
 using PKCS11::TokenInfo;
 using PKCS11::TokenSession;
 
-/// CKA_CERTIFICATE_CATEGORY.
-enum Category : std::uint32_t { kTokenUser = 1, kAuthority = 2, kOtherEntity = 3 };
-
 /// Who may write public objects on the token.
 TokenSession::OpenType WriteAccess(const TokenInfo& token) {
     return token.loginRequired ? TokenSession::kPrivate : TokenSession::kPublic;
@@ -47,7 +44,7 @@ struct Import {
     bool exportable;
     const std::string* pin;
 
-    CertObject Object(std::string id, Category category) const {
+    CertObject Object(std::string id, PKCS11::CertCategory category) const {
         return {.id = std::move(id), .value = cert.rawCert, .category = category};
     }
 };
@@ -68,8 +65,9 @@ CertImportStatus ImportBesideKeyPair(const Import& import) {
     if (!session) return NotOpened(session);
     std::string id;
     if (!session.ContainPubKeyObject(import.cert.rawPubKey, &id)) return ImportCertErrorNotPersonal;
-    return session.CreateCertObject(import.Object(id, kTokenUser), import.cert.rawSubject) ? ImportCertOk
-                                                                                           : ImportCertError;
+    return session.CreateCertObject(import.Object(id, PKCS11::kTokenUserCategory), import.cert.rawSubject)
+               ? ImportCertOk
+               : ImportCertError;
 }
 
 bool WritePrivateKey(const Import& import, TokenSession& session, const std::string& id) {
@@ -85,7 +83,8 @@ bool WritePrivateKey(const Import& import, TokenSession& session, const std::str
 CertImportStatus WriteWithKey(const Import& import, TokenSession& session, const std::string& id) {
     if (!WritePrivateKey(import, session, id)) return ImportCertErrorPrivKey;
     if (!session.CreatePubKeyObject(import.cert.info.keyAlg, id, import.cert.rawPubKey)) return ImportCertErrorPubKey;
-    if (!session.CreateCertObject(import.Object(id, kTokenUser), import.cert.rawSubject)) return ImportCertError;
+    if (!session.CreateCertObject(import.Object(id, PKCS11::kTokenUserCategory), import.cert.rawSubject))
+        return ImportCertError;
     return ImportCertOk;
 }
 
@@ -109,7 +108,7 @@ CertImportStatus ImportTrusted(const Import& import) {
     const bool is_ca = import.cert.info.isCA;
     TokenSession session(import.token, TokenSession::kPublic, import.pin);
     if (!session) return ImportCertErrorOpenTokenSession;
-    CertObject object = import.Object(NewObjectId(), is_ca ? kAuthority : kOtherEntity);
+    CertObject object = import.Object(NewObjectId(), is_ca ? PKCS11::kAuthorityCategory : PKCS11::kOtherEntityCategory);
     object.trusted = true;
     if (session.CreateCertObject(object, import.cert.rawSubject)) {
         return is_ca ? ImportCertOk : ImportCertWarningTrustedNotCA;
@@ -121,7 +120,7 @@ CertImportStatus ImportTrusted(const Import& import) {
 CertImportStatus ImportOther(const Import& import) {
     TokenSession session(import.token, WriteAccess(import.token), import.pin);
     if (!session) return NotOpened(session);
-    const CertObject object = import.Object(NewObjectId(), kOtherEntity);
+    const CertObject object = import.Object(NewObjectId(), PKCS11::kOtherEntityCategory);
     return session.CreateCertObject(object, import.cert.rawSubject) ? ImportCertOk : ImportCertError;
 }
 

@@ -22,7 +22,6 @@ namespace CM {
 namespace {
 
 /// CKA_CERTIFICATE_CATEGORY of a certificate that belongs to the token's user.
-constexpr std::uint32_t kTokenUserCategory = 1;
 
 using PresharedKeys = std::vector<std::unique_ptr<PresharedKey>>;
 
@@ -97,7 +96,7 @@ bool CompleteKeyPair(X509Cert& cert, const PKCS11::CertObject& object, KeyLookUp
 /// Nothing when the token does not say.
 std::optional<bool> IsPersonal(const X509Cert& cert, const PKCS11::CertObject& object, KeyLookUps& keys) {
     if (cert.info.isCA) return false;
-    if (object.category == kTokenUserCategory) return true;
+    if (object.category == PKCS11::kTokenUserCategory) return true;
     return keys.Contains(cert.rawPubKey);
 }
 

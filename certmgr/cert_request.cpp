@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "certmgr/cert_cfg.h"
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_storage.h"
 #include "certmgr/discarded_keys.h"
@@ -69,20 +70,9 @@ bool HasSignatureIdentifier(pki_alg_t key, pki_alg_t hash) {
 }
 
 bool MaySign(pki_alg_t key, pki_alg_t hash) {
-    switch (key) {
-        case PKI_KEY_RSA:
-            return !IsGostHash(hash);
-        case PKI_KEY_DSA:  // the one hash that every peer takes with it
-            return hash == PKI_HASH_SHA1;
-        case PKI_KEY_GOST2001:
-            return hash == PKI_HASH_GOST94;
-        case PKI_KEY_GOST2012_256:
-            return hash == PKI_HASH_GOST2012_256;
-        case PKI_KEY_GOST2012_512:
-            return hash == PKI_HASH_GOST2012_512;
-        default:
-            return HasSignatureIdentifier(key, hash);
-    }
+    if (key == PKI_KEY_RSA) return !IsGostHash(hash);
+    const pki_alg_t fixed = CM::FixedHashOf(key);
+    return fixed != 0 ? hash == fixed : HasSignatureIdentifier(key, hash);
 }
 
 std::vector<std::uint32_t> DoublingSizes(const PKCS11::KeyPairGenMechanism& mechanism) {

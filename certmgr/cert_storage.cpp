@@ -15,13 +15,11 @@ namespace CM {
 
 namespace {
 
-/// Notification of the management bridge: the certificate lists changed.
-constexpr std::uint32_t kNotifyCertListChanged = 9;
 /// Token events that arrive within this many units of the event manager fold into one reload.
 constexpr unsigned long kReloadDelay = 2;
 
 void cm_send_cert_list_changed_nitification_(const EM_Event& event) {
-    if (!event.cancelled) bridge::server::NotifyClients(kNotifyCertListChanged, {});
+    if (!event.cancelled) bridge::server::NotifyClients(bridge::kNotifyCertListChanged, {});
 }
 
 template <typename Slot, typename Handler>

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "certmgr/cert_chain.h"
+#include "certmgr/cert_log.h"
 #include "certmgr/key_usage.h"
 #include "platform/params.h"
 
@@ -32,8 +33,8 @@ struct RefusalForm {
 constexpr std::array kRefusalForms = {
     RefusalForm{RefusalId::kNone, ""},
     RefusalForm{RefusalId::kNoDigitalSignature, "Does not contain required key usage: Digital Signature"},
-    RefusalForm{RefusalId::kNotYetValid, "Will be valid from: ", Parameter::kTime},
-    RefusalForm{RefusalId::kExpired, "Not valid after: ", Parameter::kTime},
+    RefusalForm{RefusalId::kNotYetValid, kNotYetValidText, Parameter::kTime},
+    RefusalForm{RefusalId::kExpired, kExpiredText, Parameter::kTime},
     RefusalForm{RefusalId::kCertificateNotYetValid, "Certificate will be valid from: ", Parameter::kTime},
     RefusalForm{RefusalId::kCertificateExpired, "Certificate is not valid after: ", Parameter::kTime},
     RefusalForm{RefusalId::kPrivateKeyExpired, "Private key of the certificate is not valid after: ", Parameter::kTime},
@@ -181,7 +182,7 @@ Refusal cm_VerifyCertChainTask::CheckAuthority(const X509Cert* authority, std::s
     if (path_len >= 0 && static_cast<std::size_t>(path_len) < authorities_below) {
         return {.id = RefusalId::kPathLengthExceeded, .position = position, .detail = info.subject};
     }
-    if (info.validFrom > now_ || info.validTo < now_) return {.id = RefusalId::kNotCurrent, .position = position};
+    if (CheckValidity(info, now_) != kValid) return {.id = RefusalId::kNotCurrent, .position = position};
     return {};
 }
 
@@ -224,18 +225,23 @@ Refusal cm_VerifyCertChainTask::CheckSignature(const X509Cert* cert, const X509C
 namespace {
 
 /// Validity of the certificate and of its private key.
-Refusal CheckValidity(const X509Cert* cert, cert_time64_t now) {
-    const CertInfo& info = cert->info;
-    if (now < info.validFrom) return {.id = RefusalId::kCertificateNotYetValid, .time = info.validFrom};
-    if (info.validTo < now) return {.id = RefusalId::kCertificateExpired, .time = info.validTo};
-    if (cert->privKeyNotAfter < now) return {.id = RefusalId::kPrivateKeyExpired, .time = cert->privKeyNotAfter};
-    return {};
+Refusal RefusalOfValidity(const X509Cert* cert, cert_time64_t now) {
+    switch (cert->PrivKeyCheckValidFromTo(now)) {
+        case kNotYetValid:
+            return {.id = RefusalId::kCertificateNotYetValid, .time = cert->info.validFrom};
+        case kExpired:
+            return {.id = RefusalId::kCertificateExpired, .time = cert->info.validTo};
+        case kPrivateKeyExpired:
+            return {.id = RefusalId::kPrivateKeyExpired, .time = cert->privKeyNotAfter};
+        default:
+            return {};
+    }
 }
 
 /// Validity, chain, trust and signatures.
 Refusal CheckSingle(CertList& chain, const TLogIdent& ident) {
     const cert_time64_t now = CertTimeNow();
-    if (Refusal refusal = CheckValidity(chain[0], now)) return refusal;
+    if (Refusal refusal = RefusalOfValidity(chain[0], now)) return refusal;
     if (Refusal refusal = RefusalOfBuild(BuildCertChainFromStore(chain))) return refusal;
     const std::list<LPCFG::cert_t> any_trusted;
     return cm_VerifyCertChainTask(any_trusted, true, now, ident).Run(chain.certs());

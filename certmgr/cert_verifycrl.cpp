@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "certmgr/cert_crlcache.h"
+#include "certmgr/cert_crltransfer.h"
 #include "certmgr/cert_crlfetch.h"
 #include "certmgr/cert_findcrl.h"
 #include "certmgr/cert_log.h"

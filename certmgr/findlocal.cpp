@@ -22,8 +22,6 @@ namespace CM {
 
 namespace {
 
-/// Notification that asks the user to choose a certificate.
-constexpr std::uint32_t kNotifySelectCertificate = 6;
 constexpr int kWaitWithoutLimit = -1;
 constexpr std::size_t kIp4Bytes = 4;
 
@@ -99,25 +97,26 @@ bool LocalSearch::Run() {
     return true;
 }
 
+std::uint32_t StatusOfValidity(ValidityCheck check) {
+    switch (check) {
+        case kNotYetValid:
+            return kLocalNotYetValid;
+        case kExpired:
+            return kLocalExpired;
+        case kPrivateKeyExpired:
+            return kLocalPrivateKeyExpired;
+        default:
+            return kLocalAccepted;
+    }
+}
+
 bool LocalSearch::UseBound() {
     const vpnfc::ReadLock lock(CertStorage::Instance());
     const X509Cert* const cert = cm_find_local_cert_by_handle_unlocked_(rule_.boundCert);
     if (cert == nullptr) return false;
     LocalCertLog& record = cm_cert_logs_push_back_(records_, cert, 0);
     record.id_index = 1;
-    switch (cert->PrivKeyCheckValidFromTo()) {
-        case kNotYetValid:
-            record.status = kLocalNotYetValid;
-            break;
-        case kExpired:
-            record.status = kLocalExpired;
-            break;
-        case kPrivateKeyExpired:
-            record.status = kLocalPrivateKeyExpired;
-            break;
-        default:
-            record.status = kLocalAccepted;
-    }
+    record.status = StatusOfValidity(cert->PrivKeyCheckValidFromTo());
     return true;
 }
 
@@ -160,9 +159,9 @@ std::uint32_t LocalSearch::JudgeUnlocked(const X509Cert* cert, LocalCertLog& rec
         record.id_index = rule_.no_map_id_local ? 1 : cert_map_to_lp_cfg_ipsecid_list(nullptr, cert, rule_.id_local);
         if (record.id_index == 0) return kLocalIdMismatch;
     }
-    if (now_ < cert->info.validFrom) return kLocalNotYetValid;
-    if (cert->info.validTo < now_) return kLocalExpired;
-    if (cert->privKeyNotAfter < now_) return kLocalPrivateKeyExpired;
+    if (const std::uint32_t status = StatusOfValidity(cert->PrivKeyCheckValidFromTo(now_)); status != kLocalAccepted) {
+        return status;
+    }
     // No Extended Key Usage means any.
     if (cert->facts().hasExtKeyUsage && !cert->facts().hasIpsecIkeEku && !cm_missing_ike_eku_allowed_()) {
         return kLocalMissingIkeEku;
@@ -217,7 +216,7 @@ void cm_set_status_(const Candidates& candidates, std::uint32_t status) {
 /// candidates' status, when none was chosen. Throws "CommandStreamError" on a short answer.
 LocalCertLog* cm_send_select_cert_notification_(const Candidates& candidates) {
     std::string message = cm_select_cert_question_(candidates);
-    if (!bridge::server::NotifyClientAndWaitResponse(kNotifySelectCertificate, message, kWaitWithoutLimit)) {
+    if (!bridge::server::NotifyClientAndWaitResponse(bridge::kQuestionSelectCertificate, message, kWaitWithoutLimit)) {
         cm_set_status_(candidates, kLocalAskFailed);
         return nullptr;
     }

@@ -234,8 +234,9 @@ PeerCertStatus& PeerSearch::cm_PeerCertPushBack(const X509Cert* cert) {
 Refusal PeerSearch::JudgeByItself(const X509Cert* cert) const {
     if (!HasKeyUsage(cert, kKeyUsageDigitalSignature, ident_)) return {.id = RefusalId::kNoDigitalSignature};
     const CertInfo& info = cert->info;
-    if (info.validFrom > now_) return {.id = RefusalId::kNotYetValid, .time = info.validFrom};
-    if (info.validTo < now_) return {.id = RefusalId::kExpired, .time = info.validTo};
+    const ValidityCheck validity = CheckValidity(info, now_);
+    if (validity == kNotYetValid) return {.id = RefusalId::kNotYetValid, .time = info.validFrom};
+    if (validity == kExpired) return {.id = RefusalId::kExpired, .time = info.validTo};
     return {};
 }
 

@@ -39,7 +39,7 @@ AllowedCerts FindAllowed(const std::list<LPCFG::cert_t>& patterns, cert_time64_t
     for (const X509Cert* cert : store.trustedCerts) {
         const std::uint32_t pattern_index = FirstPattern(cert, patterns);
         if (pattern_index == 0) continue;
-        const bool valid = now >= cert->info.validFrom && cert->info.validTo >= now;
+        const bool valid = CheckValidity(cert->info, now) == kValid;
         (valid ? allowed.selected : allowed.not_valid).push_back({CertRef(cert), pattern_index});
         if (valid) add(format == kPublicKeySha1 ? cert->pubKeyHash : cert->rawSubject, argument);
     }

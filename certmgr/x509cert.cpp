@@ -233,12 +233,9 @@ bool X509Cert::MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const
            (pattern.sha1.empty() || fingerprints().sha1 == pattern.sha1);
 }
 
-ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
-    const cert_time64_t now = CertTimeNow();
-    if (now < info.validFrom) return kNotYetValid;
-    if (info.validTo < now) return kExpired;
-    if (privKeyNotAfter < now) return kPrivateKeyExpired;
-    return kValid;
+ValidityCheck X509Cert::PrivKeyCheckValidFromTo(cert_time64_t moment) const {
+    const ValidityCheck of_certificate = CheckValidity(info, moment);
+    return of_certificate == kValid && privKeyNotAfter < moment ? kPrivateKeyExpired : of_certificate;
 }
 
 SignatureCheck X509Cert::CheckSignature(const X509Cert* issuer, bool* definite_out) const {

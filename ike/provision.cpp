@@ -30,8 +30,6 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = 1U << 20;
 constexpr int kPinDigits = 8;
-/// CKA_CERTIFICATE_CATEGORY.
-enum Category : std::uint32_t { kTokenUser = 1, kAuthority = 2, kOtherEntity = 3 };
 
 /// What a PEM certificate file holds, as a token wants it.
 struct CertFile {
@@ -155,7 +153,7 @@ class TokenWriter {
         cert_time64_t not_after = CERT_TIME_UNKNOWN;
         if (!key_not_after.empty() && !ReadDate(key_not_after, not_after)) return false;
         const std::string id = NextId();
-        const PKCS11::CertObject object{.id = id, .value = cert.der, .category = kTokenUser};
+        const PKCS11::CertObject object{.id = id, .value = cert.der, .category = PKCS11::kTokenUserCategory};
         return (session.CreatePrivKeyObject(cert.info.keyAlg, id, pkcs8.get(), false, not_after) &&
                 session.CreatePubKeyObject(cert.info.keyAlg, id, cert.spki, not_after) &&
                 session.CreateCertObject(object, cert.subject_der)) ||
@@ -176,10 +174,11 @@ class TokenWriter {
     bool WriteCert(PKCS11::TokenSession& session, const std::string& path, bool trusted) {
         CertFile cert;
         if (!ReadCert(path, cert)) return false;
-        const PKCS11::CertObject object{.id = NextId(),
-                                        .value = cert.der,
-                                        .category = cert.info.isCA ? kAuthority : kOtherEntity,
-                                        .trusted = trusted};
+        const PKCS11::CertObject object{
+            .id = NextId(),
+            .value = cert.der,
+            .category = cert.info.isCA ? PKCS11::kAuthorityCategory : PKCS11::kOtherEntityCategory,
+            .trusted = trusted};
         return session.CreateCertObject(object, cert.subject_der) || Complain("the token does not take " + path);
     }
 

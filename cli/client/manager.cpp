@@ -1,5 +1,6 @@
 #include "cli/client/manager.h"
 
+#include "certmgr/cert_commands.h"
 #include "certmgr/records_sync.h"
 
 namespace certmgr_client {
@@ -8,27 +9,6 @@ namespace {
 using bridge::kGroupCertificates;
 using bridge::kGroupTokens;
 using vpnfc::SecretString;
-
-/// Commands of the certificate group.
-enum Command : std::uint32_t {
-    kEnumCertificates = 0,
-    kDeleteCertificate = 1,
-    kOpenFile = 2,
-    kImportCertificate = 3,
-    kImportCrl = 4,
-    kExportCertificate = 5,
-    kRequestMechanisms = 6,
-    kMakeRequest = 7,
-    kEnumPresharedKeys = 8,
-    kCreatePresharedKey = 9,
-    kDeletePresharedKey = 10,
-    kEnumCrls = 11,
-    kDeleteCrl = 12,
-    kBuildChain = 13,
-    kDetails = 14,
-    kVerify = 15,
-    kReload = 16,
-};
 
 constexpr auto kNoInput = [](CommandStreamOut& /*out*/) {};
 
@@ -96,33 +76,35 @@ bool Manager::Send(std::uint32_t group, std::uint32_t command, Write write) {
 
 std::optional<std::vector<ListedCert>> Manager::ListCertificates(CertSelector selector) {
     return Call<std::vector<ListedCert>>(
-        kGroupCertificates, kEnumCertificates,
+        kGroupCertificates, CM::kCommandEnumCertificates,
         [&](CommandStreamOut& out) { out.fields(static_cast<std::uint32_t>(selector)); },
         [](CommandStreamIn& in, std::vector<ListedCert>& listed) { sync_list(in, listed, sync_listed); });
 }
 
 std::optional<Details> Manager::CertificateDetails(const TokenInfo& token, const CertInfo& info) {
-    return Call<Details>(kGroupCertificates, kDetails, NameOf(token, info), [](CommandStreamIn& in, Details& details) {
-        details.found = !in.at_end();
-        if (!details.found) return;
-        sync(in, details.info);
-        sync(in, details.ext);
-        in.fields(details.public_key);
-    });
+    return Call<Details>(kGroupCertificates, CM::kCommandDetails, NameOf(token, info),
+                         [](CommandStreamIn& in, Details& details) {
+                             details.found = !in.at_end();
+                             if (!details.found) return;
+                             sync(in, details.info);
+                             sync(in, details.ext);
+                             in.fields(details.public_key);
+                         });
 }
 
 std::optional<Chain> Manager::BuildChain(const TokenInfo& token, const CertInfo& info) {
-    return Call<Chain>(kGroupCertificates, kBuildChain, NameOf(token, info), [](CommandStreamIn& in, Chain& chain) {
-        chain.found = !in.at_end();
-        if (!chain.found) return;
-        in.fields(chain.result);
-        sync_list(in, chain.members, sync_listed);
-    });
+    return Call<Chain>(kGroupCertificates, CM::kCommandBuildChain, NameOf(token, info),
+                       [](CommandStreamIn& in, Chain& chain) {
+                           chain.found = !in.at_end();
+                           if (!chain.found) return;
+                           in.fields(chain.result);
+                           sync_list(in, chain.members, sync_listed);
+                       });
 }
 
 std::optional<Verdict> Manager::VerifyCertificate(const TokenInfo& token, const CertInfo& info, std::uint32_t mode) {
     return Call<Verdict>(
-        kGroupCertificates, kVerify,
+        kGroupCertificates, CM::kCommandVerify,
         [&](CommandStreamOut& out) {
             NameOf(token, info)(out);
             out.fields(mode);
@@ -131,13 +113,13 @@ std::optional<Verdict> Manager::VerifyCertificate(const TokenInfo& token, const 
 }
 
 bool Manager::DeleteCertificate(const TokenInfo& token, const CertInfo& info) {
-    return Send(kGroupCertificates, kDeleteCertificate, NameOf(token, info));
+    return Send(kGroupCertificates, CM::kCommandDeleteCertificate, NameOf(token, info));
 }
 
 std::optional<Produced> Manager::ExportCertificate(const TokenInfo& token, const CertInfo& info,
                                                    const ExportOptions& options) {
     return Call<Produced>(
-        kGroupCertificates, kExportCertificate,
+        kGroupCertificates, CM::kCommandExportCertificate,
         [&](CommandStreamOut& out) {
             NameOf(token, info)(out);
             out.fields(options.format, TextOf(options.password), options.with_chain, options.with_private_key);
@@ -150,7 +132,7 @@ std::optional<Produced> Manager::ExportCertificate(const TokenInfo& token, const
 
 std::optional<FileContent> Manager::OpenFile(std::string_view content, const SecretString& password) {
     return Call<FileContent>(
-        kGroupCertificates, kOpenFile, [&](CommandStreamOut& out) { out.fields(content, password.get()); },
+        kGroupCertificates, CM::kCommandOpenFile, [&](CommandStreamOut& out) { out.fields(content, password.get()); },
         [](CommandStreamIn& in, FileContent& file) {
             in.fields(file.status);
             if (file.status != 0) return;
@@ -164,7 +146,7 @@ std::optional<FileContent> Manager::OpenFile(std::string_view content, const Sec
 std::optional<std::uint32_t> Manager::ImportCertificate(const TokenInfo& token, std::uint32_t index,
                                                         const ImportOptions& options) {
     return Call<std::uint32_t>(
-        kGroupCertificates, kImportCertificate,
+        kGroupCertificates, CM::kCommandImportCertificate,
         [&](CommandStreamOut& out) {
             sync(out, token);
             out.fields(index, options.mode, options.exportable);
@@ -175,7 +157,7 @@ std::optional<std::uint32_t> Manager::ImportCertificate(const TokenInfo& token, 
 
 std::optional<std::uint32_t> Manager::ImportCrl(const TokenInfo& token, std::uint32_t index) {
     return Call<std::uint32_t>(
-        kGroupCertificates, kImportCrl,
+        kGroupCertificates, CM::kCommandImportCrl,
         [&](CommandStreamOut& out) {
             sync(out, token);
             out.fields(index);
@@ -187,13 +169,13 @@ std::optional<std::uint32_t> Manager::ImportCrl(const TokenInfo& token, std::uin
 
 std::optional<std::vector<CertRequestKeyInfo>> Manager::RequestMechanisms(const TokenInfo& token) {
     return Call<std::vector<CertRequestKeyInfo>>(
-        kGroupCertificates, kRequestMechanisms, [&](CommandStreamOut& out) { sync(out, token); },
+        kGroupCertificates, CM::kCommandRequestMechanisms, [&](CommandStreamOut& out) { sync(out, token); },
         [](CommandStreamIn& in, std::vector<CertRequestKeyInfo>& kinds) { sync_list(in, kinds, sync_record); });
 }
 
 std::optional<Produced> Manager::MakeRequest(const TokenInfo& token, const CertRequestInfo& info) {
     return Call<Produced>(
-        kGroupCertificates, kMakeRequest, NameOf(token, info),
+        kGroupCertificates, CM::kCommandMakeRequest, NameOf(token, info),
         [](CommandStreamIn& in, Produced& produced) { in.fields(produced.result, produced.bytes.edit()); },
         info.randomSeed.size());
 }
@@ -201,7 +183,7 @@ std::optional<Produced> Manager::MakeRequest(const TokenInfo& token, const CertR
 // --- Preshared keys ---
 
 std::optional<std::vector<ListedKey>> Manager::ListPresharedKeys() {
-    return Call<std::vector<ListedKey>>(kGroupCertificates, kEnumPresharedKeys, kNoInput,
+    return Call<std::vector<ListedKey>>(kGroupCertificates, CM::kCommandEnumPresharedKeys, kNoInput,
                                         [](CommandStreamIn& in, std::vector<ListedKey>& keys) {
                                             sync_list(in, keys, [](CommandStreamIn& stream, ListedKey& key) {
                                                 sync(stream, key.token);
@@ -213,7 +195,7 @@ std::optional<std::vector<ListedKey>> Manager::ListPresharedKeys() {
 std::optional<bool> Manager::CreatePresharedKey(const TokenInfo& token, const std::string& name,
                                                 const SecretString& value) {
     return Call<bool>(
-        kGroupCertificates, kCreatePresharedKey,
+        kGroupCertificates, CM::kCommandCreatePresharedKey,
         [&](CommandStreamOut& out) {
             sync(out, token);
             out.fields(name, value.get());
@@ -222,7 +204,7 @@ std::optional<bool> Manager::CreatePresharedKey(const TokenInfo& token, const st
 }
 
 bool Manager::DeletePresharedKey(const TokenInfo& token, const std::string& name) {
-    return Send(kGroupCertificates, kDeletePresharedKey, [&](CommandStreamOut& out) {
+    return Send(kGroupCertificates, CM::kCommandDeletePresharedKey, [&](CommandStreamOut& out) {
         sync(out, token);
         out.fields(name);
     });
@@ -231,7 +213,7 @@ bool Manager::DeletePresharedKey(const TokenInfo& token, const std::string& name
 // --- CRLs ---
 
 std::optional<std::vector<ListedCrl>> Manager::ListCrls() {
-    return Call<std::vector<ListedCrl>>(kGroupCertificates, kEnumCrls, kNoInput,
+    return Call<std::vector<ListedCrl>>(kGroupCertificates, CM::kCommandEnumCrls, kNoInput,
                                         [](CommandStreamIn& in, std::vector<ListedCrl>& crls) {
                                             sync_list(in, crls, sync_listed);
                                             while (!in.at_end()) {
@@ -242,11 +224,11 @@ std::optional<std::vector<ListedCrl>> Manager::ListCrls() {
 }
 
 bool Manager::DeleteCrl(const TokenInfo& token, const CRLInfo& info) {
-    return Send(kGroupCertificates, kDeleteCrl, NameOf(token, info));
+    return Send(kGroupCertificates, CM::kCommandDeleteCrl, NameOf(token, info));
 }
 
 bool Manager::Reload() {
-    return Send(kGroupCertificates, kReload, kNoInput);
+    return Send(kGroupCertificates, CM::kCommandReload, kNoInput);
 }
 
 // --- Tokens ---

@@ -51,8 +51,14 @@ enum SignatureCheck : int {
     kSignatureNoSession = 4,
 };
 
-/// Results of X509Cert::PrivKeyCheckValidFromTo.
+/// Results of CheckValidity and X509Cert::PrivKeyCheckValidFromTo.
 enum ValidityCheck : int { kValid = 0, kNotYetValid = 1, kExpired = 2, kPrivateKeyExpired = 3 };
+
+/// Validity of a certificate at a moment, its first and last second included (RFC 5280, 4.1.2.5).
+inline ValidityCheck CheckValidity(const CertInfo& info, cert_time64_t moment) {
+    if (moment < info.validFrom) return kNotYetValid;
+    return info.validTo < moment ? kExpired : kValid;
+}
 
 /// A certificate, or a key pair without one, from a token, a file or a peer's payload.
 ///
@@ -78,8 +84,8 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     CertImportStatus CanBeUsed() const;
     /// All set fields of the pattern must match. `alg` restricts the key algorithm when the pattern names none.
     bool MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const;
-    /// Validity of the certificate and of its private key now.
-    ValidityCheck PrivKeyCheckValidFromTo() const;
+    /// Validity of the certificate and of its private key at a moment.
+    ValidityCheck PrivKeyCheckValidFromTo(cert_time64_t moment = CertTimeNow()) const;
     /// Verifies this certificate's signature with the issuer's key on a token. Wrong also when the algorithm that is
     /// signed is not the one that is named beside the signature (RFC 5280, 4.1.1.2 and 5.1.1.2 for a CRL). `definite` (may
     /// be null): whether the answer would be the same the next time; that of a token in trouble need not be.

@@ -67,6 +67,11 @@ PLATFORM_API std::string CertTimeToString(cert_time64_t t);
 /// Lower-case hexadecimal. Format 0 (the plain format): no separators. Any other format character is put between
 /// the bytes (32 gives "0a 1b 2c").
 PLATFORM_API std::string TO_HEX_STD_STRING(std::string_view bytes, char format = 0);
+/// Appends upper-case hexadecimal without separators.
+PLATFORM_API void asn_bytes_to_upper_hex(std::string_view bytes, std::string& appended);
+/// The text of a serial number, as records and rules hold it: a minus sign before a negative one, upper-case hexadecimal of
+/// the magnitude ("00" when empty), broken after each 35 bytes by a backslash and a line feed.
+PLATFORM_API std::string asn_serial_to_text(bool negative, std::string_view magnitude);
 /// Reads what TO_HEX_STD_STRING writes, either case, blanks and colons between bytes allowed. False on anything else
 /// (`bytes` unchanged).
 PLATFORM_API bool FROM_HEX_STD_STRING(std::string_view text, std::string& bytes);

@@ -54,12 +54,14 @@ struct ProviderInfo {
 struct CertObject {
     std::string id;  // CKA_ID
     std::string value;  // DER; empty for a key pair without certificate
-    std::uint32_t category = 0;  // CKA_CERTIFICATE_CATEGORY (1 token user, 2 authority, 3 other), or kKeyPairCategory
+    std::uint32_t category = 0;  // CertCategory (0: not specified), or kKeyPairCategory
     bool trusted = false;  // CKA_TRUSTED
     pki_alg_t keyAlg = 0;  // of the key with that CKA_ID; 0: there is none, or no CKA_ID
     /// CKA_END_DATE of the private key, else of its public key; end of that day.
     cert_time64_t keyNotAfter = CERT_TIME_UNKNOWN;
 };
+/// CKA_CERTIFICATE_CATEGORY.
+enum CertCategory : std::uint32_t { kTokenUserCategory = 1, kAuthorityCategory = 2, kOtherEntityCategory = 3 };
 /// Category of a key pair whose CKA_ID no certificate carries.
 inline constexpr std::uint32_t kKeyPairCategory = 333;
 
@@ -120,6 +122,17 @@ class PLATFORM_API Manager {
   private:
     constexpr Manager() = default;
 };
+
+/// The token with that identifier as it is listed now; of one that is not there only the identifier is set.
+inline TokenInfo FindToken(std::uint64_t id) {
+    const auto tokens = Manager::Instance().EnumTokensShared();
+    for (const TokenInfo& token : *tokens) {
+        if (token.id == id) return token;
+    }
+    TokenInfo absent;
+    absent.id = id;
+    return absent;
+}
 
 /// A session on a token. Used by one thread at a time. Opening is checked with opened(); every other operation on
 /// a session that is not open fails. Sessions are pooled behind this object, so opening one is cheap.

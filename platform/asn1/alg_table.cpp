@@ -172,6 +172,13 @@ const AlgRow* FindHashAlg(pki_alg_t alg) noexcept {
     return FindCode(alg & PKI_HASH_MASK);
 }
 
+const AlgRow* FindHashOfKey(pki_alg_t key_alg) noexcept {
+    const auto* const found = std::find_if(kTable.begin(), kTable.end(), [key_alg](const AlgRow& row) {
+        return row.hash.key != 0 && row.hash.key == key_alg;
+    });
+    return found == kTable.end() ? nullptr : &*found;
+}
+
 const AlgRow* FindAlgByOid(std::string_view oid, AlgUse use) noexcept {
     const auto* found = std::lower_bound(kByOid.begin(), kByOid.end(), oid, [](unsigned char row, std::string_view o) {
         return std::string_view(kTable[row].oid) < o;

@@ -62,6 +62,8 @@ const AlgRow* FindAlg(pki_alg_t alg) noexcept;
 /// The row of the key part, or of the hash part, of `alg`; null when it has none.
 const AlgRow* FindKeyAlg(pki_alg_t alg) noexcept;
 const AlgRow* FindHashAlg(pki_alg_t alg) noexcept;
+/// The hash that keys of this code go with (GOST); null for other keys.
+const AlgRow* FindHashOfKey(pki_alg_t key_alg) noexcept;
 /// The row with this identifier that has this use, or null.
 const AlgRow* FindAlgByOid(std::string_view oid, AlgUse use) noexcept;
 

@@ -121,6 +121,17 @@ inline bool ReadWhole(std::string_view der, unsigned char tag, DerReader& inside
     return outer.Enter(tag, inside) && outer.AtEnd();
 }
 
+/// A number's magnitude in its shortest form; empty for 0.
+inline std::string_view WithoutLeadingZeros(std::string_view number) {
+    const std::size_t first = number.find_first_not_of('\0');
+    return number.substr(first == std::string_view::npos ? number.size() : first);
+}
+
+/// Appends a number of at most `width` bytes with zeros before it.
+inline void AppendPadded(std::string& out, std::size_t width, std::string_view number) {
+    out.append(width - number.size(), '\0').append(number);
+}
+
 inline void AppendHeader(std::string& out, unsigned char tag, std::size_t length) {
     out.push_back(static_cast<char>(tag));
     if (length < 0x80) {

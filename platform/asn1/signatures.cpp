@@ -9,19 +9,11 @@
 namespace {
 
 using asn1::DerReader;
+using asn1::WithoutLeadingZeros;
 
 /// Longest r or s that is read: twice the largest group order in use.
 constexpr std::size_t kMaxSignatureInteger = 132;
 constexpr unsigned kEd25519KeyBytes = 32;
-
-std::string_view WithoutLeadingZeros(std::string_view number) {
-    return number.substr(std::min(number.find_first_not_of('\0'), number.size()));
-}
-
-std::string PaddedTo(std::size_t width, std::string_view number) {
-    std::string padded(width - number.size(), '\0');
-    return padded.append(number);
-}
 
 /// Bits of a number without a sign, 0 of nothing.
 unsigned UnsignedBits(std::string_view number) {
@@ -141,8 +133,10 @@ bool asn_read_dsa_certsign(std::string_view signature_der, std::string& r, std::
             break;
         }
     }
-    r = PaddedTo(width, r_number);
-    s = PaddedTo(width, s_number);
+    r.clear();
+    s.clear();
+    asn1::AppendPadded(r, width, r_number);
+    asn1::AppendPadded(s, width, s_number);
     return true;
 }
 

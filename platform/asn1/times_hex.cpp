@@ -94,6 +94,30 @@ std::string TO_HEX_STD_STRING(std::string_view bytes, char format) {
     return text;
 }
 
+void asn_bytes_to_upper_hex(std::string_view bytes, std::string& appended) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    for (const unsigned char byte : bytes) {
+        appended += kDigits[byte >> 4];
+        appended += kDigits[byte & 0xF];
+    }
+}
+
+// CRLs have a million numbers: no stream.
+std::string asn_serial_to_text(bool negative, std::string_view magnitude) {
+    constexpr std::size_t kBytesInLine = 35;
+    std::string text;
+    text.reserve(2 * magnitude.size() + 2);
+    if (negative) text += '-';
+    if (magnitude.empty()) text += "00";
+    while (magnitude.size() > kBytesInLine) {
+        asn_bytes_to_upper_hex(magnitude.substr(0, kBytesInLine), text);
+        text += "\\\n";
+        magnitude.remove_prefix(kBytesInLine);
+    }
+    asn_bytes_to_upper_hex(magnitude, text);
+    return text;
+}
+
 bool FROM_HEX_STD_STRING(std::string_view text, std::string& bytes) {
     const auto is_separator = [](char c) { return c == ' ' || c == ':'; };
     std::string result;

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "platform/asn1.h"
+#include "platform/asn1/der.h"
 
 namespace LPCFG {
 
@@ -21,9 +22,6 @@ using settings::Value;
 
 constexpr std::size_t kMd5Bytes = 16;
 constexpr std::size_t kSha1Bytes = 20;
-// libcrypto breaks the text of longer serial numbers with a backslash and a line feed, and patterns are compared with
-// that text.
-constexpr std::size_t kSerialBytesPerLine = 35;
 
 // --- Names, numbers, algorithms ---
 
@@ -58,13 +56,6 @@ void ReadFingerprint(const Value& value, std::size_t length, std::string& out) {
     out = TO_HEX_STD_STRING(bytes);
 }
 
-std::string UpperHex(std::string_view bytes) {
-    std::string text = TO_HEX_STD_STRING(bytes);
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](char c) { return c >= 'a' ? static_cast<char>(c - 32) : c; });
-    return text;
-}
-
 // Any usual notation: "0x", colons, an odd number of digits, leading zeros, a minus sign.
 void ReadSerial(const Value& value, std::string& out) {
     std::string text;
@@ -76,12 +67,7 @@ void ReadSerial(const Value& value, std::string& out) {
     if (padded.find_first_of(": ") == std::string::npos && padded.size() % 2 != 0) padded.insert(0, 1, '0');
     std::string bytes;
     if (!ReadHex(value, padded, bytes)) return;
-    bytes.erase(0, std::min(bytes.find_first_not_of('\0'), bytes.size() - 1));
-    out = negative ? "-" : "";
-    for (std::size_t i = 0; i < bytes.size(); i += kSerialBytesPerLine) {
-        if (i != 0) out += "\\\n";
-        out += UpperHex(std::string_view(bytes).substr(i, kSerialBytesPerLine));
-    }
+    out = asn_serial_to_text(negative, asn1::WithoutLeadingZeros(bytes));
 }
 
 constexpr std::array<pki_alg_t, 8> kCertificateKeys = {PKI_KEY_RSA,          PKI_KEY_DSA,      PKI_KEY_EC,

@@ -30,11 +30,26 @@ inline constexpr CK_RV kRvTooManyBytes = CKR_VENDOR_DEFINED | 0x6E6F0003UL;
 inline constexpr std::size_t kMaxObjects = 200000;
 inline constexpr std::size_t kMaxListingBytes = 256UL << 20;
 
+/// Of an object or a key that was there.
+constexpr bool IsLostObject(CK_RV rv) {
+    return rv == CKR_OBJECT_HANDLE_INVALID || rv == CKR_KEY_HANDLE_INVALID;
+}
+
+/// Whether the user is logged in.
+constexpr bool IsUserState(CK_STATE state) {
+    return state == CKS_RW_USER_FUNCTIONS || state == CKS_RO_USER_FUNCTIONS;
+}
+
+/// The text of a field that is padded with blanks; one that ends with a zero byte, as some modules write it, too.
+template <std::size_t Size>
+std::string Padded(const unsigned char (&field)[Size]) {
+    const std::string_view whole(reinterpret_cast<const char*>(field), Size);
+    const std::string_view text = whole.substr(0, whole.find('\0'));
+    return std::string(text.substr(0, text.find_last_not_of(' ') + 1));
+}
+
 /// "CKR_DEVICE_ERROR"; "CKR_0x80000001" for a value without a name. The text lives as long as the thread.
 const char* RvName(CK_RV rv);
-/// The reverse; kRvUnknownName for a name that is not in the table.
-CK_RV RvFromName(std::string_view name);
-inline constexpr CK_RV kRvUnknownName = ~0UL;
 
 class Api {
   public:

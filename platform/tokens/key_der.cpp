@@ -14,10 +14,6 @@ CK_KEY_TYPE KeyTypeOf(pki_alg_t alg) {
     return row == nullptr ? CK_UNAVAILABLE_INFORMATION : row->key.keyType;
 }
 
-std::string_view WithoutLeadingZeros(std::string_view number) {
-    return number.substr(std::min(number.find_first_not_of('\0'), number.size()));
-}
-
 /// Magnitude of a positive INTEGER of at most `max_bytes`.
 bool ReadPositive(DerReader& reader, std::size_t max_bytes, std::string_view& magnitude) {
     DerReader ahead = reader;
@@ -29,12 +25,12 @@ bool ReadPositive(DerReader& reader, std::size_t max_bytes, std::string_view& ma
 bool ReadUnsigned(DerReader& reader, std::size_t max_bytes, std::string_view& magnitude) {
     std::string_view content;
     if (!reader.Read(kTagInteger, content)) return false;
-    magnitude = WithoutLeadingZeros(content);
+    magnitude = asn1::WithoutLeadingZeros(content);
     return !magnitude.empty() && magnitude.size() <= max_bytes;
 }
 
 void AppendUnsigned(std::string& der, std::string_view number) {
-    const std::string_view magnitude = WithoutLeadingZeros(number);
+    const std::string_view magnitude = asn1::WithoutLeadingZeros(number);
     const bool pad = magnitude.empty() || (magnitude[0] & 0x80) != 0;
     asn1::AppendHeader(der, kTagInteger, magnitude.size() + (pad ? 1 : 0));
     if (pad) der.push_back('\0');
@@ -98,7 +94,7 @@ bool ReadGostParameters(DerReader parameters, pki_alg_t alg, std::vector<std::st
         return false;
     }
     if (digest.empty() && alg != PKI_KEY_GOST2001) {
-        digest = asn1::FindHashAlg(alg == PKI_KEY_GOST2012_512 ? PKI_HASH_GOST2012_512 : PKI_HASH_GOST2012_256)->oid;
+        digest = asn1::FindHashOfKey(alg)->oid;
     }
     components = {Tlv(kTagOid, key_set), Tlv(kTagOid, digest)};
     return !digest.empty();

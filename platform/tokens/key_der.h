@@ -23,7 +23,6 @@ bool ReadKeyAlgorithm(asn1::DerReader& reader, KeyAlgorithm& algorithm);
 /// AlgorithmIdentifier around whole parameters.
 std::string KeyAlgorithmDer(pki_alg_t alg, std::string_view parameters);
 
-std::string_view WithoutLeadingZeros(std::string_view number);
 /// Magnitude of a positive INTEGER of at most `max_bytes`.
 bool ReadPositive(asn1::DerReader& reader, std::size_t max_bytes, std::string_view& magnitude);
 /// The same of a number that is taken as unsigned, with or without its sign byte.

@@ -44,14 +44,9 @@ bool Manager::GetKeyPairGenMechanisms(const TokenInfo& token, std::vector<KeyPai
 void Manager::ReloadTokensContent(int wait_mode) {
     Registry& registry = Registry::Instance();
     for (const TokenPtr& token : registry.Table()->tokens()) token->ForgetContent();
-    const auto deadline = std::chrono::steady_clock::now() + kReloadWait;
-    const std::vector<tokens::ModuleMonitorPtr> monitors = registry.Monitors();
+    std::vector<tokens::ModuleMonitorPtr> monitors = registry.Monitors();
     for (const tokens::ModuleMonitorPtr& monitor : monitors) monitor->LookAgain();
-    if (wait_mode == 0) return;
-    for (const tokens::ModuleMonitorPtr& monitor : monitors) {
-        const auto left = deadline - std::chrono::steady_clock::now();
-        monitor->WaitForLook(std::chrono::duration_cast<std::chrono::milliseconds>(left));
-    }
+    if (wait_mode != 0) Registry::AwaitLooks(monitors, kReloadWait);
 }
 
 }  // namespace PKCS11

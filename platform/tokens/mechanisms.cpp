@@ -14,15 +14,6 @@ constexpr CK_ULONG kMinCurveBits = 256;
 constexpr CK_ULONG kMaxCurveBits = 521;
 constexpr CK_ULONG kEd25519Bits = 256;
 
-/// The hash that a GOST key of this code goes with; null for other keys.
-const asn1::AlgRow* HashOfGostKey(pki_alg_t key_alg) {
-    const auto table = asn1::AlgTable();
-    const auto found = std::find_if(table.begin(), table.end(), [key_alg](const asn1::AlgRow& row) {
-        return row.hash.key != 0 && row.hash.key == key_alg;
-    });
-    return found == table.end() ? nullptr : &*found;
-}
-
 PKCS11::KeyPairGenMechanism Sizes(pki_alg_t alg, const CK_MECHANISM_INFO& info) {
     CK_ULONG least = info.ulMinKeySize;
     CK_ULONG most = info.ulMaxKeySize;
@@ -110,7 +101,7 @@ void MechanismList::KeyPairGeneration(std::vector<PKCS11::KeyPairGenMechanism>& 
         if ((entry.info.flags & CKF_GENERATE_KEY_PAIR) == 0) continue;
         for (const asn1::AlgRow& row : asn1::AlgTable()) {
             if (row.key.generate != entry.type) continue;
-            const asn1::AlgRow* const hash = HashOfGostKey(row.code);
+            const asn1::AlgRow* const hash = asn1::FindHashOfKey(row.code);
             if (hash == nullptr || Offers(hash->code)) mechanisms.push_back(Sizes(row.code, entry.info));
         }
     }

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "platform/bridge.h"
-#include "platform/tokens/login.h"
 #include "platform/tokens/registry.h"
 
 namespace tokens {
@@ -24,43 +22,11 @@ constexpr milliseconds kStopGrace{2000};
 
 thread_local bool t_on_monitor = false;
 
-bool Contains(const std::vector<TokenPtr>& tokens, const TokenPtr& token) {
-    return std::find(tokens.begin(), tokens.end(), token) != tokens.end();
-}
-
-std::vector<TokenPtr> Without(std::vector<TokenPtr> tokens, const std::vector<TokenPtr>& others) {
-    std::erase_if(tokens, [&](const TokenPtr& token) { return Contains(others, token); });
-    return tokens;
-}
-
-/// The callbacks go before: what they queue is on its way when clients ask.
-void TellClients() {
-    bridge::server::NotifyClients(bridge::kNotifyTokensChanged, {});
-}
-
-/// What a callback throws, or a shortage of memory, ends `work`, not the process.
-template <typename Work>
-void Guarded(const Provider& provider, const Work& work) noexcept {
-    try {
-        work();
-    } catch (const std::exception& error) {
-        Log(kMsgTokenError, provider.name + ": " + error.what());
-    } catch (...) {
-        Log(kMsgTokenError, provider.name + ": a callback failed");
-    }
-}
-
 struct LoadOutcome {
     std::shared_ptr<const Module> module{};
     PKCS11::ProviderInfo info{};
     std::string error{};
 };
-
-std::string Text(const unsigned char* field, std::size_t size) {
-    std::string text(reinterpret_cast<const char*>(field), size);
-    text.erase(text.find_last_not_of(std::string_view(" \0", 2)) + 1);
-    return text;
-}
 
 LoadOutcome Load(const Provider& provider) {
     LoadOutcome outcome;
@@ -69,8 +35,8 @@ LoadOutcome Load(const Provider& provider) {
     outcome.info.available = outcome.module != nullptr;
     CK_INFO info{};
     if (outcome.module != nullptr && outcome.module->api().GetInfo(info).ok()) {
-        outcome.info.description = Text(info.libraryDescription, sizeof info.libraryDescription);
-        outcome.info.manufacturer = Text(info.manufacturerID, sizeof info.manufacturerID);
+        outcome.info.description = Padded(info.libraryDescription);
+        outcome.info.manufacturer = Padded(info.manufacturerID);
     }
     return outcome;
 }
@@ -175,6 +141,16 @@ void ModuleMonitor::Join() {
     thread_.get_id() == std::this_thread::get_id() ? thread_.detach() : thread_.join();
 }
 
+void ModuleMonitor::Guarded(const std::function<void()>& work) const noexcept {
+    try {
+        work();
+    } catch (const std::exception& error) {
+        Log(kMsgTokenError, provider_.name + ": " + error.what());
+    } catch (...) {
+        Log(kMsgTokenError, provider_.name + ": a callback failed");
+    }
+}
+
 void ModuleMonitor::Main() {
     t_on_monitor = true;
     for (;;) {
@@ -184,7 +160,7 @@ void ModuleMonitor::Main() {
             if (stopping_) break;
             wanted = looks_wanted_;
         }
-        Guarded(provider_, [this] {
+        Guarded([this] {
             TakeConfiguration();
             if (!loaded_) LoadModule();
             if (loaded_) Look();
@@ -194,9 +170,9 @@ void ModuleMonitor::Main() {
             looks_done_ = wanted;
             looked_.notify_all();
         }
-        Guarded(provider_, [this] { Sleep(); });
+        Guarded([this] { Sleep(); });
     }
-    Guarded(provider_, [this] { ShutDown(); });
+    Guarded([this] { ShutDown(); });
 }
 
 /// Until the next look is due or wanted. Logins are reported meanwhile.
@@ -250,7 +226,7 @@ void ModuleMonitor::LoadModule() {
     if (outcome->error == load_error_) return;
     load_error_ = outcome->error;
     Log(kMsgProviderFailed, provider_.name + ": " + load_error_);
-    Guarded(provider_, [this] { PKCS11::Callbacks.providerInserted(Info(), 0); });
+    Guarded([this] { PKCS11::Callbacks.providerInserted(Info(), 0); });
 }
 
 /// A module that does not answer is tried now and then. One whose calls return late after all is looked at when they do;
@@ -290,157 +266,6 @@ void ModuleMonitor::NoAnswer() {
     Registry::Instance().Publish();
     TellRemoved({});
     for (const TokenPtr& token : tokens_) Registry::Instance().Release(token);
-}
-
-void ModuleMonitor::LogTroubles(const ScanOutcome& outcome) {
-    constexpr CK_SLOT_ID kAllSlots = ~0UL;
-    std::map<CK_SLOT_ID, CK_RV> troubles;
-    const auto note = [&](CK_SLOT_ID slot, const Result& result) {
-        troubles[slot] = result.rv;
-        const auto known = troubles_.find(slot);
-        if (known != troubles_.end() && known->second == result.rv) return;
-        const std::string where = slot == kAllSlots ? "" : "slot " + std::to_string(slot) + ": ";
-        Log(kMsgTokenError, provider_.name + ": " + where + result.function + " failed: " + RvName(result.rv));
-    };
-    if (!outcome.result.ok()) note(kAllSlots, outcome.result);
-    if (outcome.slots_left_out != std::exchange(slots_left_out_, outcome.slots_left_out) && slots_left_out_) {
-        Log(kMsgTokenError, provider_.name + ": has more than " + std::to_string(kMaxSlots) +
-                                " slots with a token; the others are left out");
-    }
-    for (const SlotTrouble& trouble : outcome.troubles) note(trouble.slot, trouble.result);
-    troubles_ = std::move(troubles);
-}
-
-void ModuleMonitor::TakeScan(const ScanOutcome& outcome) {
-    LogTroubles(outcome);
-    std::vector<TokenPtr> present;
-    bool changed = false;
-    for (const SeenToken& seen : outcome.tokens) {
-        if (seen.is_new) {
-            seen.token->SetLoginState(seen.login_state);
-        } else {
-            changed |= seen.token->Update(seen.info);
-            if (seen.token->ObserveLoginState(seen.login_state, seen.login_changes)) ReportLogin(seen.token, false);
-        }
-        present.push_back(seen.token);
-    }
-    stuck_told_ = false;
-    if (!std::exchange(answers_, true)) Log(kMsgProviderReady, provider_.name + " answers again");
-    Depart(present);
-    Arrive(present, changed);
-}
-
-/// Tells which tokens stand in the slots no more. Only then can others with their identifiers come.
-void ModuleMonitor::Depart(const std::vector<TokenPtr>& present) {
-    std::vector<TokenPtr> gone = Without(tokens_, present);
-    if (gone.empty()) return;
-    for (const TokenPtr& token : gone) token->MarkRemoved();
-    tokens_ = Without(tokens_, gone);
-    left_out_ = Without(left_out_, gone);
-    std::vector<TokenPtr> left;
-    {
-        const std::lock_guard lock(mutex_);
-        shown_ = Without(shown_, gone);
-        left = shown_;
-    }
-    Registry::Instance().Publish();
-    TellRemoved(left);
-    for (const TokenPtr& token : gone) Registry::Instance().Release(token);
-}
-
-/// Shows what stands in the slots now, and tells what is new.
-void ModuleMonitor::Arrive(const std::vector<TokenPtr>& present, bool changed) {
-    tokens_ = present;
-    const std::vector<TokenPtr> claimed = ClaimAll(present);
-    {
-        const std::lock_guard lock(mutex_);
-        changed |= shown_ != claimed || !logins_.empty();
-        shown_ = claimed;
-    }
-    if (changed) Registry::Instance().Publish();
-    if (LoginFromPinFiles()) Registry::Instance().Publish();
-    TellInserted();
-}
-
-std::vector<TokenPtr> ModuleMonitor::ClaimAll(const std::vector<TokenPtr>& tokens) {
-    std::vector<TokenPtr> claimed;
-    for (const TokenPtr& token : tokens) {
-        if (Registry::Instance().Claim(token)) {
-            claimed.push_back(token);
-        } else if (!Contains(left_out_, token)) {
-            left_out_.push_back(token);
-            Log(kMsgTokenError,
-                Describe(token->Info()) + " in slot " + std::to_string(token->slot()) +
-                    " is left out: another token has the same manufacturer, model, serial number and label");
-        }
-    }
-    left_out_ = Without(left_out_, claimed);
-    return claimed;
-}
-
-void ModuleMonitor::TellRemoved(const std::vector<TokenPtr>& still_shown) {
-    for (const TokenPtr& token : logged_) {
-        if (token->removed()) Log(kMsgTokenRemoved, Describe(token->Info()));
-    }
-    std::erase_if(logged_, [](const TokenPtr& token) { return token->removed(); });
-    const std::vector<TokenPtr> gone = Without(std::exchange(reported_, still_shown), still_shown);
-    for (const TokenPtr& token : gone) {
-        Guarded(provider_, [&] { PKCS11::Callbacks.tokenRemoved(token->Info()); });
-    }
-    if (!gone.empty()) TellClients();
-}
-
-void ModuleMonitor::TellInserted() {
-    std::vector<TokenPtr> shown;
-    {
-        const std::lock_guard lock(mutex_);
-        shown = shown_;
-    }
-    for (const TokenPtr& token : Without(shown, logged_)) {
-        Log(kMsgTokenInserted, Describe(token->Info()));
-        logged_.push_back(token);
-    }
-    const std::vector<TokenPtr> came = Without(shown, std::exchange(reported_, shown));
-    for (const TokenPtr& token : came) {
-        if (announced_) Guarded(provider_, [&] { PKCS11::Callbacks.tokenInserted(token->Info()); });
-    }
-    if (!came.empty()) TellClients();
-    if (std::exchange(announced_, true)) return;
-    Log(kMsgProviderReady, provider_.name + ": " + asn_text_to_printable(Info().description) + ", " +
-                               std::to_string(shown.size()) + (shown.size() == 1 ? " token" : " tokens"));
-    Guarded(provider_, [&] { PKCS11::Callbacks.providerInserted(Info(), shown.size()); });
-}
-
-/// Of tokens whose PIN file is to be used without being asked for. True when a user is logged in now.
-bool ModuleMonitor::LoginFromPinFiles() {
-    Registry& registry = Registry::Instance();
-    bool any = false;
-    for (const TokenPtr& token : Without(tokens_, left_out_)) {
-        if (!token->login_required() || token->login_state() != LoginState::kPublic) continue;
-        vpnfc::SecretString pin;
-        if (!registry.TakeInsertionLogin(*token) || !registry.FindPin(token->Info(), pin)) continue;
-        if (LoginUser(token, pin, FewTries::kRefuse) != PinResult::kDone) continue;
-        ReportLogin(token, false);
-        any = true;
-    }
-    return any;
-}
-
-void ModuleMonitor::DeliverLogins() {
-    std::deque<LoginReport> logins;
-    {
-        const std::lock_guard lock(mutex_);
-        logins.swap(logins_);
-        std::erase_if(logins, [this](const LoginReport& login) { return !Contains(shown_, login.token); });
-    }
-    if (logins.empty()) return;
-    Registry::Instance().Publish();
-    for (const LoginReport& login : logins) {
-        const PKCS11::TokenInfo info = login.token->Info();
-        Log(kMsgTokenLogin, Describe(info) + (info.loggedIn ? ": logged in" : ": logged out"));
-        Guarded(provider_, [&] { PKCS11::Callbacks.tokenLogin(info, login.own); });
-    }
-    TellClients();
 }
 
 void ModuleMonitor::ShutDown() {

@@ -71,15 +71,14 @@ Result GenerateDsaParameters(Session& session, unsigned bits, AttributeTemplate&
 
 /// Parameter sets that new GOST keys get: the ones that certificates commonly carry.
 void AddGostParameters(pki_alg_t alg, AttributeTemplate& public_key) {
-    constexpr std::string_view kCryptoProA("\x06\x07\x2A\x85\x03\x02\x02\x23\x01", 9);  // 1.2.643.2.2.35.1
-    constexpr std::string_view kCryptoProDigest("\x06\x07\x2A\x85\x03\x02\x02\x1E\x01", 9);  // 1.2.643.2.2.30.1
-    constexpr std::string_view kTc26Set512A("\x06\x09\x2A\x85\x03\x07\x01\x02\x01\x02\x01", 11);  // 1.2.643.7.1.2.1.2.1
-    constexpr std::string_view kDigest256("\x06\x08\x2A\x85\x03\x07\x01\x01\x02\x02", 10);  // 1.2.643.7.1.1.2.2
-    constexpr std::string_view kDigest512("\x06\x08\x2A\x85\x03\x07\x01\x01\x02\x03", 10);  // 1.2.643.7.1.1.2.3
-    const bool long_key = alg == PKI_KEY_GOST2012_512;
-    public_key.Bytes(CKA_GOSTR3410_PARAMS, long_key ? kTc26Set512A : kCryptoProA);
-    public_key.Bytes(CKA_GOSTR3411_PARAMS,
-                     long_key ? kDigest512 : (alg == PKI_KEY_GOST2012_256 ? kDigest256 : kCryptoProDigest));
+    static constexpr asn1::OidContent kCryptoProA = asn1::Oid("1.2.643.2.2.35.1");
+    static constexpr asn1::OidContent kCryptoProDigest = asn1::Oid("1.2.643.2.2.30.1");
+    static constexpr asn1::OidContent kTc26Set512A = asn1::Oid("1.2.643.7.1.2.1.2.1");
+    const std::string_view key_set = alg == PKI_KEY_GOST2012_512 ? kTc26Set512A : kCryptoProA;
+    // Of 34.11-94 a set is named, of later hashes the hash itself.
+    const std::string_view digest = alg == PKI_KEY_GOST2001 ? kCryptoProDigest : asn1::FindHashOfKey(alg)->oid;
+    public_key.Bytes(CKA_GOSTR3410_PARAMS, Tlv(asn1::kTagOid, key_set));
+    public_key.Bytes(CKA_GOSTR3411_PARAMS, Tlv(asn1::kTagOid, digest));
 }
 
 /// What the new key is to be. False when there is no such key.

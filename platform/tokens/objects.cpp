@@ -19,10 +19,6 @@ constexpr CK_ULONG kCrlBytes = 65536;
 constexpr CK_ULONG kLabelBytes = 1024;
 constexpr CK_ULONG kComponentBytes = 1024;
 
-bool IsGone(CK_RV rv) {
-    return rv == CKR_OBJECT_HANDLE_INVALID || rv == CKR_KEY_HANDLE_INVALID;
-}
-
 void Sort(CK_OBJECT_HANDLE object, CK_OBJECT_CLASS object_class, ObjectListing& listing) {
     switch (object_class) {
         case CKO_CERTIFICATE:
@@ -47,7 +43,7 @@ Result ReadEach(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, 
                 AttributeReader& reader, bool& stale, const Take& take) {
     for (const CK_OBJECT_HANDLE object : objects) {
         const Result result = reader.Read(session.api(), session.handle(), object);
-        if (IsGone(result.rv)) continue;
+        if (IsLostObject(result.rv)) continue;
         if (!result.ok()) return result;
         if (reader.Number(0, object_class) == object_class) {
             take(object);
@@ -101,7 +97,7 @@ Result ReadKeys(Session& session, const std::vector<CK_OBJECT_HANDLE>& objects, 
         Result result = whole.Read(session.api(), session.handle(), object);
         const bool hidden = result.rv == CKR_GENERAL_ERROR || result.rv == CKR_FUNCTION_FAILED;
         if (hidden) result = part.Read(session.api(), session.handle(), object);
-        if (IsGone(result.rv)) continue;
+        if (IsLostObject(result.rv)) continue;
         if (!result.ok()) return result;
         const AttributeReader& reader = hidden ? part : whole;
         stale |= reader.Number(0, object_class) != object_class;
@@ -192,7 +188,7 @@ ListingOutcome ListObjects(Session& session, const std::shared_ptr<const ObjectC
             object_class = it->second;
         } else {
             const Result result = reader.Read(session.api(), session.handle(), object);
-            if (IsGone(result.rv)) continue;
+            if (IsLostObject(result.rv)) continue;
             if (!result.ok()) return {result};
             object_class = reader.Number(0, CK_UNAVAILABLE_INFORMATION);
         }
@@ -230,10 +226,7 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
             if (object.category == PKCS11::kKeyPairCategory) object.category = 0;
             certified.insert(object.id);
             if (const auto key = key_algs.find(object.id); key != key_algs.end()) object.keyAlg = key->second;
-            if (const auto pair = pairs.not_after.find(object.id);
-                !object.id.empty() && pair != pairs.not_after.end()) {
-                object.keyNotAfter = pair->second;
-            }
+            if (!object.id.empty()) object.keyNotAfter = pairs.NotAfter(object.id);
         });
     if (!outcome.result.ok()) return outcome;
     for (const KeyObject& key : pairs.keys) {
@@ -242,8 +235,7 @@ ObjectsOutcome<PKCS11::CertObject> ReadCertificates(Session& session, const Obje
         object.id = key.id;
         object.category = PKCS11::kKeyPairCategory;
         object.keyAlg = key.alg;
-        if (const auto end = pairs.not_after.find(key.id); end != pairs.not_after.end())
-            object.keyNotAfter = end->second;
+        object.keyNotAfter = pairs.NotAfter(key.id);
     }
     return outcome;
 }
@@ -312,7 +304,7 @@ IndexOutcome IndexPublicKeys(Session& session, const ObjectListing& listing) {
     for (KeyObject& key : keys) {
         std::vector<std::string> components;
         result = ReadComponents(session, key.handle, PublicComponents(key.type), budget, components);
-        if (IsGone(result.rv)) continue;
+        if (IsLostObject(result.rv)) continue;
         if (!result.ok()) return {result};
         std::string spki = SpkiFromComponents(key.alg, components);
         if (!spki.empty()) index->Add({std::move(key.id), key.alg, std::move(spki)});
@@ -373,7 +365,7 @@ DeleteOutcome Delete(Session& session, const FoundOutcome& found) {
         const Result result = session.api().DestroyObject(session.handle(), object);
         if (result.ok()) {
             outcome.deleted = true;
-        } else if (!IsGone(result.rv)) {
+        } else if (!IsLostObject(result.rv)) {
             outcome.result = result;
         }
     }
@@ -387,7 +379,7 @@ SecretOutcome ReadPresharedKey(Session& session, const std::string& name) {
     AttributeReader reader({{CKA_VALUE, kLabelBytes}}, budget);
     for (const CK_OBJECT_HANDLE object : found.objects) {
         const Result result = reader.Read(session.api(), session.handle(), object);
-        if (IsGone(result.rv)) continue;
+        if (IsLostObject(result.rv)) continue;
         if (!result.ok()) return {result};
         if (reader.Has(0)) return {result, vpnfc::SecretString(reader.Bytes(0))};
     }

@@ -20,10 +20,6 @@ bool IsWrongSignature(CK_RV rv) {
     return rv == CKR_SIGNATURE_INVALID || rv == CKR_SIGNATURE_LEN_RANGE || rv == CKR_DATA_LEN_RANGE;
 }
 
-bool IsLostObject(CK_RV rv) {
-    return rv == CKR_KEY_HANDLE_INVALID || rv == CKR_OBJECT_HANDLE_INVALID;
-}
-
 /// Starts an operation with a public key. The token may have dropped the key's object; then it is made anew, once.
 template <typename Init>
 Result StartWithKey(Session& session, const std::string& spki, const PublicKeyObject*& key, const Init& init) {
@@ -46,8 +42,7 @@ Result FindSigningKey(Session& session, pki_alg_t alg, const std::string& id, st
     CK_SESSION_INFO info{};
     const Result result = session.api().GetSessionInfo(session.handle(), info);
     if (!result.ok()) return result;
-    const bool user = info.state == CKS_RW_USER_FUNCTIONS || info.state == CKS_RO_USER_FUNCTIONS;
-    return {"C_SignInit", user ? CKR_KEY_HANDLE_INVALID : CKR_USER_NOT_LOGGED_IN};
+    return {"C_SignInit", IsUserState(info.state) ? CKR_KEY_HANDLE_INVALID : CKR_USER_NOT_LOGGED_IN};
 }
 
 /// Removes PKCS #1 type 1 padding.

@@ -135,7 +135,7 @@ void WriteEc(const std::vector<SecretString>& components, Pkcs8Parts& parts) {
     std::string oid;
     const asn1::CurveRow* const curve = ReadCurve(DerReader(components[0].get()), oid);
     const std::size_t width = curve == nullptr ? 0 : (curve->bits + 7) / 8;
-    const std::string_view number = WithoutLeadingZeros(components[1].get());
+    const std::string_view number = asn1::WithoutLeadingZeros(components[1].get());
     SecretString content;
     content.edit().reserve(kDerRoom);
     AppendUnsigned(content.edit(), "\1");

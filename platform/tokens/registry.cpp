@@ -160,17 +160,16 @@ void Registry::Replace(const Settings& settings, bool report_removals) {
     for (const ModuleMonitorPtr& monitor : monitors) monitor->Configure(settings);
     for (const ModuleMonitorPtr& monitor : fresh) monitor->Start();
     Publish();
-    AwaitLooks(monitors);  // all tokens are known before a PIN file is used
+    AwaitLooks(monitors, kStartWait);  // all tokens are known before a PIN file is used
     {
         const std::lock_guard lock(mutex_);
         tokens_known_ = true;
     }
-    if (!settings.pin_files.empty()) AwaitLooks(monitors);
+    if (!settings.pin_files.empty()) AwaitLooks(monitors, kStartWait);
 }
 
-/// Drops those that take too long.
-void Registry::AwaitLooks(std::vector<ModuleMonitorPtr>& monitors) {
-    const auto deadline = std::chrono::steady_clock::now() + kStartWait;
+void Registry::AwaitLooks(std::vector<ModuleMonitorPtr>& monitors, milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     std::erase_if(monitors, [deadline](const ModuleMonitorPtr& monitor) {
         const auto left = deadline - std::chrono::steady_clock::now();
         return !monitor->WaitForLook(std::chrono::duration_cast<milliseconds>(left));

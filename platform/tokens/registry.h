@@ -50,6 +50,8 @@ class Registry {
     TokenPtr Find(std::uint64_t id) const { return Table()->Find(id); }
     std::vector<ModuleMonitorPtr> Monitors() const;
     ModuleMonitorPtr MonitorOf(const Token& token) const;
+    /// Waits until all have looked at their slots after the call; drops those that take too long.
+    static void AwaitLooks(std::vector<ModuleMonitorPtr>& monitors, std::chrono::milliseconds limit);
     /// Makes the table anew from what the monitors show.
     void Publish();
 
@@ -70,7 +72,6 @@ class Registry {
     const PinFile* FindPinFile(const PKCS11::TokenInfo& token, bool label_is_shared) const;
     std::vector<PKCS11::TokenInfo> NoteSharedLabels(const TokenTable& table);
     void Replace(const Settings& settings, bool report_removals);
-    static void AwaitLooks(std::vector<ModuleMonitorPtr>& monitors);
 
     std::mutex host_mutex_;  // one Start, Apply or Stop at a time
 

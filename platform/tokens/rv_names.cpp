@@ -132,10 +132,4 @@ const char* RvName(CK_RV rv) {
     return unnamed.data();
 }
 
-CK_RV RvFromName(std::string_view name) {
-    const auto* const found =
-        std::find_if(kNames.begin(), kNames.end(), [&](const Name& row) { return row.name == name; });
-    return found == kNames.end() ? kRvUnknownName : found->rv;
-}
-
 }  // namespace tokens

@@ -97,8 +97,7 @@ bool TokenSession::Impl::IsLoggedIn() {
         state.result = on.api().GetSessionInfo(on.handle(), state.info);
         return state;
     });
-    const CK_STATE state = outcome.info.state;
-    if (!outcome.result.ok() || (state != CKS_RW_USER_FUNCTIONS && state != CKS_RO_USER_FUNCTIONS)) return false;
+    if (!outcome.result.ok() || !tokens::IsUserState(outcome.info.state)) return false;
     token->link()->LookAgain();
     return true;
 }

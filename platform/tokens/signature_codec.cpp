@@ -14,9 +14,9 @@ bool RawSignatureFromDer(pki_alg_t alg, std::size_t width, std::string_view der,
         std::string_view number;
         if (!numbers.Read(kTagInteger, number) || number.empty()) return false;
         if (alg != PKI_KEY_DSA && (number[0] & 0x80) != 0) return false;
-        number = WithoutLeadingZeros(number);
+        number = asn1::WithoutLeadingZeros(number);
         if (number.size() > width) return false;
-        raw.append(width - number.size(), '\0').append(number);
+        asn1::AppendPadded(raw, width, number);
     }
     return numbers.AtEnd();
 }

@@ -12,21 +12,14 @@ namespace {
 /// Slots that a module is let list.
 constexpr CK_ULONG kMaxListedSlots = 65536;
 
-template <std::size_t Size>
-std::string Trimmed(const unsigned char (&field)[Size]) {
-    const std::string_view text(reinterpret_cast<const char*>(field), Size);
-    const std::size_t end = text.substr(0, std::min(text.find('\0'), Size)).find_last_not_of(' ');
-    return std::string(text.substr(0, end == std::string_view::npos ? 0 : end + 1));
-}
-
 PKCS11::TokenInfo MakeInfo(const std::string& provider, const CK_SLOT_INFO& slot, const CK_TOKEN_INFO& token) {
     PKCS11::TokenInfo info;
     info.id = IdentifyToken(token);
-    info.label = Trimmed(token.label);
-    info.manufacturer = Trimmed(token.manufacturerID);
-    info.model = Trimmed(token.model);
-    info.serialNumber = Trimmed(token.serialNumber);
-    info.slotDescription = Trimmed(slot.slotDescription);
+    info.label = Padded(token.label);
+    info.manufacturer = Padded(token.manufacturerID);
+    info.model = Padded(token.model);
+    info.serialNumber = Padded(token.serialNumber);
+    info.slotDescription = Padded(slot.slotDescription);
     info.providerName = provider;
     info.writeProtected = (token.flags & CKF_WRITE_PROTECTED) != 0;
     info.loginRequired = (token.flags & CKF_LOGIN_REQUIRED) != 0;
@@ -68,7 +61,7 @@ Result WatchLogin(const Token& token, SessionPtr& session, LoginState& state) {
     }
     CK_SESSION_INFO info{};
     const Result result = session->api().GetSessionInfo(session->handle(), info);
-    if (info.state == CKS_RW_USER_FUNCTIONS || info.state == CKS_RO_USER_FUNCTIONS) state = LoginState::kUser;
+    if (IsUserState(info.state)) state = LoginState::kUser;
     if (info.state == CKS_RW_SO_FUNCTIONS) state = LoginState::kSecurityOfficer;
     return result;
 }

@@ -100,12 +100,6 @@ void Stop() {
     Registry::Instance().Stop();
 }
 
-std::vector<PKCS11::ProviderInfo> Providers() {
-    std::vector<PKCS11::ProviderInfo> providers;
-    for (const ModuleMonitorPtr& monitor : Registry::Instance().Monitors()) providers.push_back(monitor->Info());
-    return providers;
-}
-
 const char* PinResultText(PinResult result) {
     switch (result) {
         case PinResult::kDone:

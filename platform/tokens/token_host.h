@@ -67,9 +67,6 @@ PLATFORM_API bool Apply(const Settings& settings, std::string& error);
 /// left behind. Harmless when not started; leaving the process without it is clean too.
 PLATFORM_API void Stop();
 
-/// The providers of the settings, with what is known of them.
-PLATFORM_API std::vector<PKCS11::ProviderInfo> Providers();
-
 enum class PinResult : int {
     kDone,
     kWrongPin,

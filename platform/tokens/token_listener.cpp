@@ -10,6 +10,7 @@
 namespace tokens {
 namespace {
 
+using PKCS11::FindToken;
 using PKCS11::TokenInfo;
 using vpnfc::SecretString;
 
@@ -23,17 +24,6 @@ static_assert(static_cast<int>(PinResult::kFailed) == PKCS11::kPinTokenFailed);
 
 void Reply(CommandStreamOut& out, PinResult result) {
     out.fields(static_cast<std::uint32_t>(result), std::string_view(PinResultText(result)));
-}
-
-/// The token as it is listed now; only the identifier is set when it is not there.
-TokenInfo FindToken(std::uint64_t id) {
-    const auto tokens = PKCS11::Manager::Instance().EnumTokensShared();
-    for (const TokenInfo& token : *tokens) {
-        if (token.id == id) return token;
-    }
-    TokenInfo absent;
-    absent.id = id;
-    return absent;
 }
 
 void ListCommand(CommandStreamIn& /*in*/, CommandStreamOut& out) {

@@ -34,9 +34,10 @@ bool IsSerialNumber(std::string_view serial, std::string text) {
     const bool negative = ASN1_STRING_type(number.get()) == V_ASN1_NEG_INTEGER;
     if (negative != text.starts_with('-')) return false;
     std::erase_if(text, [](char c) { return c == '-' || c == '\\' || c == '\n'; });
-    std::string hex = TO_HEX_STD_STRING({reinterpret_cast<const char*>(ASN1_STRING_get0_data(number.get())),
-                                         static_cast<std::size_t>(ASN1_STRING_length(number.get()))});
-    std::transform(hex.begin(), hex.end(), hex.begin(), [](unsigned char c) { return std::toupper(c); });
+    std::string hex;
+    asn_bytes_to_upper_hex({reinterpret_cast<const char*>(ASN1_STRING_get0_data(number.get())),
+                            static_cast<std::size_t>(ASN1_STRING_length(number.get()))},
+                           hex);
     return WithoutLeadingZeros(hex) == WithoutLeadingZeros(text);
 }
 

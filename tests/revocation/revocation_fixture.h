@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "certmgr/cert_crlcache.h"
+#include "certmgr/cert_crltransfer.h"
 #include "certmgr/chain.h"
 #include "tests/chain/chain_fixture.h"
 #include "tests/support/crl_servers.h"

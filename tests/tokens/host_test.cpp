@@ -99,7 +99,7 @@ TEST_F(Host, TokensDescribeThemselves) {
     EXPECT_EQ(token.providerName, "softhsm");
     EXPECT_TRUE(token.id != 0 && token.loginRequired && token.holdsTrusted);
     EXPECT_FALSE(token.loggedIn || token.writeProtected || token.hardware || token.removable || token.pinPad);
-    EXPECT_EQ(tokens::Providers().at(0).manufacturer, "SoftHSM");
+    EXPECT_EQ(tokens::ListTokens().providers.at(0).manufacturer, "SoftHSM");
 
     // The same label is no obstacle, neither is a restart.
     const std::uint64_t second = NewToken("first", false).info.id;

@@ -221,7 +221,10 @@ std::optional<CK_RV> Intervene(const char* function) {
     words >> name;
     while (words >> word) words >> (word == "skip" ? skip : times);
     const long call = g_control.CallsBefore(function) - skip;
-    return call >= 0 && call < times ? std::optional(tokens::RvFromName(name)) : std::nullopt;
+    if (call < 0 || call >= times) return std::nullopt;
+    CK_RV rv = 0;
+    while (rv < 0x400 && tokens::RvName(rv) != name) ++rv;
+    return rv;
 }
 
 template <typename Call>
