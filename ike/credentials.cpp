@@ -61,6 +61,15 @@ std::uint32_t CertificatesToSend(const std::vector<const CM::X509Cert*>& chain, 
 
 }  // namespace
 
+TLogIdent ExchangeIdent(bool initiator, std::uint64_t id) {
+    TLogIdent ident;
+    ident.kind = TLogIdent::kExchange;
+    ident.role = initiator ? TLogIdent::kInitiator : TLogIdent::kResponder;
+    ident.id = id;
+    ident.sub_id = 1;
+    return ident;
+}
+
 bool IsAllowedIdentity(const std::list<LPCFG::ipsecid_t>& allowed, const LPCFG::ipsecid_t& announced) {
     return allowed.empty() || std::any_of(allowed.begin(), allowed.end(), [&](const LPCFG::ipsecid_t& entry) {
                if (entry.type != announced.type || announced.value.empty()) return false;

@@ -39,6 +39,9 @@ struct CertPayload {
 /// Whether the rule lets a peer announce that identity. An empty list lets any.
 bool IsAllowedIdentity(const std::list<LPCFG::ipsecid_t>& allowed, const LPCFG::ipsecid_t& announced);
 
+/// An exchange in the log.
+TLogIdent ExchangeIdent(bool initiator, std::uint64_t id);
+
 /// One exchange's calls of the module. The module is started and loaded. Used by one thread.
 class Credentials {
   public:

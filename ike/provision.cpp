@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "certmgr/cert_engine.h"
 #include "certmgr/certmgr.h"
+#include "ike/crypto/keys.h"
 #include "ike/exchange.h"
 #include "ike/wire/bytes.h"
 #include "libcrypto/libcrypto.h"
@@ -82,20 +82,20 @@ bool ReadKey(const std::string& path, vpnfc::SecretString& pkcs8) {
     return !pkcs8.empty() || Complain(path + ": not an unencrypted PEM private key");
 }
 
-bool MakeRandomPin(vpnfc::SecretString& pin) {
+vpnfc::SecretString RandomPin() {
+    vpnfc::SecretString pin;
     while (pin.get().size() < kPinDigits) {
-        unsigned char byte = 0;
-        if (RAND_bytes(&byte, 1) != 1) return Complain("no random numbers for a PIN");
+        const auto byte = static_cast<unsigned char>(RandomBytes(1)[0]);
         if (byte < 250) pin.edit().push_back(static_cast<char>('0' + byte % 10));  // below 250 every digit is as likely
     }
-    return true;
+    return pin;
 }
 
 /// Reads a PIN file, or makes one with a random PIN.
 bool ReadOrMakePin(const std::string& path, vpnfc::SecretString& pin) {
     std::string error;
     if (access(path.c_str(), F_OK) == 0) return tokens::ReadPinFile(path, pin, error) || Complain(error);
-    if (!MakeRandomPin(pin)) return false;
+    pin = RandomPin();
     vpnfc::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     if (!file) return Complain("PIN file " + path + " cannot be made: " + std::strerror(errno));
     return (vpnfc::WriteAll(file.get(), pin.get()) && file.Close()) ||

@@ -1,25 +1,19 @@
 #include "ike/side.h"
 
 #include "ike/crypto/keys.h"
+#include "ike/sa/association.h"
 
 namespace ikeauth {
 namespace {
 
 constexpr std::size_t kNonceBytes = 32;
 
-TLogIdent MakeIdent(bool initiator) {
-    TLogIdent ident;
-    ident.kind = TLogIdent::kExchange;
-    ident.role = initiator ? TLogIdent::kInitiator : TLogIdent::kResponder;
-    ident.sub_id = 1;
-    for (const char byte : RandomBytes(sizeof ident.id)) ident.id = ident.id << 8U | static_cast<unsigned char>(byte);
-    return ident;
-}
-
 }  // namespace
 
 Side::Side(const LPCFG::auth_ike_t& rule, const SideOptions& options, Channel& channel)
-    : options_(options), channel_(channel), credentials_(rule, options.faults, MakeIdent(options.initiator)) {
+    : options_(options),
+      channel_(channel),
+      credentials_(rule, options.faults, ExchangeIdent(options.initiator, MakeSpi())) {
     if (options.asks) credentials_.LetUserChoose();
 }
 

@@ -9,6 +9,7 @@
 #include "cli/terminal/progress.h"
 #include "cli/terminal/text.h"
 #include "platform/asn1.h"
+#include "platform/base/text.h"
 
 namespace certmgrctl {
 namespace {
@@ -23,12 +24,6 @@ struct RequestOptions {
     bool force = false;
     CertRequestInfo info;
 };
-
-std::string Joined(const std::vector<std::string>& words) {
-    std::string text;
-    for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
-    return text;
-}
 
 bool HasModulus(const CertRequestKeyInfo& kind) {
     return kind.keyAlg == PKI_KEY_RSA || kind.keyAlg == PKI_KEY_DSA;
@@ -88,8 +83,8 @@ void ListMechanisms(Context& context, const RequestOptions& options) {
     }
     Fields fields;
     for (const CertRequestKeyInfo& kind : kinds) {
-        fields.Add(AlgorithmName(kind.keyAlg), Joined(Sizes(kind)) + " bits");
-        fields.Add("", kind.hashAlgs.empty() ? "" : "signed with " + Joined(Hashes(kind)));
+        fields.Add(AlgorithmName(kind.keyAlg), vpnfc::Joined(Sizes(kind)) + " bits");
+        fields.Add("", kind.hashAlgs.empty() ? "" : "signed with " + vpnfc::Joined(Hashes(kind)));
     }
     fields.Print(context.console);
 }
@@ -126,7 +121,7 @@ std::uint32_t BitsFor(const CertRequestKeyInfo& kind, std::uint32_t wanted) {
     if (Makes(kind, wanted)) return wanted;
     throw Failure(kExitFailed,
                   "the token makes no " + AlgorithmName(kind.keyAlg) + " keys of " + std::to_string(wanted) + " bits",
-                  {"It makes " + Joined(Sizes(kind)) + "."});
+                  {"It makes " + vpnfc::Joined(Sizes(kind)) + "."});
 }
 
 /// The hash that was named, else the one that is as strong as the key, else the token's last.

@@ -5,6 +5,7 @@
 #include "cli/store/names.h"
 #include "cli/terminal/text.h"
 #include "platform/base.h"
+#include "platform/base/text.h"
 
 namespace certmgrctl {
 namespace {
@@ -71,22 +72,18 @@ std::string TokensText(const PKCS11::TokenListing& listing) {
 }
 
 std::string CertificatesText(const Numbers& numbers) {
-    std::string text;
-    for (const auto& [list, count] : numbers.certs) {
-        if (!text.empty()) text += ", ";
-        text += std::to_string(count) + " " + ListName(list);
-    }
+    const std::string text = vpnfc::Joined(
+        numbers.certs, [](const auto& entry) { return std::to_string(entry.second) + " " + ListName(entry.first); });
     return text.empty() ? "none" : text;
 }
 
 std::string ExpiryText(const Numbers& numbers) {
-    std::string text;
-    if (numbers.expired > 0) text = Counted(numbers.expired, "certificate") + " expired";
+    std::vector<std::string> parts;
+    if (numbers.expired > 0) parts.push_back(Counted(numbers.expired, "certificate") + " expired");
     if (numbers.soon > 0) {
-        if (!text.empty()) text += ", ";
-        text += Counted(numbers.soon, "certificate") + " within " + std::to_string(kSoonDays) + " days";
+        parts.push_back(Counted(numbers.soon, "certificate") + " within " + std::to_string(kSoonDays) + " days");
     }
-    return text;
+    return vpnfc::Joined(parts);
 }
 
 void Status(Context& context) {

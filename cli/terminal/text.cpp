@@ -121,8 +121,4 @@ std::string Base64(std::string_view bytes) {
     return text;
 }
 
-std::string Counted(std::size_t number, const std::string& what) {
-    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
-
 }  // namespace certmgrctl

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/text.h"
+
 namespace certmgrctl {
 
 /// Control and formatting characters, those that turn the direction of writing included, and bytes that are not UTF-8 as
@@ -33,7 +35,6 @@ std::string Quoted(std::string_view text);
 /// Bytes for JSON (RFC 4648, section 4).
 std::string Base64(std::string_view bytes);
 
-/// "1 certificate", "2 certificates".
-std::string Counted(std::size_t number, const std::string& what);
+using vpnfc::Counted;
 
 }  // namespace certmgrctl

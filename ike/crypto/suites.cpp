@@ -1,6 +1,9 @@
 #include "ike/crypto/suites.h"
 
 #include <algorithm>
+#include <array>
+
+#include "platform/base/text.h"
 
 namespace ikeauth {
 namespace {
@@ -191,17 +194,12 @@ bool ReadOffer(std::string_view text, SaOffer& offer, std::string& error) {
 }
 
 std::string Describe(const Proposal& proposal) {
-    std::string text;
-    for (const Transform& transform : proposal.transforms) text += (text.empty() ? "" : ", ") + Name(transform);
-    return text;
+    return vpnfc::Joined(proposal.transforms, [](const Transform& transform) { return Name(transform); });
 }
 
 std::string Describe(const Suite& suite) {
-    std::string text;
-    for (const Algorithm* part : {suite.encryption, suite.integrity, suite.prf, suite.group}) {
-        if (part != nullptr) text += (text.empty() ? "" : ", ") + std::string(part->name);
-    }
-    return text;
+    const std::array parts{suite.encryption, suite.integrity, suite.prf, suite.group};
+    return vpnfc::Joined(parts, [](const Algorithm* part) { return part == nullptr ? "" : part->name; });
 }
 
 bool ChooseProposal(const SaOffer& offered, const SaOffer& ours, Proposal& chosen) {

@@ -12,8 +12,8 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kFirstInterval{500};  // doubled at each repetition
 constexpr std::size_t kUdpBytes = 8;
-constexpr std::size_t kIp4Bytes = 20;
-constexpr std::size_t kIp6Bytes = 40;
+constexpr std::size_t kIp4HeaderBytes = 20;
+constexpr std::size_t kIp6HeaderBytes = 40;
 constexpr std::size_t kMarkerBytes = 4;
 
 std::size_t TotalBytes(const std::vector<std::string>& datagrams) {
@@ -151,7 +151,7 @@ std::string Association::SealOne(Header header, std::uint8_t first, const std::s
 
 /// What IP and UDP leave of a datagram.
 std::size_t Association::Room() const {
-    const std::size_t ip = endpoints_.is_ip6() ? kIp6Bytes : kIp4Bytes;
+    const std::size_t ip = endpoints_.is_ip6() ? kIp6HeaderBytes : kIp4HeaderBytes;
     return settings_.fragment_bytes - ip - kUdpBytes - kMarkerBytes;
 }
 

@@ -13,6 +13,9 @@
 #include "ike/crypto/keys.h"
 #include "ike/wire/bytes.h"
 #include "libcrypto/libcrypto.h"
+#include "platform/asn1/der.h"
+#include "platform/asn1/oid.h"
+#include "platform/base/text.h"
 
 namespace ikeauth {
 namespace {
@@ -53,34 +56,32 @@ std::string AlgName(pki_alg_t alg) {
     return I2S_PKI_ALG_T.getString(alg);
 }
 
-// --- DER, all of it shorter than 128 bytes ---
+// --- Algorithm identifiers ---
 
-constexpr std::uint8_t kSequence = 0x30;
-constexpr std::uint8_t kOid = 0x06;
-constexpr std::uint8_t kInteger = 0x02;
-constexpr std::uint8_t kContext = 0xA0;
+constexpr auto kPss = asn1::Oid("1.2.840.113549.1.1.10");
+constexpr auto kMgf1 = asn1::Oid("1.2.840.113549.1.1.8");
 
-std::string Der(std::uint8_t tag, const std::string& content) {
-    return Byte(tag) + Byte(static_cast<std::uint8_t>(content.size())) + content;
+std::string Der(unsigned char tag, std::string_view content) {
+    std::string der;
+    asn1::AppendTlv(der, tag, content);
+    return der;
 }
 
-std::string DerIdentifier(const std::string& oid, const std::string& parameters) {
-    return Der(kSequence, Der(kOid, oid) + parameters);
+std::string DerIdentifier(std::string_view oid, const std::string& parameters) {
+    return Der(asn1::kTagSequence, Der(asn1::kTagOid, oid) + parameters);
 }
 
 /// RSASSA-PSS with the hash, MGF1 over it and a salt as long as it.
 std::string PssIdentifier(pki_alg_t hash) {
-    static const std::string null("\x05\x00", 2);
-    static const std::string pss("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x0a", 9);
-    static const std::string mgf1("\x2a\x86\x48\x86\xf7\x0d\x01\x01\x08", 9);
+    constexpr unsigned char kContext = asn1::kTagContext0;
     std::string oid;
     bool null_parameter = false;
     if (!asn_pki_alg_to_identifier(hash, oid, null_parameter)) return {};
-    const std::string identifier = DerIdentifier(oid, null);
-    const std::string salt = Der(kInteger, Byte(static_cast<std::uint8_t>(PKI_HASH_LENGTH(hash))));
-    return DerIdentifier(pss,
-                         Der(kSequence, Der(kContext, identifier) + Der(kContext + 1, DerIdentifier(mgf1, identifier)) +
-                                            Der(kContext + 2, salt)));
+    const std::string identifier = DerIdentifier(oid, Der(asn1::kTagNull, {}));
+    const std::string salt = Der(asn1::kTagInteger, Byte(static_cast<std::uint8_t>(PKI_HASH_LENGTH(hash))));
+    return DerIdentifier(
+        kPss, Der(asn1::kTagSequence, Der(kContext, identifier) + Der(kContext + 1, DerIdentifier(kMgf1, identifier)) +
+                                          Der(kContext + 2, salt)));
 }
 
 std::string AlgorithmIdentifier(pki_alg_t alg) {
@@ -88,28 +89,21 @@ std::string AlgorithmIdentifier(pki_alg_t alg) {
     std::string oid;
     bool null_parameter = false;
     if (!asn_pki_alg_to_identifier(alg, oid, null_parameter)) return {};
-    return DerIdentifier(oid, null_parameter ? std::string("\x05\x00", 2) : std::string());
+    return DerIdentifier(oid, null_parameter ? Der(asn1::kTagNull, {}) : std::string());
 }
 
-/// Reads SEQUENCE { OID, the rest }, short or with a length of one more byte.
+/// Reads SEQUENCE { OID, the rest }.
 pki_alg_t ReadAlgorithmIdentifier(std::string_view der) {
-    ByteReader reader(der);
-    std::uint8_t tag = 0;
-    std::uint8_t length = 0;
+    asn1::DerReader fields({});
     std::string_view oid;
-    constexpr std::uint8_t kLongForm = 0x81;
-    if (!reader.Read(tag) || tag != kSequence || !reader.Read(length)) return 0;
-    if (length == kLongForm && !reader.Read(length)) return 0;
-    if (reader.rest().size() != length || !reader.Read(tag) || tag != kOid || !reader.Read(length) ||
-        !reader.Read(length, oid)) {
-        return 0;
-    }
-    return asn_ike_signalg_t_to_pki_alg(oid, reader.rest());
+    if (!asn1::ReadWhole(der, asn1::kTagSequence, fields) || !fields.Read(asn1::kTagOid, oid)) return 0;
+    return asn_ike_signalg_t_to_pki_alg(oid, {oid.end(), der.end()});
 }
 
 // --- ECDSA: tokens use DER, the older methods r and s side by side ---
 
 using EcdsaSignature = libcrypto::Owner<ECDSA_SIG, ECDSA_SIG_free>;
+using Number = libcrypto::Owner<BIGNUM, BN_free>;
 
 bool EcdsaFromDer(const std::string& der, std::size_t number_bytes, std::string& out) {
     const EcdsaSignature signature = libcrypto::Decode<ECDSA_SIG_free>(d2i_ECDSA_SIG, der);
@@ -126,10 +120,11 @@ bool EcdsaToDer(const std::string& numbers, std::size_t number_bytes, std::strin
     const unsigned char* const bytes = libcrypto::Data(numbers);
     const EcdsaSignature signature(ECDSA_SIG_new());
     const int width = static_cast<int>(number_bytes);
-    if (!signature || ECDSA_SIG_set0(signature.get(), BN_bin2bn(bytes, width, nullptr),
-                                     BN_bin2bn(bytes + number_bytes, width, nullptr)) != 1) {
-        return false;
-    }
+    Number r(BN_bin2bn(bytes, width, nullptr));
+    Number s(BN_bin2bn(bytes + number_bytes, width, nullptr));
+    if (!signature || !r || !s || ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1) return false;
+    r.release();  // they are the signature's now
+    s.release();
     der = libcrypto::Encode(signature.get(), i2d_ECDSA_SIG);
     return !der.empty();
 }
@@ -219,11 +214,10 @@ HashSet DecodeHashes(std::string_view data) {
 }
 
 std::string Describe(const HashSet& hashes) {
-    std::string text;
-    for (const HashNumber& entry : kHashes) {
-        if (!Holds(hashes, entry.hash)) continue;
-        text += (text.empty() ? "" : ", ") + (entry.hash == PKI_HASH_NONE ? "identity" : AlgName(entry.hash));
-    }
+    const std::string text = vpnfc::Joined(kHashes, [&](const HashNumber& entry) {
+        if (!Holds(hashes, entry.hash)) return std::string();
+        return entry.hash == PKI_HASH_NONE ? "identity" : AlgName(entry.hash);
+    });
     return text.empty() ? "none" : text;
 }
 

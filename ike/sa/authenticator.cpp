@@ -14,15 +14,6 @@ constexpr std::size_t kMaxAuthorities = 4096;
 constexpr std::size_t kMaxRequested = 1024;  // a responder names them in one datagram
 constexpr std::size_t kMaxCertificates = 64;  // of one peer: each costs a decoding
 
-TLogIdent MakeIdent(bool initiator, std::uint64_t spi) {
-    TLogIdent ident;
-    ident.kind = TLogIdent::kExchange;
-    ident.role = initiator ? TLogIdent::kInitiator : TLogIdent::kResponder;
-    ident.id = spi;
-    ident.sub_id = 1;
-    return ident;
-}
-
 std::uint8_t IdPayload(bool initiator) {
     return initiator ? kPayloadIdi : kPayloadIdr;
 }
@@ -33,7 +24,7 @@ Authenticator::Authenticator(const ExchangeSettings& settings, bool initiator, s
     : settings_(settings),
       initiator_(initiator),
       report_(report),
-      credentials_(*settings.rule, settings.faults, MakeIdent(initiator, spi)) {}
+      credentials_(*settings.rule, settings.faults, ExchangeIdent(initiator, spi)) {}
 
 bool Authenticator::Fail(Outcome& outcome, Ending ending, std::string reason, std::string_view advice) {
     outcome = {.ending = ending, .reason = std::move(reason), .advice = advice};

@@ -4,6 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "ike/wire/bytes.h"
+#include "iputils/iputils.h"
 #include "platform/asn1.h"
 
 namespace ikeauth {
@@ -21,10 +23,10 @@ std::string Value(const Identification& id) {
     if (id.type == kIdDn && asn_dn_to_printable(id.value, text)) return text;
     if (id.type == kIdFqdn || id.type == kIdEmail) return asn_text_to_printable(id.value);
     if (id.type != kIdIp4 || id.value.size() != kIp4Bytes) return TO_HEX_STD_STRING(id.value);
-    for (const char byte : id.value) {
-        text += (text.empty() ? "" : ".") + std::to_string(static_cast<unsigned char>(byte));
-    }
-    return text;
+    std::uint32_t address = 0;
+    ByteReader(id.value).Read(address);
+    std::array<char, IPUtils::kAddressTextSize> dotted{};
+    return IPUtils::ip2str(address, dotted.data());
 }
 
 }  // namespace

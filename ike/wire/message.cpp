@@ -5,6 +5,7 @@
 
 #include "ike/wire/bytes.h"
 #include "ike/wire/payloads.h"
+#include "platform/base/text.h"
 
 namespace ikeauth {
 namespace {
@@ -133,9 +134,7 @@ const Payload* FindPayload(const Payloads& payloads, std::uint8_t type) {
 }
 
 std::string DescribePayloads(const Payloads& payloads) {
-    std::string text;
-    for (const Payload& payload : payloads) text += (text.empty() ? "" : ", ") + PayloadName(payload);
-    return text.empty() ? "nothing" : text;
+    return payloads.empty() ? "nothing" : vpnfc::Joined(payloads, PayloadName);
 }
 
 }  // namespace ikeauth

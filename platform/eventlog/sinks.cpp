@@ -22,15 +22,14 @@ namespace eventlog {
 namespace {
 
 struct SeverityForms {
-    std::string_view name;
     spdlog::level::level_enum level;
     int syslog_priority;
 };
-constexpr std::array<SeverityForms, 5> kSeverities{{{"debug", spdlog::level::debug, LOG_DEBUG},
-                                                    {"info", spdlog::level::info, LOG_INFO},
-                                                    {"warning", spdlog::level::warn, LOG_WARNING},
-                                                    {"error", spdlog::level::err, LOG_ERR},
-                                                    {"off", spdlog::level::off, LOG_DEBUG}}};
+constexpr std::array<SeverityForms, 5> kSeverities{{{spdlog::level::debug, LOG_DEBUG},
+                                                    {spdlog::level::info, LOG_INFO},
+                                                    {spdlog::level::warn, LOG_WARNING},
+                                                    {spdlog::level::err, LOG_ERR},
+                                                    {spdlog::level::off, LOG_DEBUG}}};
 
 const SeverityForms& FormsOf(Severity severity) {
     return kSeverities.at(static_cast<std::size_t>(severity));
@@ -120,7 +119,7 @@ Router& TheRouter() {
 }  // namespace
 
 std::string_view SeverityName(Severity severity) noexcept {
-    return FormsOf(severity).name;
+    return kSeverityNames.at(static_cast<std::size_t>(severity));
 }
 
 bool SetSinks(const Sinks& sinks, std::string& error) {

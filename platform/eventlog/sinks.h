@@ -7,6 +7,7 @@
 // Before the first SetSinks, warnings and errors go to stderr.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -24,7 +25,8 @@ enum class Severity : std::uint8_t {
     kOff = 4,  // as a level: nothing is written
 };
 
-/// "debug", "info", "warning", "error", "off".
+/// In the order of the enumerators.
+inline constexpr std::array<std::string_view, 5> kSeverityNames{"debug", "info", "warning", "error", "off"};
 PLATFORM_API std::string_view SeverityName(Severity severity) noexcept;
 
 /// A message as it is written.

@@ -18,6 +18,7 @@
 
 #include "platform/base/descriptor.h"
 #include "platform/base/files.h"
+#include "platform/base/text.h"
 #include "platform/bridge_socket.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
@@ -53,11 +54,10 @@ void ReadEnum(const Value& value, const std::array<std::string_view, N>& names, 
     if (value.ReadChoice(names, index)) out = static_cast<E>(index);
 }
 // In the order of their enumerators.
-constexpr std::array<std::string_view, 5> kLevels = {"debug", "info", "warning", "error", "off"};
 constexpr std::array<std::string_view, 3> kColours = {"auto", "always", "never"};
 
 constexpr Field<Log> kLogFields[] = {
-    {"level", [](const Value& v, Log& log) { ReadEnum(v, kLevels, log.sinks.level); }},
+    {"level", [](const Value& v, Log& log) { ReadEnum(v, eventlog::kSeverityNames, log.sinks.level); }},
     {"stderr", [](const Value& v, Log& log) { v.Read(log.sinks.to_stderr); }},
     {"colour", [](const Value& v, Log& log) { ReadEnum(v, kColours, log.sinks.colour); }},
     {"file", [](const Value& v, Log& log) { v.ReadPath(log.sinks.file); }},
@@ -295,10 +295,6 @@ void SetBridgeDefaults(Bridge& bridge) {
     if (!bridge.socket_mode_set) server.socket_mode = others ? 0666 : 0600;
 }
 
-std::string Counted(std::size_t number, std::string_view what) {
-    return std::to_string(number) + " " + std::string(what) + (number == 1 ? "" : "s");
-}
-
 void CopyToServer(const Certificates& from, LPARAMS::CertParams& to) {
     to.require_self_signed_root.on = from.require_self_signed_root;
     to.ignore_key_usage.on = from.ignore_key_usage;
@@ -326,6 +322,22 @@ Applied& LastApplied() {
 }
 
 }  // namespace
+
+Certificates::Certificates() {
+    const LPARAMS::CertParams from;
+    require_self_signed_root = from.require_self_signed_root.on;
+    ignore_key_usage = from.ignore_key_usage.on;
+    allow_unknown_critical_extensions = from.allow_unknown_critical_extensions.on;
+    allow_missing_ike_eku = from.allow_missing_ike_eku.on;
+    crl_download_timeout_seconds = from.crl_download_timeout_seconds;
+    crl_cache = from.crl_cache != 0;
+    crl_cache_max_bytes = from.crl_cache_max_bytes;
+    crl_max_bytes = from.crl_max_bytes;
+    crl_retry_seconds = from.crl_retry_seconds;
+    crl_proxy = from.crl_proxy;
+    crl_tls_ca_file = from.crl_tls_ca_file;
+    honour_crl_scope = from.honour_crl_scope;
+}
 
 std::string Problem::ToString() const {
     return Place() + (kind == Kind::kError ? ": error: " : ": warning: ") + Sentence();
@@ -396,9 +408,9 @@ void LogProblems(const std::string& path, const LoadResult& loaded) {
     }
     if (loaded.ok) {
         const std::size_t rules = loaded.settings.rules.list.size();
-        TLogMessage(kMsgSettingsLoaded).Attr(path + ", " + Counted(rules, "rule")).Send();
+        TLogMessage(kMsgSettingsLoaded).Attr(path + ", " + vpnfc::Counted(rules, "rule")).Send();
     } else {
-        TLogMessage(kMsgSettingsRejected).Attr(path + " has " + Counted(count, "error") + errors).Send();
+        TLogMessage(kMsgSettingsRejected).Attr(path + " has " + vpnfc::Counted(count, "error") + errors).Send();
     }
 }
 

@@ -20,21 +20,22 @@
 
 namespace settings {
 
-/// [certificates]: what goes into LPARAMS::CertParams, which describes the members.
-struct Certificates {
-    bool require_self_signed_root = false;
-    bool ignore_key_usage = false;
-    bool allow_unknown_critical_extensions = false;
-    bool allow_missing_ike_eku = false;
-    std::uint32_t crl_download_timeout_seconds = 10;
-    bool crl_cache = true;
-    std::uint64_t crl_cache_max_bytes = 256ULL << 20;
-    std::uint64_t crl_max_bytes = 64ULL << 20;
-    std::uint32_t crl_retry_seconds = 30;
-    std::string crl_proxy{};
-    std::string crl_tls_ca_file{};
-    bool honour_crl_scope = true;
+/// [certificates]: what goes into LPARAMS::CertParams, which describes the members and has their defaults.
+struct PLATFORM_API Certificates {
+    bool require_self_signed_root;
+    bool ignore_key_usage;
+    bool allow_unknown_critical_extensions;
+    bool allow_missing_ike_eku;
+    std::uint32_t crl_download_timeout_seconds;
+    bool crl_cache;
+    std::uint64_t crl_cache_max_bytes;
+    std::uint64_t crl_max_bytes;
+    std::uint32_t crl_retry_seconds;
+    std::string crl_proxy;
+    std::string crl_tls_ca_file;
+    bool honour_crl_scope;
 
+    Certificates();
     bool operator==(const Certificates&) const = default;
 };
 

@@ -10,6 +10,7 @@
 
 #include "platform/asn1.h"
 #include "platform/asn1/der.h"
+#include "platform/base/text.h"
 
 namespace LPCFG {
 
@@ -83,11 +84,9 @@ void ReadKeyAlg(const Value& value, pki_alg_t& out) {
         names.reserve(kCertificateKeys.size());
         for (const pki_alg_t known : kCertificateKeys) names.emplace_back(I2S_PKI_ALG_T.getString(known));
         names.pop_back();
-        std::string list;
-        for (const std::string_view name : names) list += (list.empty() ? "" : ", ") + std::string(name);
         const std::string nearest = DidYouMean(text, names);
         value.Error(Quoted(text) + (alg == 0 ? " is not a key algorithm" : " is not a key algorithm alone"),
-                    nearest.empty() ? "known are " + list : nearest);
+                    nearest.empty() ? "known are " + vpnfc::Joined(names) : nearest);
         return;
     }
     if (alg == PKI_KEY_RSA_PSS || alg == PKI_KEY_512BIT) {

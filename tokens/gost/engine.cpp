@@ -59,7 +59,8 @@ Engine::~Engine() {
 
 Hash::Hash(const Engine& engine, HashAlg alg) : context_(EVP_MD_CTX_new()) {
     const EVP_MD* const digest = ENGINE_get_digest(engine.get(), Nid(alg));
-    Require(digest != nullptr && EVP_DigestInit_ex(context_.get(), digest, engine.get()) == 1, CKR_DEVICE_ERROR);
+    Require(context_ != nullptr && digest != nullptr && EVP_DigestInit_ex(context_.get(), digest, engine.get()) == 1,
+            CKR_DEVICE_ERROR);
 }
 
 void Hash::Update(std::string_view data) {

@@ -109,6 +109,7 @@ std::string Key::PublicValue() const {
     const EC_GROUP* const group = EC_KEY_get0_group(numbers);
     const Number x(BN_new());
     const Number y(BN_new());
+    Require(x != nullptr && y != nullptr, CKR_HOST_MEMORY);
     Require(EC_POINT_get_affine_coordinates(group, EC_KEY_get0_public_key(numbers), x.get(), y.get(), nullptr) == 1,
             CKR_DEVICE_ERROR);
     std::string value(2 * kind().bytes, '\0');
