@@ -4,11 +4,6 @@
 #include "ike/sa/association.h"
 
 namespace ikeauth {
-namespace {
-
-constexpr std::size_t kNonceBytes = 32;
-
-}  // namespace
 
 Side::Side(const LPCFG::auth_ike_t& rule, const SideOptions& options, Channel& channel)
     : options_(options),
