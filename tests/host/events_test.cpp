@@ -145,7 +145,7 @@ TEST_F(Events, AHandlerMayDisarmItselfAndThrowAndCannotStopItsOwnThread) {
     EXPECT_TRUE(done.Wait());
     EM_DelTimer(1, DisarmOneself, &done);
     EM_SetTimer(1, 0, NoteTag, &a_);
-    EXPECT_TRUE(journal_.WaitFor(1)) << "others run all the same";
+    EXPECT_TRUE(WaitFor(1)) << "others run all the same";
 }
 
 TEST_F(Events, StopIsBoundedAndWhatComesLaterWaitsForTheNextStart) {
