@@ -7,10 +7,16 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <utility>
 
 namespace test_support {
+
+/// How often: CERTMGR_LONG_RUNS asks for the long run.
+inline unsigned LongRun(unsigned usual, unsigned long_run) {
+    return std::getenv("CERTMGR_LONG_RUNS") != nullptr ? long_run : usual;
+}
 
 /// Long enough for a loaded machine under a sanitizer; reached only by a fault.
 inline constexpr std::chrono::seconds kWaitLimit{60};
