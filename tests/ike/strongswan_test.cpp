@@ -48,6 +48,7 @@ struct Case {
     bool client_of_stranger = false, gateway_of_stranger = false;
     bool three_clients = false;  // of three authorities, of which charon trusts the second
     bool child = false;  // both ways round one is made
+    bool pinned_client = false;  // charon knows a certificate of another key of ours and takes no other
     bool stale_gateway = false;  // charon sends no certificate, and we hold one of another key
     Crls crls = Crls::kNone;
     std::string our_psk{}, their_psk{};
@@ -60,7 +61,20 @@ const std::vector<std::string> kPskOptions = {"--psk", "shared"};
 std::vector<Case> Accepted() {
     return {
         {.name = "ECDSA P-256", .their_text = "ECDSA_WITH_SHA256_DER successful"},
-        {.name = "Ed25519", .their_text = "ED25519 successful", .key = KeyType::kEd25519},
+        {.name = "ECDSA P-384, identities by e-mail; CRL, soft",
+         .their_text = "ECDSA_WITH_SHA384_DER successful",
+         .key = KeyType::kEcP384,
+         .local_id = "email = \"client@example\"",
+         .remote_id = "email = \"gateway@example\"",
+         .rule = "crl = \"soft\"\n",
+         .their_client_id = "client@example",
+         .their_id = "gateway@example",
+         .crls = Crls::kPublished},
+        {.name = "Ed25519; ECP-384, AES-GCM",
+         .our_text = "AES-GCM-16-256, PRF HMAC-SHA-512, ECP-384",
+         .their_text = "ED25519 successful",
+         .key = KeyType::kEd25519,
+         .their_lines = "proposals = aes256gcm16-prfsha512-ecp384\n"},
         {.name = "RSA", .their_text = "RSA_EMSA_PKCS1_SHA2_256 successful", .key = KeyType::kRsa2048},
         {.name = "RSA-PSS",
          .our_text = "RSASSA-PSS",
@@ -174,6 +188,10 @@ std::vector<Case> Refused() {
          .their_text = told,
          .gateway_expired = true,
          .stale_gateway = true},
+        {.name = "our key is another one",
+         .our_verdict = they,
+         .their_text = "signature validation failed, looking for another key",
+         .pinned_client = true},
         {.name = "our signature is damaged",
          .our_verdict = they,
          .their_text = "signature validation failed",
@@ -300,7 +318,8 @@ class Pair {
         theirs.connection = "remote_addrs = 127.0.0.1\nremote_port = " + std::to_string(client_port) +
                             "\nchildless = force\n" + c_.their_lines + "local {\n auth = " + c_.their_auth +
                             (psk ? "" : "\n certs = gateway.pem") + "\n id = \"" + c_.their_id +
-                            "\"\n}\nremote {\n auth = " + c_.their_demand + "\n id = \"" + client + "\"\n}\n";
+                            "\"\n}\nremote {\n auth = " + c_.their_demand + "\n id = \"" + client + "\"\n" +
+                            (c_.pinned_client ? "certs = pinned.pem\n" : "") + "}\n";
         if (psk) {
             theirs.secrets = "ike-client {\n id = \"" + client + "\"\n secret = \"" + c_.their_psk + "\"\n}\n";
             return theirs;
@@ -308,6 +327,9 @@ class Pair {
         theirs.files = {{"x509/gateway.pem", gateway_cert_.Pem()},
                         {"private/gateway.pem", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(gateway_cert_.key))},
                         {"x509ca/root.pem", c_.three_clients ? second_.Pem() : root_.Pem()}};
+        if (c_.pinned_client) {
+            theirs.files.emplace_back("x509/pinned.pem", Host("client", "192.0.2.1", issuing_, false, 6).Pem());
+        }
         if (c_.they_have_issuing && !c_.three_clients) theirs.files.emplace_back("x509ca/issuing.pem", issuing_.Pem());
         return theirs;
     }

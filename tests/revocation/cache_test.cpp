@@ -32,10 +32,13 @@ class CrlCacheTest : public RevocationTest {
 TEST_F(CrlCacheTest, AChangeOfTheParametersAndTheModulesEndReachIt) {
     ASSERT_EQ(LPARAMS::server.cert.on_change.size(), 1U);
     const auto change = LPARAMS::server.cert.on_change[0];
-    Fill("/b");
+    Fill("/b", {.number = "\x0B"});
     vpnfc::SetCurrentTimeForTesting(kNow + 5);
-    Fill("/a");
+    Fill("/a", {.number = "\x0A"});
     EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    const auto listed = Listed();
+    ASSERT_EQ(listed.size(), 2U);
+    EXPECT_EQ(listed[0].second.crlNumber + listed[1].second.crlNumber, "0A0B");
     EXPECT_EQ(At(server_.Uri("/a"))->downloadedAt, CertTimeFrom_time_t(kNow + 5));
     change(true);
     EXPECT_FALSE(At(server_.Uri("/a"))->refresh);

@@ -5,10 +5,12 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "certmgr/cert_crltransfer.h"
 #include "certmgr/chain.h"
+#include "certmgr/records_sync.h"
 #include "tests/chain/chain_fixture.h"
 #include "tests/support/crl_servers.h"
 
@@ -87,6 +89,19 @@ class RevocationTest : public chain_test::ChainTest {
         const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
         for (const auto& [address, crl] : CM::g_crl_db) addresses.push_back(*address);
         return addresses;
+    }
+    /// What the module writes of its cache, read to the last byte.
+    static std::vector<std::pair<PKCS11::TokenInfo, CRLInfo>> Listed() {
+        std::string bytes;
+        CommandStreamOut out(bytes);
+        CM::EnumDownloadedCrlDB(out);
+        std::vector<std::pair<PKCS11::TokenInfo, CRLInfo>> listed;
+        for (CommandStreamIn in(bytes); !in.at_end();) {
+            auto& [token, info] = listed.emplace_back();
+            sync(in, token);
+            sync(in, info);
+        }
+        return listed;
     }
     std::uint64_t Transfers() const { return CM::g_crl_counters.transfers - transfers_before_; }
     std::uint64_t Parsed() const { return CM::g_crl_counters.parsed - parsed_before_; }

@@ -105,7 +105,7 @@ TEST_F(VerdictTest, ACrlIsCurrentBeforeItsNextUpdateOnly) {
 TEST_F(VerdictTest, AddressesAreTriedInOrderUntilOneYieldsACrl) {
     SetParams([](LPARAMS::CertParams& params) {
         params.crl_max_bytes = 1U << 20U;
-        params.crl_download_timeout_seconds = 1;
+        params.crl_download_timeout_seconds = 2;
     });
     const test_support::ReservedPort closed;
     const std::string here = server_.Uri("/first");

@@ -217,7 +217,10 @@ TEST_F(WaitingTest, OneTransferServesAllWhoNeedTheAddress) {
 // For the thread sanitizer above all.
 TEST_F(WaitingTest, ChecksAmongChangesOfTheCache) {
     using std::chrono::milliseconds;
-    SetParams([](LPARAMS::CertParams& params) { params.crl_cache_max_bytes = 4 * 400; });
+    SetParams([](LPARAMS::CertParams& params) {
+        params.crl_cache_max_bytes = 4 * 400;
+        params.crl_retry_seconds = 30;
+    });
     const Cert revoked = LeafAt("/4");
     std::vector<Cert> good;
     for (int i = 0; i < 5; ++i) {
@@ -225,18 +228,19 @@ TEST_F(WaitingTest, ChecksAmongChangesOfTheCache) {
         server_.Set(path, {.body = Crl(Listing(revoked)), .byte_interval = milliseconds(i == 0 ? 1 : 0)});
         good.push_back(LeafAt(path));
     }
+    const test_support::ReservedPort closed;
+    const Cert dead = Leaf({closed.Uri("http", "/a")});
     Start(16, [&](unsigned thread) {
         for (unsigned i = 0; i < 24; ++i) {
             const unsigned turn = (thread + i) % 12;
             if (turn == 0) CM::ClearDownloadedCrlDB();
             if (turn == 1) CM::cm_crl_apply_lparams_(false);
             if (turn == 2) {
-                std::string bytes;
-                CommandStreamOut stream(bytes);
-                CM::EnumDownloadedCrlDB(stream);
-                CM::DeleteDownloadedCrlDB({}, {});
+                const auto listed = Listed();
+                if (!listed.empty()) CM::DeleteDownloadedCrlDB(listed[0].first, listed[0].second);
             }
-            const Cert& checked = turn == 3 ? revoked : good[(thread * 7 + i) % good.size()];
+            const Cert& other = turn == 4 ? dead : good[(thread * 7 + i) % good.size()];
+            const Cert& checked = turn == 3 ? revoked : other;
             EXPECT_EQ(Passes(checked, kSoft), turn != 3);
         }
     });
