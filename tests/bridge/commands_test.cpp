@@ -190,6 +190,22 @@ TEST_F(CommandsTest, FilesAreImportedByIndex) {
     EXPECT_EQ(manager().ImportCrl(token, 0), 2U);
 }
 
+TEST_F(CommandsTest, ImportedKeysLeaveWhenTheyMay) {
+    const SecretString password(std::string("pass word"));
+    const auto export_key = [&](const ListedCert& cert) {
+        return manager().ExportCertificate(cert.token, cert.info,
+                                           {.format = 3, .password = &password, .with_private_key = true});
+    };
+    const auto file = export_key(Leaf());
+    for (const bool exportable : {false, true}) {
+        ASSERT_TRUE(manager().DeleteCertificate(Leaf().token, Leaf().info));
+        ASSERT_EQ(manager().OpenFile(file->bytes.get(), password)->certs.size(), 1U);
+        ASSERT_EQ(manager().ImportCertificate(token_->Info(), 0, {.mode = kImportPersonal, .exportable = exportable}),
+                  0U);
+        EXPECT_EQ(export_key(Leaf())->result, exportable ? 1U : 5U);
+    }
+}
+
 // A token that wants a login for what is public gets private sessions, any other none.
 TEST_F(CommandsTest, TheTokenSaysWhoWritesPublicObjects) {
     for (const bool login : {false, true}) {
@@ -329,6 +345,25 @@ TEST_F(CommandsTest, PresharedKeys) {
     EXPECT_EQ(manager().ListPresharedKeys()->size(), 2U);
     EXPECT_TRUE(manager().DeletePresharedKey(token, "branch"));
     EXPECT_EQ(manager().ListPresharedKeys()->size(), 1U);
+}
+
+TEST_F(CommandsTest, ARequestWhosePublicKeyIsNoneLeavesNoKey) {
+    const std::size_t before = ObjectsOnToken();
+    const auto gate = std::make_shared<vendor_host::Gate>();
+    token_->Block(vendor_host::Op::kGetPublicKey, gate);
+    auto made = std::async(std::launch::async, [&] {
+        return manager().MakeRequest(token_->Info(),
+                                     {.keyAlg = 4, .keyBits = 256, .hashAlg = 0x40000, .subject = "CN=x"});
+    });
+    ASSERT_TRUE(gate->WaitForArrivals(1));
+    EXPECT_EQ(ObjectsOnToken(), before + 1);
+    {
+        const auto state = token_->state().Lock();
+        for (auto& [id, pair] : state->keys) pair.spki = "no key";
+    }
+    gate->Open();
+    EXPECT_EQ(made.get()->result, 4U);
+    EXPECT_EQ(ObjectsOnToken(), before);
 }
 
 TEST_F(CommandsTest, SizesAndHashesOfRequests) {

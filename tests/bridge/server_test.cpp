@@ -317,8 +317,10 @@ TEST_F(ServerTest, QuestionsAreDecidedByTheFirstAnswer) {
     EXPECT_EQ(question(*second), number);
     const auto late = Connect(true);  // is asked, too
     EXPECT_EQ(question(*late), number);
-    EXPECT_FALSE(bystander->Answer(number, "mine"));
-    EXPECT_EQ(bystander->failure().code, Error::kStaleAnswer);
+    for (const auto& [client, asked] : {std::pair(bystander.get(), number), {first.get(), number + 1}}) {
+        EXPECT_FALSE(client->Answer(asked, "neither theirs nor asked"));
+        EXPECT_EQ(client->failure().code, Error::kStaleAnswer);
+    }
     EXPECT_TRUE(second->Answer(number, "second"));
     EXPECT_EQ(answer.get(), "second");
     for (Client* const other : {first.get(), late.get()}) {

@@ -95,6 +95,10 @@ TEST_F(SignTest, Ikev1SignsAReadyHash) {
         ASSERT_TRUE(Sign1(*cert, signature));
         EXPECT_TRUE(Verify1(*cert, signature));
         EXPECT_TRUE(vendor_host::Messages().empty()) << vendor_host::AllText();
+        if (type == KeyType::kRsa2048) {  // without a DigestInfo around it
+            EXPECT_TRUE(vendor_host::VerifyDigest(test_pki::MakeKey(type), PKI_KEY_RSA, kHash, signature));
+        }
+        EXPECT_FALSE(CM::IkeVerify(cert->get(), std::string(20, '?'), signature, ident_));
         signature.back() = static_cast<char>(signature.back() ^ 1);
         EXPECT_FALSE(Verify1(*cert, signature));
     }

@@ -109,6 +109,7 @@ TEST_F(Requests, ReadBackAsAsked) {
         info.ipAddress = address;
         info.email = *address != '\0' ? "a@b.example" : "";
         info.upn = *address != '\0' ? "Üser@b.example" : "";
+        info.keyGenFlag = *address != '\0';
         std::string pem;
         ASSERT_EQ(CMT_MakeCertRequest(token_.info, info, pem), 0U);
         CertRequestInfo read;
@@ -120,7 +121,11 @@ TEST_F(Requests, ReadBackAsAsked) {
         EXPECT_EQ(texts(read), texts(info));
         EXPECT_EQ(read.keyBits, 256U);
         EXPECT_EQ(read.extKeyUsage, "1.3.6.1.5.5.7.3.17, 1.2.3.4");
-        EXPECT_TRUE(KeyOnToken(spki));
+        PKCS11::TokenSession session(token_.info, PKCS11::TokenSession::kPrivate);
+        std::string id;
+        std::string pkcs8;
+        EXPECT_TRUE(session.ContainPubKeyObject(spki, &id));
+        EXPECT_EQ(session.ExportPrivateKey(id, pkcs8), info.keyGenFlag);
         const std::string path = directory_ / "request.pem";
         std::ofstream(path) << pem;
         const std::string text = test_support::Run({"openssl", "req", "-text", "-noout", "-in", path}).out;

@@ -131,13 +131,14 @@ TEST_F(LifecycleTest, ReadersGoOnWhileATokenIsRead) {
     token_->AddCertificate(MakeCa("CN=Second").der, {.trusted = true});
     FireInsert(*token_);
     ASSERT_TRUE(gate->WaitForArrivals(1));
-    {
+    const auto count = [] {
         const vpnfc::ReadLock lock(store());
-        EXPECT_EQ(store().trustedCerts.size(), 1U);
-    }
+        return store().trustedCerts.size();
+    };
+    EXPECT_EQ(count(), 1U);
     gate->Open();
-    store().WaitReloadDone();
-    EXPECT_EQ(store().trustedCerts.size(), 2U);
+    store().WaitReloadDone();  // false when it is done already
+    EXPECT_EQ(count(), 2U);
     ASSERT_TRUE(vendor_host::WaitEventsIdle());
 }
 

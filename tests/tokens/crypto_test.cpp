@@ -135,6 +135,16 @@ TEST_F(Crypto, VerifiesWithMoreKeysThanAreRemembered) {
     EXPECT_FALSE(other.ContainPubKeyObject(test_pki::Spki(test_pki::MakeKey(KeyType::kEd25519, 69))));
 }
 
+TEST_F(Crypto, MadeKeysLeaveTheTokenWhenTheyMay) {
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    for (const bool exportable : {false, true}) {
+        const std::string id = exportable ? "may" : "stays";
+        ASSERT_TRUE(session.GenerateKeyPair(PKI_KEY_EC, 256, id, exportable));
+        std::string pkcs8;
+        EXPECT_EQ(session.ExportPrivateKey(id, pkcs8), exportable);
+    }
+}
+
 TEST_F(Crypto, RefusesKeysThatNobodyMakes) {
     ErrorLog errors;
     TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);

@@ -66,12 +66,16 @@ TEST_F(Threads, WorkGoesOnWhileTheSettingsAreReloaded) {
 // while they are called.
 TEST_F(Threads, TokensAndTheManagerComeAndGoUnderLoad) {
     AlwaysWorks([&] {
+        const std::jthread replacing([&](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                reports_.Remove();
+                reports_.Install();
+            }
+        });
         for (int i = 0; i < 5; ++i) {
             control_.Set({"hide one"});
             EXPECT_TRUE(WaitUntilListed("one", false));
-            reports_.Remove();
             control_.Set({});
-            reports_.Install();
             EXPECT_TRUE(WaitUntilListed("one"));
         }
         for (int i = 0; i < 3; ++i) {

@@ -41,21 +41,50 @@ std::string OutputOf(const std::vector<std::string>& command) {
     return result.out;
 }
 
-TEST(ModuleSymbols, ExportsTheDeclaredInterfaceAndNothingElse) {
-    const std::string headers = HeadersWithoutComments();
-    const Names words = Collect(headers, "(\\w+)");
+/// What the headers say: the marked functions and variables, the marked classes, and where these may stand.
+struct Interface {
+    std::string headers = HeadersWithoutComments();
+    Names words = Collect(headers, "(\\w+)");
     // The declared name stands before the first parenthesis, or before the end of a variable.
-    const Names marked = Collect(headers, "\\n *(?:extern )?CM_API [^;({]*?(\\w+)\\s*[(;]");
-    ASSERT_GT(marked.size(), 80U);
-    const std::string symbols = OutputOf({"nm", "-D", "-C", "--defined-only", TEST_MODULE});
-    // "address type scopes::name(arguments)": the first name that a parenthesis or the line's end follows.
-    const Names exported =
-        Collect(symbols, "[^\n]{19}[^\n(]*?(\\w+|operator[^\n\\w]+)(?:\\[abi:\\w+\\])?(?:\\([^\n]*)?\n");
-    for (const std::string& name : exported) {
-        EXPECT_TRUE(words.contains(name) || name.starts_with("operator")) << name << " is exported and not declared";
+    Names marked = Collect(headers, "\\n *(?:extern )?CM_API [^;({]*?(\\w+)\\s*[(;]");
+    Names classes = Collect(headers, "(?:class|struct) CM_API (\\w+)");
+    Names namespaces = Collect(headers, "namespace ([\\w:]+)");
+};
+
+/// The last name of "scopes::name(arguments)" when it is declared; of a template or what stands inside a function, none.
+std::string DeclaredName(const std::string& symbol, const Interface& declared) {
+    static const std::regex form(
+        "(?:[a-z ]+ for )?(?:([\\w:]*?)(\\w+)::)?~?(\\w+|operator[^\\w{]+)(?:\\[abi:\\w+\\])?(?:\\([^{]*)?");
+    std::smatch parts;
+    if (!std::regex_match(symbol, parts, form)) return {};
+    const std::string scope = parts[2];
+    const std::string name = parts[3];
+    if (declared.classes.contains(scope)) {
+        return declared.words.contains(name) || name.starts_with("operator") ? name : "";
     }
-    for (const std::string& name : marked) EXPECT_TRUE(exported.contains(name)) << name << " is declared and not there";
-    EXPECT_EQ(Collect("\n" + symbols, "\n[^\n]{19}([^\n(]*<)"), Names()) << "templates are nobody's interface";
+    const bool outside = scope.empty() || declared.namespaces.contains(parts[1].str() + scope);
+    return outside && (declared.marked.contains(name) || declared.classes.contains(name)) ? name : "";
+}
+
+TEST(ModuleSymbols, ExportsTheDeclaredInterfaceAndNothingElse) {
+    const Interface declared;
+    ASSERT_GT(declared.marked.size(), 80U);
+    Names exported;
+    // "address type symbol"
+    for (const std::string& symbol :
+         Collect(OutputOf({"nm", "-D", "-C", "--defined-only", TEST_MODULE}), "[^\n]{19}([^\n]+)")) {
+        const std::string name = DeclaredName(symbol, declared);
+        EXPECT_NE(name, "") << symbol << " is exported and not declared";
+        exported.insert(name);
+    }
+    for (const std::string& name : declared.marked) {
+        EXPECT_TRUE(exported.contains(name)) << name << " is declared and not there";
+    }
+    for (const char* foreign :
+         {"CM::Undeclared()", "CM::CertIndex::Find(int)", "CM::CertStorage::Reload()::{lambda()#1}::operator()() const",
+          "std::vector<CM::X509Cert*>::push_back(CM::X509Cert*&&)"}) {
+        EXPECT_EQ(DeclaredName(foreign, declared), "") << foreign;
+    }
 }
 
 TEST(ModuleSymbols, NeedsNoLibraryButTheDocumentedOnes) {

@@ -219,10 +219,6 @@ class Token {
     void AddKeyPair(const std::string& id, const KeyPtr& key, cert_time64_t not_after = CERT_TIME_UNKNOWN) {
         state_->keys[id] = {key, KeyAlgOf(key), SpkiOf(key), not_after};
     }
-    /// A key pair known by its description alone (an algorithm libcrypto lacks).
-    void AddForeignKeyPair(const std::string& id, pki_alg_t alg, const std::string& spki) {
-        state_->keys[id] = {nullptr, alg, spki};
-    }
     /// Certificate (category 1 unless the options say otherwise) and key pair with one identifier.
     std::string AddPersonal(const std::string& der, const KeyPtr& key, CertOptions options = {});
     /// Any object as the enumeration shall show it, in order with the certificates.
@@ -236,7 +232,6 @@ class Token {
     std::vector<PKCS11::CertObject> CertObjects() const { return state_->ListCerts(); }
     std::vector<PKCS11::CRLObject> CrlObjects() const { return state_->crls; }
     std::vector<std::string> PresharedKeyNames() const;
-    bool HasKeyPair(const std::string& id) const { return state_->keys.contains(id); }
 
     // Behaviour.
     void SetAlgorithms(const std::set<pki_alg_t>& algorithms) { state_->algorithms = algorithms; }
