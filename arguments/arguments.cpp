@@ -63,7 +63,8 @@ std::string Option::description() const {
 
 std::vector<std::string> Option::words() const {
     try {
-        return CLI::detail::split(option_->get_validator(0)->get_name(), kBar);
+        const std::string words = option_->get_validator(0)->get_name();
+        return words.empty() ? std::vector<std::string>{} : CLI::detail::split(words, kBar);
     } catch (const CLI::OptionNotFound&) {
         return {};
     }

@@ -1,5 +1,4 @@
-// What the engine's units share: the started engine's library context and digests, and
-// small readers of ASN.1 values.
+// What the engine's units share: the started engine's library context and digests, and small readers of ASN.1 values.
 #pragma once
 
 #include <openssl/asn1.h>

@@ -21,8 +21,6 @@ namespace CM {
 
 namespace {
 
-/// CKA_CERTIFICATE_CATEGORY of a certificate that belongs to the token's user.
-
 using PresharedKeys = std::vector<std::unique_ptr<PresharedKey>>;
 
 /// Names of `keys` that find no partner of the same name in `others`; each partner serves once.

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "certmgr/cert_crltransfer.h"
 #include "certmgr/cert_crlfetch.h"
+#include "certmgr/cert_crltransfer.h"
 #include "certmgr/cert_findcrl.h"
 #include "certmgr/cert_log.h"
 #include "certmgr/chain.h"

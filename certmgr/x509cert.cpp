@@ -233,6 +233,10 @@ bool X509Cert::MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const
            (pattern.sha1.empty() || fingerprints().sha1 == pattern.sha1);
 }
 
+ValidityCheck X509Cert::PrivKeyCheckValidFromTo() const {
+    return PrivKeyCheckValidFromTo(CertTimeNow());
+}
+
 ValidityCheck X509Cert::PrivKeyCheckValidFromTo(cert_time64_t moment) const {
     const ValidityCheck of_certificate = CheckValidity(info, moment);
     return of_certificate == kValid && privKeyNotAfter < moment ? kPrivateKeyExpired : of_certificate;

@@ -96,7 +96,7 @@ int Run(const std::string& path) {
     }
     const int code = Serve(host, signals);
     if (!host.Stop()) {
-        LogLine("something that was begun does not end; certmgrd leaves it");
+        TLogMessage(kMsgInternalError).Attr("something that was begun does not end; certmgrd leaves it").Send();
         vpnhost::LeaveAtOnce(kExitFailure);
     }
     return code;

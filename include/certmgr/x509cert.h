@@ -84,8 +84,9 @@ class CM_API X509Cert : public vpnfc::ObjectLevelLockable {
     CertImportStatus CanBeUsed() const;
     /// All set fields of the pattern must match. `alg` restricts the key algorithm when the pattern names none.
     bool MatchToPattern(const LPCFG::cert_t& pattern, pki_alg_t alg) const;
-    /// Validity of the certificate and of its private key at a moment.
-    ValidityCheck PrivKeyCheckValidFromTo(cert_time64_t moment = CertTimeNow()) const;
+    /// Validity of the certificate and of its private key, now or at a moment.
+    ValidityCheck PrivKeyCheckValidFromTo() const;
+    ValidityCheck PrivKeyCheckValidFromTo(cert_time64_t moment) const;
     /// Verifies this certificate's signature with the issuer's key on a token. Wrong also when the algorithm that is
     /// signed is not the one that is named beside the signature (RFC 5280, 4.1.1.2 and 5.1.1.2 for a CRL). `definite` (may
     /// be null): whether the answer would be the same the next time; that of a token in trouble need not be.

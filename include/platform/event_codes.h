@@ -80,6 +80,7 @@ enum EventCode : std::uint16_t {
     kMsgSettingsWarning = 212,
     kMsgStartFailed = 213,
     kMsgDaemon = 220,
+    kMsgInternalError = 221,  // what the process goes on after, or ends for
     kMsgBridgeReady = 230,
     kMsgBridgeClientRefused = 231,
     kMsgBridgeClientDropped = 232,

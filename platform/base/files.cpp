@@ -78,7 +78,9 @@ ReadResult ReadToEnd(int fd, std::size_t max_bytes, SecretString& content) {
     while (bytes.size() <= max_bytes) {
         const std::size_t size = bytes.size();
         if (size == bytes.capacity()) Reserve(content, 2 * size + kChunk);
-        bytes.resize(std::min(bytes.capacity(), max_bytes + 1));
+        const std::size_t room =
+            regular ? bytes.capacity() : size + kChunk;  // what a pipe does not fill is cleared in vain
+        bytes.resize(std::min({bytes.capacity(), room, max_bytes + 1}));
         const ssize_t count = Read(fd, bytes.data() + size, bytes.size() - size);
         bytes.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
         if (count <= 0) return count < 0 ? ReadResult::kFailed : ReadResult::kRead;
@@ -87,11 +89,11 @@ ReadResult ReadToEnd(int fd, std::size_t max_bytes, SecretString& content) {
 }
 
 ReadResult ReadLine(int fd, std::size_t max_bytes, SecretString& line, bool& any) {
-    Reserve(line, max_bytes + 1);
+    Reserve(line, max_bytes + 2);
     std::string& bytes = line.edit();
     char byte = 0;
     any = false;
-    while (bytes.size() <= max_bytes) {
+    while (bytes.size() < max_bytes + 2) {  // with the CR of its end
         const ssize_t count = Read(fd, &byte, 1);
         if (count < 0) return ReadResult::kFailed;
         any = any || count > 0;
@@ -109,6 +111,7 @@ bool ReadSecretLine(const std::string& path, SecretFile kind, std::size_t max_by
     bool any = false;
     switch (ReadLine(file.get(), max_bytes, line, any)) {
         case ReadResult::kRead:
+            line.edit().resize(std::min(line.get().find('\r'), line.get().size()));  // the only end in some old files
             return true;
         case ReadResult::kTooLong:
             error = path + ": the first line has more than " + std::to_string(max_bytes) + " bytes";

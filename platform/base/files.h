@@ -30,7 +30,7 @@ enum class SecretFile : std::uint8_t {
     kOwn,  // regular, of this user, no link: what settings name
     kAny,  // pipes, too: what the user of a program names
 };
-/// The first line of a file that nobody else can read or write; it may be empty. False, with a text that begins with the
+/// The first line, up to any line end, of a file that nobody else can read or write; it may be empty. False, with a text that begins with the
 /// path.
 PLATFORM_API bool ReadSecretLine(const std::string& path, SecretFile kind, std::size_t max_bytes, SecretString& line,
                                  std::string& error);

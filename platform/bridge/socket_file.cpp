@@ -14,6 +14,7 @@
 
 #include "platform/base/files.h"
 #include "platform/base/socket_address.h"
+
 namespace bridge {
 namespace {
 

@@ -86,6 +86,7 @@ constexpr Wording kCatalogue[] = {
     {kMsgSettingsWarning, kWarning, "Settings: %1"},
     {kMsgStartFailed, kError, "Cannot start: %1"},
     {kMsgDaemon, kInfo, "%1"},
+    {kMsgInternalError, kError, "Internal error: %1"},
     {kMsgBridgeReady, kInfo, "Management bridge ready: %1"},
     {kMsgBridgeClientRefused, kWarning, "Management client refused: %1"},
     {kMsgBridgeClientDropped, kWarning, "Management client dropped: %1"},

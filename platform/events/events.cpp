@@ -45,6 +45,14 @@ struct ItemLess {
     bool operator()(const Item& a, const Item& b) const { return a.Key() < b.Key(); }
 };
 
+void LogFailure(const char* what) noexcept {
+    try {
+        TLogMessage(kMsgInternalError).Attr(std::string("an event handler failed: ") + what).Send();
+    } catch (...) {  // no memory for a line of log
+        return;
+    }
+}
+
 class EventManager {
   public:
     void Arm(const Item& item, unsigned long delay);
@@ -186,9 +194,9 @@ bool EventManager::RunGuarded() noexcept {
         io_.run();
         return true;
     } catch (const std::exception& error) {
-        TLogMessage(kMsgDaemon).Attr(std::string("an event handler failed: ") + error.what()).Send();
+        LogFailure(error.what());
     } catch (...) {
-        TLogMessage(kMsgDaemon).Attr("an event handler failed").Send();
+        LogFailure("of an unknown kind");
     }
     return false;
 }

@@ -141,13 +141,23 @@ void ModuleMonitor::Join() {
     thread_.get_id() == std::this_thread::get_id() ? thread_.detach() : thread_.join();
 }
 
-void ModuleMonitor::Guarded(const std::function<void()>& work) const noexcept {
+bool ModuleMonitor::Guarded(const std::function<void()>& work) const noexcept {
     try {
         work();
+        return true;
     } catch (const std::exception& error) {
-        Log(kMsgTokenError, provider_.name + ": " + error.what());
+        LogFailure(error.what());
     } catch (...) {
-        Log(kMsgTokenError, provider_.name + ": a callback failed");
+        LogFailure("a callback failed");
+    }
+    return false;
+}
+
+void ModuleMonitor::LogFailure(const char* what) const noexcept {
+    try {
+        Log(kMsgTokenError, provider_.name + ": " + what);
+    } catch (...) {  // no memory for a line of log
+        return;
     }
 }
 
@@ -170,7 +180,9 @@ void ModuleMonitor::Main() {
             looks_done_ = wanted;
             looked_.notify_all();
         }
-        Guarded([this] { Sleep(); });
+        if (Guarded([this] { Sleep(); })) continue;
+        std::unique_lock lock(mutex_);
+        wake_.wait_for(lock, kEventInterval, [this] { return stopping_; });
     }
     Guarded([this] { ShutDown(); });
 }

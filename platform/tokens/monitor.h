@@ -82,7 +82,8 @@ class ModuleMonitor : public std::enable_shared_from_this<ModuleMonitor> {
     explicit ModuleMonitor(Provider provider) : provider_(std::move(provider)) { info_.name = provider_.name; }
     void NoteStuck(const char* function);
     /// What a callback throws, or a shortage of memory, ends `work`, not the process.
-    void Guarded(const std::function<void()>& work) const noexcept;
+    bool Guarded(const std::function<void()>& work) const noexcept;
+    void LogFailure(const char* what) const noexcept;
     void Main();
     void Sleep();
     bool SlotEventPending();

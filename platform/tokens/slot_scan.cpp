@@ -53,6 +53,11 @@ bool SaysGone(CK_RV rv) {
     return IsAbsent(rv) || rv == CKR_TOKEN_NOT_RECOGNIZED;
 }
 
+/// Whether the token was taken out since the session was opened, though it may be there again.
+bool SaysSessionGone(CK_RV rv) {
+    return SaysGone(rv) || rv == CKR_SESSION_HANDLE_INVALID || rv == CKR_SESSION_CLOSED;
+}
+
 /// The login state through the watching session, opened first where there is none.
 Result WatchLogin(const Token& token, SessionPtr& session, LoginState& state) {
     if (session == nullptr) {
@@ -92,14 +97,15 @@ class Scan {
     }
 
   private:
-    /// A token that could not be asked stays as it was; when the next look fails, too, it is gone.
-    void KeepOnce(const TokenPtr& token) {
-        if (token == nullptr || token->removed() || !token->DoubtOnce()) return;
+    /// A token that could not be asked stays as it was; when the next look fails, too, it is gone: false.
+    bool KeepOnce(const TokenPtr& token) {
+        if (token == nullptr || token->removed() || !token->DoubtOnce()) return false;
         SeenToken seen{token};
         seen.login_changes = token->login_changes();
         seen.login_state = token->login_state();
         seen.info = token->Info();
         outcome_.tokens.push_back(std::move(seen));
+        return true;
     }
 
     Result Look(CK_SLOT_ID slot) {
@@ -112,27 +118,35 @@ class Scan {
         if (!result.ok() || (token_info.flags & CKF_TOKEN_INITIALIZED) == 0) return result;
         SeenToken seen;
         seen.info = MakeInfo(provider_, slot_info, token_info);
-        if (seen.info.id == 0) return {"EVP_Digest", CKR_HOST_MEMORY};
-        if (known != nullptr && known->id() == seen.info.id) {
-            known->EndDoubt();
+        if (seen.info.id == 0) {
+            KeepOnce(known);
+            return {"EVP_Digest", CKR_HOST_MEMORY};
+        }
+        const bool same = known != nullptr && known->id() == seen.info.id;
+        if (same) {
             seen.token = known;
-            if (WatchKnown(seen)) {
+            result = WatchKnown(seen);
+            if (result.ok()) {
+                known->EndDoubt();
                 outcome_.tokens.push_back(std::move(seen));
                 return {};
             }
+            if (!SaysSessionGone(result.rv) && KeepOnce(known)) return result;
         }
-        return LookAtNew(slot, std::move(seen));
+        result = LookAtNew(slot, std::move(seen));
+        if (same && !result.ok() && !SaysGone(result.rv)) KeepOnce(known);
+        return result;
     }
 
-    /// False when the token was taken out and put back: the session on it is gone.
-    static bool WatchKnown(SeenToken& seen) {
+    /// Fails when the session on the token is gone, as after it was taken out and put back.
+    static Result WatchKnown(SeenToken& seen) {
         SessionPtr session = seen.token->watch_session();
         const bool watched = session != nullptr;
         seen.login_changes = seen.token->login_changes();
         seen.info.holdsTrusted = !seen.info.writeProtected && !seen.token->mechanisms().empty();
         const Result result = WatchLogin(*seen.token, session, seen.login_state);
         if (result.ok() && !watched) seen.token->SetWatchSession(session);
-        return result.ok() || !watched;
+        return watched ? result : Result{};
     }
 
     Result LookAtNew(CK_SLOT_ID slot, SeenToken seen) {

@@ -401,15 +401,6 @@ CK_RV GetFunctionList(CK_FUNCTION_LIST** list);
             return UsesLeftOut(#function, rest...) ? CKR_MECHANISM_INVALID : g_module->function(first, rest...); \
         });                                                                                                      \
     };
-#define EACH_SESSION_FUNCTION(X)                                                                             \
-    X(C_CloseSession)                                                                                        \
-    X(C_InitPIN)                                                                                             \
-    X(C_SetPIN)                                                                                              \
-    X(C_GetSessionInfo) X(C_Login) X(C_Logout) X(C_CreateObject) X(C_DestroyObject) X(C_GetAttributeValue)   \
-        X(C_FindObjectsInit) X(C_FindObjectsFinal) X(C_EncryptInit) X(C_Encrypt) X(C_DigestInit) X(C_Digest) \
-            X(C_SignInit) X(C_Sign) X(C_VerifyInit) X(C_Verify) X(C_VerifyRecoverInit) X(C_VerifyRecover)    \
-                X(C_GenerateKey) X(C_GenerateKeyPair) X(C_SeedRandom)
-#define ON_SESSION(function) ON(Session, function)
 
 /// The functions that the token manager calls; the others are not there.
 CK_FUNCTION_LIST MakeList() {
@@ -428,7 +419,30 @@ CK_FUNCTION_LIST MakeList() {
     list.C_FindObjects = FindObjects;
     ON(Slot, C_GetSlotInfo)
     ON(Slot, C_InitToken)
-    EACH_SESSION_FUNCTION(ON_SESSION)
+    ON(Session, C_CloseSession)
+    ON(Session, C_InitPIN)
+    ON(Session, C_SetPIN)
+    ON(Session, C_GetSessionInfo)
+    ON(Session, C_Login)
+    ON(Session, C_Logout)
+    ON(Session, C_CreateObject)
+    ON(Session, C_DestroyObject)
+    ON(Session, C_GetAttributeValue)
+    ON(Session, C_FindObjectsInit)
+    ON(Session, C_FindObjectsFinal)
+    ON(Session, C_EncryptInit)
+    ON(Session, C_Encrypt)
+    ON(Session, C_DigestInit)
+    ON(Session, C_Digest)
+    ON(Session, C_SignInit)
+    ON(Session, C_Sign)
+    ON(Session, C_VerifyInit)
+    ON(Session, C_Verify)
+    ON(Session, C_VerifyRecoverInit)
+    ON(Session, C_VerifyRecover)
+    ON(Session, C_GenerateKey)
+    ON(Session, C_GenerateKeyPair)
+    ON(Session, C_SeedRandom)
     return list;
 }
 
