@@ -96,7 +96,7 @@ class cm_VerifyCertChainTask {
     const std::list<LPCFG::cert_t>& trust_;
     const bool check_trust_;
     const cert_time64_t now_;
-    const TLogIdent& ident_;
+    TLogIdent ident_;
     std::map<std::pair<const X509Cert*, const X509Cert*>, RefusalId> checked_;  // by certificate and issuer
 };
 
