@@ -123,8 +123,8 @@ bool EcdsaToDer(const std::string& numbers, std::size_t number_bytes, std::strin
     Number r(BN_bin2bn(bytes, width, nullptr));
     Number s(BN_bin2bn(bytes + number_bytes, width, nullptr));
     if (!signature || !r || !s || ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1) return false;
-    r.release();  // they are the signature's now
-    s.release();
+    static_cast<void>(r.release());  // they are the signature's now
+    static_cast<void>(s.release());
     der = libcrypto::Encode(signature.get(), i2d_ECDSA_SIG);
     return !der.empty();
 }
