@@ -81,6 +81,7 @@ const Object& OnlyOf(const std::vector<const Object*>& best, const std::string& 
                      Describe describe) {
     if (best.size() == 1) return *best.front();
     std::vector<std::string> lines;
+    lines.reserve(best.size() + 1);
     for (const Object* object : best) lines.push_back("  " + describe(*object));
     lines.emplace_back("Use more of the name, or --token where they are on several tokens.");
     throw Failure(kExitAmbiguous, "\"" + name + "\" can be any of " + Counted(best.size(), what), lines);
@@ -121,6 +122,7 @@ void FoldDownloads(std::vector<ListedCrl>& crls) {
 
 std::vector<std::string> LabelsOf(const std::vector<TokenInfo>& tokens) {
     std::vector<std::string> lines;
+    lines.reserve(tokens.size());
     for (const TokenInfo& token : tokens) lines.push_back("  \"" + token.label + "\"");
     return lines;
 }

@@ -42,7 +42,7 @@ std::string NameOf(const CertInfo& info) {
 }
 
 std::string ShortNameOf(const CertInfo& info) {
-    const std::string name = NameOf(info);
+    std::string name = NameOf(info);
     const std::size_t begin = name.starts_with("CN=") ? 0 : name.find(", CN=");
     if (begin == std::string::npos) return name;
     const std::size_t value = name.find('=', begin) + 1;
