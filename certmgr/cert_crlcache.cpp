@@ -159,7 +159,7 @@ bool KnownIsBetter(const CrlRequest& request, const CrlRef& crl) {
            known->scope() == crl->scope();
 }
 
-/// 3.4. and 3.5. The answer as it is for this issuer: a CRL that it has signed is kept, another one is none.
+/// The answer as it is for this issuer: a CRL that it has signed is kept, another one is none.
 CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
     if (answer.crl == nullptr) return answer;
     bool definite = false;
@@ -278,14 +278,12 @@ int FiniDownloadedCrlDB() {
 }
 
 void cm_crl_apply_lparams_(bool first) {
-    // 1.
     if (first) return;
-    // 2.
     if (!CrlParams::Read().keep) {
         ClearDownloadedCrlDB();
         return;
     }
-    // 3. What failed may work now.
+    // What failed may work now.
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     for (const auto& [uri, crl] : g_crl_db) crl->refresh = true;
     g_failures.Clear();

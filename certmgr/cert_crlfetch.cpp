@@ -277,15 +277,13 @@ std::uint64_t TransferSocket::BytesReceived() const {
 const std::string& cm_crl_tune_uri_source_addr_(const std::string& uri, const std::string& default_server,
                                                 std::string& work) {
     constexpr std::string_view kAfterScheme = "://";
-    // 1.
     const std::size_t scheme_end = default_server.find(kAfterScheme);
     if (scheme_end == std::string::npos) return uri;
-    // 2. An address with a host stays.
+    // An address with a host stays.
     const std::size_t host = scheme_end + kAfterScheme.size();
     if (uri.size() <= host || uri[host] != '/') return uri;
-    // 3. So does one of another scheme.
+    // So does one of another scheme.
     if (!StartsWithoutCase(uri, std::string_view(default_server).substr(0, host))) return uri;
-    // 4.
     work = default_server;
     work.append(uri, host);
     return work;

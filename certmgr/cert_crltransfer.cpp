@@ -38,11 +38,9 @@ CrlRef Decode(std::string data, const std::vector<CrlRef>& known) {
     using cert_engine::SharedBytes;
     const cert_engine::ErrorMark mark;
     const auto known_or_parsed = [&known](const SharedBytes& der) -> CrlRef {
-        // 3.2.
         const auto same = [&der](const CrlRef& crl) { return crl != nullptr && crl->rawCrl() == *der; };
         const auto found = std::find_if(known.begin(), known.end(), same);
         if (found != known.end()) return *found;
-        // 3.3.
         void* const handle = cert_engine::CreateCrlHandle(der);
         if (handle == nullptr) return nullptr;
         ++g_crl_counters.parsed;
@@ -72,7 +70,6 @@ CrlAnswer Transfer(const CrlRequest& request) {
     log_content_type_(answer.received, content_type);
     log_data_(answer.received, data);
     const auto because = [&note](const char* text) { return note.empty() ? text : std::string(text) + ": " + note; };
-    // 3.1.
     if (!received || data.empty()) {
         answer.outcome = because("no data");
         return answer;
@@ -84,7 +81,6 @@ CrlAnswer Transfer(const CrlRequest& request) {
     } else if (std::find(known.begin(), known.end(), answer.crl) != known.end()) {
         answer.outcome = "CRL not changed, first downloaded at: " + CertTimeToString(answer.crl->downloadedAt);
     } else {
-        // 3.5.
         answer.crl->uri = request.address;
         answer.outcome = "CRL downloaded";
     }

@@ -138,7 +138,7 @@ bool RevocationCheck::Run() {
     return !strict_;
 }
 
-/// 1. Addresses that would only cost time and memory are left out.
+/// Addresses that would only cost time and memory are left out.
 void RevocationCheck::CompleteAddresses() {
     const std::vector<std::string>& named = cert_.names().crlUris;
     addresses_.reserve(std::min(named.size(), kMaxAddresses));
@@ -160,7 +160,7 @@ void RevocationCheck::CompleteAddresses() {
     }
 }
 
-/// 1. and 2. The first address that has a CRL of the issuer's in the cache gives it. Where that does not cover the
+/// The first address that has a CRL of the issuer's in the cache gives it. Where that does not cover the
 /// certificate, the next one does.
 Finding RevocationCheck::JudgeCached() {
     for (Address& address : addresses_) {
@@ -179,7 +179,7 @@ Finding RevocationCheck::JudgeCached() {
     return Finding::kOpen;
 }
 
-/// 3. The addresses in order, until one yields a CRL that covers the certificate.
+/// The addresses in order, until one yields a CRL that covers the certificate.
 Finding RevocationCheck::JudgeDownloaded() {
     for (const Address& address : addresses_) {
         if (address.done) continue;
@@ -189,7 +189,7 @@ Finding RevocationCheck::JudgeDownloaded() {
         if (answer.crl == nullptr) continue;
         const Finding finding = Judge(*answer.crl, false);
         if (finding == Finding::kOpen && answer.crl != known_) continue;
-        // 3.5. It takes the place of what another address had given.
+        // It takes the place of what another address had given.
         if (known_ != nullptr && answer.crl != known_ && answer.kept) DropCachedCrl(known_);
         known_ = nullptr;
         if (finding != Finding::kOpen) return finding;
@@ -197,7 +197,7 @@ Finding RevocationCheck::JudgeDownloaded() {
     return Finding::kOpen;
 }
 
-/// 4. The store's CRL goes before one of the cache that could not be renewed; where either is used as it is, the newer
+/// The store's CRL goes before one of the cache that could not be renewed; where either is used as it is, the newer
 /// one does. A mark asks for one transfer: those who only waited for it, and it failed, find none any more.
 Finding RevocationCheck::JudgeStored() {
     if (known_marked_ && !known_asked_for_) known_marked_ = IsMarked(*known_);
@@ -225,12 +225,10 @@ Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
     // What does not cover the certificate counts as not there, but for what it lists.
     std::string why_not;
     const bool covers = !params_.honour_scope || CrlCanClear(crl, crl.uri, cert_, why_not);
-    // 5.
     if (covers && strict_ && (marked || crl.info.nextUpdate <= CertTimeNow())) {
         Log(kMsgCrlNotCurrent, cert_, crl);
         return Finding::kNotCurrent;
     }
-    // 6.
     RevokedEntry entry;
     if (crl.FindRevoked(cert_, entry)) {
         Log(kMsgCertRevoked, cert_, entry, crl);
@@ -287,18 +285,14 @@ bool CertVerifyRevocation(const X509Cert* cert, const X509Cert* issuer, LPARAMS:
 
 bool CertChainVerifyRevocation(const std::vector<X509Cert*>& chain, LPARAMS::CRL_PROC_t mode,
                                const std::string& default_crl_server, std::string* reason, const TLogIdent& ident) {
-    // 1.
     if (mode == LPARAMS::CRL_PROC_DISABLED) return true;
-    // 2.
     for (std::size_t i = 0; i < chain.size(); ++i) {
         const X509Cert* const cert = chain[i];
         const X509Cert* const issuer = i + 1 < chain.size() ? chain[i + 1] : cert;
         if (cert->names().crlUris.empty()) {
-            // 2.2.
             if (mode == LPARAMS::CRL_PROC_ENABLED && !cert->selfSigned) LogNoDistributionPoint(*cert, ident);
             continue;
         }
-        // 2.1.
         if (!HasKeyUsage(issuer, kKeyUsageCrlSign, ident)) {
             *reason = "Revocation cannot be checked, issuer[" + std::to_string(i) +
                       "] does not contain required key usage: CRL Signing";
@@ -309,7 +303,6 @@ bool CertChainVerifyRevocation(const std::vector<X509Cert*>& chain, LPARAMS::CRL
             return false;
         }
     }
-    // 3.
     return true;
 }
 

@@ -78,8 +78,8 @@ ReadResult ReadToEnd(int fd, std::size_t max_bytes, SecretString& content) {
     while (bytes.size() <= max_bytes) {
         const std::size_t size = bytes.size();
         if (size == bytes.capacity()) Reserve(content, 2 * size + kChunk);
-        const std::size_t room =
-            regular ? bytes.capacity() : size + kChunk;  // what a pipe does not fill is cleared in vain
+        // Room is cleared before it is read into; a pipe fills little at a time.
+        const std::size_t room = regular ? bytes.capacity() : size + kChunk;
         bytes.resize(std::min({bytes.capacity(), room, max_bytes + 1}));
         const ssize_t count = Read(fd, bytes.data() + size, bytes.size() - size);
         bytes.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/event_codes.h"
-#include "platform/eventlog.h"
+#include "platform/eventlog/guarded.h"
 
 namespace bridge {
 namespace {
@@ -86,14 +86,8 @@ bool Server::Start(std::string& error) {
 
 void Server::Run() {
     pthread_setname_np(pthread_self(), "bridge");
-    while (true) {
-        try {
-            io_.run();
-            return;
-        } catch (const std::exception& error) {
-            TLogMessage(kMsgBridgeCommandFailed).Attr(error.what()).Send();  // no memory: the client at hand loses
-        }
-    }
+    // No memory, most likely: the client at hand loses.
+    while (!eventlog::Guarded(kMsgBridgeCommandFailed, "bridge", [this] { io_.run(); })) continue;
 }
 
 void Server::Stop() {

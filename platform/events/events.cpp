@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "platform/event_codes.h"
-#include "platform/eventlog.h"
+#include "platform/eventlog/guarded.h"
 #include "platform/events/event_host.h"
 
 namespace {
@@ -45,14 +45,6 @@ struct ItemLess {
     bool operator()(const Item& a, const Item& b) const { return a.Key() < b.Key(); }
 };
 
-void LogFailure(const char* what) noexcept {
-    try {
-        TLogMessage(kMsgInternalError).Attr(std::string("an event handler failed: ") + what).Send();
-    } catch (...) {  // no memory for a line of log
-        return;
-    }
-}
-
 class EventManager {
   public:
     void Arm(const Item& item, unsigned long delay);
@@ -68,7 +60,6 @@ class EventManager {
     void Take_unlocked_(const Item& item, std::vector<Item>& taken);
     bool Runs_unlocked_(unsigned long group, EM_Handler handler, void* argument) const;
     void RunThread();
-    bool RunGuarded() noexcept;
     void RunDue();
 
     std::mutex mutex_;
@@ -177,7 +168,11 @@ bool EventManager::Stop(std::chrono::milliseconds limit) {
 void EventManager::RunThread() {
     pthread_setname_np(pthread_self(), "events");
     const auto keep_running = asio::make_work_guard(io_);
-    while (!RunGuarded()) {
+    const auto run = [this] {
+        asio::post(io_, [this] { RunDue(); });
+        io_.run();
+    };
+    while (!eventlog::Guarded(kMsgInternalError, "an event handler failed", run)) {
         const std::lock_guard lock(mutex_);
         running_.reset();
         changed_.notify_all();
@@ -185,20 +180,6 @@ void EventManager::RunThread() {
     const std::lock_guard lock(mutex_);
     ended_ = true;
     changed_.notify_all();
-}
-
-// The outermost frame: what a handler throws ends the handler, not the process. False when one did.
-bool EventManager::RunGuarded() noexcept {
-    try {
-        asio::post(io_, [this] { RunDue(); });
-        io_.run();
-        return true;
-    } catch (const std::exception& error) {
-        LogFailure(error.what());
-    } catch (...) {
-        LogFailure("of an unknown kind");
-    }
-    return false;
 }
 
 // One item a turn, so that a full queue cannot keep the loop from being stopped.

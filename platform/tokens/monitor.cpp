@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/eventlog/guarded.h"
 #include "platform/tokens/registry.h"
 
 namespace tokens {
@@ -142,23 +143,7 @@ void ModuleMonitor::Join() {
 }
 
 bool ModuleMonitor::Guarded(const std::function<void()>& work) const noexcept {
-    try {
-        work();
-        return true;
-    } catch (const std::exception& error) {
-        LogFailure(error.what());
-    } catch (...) {
-        LogFailure("a callback failed");
-    }
-    return false;
-}
-
-void ModuleMonitor::LogFailure(const char* what) const noexcept {
-    try {
-        Log(kMsgTokenError, provider_.name + ": " + what);
-    } catch (...) {  // no memory for a line of log
-        return;
-    }
+    return eventlog::Guarded(kMsgTokenError, provider_.name, work);
 }
 
 void ModuleMonitor::Main() {

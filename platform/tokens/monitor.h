@@ -83,7 +83,6 @@ class ModuleMonitor : public std::enable_shared_from_this<ModuleMonitor> {
     void NoteStuck(const char* function);
     /// What a callback throws, or a shortage of memory, ends `work`, not the process.
     bool Guarded(const std::function<void()>& work) const noexcept;
-    void LogFailure(const char* what) const noexcept;
     void Main();
     void Sleep();
     bool SlotEventPending();

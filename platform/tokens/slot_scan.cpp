@@ -122,19 +122,23 @@ class Scan {
             KeepOnce(known);
             return {"EVP_Digest", CKR_HOST_MEMORY};
         }
-        const bool same = known != nullptr && known->id() == seen.info.id;
-        if (same) {
-            seen.token = known;
-            result = WatchKnown(seen);
-            if (result.ok()) {
-                known->EndDoubt();
-                outcome_.tokens.push_back(std::move(seen));
-                return {};
-            }
-            if (!SaysSessionGone(result.rv) && KeepOnce(known)) return result;
+        if (known == nullptr || known->id() != seen.info.id) return LookAtNew(slot, std::move(seen));
+        seen.token = known;
+        return LookAtKnown(slot, std::move(seen));
+    }
+
+    /// The same object stands for the token again, unless it was taken out and put back.
+    Result LookAtKnown(CK_SLOT_ID slot, SeenToken seen) {
+        const TokenPtr known = seen.token;
+        Result result = WatchKnown(seen);
+        if (result.ok()) {
+            known->EndDoubt();
+            outcome_.tokens.push_back(std::move(seen));
+            return {};
         }
+        if (!SaysSessionGone(result.rv) && KeepOnce(known)) return result;
         result = LookAtNew(slot, std::move(seen));
-        if (same && !result.ok() && !SaysGone(result.rv)) KeepOnce(known);
+        if (!result.ok() && !SaysGone(result.rv)) KeepOnce(known);
         return result;
     }
 

@@ -64,7 +64,7 @@ TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
     const Payload payload({&issuing_, &peer_, &rsa_peer});
     Store({&root_});
 
-    // 1. Identity.
+    // Identity.
     EXPECT_EQ(Verify(payload).selected, "CN=peer");
     id_.value = "other.example";
     EXPECT_EQ(Verify(payload), PeerVerdict()) << "no trace of what does not carry the identity";
@@ -78,7 +78,7 @@ TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
     id_.dn = "CN=rsa peer";
     EXPECT_EQ(Verify(payload).selected, "CN=rsa peer");
 
-    // 2. Patterns; the rule's algorithm counts only without them.
+    // Patterns; the rule's algorithm counts only without them.
     id_ = {};
     id_.any = 1;
     rule_.authAlg = PKI_KEY_RSA;
@@ -90,7 +90,7 @@ TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
     rule_.cert_remote = {SubjectPattern("CN=nobody")};
     EXPECT_EQ(Verify(payload), PeerVerdict());
 
-    // 3. A candidate is judged once, under its first pattern.
+    // A candidate is judged once, under its first pattern.
     CertSpec expired_spec = PeerSpec("CN=expired");
     expired_spec.not_after = kNow - 1;
     const Cert expired = MakeCert(expired_spec, &issuing_);
