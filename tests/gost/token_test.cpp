@@ -384,10 +384,9 @@ TEST_F(GostToken, ToolsOfOthersWork) {
                                                  {"03", "GOSTR3410-2012-512:A", "GOSTR3410-WITH-GOSTR3411-12-512"}}) {
         tool({"--keypairgen", "--key-type", type, "--id", id, "--label", id});
         tool({"--sign", "-m", mechanism, "--id", id, "-i", data, "-o", signature});
-        const auto verified = [&] {
-            return tool({"--verify", "-m", mechanism, "--id", id, "-i", data, "--signature-file", signature})
-                       .find("Signature is valid") != std::string::npos;
-        };
+        const std::vector<std::string> verify{"--verify", "-m", mechanism,          "--id",   id,
+                                              "-i",       data, "--signature-file", signature};
+        const auto verified = [&] { return tool(verify).find("Signature is valid") != std::string::npos; };
         EXPECT_TRUE(verified());
         std::ofstream(data, std::ios::app) << "more";
         EXPECT_FALSE(verified());
