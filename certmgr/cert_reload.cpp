@@ -15,6 +15,7 @@
 #include "certmgr/discarded_keys.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
+#include "platform/guarded.h"
 #include "platform/params.h"
 
 namespace CM {
@@ -50,6 +51,13 @@ void LogChange(std::string text, std::string_view name) {
     }
     cmprint_Value(text, name);
     TLogMessage(kMsgStoreChanged).Attr(text).Send();
+}
+
+/// Tells the daemon. What its hook throws costs neither the other hooks their call nor the reload its end.
+template <typename... Parameters, typename... Arguments>
+void Tell(void (*hook)(Parameters...), Arguments&&... arguments) {
+    if (hook == nullptr) return;
+    eventlog::Guarded(kMsgInternalError, "a hook of the store failed", [&] { hook(arguments...); });
 }
 
 }  // namespace
@@ -257,22 +265,22 @@ bool ReloadPass::Report() {
 void ReloadPass::ReportCertificates() const {
     for (X509Cert* cert : personal_.disappeared) {
         LogChange("PersonalCertDisappeared: ", cert->info.subject);
-        if (Callbacks.PersonalCertDisappeared != nullptr) Callbacks.PersonalCertDisappeared(cert, cert->info);
+        Tell(Callbacks.PersonalCertDisappeared, cert, cert->info);
     }
     for (X509Cert* cert : personal_.appeared) {
         LogChange("PersonalCertAppeared: ", cert->info.subject);
-        if (Callbacks.PersonalCertAppeared != nullptr) Callbacks.PersonalCertAppeared(cert, cert->info);
+        Tell(Callbacks.PersonalCertAppeared, cert, cert->info);
     }
 }
 
 void ReloadPass::ReportPresharedKeys() const {
     for (const std::string& name : keys_disappeared_) {
         LogChange("PresharedKeyDisappeared: ", asn_text_to_line(name));
-        if (Callbacks.PresharedKeyDisappeared != nullptr) Callbacks.PresharedKeyDisappeared(name);
+        Tell(Callbacks.PresharedKeyDisappeared, name);
     }
     for (const std::string& name : keys_appeared_) {
         LogChange("PresharedKeyAppeared: ", asn_text_to_line(name));
-        if (Callbacks.PresharedKeyAppeared != nullptr) Callbacks.PresharedKeyAppeared(name);
+        Tell(Callbacks.PresharedKeyAppeared, name);
     }
 }
 

@@ -22,6 +22,21 @@ void cm_send_cert_list_changed_nitification_(const EM_Event& event) {
     if (!event.cancelled) bridge::server::NotifyClients(bridge::kNotifyCertListChanged, {});
 }
 
+/// Marks the calling thread as one that runs a reload.
+class Reloading {
+  public:
+    Reloading() = default;
+    ~Reloading() { here = outer_; }
+    Reloading(const Reloading&) = delete;
+    Reloading& operator=(const Reloading&) = delete;
+
+    static thread_local bool here;
+
+  private:
+    const bool outer_ = std::exchange(here, true);
+};
+thread_local bool Reloading::here = false;
+
 template <typename Slot, typename Handler>
 void ClearIfOurs(Slot& slot, Handler handler) {
     if (slot == handler) slot = nullptr;
@@ -163,6 +178,7 @@ CertStorage::~CertStorage() {
 
 void CertStorage::ReloadTokensObjects(std::uint32_t what) {
     if ((what & kReloadAll) == 0) return;
+    const Reloading here;
     const vpnfc::ObjectLock lock(tokensLock);
     ReloadPass pass(*this, what);
     pass.ReadTokens();
@@ -235,27 +251,31 @@ void CertStorage::PutReloadEvent(std::uint32_t flags, const PKCS11::TokenInfo* /
 }
 
 void CertStorage::ReloadEventHandler(const EM_Event& event) {
+    // Whatever happens to this one: who waits for it goes on, as for one that is cancelled and will not come.
+    struct End {
+        const bool cancelled;
+        ~End() { Instance().EndPendingReload(cancelled); }
+    } const end{event.cancelled};
+    if (event.cancelled) return;
     CertStorage& storage = Instance();
-    if (!event.cancelled) {
-        std::uint32_t flags = 0;
-        {
-            const vpnfc::ObjectLock lock(storage.reloadLock);
-            flags = std::exchange(storage.reloadFlags, 0);
-        }
-        storage.ReloadTokensObjects(flags);
+    std::uint32_t flags = 0;
+    {
+        const vpnfc::ObjectLock lock(storage.reloadLock);
+        flags = std::exchange(storage.reloadFlags, 0);
     }
-    // A cancelled reload will not come: who waits for it goes on as well.
-    storage.EndPendingReload();
+    storage.ReloadTokensObjects(flags);
 }
 
-void CertStorage::EndPendingReload() {
+/// What was queued meanwhile is still to come, unless nothing will.
+void CertStorage::EndPendingReload(bool for_good) {
     const vpnfc::ObjectLock lock(reloadLock);
-    reloadPending = false;
+    reloadPending = !for_good && (reloadFlags & kReloadAll) != 0;
     ++reloadsEnded;
     reloadDone.notify_all();
 }
 
 bool CertStorage::WaitReloadDone() {
+    if (Reloading::here) return false;
     std::unique_lock<const vpnfc::ObjectLevelLockable> lock(reloadLock);
     if (!reloadPending) return false;
     reloadDone.wait(lock, [this, ended = reloadsEnded] { return reloadsEnded != ended; });
@@ -289,7 +309,7 @@ void CertStorage::ClearAll() {
     Stop();  // from here on token events queue nothing
     EM_DelTimer(0, ReloadEventHandler, nullptr);
     ClearLists();
-    EndPendingReload();
+    EndPendingReload(true);
     // Nothing of this library stays queued, so that it may be unloaded: neither a reload that was armed all the same ...
     EM_DelTimer(0, ReloadEventHandler, nullptr);
     ClearLists();  // which may have run, and filled the lists, while it was waited for

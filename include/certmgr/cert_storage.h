@@ -177,7 +177,8 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     /// Queues a reload of what `flags` names; ignored while the store is stopped.
     static void PutReloadEvent(std::uint32_t flags, const PKCS11::TokenInfo* token = nullptr);
     static void ReloadEventHandler(const EM_Event& event);
-    /// False at once when no reload is pending; else waits for its end and returns true.
+    /// False at once when no reload is pending, and in a hook that a reload calls; else waits for its end and returns
+    /// true.
     bool WaitReloadDone();
     /// Reloads so far, whoever ran them: a search that sees it change may have looked at lists that are no more.
     std::uint64_t ReloadCount() const { return reloads; }
@@ -231,7 +232,7 @@ class CM_API CertStorage : public vpnfc::ReadWriteLockable {
     static CertStorage instance;  // lives from loading to unloading of the library
     void ReloadTokensObjects(std::uint32_t what);
     void ReloadOne(std::uint32_t bit);
-    void EndPendingReload();
+    void EndPendingReload(bool for_good);
     std::uint32_t NewFailures(std::uint32_t what, const ReadFailures& failures);
     void Stop();
     void ClearLists();

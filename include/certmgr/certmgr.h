@@ -14,7 +14,7 @@ namespace CM {
 
 /// Hooks of the daemon. All null after loading; filled before CM::Init. Called from the event manager's and the
 /// token manager's threads, without any lock of the module but the one that serialises reloads. A certificate
-/// passed in is alive for the call; a hook that keeps it takes a reference.
+/// passed in is alive for the call; a hook that keeps it takes a reference. What a hook throws is logged.
 struct CallbackTable {
     void (*PersonalCertAppeared)(X509Cert* cert, const CertInfo& info) = nullptr;
     void (*PersonalCertDisappeared)(X509Cert* cert, const CertInfo& info) = nullptr;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/event_codes.h"
-#include "platform/eventlog/guarded.h"
+#include "platform/guarded.h"
 
 namespace bridge {
 namespace {

@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "platform/event_codes.h"
-#include "platform/eventlog/guarded.h"
 #include "platform/events/event_host.h"
+#include "platform/guarded.h"
 
 namespace {
 

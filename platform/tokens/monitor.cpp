@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/eventlog/guarded.h"
+#include "platform/guarded.h"
 #include "platform/tokens/registry.h"
 
 namespace tokens {

@@ -1,5 +1,6 @@
 // Reloads: what goes into which list, what stays untouched, what is reported.
 #include <algorithm>
+#include <stdexcept>
 
 #include "tests/store/hook_log.h"
 #include "tests/support/der.h"
@@ -276,6 +277,24 @@ TEST_F(ReloadTest, HookMayReload) {
     };
     Reload();
     EXPECT_EQ(store().personalCerts.size(), 1U);
+}
+
+// Of a hook that throws, or waits for the reload that calls it, the reload takes no harm.
+TEST_F(ReloadTest, HooksCannotHoldAReloadUp) {
+    Reload();
+    CM::Callbacks.PersonalCertAppeared = [](CM::X509Cert* /*cert*/, const CertInfo& info) {
+        throw std::runtime_error(info.subject + (store().WaitReloadDone() ? " waited" : " did not wait"));
+    };
+    AddOwn("CN=a");
+    AddOwn("CN=b");
+    vendor_host::FireInsert(*token_);
+    const std::size_t told = Told();
+    vendor_host::Advance(2);
+    EXPECT_EQ(Told(), told + 1);
+    for (const char* subject : {"CN=a", "CN=b"}) {
+        EXPECT_TRUE(vendor_host::Logged(subject + std::string(" did not wait"), kMsgInternalError)) << subject;
+    }
+    EXPECT_FALSE(store().WaitReloadDone());
 }
 
 }  // namespace

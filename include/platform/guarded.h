@@ -1,4 +1,5 @@
-// The outermost frame of what runs on threads of our own.
+// A frame around what may throw and must not end more than itself: work of a thread of our own, a hook of the daemon's.
+// From any thread.
 #pragma once
 
 #include <cstdint>
