@@ -168,7 +168,7 @@ class DigestSource {
 
 // Certificates are parsed in library contexts that offer two digests and nothing else. libcrypto decodes the public key
 // of each certificate when it can, which costs ten times the rest of the parsing and serialises threads; the keys are
-// the tokens' business. Digests must be there: the extension cache behind X509_check_ca takes a fingerprint.
+// the tokens' business. The digests make the fingerprints.
 class ParsingContext {
   public:
     ParsingContext() : context_(borrowed.source != nullptr ? OSSL_LIB_CTX_new() : nullptr) {

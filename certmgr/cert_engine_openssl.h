@@ -116,6 +116,10 @@ pki_alg_t SignatureAlgorithm(const X509_ALGOR* algorithm);
 /// Whether the algorithm that is signed is the one that is named beside the signature.
 bool SignedAlgorithmAgrees(void* cert);
 
+/// The rule of X509_check_ca, by what can be read. libcrypto's own finds no CA where any extension is bad, nor in a
+/// self-issued certificate of version 1 whose key it does not know or that names another kind of signature.
+bool IsCa(const X509* cert);
+
 /// Reads those extensions of a request that certificates have, too. Unknown and bad ones are left out.
 void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions& out);
 

@@ -1,7 +1,6 @@
 // Certificate handles: description, raw parts, exports; private keys.
 #include <openssl/pem.h>
 #include <openssl/pkcs7.h>
-#include <openssl/x509v3.h>
 
 #include <utility>
 
@@ -12,13 +11,10 @@ using cert_engine::BytesOf;
 using cert_engine::ErrorMark;
 using cert_engine::ExportThroughStream;
 using cert_engine::kExportFailed;
-using libcrypto::BitStringPtr;
 using libcrypto::Pkcs7Ptr;
 using libcrypto::Pkcs8Ptr;
 
 namespace {
-
-using BasicConstraintsPtr = cert_engine::Owner<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
 
 X509* Certificate(void* handle) {
     return static_cast<X509*>(handle);
@@ -52,32 +48,6 @@ std::string PublicKeyDer(const X509* cert) {
     return der;
 }
 
-// X509_check_ca takes a self-signed certificate of version 1 for a CA, and decides whether it is one with its public key,
-// which is decoded in the default context only.
-bool IsVersion1Root(const X509* cert) {
-    if (X509_get_version(cert) != X509_VERSION_1) return false;
-    if (X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) != 0) return false;
-    const std::string der = cert_engine::Encode(cert, i2d_X509);
-    const auto with_key = libcrypto::Decode<X509_free>(d2i_X509, der);
-    return with_key != nullptr && X509_check_ca(with_key.get()) != 0;
-}
-
-// Whether X509_check_ca answers anything but 0. It decodes every extension to find out, which costs half as much as
-// parsing the certificate. Basic constraints that say "not a CA", or a key usage without certificate signing, lead to 0
-// whatever the other extensions hold; that settles nearly every end entity.
-bool IsCa(X509* cert) {
-    constexpr int kCertSignBit = 5;
-    const BasicConstraintsPtr constraints(
-        static_cast<BASIC_CONSTRAINTS*>(X509_get_ext_d2i(cert, NID_basic_constraints, nullptr, nullptr)));
-    if (constraints != nullptr && constraints->ca == 0) return false;
-    if (constraints == nullptr) {
-        const BitStringPtr usage(
-            static_cast<ASN1_BIT_STRING*>(X509_get_ext_d2i(cert, NID_key_usage, nullptr, nullptr)));
-        if (usage != nullptr && ASN1_BIT_STRING_get_bit(usage.get(), kCertSignBit) == 0) return false;
-    }
-    return X509_check_ca(cert) != 0 || IsVersion1Root(cert);
-}
-
 }  // namespace
 
 void* CertEngine_CreateCertHandle(const void* der, unsigned length) {
@@ -106,7 +76,7 @@ bool CertEngine_GetCertInfo(void* cert, CertInfo& info) {
     info.validTo = ASN1_TIME_to_time_t(X509_get0_notAfter(x));
     info.keyAlg = X509_ALGOR_to_pki_alg_t(KeyAlgorithm(x));
     info.signAlg = cert_engine::SignatureAlgorithm(OuterAlgorithm(x));
-    info.isCA = IsCa(x);
+    info.isCA = cert_engine::IsCa(x);
     info.version = static_cast<std::uint32_t>(X509_get_version(x) + 1);
     const std::string spki = PublicKeyDer(x);
     info.keyBits = CertEngine_PubKeyBitLength(info.keyAlg, spki.data(), spki.size());

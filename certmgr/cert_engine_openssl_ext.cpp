@@ -291,6 +291,10 @@ bool CrlDistributionPoints(X509_EXTENSION* extension, const Sinks& out) {
     return true;
 }
 
+constexpr std::string_view kKeyUsage = "\x55\x1D\x0F";
+constexpr std::string_view kBasicConstraints = "\x55\x1D\x13";
+constexpr std::string_view kNsCertType = "\x60\x86\x48\x01\x86\xF8\x42\x01\x01";  // 2.16.840.1.113730.1.1
+
 // What an extension is read for, beside its text.
 enum class Use : std::uint8_t { kText, kFacts, kNames };
 
@@ -301,11 +305,11 @@ struct KnownExtension {
 };
 constexpr std::array<KnownExtension, 14> kKnownExtensions{{
     {"\x55\x1D\x0E", Use::kFacts, SubjectKeyIdentifier},
-    {"\x55\x1D\x0F", Use::kFacts, KeyUsage},
+    {kKeyUsage, Use::kFacts, KeyUsage},
     {"\x55\x1D\x10", Use::kText, cert_ext_PrivateKeyUsagePeriod},
     {"\x55\x1D\x11", Use::kNames, SubjectAltName},
     {"\x55\x1D\x12", Use::kText, IssuerAltName},
-    {"\x55\x1D\x13", Use::kFacts, BasicConstraints},
+    {kBasicConstraints, Use::kFacts, BasicConstraints},
     {"\x55\x1D\x1E", Use::kText, NameConstraints},
     {"\x55\x1D\x1F", Use::kNames, CrlDistributionPoints},
     {"\x55\x1D\x20", Use::kText, CertificatePolicies},
@@ -368,6 +372,33 @@ void ReadAll(const X509* cert, CertExtentions& out) {
     });
 }
 
+// What the CA test goes by. Of several extensions of a kind the last one counts, as for the facts.
+struct CaExtensions {
+    CertFacts facts;
+    bool has_usage = false;
+    bool has_constraints = false;
+    bool ns_ca = false;
+};
+
+bool NsCertTypeIsCa(X509_EXTENSION* extension) {
+    const auto type = Decode<ASN1_BIT_STRING>(extension, ASN1_ITEM_rptr(ASN1_BIT_STRING));
+    const std::string_view bytes = BytesOf(type.get());
+    return !bytes.empty() && (static_cast<unsigned char>(bytes[0]) & NS_ANY_CA) != 0;
+}
+
+CaExtensions ReadCaExtensions(const X509* cert) {
+    CaExtensions out;
+    CertNames names;
+    const Sinks sinks{out.facts, names, nullptr};
+    ForEachExtension(cert, [&](X509_EXTENSION* extension) {
+        const std::string_view oid = BytesOf(X509_EXTENSION_get_object(extension));
+        if (oid == kKeyUsage && KeyUsage(extension, sinks)) out.has_usage = true;
+        if (oid == kBasicConstraints && BasicConstraints(extension, sinks)) out.has_constraints = true;
+        if (oid == kNsCertType) out.ns_ca = NsCertTypeIsCa(extension);
+    });
+    return out;
+}
+
 std::string Fingerprint(const EVP_MD* md, std::string_view der) {
     std::string digest;
     return cert_engine::Digest(md, der, digest) ? TO_HEX_STD_STRING(digest, 0) : std::string();
@@ -395,6 +426,15 @@ CertFingerprints CertEngine_CertFingerprints(const std::string& der) {
 }
 
 namespace cert_engine {
+
+bool IsCa(const X509* cert) {
+    const CaExtensions read = ReadCaExtensions(cert);
+    if (read.has_usage && (read.facts.keyUsageBits[0] & kKeyUsageCertSign) == 0) return false;
+    if (read.has_constraints) return read.facts.isCA;
+    const bool is_self_issued = X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) == 0;
+    if (X509_get_version(cert) == X509_VERSION_1 && is_self_issued) return true;
+    return read.has_usage || read.ns_ca;
+}
 
 void ReadExtensions(const STACK_OF(X509_EXTENSION) * extensions, CertExtentions& out) {
     const Sinks sinks{out, out, &out};

@@ -346,7 +346,7 @@ int Pkcs12File::CertOf(const BagKey& key) const {
         return both < 0 ? position(fits) : both;
     }
     const int by_id = position(is_marked);
-    const auto is_end_entity = [](const BagCert& cert) { return X509_check_ca(cert.cert.get()) == 0; };
+    const auto is_end_entity = [](const BagCert& cert) { return !IsCa(cert.cert.get()); };
     const bool only_one = keys_.size() == 1 && std::count_if(certs_.begin(), certs_.end(), is_end_entity) == 1;
     return by_id < 0 && only_one ? position(is_end_entity) : by_id;
 }

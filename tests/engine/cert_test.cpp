@@ -58,9 +58,6 @@ TEST_F(EngineTest, AlgorithmsOfACertificate) {
 
 // The oracle is libcrypto in its default context.
 TEST_F(EngineTest, CaFlagIsLibcryptosCaTest) {
-    const test_pki::Extension bad_ca{"basicConstraints", true, "\x01"};
-    const test_pki::Extension empty_usage{"keyUsage", true, der::BitString("")};
-    const test_pki::Extension more_usage{"keyUsage", true, der::BitString("\x80")};
     const CertSpec cases[] = {
         {},
         {.version = 1},
@@ -69,12 +66,10 @@ TEST_F(EngineTest, CaFlagIsLibcryptosCaTest) {
         {.ca = true, .key_usage = "digitalSignature"},
         {.ca = false, .key_usage = "keyCertSign"},
         {.key_usage = "keyCertSign"},
-        {.conf = {{"nsCertType", "sslCA"}}},
-        {.key_usage = "keyCertSign", .extensions = {bad_ca}},
-        {.ca = true, .extensions = {empty_usage}},
-        {.ca = true, .key_usage = "keyCertSign", .extensions = {more_usage}},
-        {.ca = false, .extensions = {{"basicConstraints", true, der::Sequence(der::Boolean(true))}}},
-        {.ca = true, .extensions = {{"crlDistributionPoints", false, "\x05"}}},
+        {.conf = {{"nsCertType", "objCA"}}},
+        {.conf = {{"nsCertType", "client, server, email, objsign"}}},
+        {.key_usage = "cRLSign", .conf = {{"nsCertType", "sslCA"}}},
+        {.ca = true, .extensions = {{"keyUsage", true, der::BitString("")}}},
     };
     const Cert root = MakeCa("CN=Root");
     for (std::size_t i = 0; i < 2 * std::size(cases); ++i) {
@@ -85,6 +80,33 @@ TEST_F(EngineTest, CaFlagIsLibcryptosCaTest) {
         EXPECT_EQ(InfoOf(cert.der).isCA, X509_check_ca(oracle) != 0) << "case " << i / 2;
         ERR_pop_to_mark();
         X509_free(oracle);
+    }
+}
+
+// Of these libcrypto says that none is a CA: it gives up at a key that it does not know or that did not sign, and at
+// bad extensions.
+TEST_F(EngineTest, CaFlagWhereLibcryptoGivesUp) {
+    const std::string yes = der::Boolean(true);
+    const std::string gost = der::Sequence(der::Sequence(der::Oid("1.2.643.7.1.1.1.1")) + der::BitString("key"));
+    const std::string rsa = der::Sequence(der::Oid("sha256WithRSAEncryption") + der::Null());
+    const test_pki::Extension bad_points{"crlDistributionPoints", false, "\x05"};
+    const struct {
+        CertSpec spec;
+        bool is_ca;
+    } cases[] = {
+        {{.version = 1, .spki = gost}, true},
+        {{.issuer_der = test_pki::NameDer("CN=Root"), .version = 1, .spki = gost}, false},
+        {{.version = 1, .inner_algorithm = rsa}, true},
+        {{.ca = true, .extensions = {bad_points}}, true},
+        {{.ca = true, .key_usage = "digitalSignature", .extensions = {bad_points}}, false},
+        {{.extensions = {{"basicConstraints", true, der::Sequence(yes + der::IntegerBytes("\xFF"))}}}, true},
+        {{.key_usage = "keyCertSign", .extensions = {{"basicConstraints", true, "\x01"}}}, true},
+        {{.ca = true, .extensions = {{"keyUsage", true, "\x01"}}}, true},
+        {{.ca = false, .extensions = {{"basicConstraints", true, der::Sequence(yes)}}}, true},
+    };
+    for (const auto& c : cases) {
+        const std::string der = MakeCert(c.spec).der;
+        EXPECT_EQ(InfoOf(der).isCA, c.is_ca) << "case " << &c - cases;
     }
 }
 
