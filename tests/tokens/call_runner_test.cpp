@@ -71,6 +71,7 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
     EXPECT_EQ(runner.stuck.Get(), std::vector<std::string>{"C_Sign"});
     EXPECT_FALSE(runner.calls.Answers());
     EXPECT_FALSE(runner.calls.Run([] { return 1; }).has_value()) << "no more calls meanwhile";
+    EXPECT_FALSE(runner.calls.Probe(hang).has_value()) << "a probe hangs like a call";
     EXPECT_FALSE(watch.expired()) << "the call still works on what it owns";
 
     hang.Release();
@@ -78,6 +79,7 @@ TEST(CallRunner, AHangingCallIsLeftBehindUntilItReturns) {
     EXPECT_TRUE(runner.calls.Answers());
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(runner.calls.Run([] { return 1; }), 1);
+    EXPECT_EQ(runner.recovered.Count(), 1U);
 }
 
 // A token that answers each call slowly does not keep its caller for ever, nor its thread.
@@ -116,32 +118,6 @@ TEST(CallRunner, ProbesBringItBackButThreadsDoNotPileUp) {
     EXPECT_EQ(runner.calls.Run([] { return 7; }), 7);
     EXPECT_TRUE(runner.calls.Shutdown(test_support::kWaitLimit));
     EXPECT_EQ(posted, static_cast<int>(kMost));
-}
-
-TEST(CallRunner, AProbeThatHangsIsAnAbandonedCall) {
-    Runner runner;
-    HangingCall hang;
-    EXPECT_FALSE(runner.calls.Run(hang).has_value());
-    EXPECT_FALSE(runner.calls.Probe(hang).has_value());
-    EXPECT_FALSE(runner.calls.Answers());
-    hang.Release();
-    ASSERT_TRUE(runner.recovered.Wait());
-    EXPECT_TRUE(runner.calls.Answers());
-    EXPECT_EQ(runner.recovered.Count(), 1U);
-}
-
-TEST(CallRunner, ShutdownLeavesAHangingCallBehind) {
-    HangingCall hang;
-    // Shared with the thread that is left behind.
-    const auto recovered = std::make_shared<test_support::Event>();
-    {
-        CallRunner calls(
-            kShort, [](const char*) {}, [recovered] { recovered->Signal(); });
-        EXPECT_FALSE(calls.Run(hang).has_value());
-        EXPECT_FALSE(calls.Shutdown(kShort));
-    }
-    hang.Release();
-    EXPECT_TRUE(recovered->Wait()) << "the call outlives its runner";
 }
 
 TEST(CallRunner, HurryCutsWaitingShort) {

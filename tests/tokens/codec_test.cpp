@@ -14,29 +14,25 @@ namespace {
 using test_pki::KeyType;
 using vpnfc::SecretString;
 
-const struct {
-    KeyType type;
-    pki_alg_t alg;
-    std::size_t size;  // PublicKey::size
-} kKeys[] = {
+// The last one is PublicKey::size.
+const std::tuple<KeyType, pki_alg_t, std::size_t> kKeys[] = {
     {KeyType::kRsa2048, PKI_KEY_RSA, 256}, {KeyType::kDsa1024, PKI_KEY_DSA, 20},    {KeyType::kEcP256, PKI_KEY_EC, 32},
     {KeyType::kEcP521, PKI_KEY_EC, 66},    {KeyType::kEd25519, PKI_KEY_ED25519, 0},
 };
 
 // What libcrypto reads back must be the same key, also when the token gives numbers without leading zeros.
 TEST(Keys, RoundTrip) {
-    for (const auto& c : kKeys) {
+    for (const auto& [type, alg, size] : kKeys) {
         for (int index = 0; index < 3; ++index) {
-            SCOPED_TRACE(testing::Message() << static_cast<int>(c.type) << ' ' << index);
-            const test_pki::Key original = test_pki::MakeKey(c.type, index);
+            SCOPED_TRACE(testing::Message() << alg << ' ' << size << ' ' << index);
+            const test_pki::Key original = test_pki::MakeKey(type, index);
             tokens::PublicKey public_key;
             ASSERT_TRUE(tokens::PublicKeyFromSpki(test_pki::Spki(original), public_key));
-            EXPECT_EQ(public_key.alg, c.alg);
-            EXPECT_EQ(public_key.size, c.size);
-            EXPECT_EQ(tokens::SpkiFromComponents(c.alg, public_key.components), test_pki::Spki(original));
+            EXPECT_EQ(std::pair(public_key.alg, public_key.size), std::pair(alg, size));
+            EXPECT_EQ(tokens::SpkiFromComponents(alg, public_key.components), test_pki::Spki(original));
             tokens::PrivateKey key;
             ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(original), key));
-            EXPECT_EQ(key.alg, c.alg);
+            EXPECT_EQ(key.alg, alg);
             const SecretString pkcs8 = tokens::Pkcs8FromComponents(key.alg, key.components);
             const auto again = libcrypto::Decode<EVP_PKEY_free>(d2i_AutoPrivateKey, pkcs8.get());
             ASSERT_NE(again, nullptr);
@@ -47,19 +43,17 @@ TEST(Keys, RoundTrip) {
 
 // Nothing that is cut off or followed by more is a key.
 TEST(Keys, DamagedEncodingsAreRefused) {
-    for (const auto& c : kKeys) {
-        const std::string spki = test_pki::Spki(test_pki::MakeKey(c.type));
-        const std::string pkcs8 = test_pki::Pkcs8(test_pki::MakeKey(c.type));
+    for (const auto& [type, alg, whole] : kKeys) {
+        SCOPED_TRACE(alg);
+        const std::string spki = test_pki::Spki(test_pki::MakeKey(type));
+        const std::string pkcs8 = test_pki::Pkcs8(test_pki::MakeKey(type));
         tokens::PublicKey key;
         tokens::PrivateKey private_key;
-        for (std::size_t size = 0; size < spki.size(); ++size) {
-            EXPECT_FALSE(tokens::PublicKeyFromSpki(spki.substr(0, size), key)) << static_cast<int>(c.type) << size;
-        }
         EXPECT_FALSE(tokens::PublicKeyFromSpki(spki + '\0', key));
-        for (std::size_t size = 0; size < pkcs8.size(); ++size) {
-            EXPECT_FALSE(tokens::PrivateKeyFromPkcs8(pkcs8.substr(0, size), private_key))
-                << static_cast<int>(c.type) << size;
-        }
+        std::size_t size = spki.size();
+        while (size-- > 0) EXPECT_FALSE(tokens::PublicKeyFromSpki(spki.substr(0, size), key)) << size;
+        size = pkcs8.size();
+        while (size-- > 0) EXPECT_FALSE(tokens::PrivateKeyFromPkcs8(pkcs8.substr(0, size), private_key)) << size;
     }
 }
 
@@ -107,12 +101,8 @@ TEST(Signatures, DerBecomesTwoNumbersOfTheKeysWidth) {
     };
     const string wide(20, '\x7F');
     const string high(20, '\xFF');
-    struct {
-        const char* what;
-        pki_alg_t alg;
-        string der;
-        string raw;  // empty: refused
-    } const cases[] = {
+    // What it is, its algorithm, the DER, and the numbers; none: refused.
+    const std::tuple<const char*, pki_alg_t, string, string> cases[] = {
         {"full width", PKI_KEY_DSA, ints(wide, wide), wide + wide},
         {"sign byte", PKI_KEY_DSA, ints('\0' + high, wide), high + wide},
         {"no sign byte, DSA", PKI_KEY_DSA, ints(high, high), high + high},
@@ -125,10 +115,9 @@ TEST(Signatures, DerBecomesTwoNumbersOfTheKeysWidth) {
         {"trailing byte", PKI_KEY_DSA, ints(wide, wide) + "x", ""},
         {"nothing", PKI_KEY_DSA, "", ""},
     };
-    for (const auto& c : cases) {
+    for (const auto& [what, alg, der, expected] : cases) {
         string raw;
-        const bool good = tokens::RawSignatureFromDer(c.alg, 20, c.der, raw);
-        EXPECT_EQ(good ? raw : "", c.raw) << c.what;
+        EXPECT_EQ(tokens::RawSignatureFromDer(alg, 20, der, raw) ? raw : "", expected) << what;
     }
 }
 

@@ -135,26 +135,6 @@ TEST_F(Crypto, VerifiesWithMoreKeysThanAreRemembered) {
     EXPECT_FALSE(other.ContainPubKeyObject(test_pki::Spki(test_pki::MakeKey(KeyType::kEd25519, 69))));
 }
 
-TEST_F(Crypto, MadeKeysLeaveTheTokenWhenTheyMay) {
-    TokenSession session(token_.info, TokenSession::kPrivate);
-    for (const bool exportable : {false, true}) {
-        const std::string id = exportable ? "may" : "stays";
-        ASSERT_TRUE(session.GenerateKeyPair(PKI_KEY_EC, 256, id, exportable));
-        std::string pkcs8;
-        EXPECT_EQ(session.ExportPrivateKey(id, pkcs8), exportable);
-    }
-}
-
-TEST_F(Crypto, RefusesKeysThatNobodyMakes) {
-    ErrorLog errors;
-    TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
-    EXPECT_FALSE(session.GenerateKeyPair(PKI_KEY_EC, 257, "none", false));
-    EXPECT_FALSE(session.GenerateKeyPair(PKI_KEY_512BIT, 512, "none", false));
-    EXPECT_EQ(errors.errors.size(), 0U);
-    EXPECT_FALSE(session.GenerateKeyPair(PKI_KEY_GOST2012_256, 512, "none", false));
-    EXPECT_EQ(errors.errors, std::vector<std::string>{"crypto C_GenerateKeyPair CKR_MECHANISM_INVALID"});
-}
-
 TEST_F(Crypto, ListsWhatATokenOffers) {
     const PKCS11::Manager& manager = PKCS11::Manager::Instance();
     const std::pair<pki_alg_t, bool> cases[] = {

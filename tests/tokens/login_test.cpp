@@ -102,42 +102,32 @@ TEST_F(Logins, AWrongPinInAFileIsTriedOnce) {
 
 // The user's PIN from a file, to come back after the security officer, goes the same way as any other.
 TEST_F(Logins, ComingBackAfterTheSecurityOfficerTriesNoPinInVain) {
-    struct {
-        const char* what;
-        bool wrong_pin;
-        const char* flags;
-        int logins;  // the user, the officer, and the user from the file, over two trusted certificates
-    } const cases[] = {
-        {"the PIN failed before", true, "trace C_Login", 5},
-        {"few tries are left", false, "flags token 10000", 4},
-    };
     const test_pki::Cert root = test_pki::MakeCa("CN=root");
     int before = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const bool failed_before : {true, false}) {  // else few tries are left
+        SCOPED_TRACE(failed_before);
         settings_.pin_files.clear();
-        AddPinFile("token", c.wrong_pin ? RandomPin() : token_.pin, 0600, false);
+        AddPinFile("token", failed_before ? RandomPin() : token_.pin, 0600, false);
         Apply();
         for (int i = 0; i < 2; ++i) {
             control_.Set({"trace C_Login"});
             ASSERT_EQ(LogInWith(token_.pin, FewTries::kTryAnyway), PinResult::kDone);
-            control_.Set({"trace C_Login", c.flags});
+            control_.Set({"trace C_Login", failed_before ? "" : "flags token 10000"});
             TokenSession session(token_.info, TokenSession::kPublic, &token_.so_pin);
             EXPECT_TRUE(session.CreateCertObject({.id = "root", .value = root.der, .trusted = true}, root.subject_der));
             EXPECT_FALSE(IsLoggedIn());
         }
-        EXPECT_EQ(control_.Calls("C_Login") - before, c.logins);
+        // The user, the officer, and the user from the file, over two trusted certificates.
+        EXPECT_EQ(control_.Calls("C_Login") - before, failed_before ? 5 : 4);
         before = control_.Calls("C_Login");
     }
 }
 
 TEST_F(Logins, FewTriesLeftMeansNone) {
-    const std::pair<const char*, PinResult> cases[] = {
-        {"10000", PinResult::kFewTriesLeft},  // CKF_USER_PIN_COUNT_LOW
-        {"20000", PinResult::kFewTriesLeft},  // CKF_USER_PIN_FINAL_TRY
-        {"40000", PinResult::kLocked},  // CKF_USER_PIN_LOCKED
-    };
-    for (const auto& [flags, result] : cases) {
+    // CKF_USER_PIN_COUNT_LOW, CKF_USER_PIN_FINAL_TRY, CKF_USER_PIN_LOCKED
+    for (const auto& [flags, result] : {std::pair("10000", PinResult::kFewTriesLeft),
+                                        {"20000", PinResult::kFewTriesLeft},
+                                        {"40000", PinResult::kLocked}}) {
         control_.Set({"trace C_Login", std::string("flags token ") + flags});
         TokenSession session(token_.info, TokenSession::kPrivate, &token_.pin);
         EXPECT_FALSE(session.opened()) << flags;
@@ -166,23 +156,19 @@ TEST_F(Logins, PinFilesLogInAtInsertionOrWhenNeeded) {
 }
 
 TEST_F(Logins, UnsafePinFilesAreNotUsed) {
-    struct {
-        std::string content;
-        unsigned mode;
-        const char* reason;
-    } const cases[] = {
+    const std::tuple<std::string, unsigned, const char*> cases[] = {
         {token_.pin, 0640, "can be read or written by others"},
         {token_.pin, 0602, "can be read or written by others"},
         {"", 0600, "has no PIN"},
         {std::string(300, '1'), 0600, "the first line has more than 255 bytes"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [content, mode, reason] : cases) {
         settings_.pin_files.clear();
         reports_.Clear();
-        AddPinFile("token", c.content, c.mode);
+        AddPinFile("token", content, mode);
         Apply();
-        EXPECT_FALSE(OpensPrivately()) << c.mode << c.reason;
-        EXPECT_GE(reports_.Count(c.reason), 1U) << c.mode << c.reason;
+        EXPECT_FALSE(OpensPrivately()) << mode << reason;
+        EXPECT_GE(reports_.Count(reason), 1U) << mode << reason;
     }
     settings_.pin_files = {{.token = "token", .path = (directory_ / "none").string()}};
     Apply();

@@ -35,6 +35,10 @@ class Objects : public TokenTest {
         EXPECT_TRUE(session.EnumCertificates(objects)) << testing::PrintToString(reports_.All());
         return {objects.begin(), objects.end()};
     }
+    static bool ShowsNoPresharedKey(TokenSession& session) {
+        std::list<PKCS11::PresharedKeyObject> keys;
+        return session.EnumPresharedKeys(keys) && keys.empty();
+    }
     /// Objects that this system would not make.
     void MakeRaw(const std::function<void(tokens::AttributeTemplate&)>& fill) {
         tokens::SessionPtr session;
@@ -61,14 +65,10 @@ class Objects : public TokenTest {
 };
 
 TEST_F(Objects, KeyPairsWithoutCertificateAreListed) {
-    struct {
-        const char* id;
-        KeyType type;
-        pki_alg_t alg;
-    } const keys[] = {{"dsa", KeyType::kDsa1024, PKI_KEY_DSA},
-                      {"ec", KeyType::kEcP384, PKI_KEY_EC},
-                      {"ed", KeyType::kEd25519, PKI_KEY_ED25519}};
-    for (const auto& key : keys) Import(token_.info, key.alg, test_pki::MakeKey(key.type), key.id);
+    const std::tuple<std::string, KeyType, pki_alg_t> keys[] = {{"dsa", KeyType::kDsa1024, PKI_KEY_DSA},
+                                                                {"ec", KeyType::kEcP384, PKI_KEY_EC},
+                                                                {"ed", KeyType::kEd25519, PKI_KEY_ED25519}};
+    for (const auto& [id, type, alg] : keys) Import(token_.info, alg, test_pki::MakeKey(type), id);
     Import(token_.info, PKI_KEY_RSA, leaf_.key, "rsa");
     TokenSession session(token_.info, TokenSession::kPrivate);
     ASSERT_TRUE(Create(session, "rsa", leaf_));
@@ -77,19 +77,16 @@ TEST_F(Objects, KeyPairsWithoutCertificateAreListed) {
         auto found = Certificates(with);
         ASSERT_EQ(found.size(), 4U);
         EXPECT_EQ(found[0].value, leaf_.der);
-        for (const auto& key : keys) {
-            SCOPED_TRACE(key.id);
-            const auto pair = std::find_if(found.begin(), found.end(), [&](const auto& o) { return o.id == key.id; });
+        for (const auto& [id, type, alg] : keys) {
+            SCOPED_TRACE(id);
+            const auto pair = std::ranges::find(found, id, &CertObject::id);
             ASSERT_NE(pair, found.end());
-            EXPECT_EQ(pair->category, PKCS11::kKeyPairCategory);
-            EXPECT_EQ(pair->value, "");
-            EXPECT_EQ(pair->keyAlg, key.alg);
-            const std::string spki = test_pki::Spki(test_pki::MakeKey(key.type));
+            EXPECT_EQ(std::tuple(pair->category, pair->value, pair->keyAlg),
+                      std::tuple(PKCS11::kKeyPairCategory, "", alg));
+            const std::string spki = test_pki::Spki(test_pki::MakeKey(type));
             std::string text;
-            EXPECT_TRUE(with.GetRawPubKeyObjectData(key.alg, key.id, text));
-            EXPECT_EQ(text, spki);
-            EXPECT_TRUE(with.ContainPubKeyObject(spki, &text));
-            EXPECT_EQ(text, key.id);
+            EXPECT_TRUE(with.GetRawPubKeyObjectData(alg, id, text) && text == spki);
+            EXPECT_TRUE(with.ContainPubKeyObject(spki, &text) && text == id);
         }
     };
     check(session);
@@ -109,8 +106,7 @@ TEST_F(Objects, PrivateRsaKeyAloneIsFound) {
     TokenSession session(token_.info, TokenSession::kPrivate);
     ASSERT_TRUE(session.CreatePrivKeyObject(PKI_KEY_RSA, "alone", test_pki::Pkcs8(leaf_.key), false));
     std::string id;
-    EXPECT_TRUE(session.ContainPubKeyObject(leaf_.spki, &id));
-    EXPECT_EQ(id, "alone");
+    EXPECT_TRUE(session.ContainPubKeyObject(leaf_.spki, &id) && id == "alone");
 }
 
 TEST_F(Objects, EndOfKeyUsageIsTheEndOfThatDay) {
@@ -141,13 +137,11 @@ TEST_F(Objects, ForeignObjectsDoNoHarm) {
         attributes.Bytes(CKA_EC_PARAMS, "params").Bytes(CKA_EC_POINT, "point");
     });
     TokenSession session(token_.info, TokenSession::kPrivate);
-    const auto found = Certificates(session);
-    ASSERT_EQ(found.size(), 1U);
-    EXPECT_EQ(found[0].value, "not DER");
+    EXPECT_EQ(Certificates(session).size(), 1U);
+    EXPECT_EQ(Certificates(session).at(0).value, "not DER");
     std::list<PKCS11::CRLObject> crls;
-    std::list<PKCS11::PresharedKeyObject> keys;
     EXPECT_TRUE(session.EnumCRLs(crls) && crls.empty());
-    EXPECT_TRUE(session.EnumPresharedKeys(keys) && keys.empty());
+    EXPECT_TRUE(ShowsNoPresharedKey(session));
     std::string spki;
     EXPECT_FALSE(session.GetRawPubKeyObjectData(PKI_KEY_EC, "bad", spki));
 }
@@ -165,8 +159,7 @@ TEST_F(Objects, ObjectGoneWhenReadIsSkipped) {
     // Of a class that was remembered before the object went away.
     EXPECT_EQ(Certificates(reader).size(), 1U);
     ASSERT_TRUE(session.DeletePresharedKeyObject({"psk"}));
-    std::list<PKCS11::PresharedKeyObject> keys;
-    EXPECT_TRUE(reader.EnumPresharedKeys(keys) && keys.empty()) << "from the listing made before";
+    EXPECT_TRUE(ShowsNoPresharedKey(reader)) << "from the listing made before";
     EXPECT_EQ(errors.errors, std::vector<std::string>());
 }
 
@@ -198,25 +191,20 @@ TEST_F(Objects, CrlsAndPresharedKeys) {
     const std::string big(300000, 'c');
     ASSERT_TRUE(session.CreateCRLObject("1", "small"));
     ASSERT_TRUE(session.CreateCRLObject("2", big));
-    CRLInfo info;
-    info.id = "1";
-    EXPECT_TRUE(session.DeleteCRLObject(info));
-    EXPECT_FALSE(session.DeleteCRLObject(info));
+    EXPECT_TRUE(session.DeleteCRLObject({.id = "1"}));
+    EXPECT_FALSE(session.DeleteCRLObject({.id = "1"}));
     std::list<PKCS11::CRLObject> crls;
     ASSERT_TRUE(session.EnumCRLs(crls));
-    ASSERT_EQ(crls.size(), 1U);
-    EXPECT_EQ(crls.back().value, big);
+    EXPECT_TRUE(crls.size() == 1 && crls.back().value == big);
 
     ASSERT_TRUE(session.CreatePresharedKeyObject("office", "correct horse"));
     EXPECT_FALSE(session.CreatePresharedKeyObject("", "other"));
     std::string value;
-    EXPECT_TRUE(session.GetPresharedKeyPrivateData("office", value));
-    EXPECT_EQ(value, "correct horse");
+    EXPECT_TRUE(session.GetPresharedKeyPrivateData("office", value) && value == "correct horse");
     // Private: nobody sees it without the login.
     ASSERT_TRUE(tokens::Logout(token_.info));
     TokenSession open(token_.info);
-    std::list<PKCS11::PresharedKeyObject> keys;
-    EXPECT_TRUE(open.EnumPresharedKeys(keys) && keys.empty());
+    EXPECT_TRUE(ShowsNoPresharedKey(open));
     EXPECT_FALSE(open.GetPresharedKeyPrivateData("office", value));
 }
 
@@ -224,17 +212,17 @@ TEST_F(Objects, ExportedKeysAreTheImportedOnes) {
     TokenSession session(token_.info, TokenSession::kPrivate);
     for (const KeyType type : {KeyType::kRsa2048, KeyType::kDsa1024, KeyType::kEcP521, KeyType::kEd25519}) {
         const std::string id = "k" + std::to_string(static_cast<int>(type));
+        SCOPED_TRACE(id);
         const test_pki::Key key = test_pki::MakeKey(type);
         tokens::PrivateKey parsed;
         ASSERT_TRUE(tokens::PrivateKeyFromPkcs8(test_pki::Pkcs8(key), parsed));
-        ASSERT_TRUE(session.CreatePrivKeyObject(parsed.alg, id, test_pki::Pkcs8(key), true)) << id;
-        ASSERT_TRUE(session.CreatePrivKeyObject(parsed.alg, id + "-kept", test_pki::Pkcs8(key), false)) << id;
+        ASSERT_TRUE(session.CreatePrivKeyObject(parsed.alg, id, test_pki::Pkcs8(key), true));
+        ASSERT_TRUE(session.CreatePrivKeyObject(parsed.alg, id + "-kept", test_pki::Pkcs8(key), false));
         std::string exported;
-        ASSERT_TRUE(session.ExportPrivateKey(id, exported)) << id;
+        ASSERT_TRUE(session.ExportPrivateKey(id, exported));
         const auto again = libcrypto::Decode<EVP_PKEY_free>(d2i_AutoPrivateKey, exported);
-        ASSERT_NE(again, nullptr) << id;
-        EXPECT_EQ(EVP_PKEY_eq(again.get(), key.get()), 1) << id;
-        EXPECT_FALSE(session.ExportPrivateKey(id + "-kept", exported)) << id;
+        EXPECT_TRUE(again != nullptr && EVP_PKEY_eq(again.get(), key.get()) == 1);
+        EXPECT_FALSE(session.ExportPrivateKey(id + "-kept", exported));
     }
 }
 
@@ -266,9 +254,8 @@ TEST_F(Objects, DeletesTheCertificateThatIsMeant) {
     EXPECT_TRUE(session.DeleteCertObject(old_info));
     EXPECT_FALSE(session.DeletePrivKeyObject(old_info)) << "the renewed certificate needs it";
     EXPECT_FALSE(session.DeletePubKeyObject(old_info));
-    auto left = Certificates(session);
-    ASSERT_EQ(left.size(), 1U);
-    EXPECT_EQ(left[0].value, renewed.der);
+    EXPECT_EQ(Certificates(session).size(), 1U);
+    EXPECT_EQ(Certificates(session).at(0).value, renewed.der);
 
     CertInfo info = InfoOf("id", renewed);
     info.issuer = "CN=Other";
@@ -294,19 +281,6 @@ TEST_F(Objects, RememberedKeysAreForgottenWhenDeleted) {
     }
 }
 
-TEST_F(Objects, TrustedCertificatesNeedTheSecurityOfficer) {
-    TokenSession user(token_.info, TokenSession::kPrivate);
-    EXPECT_FALSE(Create(user, "root", root_, true));
-    EXPECT_TRUE(user.securityOfficerRequired());
-    EXPECT_TRUE(Create(user, "x", leaf_));
-    EXPECT_FALSE(user.securityOfficerRequired()) << "of the last creation";
-    const std::string wrong = RandomPin();
-    TokenSession nobody(token_.info, TokenSession::kPublic, &wrong);
-    EXPECT_FALSE(Create(nobody, "root", root_, true));
-    EXPECT_TRUE(nobody.securityOfficerRequired());
-    EXPECT_EQ(reports_.Count("wrong PIN"), 1U);
-}
-
 TEST_F(Objects, TheSecurityOfficerImportsAndTheUserComesBackWithAPinFile) {
     for (const bool pin_file : {false, true}) {
         if (pin_file) AddPinFile("objects", token_.pin);
@@ -321,6 +295,10 @@ TEST_F(Objects, TheSecurityOfficerImportsAndTheUserComesBackWithAPinFile) {
         EXPECT_EQ(reports_.Count("has to log in again"), 1U);
         EXPECT_TRUE(!pin_file || Certificates(user).at(0).trusted);
     }
+    const std::string wrong = RandomPin();
+    TokenSession nobody(token_.info, TokenSession::kPublic, &wrong);
+    EXPECT_TRUE(!Create(nobody, "root", root_, true) && nobody.securityOfficerRequired());
+    EXPECT_EQ(reports_.Count("wrong PIN"), 1U);
 }
 
 // What another session made is seen by a new listing, whatever was remembered of the old one.
@@ -333,9 +311,8 @@ TEST_F(Objects, ListingsFollowChanges) {
     EXPECT_EQ(Certificates(reader).size(), 1U);
     EXPECT_TRUE(reader.ContainPubKeyObject(leaf_.spki));
     ASSERT_TRUE(writer.DeleteCertObject(InfoOf("a", leaf_)));
-    const auto left = Certificates(reader);
-    ASSERT_EQ(left.size(), 1U);
-    EXPECT_EQ(left[0].category, PKCS11::kKeyPairCategory);
+    EXPECT_EQ(Certificates(reader).size(), 1U);
+    EXPECT_EQ(Certificates(reader).at(0).category, PKCS11::kKeyPairCategory);
 }
 
 }  // namespace

@@ -104,23 +104,20 @@ TEST_F(Trouble, ATokenPutBackIsUsedAgain) {
 
 // Sessions that died are replaced without the caller noticing, once.
 TEST_F(Trouble, DeadSessionsAreReplaced) {
-    struct {
-        const char* directive;
-        bool works;
-    } const cases[] = {
+    const std::pair<const char*, bool> cases[] = {
         {"fail C_VerifyInit CKR_SESSION_HANDLE_INVALID times 1", true},
         {"fail C_Verify CKR_DEVICE_REMOVED times 1", true},
         {"fail C_VerifyInit CKR_SESSION_CLOSED times 2", false},
         {"fail C_VerifyInit CKR_KEY_HANDLE_INVALID times 1", true},
         {"fail C_VerifyInit CKR_OBJECT_HANDLE_INVALID times 2", false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [directive, works] : cases) {
         ErrorLog errors;
         TokenSession session(token_.info, TokenSession::kPublic, nullptr, &errors);
         ASSERT_TRUE(Verify(session));
-        control_.Set({c.directive});
-        EXPECT_EQ(Verify(session), c.works) << c.directive;
-        EXPECT_EQ(errors.errors.size(), c.works ? 0U : 1U) << c.directive;
+        control_.Set({directive});
+        EXPECT_EQ(Verify(session), works) << directive;
+        EXPECT_EQ(errors.errors.size(), works ? 0U : 1U) << directive;
         control_.Set({});
         EXPECT_TRUE(Verify(session)) << "afterwards";
     }
@@ -128,10 +125,7 @@ TEST_F(Trouble, DeadSessionsAreReplaced) {
 
 // Trouble with the device is logged once a call, with the function and the name of the CK_RV.
 TEST_F(Trouble, DeviceErrorsAreReported) {
-    const struct {
-        const char* error;
-        std::function<bool(TokenSession&)> work;
-    } cases[] = {
+    const std::pair<const char*, std::function<bool(TokenSession&)>> cases[] = {
         {"C_SignInit CKR_DEVICE_MEMORY", [&](TokenSession& s) { return Sign(s); }},
         {"C_Sign CKR_DEVICE_ERROR", [&](TokenSession& s) { return Sign(s); }},
         {"C_Verify CKR_DEVICE_ERROR", [&](TokenSession& s) { return Verify(s); }},

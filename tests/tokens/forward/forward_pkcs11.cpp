@@ -8,7 +8,7 @@
 //
 //   hide LABEL                         the token is not there: it is left out of lists of slots with tokens, calls on its
 //                                      slot answer CKR_TOKEN_NOT_PRESENT, its sessions are closed and answer
-//                                      CKR_DEVICE_REMOVED, and CKR_SESSION_HANDLE_INVALID after it came back
+//                                      CKR_DEVICE_REMOVED, and CKR_SESSION_HANDLE_INVALID when no token is hidden
 //   fail FUNCTION CKR [skip N] [times M]
 //                                      answers CKR ("CKR_DEVICE_ERROR") without forwarding; after N calls, M times
 //   delay FUNCTION MILLISECONDS        before forwarding
@@ -18,7 +18,7 @@
 //   ghost                              every search finds one more object, which does not exist
 //   slots NUMBER                       as many more slots, after the others, that claim a token and have none
 //   endless                            no search ends: it finds objects that do not exist
-//   without MECHANISM [USES]           the token does not offer it (hexadecimal), or not for these uses (CKF_ bits)
+//   without MECHANISM USES             the token does not offer it for these uses (CKF_ bits); both hexadecimal
 //   no-events                          C_WaitForSlotEvent answers CKR_FUNCTION_NOT_SUPPORTED
 //   trace FUNCTION                     appends "FUNCTION CKR" to the control file's name with ".trace" after each call
 //
@@ -131,7 +131,7 @@ std::map<CK_SLOT_ID, CK_TOKEN_INFO> TokensOf(CK_FUNCTION_LIST& module) {
     return tokens;
 }
 
-/// Which slots are hidden, and the sessions that were lost with them.
+/// Which slots are hidden.
 class Slots {
   public:
     /// Held shared while the other module is entered: its sessions must not be closed under a call.
@@ -152,12 +152,11 @@ class Slots {
             if (hidden_.erase(slot) > 0) continue;
             hidden_.insert(slot);
             module.C_CloseAllSessions(slot);
-            for (auto& [handle, session] : sessions_) session.lost = session.lost || session.slot == slot;
         }
     }
-    bool IsHidden(CK_SLOT_ID slot) {
+    std::set<CK_SLOT_ID> Hidden() {
         const std::lock_guard lock(mutex_);
-        return hidden_.contains(slot);
+        return hidden_;
     }
     bool TakeEvent(CK_SLOT_ID& slot) {
         const std::lock_guard lock(mutex_);
@@ -165,36 +164,18 @@ class Slots {
         slot = events_.extract(events_.begin()).value();
         return true;
     }
-    void Opened(CK_SESSION_HANDLE session, CK_SLOT_ID slot) {
-        const std::lock_guard lock(mutex_);
-        sessions_[session] = {slot};
-    }
-    /// What a call on a session that was lost answers.
-    std::optional<CK_RV> Lost(CK_SESSION_HANDLE session) {
-        const std::lock_guard lock(mutex_);
-        const auto found = sessions_.find(session);
-        if (found == sessions_.end() || !found->second.lost) return std::nullopt;
-        return hidden_.contains(found->second.slot) ? CKR_DEVICE_REMOVED : CKR_SESSION_HANDLE_INVALID;
-    }
     void Clear() {
         const std::lock_guard lock(mutex_);
-        sessions_.clear();
         hidden_.clear();
         events_.clear();
         labels_.clear();
     }
 
   private:
-    struct Session {
-        CK_SLOT_ID slot;
-        bool lost = false;
-    };
-
     std::mutex mutex_;
     std::map<std::string, std::string> labels_;
     std::set<CK_SLOT_ID> hidden_;
     std::set<CK_SLOT_ID> events_;
-    std::map<CK_SESSION_HANDLE, Session> sessions_;
 };
 
 // Never destroyed: calls may hang when the process ends.
@@ -242,14 +223,14 @@ CK_RV Forward(const char* function, const Call& call) {
 
 template <typename Call>
 CK_RV ForwardOnSlot(const char* function, CK_SLOT_ID slot, const Call& call) {
-    return Forward(function, [&] { return g_slots.IsHidden(slot) ? CKR_TOKEN_NOT_PRESENT : call(); });
+    return Forward(function, [&] { return g_slots.Hidden().contains(slot) ? CKR_TOKEN_NOT_PRESENT : call(); });
 }
 
 template <typename Call>
-CK_RV ForwardOnSession(const char* function, CK_SESSION_HANDLE session, const Call& call) {
+CK_RV ForwardOnSession(const char* function, CK_SESSION_HANDLE /*session*/, const Call& call) {
     return Forward(function, [&] {
-        const auto lost = g_slots.Lost(session);
-        return lost.has_value() ? *lost : call();
+        const CK_RV rv = call();
+        return rv == CKR_SESSION_HANDLE_INVALID && !g_slots.Hidden().empty() ? CKR_DEVICE_REMOVED : rv;
     });
 }
 
@@ -293,7 +274,7 @@ CK_RV GetSlotList(unsigned char token_present, CK_SLOT_ID* slots, CK_ULONG* coun
         if (rv == CKR_OK) rv = g_module->C_GetSlotList(token_present, list.data(), &all);
         if (rv != CKR_OK) return rv;
         list.resize(std::min<std::size_t>(all, list.size()));
-        std::erase_if(list, [](CK_SLOT_ID slot) { return g_slots.IsHidden(slot); });
+        std::erase_if(list, [hidden = g_slots.Hidden()](CK_SLOT_ID slot) { return hidden.contains(slot); });
         for (const auto& [number, rest] : g_control.All("slots")) {
             for (CK_ULONG i = std::stoul(number); i > 0; --i) list.push_back(kGhost + i);
         }
@@ -323,8 +304,7 @@ CK_FLAGS LeftOut(CK_MECHANISM_TYPE type) {
     std::ostringstream name;
     name << std::hex << type;
     const auto uses = g_control.Find("without", name.str());
-    if (!uses.has_value()) return 0;
-    return uses->empty() ? kAllUses : std::stoul(*uses, nullptr, 16);
+    return uses.has_value() ? std::stoul(*uses, nullptr, 16) : 0;
 }
 bool IsLeftOut(CK_MECHANISM_TYPE type) {
     return LeftOut(type) == kAllUses;
@@ -358,14 +338,6 @@ CK_RV WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID* slot, void* /*reserved*/) {
         if (rv != CKR_NO_EVENT || (flags & CKF_DONT_BLOCK) != 0 || steady_clock::now() > end) return rv;
         std::this_thread::sleep_for(kLook);
     }
-}
-
-CK_RV OpenSession(CK_SLOT_ID slot, CK_FLAGS flags, void* application, CK_NOTIFY notify, CK_SESSION_HANDLE* session) {
-    return ForwardOnSlot("C_OpenSession", slot, [&] {
-        const CK_RV rv = g_module->C_OpenSession(slot, flags, application, notify, session);
-        if (rv == CKR_OK) g_slots.Opened(*session, slot);
-        return rv;
-    });
 }
 
 CK_RV FindObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG capacity, CK_ULONG* found) {
@@ -415,10 +387,10 @@ CK_FUNCTION_LIST MakeList() {
     list.C_GetMechanismList = GetMechanismList;
     list.C_GetMechanismInfo = GetMechanismInfo;
     list.C_WaitForSlotEvent = WaitForSlotEvent;
-    list.C_OpenSession = OpenSession;
     list.C_FindObjects = FindObjects;
     ON(Slot, C_GetSlotInfo)
     ON(Slot, C_InitToken)
+    ON(Slot, C_OpenSession)
     ON(Session, C_CloseSession)
     ON(Session, C_InitPIN)
     ON(Session, C_SetPIN)
