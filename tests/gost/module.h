@@ -18,6 +18,21 @@ inline CK_BYTE* Bytes(const std::string& text) {
     return reinterpret_cast<CK_BYTE*>(const_cast<char*>(text.data()));
 }
 
+/// The values of an object's attributes, by type.
+using Template = std::vector<std::pair<CK_ATTRIBUTE_TYPE, std::string>>;
+
+inline std::vector<CK_ATTRIBUTE> Attributes(const Template& values) {
+    std::vector<CK_ATTRIBUTE> attributes;
+    for (const auto& [type, value] : values) attributes.push_back({type, Bytes(value), value.size()});
+    return attributes;
+}
+inline std::string Number(CK_ULONG number) {
+    return {reinterpret_cast<const char*>(&number), sizeof number};
+}
+inline std::string Flag(bool flag) {
+    return std::string(1, static_cast<char>(flag ? CK_TRUE : CK_FALSE));
+}
+
 /// Loaded and initialised as long as it lives.
 class Module {
   public:
@@ -54,29 +69,30 @@ class Module {
     CK_RV Login(CK_SESSION_HANDLE session, const std::string& pin, CK_USER_TYPE user = CKU_USER) const {
         return list_->C_Login(session, user, Bytes(pin), pin.size());
     }
+    CK_RV Create(CK_SESSION_HANDLE session, const Template& values, CK_OBJECT_HANDLE& object) const {
+        std::vector<CK_ATTRIBUTE> attributes = Attributes(values);
+        return list_->C_CreateObject(session, attributes.data(), attributes.size(), &object);
+    }
     CK_RV AddData(CK_SESSION_HANDLE session, const std::string& label, const std::string& value, bool is_private,
                   CK_OBJECT_HANDLE& object) const {
-        CK_OBJECT_CLASS object_class = CKO_DATA;
-        CK_BBOOL yes = CK_TRUE;
-        CK_BBOOL hidden = is_private ? CK_TRUE : CK_FALSE;
-        CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &object_class, sizeof object_class},
-                                     {CKA_TOKEN, &yes, sizeof yes},
-                                     {CKA_PRIVATE, &hidden, sizeof hidden},
-                                     {CKA_LABEL, Bytes(label), label.size()},
-                                     {CKA_VALUE, Bytes(value), value.size()}};
-        return list_->C_CreateObject(session, attributes, 5, &object);
+        return Create(session,
+                      {{CKA_CLASS, Number(CKO_DATA)},
+                       {CKA_TOKEN, Flag(true)},
+                       {CKA_PRIVATE, Flag(is_private)},
+                       {CKA_LABEL, label},
+                       {CKA_VALUE, value}},
+                      object);
     }
     /// A pair of session objects of 34.10-2012 with 256 bits; of token objects with `on_token`. Public key first.
     std::array<CK_OBJECT_HANDLE, 2> GeneratePair(CK_SESSION_HANDLE session, bool on_token) const {
-        std::string set = der::Oid("1.2.643.2.2.35.1");
-        std::string digest_set = der::Oid("1.2.643.7.1.1.2.2");
-        CK_BBOOL token = on_token ? CK_TRUE : CK_FALSE;
-        CK_ATTRIBUTE attributes[] = {{CKA_TOKEN, &token, sizeof token},
-                                     {CKA_GOSTR3410_PARAMS, set.data(), set.size()},
-                                     {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()}};
+        const Template values{{CKA_TOKEN, Flag(on_token)},
+                              {CKA_GOSTR3410_PARAMS, der::Oid("1.2.643.2.2.35.1")},
+                              {CKA_GOSTR3411_PARAMS, der::Oid("1.2.643.7.1.1.2.2")}};
+        std::vector<CK_ATTRIBUTE> attributes = Attributes(values);
         std::array<CK_OBJECT_HANDLE, 2> pair{};
         CK_MECHANISM mechanism{CKM_GOSTR3410_KEY_PAIR_GEN, nullptr, 0};
-        list_->C_GenerateKeyPair(session, &mechanism, attributes, 3, attributes, 1, pair.data(), pair.data() + 1);
+        list_->C_GenerateKeyPair(session, &mechanism, attributes.data(), 3, attributes.data(), 1, pair.data(),
+                                 &pair[1]);
         return pair;
     }
     /// Handles of everything that the session sees.

@@ -1,6 +1,9 @@
 // The GOST token by itself: logins, objects, damage, clients that nobody here wrote.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+#include <openssl/err.h>
+#include <openssl/objects.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 
@@ -11,6 +14,8 @@
 #include <set>
 #include <thread>
 
+#include "certmgr/certmgr.h"
+#include "libcrypto/libcrypto.h"
 #include "tests/gost/examples.h"
 #include "tests/gost/module.h"
 #include "tests/support/der.h"
@@ -140,15 +145,10 @@ TEST_F(GostToken, WrongCallsGetTheStandardsAnswers) {
     EXPECT_EQ(size, 32U);
     EXPECT_EQ(m->C_Digest(session, out, 1, out, &size), CKR_OK) << "the operation goes on after a short buffer";
     // CKA_TRUSTED is for the security officer.
-    CK_OBJECT_CLASS certificate = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE x509 = CKC_X_509;
-    CK_BBOOL yes = CK_TRUE;
-    CK_ATTRIBUTE trusted[] = {{CKA_CLASS, &certificate, sizeof certificate},
-                              {CKA_CERTIFICATE_TYPE, &x509, sizeof x509},
-                              {CKA_VALUE, out, 10},
-                              {CKA_TRUSTED, &yes, 1}};
-    EXPECT_EQ(m->C_CreateObject(session, trusted, 4, &object), CKR_ATTRIBUTE_READ_ONLY);
-    EXPECT_EQ(m->C_CreateObject(session, trusted, 2, &object), CKR_TEMPLATE_INCOMPLETE);
+    Template certificate{{CKA_CLASS, Number(CKO_CERTIFICATE)}, {CKA_CERTIFICATE_TYPE, Number(CKC_X_509)}};
+    EXPECT_EQ(m.Create(session, certificate, object), CKR_TEMPLATE_INCOMPLETE);
+    certificate.insert(certificate.end(), {{CKA_VALUE, "certificate"}, {CKA_TRUSTED, Flag(true)}});
+    EXPECT_EQ(m.Create(session, certificate, object), CKR_ATTRIBUTE_READ_ONLY);
     // A logout ends what was begun with a private key.
     CK_MECHANISM sign{CKM_GOSTR3410, nullptr, 0};
     EXPECT_EQ(m->C_SignInit(session, &sign, m.GeneratePair(session, false)[1]), CKR_OK);
@@ -156,8 +156,8 @@ TEST_F(GostToken, WrongCallsGetTheStandardsAnswers) {
     EXPECT_EQ(m.Login(session, pin_), CKR_OK);
     size = sizeof out;
     EXPECT_EQ(m->C_Sign(session, out, 32, out, &size), CKR_USER_NOT_LOGGED_IN);
-    trusted[3].type = CKA_MODULUS;
-    EXPECT_EQ(m->C_CreateObject(session, trusted, 4, &object), CKR_ATTRIBUTE_TYPE_INVALID);
+    certificate.back().first = CKA_MODULUS;
+    EXPECT_EQ(m.Create(session, certificate, object), CKR_ATTRIBUTE_TYPE_INVALID);
 }
 
 TEST_F(GostToken, ADirectoryThatOthersCanReadIsRefused) {
@@ -288,78 +288,114 @@ TEST_F(GostToken, AKilledProcessLeavesEveryObjectReadable) {
 /// What is left by a process that is killed while it writes a pair: before it counts as written, and after.
 TEST_F(GostToken, HalfAPairIsNeverLeft) {
     const fs::path slot = fs::path(directory()) / "slot-0";
-    struct {
-        const char* folder;
-        int halves;  // in that folder
-        std::size_t keys;
-    } const cases[] = {{".new-0", 1, 0}, {".new-1", 2, 0}, {".set-0", 2, 2}, {".set-1", 1, 2}, {".set-2", 0, 2}};
-    for (const auto& c : cases) {
+    // A folder, the halves in it, and the keys that are there afterwards.
+    for (const auto& [name, halves, keys] :
+         {std::tuple(".new-0", 1, 0U), {".new-1", 2, 0U}, {".set-0", 2, 2U}, {".set-1", 1, 2U}, {".set-2", 0, 2U}}) {
+        SCOPED_TRACE(name);
         ASSERT_NE(module_->GeneratePair(User(), true)[1], CK_INVALID_HANDLE);
         module_.reset();
         const std::vector<fs::path> files{fs::directory_iterator(slot), {}};
-        fs::create_directory(slot / c.folder);
-        int halves = 0;
+        fs::create_directory(slot / name);
+        int half = 0;
         for (const fs::path& file : files) {
             if (file.extension() != ".object") continue;
-            if (halves++ < c.halves)
-                fs::rename(file, slot / c.folder / file.filename());
-            else if (c.keys == 0)
+            if (half++ < halves)
+                fs::rename(file, slot / name / file.filename());
+            else if (keys == 0)
                 fs::remove(file);
         }
         Restart();
         const CK_SESSION_HANDLE session = User();
-        const auto keys = module_->Find(session);
-        EXPECT_EQ(keys.size(), c.keys) << c.folder;
-        for (const CK_OBJECT_HANDLE key : keys) EXPECT_EQ((*module_)->C_DestroyObject(session, key), CKR_OK);
+        const auto found = module_->Find(session);
+        EXPECT_EQ(found.size(), keys);
+        for (const CK_OBJECT_HANDLE key : found) EXPECT_EQ((*module_)->C_DestroyObject(session, key), CKR_OK);
         EXPECT_EQ((*module_)->C_CloseAllSessions(0), CKR_OK);
-        EXPECT_EQ(std::distance(fs::directory_iterator(slot), {}), 1) << c.folder;
+        EXPECT_EQ(std::distance(fs::directory_iterator(slot), {}), 1);
     }
 }
 
 /// RFC 5832 and RFC 7091, 7.1 (the same numbers), RFC 7091, 7.2: the published public keys, hashes and signatures.
 TEST_F(GostToken, PublishedExamplesPinTheByteOrders) {
-    const struct {
-        CK_KEY_TYPE type;
-        CK_MECHANISM_TYPE mechanism;
-        const char* set;
-        const char* digest;
-        const Example& example;
-    } cases[] = {
+    const std::tuple<CK_KEY_TYPE, CK_MECHANISM_TYPE, const char*, const char*, const Example&> cases[] = {
         {CKK_GOSTR3410, CKM_GOSTR3410, "1.2.643.2.2.35.0", "1.2.643.2.2.30.1", kExample256},
         {CKK_GOSTR3410, CKM_GOSTR3410, "1.2.643.2.2.35.0", "1.2.643.7.1.1.2.2", kExample256},
         {CKK_GOSTR3410_512, CKM_GOSTR3410_512, "1.2.643.7.1.2.1.2.0", "1.2.643.7.1.1.2.3", kExample512},
     };
     const CK_SESSION_HANDLE session = module_->Open();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.digest);
-        CK_OBJECT_CLASS object_class = CKO_PUBLIC_KEY;
-        CK_KEY_TYPE type = c.type;
-        std::string set = der::Oid(c.set);
-        std::string digest_set = der::Oid(c.digest);
-        std::string value = Reversed(FromHex(c.example.x)) + Reversed(FromHex(c.example.y));
-        CK_ATTRIBUTE attributes[] = {{CKA_CLASS, &object_class, sizeof object_class},
-                                     {CKA_KEY_TYPE, &type, sizeof type},
-                                     {CKA_GOSTR3410_PARAMS, set.data(), set.size()},
-                                     {CKA_GOSTR3411_PARAMS, digest_set.data(), digest_set.size()},
-                                     {CKA_VALUE, value.data(), value.size()}};
+    for (const auto& [type, sign, set, digest_set, example] : cases) {
+        SCOPED_TRACE(digest_set);
+        Template values{{CKA_CLASS, Number(CKO_PUBLIC_KEY)},
+                        {CKA_KEY_TYPE, Number(type)},
+                        {CKA_GOSTR3411_PARAMS, der::Oid(digest_set)},
+                        {CKA_GOSTR3410_PARAMS, der::Oid(set)},
+                        {CKA_VALUE, Reversed(FromHex(example.x)) + Reversed(FromHex(example.y))}};
         CK_OBJECT_HANDLE key = 0;
-        ASSERT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_OK);
-        CK_MECHANISM mechanism{c.mechanism, nullptr, 0};
+        ASSERT_EQ(module_->Create(session, values, key), CKR_OK);
+        CK_MECHANISM mechanism{sign, nullptr, 0};
         const auto verify = [&](const std::string& digest, const std::string& signature) {
             EXPECT_EQ((*module_)->C_VerifyInit(session, &mechanism, key), CKR_OK);
             return (*module_)->C_Verify(session, Bytes(digest), digest.size(), Bytes(signature), signature.size());
         };
-        const std::string digest = Reversed(FromHex(c.example.e));
-        const std::string signature = FromHex(c.example.s) + FromHex(c.example.r);
+        const std::string digest = Reversed(FromHex(example.e));
+        const std::string signature = FromHex(example.s) + FromHex(example.r);
         EXPECT_EQ(verify(digest, signature), CKR_OK);
         EXPECT_EQ(verify(digest, Reversed(signature)), CKR_SIGNATURE_INVALID);
         EXPECT_EQ(verify(digest, signature.substr(1)), CKR_SIGNATURE_LEN_RANGE);
-        value.back() = static_cast<char>(value.back() ^ 1);
-        EXPECT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_ATTRIBUTE_VALUE_INVALID)
-            << "not on the curve";
-        set.back() = static_cast<char>(set.back() ^ 64);
-        EXPECT_EQ((*module_)->C_CreateObject(session, attributes, 5, &key), CKR_DOMAIN_PARAMS_INVALID);
+        const auto turn = [](std::string& value, int bits) { value.back() = static_cast<char>(value.back() ^ bits); };
+        turn(values[4].second, 1);
+        EXPECT_EQ(module_->Create(session, values, key), CKR_ATTRIBUTE_VALUE_INVALID) << "not on the curve";
+        turn(values[3].second, 64);
+        EXPECT_EQ(module_->Create(session, values, key), CKR_DOMAIN_PARAMS_INVALID);
     }
+}
+
+/// Signs on the token as a program that loads it, and lets it go, does.
+void UseToken(const std::string& directory, const std::string& pin) {
+    const Module module(GOST_TOKEN_PATH, directory);
+    const CK_SESSION_HANDLE session = module.Open();
+    EXPECT_EQ(module.Login(session, pin), CKR_OK);
+    const auto keys = module.Find(session);
+    ASSERT_EQ(keys.size(), 2U);
+    CK_MECHANISM mechanism{CKM_GOSTR3410_WITH_GOSTR3411_2012_256, nullptr, 0};
+    std::string signature(64, '\0');
+    CK_ULONG size = signature.size();
+    const bool first = module->C_SignInit(session, &mechanism, keys[0]) == CKR_OK;
+    EXPECT_TRUE(first || module->C_SignInit(session, &mechanism, keys[1]) == CKR_OK);
+    EXPECT_EQ(module->C_Sign(session, Bytes(pin), 1, Bytes(signature), &size), CKR_OK);
+}
+
+/// In a process that starts and stops the certificate engine. libcrypto keeps the engine of the keys itself.
+TEST_F(GostToken, StartsAndStopsLeakNothing) {
+    ASSERT_NE(module_->GeneratePair(User(), true)[1], CK_INVALID_HANDLE);
+    module_.reset();
+    // The loader itself keeps some bytes of each load: the module stays.
+    void* const loaded = dlopen(GOST_TOKEN_PATH, RTLD_NOW);
+    std::size_t before = 0;
+    for (int i = 0; i < 13; ++i) {
+        if (i == 3) before = mallinfo2().uordblks;
+        UseToken(directory(), pin_);
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 2000);
+    // The leak sanitizer watches this.
+    for (int i = 0; i < 2; ++i) {
+        CM::CertEngine_Init();
+        UseToken(directory(), pin_);
+        CM::CertEngine_Finit();
+    }
+    dlclose(loaded);
+}
+
+/// The host's own use of libcrypto is as it was: no error is left behind, no default is the engine's.
+TEST_F(GostToken, TheProcessKeepsItsDefaults) {
+    ERR_clear_error();
+    Restart();
+    EXPECT_EQ(module_->InitToken(7, pin_), CKR_SLOT_ID_INVALID);
+    EXPECT_EQ(ERR_peek_error(), 0U);
+    module_.reset();
+    const libcrypto::KeyContextPtr context(EVP_PKEY_CTX_new_id(NID_id_GostR3410_2001, nullptr));
+    const libcrypto::KeyPtr key(EVP_PKEY_new());
+    EXPECT_EQ(EVP_PKEY_set_type(key.get(), NID_id_GostR3410_2001), 0) << "the way to keys was taken back";
+    ERR_clear_error();
 }
 
 /// OpenSC's tool makes, lists and uses keys; p11-kit's server of modules shows them in the same way to GnuTLS's.

@@ -95,8 +95,8 @@ TEST_F(Settings, NamesEveryProblemWithItsPlace) {
     }
 }
 
-TEST_F(Settings, RefusesWhatIsNoSettingsFile) {
-    EXPECT_EQ(Problems(settings::Load(folder_ / "none")).at(0).find("none: error: cannot be opened: No such file"), 0U);
+TEST_F(Settings, RefusesWhatIsNoSettingsFileAndWarnsOfOneThatOthersWrite) {
+    EXPECT_EQ(Problems(settings::Load(Write("", 0620))).at(0).find("certmgr.toml: warning: can be written by"), 0U);
     const std::string directory = settings::Load(folder_.path()).problems.at(0).ToString();
     EXPECT_TRUE(directory.ends_with(": error: is not a regular file; name the settings file itself")) << directory;
     EXPECT_TRUE(Load(std::string(settings::kMaxFileBytes, '\n')).ok);
@@ -104,13 +104,6 @@ TEST_F(Settings, RefusesWhatIsNoSettingsFile) {
     for (int i = 0; i < 2000; ++i) rules += "{},";
     EXPECT_EQ(Problems(Load(rules + "]")),
               std::vector<std::string>{"certmgr.toml:1:8: error: rule: has 2000 entries, at most 1000 are read"});
-}
-
-TEST_F(Settings, WarnsAboutAFileThatOthersCanWrite) {
-    const LoadResult loaded = settings::Load(Write("", 0620));
-    EXPECT_TRUE(loaded.ok);
-    ASSERT_EQ(loaded.problems.size(), 1U);
-    EXPECT_EQ(loaded.problems[0].kind, Problem::Kind::kWarning);
 }
 
 TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
@@ -132,27 +125,22 @@ TEST_F(Settings, ReadsValuesAndMakesPathsAbsolute) {
 
 TEST_F(Settings, SoftHsmIsWhatRemainsWhenNothingIsNamed) {
     const std::string provider = "[[tokens.provider]]\nname = \"p\"\nmodule = ";
-    const struct {
-        std::string content;
-        std::string installed;
-        std::string used;
-        bool has_directory;
-        std::size_t problems;
-    } cases[] = {
+    // The file, the module that is installed, the one that is used, whether there is a folder, and problems.
+    const std::tuple<std::string, std::string, std::string, bool, std::size_t> cases[] = {
         {"", "/lib/libsofthsm2.so", "/lib/libsofthsm2.so", true, 0},
         {"", "", "", false, 1},
         {provider + "\"/opt/libsofthsm2.so\"\n", "", "/opt/libsofthsm2.so", true, 0},
         {provider + "\"/lib/card.so\"\n", "/lib/libsofthsm2.so", "/lib/card.so", false, 0},
         {"[tokens]\nsofthsm_directory = \"/state\"\n" + provider + "\"/lib/card.so\"\n", "", "/lib/card.so", true, 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.content + c.installed);
-        const LoadResult loaded = settings::Load(Write(c.content), c.installed);
+    for (const auto& [content, installed, used, has_directory, problems] : cases) {
+        SCOPED_TRACE(content + installed);
+        const LoadResult loaded = settings::Load(Write(content), installed);
         ASSERT_TRUE(loaded.ok);
         const settings::Tokens& tokens = loaded.settings.tokens;
-        EXPECT_EQ(tokens.manager.providers.empty() ? "" : tokens.manager.providers[0].module_path, c.used);
-        EXPECT_EQ(!tokens.softhsm_directory.empty(), c.has_directory);
-        EXPECT_EQ(loaded.problems.size(), c.problems);
+        EXPECT_EQ(tokens.manager.providers.empty() ? "" : tokens.manager.providers[0].module_path, used);
+        EXPECT_EQ(!tokens.softhsm_directory.empty(), has_directory);
+        EXPECT_EQ(loaded.problems.size(), problems);
     }
     EXPECT_EQ(settings::Load(Write(""), "").problems.at(0).Sentence(),
               "no [[tokens.provider]], and SoftHSM2 is not installed: no tokens; install softhsm2 or name a PKCS #11 "
