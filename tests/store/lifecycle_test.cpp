@@ -43,7 +43,7 @@ TEST_F(LifecycleTest, EventsWithinTheDelayFoldIntoOneReload) {
     Settle();
     Reads();
     FireInsert(*token_);
-    vendor_host::FireRemove(*token_);
+    PKCS11::Callbacks.tokenRemoved(token_->Info());
     FireInsert(*token_);
     EXPECT_EQ(vendor_host::Advance(1), 0U);
     EXPECT_EQ(vendor_host::Advance(1), 1U);
@@ -70,29 +70,26 @@ TEST_F(LifecycleTest, HandlersQueueAndTellTheDaemon) {
     Settle();
     const PKCS11::ProviderInfo ready{.name = "ready", .available = true};
     const PKCS11::ProviderInfo broken{.name = "broken", .available = false};
-    const struct {
-        const char* name;
-        std::function<void()> fire;
-        bool reload;
-        Strings hooks;
-    } cases[] = {
-        {"insert", [this] { FireInsert(*token_); }, true, {"token card"}},
-        {"remove", [this] { vendor_host::FireRemove(*token_); }, true, {}},
-        {"login of another program", [this] { vendor_host::FireLogin(*token_, false); }, true, {}},
-        {"own login", [this] { vendor_host::FireLogin(*token_, true); }, false, {}},
-        {"provider with tokens", [&] { vendor_host::FireProviderInsert(ready, 2); }, true, {"provider ready"}},
-        {"provider without tokens", [&] { vendor_host::FireProviderInsert(ready, 0); }, true, {}},
-        {"provider not available", [&] { vendor_host::FireProviderInsert(broken, 2); }, false, {}},
+    const PKCS11::CallbackTable& tell = PKCS11::Callbacks;
+    // What happens, whether it makes a reload, and the hooks that are called.
+    const std::tuple<const char*, std::function<void()>, bool, Strings> cases[] = {
+        {"insert", [&] { tell.tokenInserted(token_->Info()); }, true, {"token card"}},
+        {"remove", [&] { tell.tokenRemoved(token_->Info()); }, true, {}},
+        {"login of another program", [&] { tell.tokenLogin(token_->Info(), false); }, true, {}},
+        {"own login", [&] { tell.tokenLogin(token_->Info(), true); }, false, {}},
+        {"provider with tokens", [&] { tell.providerInserted(ready, 2); }, true, {"provider ready"}},
+        {"provider without tokens", [&] { tell.providerInserted(ready, 0); }, true, {}},
+        {"provider not available", [&] { tell.providerInserted(broken, 2); }, false, {}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        c.fire();
-        EXPECT_EQ(PendingEvents(), c.reload ? 1U : 0U);
-        EXPECT_EQ(HookLog::Take(), c.hooks);
+    for (const auto& [name, fire, reload, hooks] : cases) {
+        SCOPED_TRACE(name);
+        fire();
+        EXPECT_EQ(PendingEvents(), reload ? 1U : 0U);
+        EXPECT_EQ(HookLog::Take(), hooks);
         vendor_host::Advance(2);
     }
     CM::Callbacks = {};
-    for (const auto& c : cases) c.fire();
+    for (const auto& happen : cases) std::get<1>(happen)();
     EXPECT_EQ(HookLog::Take(), Strings());
 }
 
@@ -139,7 +136,6 @@ TEST_F(LifecycleTest, ReadersGoOnWhileATokenIsRead) {
     gate->Open();
     store().WaitReloadDone();  // false when it is done already
     EXPECT_EQ(count(), 2U);
-    ASSERT_TRUE(vendor_host::WaitEventsIdle());
 }
 
 TEST_F(LifecycleTest, StoppingReleasesWhoWaitsForAReload) {

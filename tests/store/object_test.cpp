@@ -37,19 +37,15 @@ TEST_F(ObjectTest, ObjectsWithoutCertificateAreNamedByTheirIdentifier) {
     for (const std::string& bad : {std::string(), der.substr(0, der.size() - 1), std::string((1U << 20) + 1, '\x30')}) {
         const auto malformed = FromToken({.id = "\x01\xAB", .value = bad});
         EXPECT_EQ(malformed->certHandle, nullptr);
-        EXPECT_EQ(malformed->info.subject, "Certificate object of unknown format");
-        EXPECT_EQ(malformed->info.serialNumber, "#01ab");
+        EXPECT_EQ(malformed->info.subject + malformed->info.serialNumber, "Certificate object of unknown format#01ab");
         EXPECT_EQ(malformed->CheckSignature(malformed.get()), CM::kSignatureWrong);
     }
 }
 
 TEST_F(ObjectTest, FirstFailingTestDecidesWhetherACertificateCanBeUsed) {
     constexpr auto kNever = CERT_TIME_UNKNOWN;
-    const struct {
-        std::function<void(CertInfo&)> spoil;
-        CM::CertImportStatus status;
-        std::uint16_t message;  // 0: none
-    } cases[] = {
+    // What is spoiled, the status, and the message; 0: none.
+    const std::tuple<std::function<void(CertInfo&)>, CM::CertImportStatus, std::uint16_t> cases[] = {
         {[](CertInfo&) {}, CM::ImportCertOk, 0},
         {[](CertInfo& i) { i.keyAlg = i.signAlg = 0; }, CM::ImportCertErrorUnknownKeyAlg, kMsgUnknownKeyAlg},
         {[](CertInfo& i) { i.signAlg = 0; }, CM::ImportCertErrorUnknownSignAlg, 140},
@@ -62,18 +58,18 @@ TEST_F(ObjectTest, FirstFailingTestDecidesWhetherACertificateCanBeUsed) {
         {[](CertInfo& i) { i.issuer = ""; }, CM::ImportCertErrorEmptyIssuer, 0},
         {[](CertInfo& i) { i.validFrom = i.validTo = 0; }, CM::ImportCertOk, 0},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.status);
+    for (const auto& [spoil, status, message] : cases) {
+        SCOPED_TRACE(status);
         const auto cert = Leaf();
         vendor_host::ClearMessages();
-        c.spoil(cert->info);
-        EXPECT_EQ(cert->CanBeUsed(), c.status);
-        EXPECT_EQ(vendor_host::Messages().size(), c.message == 0 ? 0U : 1U);
-        EXPECT_EQ(vendor_host::FindMessages(c.message).size(), c.message == 0 ? 0U : 1U);
-        if (c.message != kMsgUnknownKeyAlg) continue;
+        spoil(cert->info);
+        EXPECT_EQ(cert->CanBeUsed(), status);
+        EXPECT_EQ(vendor_host::Messages().size(), message == 0 ? 0U : 1U);
+        EXPECT_EQ(vendor_host::FindMessages(message).size(), message == 0 ? 0U : 1U);
+        if (message != kMsgUnknownKeyAlg) continue;
         std::string rendering;
         ttt_X509CertToLogString(cert.get(), rendering);
-        EXPECT_EQ(OnlyMessage(c.message), "1.2.840.10045.2.1 " + rendering);
+        EXPECT_EQ(OnlyMessage(message), "1.2.840.10045.2.1 " + rendering);
     }
 }
 
@@ -96,12 +92,7 @@ TEST_F(ObjectTest, PatternMatchesWhenEveryFieldThatIsSetMatches) {
     const std::string& sha1 = cert->ext().sha1;
     std::string upper_sha1 = sha1;
     std::ranges::transform(upper_sha1, upper_sha1.begin(), [](char c) { return c >= 'a' ? c - 'a' + 'A' : c; });
-    const struct {
-        const char* name;
-        LPCFG::cert_t pattern;
-        pki_alg_t alg;
-        bool match;
-    } cases[] = {
+    const std::tuple<const char*, LPCFG::cert_t, pki_alg_t, bool> cases[] = {
         {"empty", {}, 0, true},
         {"argument restricts", {}, PKI_KEY_EC, true},
         {"argument excludes", {}, PKI_KEY_RSA, false},
@@ -117,7 +108,7 @@ TEST_F(ObjectTest, PatternMatchesWhenEveryFieldThatIsSetMatches) {
         {"subject is not the issuer", {.issuer = info.subject}, 0, false},
         {"all", {PKI_KEY_EC, info.serialNumber, md5, sha1, info.subject, true, "CN=Root", false}, 0, true},
     };
-    for (const auto& c : cases) EXPECT_EQ(cert->MatchToPattern(c.pattern, c.alg), c.match) << c.name;
+    for (const auto& [name, pattern, alg, match] : cases) EXPECT_EQ(cert->MatchToPattern(pattern, alg), match) << name;
     ASSERT_EQ(CM_GetAnyCertPatternList()->size(), 1U);
     EXPECT_TRUE(cert->MatchToPattern(CM_GetAnyCertPatternList()->front(), 0));
 }

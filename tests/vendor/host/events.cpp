@@ -31,7 +31,6 @@ class EventManager {
     void SetMode(EventMode mode);
     void Drop();
     std::size_t Pending();
-    bool WaitIdle();
 
   private:
     bool RunOne_(Lock& lock, unsigned long end);
@@ -138,11 +137,6 @@ std::size_t EventManager::Pending() {
     return items_.size();
 }
 
-bool EventManager::WaitIdle() {
-    Lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), [this] { return items_.empty() && !running_; });
-}
-
 }  // namespace
 
 void EM_SetTimer(unsigned long group, unsigned long delay, EM_Handler handler, void* argument) {
@@ -165,9 +159,6 @@ std::size_t Advance(unsigned long units) {
 }
 std::size_t PendingEvents() {
     return Manager().Pending();
-}
-bool WaitEventsIdle() {
-    return Manager().WaitIdle();
 }
 void ResetEvents() {
     Manager().Drop();

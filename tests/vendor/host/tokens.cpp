@@ -111,10 +111,6 @@ std::shared_ptr<Token> AddToken(const std::string& label, const std::string& ser
     info.id = std::hash<std::string>()(label + '\n' + serial);
     info.label = label;
     info.serialNumber = serial;
-    info.manufacturer = "In memory";
-    info.model = "Test token";
-    info.slotDescription = "Slot of " + label;
-    info.providerName = "memory";
     info.holdsTrusted = true;
     auto token = std::make_shared<Token>(info);
     List()->tokens.push_back(token);
@@ -134,15 +130,6 @@ unsigned ReloadTokensContentCalls() {
 
 void FireInsert(const Token& token) {
     PKCS11::Callbacks.tokenInserted(token.Info());
-}
-void FireRemove(const Token& token) {
-    PKCS11::Callbacks.tokenRemoved(token.Info());
-}
-void FireLogin(const Token& token, bool own_session) {
-    PKCS11::Callbacks.tokenLogin(token.Info(), own_session);
-}
-void FireProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens) {
-    PKCS11::Callbacks.providerInserted(provider, tokens);
 }
 
 void ResetTokens() {

@@ -59,8 +59,6 @@ inline std::size_t RunDue() {
 }
 /// Timers and calls that are armed.
 std::size_t PendingEvents();
-/// Waits until nothing is armed and no handler runs (threaded mode); false after 30 seconds.
-bool WaitEventsIdle();
 
 // --- Event log ---
 
@@ -266,11 +264,8 @@ std::shared_ptr<Token> FindToken(std::uint64_t id);
 /// Calls of Manager::ReloadTokensContent so far.
 unsigned ReloadTokensContentCalls();
 
-// What the token manager's threads would report, on the caller's thread.
+/// What the token manager's threads would report, on the caller's thread.
 void FireInsert(const Token& token);
-void FireRemove(const Token& token);
-void FireLogin(const Token& token, bool own_session);
-void FireProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens);
 
 // --- Parts of Reset ---
 

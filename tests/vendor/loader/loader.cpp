@@ -49,7 +49,7 @@ void Cycle(const char* path, vendor_host::Token& token) {
     Call(module, {"_ZN2CM5FinitEv", "_ZN2CM16CertEngine_FinitEv"});
     if (dlclose(module) != 0) Fail("dlclose");
     if (dlopen(path, RTLD_NOW | RTLD_NOLOAD) != nullptr) Fail("the module is still loaded");
-    vendor_host::FireRemove(token);
+    PKCS11::Callbacks.tokenRemoved(token.Info());
     vendor_host::Advance(10);
 }
 
