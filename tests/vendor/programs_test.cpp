@@ -20,7 +20,7 @@ void ExpectDone(const std::vector<std::string>& command) {
     EXPECT_EQ(result.err, "") << "a sanitizer or the loader complains";
 }
 
-TEST(VendorProgram, BuildsFromThePublicHeadersAloneAndRuns) {
+TEST(VendorProgram, BuildsFromThePublicHeadersAloneRunsAndLeavesWithoutStopping) {
     const test_support::TempDir dir;
     const std::filesystem::path source(TEST_SOURCE_DIR);
     for (const auto& [from, to] : {std::pair("include", "include"), {"tests/vendor/host", "host"}}) {
@@ -46,15 +46,12 @@ TEST(VendorProgram, BuildsFromThePublicHeadersAloneAndRuns) {
     std::ofstream(dir / "root.der") << root.der;
     std::ofstream(dir / "host.der") << host.der;
     std::ofstream(dir / "host.p8") << test_pki::Pkcs8(host.key);
-    ExpectDone({program, dir / "root.der", dir / "host.der", dir / "host.p8"});
+    // What the module still does when they leave differs.
+    for (int run = 0; run < 5; ++run) ExpectDone({program, dir / "root.der", dir / "host.der", dir / "host.p8"});
 }
 
 TEST(VendorProgram, LoadsAndUnloadsTheModuleAgainAndAgain) {
-    ExpectDone({TEST_LOADER, TEST_MODULE, "cycle"});
-}
-
-TEST(VendorProgram, LeavesTheProcessWithoutStopping) {
-    for (int round = 0; round < 5; ++round) ExpectDone({TEST_LOADER, TEST_MODULE, "leave"});
+    ExpectDone({TEST_LOADER, TEST_MODULE});
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
-// Offers the host libraries and loads the module at run time.
-//
-//     vendor_loader MODULE cycle   load, start, reload, stop and unload while a reload timer is armed; several times
-//     vendor_loader MODULE leave   leave the process without stopping anything, a reload under way
+// Offers the host libraries and loads the module at run time: vendor_loader MODULE. It is loaded, started, reloaded,
+// stopped and unloaded while a reload timer is armed; several times.
 #include <dlfcn.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 
 #include "tests/support/pki.h"
 #include "tests/vendor/host/vendor_host.h"
@@ -19,12 +16,6 @@ namespace {
     std::_Exit(1);
 }
 
-void* Load(const char* path) {
-    void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) Fail("dlopen");
-    return module;
-}
-
 void Call(void* module, std::initializer_list<const char*> symbols) {
     for (const char* symbol : symbols) {
         void* address = dlsym(module, symbol);
@@ -33,14 +24,11 @@ void Call(void* module, std::initializer_list<const char*> symbols) {
     }
 }
 
-void Start(void* module) {
-    Call(module, {"_ZN2CM15CertEngine_InitEv", "_ZN2CM4InitEv", "_ZN2CM6ReloadEv"});
-}
-
 void Cycle(const char* path, vendor_host::Token& token) {
     token.ClearCalls();
-    void* const module = Load(path);
-    Start(module);
+    void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    if (module == nullptr) Fail("dlopen");
+    Call(module, {"_ZN2CM15CertEngine_InitEv", "_ZN2CM4InitEv", "_ZN2CM6ReloadEv"});
     vendor_host::FireInsert(token);
     vendor_host::Advance(2);
     if (token.Calls(vendor_host::Op::kEnumCertificates) != 2) Fail("a reload is missing");
@@ -53,32 +41,18 @@ void Cycle(const char* path, vendor_host::Token& token) {
     vendor_host::Advance(10);
 }
 
-void Leave(const char* path, vendor_host::Token& token) {
-    vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
-    const auto gate = std::make_shared<vendor_host::Gate>();
-    Start(Load(path));
-    token.Block(vendor_host::Op::kEnumCRLs, gate);
-    vendor_host::FireInsert(token);
-    if (!gate->WaitForArrivals(1)) Fail("no reload");
-    gate->Open();
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) return 2;
+    if (argc != 2) return 2;
     const test_pki::Cert root = test_pki::MakeCa("CN=Root");
     const test_pki::Cert leaf = test_pki::MakeLeaf("CN=Leaf", root);
-    static const auto token = vendor_host::AddToken("card");
+    const auto token = vendor_host::AddToken("card");
     token->AddCertificate(root.der, {.trusted = true});
     token->AddPersonal(leaf.der, leaf.key);
     token->AddPresharedKey("key", "value");
     token->AddCrl("crl", test_pki::MakeCrl({}, root));
-    if (std::string_view(argv[2]) == "leave") {
-        Leave(argv[1], *token);
-    } else {
-        for (int i = 0; i < 5; ++i) Cycle(argv[1], *token);
-    }
+    for (int i = 0; i < 5; ++i) Cycle(argv[1], *token);
     std::puts("done");
     return 0;
 }

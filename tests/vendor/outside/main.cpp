@@ -1,5 +1,5 @@
 // A vendor's program: its own host libraries, the module's public headers, and nothing else of this project. Chooses a
-// local certificate, signs with it, verifies the signature and leaves without stopping the module.
+// local certificate, signs with it, verifies the signature and leaves without stopping the module, a reload under way.
 //
 //     program ROOT.der HOST.der HOST.p8
 #include <certmgr/certmgr.h>
@@ -46,7 +46,13 @@ int main(int argc, char** argv) {
     CM::CertEngine_Init();
     CM::Init();
     CM::Reload();
-    const bool done = SelectSignVerify();
+    bool done = SelectSignVerify();
+    vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
+    const auto gate = std::make_shared<vendor_host::Gate>();
+    token->Block(vendor_host::Op::kEnumCRLs, gate);
+    vendor_host::FireInsert(*token);
+    done = gate->WaitForArrivals(1) && done;
+    gate->Open();
     std::puts(done ? "done" : vendor_host::AllText().c_str());
     return done ? 0 : 1;
 }
