@@ -250,8 +250,10 @@ CrlParams CrlParams::Read() {
 
 namespace {
 
+/// Afterwards no call is in progress.
 void Register(bool present) {
     LPARAMS::CertParams& block = LPARAMS::server.cert;
+    const vpnfc::ObjectLock no_calls(block.calls);
     const vpnfc::ObjectLock lock(block);
     std::erase(block.on_change, cm_crl_apply_lparams_);
     if (present) block.on_change.push_back(cm_crl_apply_lparams_);

@@ -26,6 +26,8 @@ struct NamedSwitch {
     std::string name;
 };
 
+struct CallLock : vpnfc::ObjectLevelLockable {};
+
 /// The certificate block.
 struct CertParams : vpnfc::ObjectLevelLockable {
     /// A peer chain must end in a trusted self-signed certificate.
@@ -55,8 +57,11 @@ struct CertParams : vpnfc::ObjectLevelLockable {
     bool honour_crl_scope = true;
 
     /// Called after the block changed, on the parameter server's thread, without the block's mutex held. The argument
-    /// is true while the settings are loaded for the first time, false at every later change.
+    /// is true while the settings are loaded for the first time, false at every later change. The server holds `calls`
+    /// from before it reads this list until the last call has returned. Who takes a callback out holds it, too, and takes
+    /// it before the block's mutex: afterwards no call is in progress, and the code behind it may be unloaded.
     std::vector<void (*)(bool)> on_change;
+    CallLock calls;
 };
 
 /// The logging block.

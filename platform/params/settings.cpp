@@ -385,9 +385,10 @@ void Apply(const Settings& settings) {
         log.crl_details = settings.log.crl_details;
         log.ike_verify_success = settings.log.ike_verify_success;
     }
+    LPARAMS::CertParams& cert = LPARAMS::server.cert;
+    const vpnfc::ObjectLock calls(cert.calls);
     std::vector<void (*)(bool)> callbacks;
     {
-        LPARAMS::CertParams& cert = LPARAMS::server.cert;
         const vpnfc::ObjectLock lock(cert);
         CopyToServer(settings.certificates, cert);
         if (changed) callbacks = cert.on_change;

@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -200,6 +201,7 @@ TEST_F(Settings, ApplyTellsOfChangesAndAFailedLoadChangesNothing) {
         // The block's mutex must be free: a callback reads it on whatever thread it likes.
         EXPECT_TRUE(LPARAMS::server.cert.try_lock());
         LPARAMS::server.cert.unlock();
+        std::thread([] { EXPECT_FALSE(LPARAMS::server.cert.calls.try_lock()); }).join();
         g_changes.push_back(first);
     });
 
