@@ -152,27 +152,30 @@ CrlAnswer Older(CrlAnswer answer, const CrlRef& newer) {
     return answer;
 }
 
+/// What was known has been asked for, unless all was marked since.
+void UnmarkKnownUnderLock(const CrlRequest& request, const CrlAnswer& answer) {
+    if (request.known != nullptr && answer.generation == g_generation) request.known->refresh = false;
+}
+
 /// Whether what the cache has from another address is current, but for its mark, newer, and for the same certificates.
 bool KnownIsBetter(const CrlRequest& request, const CrlRef& crl) {
     const CrlRef& known = request.known;
-    return known != nullptr && known != crl && CertTimeNow() < known->info.nextUpdate && IsOlder(crl, known) &&
+    return known != nullptr && known != crl && IsCurrent(*known) && IsOlder(crl, known) &&
            known->scope() == crl->scope();
 }
 
-/// The answer as it is for this issuer: a CRL that it has signed is kept, another one is none.
-CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
-    if (answer.crl == nullptr) return answer;
-    bool definite = false;
-    const SignatureCheck check = answer.crl->CheckSignature(&request.issuer, &definite);
-    if (check != kSignatureRight) {
-        answer.crl = nullptr;
-        answer.outcome = SignatureCheckText(check);
-        const vpnfc::ObjectLock lock(g_crl_db_lock);
-        if (definite) NoteUnderLock(IssuerKey(request), answer, request.params);
-        const bool tried = request.known != nullptr && request.known == FindUnderLock(request.address);
-        if (tried && answer.generation == g_generation) request.known->refresh = false;
-        return answer;
-    }
+/// None: the issuer has not signed it.
+CrlAnswer Refuse(CrlAnswer answer, const CrlRequest& request, SignatureCheck check, bool definite) {
+    answer.crl = nullptr;
+    answer.outcome = SignatureCheckText(check);
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    if (definite) NoteUnderLock(IssuerKey(request), answer, request.params);
+    if (request.known == FindUnderLock(request.address)) UnmarkKnownUnderLock(request, answer);
+    return answer;
+}
+
+/// What the issuer has signed is kept, unless a newer one is known.
+CrlAnswer KeepNewer(CrlAnswer answer, const CrlRequest& request) {
     if (KnownIsBetter(request, answer.crl)) return Older(std::move(answer), request.known);
     CrlRef ignored;
     while (const CrlRef newer = Keep(answer, request.params, ignored)) {
@@ -182,11 +185,24 @@ CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
     return answer;
 }
 
+/// The answer as it is for this issuer.
+CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
+    if (answer.crl == nullptr) return answer;
+    bool definite = false;
+    const SignatureCheck check = answer.crl->CheckSignature(&request.issuer, &definite);
+    if (check != kSignatureRight) return Refuse(std::move(answer), request, check, definite);
+    answer = KeepNewer(std::move(answer), request);
+    // Whichever address confirmed it.
+    const vpnfc::ObjectLock lock(g_crl_db_lock);
+    if (answer.crl == request.known) UnmarkKnownUnderLock(request, answer);
+    return answer;
+}
+
 /// The cached CRL of the address, when it is current: since it was looked for, another check may have brought it, or have
 /// seen to it that it is the server's still.
 CrlRef CurrentUnderLock(const CrlRequest& request) {
     const CrlRef cached = FindUnderLock(request.address);
-    return cached != nullptr && !cached->refresh && CertTimeNow() < cached->info.nextUpdate ? cached : nullptr;
+    return cached != nullptr && !cached->refresh && IsCurrent(*cached) ? cached : nullptr;
 }
 
 /// What the log says of a failure that this request need not repeat.
@@ -318,6 +334,10 @@ void EnumDownloadedCrlDB(CommandStreamOut& stream) {
 CrlRef FindCachedCrl(const std::string& address) {
     const vpnfc::ObjectLock lock(g_crl_db_lock);
     return FindUnderLock(address);
+}
+
+bool IsCurrent(const X509CRL& crl) {
+    return CertTimeNow() < crl.info.nextUpdate;
 }
 
 bool IsMarked(const X509CRL& crl) {

@@ -72,6 +72,8 @@ struct CrlParams {
 
 /// The CRL that the cache has for the address; null: none.
 CrlRef FindCachedCrl(const std::string& address);
+/// Whether its next update is still to come.
+bool IsCurrent(const X509CRL& crl);
 /// Whether a CRL of the cache is to be downloaded again.
 bool IsMarked(const X509CRL& crl);
 /// Takes a CRL out, unless another one has its place by now.

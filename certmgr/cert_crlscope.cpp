@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "certmgr/cert_crlfetch.h"
+#include "certmgr/cert_log.h"
 #include "certmgr/x509cert.h"
 
 namespace CM {
@@ -46,10 +47,12 @@ bool CrlCanClear(const X509CRL& crl, const std::string& source_uri, const X509Ce
     const CrlScope& scope = crl.scope();
     std::string reason = WrongKind(scope, cert);
     // One key may sign under several names.
-    if (reason.empty() && crl.info.issuer != cert.info.issuer) reason = "of another issuer: " + crl.info.issuer;
+    if (reason.empty() && crl.info.issuer != cert.info.issuer) {
+        cmprint_Value(reason.append("of another issuer: "), crl.info.issuer);
+    }
     if (reason.empty() && !PointFits(scope, source_uri, cert)) {
         reason = "for another distribution point";
-        if (!scope.uris.empty()) reason += ": " + PrintableUri(scope.uris.front());
+        if (!scope.uris.empty()) cmprint_Value(reason.append(": "), PrintableUri(scope.uris.front()));
     }
     if (reason.empty()) return true;
     why_not = std::move(reason);

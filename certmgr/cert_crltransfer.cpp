@@ -8,6 +8,7 @@
 #include "certmgr/cert_engine.h"
 #include "certmgr/cert_engine_openssl.h"
 #include "certmgr/cert_engine_openssl_crl.h"
+#include "certmgr/cert_log.h"
 
 namespace CM {
 
@@ -90,12 +91,13 @@ CrlAnswer Transfer(const CrlRequest& request) {
 // --- Log renderings ---
 
 std::string& log_uri_(std::string& text, const std::string& used, const std::string& named) {
-    text.append(" - ").append(PrintableUri(used));
+    cmprint_Value(text.append(" - "), PrintableUri(used));
     return used == named ? text : text.append("(modified)");
 }
 
 std::string& log_content_type_(std::string& text, const std::string& content_type) {
-    return content_type.empty() ? text : text.append(", ").append(content_type);
+    if (!content_type.empty()) cmprint_Text(text.append(", "), content_type);
+    return text;
 }
 
 std::string& log_data_(std::string& text, const std::string& data) {

@@ -24,6 +24,7 @@ namespace {
 constexpr std::size_t kMaxAddresses = 16;
 /// Longest address that is asked. Real ones have a few hundred bytes.
 constexpr std::size_t kMaxAddressBytes = 4096;
+constexpr std::string_view kNotRenewed = " \\\n\tCached CRL that could not be renewed:";
 
 /// Name of a reason, by reason code plus one.
 const char* ReasonName(int reason) {
@@ -53,7 +54,7 @@ std::string Rendered(const X509CRL& crl) {
     std::string text;
     ttt_X509CRLToLogString(&crl, text);
     if (!crl.uri.empty()) {
-        text.append(" \\\n\t\tFrom: ").append(PrintableUri(crl.uri));
+        cmprint_Value(text.append(" \\\n\t\tFrom: "), PrintableUri(crl.uri));
         text.append(", downloaded at: ").append(CertTimeToString(crl.downloadedAt));
     }
     return text;
@@ -81,8 +82,7 @@ const char* WhyNotAsked(const std::string& address) {
 enum class Finding : std::uint8_t {
     kOpen,  // nothing
     kGood,
-    kNotCurrent,  // which fails the certificate
-    kBad,
+    kBad,  // it lists it, or would have to be current
 };
 
 /// The check of one certificate. Used once. Holds no lock.
@@ -100,6 +100,12 @@ class RevocationCheck {
     bool Run();
 
   private:
+    /// The cached CRL that will not do without being renewed, if any.
+    struct Known {
+        CrlRef crl;
+        bool marked = false;  // it was to be downloaded again
+        bool asked_for = false;  // by this check
+    };
     struct Address {
         const std::string& named;  // as the certificate has it
         std::string used;
@@ -109,8 +115,11 @@ class RevocationCheck {
     void CompleteAddresses();
     Finding JudgeCached();
     Finding JudgeDownloaded();
+    Finding JudgeUnmarked();
     Finding JudgeStored();
-    Finding Judge(const X509CRL& crl, bool marked);
+    Finding JudgeNotRenewed();
+    Finding Judge(const X509CRL& crl);
+    bool Covers(const X509CRL& crl, std::string& why_not) const;
     void LogTransfer(const std::string& named, const std::string& used, const CrlAnswer& answer) const;
     template <typename... Details>
     void Log(EventCode code, const Details&... details) const;
@@ -123,9 +132,7 @@ class RevocationCheck {
     const CrlParams params_ = CrlParams::Read();
 
     std::vector<Address> addresses_;
-    CrlRef known_;  // the cached CRL that will not do without being renewed
-    bool known_marked_ = false;  // it was to be downloaded again
-    bool known_asked_for_ = false;  // by this check
+    Known known_;
     std::string searched_;  // of the store, for the log
 };
 
@@ -133,6 +140,7 @@ bool RevocationCheck::Run() {
     CompleteAddresses();
     Finding finding = JudgeCached();
     if (finding == Finding::kOpen) finding = JudgeDownloaded();
+    if (finding == Finding::kOpen) finding = JudgeUnmarked();
     if (finding == Finding::kOpen) finding = JudgeStored();
     if (finding != Finding::kOpen) return finding == Finding::kGood;
     return !strict_;
@@ -168,13 +176,12 @@ Finding RevocationCheck::JudgeCached() {
         const CrlRef cached = FindCachedCrl(address.used);
         if (cached == nullptr || cached->CheckSignature(&issuer_) != kSignatureRight) continue;
         const bool marked = IsMarked(*cached);
-        if (marked || cached->info.nextUpdate <= CertTimeNow()) {
-            known_ = cached;
-            known_marked_ = marked;
+        if (marked || !IsCurrent(*cached)) {
+            known_ = {.crl = cached, .marked = marked};
             return Finding::kOpen;
         }
         address.done = true;
-        if (const Finding finding = Judge(*cached, false); finding != Finding::kOpen) return finding;
+        if (const Finding finding = Judge(*cached); finding != Finding::kOpen) return finding;
     }
     return Finding::kOpen;
 }
@@ -183,51 +190,67 @@ Finding RevocationCheck::JudgeCached() {
 Finding RevocationCheck::JudgeDownloaded() {
     for (const Address& address : addresses_) {
         if (address.done) continue;
-        const CrlAnswer answer = ObtainCrl({address.used, issuer_, known_, params_});
-        known_asked_for_ = known_asked_for_ || (answer.own && known_ != nullptr && address.used == known_->uri);
+        const CrlAnswer answer = ObtainCrl({address.used, issuer_, known_.crl, params_});
+        if (answer.own && known_.crl != nullptr && address.used == known_.crl->uri) known_.asked_for = true;
         LogTransfer(address.named, address.used, answer);
         if (answer.crl == nullptr) continue;
-        const Finding finding = Judge(*answer.crl, false);
-        if (finding == Finding::kOpen && answer.crl != known_) continue;
+        const Finding finding = Judge(*answer.crl);
+        if (finding == Finding::kOpen && answer.crl != known_.crl) continue;
         // It takes the place of what another address had given.
-        if (known_ != nullptr && answer.crl != known_ && answer.kept) DropCachedCrl(known_);
-        known_ = nullptr;
+        if (known_.crl != nullptr && answer.crl != known_.crl && answer.kept) DropCachedCrl(known_.crl);
+        known_ = {};
         if (finding != Finding::kOpen) return finding;
     }
     return Finding::kOpen;
 }
 
+/// A mark asks for one transfer: those who only waited for it, and it failed, find none any more, and use the CRL as
+/// the next check will.
+Finding RevocationCheck::JudgeUnmarked() {
+    if (!known_.marked || known_.asked_for || IsMarked(*known_.crl) || !IsCurrent(*known_.crl)) return Finding::kOpen;
+    return Judge(*std::exchange(known_, {}).crl);
+}
+
 /// The store's CRL goes before one of the cache that could not be renewed; where either is used as it is, the newer
-/// one does. A mark asks for one transfer: those who only waited for it, and it failed, find none any more.
+/// one does.
 Finding RevocationCheck::JudgeStored() {
-    if (known_marked_ && !known_asked_for_) known_marked_ = IsMarked(*known_);
     StoreCrls stored;
     const bool told = strict_ || LogsCrlDetails();
     const auto next = [&] { return stored.Next(&issuer_, told ? &searched_ : nullptr); };
     CrlRef crl = next();
-    const bool newer = known_ != nullptr && (crl == nullptr || known_->info.thisUpdate > crl->info.thisUpdate);
+    const bool newer = known_.crl != nullptr && (crl == nullptr || known_.crl->info.thisUpdate > crl->info.thisUpdate);
     if (newer && !strict_) {
-        if (const Finding finding = Judge(*known_, known_marked_); finding != Finding::kOpen) return finding;
-        known_ = nullptr;
+        if (const Finding finding = JudgeNotRenewed(); finding != Finding::kOpen) return finding;
     }
     for (; crl != nullptr; crl = next()) {
-        if (const Finding finding = Judge(*crl, false); finding != Finding::kOpen) return finding;
+        if (const Finding finding = Judge(*crl); finding != Finding::kOpen) return finding;
     }
-    Finding finding = Finding::kOpen;
-    if (known_ != nullptr) finding = Judge(*known_, known_marked_);
-    if (strict_ && (finding == Finding::kOpen || finding == Finding::kNotCurrent)) {
-        Log(kMsgCrlNotFound, cert_, searched_);
-    }
+    const Finding finding = JudgeNotRenewed();
+    if (strict_ && finding == Finding::kOpen) Log(kMsgCrlNotFound, cert_, searched_);
     return finding;
 }
 
-Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
+/// Once. Where it cannot be used as it is, it counts as not there.
+Finding RevocationCheck::JudgeNotRenewed() {
+    const CrlRef crl = std::exchange(known_, {}).crl;
+    if (crl == nullptr) return Finding::kOpen;
+    std::string why_not;
+    if (!strict_ || !Covers(*crl, why_not)) return Judge(*crl);
+    searched_.append(kNotRenewed).append(Rendered(*crl));
+    return Finding::kOpen;
+}
+
+bool RevocationCheck::Covers(const X509CRL& crl, std::string& why_not) const {
+    return !params_.honour_scope || CrlCanClear(crl, crl.uri, cert_, why_not);
+}
+
+Finding RevocationCheck::Judge(const X509CRL& crl) {
     // What does not cover the certificate counts as not there, but for what it lists.
     std::string why_not;
-    const bool covers = !params_.honour_scope || CrlCanClear(crl, crl.uri, cert_, why_not);
-    if (covers && strict_ && (marked || crl.info.nextUpdate <= CertTimeNow())) {
+    const bool covers = Covers(crl, why_not);
+    if (covers && strict_ && !IsCurrent(crl)) {
         Log(kMsgCrlNotCurrent, cert_, crl);
-        return Finding::kNotCurrent;
+        return Finding::kBad;
     }
     RevokedEntry entry;
     if (crl.FindRevoked(cert_, entry)) {
@@ -245,12 +268,7 @@ Finding RevocationCheck::Judge(const X509CRL& crl, bool marked) {
 void RevocationCheck::LogTransfer(const std::string& named, const std::string& used, const CrlAnswer& answer) const {
     if (answer.outcome.empty() || !TLogMessage::IsEnabled(kMsgCrlTransfer)) return;
     std::string line;
-    if (used.size() <= kMaxAddressBytes) {
-        log_uri_(line, used, named);
-    } else {
-        cmprint_Value(line.append(" - "), PrintableUri(used));
-    }
-    line.append(answer.received);
+    log_uri_(line, used, named).append(answer.received);
     TLogMessage(kMsgCrlTransfer, ident_).Attr(answer.outcome).Attr(line).Send();
 }
 

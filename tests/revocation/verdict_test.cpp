@@ -334,9 +334,11 @@ TEST_F(VerdictTest, ACachedCrlOutOfDateComesAfterTheStore) {
     Serve(path_, Crl(cached));
     Passes(leaf_, kSoft);
     ServeNothing(path_);
+    vendor_host::ClearMessages();
     EXPECT_FALSE(Passes(leaf_, kStrict));
-    EXPECT_TRUE(vendor_host::Logged("From: ", kMsgCrlNotCurrent));
+    EXPECT_FALSE(vendor_host::Logged("", kMsgCrlNotCurrent)) << "there is none";
     EXPECT_TRUE(vendor_host::Logged("Checked CRLs (0)", kMsgCrlNotFound));
+    EXPECT_TRUE(vendor_host::Logged("From: ", kMsgCrlNotFound));
     PutOnToken(Crl({.this_update = kNow - 3 * kDay}));
     EXPECT_TRUE(Passes(leaf_, kStrict)) << "the store's is current";
     EXPECT_FALSE(Passes(leaf_, kSoft)) << "the cache's is newer";
@@ -406,6 +408,33 @@ TEST_F(VerdictTest, ANewerCrlForOthersIsNoReasonToRefuseAnother) {
     EXPECT_TRUE(Passes(leaf));
 }
 
+TEST_F(VerdictTest, AMarkIsAnsweredByAnyOfTheAddresses) {
+    const Cert leaf = Leaf({server_.Uri("/a"), server_.Uri("/b")});
+    const std::string known = Crl({.this_update = kNow - 1});
+    const std::string shard = Crl({.issuing_distribution_point = PointAt("http://elsewhere.example/shard.crl")});
+    const struct {
+        std::string known;
+        std::string confirming;
+        bool passes;
+        unsigned transfers;
+    } rows[] = {
+        {known, known, true, 1},
+        {known, Crl({.this_update = kNow - 2}), true, 1},
+        {shard, shard, false, 2},  // the second keeps it under the first address as well
+    };
+    for (const auto& row : rows) {
+        CM::ClearDownloadedCrlDB();
+        ServeNothing("/a");
+        Serve("/b", row.known);
+        EXPECT_EQ(Passes(leaf), row.passes);
+        CM::cm_crl_apply_lparams_(false);
+        Serve("/a", row.confirming);
+        const std::uint64_t transfers = Transfers();
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(Passes(leaf), row.passes);
+        EXPECT_EQ(Transfers(), transfers + row.transfers);
+    }
+}
+
 TEST_F(VerdictTest, WhatIsOutOfScopeStandsInNobodysWay) {
     const std::string elsewhere = PointAt("http://elsewhere.example/shard.crl");
     const Cert leaf = Leaf({server_.Uri("/full"), server_.Uri("/shard")});
@@ -438,8 +467,9 @@ TEST_F(VerdictTest, AnAddressWithoutHostIsCompleted) {
     EXPECT_EQ(CachedAddresses(), Strings{whole});
 
     CM::ClearDownloadedCrlDB();
-    Serve(path_, Crl(Expired(Listing(leaf))));
+    server_.Set(path_, {.content_type = std::string(40'000, 'x'), .body = Crl(Expired(Listing(leaf)))});
     EXPECT_FALSE(Passes(leaf, kSoft, host));
+    EXPECT_TRUE(vendor_host::Logged(" bytes cut), data[", kMsgCrlTransfer)) << "a server's type of any length";
     ServeNothing(path_);
     EXPECT_FALSE(Passes(leaf, kSoft, host)) << "by what the cache has under the whole address";
 }

@@ -96,6 +96,7 @@ TEST_F(WaitingTest, AMarkFailsOneCheckAlone) {
     EXPECT_TRUE(Passes(leaf));
     CM::cm_crl_apply_lparams_(false);
     ServeNothing("/a");
+    PutOnToken(Crl(Expired()));
     OneJoinsAnother([&](unsigned) { EXPECT_FALSE(Passes(leaf)); }, [&](unsigned) { EXPECT_TRUE(Passes(leaf)); });
     EXPECT_EQ(Transfers(), 2U);
 }
