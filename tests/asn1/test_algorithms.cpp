@@ -5,10 +5,11 @@
 #include <openssl/objects.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
+#include <tuple>
 
 #include "libcrypto/libcrypto.h"
 #include "platform/asn1.h"
@@ -22,47 +23,29 @@ std::string OidOfNid(int nid) {
     return {reinterpret_cast<const char*>(OBJ_get0_data(object)), OBJ_length(object)};
 }
 
-pki_alg_t KeyAlg(const std::string& oid) {
-    return PKI_OID_TO_KEY_ALG(oid.data(), oid.size());
+template <auto kRead>
+pki_alg_t CodeOf(const std::string& oid) {
+    return kRead(oid.data(), oid.size());
 }
-pki_alg_t HashAlg(const std::string& oid) {
-    return PKI_OID_TO_HASH_ALG(oid.data(), oid.size());
-}
-pki_alg_t SignAlg(const std::string& oid) {
-    return PKI_OID_TO_CERT_SIGN_ALG(oid.data(), oid.size());
-}
+constexpr auto KeyAlg = CodeOf<PKI_OID_TO_KEY_ALG>;
+constexpr auto HashAlg = CodeOf<PKI_OID_TO_HASH_ALG>;
+constexpr auto SignAlg = CodeOf<PKI_OID_TO_CERT_SIGN_ALG>;
 
-const std::map<int, pki_alg_t> kKeys{{NID_rsaEncryption, 0x1},
-                                     {NID_rsassaPss, 0x2},
-                                     {NID_dsa, 0x3},
-                                     {NID_dsa_2, 0x3},
-                                     {NID_X9_62_id_ecPublicKey, 0x4},
-                                     {NID_ED25519, 0x5},
-                                     {NID_id_GostR3410_2001, 0x10E},
-                                     {NID_id_GostR3410_2012_256, 0x10F},
-                                     {NID_id_GostR3410_2012_512, 0x110},
-                                     {NID_rsa, 0x1}};
-// Each at its number.
-constexpr int kHashes[] = {NID_undef,
-                           NID_sha,
-                           NID_sha1,
-                           NID_sha224,
-                           NID_sha256,
-                           NID_sha384,
-                           NID_sha512,
-                           NID_md2,
-                           NID_md5,
-                           NID_id_GostR3411_94,
-                           NID_id_GostR3411_2012_256,
-                           NID_id_GostR3411_2012_512};
-
+/// The place of the identifier in the list, from `first` on; 0 when it is not there.
+pki_alg_t PlaceIn(std::initializer_list<int> list, int nid, pki_alg_t first) {
+    const auto* const found = std::find(list.begin(), list.end(), nid);
+    return found == list.end() ? 0 : first + static_cast<pki_alg_t>(found - list.begin());
+}
 pki_alg_t KeyOf(int nid) {
-    const auto found = kKeys.find(nid);
-    return found == kKeys.end() ? 0 : found->second;
+    if (nid == NID_rsa || nid == NID_dsa_2) return nid == NID_rsa ? 0x1 : 0x3;
+    return PlaceIn({NID_rsaEncryption, NID_rsassaPss, NID_dsa, NID_X9_62_id_ecPublicKey, NID_ED25519}, nid, 0x1) |
+           PlaceIn({NID_id_GostR3410_2001, NID_id_GostR3410_2012_256, NID_id_GostR3410_2012_512}, nid, 0x10E);
 }
 pki_alg_t HashOf(int nid) {
-    const auto* const found = std::find(std::begin(kHashes), std::end(kHashes), nid);
-    return found == std::end(kHashes) ? 0 : static_cast<pki_alg_t>(found - kHashes) << 16;
+    return PlaceIn({NID_sha, NID_sha1, NID_sha224, NID_sha256, NID_sha384, NID_sha512, NID_md2, NID_md5,
+                    NID_id_GostR3411_94, NID_id_GostR3411_2012_256, NID_id_GostR3411_2012_512},
+                   nid, 1)
+           << 16;
 }
 
 /// Of a signature's hash and key, as libcrypto knows them.
@@ -108,9 +91,9 @@ TEST(Algorithms, EveryIdentifierOfLibcryptoReadsAndWritesItsCode) {
 }
 
 TEST(Algorithms, VariantFlagsInWriting) {
-    const std::map<pki_alg_t, std::set<pki_alg_t>> variants{
-        {0x90000, {0, 1, 2, 4}}, {0x9010E, {0, 2, 4}}, {0x40001, {0}}, {0x3, {0}}};
-    for (const auto& [code, good] : variants) {
+    using Good = std::set<pki_alg_t>;
+    for (const auto& [code, good] :
+         {std::pair{0x90000U, Good{0, 1, 2, 4}}, {0x9010E, {0, 2, 4}}, {0x40001, {0}}, {0x3, {0}}}) {
         for (pki_alg_t variant = 0; variant < 0x100; ++variant) {
             std::string oid;
             bool null_parameter = false;
@@ -174,13 +157,8 @@ TEST(Algorithms, CurvesAgainstLibcrypto) {
 }
 
 TEST(Algorithms, RsassaPssParameters) {
-    const struct {
-        const char* hash;  // null: the field is left out, its default applies
-        const char* mgf_hash;
-        int salt;  // negative: left out
-        int trailer;
-        pki_alg_t expected;
-    } cases[] = {
+    // Hash and that of the mask: null is the default; salt and trailer: negative is the default.
+    const std::tuple<const char*, const char*, int, int, pki_alg_t> cases[] = {
         {nullptr, nullptr, -1, -1, 0x20002},  {"SHA1", "SHA1", 20, 1, 0x20002}, {"SHA256", "SHA256", 32, -1, 0x40002},
         {"SHA512", "SHA512", 64, 1, 0x60002}, {"SHA256", "SHA256", -1, -1, 0},  // the default salt is SHA-1's
         {"SHA256", "SHA256", 0x120, -1, 0},   {"SHA256", "SHA1", 32, -1, 0},    {"SHA256", nullptr, 32, -1, 0},
@@ -188,16 +166,14 @@ TEST(Algorithms, RsassaPssParameters) {
     };
     const auto identifier = [](const char* name) { return der::Sequence(der::Oid(name) + der::Null()); };
     const std::string pss = OidOfNid(NID_rsassaPss);
-    for (const auto& c : cases) {
+    for (const auto& [hash, mask, salt, trailer, expected] : cases) {
         std::string fields;
-        if (c.hash != nullptr) fields += der::Explicit(0, identifier(c.hash));
-        if (c.mgf_hash != nullptr) {
-            fields += der::Explicit(1, der::Sequence(der::Oid("mgf1") + identifier(c.mgf_hash)));
-        }
-        if (c.salt >= 0) fields += der::Explicit(2, der::Integer(static_cast<unsigned>(c.salt)));
-        if (c.trailer >= 0) fields += der::Explicit(3, der::Integer(static_cast<unsigned>(c.trailer)));
+        if (hash != nullptr) fields += der::Explicit(0, identifier(hash));
+        if (mask != nullptr) fields += der::Explicit(1, der::Sequence(der::Oid("mgf1") + identifier(mask)));
+        if (salt >= 0) fields += der::Explicit(2, der::Integer(static_cast<unsigned>(salt)));
+        if (trailer >= 0) fields += der::Explicit(3, der::Integer(static_cast<unsigned>(trailer)));
         const std::string parameters = der::Sequence(fields);
-        EXPECT_EQ(asn_ike_signalg_t_to_pki_alg(pss, parameters), c.expected) << TO_HEX_STD_STRING(parameters);
+        EXPECT_EQ(asn_ike_signalg_t_to_pki_alg(pss, parameters), expected) << TO_HEX_STD_STRING(parameters);
         EXPECT_EQ(asn_ike_signalg_t_to_pki_alg(pss, parameters + '\0'), 0U);
     }
     EXPECT_EQ(asn_ike_signalg_t_to_pki_alg(pss, der::Null()), 0U);

@@ -5,10 +5,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "iputils/iputils.h"
 
@@ -59,11 +62,7 @@ TEST(IpText, AddressesMasksAndSubnets) {
 }
 
 TEST(IpText, Ranges) {
-    const struct {
-        unsigned from, to;
-        const char* prefixed;
-        const char* dotted;
-    } cases[] = {
+    const std::tuple<unsigned, unsigned, const char*, const char*> cases[] = {
         {0x0A000000, 0x0A0000FF, "10.0.0.0/24", "10.0.0.0/255.255.255.0"},
         {0x0A000001, 0, "10.0.0.1", "10.0.0.1"},
         {0, 0xFFFFFFFF, "0.0.0.0/0", "0.0.0.0/0.0.0.0"},
@@ -71,9 +70,9 @@ TEST(IpText, Ranges) {
         {0x0A000005, 0x0A000002, "10.0.0.5..10.0.0.2", "10.0.0.5..10.0.0.2"},
         {0xC8C8C8C9, 0xFFFFFFFE, "200.200.200.201..255.255.255.254", "200.200.200.201..255.255.255.254"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(RangeText(c.from, c.to, true), c.prefixed);
-        EXPECT_EQ(RangeText(c.from, c.to, false), c.dotted);
+    for (const auto& [from, to, prefixed, dotted] : cases) {
+        EXPECT_EQ(RangeText(from, to, true), prefixed);
+        EXPECT_EQ(RangeText(from, to, false), dotted);
     }
 }
 
@@ -81,9 +80,7 @@ TEST(IpText, ProtocolsAndPorts) {
     const std::pair<unsigned char, const char*> fixed[] = {
         {0, "*"},           {50, "50(esp)"}, {51, "51(ah)"},  {108, "108(ipcomp)"}, {141, "141(wesp)"},
         {142, "142(rohc)"}, {6, "6(tcp)"},   {17, "17(udp)"}, {253, "253"}};
-    for (const auto& [number, text] : fixed) {
-        EXPECT_EQ(ProtocolText(number), text);
-    }
+    for (const auto& [number, text] : fixed) EXPECT_EQ(ProtocolText(number), text);
     for (const unsigned short port : {22, 500, 54321}) {
         for (const unsigned char number : {6, 17, 0}) {
             const char* const name = number == 6 ? "tcp" : number == 17 ? "udp" : nullptr;
@@ -102,23 +99,16 @@ TEST(IpText, SubnetArithmetic) {
     EXPECT_FALSE(iprange2subnet(0x0A000001, 0x0A00FFFF, mask));
     EXPECT_EQ(mask, 0xFFFF0000) << "unchanged on failure";
     EXPECT_TRUE(range_is_subnet(7, 7));
-    const struct {
-        unsigned a, b, net, mask;
-    } cases[] = {
-        {0x0A000001, 0x0A000001, 0x0A000001, 0xFFFFFFFF},
-        {0x0A000001, 0x0A000002, 0x0A000000, 0xFFFFFFFC},
-        {0, 0x80000000, 0, 0},
-        {0x0A000200, 0x0A0003FF, 0x0A000200, 0xFFFFFE00},
-        {0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFE, 0xFFFFFFFE},
-    };
-    for (const auto& c : cases) {
-        unsigned net = 1;
-        unsigned out = 1;
-        expand_to_subnet(c.a, c.b, net, out);
-        EXPECT_EQ(net, c.net);
-        EXPECT_EQ(out, c.mask);
-        expand_to_subnet(c.b, c.a, net, out);
-        EXPECT_EQ(net, c.net);
+    using Case = std::array<unsigned, 4>;
+    for (const auto& [a, b, net, mask_of_both] :
+         {Case{0x0A000001, 0x0A000001, 0x0A000001, 0xFFFFFFFF}, Case{0x0A000001, 0x0A000002, 0x0A000000, 0xFFFFFFFC},
+          Case{0, 0x80000000, 0, 0}, Case{0x0A000200, 0x0A0003FF, 0x0A000200, 0xFFFFFE00},
+          Case{0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFE, 0xFFFFFFFE}}) {
+        for (const auto& [one, other] : {std::pair(a, b), std::pair(b, a)}) {
+            unsigned out = 1;
+            expand_to_subnet(one, other, out, mask);
+            EXPECT_EQ(std::pair(out, mask), std::pair(net, mask_of_both));
+        }
     }
 }
 
@@ -126,18 +116,13 @@ TEST(IpRead, Numbers) {
     EXPECT_TRUE(is_dot_notation("1.2.3.4") && is_dot_notation("."));
     EXPECT_FALSE(is_dot_notation("") || is_dot_notation("123") || is_dot_notation("1.2/24") ||
                  is_dot_notation(nullptr));
-    const struct {
-        const char* text;
-        unsigned value;
-        char stop;
-    } cases[] = {{"7.", 7, '.'},     {"0255x", 255, 'x'}, {"256", 25, '6'},
-                 {"00255", 25, '5'}, {"", 0, '\0'},       {"-1", 0, '-'}};
-    for (const auto& c : cases) {
-        const char* at = c.text;
+    const std::tuple<const char*, unsigned, char> cases[] = {{"7.", 7, '.'},     {"0255x", 255, 'x'}, {"256", 25, '6'},
+                                                             {"00255", 25, '5'}, {"", 0, '\0'},       {"-1", 0, '-'}};
+    for (const auto& [text, number, stop] : cases) {
+        const char* at = text;
         unsigned value = 77;
-        EXPECT_EQ(parseTriada(at, value), c.stop) << c.text;
-        EXPECT_EQ(value, c.value) << c.text;
-        EXPECT_EQ(*at, c.stop) << c.text;
+        const char stopped = parseTriada(at, value);
+        EXPECT_EQ(std::tuple(value, stopped, *at), std::tuple(number, stop, stop)) << text;
     }
 }
 
@@ -149,27 +134,23 @@ TEST(IpRead, AddressesAndRanges) {
     }
     EXPECT_EQ(str2ip(nullptr), 0U);
 
-    const struct {
-        const char* text;
-        unsigned from, to;
-    } good[] = {{"10.0.0.1", 0x0A000001, 0x0A000001},    {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
-                {"10.0.0.0/24", 0x0A000000, 0x0A0000FF}, {"0.0.0.0/0", 0, 0xFFFFFFFF},
-                {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},      {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
-    for (const auto& c : good) {
+    const auto read = [](const char* text) {
         unsigned from = 1;
-        unsigned to = 1;
-        EXPECT_TRUE(str2ip_range(c.text, &from, &to)) << c.text;
-        EXPECT_EQ(from, c.from) << c.text;
-        EXPECT_EQ(to, c.to) << c.text;
-    }
+        unsigned to = 2;
+        const bool good = str2ip_range(text, &from, &to);
+        EXPECT_TRUE(good || (from == 1 && to == 2)) << text;
+        return good ? std::optional(std::pair(from, to)) : std::nullopt;
+    };
+    const std::tuple<const char*, unsigned, unsigned> good[] = {
+        {"10.0.0.1", 0x0A000001, 0x0A000001},    {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
+        {"10.0.0.0/24", 0x0A000000, 0x0A0000FF}, {"0.0.0.0/0", 0, 0xFFFFFFFF},
+        {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},      {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
+    for (const auto& [text, from, to] : good) EXPECT_EQ(read(text), std::pair(from, to)) << text;
     for (const char* text :
          {"", "10.0.0.1/24", "10.0.0.0/33", "0.0.0.0/", "10.0.0.0/24x", "10.0.0.0/255.0.255.0",
           "10.0.0.0/255.255.255.0.", "10.0.0.5..10.0.0.1", "10.0.0.1.10.0.0.5", "10.0.0.1...10.0.0.5", "10.0.0.1..",
           "10.0.0.1-10.0.0.5", "256.0.0.0/8", "10.0.0.0/24/24"}) {
-        unsigned from = 1;
-        unsigned to = 2;
-        EXPECT_FALSE(str2ip_range(text, &from, &to)) << text;
-        EXPECT_TRUE(from == 1 && to == 2) << text;
+        EXPECT_EQ(read(text), std::nullopt) << text;
     }
 }
 
@@ -183,9 +164,7 @@ TEST(IpRead, EveryPrintedRangeReadsBack) {
             from &= mask;
             to = from | ~mask;
         }
-        if (from > to || to == 0) {
-            continue;
-        }
+        if (from > to || to == 0) continue;
         unsigned read_from = 0;
         unsigned read_to = 0;
         const std::string text = RangeText(from, to, i % 4 < 2);
