@@ -1,5 +1,6 @@
 // Chains: how they are built, where they end and what that is worth.
-#include <ostream>
+#include <tuple>
+#include <utility>
 
 #include "certmgr/chain.h"
 #include "tests/chain/chain_fixture.h"
@@ -7,18 +8,8 @@
 namespace chain_test {
 namespace {
 
-/// Subjects of a built chain, leaf first, and the result.
-struct Built {
-    ChainBuildResult result = ChainIncomplete;
-    Strings subjects;
-
-    bool operator==(const Built&) const = default;
-};
-
-void PrintTo(const Built& built, std::ostream* out) {
-    *out << "result " << built.result << ":";
-    for (const std::string& subject : built.subjects) *out << " " << subject;
-}
+/// The result and the subjects of a built chain, leaf first.
+using Built = std::pair<ChainBuildResult, Strings>;
 
 constexpr unsigned kPeerFlags = SearchTrusted | SearchOther;
 constexpr unsigned kAllFlags = kPeerFlags | SearchPersonal;
@@ -50,31 +41,25 @@ class BuildTest : public ChainTest {
 TEST_F(BuildTest, ResultsOfTheEnds) {
     const Strings whole{"CN=leaf", "CN=lower", "CN=upper", "CN=root"};
     const Strings to_upper{"CN=leaf", "CN=lower", "CN=upper"};
-    const struct {
-        const char* rule;
-        std::vector<const Cert*> trusted;
-        std::vector<const Cert*> other;
-        std::vector<const Cert*> received;
-        Built expected;
-        unsigned flags = kAllFlags;
-    } cases[] = {
-        {"no issuer at all", {&root_}, {}, {}, {ChainIncomplete, {"CN=leaf"}}},
-        {"an issuer missing on the way", {&root_}, {}, {&lower_}, {ChainIncomplete, {"CN=leaf", "CN=lower"}}},
-        {"to a trusted root", {&root_}, {&upper_}, {&lower_}, {ChainTrusted, whole}},
-        {"a root that nobody trusts", {}, {&root_, &upper_}, {&lower_}, {ChainNotTrusted, whole}},
-        {"ends at a trusted intermediate", {&upper_}, {}, {&lower_}, {ChainEndsAtTrusted, to_upper}},
-        {"what stands above must be trusted", {&upper_}, {&root_}, {&lower_}, {ChainNotTrusted, whole}},
-        {"trusted to the end", {&upper_, &root_}, {}, {&lower_}, {ChainTrusted, whole}},
-        {"trusted below one that is not", {&lower_, &root_}, {&upper_}, {}, {ChainNotTrusted, whole}},
+    using Certs = std::vector<const Cert*>;
+    const std::tuple<const char*, Certs, Certs, Certs, Built, unsigned> cases[] = {
+        {"no issuer at all", {&root_}, {}, {}, {ChainIncomplete, {"CN=leaf"}}, kAllFlags},
+        {"one missing", {&root_}, {}, {&lower_}, {ChainIncomplete, {"CN=leaf", "CN=lower"}}, kAllFlags},
+        {"to a trusted root", {&root_}, {&upper_}, {&lower_}, {ChainTrusted, whole}, kAllFlags},
+        {"a root that nobody trusts", {}, {&root_, &upper_}, {&lower_}, {ChainNotTrusted, whole}, kAllFlags},
+        {"ends at a trusted intermediate", {&upper_}, {}, {&lower_}, {ChainEndsAtTrusted, to_upper}, kAllFlags},
+        {"above it must be trusted", {&upper_}, {&root_}, {&lower_}, {ChainNotTrusted, whole}, kAllFlags},
+        {"trusted to the end", {&upper_, &root_}, {}, {&lower_}, {ChainTrusted, whole}, kAllFlags},
+        {"trusted below one that is not", {&lower_, &root_}, {&upper_}, {}, {ChainNotTrusted, whole}, kAllFlags},
         {"stops", {&upper_}, {&root_}, {&lower_}, {ChainTrusted, to_upper}, kAllFlags | StopAtTrusted},
         {"without the others", {&root_}, {&lower_, &upper_}, {}, {ChainIncomplete, {"CN=leaf"}}, SearchTrusted},
         {"without the trusted", {&root_}, {&lower_, &upper_}, {}, {ChainIncomplete, to_upper}, SearchOther},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.rule);
+    for (const auto& [rule, trusted, other, received, expected, flags] : cases) {
+        SCOPED_TRACE(rule);
         NextToken();
-        Store(c.trusted, c.other);
-        EXPECT_EQ(BuildObject(leaf_, Payload(c.received), c.flags), c.expected);
+        Store(trusted, other);
+        EXPECT_EQ(BuildObject(leaf_, Payload(received), flags), expected);
     }
 }
 
@@ -101,14 +86,13 @@ TEST_F(BuildTest, KeyIdentifierComesBeforeNameInAllSources) {
 }
 
 TEST_F(BuildTest, ChainWithACycleKeepsTheIssuerThatClosesIt) {
-    const Cert x = MakeCert(
-        {.subject = "CN=X", .issuer_der = test_pki::NameDer("CN=Y"), .ski = KeyId::None(), .aki = KeyId::None()});
-    const Cert y = MakeCert(
-        {.subject = "CN=Y", .issuer_der = test_pki::NameDer("CN=X"), .ski = KeyId::None(), .aki = KeyId::None()});
-    const Cert leaf = MakeCert({.subject = "CN=leaf", .issuer_der = x.subject_der, .aki = KeyId::None()});
-    // Its own key identifier, under another issuer name.
-    const Cert own = MakeCert(
-        {.subject = "CN=own", .issuer_der = x.subject_der, .ski = KeyId::Bytes("k"), .aki = KeyId::Bytes("k")});
+    const auto cert = [](const char* subject, const char* issuer, const KeyId& id) {
+        return MakeCert({.subject = subject, .issuer_der = test_pki::NameDer(issuer), .ski = id, .aki = id});
+    };
+    const Cert x = cert("CN=X", "CN=Y", KeyId::None());
+    const Cert y = cert("CN=Y", "CN=X", KeyId::None());
+    const Cert leaf = cert("CN=leaf", "CN=X", KeyId::None());
+    const Cert own = cert("CN=own", "CN=X", KeyId::Bytes("k"));  // its own key identifier, under another issuer name
 
     // The same encoding on two tokens: the object at the start is another than the one that is found.
     Store({}, {&x, &y});

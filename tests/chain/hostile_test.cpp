@@ -20,12 +20,12 @@ CertSpec CandidateAuthority() {
 class HostileTest : public PeerTest {
   protected:
     /// Verifies; the limit of processor time is far above what quadratic work needs, far below cubic.
-    PeerVerdict VerifyInTime(const Payload& payload) const {
+    Strings VerifyInTime(const Payload& payload) const {
         constexpr double kLimitSeconds = 60;
         const std::clock_t start = std::clock();
-        PeerVerdict verdict = Verify(payload);
+        Strings refusals = Verify(payload);
         EXPECT_LT(static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC, kLimitSeconds);
-        return verdict;
+        return refusals;
     }
 };
 
@@ -47,14 +47,14 @@ TEST_F(HostileTest, LongChainsThroughTwoNames) {
     ASSERT_TRUE(payload.AddBundle(test_pki::MakePkcs7(bundle)));
     ASSERT_EQ(payload.certs.size(), kPayloadCerts);
     Store({&root_});
-    const PeerVerdict verdict = VerifyInTime(payload);
-    EXPECT_FALSE(verdict.refusals.empty());
-    for (const std::string& refusal : verdict.refusals) EXPECT_EQ(refusal, "1: Certificates chain has cycle");
+    const Strings refusals = VerifyInTime(payload);
+    EXPECT_FALSE(refusals.empty());
+    for (const std::string& refusal : refusals) EXPECT_EQ(refusal, "1: Certificates chain has cycle");
 
     const std::string report = vendor_host::FindMessages(kMsgPeerCertNotSelected)[0].Text();
     EXPECT_LT(report.size(), 32U << 10);
     EXPECT_TRUE(Has(report, " Chain: " + std::to_string(kPayloadCerts + 1) + " certificates")) << report;
-    const std::string rest = std::to_string(kPayloadCerts - verdict.refusals.size());
+    const std::string rest = std::to_string(kPayloadCerts - refusals.size());
     EXPECT_TRUE(Has(report, "... and more: " + rest + " \\\n\t    " + rest + ": Certificates chain has cycle"));
 }
 
@@ -74,10 +74,10 @@ TEST_F(HostileTest, LongChainOfGoodSignaturesUnderABadOne) {
     Payload payload;
     for (const Cert& cert : certs) payload.Add(cert.der);
     Store({&root_});
-    const PeerVerdict verdict = VerifyInTime(payload);
-    ASSERT_GT(verdict.refusals.size(), 9U);
-    EXPECT_EQ(verdict.refusals[0], "1: Invalid signature");
-    EXPECT_EQ(verdict.refusals[9], "1: Invalid signature (9)");
+    const Strings refusals = VerifyInTime(payload);
+    ASSERT_GT(refusals.size(), 9U);
+    EXPECT_EQ(refusals[0], "1: Invalid signature");
+    EXPECT_EQ(refusals[9], "1: Invalid signature (9)");
     EXPECT_EQ(token_->Calls(Op::kVerify), kPayloadCerts) << "each once, the bad one too";
 }
 
@@ -89,7 +89,7 @@ TEST_F(HostileTest, OneCertificateManyTimes) {
     for (unsigned i = 0; i < kPayloadCerts; ++i) payload.Add(bad.der);
     payload.Add(issuing_.der);
     Store({&root_}, {&bad});
-    EXPECT_EQ(VerifyInTime(payload), (PeerVerdict{"", {"1: Invalid signature (0)"}}));
+    EXPECT_EQ(VerifyInTime(payload), Strings{"1: Invalid signature (0)"});
 }
 
 }  // namespace

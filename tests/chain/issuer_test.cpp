@@ -129,27 +129,23 @@ TEST_F(ChainTest, SourcesAreTriedInOrder) {
     const Payload payload({&received});
     Store({&trusted}, {&other}, {&personal});
 
-    const struct {
-        unsigned flags;
-        bool with_callers_list;
-        int expected;  // kind, -1: none
-    } cases[] = {
+    // Flags, whether there is a caller's list, and the kind that is found (-1: none).
+    const std::tuple<unsigned, bool, int> cases[] = {
         {7, true, kCertKindTrusted},  {6, true, kCertKindPeer},      {0, true, kCertKindPeer},
         {6, false, kCertKindOther},   {4, false, kCertKindPersonal}, {0, false, -1},
         {5, false, kCertKindTrusted},
     };
     const vpnfc::ReadLock lock(store());
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "flags " << c.flags << ", list " << c.with_callers_list);
-        const std::vector<const CM::X509Cert*> none;
-        const auto& callers = c.with_callers_list ? payload.certs : none;
-        const auto found = [&](auto match) {
-            const CM::CertRef issuer =
-                CM::FindIssuer_(CM::MoreActualIssuerFinder{}, match, leaf.get(), callers, c.flags);
+    for (const auto& [flags, with_callers_list, expected] : cases) {
+        SCOPED_TRACE(testing::Message() << "flags " << flags << ", list " << with_callers_list);
+        const auto callers = with_callers_list ? payload.certs : std::vector<const CM::X509Cert*>();
+        const auto found = [&, flags = flags](auto match) {
+            const CM::MoreActualIssuerFinder finder;
+            const CM::CertRef issuer = CM::FindIssuer_(finder, match, leaf.get(), callers, flags);
             return issuer ? static_cast<int>(issuer->info.kind) : -1;
         };
-        EXPECT_EQ(found(CM::SubjectKeyIdMatch{}), c.expected);
-        EXPECT_EQ(found(CM::SubjectNameMatch{}), c.expected);
+        EXPECT_EQ(found(CM::SubjectKeyIdMatch{}), expected);
+        EXPECT_EQ(found(CM::SubjectNameMatch{}), expected);
     }
 }
 

@@ -1,26 +1,12 @@
 // A root in the store, a peer below it, and the verification of what the peer sends.
 #pragma once
 
-#include <ostream>
 #include <string>
 #include <vector>
 
 #include "tests/chain/chain_fixture.h"
 
 namespace chain_test {
-
-/// The certificate that was selected, or the refusals: "pattern: reason", in the report's order.
-struct PeerVerdict {
-    std::string selected;  // subject
-    Strings refusals;
-
-    bool operator==(const PeerVerdict&) const = default;
-};
-
-inline void PrintTo(const PeerVerdict& verdict, std::ostream* out) {
-    *out << "selected \"" << verdict.selected << "\"";
-    for (const std::string& refusal : verdict.refusals) *out << "\n  " << refusal;
-}
 
 /// Entries of a report: "Certificate N: cert_remote[P]: reason" becomes "P: reason".
 inline Strings Refusals(const std::string& report) {
@@ -50,14 +36,15 @@ class PeerTest : public ChainTest {
     }
     Cert Peer(const std::string& subject, const Cert& issuer) const { return MakeCert(PeerSpec(subject), &issuer); }
 
-    PeerVerdict Verify(const Payload& payload, LPARAMS::CRL_PROC_t crl_mode = LPARAMS::CRL_PROC_DISABLED) const {
+    /// The subject of the certificate that was selected, or the refusals: "pattern: reason", in the report's order.
+    Strings Verify(const Payload& payload, LPARAMS::CRL_PROC_t crl_mode = LPARAMS::CRL_PROC_DISABLED) const {
         vendor_host::ClearMessages();
         const Handle cert(CM::IkeVerifyPeerCertificate(rule_, id_, payload.certs, crl_mode, {}, ident_));
         EXPECT_EQ(OnlyMessage(kMsgPeerCertNotSelected).empty(), cert.get() != nullptr);
         EXPECT_EQ(OnlyMessage(kMsgPeerCertSelected).empty(), cert.get() == nullptr);
-        return {cert.Subject(), Refusals(OnlyMessage(kMsgPeerCertNotSelected))};
+        return cert.get() != nullptr ? Strings{cert.Subject()} : Refusals(OnlyMessage(kMsgPeerCertNotSelected));
     }
-    PeerVerdict Verify(const std::vector<const Cert*>& received) const { return Verify(Payload(received)); }
+    Strings Verify(const std::vector<const Cert*>& received) const { return Verify(Payload(received)); }
 
     const Cert root_ = MakeCa("CN=root");
     const Cert issuing_ = MakeCa("CN=issuing", &root_, KeyType::kEcP256, 1);

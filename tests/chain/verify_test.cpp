@@ -1,24 +1,18 @@
 // What makes a built chain hold, and how a single certificate is checked.
 #include "certmgr/cert_verifychain.h"
 
+#include <functional>
 #include <list>
-#include <ostream>
+#include <tuple>
+#include <utility>
 
 #include "tests/chain/chain_fixture.h"
 
 namespace chain_test {
 namespace {
 
-struct Verdict {
-    std::uint64_t position = 0;
-    std::string reason;
-
-    bool operator==(const Verdict&) const = default;
-};
-
-void PrintTo(const Verdict& verdict, std::ostream* out) {
-    *out << verdict.position << " \"" << verdict.reason << "\"";
-}
+/// Position and reason.
+using Verdict = std::pair<std::uint64_t, std::string>;
 
 /// Members of a chain, leaf first.
 using Members = std::vector<const Cert*>;
@@ -29,15 +23,12 @@ class VerifyTest : public ChainTest {
     static CertSpec Ca(const std::string& subject, int key_index) {
         return {.key_index = key_index, .subject = subject, .ca = true, .key_usage = "keyCertSign"};
     }
-    template <typename Change>
-    static Cert Vary(CertSpec spec, const Cert* issuer, Change change) {
+    using Change = std::function<void(CertSpec&)>;
+    static Cert Vary(CertSpec spec, const Cert* issuer, const Change& change) {
         change(spec);
         return MakeCert(spec, issuer);
     }
-    template <typename Change>
-    Cert Upper(Change change) const {
-        return Vary(Ca("CN=upper", 1), &root_, change);
-    }
+    Cert Upper(const Change& change) const { return Vary(Ca("CN=upper", 1), &root_, change); }
 
     /// `kinds`: for each member 'P' of the peer, 'T' trusted.
     static Verdict Verify(const Members& members, const std::string& kinds, const Strings& trust_subjects = {},
@@ -76,24 +67,18 @@ TEST_F(VerifyTest, AuthoritiesOfTheChain) {
     const Cert future = Upper([](CertSpec& s) { s.not_before = kNow + 1; });
     const Cert this_second = Upper([](CertSpec& s) { s.not_before = s.not_after = kNow; });
     // The order of the tests on one authority, and of the authorities.
-    const Cert all_wrong = Upper([](CertSpec& s) {
-        s.ca = false;
-        s.not_after = kNow - 1;
-    });
-    const Cert path_and_time = Upper([](CertSpec& s) {
-        s.path_len = 0;
-        s.not_after = kNow - 1;
-    });
+    const auto expired_too = [&](bool ca, int path_len) {
+        return MakeCert({.key_index = 1, .subject = "CN=upper", .not_after = kNow - 1, .ca = ca, .path_len = path_len},
+                        &root_);
+    };
+    const Cert all_wrong = expired_too(false, -1);
+    const Cert path_and_time = expired_too(true, 0);
     // Nobody looks at the leaf's own validity here.
     const Cert old_leaf = Vary(leaf_spec_, &lower_, [](CertSpec& s) { s.not_after = kNow - 1; });
     const std::string none = "Not CA certificate present in chain: CN=upper";
     const std::string path = "The number of sub-CAs exceeds Path Length Constraint of the CA certificate: ";
     const std::string time = "Not currently valid certificate(s) present in chain";
-    const struct {
-        const char* rule;
-        Members members;
-        Verdict expected;
-    } cases[] = {
+    const std::tuple<const char*, Members, Verdict> cases[] = {
         {"a good chain", good_, {}},
         {"an authority that is none", {&leaf_, &lower_, &not_ca, &root_}, {3, none}},
         {"an authority without basic constraints", {&leaf_, &lower_, &no_constraints, &root_}, {3, none}},
@@ -108,33 +93,27 @@ TEST_F(VerifyTest, AuthoritiesOfTheChain) {
         {"constraints go first", {&leaf_, &lower_, &all_wrong, &root_path_1}, {3, none}},
         {"then the path", {&leaf_, &lower_, &path_and_time, &root_path_1}, {3, path + "CN=upper"}},
     };
-    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, "PPPT"), c.expected) << c.rule;
+    for (const auto& [rule, members, expected] : cases) EXPECT_EQ(Verify(members, "PPPT"), expected) << rule;
     EXPECT_EQ(Verify({&leaf_, &lower_, &expired, &root_}, "PPPT", {"CN=x"}, false), Verdict())
         << "without trust only signatures count";
 }
 
 TEST_F(VerifyTest, TrustMatch) {
-    const struct {
-        const char* kinds;
-        Strings trust;
-        bool matched;
-    } cases[] = {
-        {"PPPT", {}, true},
-        {"TTTT", {}, true},
-        {"PPPT", {"CN=x", "CN=root"}, true},
-        {"PPPT", {"CN=x"}, false},
-        {"PTTT", {"CN=root"}, true},
-        {"PTTT", {"CN=lower"}, true},
-        {"PPPT", {"CN=upper"}, false},  // that is not trusted
-        {"PPPT", {"CN=leaf"}, false},
-        {"TTTT", {"CN=leaf"}, true},
-        {"TTTT", {"CN=root"}, true},
-        {"TTTT", {"CN=x"}, false},
-    };
+    const std::tuple<const char*, Strings, bool> cases[] = {{"PPPT", {}, true},
+                                                            {"TTTT", {}, true},
+                                                            {"PPPT", {"CN=x", "CN=root"}, true},
+                                                            {"PPPT", {"CN=x"}, false},
+                                                            {"PTTT", {"CN=root"}, true},
+                                                            {"PTTT", {"CN=lower"}, true},
+                                                            {"PPPT", {"CN=upper"}, false},  // that is not trusted
+                                                            {"PPPT", {"CN=leaf"}, false},
+                                                            {"TTTT", {"CN=leaf"}, true},
+                                                            {"TTTT", {"CN=root"}, true},
+                                                            {"TTTT", {"CN=x"}, false}};
     const Verdict refused{
         4, "No one of the trusted certificates in chain don't matched to the field 'cert_trust' from LSP rule"};
-    for (const auto& c : cases) {
-        EXPECT_EQ(Verify(good_, c.kinds, c.trust), c.matched ? Verdict() : refused) << &c - cases;
+    for (const auto& [kinds, trust, matched] : cases) {
+        EXPECT_EQ(Verify(good_, kinds, trust), matched ? Verdict() : refused) << kinds << testing::PrintToString(trust);
     }
 }
 
@@ -156,12 +135,8 @@ TEST_F(VerifyTest, Signatures) {
     const Verdict bad_3{4, "Invalid signature (3)"};
     const Verdict no_root{2, "Selfsigned certificate not present in chain"};
     const std::string foreign = "Selfsigned certificate is not trusted";
-    const struct {
-        Members members;
-        const char* kinds;
-        Verdict expected;
-        Verdict strict;  // where a self-signed root is required
-    } cases[] = {
+    // Members, kinds, the verdict, and the one where a self-signed root is required.
+    const std::tuple<Members, const char*, Verdict, Verdict> cases[] = {
         {good_, "PPPT", {}, {}},
         {{&bad_leaf, &lower_, &upper_, &root_}, "PPPT", bad_0, bad_0},
         {{&short_leaf, &root_}, "PT", bad, bad},
@@ -178,9 +153,12 @@ TEST_F(VerifyTest, Signatures) {
         // The key usage goes before the signature.
         {{&bad_leaf, &no_usage, &upper_, &root_}, "PPPT", usage_0, usage_0},
     };
-    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, c.kinds), c.expected) << &c - cases;
-    Set(&LPARAMS::CertParams::require_self_signed_root);
-    for (const auto& c : cases) EXPECT_EQ(Verify(c.members, c.kinds), c.strict) << &c - cases;
+    for (const bool strict : {false, true}) {
+        if (strict) Set(&LPARAMS::CertParams::require_self_signed_root);
+        for (const auto& [members, kinds, expected, required] : cases) {
+            EXPECT_EQ(Verify(members, kinds), strict ? required : expected) << kinds << " " << members.size();
+        }
+    }
 }
 
 TEST_F(VerifyTest, SignatureChecksThatCannotBeMade) {
@@ -196,13 +174,15 @@ TEST_F(VerifyTest, SignatureChecksThatCannotBeMade) {
 TEST_F(VerifyTest, MissingKeyUsageCanBeTolerated) {
     const Cert no_usage = Vary(Ca("CN=lower", 2), &upper_, [](CertSpec& s) { s.key_usage.clear(); });
     const Members chain{&leaf_, &no_usage, &upper_, &root_};
-    EXPECT_EQ(Verify(chain, "PPPT").position, 1U);
-    EXPECT_TRUE(OnlyMessage(kMsgKeyUsageMissing).starts_with("Certificate Signing "));
-    EXPECT_TRUE(Has(OnlyMessage(kMsgKeyUsageMissing), "Subject: CN=lower")) << "the issuer is shown";
+    const auto expect_message = [](std::uint16_t code, const std::string& start) {
+        EXPECT_TRUE(OnlyMessage(code).starts_with(start)) << OnlyMessage(code);
+        EXPECT_TRUE(Has(OnlyMessage(code), "Subject: CN=lower")) << "the issuer is shown";
+    };
+    EXPECT_EQ(Verify(chain, "PPPT").first, 1U);
+    expect_message(kMsgKeyUsageMissing, "Certificate Signing ");
     Set(&LPARAMS::CertParams::ignore_key_usage);
     EXPECT_EQ(Verify(chain, "PPPT"), Verdict());
-    EXPECT_TRUE(OnlyMessage(kMsgKeyUsageTolerated).starts_with("Certificate Signing ignore_key_usage "));
-    EXPECT_TRUE(Has(OnlyMessage(kMsgKeyUsageTolerated), "Subject: CN=lower"));
+    expect_message(kMsgKeyUsageTolerated, "Certificate Signing ignore_key_usage ");
 }
 
 TEST_F(VerifyTest, ChainsThatShareTheirUpperPartPayForItOnce) {

@@ -5,22 +5,21 @@
 #include <openssl/x509.h>
 
 #include <array>
+#include <tuple>
 
 #include "libcrypto/libcrypto.h"
 #include "tests/engine/engine_fixture.h"
 #include "tests/support/der.h"
 
+namespace engine_test {
 namespace {
 
-using engine_test::EngineTest;
-
-using AlgorithmPtr = libcrypto::Owner<X509_ALGOR, X509_ALGOR_free>;
+using libcrypto::AlgorithmPtr;
+using libcrypto::ObjectPtr;
 using StringPtr = libcrypto::Owner<ASN1_STRING, ASN1_STRING_free>;
-using ObjectPtr = libcrypto::Owner<ASN1_OBJECT, ASN1_OBJECT_free>;
 
 AlgorithmPtr Algorithm(const std::string& der) {
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    return AlgorithmPtr(d2i_X509_ALGOR(nullptr, &p, static_cast<long>(der.size())));
+    return libcrypto::Decode<X509_ALGOR_free>(d2i_X509_ALGOR, der);
 }
 
 constexpr std::array kGostNames{"gostR3411-94", "GOST R 34.11-94 (Russian hash algorithm)",
@@ -87,7 +86,7 @@ struct ClosedAtExit {
 
 TEST(EngineLifecycle, HandlesMayBeClosedAtExit) {
     CertEngine_Init();
-    closed_at_exit.handle = engine_test::ReadCert(test_pki::MakeCa("CN=Root").der).release();
+    closed_at_exit.handle = ReadCert(MakeCa("CN=Root").der).release();
     EXPECT_NE(closed_at_exit.handle, nullptr);
 }
 
@@ -97,11 +96,7 @@ TEST_F(EngineTest, AlgorithmIdentifiers) {
     const AlgorithmPtr empty(X509_ALGOR_new());
     EXPECT_EQ(X509_ALGOR_to_pki_alg_t(empty.get()), 0U);
     const std::string pss = der::Oid("rsassaPss");
-    const struct {
-        const char* what;
-        std::string der;
-        pki_alg_t code;
-    } read[] = {
+    const std::tuple<const char*, std::string, pki_alg_t> read[] = {
         {"key with curve", Sequence(der::Oid("id-ecPublicKey") + der::Oid("prime256v1")), 0x4},
         {"Ed25519 reads as its key", Sequence(der::Oid("ED25519")), 0x5},
         {"unknown", Sequence(der::Oid("1.2.3.4")), 0},
@@ -110,7 +105,9 @@ TEST_F(EngineTest, AlgorithmIdentifiers) {
         {"PSS, default parameters", Sequence(pss + Sequence("")), 0x20002},
         {"PSS, parameter of a wrong type", Sequence(pss + der::Integer(1)), 0},
     };
-    for (const auto& c : read) EXPECT_EQ(X509_ALGOR_to_pki_alg_t(Algorithm(c.der).get()), c.code) << c.what;
+    for (const auto& [what, der, code] : read) {
+        EXPECT_EQ(X509_ALGOR_to_pki_alg_t(Algorithm(der).get()), code) << what;
+    }
 
     const std::pair<pki_alg_t, std::string> written[] = {
         {0x40004, Sequence(der::Oid("ecdsa-with-SHA256"))},
@@ -129,71 +126,50 @@ TEST_F(EngineTest, AlgorithmIdentifiers) {
     EXPECT_EQ(text, "algorithm 1.2.3.4");
 }
 
-constexpr cert_time64_t Packed(std::uint64_t year, std::uint64_t month, std::uint64_t day, std::uint64_t hour = 0,
-                               std::uint64_t minute = 0, std::uint64_t second = 0) {
-    return year << 40 | (month - 1) << 32 | day << 24 | hour << 16 | minute << 8 | second;
-}
-
 TEST_F(EngineTest, Times) {
     EXPECT_EQ(ASN1_TIME_to_time_t(nullptr), CERT_TIME_UNKNOWN);
-    constexpr cert_time64_t kUnknown = CERT_TIME_UNKNOWN;
-    const struct {
-        int type;
-        std::string text;
-        cert_time64_t time;
-    } cases[] = {
-        {V_ASN1_UTCTIME, "491231235959Z", Packed(2049, 12, 31, 23, 59, 59)},
-        {V_ASN1_UTCTIME, "500101000000Z", Packed(1950, 1, 1)},
-        {V_ASN1_UTCTIME, "300228235960Z", Packed(2030, 2, 28, 23, 59, 60)},
-        {V_ASN1_UTCTIME, "300228235959Zjunk", Packed(2030, 2, 28, 23, 59, 59)},
-        {V_ASN1_GENERALIZEDTIME, "99991231235959Z", Packed(9999, 12, 31, 23, 59, 59)},
-        {V_ASN1_GENERALIZEDTIME, "20500101000000.5Z", kUnknown},
-        {V_ASN1_GENERALIZEDTIME, "2O500101000000Z", kUnknown},
-        {V_ASN1_GENERALIZEDTIME, "491231235959Z", kUnknown},
-        {V_ASN1_UTCTIME, "4912312359+0100", kUnknown},
-        {V_ASN1_UTCTIME, "4912312359Z", kUnknown},
-        {V_ASN1_UTCTIME, "491331235959Z", kUnknown},
-        {V_ASN1_UTCTIME, "491232235959Z", kUnknown},
-        {V_ASN1_UTCTIME, "491231245959Z", kUnknown},
-        {V_ASN1_UTCTIME, "491231235961Z", kUnknown},
-        {V_ASN1_UTCTIME, "-91231235959Z", kUnknown},
-        {V_ASN1_UTCTIME, "", kUnknown},
-        {V_ASN1_VISIBLESTRING, "491231235959Z", kUnknown},
+    const auto read = [](const std::string& text, int type) {
+        const StringPtr time(ASN1_STRING_type_new(type));
+        ASN1_STRING_set(time.get(), text.data(), static_cast<int>(text.size()));
+        return CertTimeToString(ASN1_TIME_to_time_t(time.get()));
     };
-    for (const auto& c : cases) {
-        const StringPtr time(ASN1_STRING_type_new(c.type));
-        ASN1_STRING_set(time.get(), c.text.data(), static_cast<int>(c.text.size()));
-        EXPECT_EQ(ASN1_TIME_to_time_t(time.get()), c.time) << c.text;
+    constexpr int kUtc = V_ASN1_UTCTIME;
+    constexpr int kGeneralized = V_ASN1_GENERALIZEDTIME;
+    EXPECT_EQ(read("491231235959Z", kUtc), "2049-12-31 23:59:59 UTC");
+    EXPECT_EQ(read("500101000000Z", kUtc), "1950-01-01 00:00:00 UTC");
+    EXPECT_EQ(read("300228235960Z", kUtc), "2030-02-28 23:59:60 UTC");
+    EXPECT_EQ(read("300228235959Zjunk", kUtc), "2030-02-28 23:59:59 UTC");
+    EXPECT_EQ(read("99991231235959Z", kGeneralized), "9999-12-31 23:59:59 UTC");
+    for (const char* text : {"20500101000000.5Z", "2O500101000000Z", "491231235959Z"}) {
+        EXPECT_EQ(read(text, kGeneralized), "unknown") << text;
     }
+    for (const char* text : {"4912312359+0100", "4912312359Z", "491331235959Z", "491232235959Z", "491231245959Z",
+                             "491231235961Z", "-91231235959Z", ""}) {
+        EXPECT_EQ(read(text, kUtc), "unknown") << text;
+    }
+    EXPECT_EQ(read("491231235959Z", V_ASN1_VISIBLESTRING), "unknown");
 }
 
 TEST_F(EngineTest, IdentifierTexts) {
-    const struct {
-        const char* dotted;
-        StringOidFormat format;
-        std::string text;
-    } cases[] = {
+    const std::string long_arc = "2.999.340282366920938463463374607431768211456";
+    const std::tuple<std::string, StringOidFormat, std::string> cases[] = {
         {"2.5.4.3", kOidNameDotted, "commonName (2.5.4.3)"},
         {"2.5.4.3", kOidName, "commonName"},
         {"2.5.4.3", kOidDotted, "2.5.4.3"},
         {"1.2.840.113549.1.9.16.3.9", kOidName, "id-alg-PWRI-KEK"},  // known to libcrypto alone
         {"1.2.3.4.5", kOidName, "1.2.3.4.5"},
         {"1.2.3.4.5", kOidNameDotted, "1.2.3.4.5"},
-        {"2.999.340282366920938463463374607431768211456", kOidDotted, "2.999.340282366920938463463374607431768211456"},
+        {long_arc, kOidDotted, long_arc},
     };
-    for (const auto& c : cases) {
-        const ObjectPtr object(OBJ_txt2obj(c.dotted, 1));
+    for (const auto& [dotted, format, expected] : cases) {
         std::string text = "=";
-        EXPECT_TRUE(ASN1_OBJECT_to_std_string(object.get(), text, c.format));
-        EXPECT_EQ(text, "=" + c.text);
+        EXPECT_TRUE(ASN1_OBJECT_to_std_string(ObjectPtr(OBJ_txt2obj(dotted.c_str(), 1)).get(), text, format));
+        EXPECT_EQ(text, "=" + expected);
     }
-}
-
-TEST_F(EngineTest, LongIdentifiersAreWrittenWholeOrNotAtAll) {
+    // Long ones are written whole or not at all.
     for (const std::size_t arcs : {100U, 2000U}) {
-        const std::string encoded = der::Tlv(0x06, "\x2A" + std::string(arcs, '\x7F'));
-        const auto* p = reinterpret_cast<const unsigned char*>(encoded.data());
-        const ObjectPtr object(d2i_ASN1_OBJECT(nullptr, &p, static_cast<long>(encoded.size())));
+        const auto object =
+            libcrypto::Decode<ASN1_OBJECT_free>(d2i_ASN1_OBJECT, der::Tlv(0x06, "\x2A" + std::string(arcs, '\x7F')));
         std::string text;
         EXPECT_EQ(ASN1_OBJECT_to_std_string(object.get(), text, kOidName), arcs == 100);
         EXPECT_EQ(text.size(), arcs == 100 ? 3 + 4 * arcs : 0);
@@ -221,3 +197,4 @@ TEST_F(EngineTest, NumbersAreWrittenAsLibcryptoWritesThem) {
 }
 
 }  // namespace
+}  // namespace engine_test

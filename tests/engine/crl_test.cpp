@@ -1,71 +1,56 @@
 // CRL handles: description, entries and their look-up, scope, and what is no CRL.
 #include <algorithm>
 #include <cstdlib>
+#include <tuple>
 
 #include "certmgr/cert_engine_openssl_crl.h"
 #include "tests/engine/engine_fixture.h"
 #include "tests/support/der.h"
 
+namespace engine_test {
 namespace {
 
 using namespace std::string_literals;
-using engine_test::CrlHandle;
-using engine_test::EngineTest;
-using engine_test::ReadCrl;
-using test_pki::Cert;
-using test_pki::CrlEntry;
-using test_pki::CrlSpec;
-using test_pki::EntryDer;
-using test_pki::KeyType;
-using test_pki::kNotBefore;
-using test_pki::MakeCa;
-using test_pki::Time;
 
-CRLInfo CrlInfoOf(const std::string& der) {
+CRLInfo InfoOfCrl(const CrlSpec& spec, const Cert& issuer) {
     CRLInfo info;
-    const auto crl = ReadCrl(der);
-    EXPECT_NE(crl, nullptr);
-    if (crl != nullptr) {
-        EXPECT_TRUE(CertEngine_HandleToCRLInfo(crl.get(), info));
-    }
+    EXPECT_TRUE(CertEngine_HandleToCRLInfo(ReadCrl(MakeCrl(spec, issuer)).get(), info));
     return info;
+}
+CrlHandle Read(const CrlSpec& spec) {
+    return ReadCrl(MakeCrl(spec, MakeCa("CN=Root")));
 }
 
 TEST_F(EngineTest, DescribesACrl) {
     const Cert root = MakeCa("CN=Root", nullptr, KeyType::kEd25519);
-    const CRLInfo info = CrlInfoOf(MakeCrl({.number = "\x01\x02"}, root));
-    EXPECT_EQ(info.issuer, "CN=Root");
-    EXPECT_EQ(CertTimeTo_time_t(info.thisUpdate), test_pki::kNotBefore);
-    EXPECT_EQ(CertTimeTo_time_t(info.nextUpdate), test_pki::kNotAfter);
+    const CRLInfo info = InfoOfCrl({.number = "\x01\x02"}, root);
+    EXPECT_EQ(info.issuer + "|" + info.crlNumber + "|" + info.deltaCrlIndicator, "CN=Root|0102|");
+    EXPECT_EQ(CertTimeTo_time_t(info.thisUpdate), kNotBefore);
+    EXPECT_EQ(CertTimeTo_time_t(info.nextUpdate), kNotAfter);
     EXPECT_EQ(info.signAlg, 0xC0005U);
-    EXPECT_EQ(info.crlNumber, "0102");
-    EXPECT_EQ(info.deltaCrlIndicator, "");
-
-    EXPECT_EQ(CrlInfoOf(MakeCrl({.number = "\x07", .delta_base = "\x05"}, root)).deltaCrlIndicator, "07");
-    EXPECT_EQ(CrlInfoOf(MakeCrl({.delta_base = "\x05"}, root)).deltaCrlIndicator, "");
+    EXPECT_EQ(InfoOfCrl({.number = "\x07", .delta_base = "\x05"}, root).deltaCrlIndicator, "07");
+    EXPECT_EQ(InfoOfCrl({.delta_base = "\x05"}, root).deltaCrlIndicator, "");
     // A number that cannot be decoded is no number.
-    EXPECT_EQ(CrlInfoOf(MakeCrl({.extensions = {{"crlNumber", false, "\x01"}}}, root)).crlNumber, "");
-    const CRLInfo old = CrlInfoOf(MakeCrl({.next_update = std::nullopt, .version = 1}, root));
-    EXPECT_EQ(old.nextUpdate, CERT_TIME_UNKNOWN);
-    EXPECT_EQ(old.crlNumber, "");
+    EXPECT_EQ(InfoOfCrl({.extensions = {{"crlNumber", false, "\x01"}}}, root).crlNumber, "");
+    const CRLInfo old = InfoOfCrl({.next_update = std::nullopt, .version = 1}, root);
+    EXPECT_EQ(std::tuple(old.nextUpdate, old.crlNumber), std::tuple(CERT_TIME_UNKNOWN, ""));
 }
 
 TEST_F(EngineTest, RevokedListKeepsItsOrder) {
-    const Cert root = MakeCa("CN=Root");
-    const std::string der = MakeCrl({.entries = {{.serial = "\x30", .reason = 1},
-                                                 {.serial = "\x10", .date = Time::Utc("250301123000Z")},
-                                                 {.serial = "\x20", .date = Time::Utc("never")}}},
-                                    root);
     RevokedCertInfoList entries(1);
-    EXPECT_TRUE(CertEngine_CRLRevokedCerts(ReadCrl(der).get(), entries));
-    ASSERT_EQ(entries.size(), 4U) << "entries are appended";
-    EXPECT_EQ(entries[1].serialNumber, "30");
-    EXPECT_EQ(entries[2].serialNumber, "10");
-    EXPECT_EQ(entries[3].serialNumber, "20");
+    EXPECT_TRUE(CertEngine_CRLRevokedCerts(Read({.entries = {{.serial = "\x30", .reason = 1},
+                                                             {.serial = "\x10", .date = Time::Utc("250301123000Z")},
+                                                             {.serial = "\x20", .date = Time::Utc("never")}}})
+                                               .get(),
+                                           entries));
+    std::string text;  // appended to what was there
+    for (const RevokedCertInfo& entry : entries) {
+        text += entry.serialNumber + " " + CertTimeToString(entry.revocationDate) + "\n";
+    }
+    EXPECT_EQ(text, " " + CertTimeToString(RevokedCertInfo().revocationDate) +
+                        "\n30 2020-01-01 00:00:00 UTC\n10 2025-03-01 12:30:00 UTC\n20 unknown\n");
     EXPECT_EQ(entries[1].reasonCode, -1);
-    EXPECT_EQ(CertTimeToString(entries[2].revocationDate), "2025-03-01 12:30:00 UTC");
-    EXPECT_EQ(entries[3].revocationDate, CERT_TIME_UNKNOWN);
-    EXPECT_TRUE(CertEngine_CRLRevokedCerts(ReadCrl(MakeCrl({}, root)).get(), entries));
+    EXPECT_TRUE(CertEngine_CRLRevokedCerts(Read({}).get(), entries));
     EXPECT_EQ(entries.size(), 4U);
 }
 
@@ -88,7 +73,7 @@ std::vector<std::string> SerialsOf(const CrlHandle& crl) {
 }
 
 CrlHandle Revoking(const std::vector<CrlEntry>& entries) {
-    return ReadCrl(MakeCrl({.entries = entries}, MakeCa("CN=Root")));
+    return Read({.entries = entries});
 }
 
 // That each entry is found by its text, and what its reason is: fuzz/crl.cpp.
@@ -119,13 +104,13 @@ TEST_F(EngineTest, FirstEntryOfASerialNumberWins) {
     EXPECT_EQ(CertTimeToString(entry.revocationDate), "2025-03-01 12:30:00 UTC");
     EXPECT_FALSE(CertEngine_CRLFindRevoked(crl.get(), "03", "", entry));
     EXPECT_EQ(entry.serialNumber, "02") << "unchanged";
-    EXPECT_EQ(Find(ReadCrl(MakeCrl({}, MakeCa("CN=Root"))), "02"), 0) << "no list";
-    EXPECT_EQ(Find(ReadCrl(MakeCrl({.entries_der = ""}, MakeCa("CN=Root"))), "02"), 0) << "an empty list";
+    EXPECT_EQ(Find(Read({}), "02"), 0) << "no list";
+    EXPECT_EQ(Find(Read({.entries_der = ""}), "02"), 0) << "an empty list";
 }
 
 TEST_F(EngineTest, AReasonThatCannotBeReadIsTold) {
-    const auto reason = [](const std::string& value) { return test_pki::Extension{"CRLReason", false, value}; };
-    const std::pair<std::vector<test_pki::Extension>, int> cases[] = {
+    const auto reason = [](const std::string& value) { return Extension{"CRLReason", false, value}; };
+    const std::pair<std::vector<Extension>, int> cases[] = {
         {{}, 0},
         {{{"1.2.3", false, "x"}, reason("\x0a\1\1")}, 2},
         {{reason("\x0a\1\1"), reason("\x0a\1\1")}, -1},
@@ -141,10 +126,10 @@ TEST_F(EngineTest, AReasonThatCannotBeReadIsTold) {
 // RFC 5280, 5.3.3: the name holds until another one comes.
 TEST_F(EngineTest, EntriesOfAnotherIssuerAreNotFound) {
     const auto names = [](const std::string& value) {
-        return std::vector<test_pki::Extension>{{"certificateIssuer", true, value}};
+        return std::vector<Extension>{{"certificateIssuer", true, value}};
     };
     const auto name = [&](const std::string& text) {
-        return names(der::Sequence(test_pki::GeneralName("DNS:x") + test_pki::GeneralName("DN:" + text)));
+        return names(der::Sequence(GeneralName("DNS:x") + GeneralName("DN:" + text)));
     };
     const CrlHandle crl = Revoking({{.serial = "\x01"},
                                     {.serial = "\x02", .extensions = name("CN=Other")},
@@ -155,16 +140,12 @@ TEST_F(EngineTest, EntriesOfAnotherIssuerAreNotFound) {
                                     {.serial = "\x05", .extensions = names("junk")},
                                     {.serial = "\x06"}});
     ASSERT_NE(crl, nullptr);
-    const struct {
-        const char* serial;
-        const char* issuer;
-        int found;
-    } cases[] = {
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"01", "CN=Root", 100}, {"01", "CN=Third", 100}, {"02", "CN=Root", 106},  {"02", "CN=Other", 100},
         {"02", "CN=Third", 0},  {"03", "CN=Root", 0},    {"03", "CN=Other", 100}, {"04", "CN=Root", 100},
         {"04", "CN=Other", 0},  {"05", "CN=Third", 100}, {"06", "CN=Root", 100},  {"06", "CN=Third", 100},
     };
-    for (const auto& c : cases) EXPECT_EQ(Find(crl, c.serial, c.issuer), c.found) << c.serial << c.issuer;
+    for (const auto& [serial, issuer, found] : cases) EXPECT_EQ(Find(crl, serial, issuer), found) << serial << issuer;
 }
 
 // An index that compares equal serial numbers while it is made would not come to an end here.
@@ -177,7 +158,7 @@ TEST_F(EngineTest, HugeListsAreSearchedAsSmallOnes) {
     }
     const std::string equal = EntryDer({.serial = "\x05"});
     for (int i = 0; i < 1000000; ++i) entries += equal;
-    const CrlHandle crl = ReadCrl(MakeCrl({.entries_der = entries}, MakeCa("CN=Root")));
+    const CrlHandle crl = Read({.entries_der = entries});
     ASSERT_NE(crl, nullptr);
     EXPECT_EQ(Find(crl, "05"), 100);
     for (int i = 0; i < kDistinct; i += 25) {
@@ -193,12 +174,9 @@ TEST_F(EngineTest, HugeListsAreSearchedAsSmallOnes) {
 
 CrlScope ScopeOf(const CrlSpec& spec) {
     CrlScope scope;
-    const CrlHandle crl = ReadCrl(MakeCrl(spec, MakeCa("CN=Root")));
-    EXPECT_NE(crl, nullptr);
-    if (crl != nullptr) CertEngine_CRLScope(crl.get(), scope);
+    CertEngine_CRLScope(Read(spec).get(), scope);
     return scope;
 }
-
 CrlScope ScopeOfPoint(const std::string& value) {
     return ScopeOf({.conf = {{"issuingDistributionPoint", "critical," + value}}});
 }
@@ -211,23 +189,20 @@ TEST_F(EngineTest, ScopeTellsWhatTheIssuingDistributionPointSays) {
     EXPECT_TRUE(named.hasIssuingPoint && named.namesPoint);
     EXPECT_EQ(named.uris, std::vector<std::string>{"http://a/1.crl"});
 
-    const struct {
-        const char* value;
-        bool CrlScope::*flag;
-    } flags[] = {
+    const std::pair<const char*, bool CrlScope::*> flags[] = {
         {"onlyuser:TRUE", &CrlScope::onlyContainsUserCerts},           {"onlyCA:TRUE", &CrlScope::onlyContainsCACerts},
         {"onlyAA:TRUE", &CrlScope::onlyContainsAttributeCerts},        {"indirectCRL:TRUE", &CrlScope::indirectCRL},
         {"onlysomereasons:keyCompromise", &CrlScope::onlySomeReasons},
     };
-    for (const auto& expected : flags) {
-        const CrlScope scope = ScopeOfPoint(expected.value);
-        EXPECT_TRUE(scope.hasIssuingPoint && !scope.namesPoint && scope.firstUnreadable.empty()) << expected.value;
-        for (const auto& other : flags) EXPECT_EQ(scope.*other.flag, other.flag == expected.flag) << expected.value;
+    for (const auto& [value, flag] : flags) {
+        const CrlScope scope = ScopeOfPoint(value);
+        EXPECT_TRUE(scope.hasIssuingPoint && !scope.namesPoint && scope.firstUnreadable.empty()) << value;
+        for (const auto& [other, other_flag] : flags) EXPECT_EQ(scope.*other_flag, other_flag == flag) << value;
     }
 
-    const std::string full_name = der::Explicit(0, test_pki::GeneralName("DN:CN=p") + test_pki::GeneralName("URI:u"));
+    const std::string full_name = der::Explicit(0, GeneralName("DN:CN=p") + GeneralName("URI:u"));
     const CrlScope several = ScopeOf({.issuing_distribution_point = der::Sequence(der::Explicit(0, full_name))});
-    EXPECT_EQ(several.otherNames, std::vector<std::string>{test_pki::GeneralName("DN:CN=p")});
+    EXPECT_EQ(several.otherNames, std::vector<std::string>{GeneralName("DN:CN=p")});
     EXPECT_EQ(several.uris, std::vector<std::string>{"u"});
     const std::string relative = der::Explicit(1, der::Sequence(der::Oid("CN") + der::Tlv(0x0C, "p")));
     const CrlScope by_relative_name =
@@ -245,15 +220,11 @@ TEST_F(EngineTest, ScopeNamesWhatIsNotUnderstood) {
     EXPECT_TRUE(ScopeOf({.extensions = {{"deltaCRL", false, "junk"}}}).isDelta);
 
     const std::string serial = "\x05";
-    const auto entry = [&](std::vector<test_pki::Extension> extensions) {
+    const auto entry = [&](std::vector<Extension> extensions) {
         return std::vector<CrlEntry>{{.serial = "\x04"}, {.serial = serial, .extensions = std::move(extensions)}};
     };
     const std::string date = der::Tlv(0x18, "20250101000000Z");
-    const struct {
-        const char* what;
-        CrlSpec spec;
-        const char* unknown;
-    } cases[] = {
+    const std::tuple<const char*, CrlSpec, const char*> cases[] = {
         {"known ones", {.number = "\1", .delta_base = "\1", .extensions = {{"crlNumber", true, der::Integer(1)}}}, ""},
         {"not critical", {.extensions = {{"1.2.3.4", false, "x"}}}, ""},
         {"of the CRL", {.extensions = {{"1.2.3.4", true, "x"}, {"1.2.3.5", true, "x"}}}, "1.2.3.4"},
@@ -267,21 +238,19 @@ TEST_F(EngineTest, ScopeNamesWhatIsNotUnderstood) {
         {"of an entry", {.entries = entry({{"1.2.3.6", true, "x"}, {"1.2.3.7", true, "x"}})}, "1.2.3.6"},
         {"of both", {.entries = entry({{"1.2.3.6", true, "x"}}), .extensions = {{"1.2.3.4", true, "x"}}}, "1.2.3.4"},
     };
-    for (const auto& c : cases) EXPECT_EQ(ScopeOf(c.spec).firstUnknownCritical, c.unknown) << c.what;
+    for (const auto& [what, spec, unknown] : cases) EXPECT_EQ(ScopeOf(spec).firstUnknownCritical, unknown) << what;
 }
 
 // --- What is no CRL ---
 
+const std::string kAlgorithm = der::Sequence(der::Oid("ecdsa-with-SHA256"));
 /// A CRL of these parts.
 std::string Frame(const std::string& fields, const std::string& after = "") {
-    const std::string algorithm = der::Sequence(der::Oid("ecdsa-with-SHA256"));
-    return der::Sequence(der::Sequence(fields) + algorithm + der::BitString("signature") + after);
+    return der::Sequence(der::Sequence(fields) + kAlgorithm + der::BitString("signature") + after);
 }
-
-const std::string kAlgorithm = der::Sequence(der::Oid("ecdsa-with-SHA256"));
 const std::string kTime = der::Tlv(0x17, "300101000000Z");
 std::string Header() {
-    return der::Integer(1) + kAlgorithm + test_pki::NameDer("CN=Root") + kTime + kTime;
+    return der::Integer(1) + kAlgorithm + NameDer("CN=Root") + kTime + kTime;
 }
 std::string WithEntries(const std::string& content) {
     return Frame(Header() + der::Sequence(content));
@@ -295,7 +264,7 @@ std::string LongForm(unsigned char tag, const std::string& content) {
 TEST_F(EngineTest, WhatIsNotDerIsNoCrl) {
     const std::string entry = der::Sequence(der::Integer(5) + kTime);
     EXPECT_NE(ReadCrl(WithEntries(entry + entry)), nullptr);
-    EXPECT_NE(ReadCrl(Frame(kAlgorithm + test_pki::NameDer("CN=Root") + kTime)), nullptr) << "of version 1";
+    EXPECT_NE(ReadCrl(Frame(kAlgorithm + NameDer("CN=Root") + kTime)), nullptr) << "of version 1";
     const std::pair<const char*, std::string> bad[] = {
         {"entry without end", WithEntries("\x30\x80" + der::Integer(5) + kTime + "\0\0"s)},
         {"entry of 2^64 bytes", WithEntries("\x30\x88\xff\xff\xff\xff\xff\xff\xff\xff" + entry)},
@@ -312,7 +281,7 @@ TEST_F(EngineTest, WhatIsNotDerIsNoCrl) {
 TEST_F(EngineTest, LimitsStandBeforeTheParser) {
     constexpr std::size_t kLimit = cert_engine::kMaxCrlFieldBytes;
     const auto with_extension = [](std::size_t size) {
-        return ReadCrl(MakeCrl({.extensions = {{"1.2.3.4", false, std::string(size, 'x')}}}, MakeCa("CN=Root")));
+        return Read({.extensions = {{"1.2.3.4", false, std::string(size, 'x')}}});
     };
     EXPECT_NE(with_extension(kLimit / 2), nullptr);
     EXPECT_EQ(with_extension(kLimit), nullptr);
@@ -331,3 +300,4 @@ TEST_F(EngineTest, LimitsStandBeforeTheParser) {
 }
 
 }  // namespace
+}  // namespace engine_test

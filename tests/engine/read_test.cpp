@@ -4,17 +4,8 @@
 #include "tests/engine/engine_fixture.h"
 #include "tests/support/der.h"
 
+namespace engine_test {
 namespace {
-
-using engine_test::CertHandle;
-using engine_test::CrlHandle;
-using engine_test::DerOf;
-using engine_test::EngineTest;
-using test_pki::Cert;
-using test_pki::MakeCa;
-using test_pki::MakeCert;
-using test_pki::MakeLeaf;
-using test_pki::ToPem;
 
 /// The base64 of a PEM block, its lines separated as given.
 std::string Base64(const std::string& der, const std::string& separator) {
@@ -42,11 +33,7 @@ TEST_F(EngineTest, CertificateTexts) {
         "-----BEGIN CERTIFICATE-----\nProc-Type: 4,ENCRYPTED\nDEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n"
         "\n" +
         Base64(root.der, "\n") + "-----END CERTIFICATE-----\n";
-    const struct {
-        const char* what;
-        std::string text;
-        std::string der;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {"PEM", root.Pem(), root.der},
         {"PEM behind other text", "Subject: Root\n" + root.Pem(), root.der},
         {"the first of several", root.Pem() + MakeCa("CN=Other").Pem(), root.der},
@@ -59,7 +46,7 @@ TEST_F(EngineTest, CertificateTexts) {
         {"encrypted PEM", encrypted, ""},
         {"not base64", "hello, world", ""},
     };
-    for (const auto& c : cases) EXPECT_EQ(ReadText(c.text), c.der) << c.what;
+    for (const auto& [what, text, der] : cases) EXPECT_EQ(ReadText(text), der) << what;
 }
 
 TEST_F(EngineTest, TextsBeyondTheLimitsAreRefused) {
@@ -84,70 +71,59 @@ TEST_F(EngineTest, CrlTexts) {
     lines.pop_back();
     std::string damaged = pem;
     damaged[60] = '!';
-    const struct {
-        const char* what;
-        std::string text;
-        bool read;
-    } cases[] = {
-        {"PEM", pem, true},
-        {"several lines without markers", lines, true},
-        {"one line, NUL at the end", Base64(der, "") + '\0', true},
-        {"damaged PEM", damaged, false},
-        {"a certificate", root.Pem(), false},
+    const std::tuple<const char*, std::string, std::string> cases[] = {
+        {"PEM", pem, der},
+        {"several lines without markers", lines, der},
+        {"one line, NUL at the end", Base64(der, "") + '\0', der},
+        {"damaged PEM", damaged, ""},
+        {"a certificate", root.Pem(), ""},
     };
-    for (const auto& c : cases) {
-        const CrlHandle crl(CertEngine_ReadPEMCRLData(c.text));
+    for (const auto& [what, text, expected] : cases) {
+        const CrlHandle crl(CertEngine_ReadPEMCRLData(text));
         std::string raw;
         if (crl != nullptr) CertEngine_RawCRL(crl.get(), raw);
-        EXPECT_EQ(raw, c.read ? der : "") << c.what;
+        EXPECT_EQ(raw, expected) << what;
     }
 }
 
-struct Bundle {
-    int result = -1;
-    std::vector<std::string> certs;
-    std::size_t crls = 0;
-};
+/// Result, certificates and the number of CRLs.
+using Bundle = std::tuple<int, std::vector<std::string>, std::size_t>;
 
 Bundle ReadBundle(const std::string& bytes, bool with_crls = true) {
     std::vector<void*> certs;
     std::vector<void*> crls;
-    Bundle bundle;
-    bundle.result = CertEngine_ReadP7CCertData(bytes.data(), static_cast<unsigned>(bytes.size()), certs,
-                                               with_crls ? &crls : nullptr);
-    for (void* cert : certs) bundle.certs.push_back(DerOf(CertHandle(cert)));
+    const int result = CertEngine_ReadP7CCertData(bytes.data(), static_cast<unsigned>(bytes.size()), certs,
+                                                  with_crls ? &crls : nullptr);
+    std::vector<std::string> read;
+    for (void* cert : certs) read.push_back(DerOf(CertHandle(cert)));
     for (void* crl : crls) CertEngine_CloseCRLHandle(crl);
-    bundle.crls = crls.size();
-    return bundle;
+    return {result, read, crls.size()};
 }
 
 TEST_F(EngineTest, BundlesAreReadFromTheirEnd) {
     const Cert a = MakeCa("CN=A");
     const Cert b = MakeLeaf("CN=B", a);
     const Cert c = MakeLeaf("CN=C", a);
-    const std::string bundle = test_pki::MakePkcs7({a.der, b.der, c.der}, {MakeCrl({}, a), MakeCrl({}, a)});
+    const std::string bundle = MakePkcs7({a.der, b.der, c.der}, {MakeCrl({}, a), MakeCrl({}, a)});
     const std::vector<std::string> reversed{c.der, b.der, a.der};
     for (const std::string& bytes : {bundle, ToPem("PKCS7", bundle), bundle + "trailing"}) {
-        const Bundle read = ReadBundle(bytes);
-        EXPECT_EQ(read.result, 0);
-        EXPECT_EQ(read.certs, reversed);
-        EXPECT_EQ(read.crls, 2U);
+        EXPECT_EQ(ReadBundle(bytes), Bundle(0, reversed, 2));
     }
-    EXPECT_EQ(ReadBundle(bundle, false).certs, reversed);
+    EXPECT_EQ(ReadBundle(bundle, false), Bundle(0, reversed, 0));
 
     const Cert big = MakeCert({.extensions = {{"1.2.3.4", false, std::string(kMaxCertificateBytes, 'x')}}});
-    EXPECT_EQ(ReadBundle(test_pki::MakePkcs7({a.der, big.der})).certs, std::vector<std::string>{a.der});
+    EXPECT_EQ(ReadBundle(MakePkcs7({a.der, big.der})), Bundle(0, {a.der}, 0));
 }
 
 TEST_F(EngineTest, BundlesOfOtherTypesOrWithoutContentAreEmpty) {
     const std::string data = der::Sequence(der::Oid("pkcs7-data") + der::Explicit(0, der::OctetString("x")));
     for (const std::string& empty : {data, der::Sequence(der::Oid("pkcs7-signedData"))}) {
-        const Bundle bundle = ReadBundle(empty);
-        EXPECT_TRUE(bundle.result == 0 && bundle.certs.empty());
+        EXPECT_EQ(ReadBundle(empty), Bundle(0, {}, 0));
     }
     for (const std::string& other : {MakeCa("CN=A").der, std::string("hello"), std::string()}) {
-        EXPECT_EQ(ReadBundle(other).result, 1);
+        EXPECT_EQ(ReadBundle(other), Bundle(1, {}, 0));
     }
 }
 
 }  // namespace
+}  // namespace engine_test
