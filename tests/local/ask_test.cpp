@@ -31,7 +31,7 @@ std::string Encoded(const PKCS11::TokenInfo& token) {
                                                       token.slotDescription, token.providerName});
     for (const bool flag : {token.loggedIn, token.writeProtected, token.loginRequired, token.hardware, token.removable,
                             token.pinPad, token.holdsTrusted}) {
-        text += Number(flag ? 1 : 0, 1);
+        text += flag ? '\1' : '\0';
     }
     return text;
 }
@@ -86,13 +86,7 @@ TEST_F(AskTest, AnswersAreJudged) {
     const std::string b = kChosen + Encoded(b_->get()->info);
     const std::string another = "multiple matches, but user choose another";
     const std::string cancelled = "multiple matches, but user don't choose any one (cancel pressed)";
-    const struct {
-        const char* name;
-        std::optional<std::string> answer;
-        std::uint32_t status;
-        const char* subject;
-        std::string report;  // empty: selected
-    } cases[] = {
+    const std::tuple<const char*, std::optional<std::string>, std::uint32_t, const char*, std::string> cases[] = {
         {"first", kChosen + Encoded(a_->get()->info), 1, "CN=a", ""},
         {"bytes after the record", b + "more", 1, "CN=b", ""},
         {"without id", b_with(&CertInfo::id, ""), 1, "CN=b", ""},
@@ -103,15 +97,14 @@ TEST_F(AskTest, AnswersAreJudged) {
         {"verdict 2", "\2" + b.substr(1), 7, "CN=a", cancelled},
         {"nobody", std::nullopt, 6, "CN=a", "multiple matches, but failed to send notification to choose one"},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
-        const auto result = Ask(test.answer);
-        EXPECT_EQ(result.status, test.status);
-        EXPECT_EQ(Handle(result.cert).Subject(), test.subject);
-        EXPECT_EQ(OnlyMessage(kMsgLocalCertSelected) != "", test.report.empty());
-        for (const char* number : {"1", "2"}) {
-            const std::string line = std::string("Certificate ") + number + ": cert_local[1]: " + test.report;
-            EXPECT_EQ(vendor_host::Logged(line, kMsgLocalCertNotFound), !test.report.empty());
+    for (const auto& [name, answer, status, subject, refusal] : cases) {
+        SCOPED_TRACE(name);
+        const auto result = Ask(answer);
+        EXPECT_EQ(std::pair(result.status, Handle(result.cert).Subject()), std::pair(status, std::string(subject)));
+        EXPECT_EQ(OnlyMessage(kMsgLocalCertSelected) != "", refusal.empty());
+        for (const std::string number : {"1", "2"}) {
+            const std::string line = "Certificate " + number + ": cert_local[1]: " + refusal;
+            EXPECT_EQ(vendor_host::Logged(line, kMsgLocalCertNotFound), !refusal.empty());
         }
     }
 }
@@ -153,18 +146,7 @@ std::string Written(const Record& record) {
 
 // Fields whose order on the stream is not that of the record.
 TEST(CommandStreamTest, OrderOfTheFields) {
-    CertRequestInfo request;
-    request.keyAlg = 1;
-    request.keyBits = 2;
-    request.hashAlg = 3;
-    request.keyGenFlag = true;
-    request.subject = "s";
-    request.ipAddress = "i";
-    request.email = "e";
-    request.dnsName = "d";
-    request.upn = "u";
-    request.extKeyUsage = "x";
-    request.randomSeed = "r";
+    const CertRequestInfo request{1, 2, 3, true, "s", "i", "e", "d", "u", "x", "r"};
     EXPECT_EQ(Written(request), Number(1, 4) + Number(2, 4) + Number(3, 4) + Counted({"s", "i", "e", "d", "u", "x"}) +
                                     "\1" + Counted({"r"}));
     const CRLInfo crl{"i", "s", 1, 2, 3, "n", "d"};

@@ -1,6 +1,7 @@
 // Certificate payloads, and what a handle tells.
 #include <algorithm>
 
+#include "certmgr/cert_file.h"
 #include "certmgr/chain.h"
 #include "tests/local/local_fixture.h"
 
@@ -11,14 +12,10 @@ class PayloadTest : public LocalTest {
   protected:
     /// DER values of a bundle, in its order.
     static Strings Unpack(const std::string& bundle) {
-        std::vector<void*> handles;
-        EXPECT_EQ(CertEngine_ReadP7CCertData(bundle.data(), static_cast<unsigned>(bundle.size()), handles, nullptr), 0);
+        const CM::X509CertFile file(bundle, "");
+        EXPECT_EQ(file.status, 0);
         Strings certs;
-        for (void* handle : handles) {
-            CertEngine_RawCert(handle, certs.emplace_back());
-            CertEngine_CloseCertHandle(handle);
-        }
-        std::ranges::reverse(certs);
+        for (const CM::X509Cert* cert : file.certs) certs.insert(certs.begin(), cert->rawCert);
         return certs;
     }
 };
@@ -42,11 +39,7 @@ TEST_F(PayloadTest, ChainsAreCutAtTheRequestedAuthorityNearestTheRoot) {
         return CM::CutCertChainLength(certs, format, authority.data(), static_cast<std::uint32_t>(authority.size()));
     };
     const auto key_hash = [](const Cert& cert) { return test_pki::Digest("SHA1", cert.spki); };
-    const struct {
-        std::string authority;
-        CM::CertDataFormat format;
-        std::uint32_t length;
-    } cases[] = {
+    const std::tuple<std::string, CM::CertDataFormat, std::uint32_t> cases[] = {
         {leaf.subject_der, CM::kSubjectNameDer, 1},
         {middle.subject_der, CM::kSubjectNameDer, 2},
         {root_.subject_der, CM::kSubjectNameDer, 3},
@@ -57,8 +50,8 @@ TEST_F(PayloadTest, ChainsAreCutAtTheRequestedAuthorityNearestTheRoot) {
         {middle.subject_der.substr(0, 5), CM::kSubjectNameDer, 0},
         {"", CM::kSubjectNameDer, 0},
     };
-    for (const auto& test : cases) {
-        EXPECT_EQ(length(chain.certs, test.format, test.authority), test.length) << &test - cases;
+    for (const auto& [authority, format, expected] : cases) {
+        EXPECT_EQ(length(chain.certs, format, authority), expected) << TO_HEX_STD_STRING(authority) << " " << format;
     }
     EXPECT_EQ(length(crossed, CM::kSubjectNameDer, middle.subject_der), 3U);
     EXPECT_EQ(length({}, CM::kSubjectNameDer, middle.subject_der), 0U);

@@ -26,8 +26,8 @@ class SignTest : public LocalTest {
     std::unique_ptr<Handle> Personal(KeyType key) { return Personal({.key = key}); }
 
     bool Sign1(const Handle& cert, std::string& signature) { return CM::IkeSign(cert.get(), kHash, signature, ident_); }
-    bool Verify1(const Handle& cert, std::string signature) {
-        return CM::IkeVerify(cert.get(), kHash, signature, ident_);
+    bool Verify1(const Handle& cert, std::string signature, const std::string& hash = kHash) {
+        return CM::IkeVerify(cert.get(), hash, signature, ident_);
     }
     bool Sign2(const Handle& cert, pki_alg_t alg, std::string& signature) {
         return CM::Ike2Sign(cert.get(), alg, kData, signature, ident_);
@@ -40,13 +40,8 @@ class SignTest : public LocalTest {
 TEST_F(SignTest, Ikev2AlgorithmFollowsKeyAndOwnSignature) {
     const Cert rsa = MakeCa("CN=RSA", nullptr, KeyType::kRsa2048);
     const Cert ed = MakeCa("CN=Ed", nullptr, KeyType::kEd25519);
-    const struct {
-        KeyType key;
-        test_pki::SignWith sign;
-        const Cert& issuer;
-        pki_alg_t alg;
-        const char* digest;  // the same in libcrypto's words
-    } cases[] = {
+    // The key, its certificate's own signature and issuer, the algorithm, and the digest in libcrypto's words.
+    const std::tuple<KeyType, test_pki::SignWith, const Cert&, pki_alg_t, const char*> cases[] = {
         {KeyType::kRsa2048, {.digest = "SHA1"}, rsa, 0x020001, "SHA1"},
         {KeyType::kRsa2048, {.digest = "SHA384"}, rsa, 0x050001, "SHA384"},
         {KeyType::kRsa2048, {.digest = "SHA512", .pss = true}, rsa, 0x060001, "SHA512"},
@@ -58,20 +53,19 @@ TEST_F(SignTest, Ikev2AlgorithmFollowsKeyAndOwnSignature) {
         {KeyType::kEcP521, {}, rsa, 0x040004, "SHA256"},
         {KeyType::kEd25519, {}, rsa, 0x0C0005, ""},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(testing::Message() << std::hex << test.alg);
-        const auto cert = Personal({.key = test.key, .sign = test.sign}, &test.issuer);
-        EXPECT_EQ(CM::Ike2GetSignAlg(cert->get()), test.alg);
+    for (const auto& [key, sign, issuer, alg, digest] : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << alg);
+        const auto cert = Personal({.key = key, .sign = sign}, &issuer);
+        EXPECT_EQ(CM::Ike2GetSignAlg(cert->get()), alg);
         std::string signature;
-        ASSERT_TRUE(Sign2(*cert, test.alg, signature));
-        EXPECT_TRUE(test_pki::VerifyData(test_pki::MakeKey(test.key), {.digest = test.digest}, kData, signature));
+        ASSERT_TRUE(Sign2(*cert, alg, signature));
+        EXPECT_TRUE(test_pki::VerifyData(test_pki::MakeKey(key), {.digest = digest}, kData, signature));
         // Full algorithm, bare key algorithm, changed data, changed signature.
-        EXPECT_TRUE(Verify2(*cert, test.alg, signature));
-        EXPECT_TRUE(Verify2(*cert, test.alg & PKI_KEY_MASK, signature));
+        EXPECT_TRUE(Verify2(*cert, alg, signature) && Verify2(*cert, alg & PKI_KEY_MASK, signature));
         EXPECT_TRUE(vendor_host::Messages().empty()) << vendor_host::AllText();
-        EXPECT_FALSE(Verify2(*cert, test.alg, signature, kData + "x"));
+        EXPECT_FALSE(Verify2(*cert, alg, signature, kData + "x"));
         signature.back() = static_cast<char>(signature.back() ^ 1);
-        EXPECT_FALSE(Verify2(*cert, test.alg, signature));
+        EXPECT_FALSE(Verify2(*cert, alg, signature));
         EXPECT_EQ(token_->OpenSessions(), 0U);
     }
 }
@@ -98,7 +92,7 @@ TEST_F(SignTest, Ikev1SignsAReadyHash) {
         if (type == KeyType::kRsa2048) {  // without a DigestInfo around it
             EXPECT_TRUE(vendor_host::VerifyDigest(test_pki::MakeKey(type), PKI_KEY_RSA, kHash, signature));
         }
-        EXPECT_FALSE(CM::IkeVerify(cert->get(), std::string(20, '?'), signature, ident_));
+        EXPECT_FALSE(Verify1(*cert, signature, std::string(20, '?')));
         signature.back() = static_cast<char>(signature.back() ^ 1);
         EXPECT_FALSE(Verify1(*cert, signature));
     }
@@ -138,11 +132,7 @@ TEST_F(SignTest, SigningFailuresNameTokenCertificateAndAlgorithm) {
     const std::string details =
         "\\\n\t[token] card\\\n\t" + subject + "\\\n\t[sign alg] RSA with SHA-256\\\n\t[digest alg] SHA-256";
     const std::string no_session = "Can't open private session" + on_token + subject;
-    const struct {
-        Op op;
-        bool ikev2;
-        std::string text;
-    } cases[] = {
+    const std::tuple<Op, bool, std::string> cases[] = {
         {Op::kOpenPrivate, false, no_session},
         {Op::kSign, false, "Can't ike sign" + on_token + "[private key] RSA"},
         {Op::kOpenPrivate, true, "Ike2Sign: " + no_session + "\\\n\t[key alg] RSA"},
@@ -150,11 +140,11 @@ TEST_F(SignTest, SigningFailuresNameTokenCertificateAndAlgorithm) {
         {Op::kSign, true, "Ike2Sign: can't form sign" + details},
     };
     std::string signature;
-    for (const auto& test : cases) {
+    for (const auto& [op, ikev2, text] : cases) {
         vendor_host::ClearMessages();
-        token_->Fail(test.op, 1);
-        EXPECT_FALSE(test.ikev2 ? Sign2(*cert, 0x040001, signature) : Sign1(*cert, signature));
-        EXPECT_EQ(OnlyMessage(test.ikev2 ? kMsgIke2SignFailed : kMsgIkeSignOrVerifyFailed), test.text);
+        token_->Fail(op, 1);
+        EXPECT_FALSE(ikev2 ? Sign2(*cert, 0x040001, signature) : Sign1(*cert, signature));
+        EXPECT_EQ(OnlyMessage(ikev2 ? kMsgIke2SignFailed : kMsgIkeSignOrVerifyFailed), text);
         EXPECT_EQ(token_->OpenSessions(), 0U);
     }
     token_->EditInfo([](PKCS11::TokenInfo& info) { info.loginRequired = true; });
@@ -202,12 +192,7 @@ TEST_F(SignTest, Ikev2VerificationRefusesWhatDoesNotFit) {
     const std::string not_alg = "not sign alg:";
     const std::string other_alg = "incompatible sign alg:";
     const std::string unreadable = "can't parse rsa sign buffer, peer cert: ";
-    const struct {
-        const Handle& cert;
-        pki_alg_t alg;
-        std::string signature;
-        std::string text;
-    } cases[] = {
+    const std::tuple<const Handle&, pki_alg_t, std::string, std::string> cases[] = {
         {*rsa, 0, "x", not_alg},
         {*rsa, 0x040000, "x", not_alg},
         {*rsa, 0x01000001, "x", not_alg},  // flags and key alone
@@ -222,11 +207,11 @@ TEST_F(SignTest, Ikev2VerificationRefusesWhatDoesNotFit) {
         {*rsa, PKI_KEY_RSA, rsa_block("plain hash, IKEv1"), unreadable},
         {*rsa, PKI_KEY_RSA, rsa_block(digest_info), "undefined digest oid: 1.2.3.4"},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(&test - cases);
+    for (const auto& [cert, alg, signature, text] : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << alg << " " << text);
         vendor_host::ClearMessages();
-        EXPECT_FALSE(Verify2(test.cert, test.alg, test.signature));
-        EXPECT_TRUE(OnlyMessage(kMsgIke2Verify).starts_with("CM::Ike2Verify: " + test.text)) << vendor_host::AllText();
+        EXPECT_FALSE(Verify2(cert, alg, signature));
+        EXPECT_TRUE(OnlyMessage(kMsgIke2Verify).starts_with("CM::Ike2Verify: " + text)) << vendor_host::AllText();
     }
     EXPECT_EQ(token_->Calls(Op::kVerify), 0U);
 }
