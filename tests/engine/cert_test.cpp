@@ -70,13 +70,10 @@ TEST_F(EngineTest, CaFlagWhereLibcryptoGivesUp) {
     const std::string yes = der::Boolean(true);
     const std::string gost = der::Sequence(der::Sequence(der::Oid("1.2.643.7.1.1.1.1")) + der::BitString("key"));
     const std::string rsa = der::Sequence(der::Oid("sha256WithRSAEncryption") + der::Null());
-    const test_pki::Extension bad_points{"crlDistributionPoints", false, "\x05"};
-    const struct {
-        CertSpec spec;
-        bool is_ca;
-    } cases[] = {
+    const Extension bad_points{"crlDistributionPoints", false, "\x05"};
+    const std::pair<CertSpec, bool> cases[] = {
         {{.version = 1, .spki = gost}, true},
-        {{.issuer_der = test_pki::NameDer("CN=Root"), .version = 1, .spki = gost}, false},
+        {{.issuer_der = NameDer("CN=Root"), .version = 1, .spki = gost}, false},
         {{.version = 1, .inner_algorithm = rsa}, true},
         {{.ca = true, .extensions = {bad_points}}, true},
         {{.ca = true, .key_usage = "digitalSignature", .extensions = {bad_points}}, false},
@@ -85,10 +82,7 @@ TEST_F(EngineTest, CaFlagWhereLibcryptoGivesUp) {
         {{.ca = true, .extensions = {{"keyUsage", true, "\x01"}}}, true},
         {{.ca = false, .extensions = {{"basicConstraints", true, der::Sequence(yes)}}}, true},
     };
-    for (const auto& c : cases) {
-        const std::string der = MakeCert(c.spec).der;
-        EXPECT_EQ(InfoOf(der).isCA, c.is_ca) << "case " << &c - cases;
-    }
+    for (const auto& c : cases) EXPECT_EQ(InfoOf(MakeCert(c.first).der).isCA, c.second) << "case " << &c - cases;
 }
 
 TEST_F(EngineTest, UnusualCertificates) {
