@@ -72,16 +72,10 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
     const std::size_t before = ObjectsOnToken();
     if (!c.logged_in) tokens::Logout(token_.info);
     const std::string* const pin = c.officer_pin ? &token_.so_pin : nullptr;
-    control_.Set(c.trouble);
-    if (c.expected == CM::ImportCertErrorOpenTokenSession) {
-        ASSERT_TRUE(WaitUntilListed("one", false));
-    }
+    SetTrouble(c.trouble);
     const CM::CertImportStatus status = store().ImportCertificate(token_.info, *file.certs[0], c.mode, false, pin);
-    control_.Set({});
     EXPECT_STREQ(CM::CertImportStatusText(status), CM::CertImportStatusText(c.expected));
-    ASSERT_TRUE(WaitUntilListed("one"));
-    ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
-    store().Reload();
+    EndTrouble();
     const bool written = c.expected == CM::ImportCertOk || c.expected == CM::ImportCertWarningTrustedNotCA;
     const bool joined = c.what == What::kLeafBesideKey;  // its key pair is not listed any more
     EXPECT_EQ(ObjectsOnToken(), before + (written && !joined ? 1 : 0));
@@ -96,6 +90,7 @@ TEST_P(Imports, AnswerAndLeaveNothingHalf) {
 }
 
 const std::string kFull = "fail C_CreateObject CKR_DEVICE_MEMORY";
+const std::vector<std::string> kKeyStays{kFull + " skip 2", "fail C_DestroyObject CKR_DEVICE_ERROR skip 1"};
 const ImportCase kImports[] = {
     {"other", What::kLeaf, kImportOther, CM::ImportCertOk},
     {"trusted", What::kRoot, kImportTrusted, CM::ImportCertOk, {}, true},
@@ -117,30 +112,29 @@ const ImportCase kImports[] = {
     {"key_refused", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorPrivKey, {kFull}},
     {"public_key_refused", What::kLeafWithKey, kImportPersonal, CM::ImportCertErrorPubKey, {kFull + " skip 1"}},
     {"certificate_refused", What::kLeafWithKey, kImportPersonal, CM::ImportCertError, {kFull + " skip 2"}},
-    {"public_key_stays_at_first",
-     What::kLeafWithKey,
-     kImportPersonal,
-     CM::ImportCertError,
-     {kFull + " skip 2", "fail C_DestroyObject CKR_DEVICE_ERROR skip 1"}},
+    {"public_key_stays_at_first", What::kLeafWithKey, kImportPersonal, CM::ImportCertError, kKeyStays},
 };
 INSTANTIATE_TEST_SUITE_P(, Imports, testing::ValuesIn(kImports), [](const auto& test) { return test.param.name; });
 
 class Changes : public ManageTest {
   protected:
-    CM::CertImportStatus ImportOne(const X509CertFile& file, CertImportMode mode, const std::string* pin = nullptr) {
-        if (file.certs.empty()) return CM::ImportCertError;
-        return store().ImportCertificate(token_.info, *file.certs[0], mode, mode == kImportPersonal, pin);
+    CM::CertImportStatus ImportOne(const X509CertFile& file, CertImportMode mode, bool exportable = true) {
+        const std::string* const pin = mode == kImportTrusted ? &token_.so_pin : nullptr;
+        return store().ImportCertificate(token_.info, *file.certs[0], mode, exportable, pin);
     }
-    /// As the token comes back.
-    void ShowAndLogIn() {
-        control_.Set({});
-        ASSERT_TRUE(WaitUntilListed("one"));
-        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
-        store().Reload();
+    /// With its key. Nothing comes out of a failure.
+    std::uint32_t ExportKey(const CertInfo& info) {
+        std::string out;
+        const auto status = store().ExportCertificate(token_.info, info, kExportPkcs12, kPassword, false, true, out);
+        EXPECT_EQ(out.empty(), status != CM::ExportCertOk);
+        return status;
+    }
+    void ExpectNothingLeft() const {
+        EXPECT_EQ(std::pair(ObjectsOnToken(), KeyOnToken(Leaf().spki)), std::pair(std::size_t{0}, false));
     }
     void ImportAll() {
         ASSERT_EQ(ImportOne({LeafWithKey(), kPassword}, kImportPersonal), 0U);
-        ASSERT_EQ(ImportOne({Root().der, ""}, kImportTrusted, &token_.so_pin), 0U);
+        ASSERT_EQ(ImportOne({Root().der, ""}, kImportTrusted), 0U);
         ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);  // the officer's login ended the user's
     }
 };
@@ -148,7 +142,7 @@ class Changes : public ManageTest {
 // What is there already is not judged again, and a warning is no import that the log or a reload knows of.
 TEST_F(Changes, ImportsThatChangeNothingVisible) {
     const X509CertFile leaf(Leaf().der, "");
-    EXPECT_EQ(ImportOne(leaf, kImportTrusted, &token_.so_pin), CM::ImportCertWarningTrustedNotCA);
+    EXPECT_EQ(ImportOne(leaf, kImportTrusted), CM::ImportCertWarningTrustedNotCA);
     EXPECT_EQ(ObjectsOnToken(), 1U);
     EXPECT_EQ(store().trustedCerts.size(), 0U);
     EXPECT_EQ(reports_.Count("log " + std::to_string(kMsgTrustedCertImported)), 0U);
@@ -160,12 +154,9 @@ TEST_F(Changes, ImportsThatChangeNothingVisible) {
 // A key that may not leave stays, and goes with its certificate; when it cannot, the log says so.
 TEST_F(Changes, KeysThatStay) {
     const X509CertFile file(LeafWithKey(), kPassword);
-    ASSERT_EQ(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr), 0U);
+    ASSERT_EQ(ImportOne(file, kImportPersonal, false), 0U);
     const CertInfo info = store().personalCerts[0]->info;
-    std::string out;
-    EXPECT_EQ(store().ExportCertificate(token_.info, info, kExportPkcs12, kPassword, false, true, out),
-              CM::ExportCertErrorPrivKey);
-    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(ExportKey(info), CM::ExportCertErrorPrivKey);
     control_.Set({"fail C_DestroyObject CKR_DEVICE_ERROR skip 1"});
     store().DeleteCertificate(token_.info, info);
     EXPECT_EQ(reports_.Count("(without key)"), 1U);
@@ -181,13 +172,12 @@ TEST_F(Changes, TokenRemovedInMidImport) {
             while (control_.Calls("C_CreateObject") < before + created) std::this_thread::yield();
             control_.Set({"hide one"});
         });
-        EXPECT_NE(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr), 0U);
+        EXPECT_NE(ImportOne(file, kImportPersonal), 0U);
         thief.join();
         ASSERT_TRUE(WaitUntilListed("one", false));
-        ShowAndLogIn();
+        EndTrouble();
         EXPECT_EQ(store().keyPairCerts.size(), 0U);
-        EXPECT_EQ(ObjectsOnToken(), 0U);
-        EXPECT_FALSE(KeyOnToken(Leaf().spki));
+        ExpectNothingLeft();
     }
 }
 
@@ -197,8 +187,7 @@ TEST_F(Changes, WhatCannotBeDeletedIsTriedForLong) {
     const std::time_t start = vpnfc::CurrentTime();
     control_.Set({"fail C_CreateObject CKR_DEVICE_MEMORY skip 2", "fail C_DestroyObject CKR_DEVICE_ERROR",
                   "trace C_DestroyObject"});
-    EXPECT_EQ(store().ImportCertificate(token_.info, *file.certs[0], kImportPersonal, false, nullptr),
-              CM::ImportCertError);
+    EXPECT_EQ(ImportOne(file, kImportPersonal), CM::ImportCertError);
     for (const auto& [minutes, tried] : {std::pair(1, true), {11, true}, {12, false}, {72, true}}) {
         vpnfc::SetCurrentTimeForTesting(start + 60 * minutes);
         const int before = control_.Calls("C_DestroyObject");
@@ -216,8 +205,7 @@ TEST_F(Changes, WhatCannotBeDeletedIsTriedForLong) {
     ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
     store().ReloadCertificates();
     vpnfc::SetCurrentTimeForTesting(std::nullopt);
-    EXPECT_EQ(ObjectsOnToken(), 0U);
-    EXPECT_FALSE(KeyOnToken(Leaf().spki));
+    ExpectNothingLeft();
 }
 
 TEST_F(Changes, Exports) {
@@ -233,14 +221,11 @@ TEST_F(Changes, Exports) {
         }
     }
     std::string out;
-    const auto export_key = [&](const CertInfo& what) {
-        return store().ExportCertificate(token_.info, what, kExportPkcs12, kPassword, false, true, out);
-    };
-    EXPECT_EQ(export_key(CertInfo{}), CM::ExportCertNotFound);
+    EXPECT_EQ(ExportKey(CertInfo{}), CM::ExportCertNotFound);
     EXPECT_EQ(store().ExportCertificate(token_.info, info, CertExportFormat(5), "", true, true, out),
               CM::ExportCertUnknownFormat);
-    EXPECT_EQ(export_key(store().trustedCerts[0]->info), CM::ExportCertErrorPrivKey);
     EXPECT_TRUE(out.empty());
+    EXPECT_EQ(ExportKey(store().trustedCerts[0]->info), CM::ExportCertErrorPrivKey);
 }
 
 TEST_F(Changes, DeletionsSayWhatWent) {
@@ -250,21 +235,18 @@ TEST_F(Changes, DeletionsSayWhatWent) {
     Import(token_.info, PKI_KEY_EC, test_pki::MakeKey(test_pki::KeyType::kEcP256, 7), "pair");
     store().Reload();
     ASSERT_EQ(store().keyPairCerts.size(), 1U);
-    const std::pair<CertInfo, std::vector<const char*>> cases[] = {
-        {store().otherCerts[0]->info, {"log 150", "log 154"}},
-        {store().personalCerts[0]->info, {"log 151", "log 155"}},
-        {store().trustedCerts[0]->info, {"log 152", "log 156"}},
-        {store().keyPairCerts[0]->info, {"log 153", "log 157"}},
-    };
-    for (const auto& [info, deleted_and_failed] : cases) {
-        for (const char* log : deleted_and_failed) {
+    int log = 150;  // deleted; four numbers on: not deleted, when it is gone already
+    for (const auto* list :
+         {&store().otherCerts, &store().personalCerts, &store().trustedCerts, &store().keyPairCerts}) {
+        const CertInfo info = (*list)[0]->info;
+        for (const int number : {log, log + 4}) {
             store().DeleteCertificate(token_.info, info);
-            EXPECT_EQ(reports_.Count(log), 1U) << log;
+            EXPECT_EQ(reports_.Count("log " + std::to_string(number)), 1U) << number;
         }
+        ++log;
     }
     EXPECT_EQ(reports_.Count("(without key)"), 0U);
-    EXPECT_EQ(ObjectsOnToken(), 0U);
-    EXPECT_FALSE(KeyOnToken(Leaf().spki));
+    ExpectNothingLeft();
     // What somebody else deleted leaves the list, too.
     ASSERT_EQ(ImportOne(other, kImportOther), 0U);
     const CertInfo info = store().otherCerts[0]->info;
@@ -301,9 +283,9 @@ TEST_F(Changes, CrlsAndPresharedKeys) {
         store().DeletePresharedKey(token_.info, {"peer"});
         EXPECT_TRUE(store().crls.empty() && store().presharedKeys.empty());
     }
-    for (const auto& [log, times] : {std::pair("log 161", 2U), {"log 162", 1U}, {"log 163", 2U}, {"log 164", 1U}}) {
-        EXPECT_EQ(reports_.Count(log), times) << log;
-    }
+    std::vector<std::size_t> counts;
+    for (const char* log : {"log 161", "log 162", "log 163", "log 164"}) counts.push_back(reports_.Count(log));
+    EXPECT_EQ(counts, (std::vector<std::size_t>{2, 1, 2, 1}));
 }
 
 // Nobody logged in, or no token: nothing is changed and nothing logged.
@@ -316,22 +298,18 @@ TEST_F(Changes, WithoutASessionNothingHappens) {
     const CRLInfo crl(store().crls[0]->info);
     for (const bool gone : {false, true}) {
         if (gone) {
-            control_.Set({"hide one"});
-            ASSERT_TRUE(WaitUntilListed("one", false));
+            SetTrouble({"hide one"});
             store().DeleteCRL(token_.info, crl);  // would need no login
         } else {
             tokens::Logout(token_.info);
         }
-        std::string out;
-        EXPECT_EQ(store().ExportCertificate(token_.info, leaf, kExportPkcs12, kPassword, false, true, out),
-                  gone ? CM::ExportCertError : CM::ExportCertErrorLogin);
-        EXPECT_TRUE(out.empty());
+        EXPECT_EQ(ExportKey(leaf), gone ? CM::ExportCertError : CM::ExportCertErrorLogin);
         EXPECT_EQ(store().ImportCRL(token_.info, *file.crls[0]), gone ? CM::ImportCrlError : CM::ImportCrlErrorLogin);
         EXPECT_FALSE(store().CreatePresharedKey(token_.info, {"two"}, "secret"));
         store().DeletePresharedKey(token_.info, {"peer"});
         store().DeleteCertificate(token_.info, leaf);
     }
-    ShowAndLogIn();
+    EndTrouble();
     EXPECT_EQ(store().personalCerts.size() + store().crls.size() + store().presharedKeys.size(), 3U);
     for (const char* log : {"log 151", "log 155", "log 161", "log 163"}) EXPECT_EQ(reports_.Count(log), 0U) << log;
     EXPECT_EQ(reports_.Count("log 164") + reports_.Count("log 162"), 2U);
@@ -359,12 +337,21 @@ TEST(ImportStatus, NamesStandAtTheirNumbers) {
     EXPECT_STREQ(CM::CertImportStatusText(20), "ImportCertErrorUnknown");
 }
 
-// What the daemon hands over without a person: the reasons that it reports.
+// What becomes of a file: what is proposed for it, and what is reported when the daemon has it without a person.
 TEST_F(Changes, ImportsFiles) {
     const auto import = [](const std::string& content, const char* password = kPassword) {
         std::string report;
         return CM::ImportCertsFromFile(content, password, &report) ? "done" : report;
     };
+    const auto proposed = [&](const std::string& content) {
+        CertImportOption option;
+        CM::GetCertImportOption({PKCS11::TokenInfo{}, token_.info}, X509CertFile(content, kPassword).certs[0], option);
+        EXPECT_EQ(option.tokens, std::vector<std::uint32_t>{1});
+        return option.mode;
+    };
+    EXPECT_EQ(proposed(LeafWithKey()), kImportPersonal);
+    EXPECT_EQ(proposed(Root().der), kImportTrusted);
+    EXPECT_EQ(proposed(Leaf().der), kImportOther);
     EXPECT_EQ(import(Leaf().der), "Key Pair not found for cert: CN=leaf, O=Test");
     EXPECT_EQ(import(LeafWithKey(), "wrong"), "wrong password");
     EXPECT_EQ(import("nonsense"), "can't parse cert data");
@@ -373,25 +360,10 @@ TEST_F(Changes, ImportsFiles) {
     EXPECT_EQ(reports_.Count("log 166"), 1U);  // of two keys for one certificate
     EXPECT_EQ(import(Root().der), "ImportCertErrorLoginSO: CN=Root, O=Test");
     Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
-    EXPECT_EQ(import(Leaf().der), "done");
-    EXPECT_EQ(import(Leaf().der), "done");
-    control_.Set({"hide one"});
-    ASSERT_TRUE(WaitUntilListed("one", false));
+    EXPECT_EQ(proposed(Leaf().der), kImportPersonal);
+    for (int again = 0; again < 2; ++again) EXPECT_EQ(import(Leaf().der), "done");
+    SetTrouble({"hide one"});
     EXPECT_EQ(import(Leaf().der), "no tokens to import");
-}
-
-TEST_F(Changes, ImportOptionsFollowTheKey) {
-    const auto mode_of = [&](const std::string& content) {
-        CertImportOption option;
-        CM::GetCertImportOption({PKCS11::TokenInfo{}, token_.info}, X509CertFile(content, kPassword).certs[0], option);
-        EXPECT_EQ(option.tokens, std::vector<std::uint32_t>{1});
-        return option.mode;
-    };
-    EXPECT_EQ(mode_of(LeafWithKey()), kImportPersonal);
-    EXPECT_EQ(mode_of(Root().der), kImportTrusted);
-    EXPECT_EQ(mode_of(Leaf().der), kImportOther);
-    Import(token_.info, PKI_KEY_EC, Leaf().key, "id");
-    EXPECT_EQ(mode_of(Leaf().der), kImportPersonal);
 }
 
 }  // namespace

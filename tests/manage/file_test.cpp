@@ -50,6 +50,7 @@ class FileTest : public testing::Test {
         const bool found = test_support::Run({"sh", "-c", "command -v " + tool}).exit_code == 0;
         const bool required = std::getenv("CERTMGR_REQUIRE_PEERS") != nullptr && tool != "keytool";
         EXPECT_TRUE(found || !required) << tool << " is not installed";
+        if (!found) std::cout << "[  SKIPPED ] not installed: " << command << '\n';
         return found;
     }
 
@@ -72,16 +73,14 @@ class ForeignFiles : public FileTest, public testing::WithParamInterface<Foreign
 
 TEST_P(ForeignFiles, AreRead) {
     const ForeignFile& c = GetParam();
-    if (!HasTool(c.command)) GTEST_SKIP() << "not installed: " << c.command;
+    if (!HasTool(c.command)) GTEST_SKIP();
     ASSERT_NO_FATAL_FAILURE(Shell(c.command, c.password));
     const X509CertFile file(Read("out"), c.password);
     ASSERT_EQ(file.status, 0);
     ASSERT_EQ(file.certs.size(), c.certs);
     EXPECT_EQ(file.crls.size(), c.crls);
     for (const CM::CrlRef& crl : file.crls) EXPECT_EQ(crl->rawCrl(), crl_);
-    for (std::size_t i = 0; i < c.certs; ++i) {
-        EXPECT_TRUE(file.certs[i]->rawCert == user_.der || file.certs[i]->rawCert == ca_.der);
-    }
+    for (const CM::X509Cert* cert : file.certs) EXPECT_TRUE(cert->rawCert == user_.der || cert->rawCert == ca_.der);
     if (!c.key) return;
     std::string pkcs8;
     ASSERT_NE(file.certs[0]->privKeyHandle, nullptr);
@@ -156,11 +155,7 @@ TEST_F(FileTest, OtherProgramsReadOurs) {
              "keytool -list -storetype pkcs12 -keystore key.p12 -storepass \"$P\" | grep PrivateKeyEntry",
              "keytool -list -storetype pkcs12 -keystore certs.p12 -storepass \"$P\" | grep trustedCertEntry",
          }) {
-        if (HasTool(command)) {
-            Shell(command);
-        } else {
-            std::cout << "[  SKIPPED ] not installed: " << command << '\n';
-        }
+        if (HasTool(command)) Shell(command);
     }
 }
 
@@ -178,40 +173,6 @@ TEST_F(FileTest, KeysThatStayEncrypted) {
         EXPECT_EQ(file.certs[i]->pbeKey != nullptr, i < 2);
     }
     EXPECT_EQ(X509CertFile(content, "wrong").status, kP12WrongPassword);
-}
-
-/// A file with that bag alone.
-std::string FileOf(PKCS12_SAFEBAG* bag) {
-    STACK_OF(PKCS12_SAFEBAG)* bags = sk_PKCS12_SAFEBAG_new_null();
-    sk_PKCS12_SAFEBAG_push(bags, bag);
-    STACK_OF(PKCS7)* safes = sk_PKCS7_new_null();
-    sk_PKCS7_push(safes, PKCS12_pack_p7data(bags));
-    PKCS12* const file = PKCS12_add_safes(safes, 0);
-    sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-    sk_PKCS7_pop_free(safes, PKCS7_free);
-    return Encoded(file);
-}
-
-/// A file with a DSA key in the clear whose prime and private number are of those sizes.
-std::string DsaKey(std::size_t prime_bytes, std::size_t private_bytes) {
-    const auto number = [](std::size_t bytes) { return der::Tlv(2, std::string(bytes, '\x55')); };
-    const std::string parameters = der::Sequence(number(prime_bytes) + number(20) + number(2));
-    const std::string info = der::Sequence(der::Integer(0) + der::Sequence(der::Oid("1.2.840.10040.4.1") + parameters) +
-                                           der::OctetString(number(private_bytes)));
-    return FileOf(PKCS12_SAFEBAG_create0_p8inf(
-        libcrypto::Decode<PKCS8_PRIV_KEY_INFO_free>(d2i_PKCS8_PRIV_KEY_INFO, info).release()));
-}
-
-/// A file whose one key is encrypted in that way; what it encrypts is nothing.
-std::string KeyUnder(X509_ALGOR* algorithm) {
-    X509_SIG* const key = X509_SIG_new();
-    X509_ALGOR* own = nullptr;
-    ASN1_OCTET_STRING* bytes = nullptr;
-    X509_SIG_getm(key, &own, &bytes);
-    X509_ALGOR_copy(own, algorithm);
-    X509_ALGOR_free(algorithm);
-    ASN1_OCTET_STRING_set(bytes, reinterpret_cast<const unsigned char*>("0123456789ABCDEF"), 16);
-    return FileOf(PKCS12_SAFEBAG_create0_pkcs8(key));
 }
 
 // Files put together by hand: what libcrypto would not write.
@@ -241,26 +202,36 @@ std::string KeyUnderUnknownCipher(std::uint64_t iterations) {
     const std::string scheme = der::Sequence(derivation + der::Sequence(der::Oid("1.2.3.4")));
     return Bag("2", der::Sequence(der::Sequence(der::Oid("1.2.840.113549.1.5.13") + scheme) + der::OctetString("key")));
 }
-std::string PlainKey(const char* algorithm, const std::string& key) {
-    return Bag("1", der::Sequence(der::Integer(0) + der::Sequence(der::Oid(algorithm)) + der::OctetString(key)));
+std::string PlainKey(const std::string& algorithm, const std::string& key) {
+    return Bag("1", der::Sequence(der::Integer(0) + der::Sequence(algorithm) + der::OctetString(key)));
+}
+std::string UnknownKey(std::size_t bytes) {
+    return PlainKey(der::Oid("1.2.3.4"), std::string(bytes, 'k'));
+}
+/// A file with a DSA key in the clear whose prime and private number are of those sizes.
+std::string DsaKey(std::size_t prime_bytes, std::size_t private_bytes) {
+    const auto number = [](std::size_t bytes) { return der::IntegerBytes(std::string(bytes, '\x55')); };
+    const std::string parameters = der::Sequence(number(prime_bytes) + number(20) + number(2));
+    return FileOfBags(PlainKey(der::Oid("1.2.840.10040.4.1") + parameters, number(private_bytes)));
+}
+/// A file whose one key is encrypted in that way; what it encrypts is nothing.
+std::string KeyUnder(X509_ALGOR* algorithm) {
+    const std::string der = libcrypto::Encode(libcrypto::AlgorithmPtr(algorithm).get(), i2d_X509_ALGOR);
+    return FileOfBags(Bag("2", der::Sequence(der + der::OctetString("0123456789ABCDEF"))));
 }
 std::string RsaKey(std::size_t bytes) {
     std::string numbers = der::Integer(0);
     for (const std::size_t part : {2 * bytes, std::size_t{1}, 2 * bytes, bytes, bytes, bytes, bytes, bytes}) {
-        numbers += der::Tlv(2, std::string(part, '\x55'));
+        numbers += der::IntegerBytes(std::string(part, '\x55'));
     }
-    return PlainKey("1.2.840.113549.1.1.1", der::Sequence(numbers));
+    return PlainKey(der::Oid("1.2.840.113549.1.1.1"), der::Sequence(numbers));
 }
 
 TEST_F(FileTest, FilesThatNobodyWrites) {
     const std::string cert = CertBag(ca_.der);
     std::string many;
     for (int i = 0; i <= 4096; ++i) many += cert;
-    const struct {
-        const char* name;
-        std::string file;
-        int status;
-    } cases[] = {
+    const std::tuple<const char*, std::string, int> cases[] = {
         {"bags in bags", FileOfBags(Nested(4, cert)), kP12Read},
         {"and deeper", FileOfBags(Nested(5, cert)), kP12Unsupported},
         {"without content", der::Sequence(der::Integer(3) + der::Sequence(der::Oid("1.2.840.113549.1.7.1"))),
@@ -270,8 +241,8 @@ TEST_F(FileTest, FilesThatNobodyWrites) {
         {"too many certificates", FileOfBags(many), kP12Unsupported},
         {"RSA key", FileOfBags(cert + RsaKey(1024)), kP12Read},
         {"RSA key of too many bits", FileOfBags(cert + RsaKey(1025)), kP12Unsupported},
-        {"key", FileOfBags(cert + PlainKey("1.2.3.4", std::string(16000, 'k'))), kP12Read},
-        {"key too long", FileOfBags(cert + PlainKey("1.2.3.4", std::string(16384, 'k'))), kP12Unsupported},
+        {"key", FileOfBags(cert + UnknownKey(16000)), kP12Read},
+        {"key too long", FileOfBags(cert + UnknownKey(16384)), kP12Unsupported},
         // What the keys say counts once, although two readers look.
         {"work", FileOfBags(cert + KeyUnderUnknownCipher(3'000'000)), kP12Read},
         {"too much work", FileOfBags(cert + KeyUnderUnknownCipher(3'000'000) + KeyUnderUnknownCipher(2'500'000)),
@@ -281,7 +252,7 @@ TEST_F(FileTest, FilesThatNobodyWrites) {
                      FileOfBags(KeyUnderUnknownCipher(6'000'000))}),
          kP12WrongPassword},
     };
-    for (const auto& c : cases) EXPECT_EQ(X509CertFile(c.file, kPassword).status, c.status) << c.name;
+    for (const auto& [name, file, status] : cases) EXPECT_EQ(X509CertFile(file, kPassword).status, status) << name;
     const std::string file = MakePkcs12(user_.key, {user_.der});
     EXPECT_EQ(X509CertFile(file, std::string(4097, 'p')).status, kP12WrongPassword);
 }

@@ -1,14 +1,12 @@
 #include "tests/manage/manage_fixture.h"
 
+#include <openssl/pkcs12.h>
+
 #include "libcrypto/libcrypto.h"
 
 namespace manage_test {
 
 using File = libcrypto::Owner<PKCS12, PKCS12_free>;
-
-std::string Encoded(PKCS12* file) {
-    return libcrypto::Encode(File(file).get(), i2d_PKCS12);
-}
 
 std::string MakePkcs12(const test_pki::Key& key, const std::vector<std::string>& certs_der, int mac_iterations) {
     STACK_OF(X509)* const certs = sk_X509_new_null();
@@ -19,7 +17,7 @@ std::string MakePkcs12(const test_pki::Key& key, const std::vector<std::string>&
     const ASN1_INTEGER* count = nullptr;
     PKCS12_get0_mac(nullptr, nullptr, nullptr, &count, file.get());
     if (mac_iterations != 2) ASN1_INTEGER_set(const_cast<ASN1_INTEGER*>(count), mac_iterations);
-    return Encoded(file.release());
+    return libcrypto::Encode(file.get(), i2d_PKCS12);
 }
 
 std::string JoinPkcs12(const std::vector<std::string>& files) {
@@ -29,9 +27,9 @@ std::string JoinPkcs12(const std::vector<std::string>& files) {
         while (PKCS7* const safe = sk_PKCS7_shift(safes)) sk_PKCS7_push(all, safe);
         sk_PKCS7_free(safes);
     }
-    PKCS12* const joined = PKCS12_add_safes(all, 0);
+    const File joined(PKCS12_add_safes(all, 0));
     sk_PKCS7_pop_free(all, PKCS7_free);
-    return Encoded(joined);
+    return libcrypto::Encode(joined.get(), i2d_PKCS12);
 }
 
 }  // namespace manage_test

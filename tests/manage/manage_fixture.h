@@ -1,8 +1,6 @@
 // The store on a SoftHSM2 token behind the module that makes trouble.
 #pragma once
 
-#include <openssl/pkcs12.h>
-
 #include <list>
 #include <string>
 #include <vector>
@@ -22,8 +20,6 @@ std::string MakePkcs12(const test_pki::Key& key, const std::vector<std::string>&
 
 /// The contents of several files in one, which has no integrity check.
 std::string JoinPkcs12(const std::vector<std::string>& files);
-/// Takes over the file.
-std::string Encoded(PKCS12* file);
 
 /// One token, logged in, and the started store.
 class ManageTest : public token_test::TokenTest {
@@ -41,6 +37,18 @@ class ManageTest : public token_test::TokenTest {
 
     static CM::CertStorage& store() { return CM::CertStorage::Instance(); }
 
+    /// Makes the token trouble; waits when that hides it.
+    void SetTrouble(const std::vector<std::string>& trouble) {
+        control_.Set(trouble);
+        const bool hidden = trouble == std::vector<std::string>{"hide one"};
+        EXPECT_TRUE(WaitUntilListed("one", !hidden));
+    }
+    /// The token is as it was, and logged in.
+    void EndTrouble() {
+        SetTrouble({});
+        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+        store().Reload();
+    }
     /// Certificates and key pairs on the token.
     std::size_t ObjectsOnToken() const {
         PKCS11::TokenSession session(token_.info);

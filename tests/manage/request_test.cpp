@@ -12,12 +12,17 @@ namespace {
 class Requests : public ManageTest {
   protected:
     static CertRequestInfo Wanted(pki_alg_t key, unsigned bits, pki_alg_t hash) {
-        CertRequestInfo info;
-        info.keyAlg = key;
-        info.keyBits = bits;
-        info.hashAlg = hash;
-        info.subject = "CN=request, O=Test";
-        return info;
+        return {.keyAlg = key, .keyBits = bits, .hashAlg = hash, .subject = "CN=request, O=Test"};
+    }
+    static CertRequestInfo Read(const std::string& pem, std::string& spki) {
+        CertRequestInfo read;
+        EXPECT_EQ(CertEngine_ReadP10CertReqInfo(pem.data(), pem.size(), read, spki), 0);
+        return read;
+    }
+    test_support::ProcessResult Openssl(const std::string& what, const std::string& pem) const {
+        const std::string path = directory_ / "request.pem";
+        std::ofstream(path) << pem;
+        return test_support::Run({"openssl", "req", what, "-noout", "-in", path});
     }
 };
 
@@ -32,22 +37,18 @@ TEST_F(Requests, OpenSslVerifiesEveryKeyAndHash) {
             mechanism.keySizes = is_ec ? std::vector<std::uint32_t>{256, 384, 521} : std::vector<std::uint32_t>{256};
         }
         for (const std::uint32_t bits : mechanism.keySizes) {
-            if (mechanism.keyAlg == PKI_KEY_RSA && (bits < 1024 || bits > 2048))
-                continue;  // slow, or too short to sign
+            // Others are slow, or too short to sign.
+            if (mechanism.keyAlg == PKI_KEY_RSA && (bits < 1024 || bits > 2048)) continue;
             if (mechanism.keyAlg == PKI_KEY_DSA && bits != 1024) continue;
             for (const pki_alg_t hash : mechanism.hashAlgs) {
                 std::string pem;
                 ASSERT_EQ(CMT_MakeCertRequest(token_.info, Wanted(mechanism.keyAlg, bits, hash), pem), 0U)
                     << mechanism.keyAlg << ' ' << bits << ' ' << hash;
-                const std::string path = directory_ / "request.pem";
-                std::ofstream(path) << pem;
-                const auto result = test_support::Run({"openssl", "req", "-verify", "-noout", "-in", path});
+                const auto result = Openssl("-verify", pem);
                 EXPECT_EQ(result.exit_code, 0) << mechanism.keyAlg << ' ' << bits << ' ' << hash << result.err;
-                CertRequestInfo read;
                 std::string spki;
-                ASSERT_EQ(CertEngine_ReadP10CertReqInfo(pem.data(), pem.size(), read, spki), 0);
-                EXPECT_EQ(read.keyAlg, mechanism.keyAlg);
-                EXPECT_EQ(read.hashAlg, hash);
+                const CertRequestInfo read = Read(pem, spki);
+                EXPECT_EQ(std::pair(read.keyAlg, read.hashAlg), std::pair(mechanism.keyAlg, hash));
                 EXPECT_EQ(store().keyPairCerts.size(), ++made);
             }
         }
@@ -86,16 +87,11 @@ TEST_F(Requests, FailuresLeaveNoKey) {
         CertRequestInfo info = Wanted(PKI_KEY_EC, 256, PKI_HASH_SHA256);
         c.edit(info);
         if (!c.logged_in) tokens::Logout(token_.info);
-        control_.Set(c.trouble);
-        if (c.trouble == std::vector<std::string>{"hide one"}) {
-            ASSERT_TRUE(WaitUntilListed("one", false));
-        }
+        SetTrouble(c.trouble);
         std::string text = "before";
         EXPECT_FALSE(CM::MakeCertRequest(token_.info, info, text));
         EXPECT_EQ(text, c.error) << testing::PrintToString(c.trouble);
-        control_.Set({});
-        ASSERT_TRUE(WaitUntilListed("one"));
-        ASSERT_EQ(LogIn(token_), tokens::PinResult::kDone);
+        EndTrouble();
         EXPECT_EQ(ObjectsOnToken(), 0U) << c.error;
     }
     EXPECT_EQ(reports_.Count("ECDSA keys of 1 bits are not made"), 1U);
@@ -107,33 +103,27 @@ TEST_F(Requests, ReadBackAsAsked) {
     info.extKeyUsage = "ipsecIKE,1.2.3.4";
     for (const char* address : {"", "192.0.2.1", "2001:db8::1"}) {
         info.ipAddress = address;
-        info.email = *address != '\0' ? "a@b.example" : "";
-        info.upn = *address != '\0' ? "Üser@b.example" : "";
         info.keyGenFlag = *address != '\0';
+        info.email = info.keyGenFlag ? "a@b.example" : "";
+        info.upn = info.keyGenFlag ? "Üser@b.example" : "";
         std::string pem;
         ASSERT_EQ(CMT_MakeCertRequest(token_.info, info, pem), 0U);
-        CertRequestInfo read;
         std::string spki;
-        ASSERT_EQ(CertEngine_ReadP10CertReqInfo(pem.data(), pem.size(), read, spki), 0);
-        const auto texts = [](const CertRequestInfo& i) {
-            return std::vector{i.subject, i.ipAddress, i.email, i.dnsName, i.upn};
-        };
-        EXPECT_EQ(texts(read), texts(info));
-        EXPECT_EQ(read.keyBits, 256U);
+        const CertRequestInfo read = Read(pem, spki);
+        EXPECT_EQ(std::tuple(read.subject, read.ipAddress, read.email, read.dnsName, read.upn, read.keyBits),
+                  std::tuple(info.subject, info.ipAddress, info.email, info.dnsName, info.upn, 256U));
         EXPECT_EQ(read.extKeyUsage, "1.3.6.1.5.5.7.3.17, 1.2.3.4");
         PKCS11::TokenSession session(token_.info, PKCS11::TokenSession::kPrivate);
         std::string id;
         std::string pkcs8;
         EXPECT_TRUE(session.ContainPubKeyObject(spki, &id));
         EXPECT_EQ(session.ExportPrivateKey(id, pkcs8), info.keyGenFlag);
-        const std::string path = directory_ / "request.pem";
-        std::ofstream(path) << pem;
-        const std::string text = test_support::Run({"openssl", "req", "-text", "-noout", "-in", path}).out;
-        const char* const names =
-            *address == '\0' ? "\n                    DNS:host.example\n" : ", DNS:host.example, email:a@b";
-        EXPECT_NE(text.find(names), std::string::npos) << text;
-        EXPECT_NE(text.find("Key Usage: critical\n                    Digital Signature, Key Encipherment\n"),
-                  std::string::npos);
+        const std::string text = Openssl("-text", pem).out;
+        const std::string line = "\n                    ";
+        for (const std::string& part : {info.keyGenFlag ? ", DNS:host.example, email:a@b" : line + "DNS:host.example\n",
+                                        "Key Usage: critical" + line + "Digital Signature, Key Encipherment\n"}) {
+            EXPECT_NE(text.find(part), std::string::npos) << part << text;
+        }
     }
 }
 
