@@ -38,9 +38,8 @@ class ChainTest : public ModuleTest {
         for (const Cert* cert : other) token_->AddCertificate(cert->der);
         for (const Cert* cert : personal) token_->AddCertificate(cert->der, {.category = 1});
         Load();
-        EXPECT_EQ(store().trustedCerts.size(), trusted.size());
-        EXPECT_EQ(store().otherCerts.size(), other.size());
-        EXPECT_EQ(store().personalCerts.size(), personal.size());
+        EXPECT_EQ(std::tuple(store().trustedCerts.size(), store().otherCerts.size(), store().personalCerts.size()),
+                  std::tuple(trusted.size(), other.size(), personal.size()));
     }
 };
 

@@ -1,6 +1,7 @@
 // A root in the store, a peer below it, and the verification of what the peer sends.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,12 @@ class PeerTest : public ChainTest {
 
     static CertSpec PeerSpec(const std::string& subject = "CN=peer") {
         return {.key_index = 3, .subject = subject, .key_usage = "digitalSignature", .san = {"DNS:" + kPeerName}};
+    }
+    /// A peer below the issuing authority, its specification changed.
+    Cert Changed(const std::function<void(CertSpec&)>& change, const std::string& subject = "CN=peer") const {
+        CertSpec spec = PeerSpec(subject);
+        change(spec);
+        return MakeCert(spec, &issuing_);
     }
     Cert Peer(const std::string& subject, const Cert& issuer) const { return MakeCert(PeerSpec(subject), &issuer); }
 

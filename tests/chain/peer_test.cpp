@@ -8,20 +8,15 @@ namespace {
 
 TEST_F(PeerTest, RefusalsOfACandidate) {
     const Cert upper = MakeCa("CN=upper", &root_);
-    const auto peer = [&](auto change) {
-        CertSpec spec = PeerSpec();
-        change(spec);
-        return MakeCert(spec, &issuing_);
-    };
-    const Cert no_usage = peer([](CertSpec& s) { s.key_usage.clear(); });
-    const Cert expired_cipher = peer([](CertSpec& s) {
+    const Cert no_usage = Changed([](CertSpec& s) { s.key_usage.clear(); });
+    const Cert expired_cipher = Changed([](CertSpec& s) {
         s.key_usage = "keyEncipherment";
         s.not_after = kNow - 1;
     });
-    const Cert future = peer([](CertSpec& s) { s.not_before = kNow + 1; });
-    const Cert expired = peer([](CertSpec& s) { s.not_after = kNow - 1; });
-    const Cert this_second = peer([](CertSpec& s) { s.not_before = s.not_after = kNow; });
-    const Cert bad_signature = peer([](CertSpec& s) { s.damage_signature = true; });
+    const Cert future = Changed([](CertSpec& s) { s.not_before = kNow + 1; });
+    const Cert expired = Changed([](CertSpec& s) { s.not_after = kNow - 1; });
+    const Cert this_second = Changed([](CertSpec& s) { s.not_before = s.not_after = kNow; });
+    const Cert bad_signature = Changed([](CertSpec& s) { s.damage_signature = true; });
     const Cert below_upper = Peer("CN=peer", upper);
 
     const std::string usage = "1: Does not contain required key usage: Digital Signature";
@@ -50,9 +45,7 @@ TEST_F(PeerTest, RefusalsOfACandidate) {
 }
 
 TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
-    CertSpec rsa_spec = PeerSpec("CN=rsa peer");
-    rsa_spec.key = KeyType::kRsa2048;
-    const Cert rsa_peer = MakeCert(rsa_spec, &issuing_);
+    const Cert rsa_peer = Changed([](CertSpec& s) { s.key = KeyType::kRsa2048; }, "CN=rsa peer");
     const Payload payload({&issuing_, &peer_, &rsa_peer});
     Store({&root_});
 
@@ -87,9 +80,7 @@ TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
     EXPECT_EQ(Verify(payload), no_trace);
 
     // A candidate is judged once, under its first pattern.
-    CertSpec expired_spec = PeerSpec("CN=expired");
-    expired_spec.not_after = kNow - 1;
-    const Cert expired = MakeCert(expired_spec, &issuing_);
+    const Cert expired = Changed([](CertSpec& s) { s.not_after = kNow - 1; }, "CN=expired");
     rule_.cert_remote.emplace_back().issuer = "CN=issuing";
     rule_.cert_remote.push_back(SubjectPattern("CN=expired"));
     EXPECT_EQ(Verify({&expired, &expired, &issuing_}), Strings{"2: Not valid after: 2029-12-31 23:59:59 UTC"});
@@ -97,11 +88,7 @@ TEST_F(PeerTest, CandidatesAnswerIdentityAndPattern) {
 
 TEST_F(PeerTest, WhereCandidatesAreLookedFor) {
     // The same name and identity everywhere; the serial number tells who was selected.
-    const auto peer = [&](const char* serial) {
-        CertSpec spec = PeerSpec();
-        spec.serial = serial;
-        return MakeCert(spec, &issuing_);
-    };
+    const auto peer = [&](const char* serial) { return Changed([&](CertSpec& s) { s.serial = serial; }); };
     const Cert received = peer("r");
     const Cert other = peer("o");
     const Cert trusted = peer("t");
@@ -137,9 +124,7 @@ TEST_F(PeerTest, ChainNeverRunsThroughThePersonalList) {
 }
 
 TEST_F(PeerTest, RulesAndSettingsTakeEffectWithTheNextCheck) {
-    CertSpec spec = PeerSpec();
-    spec.key_usage.clear();
-    const Cert no_usage = MakeCert(spec, &issuing_);
+    const Cert no_usage = Changed([](CertSpec& s) { s.key_usage.clear(); });
     Store({&issuing_});
     EXPECT_EQ(Verify({&no_usage}), Strings{"1: Does not contain required key usage: Digital Signature"});
     EXPECT_TRUE(vendor_host::Logged("Digital Signature", kMsgKeyUsageMissing));
@@ -156,10 +141,9 @@ TEST_F(PeerTest, RulesAndSettingsTakeEffectWithTheNextCheck) {
 
 TEST_F(PeerTest, ARevokedCandidateGivesWayToTheNext) {
     // The address is refused; the token has the CRL.
-    CertSpec spec = PeerSpec();
-    spec.crl_points = {{"URI:file:///none"}};
-    const Cert revoked = MakeCert(spec, &issuing_);
-    const Cert good = MakeCert(spec, &issuing_);
+    const auto with_point = [](CertSpec& s) { s.crl_points = {{"URI:file:///none"}}; };
+    const Cert revoked = Changed(with_point);
+    const Cert good = Changed(with_point);
     token_->AddCrl("crl", MakeCrl({.entries = {{.serial = revoked.serial}}}, issuing_));
     Store({&root_});
     const Payload payload({&revoked, &issuing_, &good});
@@ -182,9 +166,7 @@ TEST_F(PeerTest, Reports) {
     expect_lines(kMsgPeerCertSelected, {"Subject: CN=peer", "Issuer: CN=issuing", "LSP rule: branch->cert_remote[2]",
                                         "Identity: FQDN peer.example", "Chain: 3 certificates", "  [0] income: CN=peer",
                                         "  [2] trusted: CN=root"});
-    CertSpec spec = PeerSpec("CN=bad");
-    spec.damage_signature = true;
-    const Cert bad = MakeCert(spec, &issuing_);
+    const Cert bad = Changed([](CertSpec& s) { s.damage_signature = true; }, "CN=bad");
     rule_.cert_remote.clear();
     rule_.no_map_id_remote = true;
     EXPECT_EQ(Verify({&bad, &issuing_}).size(), 2U);
@@ -228,9 +210,8 @@ TEST_F(PeerTest, DecodesCertificatesAndBundles) {
 TEST_F(PeerTest, WhatOnePeerMaySendIsBounded) {
     Payload payload;
     Payload large_ones;
-    CertSpec large = PeerSpec();
-    large.extensions = {{.oid = "1.2.3.4", .der = std::string(CM::kMaxReceivedBytes / 4, 'x')}};
-    const std::string quarter = MakeCert(large, &root_).der;
+    const std::string big(CM::kMaxReceivedBytes / 4, 'x');
+    const std::string quarter = Changed([&](CertSpec& s) { s.extensions = {{.oid = "1.2.3.4", .der = big}}; }).der;
     EXPECT_FALSE(large_ones.AddBundle(test_pki::MakePkcs7({quarter, quarter, quarter, quarter})));
     for (const bool fits : {true, true, true, false}) EXPECT_EQ(large_ones.Add(quarter), fits);
     while (payload.certs.size() < CM::kMaxReceivedCerts - 1 && payload.Add(peer_.der)) continue;
