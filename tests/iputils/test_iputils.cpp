@@ -82,11 +82,10 @@ TEST(IpText, ProtocolsAndPorts) {
         {142, "142(rohc)"}, {6, "6(tcp)"},   {17, "17(udp)"}, {253, "253"}};
     for (const auto& [number, text] : fixed) EXPECT_EQ(ProtocolText(number), text);
     for (const unsigned short port : {22, 500, 54321}) {
-        for (const unsigned char number : {6, 17, 0}) {
-            const char* const name = number == 6 ? "tcp" : number == 17 ? "udp" : nullptr;
+        for (const auto& [number, name] : {std::pair(6, "tcp"), {17, "udp"}, {0, nullptr}}) {
             const servent* const entry = getservbyport(htons(port), name);
-            EXPECT_EQ(PortText(port, number),
-                      std::to_string(port) + (entry == nullptr ? "" : std::string("(") + entry->s_name + ")"));
+            const std::string known = entry == nullptr ? "" : std::string("(") + entry->s_name + ")";
+            EXPECT_EQ(PortText(port, static_cast<unsigned char>(number)), std::to_string(port) + known);
         }
     }
     EXPECT_EQ(PortText(0, 6), "*");
@@ -126,6 +125,15 @@ TEST(IpRead, Numbers) {
     }
 }
 
+/// A range; nothing, and nothing changed, when it is none.
+std::optional<std::pair<unsigned, unsigned>> Read(const char* text) {
+    unsigned from = 1;
+    unsigned to = 2;
+    const bool good = str2ip_range(text, &from, &to);
+    EXPECT_TRUE(good || (from == 1 && to == 2)) << text;
+    return good ? std::optional(std::pair(from, to)) : std::nullopt;
+}
+
 TEST(IpRead, AddressesAndRanges) {
     EXPECT_EQ(str2ip("1.2.3.4"), 0x01020304U);
     EXPECT_EQ(str2ip("001.002.003.255"), 0x010203FFU);
@@ -134,23 +142,16 @@ TEST(IpRead, AddressesAndRanges) {
     }
     EXPECT_EQ(str2ip(nullptr), 0U);
 
-    const auto read = [](const char* text) {
-        unsigned from = 1;
-        unsigned to = 2;
-        const bool good = str2ip_range(text, &from, &to);
-        EXPECT_TRUE(good || (from == 1 && to == 2)) << text;
-        return good ? std::optional(std::pair(from, to)) : std::nullopt;
-    };
     const std::tuple<const char*, unsigned, unsigned> good[] = {
         {"10.0.0.1", 0x0A000001, 0x0A000001},    {"10.0.0.1..10.0.0.5", 0x0A000001, 0x0A000005},
         {"10.0.0.0/24", 0x0A000000, 0x0A0000FF}, {"0.0.0.0/0", 0, 0xFFFFFFFF},
         {"0.0.0.0/0.0.0.0", 0, 0xFFFFFFFF},      {"10.0.0.1/255.255.255.255", 0x0A000001, 0x0A000001}};
-    for (const auto& [text, from, to] : good) EXPECT_EQ(read(text), std::pair(from, to)) << text;
+    for (const auto& [text, from, to] : good) EXPECT_EQ(Read(text), std::pair(from, to)) << text;
     for (const char* text :
          {"", "10.0.0.1/24", "10.0.0.0/33", "0.0.0.0/", "10.0.0.0/24x", "10.0.0.0/255.0.255.0",
           "10.0.0.0/255.255.255.0.", "10.0.0.5..10.0.0.1", "10.0.0.1.10.0.0.5", "10.0.0.1...10.0.0.5", "10.0.0.1..",
           "10.0.0.1-10.0.0.5", "256.0.0.0/8", "10.0.0.0/24/24"}) {
-        EXPECT_EQ(read(text), std::nullopt) << text;
+        EXPECT_EQ(Read(text), std::nullopt) << text;
     }
 }
 
@@ -165,36 +166,32 @@ TEST(IpRead, EveryPrintedRangeReadsBack) {
             to = from | ~mask;
         }
         if (from > to || to == 0) continue;
-        unsigned read_from = 0;
-        unsigned read_to = 0;
         const std::string text = RangeText(from, to, i % 4 < 2);
-        EXPECT_TRUE(str2ip_range(text.c_str(), &read_from, &read_to)) << text;
-        EXPECT_TRUE(read_from == from && read_to == to) << text;
+        EXPECT_EQ(Read(text.c_str()), std::pair(from, to)) << text;
     }
 }
 
 TEST(IpRead, ProtocolsAndPorts) {
     unsigned char lo = 9;
     unsigned char hi = 9;
+    const auto protocols = [&](const char* text) { return str2protocol_range(text, &lo, &hi); };
     EXPECT_TRUE(str2protocol("255", &lo) && lo == 255);
     for (const char* text : {"", "256", "-1", "6 ", "6..7"}) EXPECT_FALSE(str2protocol(text, &lo)) << text;
     EXPECT_EQ(lo, 255);
-    EXPECT_TRUE(str2protocol_range("17", &lo, &hi) && lo == 17 && hi == 17);
-    EXPECT_TRUE(str2protocol_range("6..17", &lo, &hi) && lo == 6 && hi == 17);
-    for (const char* text : {"", "17..6", "6..", "6.17", "6..17x", "6..256"}) {
-        EXPECT_FALSE(str2protocol_range(text, &lo, &hi)) << text;
-    }
+    EXPECT_TRUE(protocols("17") && lo == 17 && hi == 17);
+    EXPECT_TRUE(protocols("6..17") && lo == 6 && hi == 17);
+    for (const char* text : {"", "17..6", "6..", "6.17", "6..17x", "6..256"}) EXPECT_FALSE(protocols(text)) << text;
     unsigned short from = 9;
     unsigned short to = 9;
+    const auto ports = [&](const char* text) { return str2port_range(text, &from, &to); };
     EXPECT_TRUE(str2port("65535", &from) && from == 65535);
     for (const char* text : {"", "65536", "00000500", "+1", "80x"}) EXPECT_FALSE(str2port(text, &from)) << text;
     EXPECT_EQ(from, 65535);
-    EXPECT_TRUE(str2port_range("80", &from, &to) && from == 80 && to == 80);
-    EXPECT_TRUE(str2port_range("1..65535", &from, &to) && from == 1 && to == 65535);
-    for (const char* text : {"", "80..79", "80..", "80.81", "80..81..82", "80..65536"}) {
-        EXPECT_FALSE(str2port_range(text, &from, &to)) << text;
-    }
-    EXPECT_FALSE(str2port(nullptr, &from) || str2port_range(nullptr, &from, &to) || str2protocol(nullptr, &lo));
+    EXPECT_TRUE(ports("80") && from == 80 && to == 80);
+    EXPECT_TRUE(ports("1..65535") && from == 1 && to == 65535);
+    for (const char* text : {"", "80..79", "80..", "80.81", "80..81..82", "80..65536"})
+        EXPECT_FALSE(ports(text)) << text;
+    EXPECT_FALSE(str2port(nullptr, &from) || ports(nullptr) || str2protocol(nullptr, &lo));
 }
 
 TEST(IpRead, PeerOfASocket) {
