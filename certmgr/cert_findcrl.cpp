@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "certmgr/cert_log.h"
 #include "certmgr/cert_verifychain.h"
 #include "certmgr/log.h"
 #include "platform/params.h"
@@ -23,8 +24,9 @@ std::string Mismatch(const X509CRL& crl, const X509Cert& issuer) {
     if ((crl.info.signAlg & PKI_KEY_MASK) != (issuer.info.keyAlg & PKI_ALG_MASK)) {
         return std::string("sign alg missmatch (").append(ttt_pki_alg_to_str(crl.info.signAlg)).append(")");
     }
-    if (crl.info.issuer != issuer.info.subject) return "issuer missmatch: " + crl.info.issuer;
-    return {};
+    std::string reason;
+    if (crl.info.issuer != issuer.info.subject) cmprint_Value(reason.append("issuer missmatch: "), crl.info.issuer);
+    return reason;
 }
 
 std::string Dates(const X509CRL& crl) {
