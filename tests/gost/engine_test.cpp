@@ -1,5 +1,4 @@
 // GOST keys through the token manager and the module, held against openssl(1) with its engine, both ways.
-#include <gtest/gtest.h>
 #include <p11-kit/pkcs11.h>
 #include <p11-kit/pkcs11x.h>
 

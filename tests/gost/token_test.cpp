@@ -1,6 +1,5 @@
 // The GOST token by itself: logins, objects, damage, clients that nobody here wrote.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
@@ -8,7 +7,6 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 #include <map>
 #include <set>

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "libcrypto/libcrypto.h"
 #include "tests/support/der.h"
 #include "tests/support/pki.h"

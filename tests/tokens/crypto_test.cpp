@@ -1,6 +1,4 @@
 // Signing, verifying and digesting on a token, against libcrypto as the other side.
-#include <gtest/gtest.h>
-
 #include "platform/asn1.h"
 #include "tests/tokens/fixture.h"
 

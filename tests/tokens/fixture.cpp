@@ -13,11 +13,9 @@ namespace token_test {
 using PKCS11::TokenInfo;
 
 std::string RandomPin() {
-    std::array<unsigned char, 8> bytes{};
-    RAND_bytes(bytes.data(), static_cast<int>(bytes.size()));
-    std::string pin;
-    for (const unsigned char byte : bytes) pin.push_back(static_cast<char>('0' + byte % 10));
-    return pin;
+    std::uint32_t number = 0;
+    RAND_bytes(reinterpret_cast<unsigned char*>(&number), sizeof number);
+    return std::to_string(10000000 + number % 90000000);
 }
 
 Reports& Reports::Instance() {
@@ -65,8 +63,8 @@ bool Reports::WaitFor(const std::string& part, std::size_t times) {
 }
 
 std::size_t Reports::CountIn(const std::vector<std::string>& reports, const std::string& part) {
-    return static_cast<std::size_t>(std::count_if(
-        reports.begin(), reports.end(), [&](const std::string& report) { return report.find(part) != report.npos; }));
+    return static_cast<std::size_t>(
+        std::ranges::count_if(reports, [&](const std::string& report) { return report.find(part) != report.npos; }));
 }
 
 TokenTest::TokenTest() : control_(directory_ / "control") {
@@ -124,8 +122,7 @@ void TokenTest::AddPinFile(const std::string& token, const std::string& pin, uns
 }
 
 bool TokenTest::IsListed(const std::string& label) const {
-    const std::vector<TokenInfo> tokens = ListedTokens();
-    return std::any_of(tokens.begin(), tokens.end(), [&](const TokenInfo& token) { return token.label == label; });
+    return std::ranges::count(ListedTokens(), label, &TokenInfo::label) > 0;
 }
 
 bool TokenTest::WaitUntilListed(const std::string& label, bool listed) {

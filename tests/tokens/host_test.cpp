@@ -1,6 +1,4 @@
 // The side of the hosting program: settings, new tokens, what a token says of itself.
-#include <gtest/gtest.h>
-
 #include "platform/tokens/token.h"
 #include "tests/support/process.h"
 #include "tests/tokens/fixture.h"

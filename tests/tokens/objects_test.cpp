@@ -1,5 +1,4 @@
 // Objects on a token: made, listed, found, deleted.
-#include <gtest/gtest.h>
 #include <openssl/pkcs12.h>
 #include <p11-kit/pkcs11.h>
 
@@ -282,6 +281,9 @@ TEST_F(Objects, RememberedKeysAreForgottenWhenDeleted) {
 }
 
 TEST_F(Objects, TheSecurityOfficerImportsAndTheUserComesBackWithAPinFile) {
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    EXPECT_TRUE(!Create(session, "root", root_, true) && session.securityOfficerRequired());
+    EXPECT_TRUE(Create(session, "x", leaf_) && !session.securityOfficerRequired()) << "of the last creation";
     for (const bool pin_file : {false, true}) {
         if (pin_file) AddPinFile("objects", token_.pin);
         Apply();
@@ -293,7 +295,7 @@ TEST_F(Objects, TheSecurityOfficerImportsAndTheUserComesBackWithAPinFile) {
         EXPECT_EQ(user.opened(), pin_file);
         EXPECT_EQ(user.loginFailed(), !pin_file);
         EXPECT_EQ(reports_.Count("has to log in again"), 1U);
-        EXPECT_TRUE(!pin_file || Certificates(user).at(0).trusted);
+        EXPECT_TRUE(!pin_file || Certificates(user).back().trusted);
     }
     const std::string wrong = RandomPin();
     TokenSession nobody(token_.info, TokenSession::kPublic, &wrong);

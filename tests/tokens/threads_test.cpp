@@ -1,6 +1,4 @@
 // Many threads at once, for the thread sanitizer above all.
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <thread>
 
