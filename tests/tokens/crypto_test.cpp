@@ -154,6 +154,10 @@ TEST_F(Crypto, ListsWhatATokenOffers) {
 
     const PKCS11::TokenInfo nowhere;
     EXPECT_FALSE(manager.IsTokenSupportMechanism(nowhere, PKI_KEY_RSA));
+    TokenSession session(token_.info, TokenSession::kPrivate);
+    for (const pki_alg_t alg : {PKI_KEY_512BIT, PKI_KEY_RSA_PSS, PKI_HASH_SHA256 | 0x7777}) {
+        EXPECT_FALSE(session.GenerateKeyPair(alg, 512, "no key of its own", false)) << std::hex << alg;
+    }
 }
 
 }  // namespace
