@@ -154,10 +154,12 @@ TEST_F(Crypto, ListsWhatATokenOffers) {
 
     const PKCS11::TokenInfo nowhere;
     EXPECT_FALSE(manager.IsTokenSupportMechanism(nowhere, PKI_KEY_RSA));
-    TokenSession session(token_.info, TokenSession::kPrivate);
+    ErrorLog errors;
+    TokenSession session(token_.info, TokenSession::kPrivate, nullptr, &errors);
     for (const pki_alg_t alg : {PKI_KEY_512BIT, PKI_KEY_RSA_PSS, PKI_HASH_SHA256 | 0x7777}) {
         EXPECT_FALSE(session.GenerateKeyPair(alg, 512, "no key of its own", false)) << std::hex << alg;
     }
+    EXPECT_EQ(errors.errors, std::vector<std::string>()) << "no token is asked";
 }
 
 }  // namespace
