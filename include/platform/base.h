@@ -77,11 +77,8 @@ class SecretString {
     ~SecretString() { SecureWipe(text_); }
     SecretString(SecretString&& other) noexcept : text_(std::move(other.text_)) { SecureWipe(other.text_); }
     SecretString& operator=(SecretString&& other) noexcept {
-        if (this != &other) {
-            SecureWipe(text_);
-            text_ = std::move(other.text_);
-            SecureWipe(other.text_);
-        }
+        SecretString taken(std::move(other));
+        text_.swap(taken.text_);  // an assignment might keep the old buffer, to be wiped at its full size ever after
         return *this;
     }
     SecretString(const SecretString&) = delete;

@@ -64,8 +64,10 @@ TEST(Base, SecretsAreWipedWithTheirSpareCapacity) {
     EXPECT_EQ(std::string_view(storage, 200), std::string(200, '\0'));
 
     vpnfc::SecretString from(std::string("short pin"));
-    const vpnfc::SecretString to(std::move(from));
+    vpnfc::SecretString to(std::string(1U << 20, 's'));
+    to = std::move(from);
     EXPECT_EQ(to.get(), "short pin");
+    EXPECT_LT(to.get().capacity(), 100U) << "wiped at its full size ever after";
     EXPECT_TRUE(from.empty());  // NOLINT(bugprone-use-after-move): the point of the test
 }
 
