@@ -121,6 +121,11 @@ void TokenTest::AddPinFile(const std::string& token, const std::string& pin, uns
     settings_.pin_files.push_back({.token = token, .path = path, .login_on_insertion = login_on_insertion});
 }
 
+void TokenTest::SetAndWait(const std::vector<std::string>& directives, const std::string& report, std::size_t times) {
+    control_.Set(directives);
+    ASSERT_TRUE(reports_.WaitFor(report, times)) << report;
+}
+
 bool TokenTest::IsListed(const std::string& label) const {
     return std::ranges::count(ListedTokens(), label, &TokenInfo::label) > 0;
 }

@@ -80,6 +80,8 @@ class TokenTest : public testing::Test {
     /// Writes a PIN file with that mode and names it in the settings.
     void AddPinFile(const std::string& token, const std::string& pin, unsigned mode = 0600,
                     bool login_on_insertion = true);
+    /// Replaces the directives and waits for a report.
+    void SetAndWait(const std::vector<std::string>& directives, const std::string& report, std::size_t times = 1);
     bool IsListed(const std::string& label) const;
     bool WaitUntilListed(const std::string& label, bool listed = true);
 

@@ -23,10 +23,8 @@ class Logins : public TokenTest {
     bool OpensPrivately() const { return TokenSession(token_.info, TokenSession::kPrivate).opened(); }
     /// Takes the token out and puts it back.
     void Reinsert() {
-        control_.Set({"trace C_Login", "hide token"});
-        ASSERT_TRUE(reports_.WaitFor("removed token"));
-        control_.Set({"trace C_Login"});
-        ASSERT_TRUE(reports_.WaitFor("inserted token", 2));
+        SetAndWait({"trace C_Login", "hide token"}, "removed token");
+        SetAndWait({"trace C_Login"}, "inserted token", 2);
     }
 
     TestToken token_;

@@ -56,8 +56,7 @@ TEST_F(Trouble, RemovalAndInsertionAreSeenAtOnce) {
         reports_.Clear();
         for (const bool out : {true, false}) {
             const auto begin = steady_clock::now();
-            control_.Set({events, out ? "hide one" : "ghost"});
-            ASSERT_TRUE(reports_.WaitFor(out ? "removed one" : "inserted one"));
+            SetAndWait({events, out ? "hide one" : "ghost"}, out ? "removed one" : "inserted one");
             EXPECT_EQ(IsListed("one"), !out);
             EXPECT_LT(steady_clock::now() - begin, milliseconds(1500));
         }
@@ -73,13 +72,11 @@ TEST_F(Trouble, ATokenPutBackIsUsedAgain) {
     TokenSession verifier(token_.info);
     TokenSession signer(token_.info, TokenSession::kPrivate);
     ASSERT_TRUE(Verify(verifier) && Sign(signer));
-    control_.Set({"hide one"});
-    ASSERT_TRUE(reports_.WaitFor("removed one"));
+    SetAndWait({"hide one"}, "removed one");
     EXPECT_FALSE(Verify(verifier));
     EXPECT_FALSE(Sign(signer));
     EXPECT_FALSE(TokenSession(token_.info).opened());
-    control_.Set({});
-    ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
+    SetAndWait({}, "inserted one", 2);
     EXPECT_FALSE(TokenSession(token_.info, TokenSession::kPrivate).opened()) << "the login went with the token";
 
     // Between two polls, so that nobody noticed.
@@ -192,8 +189,7 @@ TEST_F(Trouble, AKeyThatCouldNotBeReadIsNotSaidToBeAbsent) {
 }
 
 TEST_F(Trouble, SlotsHaveALimit) {
-    control_.Set({"slots 2000"});
-    ASSERT_TRUE(reports_.WaitFor("forward: has more than 1024 slots with a token; the others are left out"));
+    SetAndWait({"slots 2000"}, "forward: has more than 1024 slots with a token; the others are left out");
     Look();
     EXPECT_TRUE(IsListed("one"));
     EXPECT_EQ(reports_.Count("more than 1024 slots"), 1U);
@@ -206,8 +202,7 @@ TEST_F(Trouble, SessionsDoNotOutliveTheirToken) {
     tokens::SessionPtr watching;
     ASSERT_TRUE(token->Open(given_back).ok());
     ASSERT_TRUE(token->Open(watching).ok());
-    control_.Set({"hide one"});
-    ASSERT_TRUE(reports_.WaitFor("removed one"));
+    SetAndWait({"hide one"}, "removed one");
     control_.Set({"hide one", "hang C_CloseSession"});
     const std::weak_ptr<tokens::Session> given_back_watch = given_back;
     const auto begin = steady_clock::now();
@@ -225,8 +220,7 @@ TEST_F(Trouble, OfTwoTokensWithOneIdentifierOneIsShown) {
     const auto slot = [] { return ListedTokens().size() == 1 ? ListedTokens()[0].slotDescription : "none"; };
     const std::string first = ListedTokens().at(0).slotDescription;
     const std::vector<std::string> posing = {"trace C_OpenSession", "pose two one"};
-    control_.Set(posing);
-    ASSERT_TRUE(reports_.WaitFor("is left out"));
+    SetAndWait(posing, "is left out");
     EXPECT_EQ(reports_.Count("removed two"), 1U);
     const int sessions = control_.Calls("C_OpenSession");
     Look();
@@ -235,8 +229,7 @@ TEST_F(Trouble, OfTwoTokensWithOneIdentifierOneIsShown) {
     EXPECT_EQ(slot(), first);
 
     reports_.Clear();
-    control_.Set({"pose two one", "hide one"});
-    ASSERT_TRUE(reports_.WaitFor("inserted one"));
+    SetAndWait({"pose two one", "hide one"}, "inserted one");
     const std::vector<std::string> reports = reports_.All();
     EXPECT_LT(std::find(reports.begin(), reports.end(), "removed one"),
               std::find(reports.begin(), reports.end(), "inserted one"));
@@ -261,14 +254,12 @@ TEST_F(Trouble, TheSameTokenOfAnotherProviderStandsIn) {
     EXPECT_EQ(reports_.Count("provider second ready 0"), 1U);
     EXPECT_EQ(provider(), "forward");
 
-    control_.Set({"hang C_GetSlotList"});
-    ASSERT_TRUE(reports_.WaitFor("inserted one", 2));
+    SetAndWait({"hang C_GetSlotList"}, "inserted one", 2);
     EXPECT_EQ(reports_.Count("removed one"), 1U);
     EXPECT_EQ(provider(), "second");
     EXPECT_TRUE(VerifyAnew());
 
-    control_.Set({});
-    ASSERT_TRUE(reports_.WaitFor("provider forward) in slot"));
+    SetAndWait({}, "provider forward) in slot");
     EXPECT_EQ(provider(), "second");
     settings_.providers.pop_back();
     Apply();
@@ -316,8 +307,7 @@ TEST_F(Hanging, OneCallThatHangsTakesItsProviderOutOnly) {
         EXPECT_TRUE(reports_.WaitFor("removed one"));
         EXPECT_EQ(reports_.Count(function + " does not return"), 1U);
         ExpectOthersGoOn();
-        control_.Set({});
-        ASSERT_TRUE(reports_.WaitFor("inserted one"));
+        SetAndWait({}, "inserted one");
         EXPECT_TRUE(reports_.WaitFor("answers again"));
         TokenSession again(token_.info, TokenSession::kPrivate);
         EXPECT_TRUE(Sign(again)) << "still logged in";
@@ -370,8 +360,7 @@ TEST_F(Hanging, AModuleThatDoesNotStartComesLater) {
         EXPECT_TRUE(reports_.WaitFor("provider trust ready"));
         EXPECT_TRUE(reports_.WaitFor("provider forward failed 0"));
         EXPECT_EQ(reports_.Count("C_Initialize: CKR_DEVICE_ERROR"), *trouble == 'f' ? 1U : 0U);
-        control_.Set({});
-        ASSERT_TRUE(reports_.WaitFor("provider forward ready 1"));
+        SetAndWait({}, "provider forward ready 1");
         EXPECT_TRUE(IsListed("one"));
     }
 }
@@ -379,11 +368,10 @@ TEST_F(Hanging, AModuleThatDoesNotStartComesLater) {
 TEST_F(Trouble, ASlotThatFailsIsLoggedOnceAndHidesNoOther) {
     NewToken("two");
     reports_.Clear();
-    control_.Set({"fail C_GetTokenInfo CKR_DEVICE_ERROR times 1"});  // whichever comes first
-    ASSERT_TRUE(reports_.WaitFor("C_GetTokenInfo failed: CKR_DEVICE_ERROR"));
+    // Whichever comes first.
+    SetAndWait({"fail C_GetTokenInfo CKR_DEVICE_ERROR times 1"}, "C_GetTokenInfo failed: CKR_DEVICE_ERROR");
     Look(1);  // after the look that met the failure
-    control_.Set({"fail C_GetSlotList CKR_GENERAL_ERROR times 1"});
-    ASSERT_TRUE(reports_.WaitFor("C_GetSlotList failed: CKR_GENERAL_ERROR"));
+    SetAndWait({"fail C_GetSlotList CKR_GENERAL_ERROR times 1"}, "C_GetSlotList failed: CKR_GENERAL_ERROR");
     Look(1);
     EXPECT_TRUE(IsListed("one") && IsListed("two"));
     EXPECT_EQ(reports_.Count("removed"), 0U) << "asked again before it counts as removed";
