@@ -67,7 +67,7 @@ TEST_F(PeerTest, WorksWhileTheStoreIsReloaded) {
     EXPECT_EQ(requested, kThreads * kRounds);
     EXPECT_EQ(store().personalCerts.certs(), std::vector{stays});
     CM::Reload();
-    EXPECT_EQ(Verify(payload).selected, "CN=peer");
+    EXPECT_EQ(Verify(payload), Strings{"CN=peer"});
 }
 
 }  // namespace
