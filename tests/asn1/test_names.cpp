@@ -1,8 +1,6 @@
 // Printable names: tables for the form, and comparisons with libcrypto. That what is printed reads as the same name, and
 // what is damaged as none or as another, is the property of fuzz/names.cpp.
 #include <gtest/gtest.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
 
 #include <locale.h>
 #include <wctype.h>

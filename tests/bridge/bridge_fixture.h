@@ -3,9 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <string>
-
 #include "platform/bridge/bridge_host.h"
 #include "platform/bridge_client.h"
 #include "tests/support/temp_dir.h"

@@ -1,6 +1,5 @@
 // The certificate commands through the socket: what they do, what malformed input does, and two clients at once.
 #include <future>
-#include <thread>
 
 #include "certmgr/cert_bridge.h"
 #include "certmgr/cert_crlcache.h"
@@ -17,11 +16,8 @@
 namespace bridge_test {
 namespace {
 
+using namespace certmgr_client;
 using bridge::Error;
-using bridge::kGroupCertificates;
-using certmgr_client::CertSelector;
-using certmgr_client::ListedCert;
-using certmgr_client::Manager;
 using CM::X509CertFile;
 using vpnfc::SecretString;
 
@@ -64,7 +60,7 @@ class CommandsTest : public BridgeTest {
     Manager manager() { return Manager(*client_); }
     std::optional<std::string> Raw(std::uint32_t command, const std::string& input) {
         std::string reply;
-        return client_->Call(kGroupCertificates, command, input, reply) ? std::optional(reply) : std::nullopt;
+        return client_->Call(bridge::kGroupCertificates, command, input, reply) ? std::optional(reply) : std::nullopt;
     }
     std::size_t ObjectsOnToken() const {
         return token_->CertObjects().size() + token_->CrlObjects().size() + token_->PresharedKeyNames().size();
@@ -297,11 +293,10 @@ TEST_F(CommandsTest, ACertificateIsDescribedChainedVerifiedAndExported) {
         EXPECT_EQ(verdict.value().good, mode != 1) << verdict->text;
     }
     const SecretString cut(std::string("a\0b", 3));
-    const std::tuple<certmgr_client::ExportOptions, std::uint32_t, std::size_t> exports[] = {
-        {{.format = 0}, 1, 1},
-        {{.format = 2, .with_chain = true}, 1, 3},
-        {{.format = 3, .password = &cut}, 3, 0},
-        {{.format = 4}, 4, 0}};
+    const std::tuple<ExportOptions, std::uint32_t, std::size_t> exports[] = {{{.format = 0}, 1, 1},
+                                                                             {{.format = 2, .with_chain = true}, 1, 3},
+                                                                             {{.format = 3, .password = &cut}, 3, 0},
+                                                                             {{.format = 4}, 4, 0}};
     for (const auto& [options, result, certs] : exports) {
         const auto made = manager().ExportCertificate(leaf.token, leaf.info, options);
         EXPECT_EQ(made->result, result) << options.format;
@@ -385,24 +380,23 @@ TEST_F(CommandsTest, DownloadedCrlsAreListedLastAndDeletedFirst) {
 
 TEST_F(CommandsTest, TwoClientsDeleteTheSame) {
     const auto second = Connect();
+    const auto both = [&](const auto& change) {  // at once
+        auto one = std::async(std::launch::async, [&] { return change(manager()); });
+        EXPECT_TRUE(change(Manager(*second)));
+        EXPECT_TRUE(one.get());
+    };
     for (const CertSelector selector : {CertSelector::kPersonal, CertSelector::kTrusted, CertSelector::kOther}) {
         for (const ListedCert& cert : List(selector)) {
-            auto one =
-                std::async(std::launch::async, [&] { return manager().DeleteCertificate(cert.token, cert.info); });
-            EXPECT_TRUE(Manager(*second).DeleteCertificate(cert.token, cert.info));
-            EXPECT_TRUE(one.get());
+            both([&](Manager from) { return from.DeleteCertificate(cert.token, cert.info); });
         }
         EXPECT_TRUE(List(selector).empty());
     }
     EXPECT_EQ(token_->CertObjects().size(), 1U);  // the intermediate
     const auto crl = manager().ListCrls()->at(0);
     const auto key = manager().ListPresharedKeys()->at(0);
-    auto one = std::async(std::launch::async, [&] {
-        return manager().DeleteCrl(crl.token, crl.info) && manager().DeletePresharedKey(key.token, key.name);
+    both([&](Manager from) {
+        return from.DeleteCrl(crl.token, crl.info) && from.DeletePresharedKey(key.token, key.name);
     });
-    EXPECT_TRUE(Manager(*second).DeletePresharedKey(key.token, key.name));
-    EXPECT_TRUE(Manager(*second).DeleteCrl(crl.token, crl.info));
-    EXPECT_TRUE(one.get());
     EXPECT_TRUE(manager().ListCrls()->empty() && manager().ListPresharedKeys()->empty());
 }
 

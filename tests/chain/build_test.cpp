@@ -1,7 +1,4 @@
 // Chains: how they are built, where they end and what that is worth.
-#include <tuple>
-#include <utility>
-
 #include "certmgr/chain.h"
 #include "tests/chain/chain_fixture.h"
 

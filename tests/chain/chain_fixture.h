@@ -1,9 +1,6 @@
 // What chain tests need besides a started module.
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "tests/vendor/module_test.h"
 
 namespace chain_test {

@@ -31,41 +31,35 @@ TEST_F(ChainTest, BestIssuerInOneList) {
     constexpr KeyType kEc = KeyType::kEcP256;
     constexpr KeyType kRsa = KeyType::kRsa2048;
     constexpr KeyType kEd = KeyType::kEd25519;
-    const struct {
-        const char* rule;
-        std::vector<Candidate> candidates;
-        int expected;  // position, -1: none
-        KeyType signed_by = kEc;
-        bool pss = false;
-    } cases[] = {
-        {"no candidate", {}, -1},
-        {"names are compared in full", {{-10, 10, kEc, "CN=CA2"}, {-10, 10, kEc, "CN=C"}}, -1},
-        {"the latest start wins among the current", {{-30, 10}, {-10, 10}, {-20, 10}}, 1},
-        {"on a tie the first met stays", {{-30, 10}, {-10, 10}, {-10, 20}}, 1},
-        {"a start after the leaf's is not current", {{-30, 10}, {1, 10}}, 0},
-        {"a start with the leaf's is current", {{-30, 10}, {0, 10}}, 1},
-        {"an end before the leaf's start is not current", {{-30, 10}, {-10, -1}}, 0},
-        {"an end with the leaf's start is current", {{-30, 10}, {-10, 0}}, 1},
-        {"a current one replaces an earlier fallback", {{1, 10}, {-30, 10}}, 1},
-        {"without a current one the first match", {{5, 10}, {1, 10}, {-10, -5}}, 0},
-        {"another key algorithm cannot have signed", {{-10, 10, kRsa}, {-30, 10}}, 1},
-        {"nor is it a fallback", {{-10, 10, kRsa}}, -1},
-        {"RSASSA-PSS finds an RSA key", {{-10, 10}, {-10, 10, kRsa}}, 1, kRsa, true},
-        {"Ed25519 finds its own", {{-10, 10}, {-10, 10, kEd}}, 1, kEd},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.rule);
-        const Cert signer = MakeCert({.key = c.signed_by, .subject = "CN=CA", .ski = KeyId::None()});
+    // The position that is found, -1: none.
+    const auto expect = [](const char* rule, const std::vector<Candidate>& candidates, int position,
+                           KeyType signed_by = KeyType::kEcP256, bool pss = false) {
+        SCOPED_TRACE(rule);
+        const Cert signer = MakeCert({.key = signed_by, .subject = "CN=CA", .ski = KeyId::None()});
         const auto cert =
-            Object(MakeCert({.not_before = kLeafStart, .aki = KeyId::None(), .sign = {.pss = c.pss}}, &signer));
+            Object(MakeCert({.not_before = kLeafStart, .aki = KeyId::None(), .sign = {.pss = pss}}, &signer));
         CM::CertStorage::X509CertsDB list;
-        for (const Candidate& candidate : c.candidates) list.Adopt(Object(MakeCandidate(candidate)).Detach());
+        for (const Candidate& candidate : candidates) list.Adopt(Object(MakeCandidate(candidate)).Detach());
         list.Reindex();
-        const CM::X509Cert* expected = c.expected < 0 ? nullptr : list[static_cast<std::size_t>(c.expected)];
+        const CM::X509Cert* expected = position < 0 ? nullptr : list[static_cast<std::size_t>(position)];
         const CM::MoreActualIssuerFinder find;
         EXPECT_EQ(find(list.certs(), cert.get(), CM::SubjectNameMatch{}).get(), expected);
         EXPECT_EQ(find(list, cert.get(), CM::SubjectNameMatch{}).get(), expected);
-    }
+    };
+    expect("no candidate", {}, -1);
+    expect("names are compared in full", {{-10, 10, kEc, "CN=CA2"}, {-10, 10, kEc, "CN=C"}}, -1);
+    expect("the latest start wins among the current", {{-30, 10}, {-10, 10}, {-20, 10}}, 1);
+    expect("on a tie the first met stays", {{-30, 10}, {-10, 10}, {-10, 20}}, 1);
+    expect("a start after the leaf's is not current", {{-30, 10}, {1, 10}}, 0);
+    expect("a start with the leaf's is current", {{-30, 10}, {0, 10}}, 1);
+    expect("an end before the leaf's start is not current", {{-30, 10}, {-10, -1}}, 0);
+    expect("an end with the leaf's start is current", {{-30, 10}, {-10, 0}}, 1);
+    expect("a current one replaces an earlier fallback", {{1, 10}, {-30, 10}}, 1);
+    expect("without a current one the first match", {{5, 10}, {1, 10}, {-10, -5}}, 0);
+    expect("another key algorithm cannot have signed", {{-10, 10, kRsa}, {-30, 10}}, 1);
+    expect("nor is it a fallback", {{-10, 10, kRsa}}, -1);
+    expect("RSASSA-PSS finds an RSA key", {{-10, 10}, {-10, 10, kRsa}}, 1, kRsa, true);
+    expect("Ed25519 finds its own", {{-10, 10}, {-10, 10, kEd}}, 1, kEd);
 }
 
 /// A small world of names, key identifiers and validities, so that everything collides with everything.

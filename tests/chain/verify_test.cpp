@@ -3,8 +3,6 @@
 
 #include <functional>
 #include <list>
-#include <tuple>
-#include <utility>
 
 #include "tests/chain/chain_fixture.h"
 

@@ -1,9 +1,5 @@
 // Start and stop; algorithm identifiers, times, identifier texts, numbers, key lengths, fingerprints.
 #define OPENSSL_SUPPRESS_DEPRECATED  // a digest of another library is registered as such libraries do
-#include <openssl/evp.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
-
 #include <array>
 #include <tuple>
 

@@ -1,8 +1,6 @@
 // What tests of the local certificate need besides a started module.
 #pragma once
 
-#include <string>
-
 #include "tests/vendor/module_test.h"
 
 namespace local_test {
@@ -23,17 +21,10 @@ class LocalTest : public ModuleTest {
 };
 
 inline LPCFG::ipsecid_t Id(std::uint32_t type, const std::string& value, const std::string& dn = {}) {
-    LPCFG::ipsecid_t id;
-    id.type = type;
-    id.value = value;
-    id.dn = dn;
-    return id;
+    return {.type = type, .value = value, .dn = dn};
 }
-
 inline LPCFG::ipsecid_t AnyId(std::uint32_t type) {
-    LPCFG::ipsecid_t id = Id(type, {});
-    id.any = 1;
-    return id;
+    return {.type = type, .any = 1};
 }
 
 }  // namespace local_test

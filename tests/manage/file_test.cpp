@@ -1,6 +1,4 @@
 // Certificate files: what other programs write, what they read of ours, and what is damaged.
-#include <openssl/pkcs12.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -10,7 +8,6 @@
 #include "tests/manage/manage_fixture.h"
 #include "tests/support/der.h"
 #include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
 
 namespace manage_test {
 namespace {

@@ -57,43 +57,39 @@ TEST_F(Requests, OpenSslVerifiesEveryKeyAndHash) {
 }
 
 TEST_F(Requests, FailuresLeaveNoKey) {
-    struct Case {
-        const char* error;
-        std::vector<std::string> trouble;
-        void (*edit)(CertRequestInfo&) = [](CertRequestInfo&) {};
-        bool logged_in = true;
+    using Info = CertRequestInfo;
+    const Info good = Wanted(PKI_KEY_EC, 256, PKI_HASH_SHA256);
+    const auto with = [&](auto Info::*field, const auto& value) {
+        Info info = good;
+        info.*field = value;
+        return info;
     };
-    const Case cases[] = {
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.subject.clear(); }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.extKeyUsage = "ipsecIKE,nonsense"; }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.extKeyUsage = "DER:0500"; }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.ipAddress = "1.2.3"; }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.dnsName = std::string("a\0b", 3); }},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.upn = "a@b\n"; }},
-        {"MakeCertRequestError", {"hide one"}},
-        {"MakeCertRequestErrorLogin", {}, [](CertRequestInfo&) {}, false},
-        {"SetRandomSeedError",
-         {"fail C_SeedRandom CKR_RANDOM_SEED_NOT_SUPPORTED"},
-         [](CertRequestInfo& info) { info.randomSeed = "seed"; }},
-        {"GenerateKeyPairError", {"fail C_GenerateKeyPair CKR_DEVICE_MEMORY"}},
-        {"GenerateKeyPairError", {}, [](CertRequestInfo& info) { info.keyBits = 1; }},
-        {"GenerateKeyPairError", {"fail C_FindObjectsInit CKR_DEVICE_ERROR times 1"}},
-        {"MakeCertRequestDigestError", {}, [](CertRequestInfo& info) { info.hashAlg = PKI_HASH_SHA; }},
-        {"MakeCertRequestSignatureError", {"fail C_SignInit CKR_DEVICE_ERROR"}},
-        {"MakeCertRequestSignatureError", {"fail C_Sign CKR_DEVICE_ERROR"}},
-        {"MakeCertRequestError", {}, [](CertRequestInfo& info) { info.hashAlg = PKI_HASH_MD5; }},
-    };
-    for (const Case& c : cases) {
-        CertRequestInfo info = Wanted(PKI_KEY_EC, 256, PKI_HASH_SHA256);
-        c.edit(info);
-        if (!c.logged_in) tokens::Logout(token_.info);
-        SetTrouble(c.trouble);
+    const auto fails = [&](const std::string& error, const Info& info, const std::vector<std::string>& trouble = {},
+                           bool logged_in = true) {
+        if (!logged_in) tokens::Logout(token_.info);
+        SetTrouble(trouble);
         std::string text = "before";
         EXPECT_FALSE(CM::MakeCertRequest(token_.info, info, text));
-        EXPECT_EQ(text, c.error) << testing::PrintToString(c.trouble);
+        EXPECT_EQ(text, error) << testing::PrintToString(trouble);
         EndTrouble();
-        EXPECT_EQ(ObjectsOnToken(), 0U) << c.error;
-    }
+        EXPECT_EQ(ObjectsOnToken(), 0U) << error;
+    };
+    fails("MakeCertRequestError", with(&Info::subject, ""));
+    fails("MakeCertRequestError", with(&Info::extKeyUsage, "ipsecIKE,nonsense"));
+    fails("MakeCertRequestError", with(&Info::extKeyUsage, "DER:0500"));
+    fails("MakeCertRequestError", with(&Info::ipAddress, "1.2.3"));
+    fails("MakeCertRequestError", with(&Info::dnsName, std::string("a\0b", 3)));
+    fails("MakeCertRequestError", with(&Info::upn, "a@b\n"));
+    fails("MakeCertRequestError", with(&Info::hashAlg, PKI_HASH_MD5));
+    fails("MakeCertRequestError", good, {"hide one"});
+    fails("MakeCertRequestErrorLogin", good, {}, false);
+    fails("SetRandomSeedError", with(&Info::randomSeed, "seed"), {"fail C_SeedRandom CKR_RANDOM_SEED_NOT_SUPPORTED"});
+    fails("GenerateKeyPairError", good, {"fail C_GenerateKeyPair CKR_DEVICE_MEMORY"});
+    fails("GenerateKeyPairError", with(&Info::keyBits, 1));
+    fails("GenerateKeyPairError", good, {"fail C_FindObjectsInit CKR_DEVICE_ERROR times 1"});
+    fails("MakeCertRequestDigestError", with(&Info::hashAlg, PKI_HASH_SHA));
+    fails("MakeCertRequestSignatureError", good, {"fail C_SignInit CKR_DEVICE_ERROR"});
+    fails("MakeCertRequestSignatureError", good, {"fail C_Sign CKR_DEVICE_ERROR"});
     EXPECT_EQ(reports_.Count("ECDSA keys of 1 bits are not made"), 1U);
 }
 
