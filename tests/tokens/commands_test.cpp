@@ -83,6 +83,10 @@ TEST_F(CommandsTest, ShortInputIsMalformed) {
         for (std::size_t at = 0; at < inputs[command].size(); ++at) {
             EXPECT_FALSE(client_.Call(bridge::kGroupTokens, command, inputs[command].substr(0, at), reply));
             EXPECT_EQ(client_.failure().code, bridge::Error::kMalformed) << command << " cut at " << at;
+            const std::string absurd = std::string(inputs[command]).replace(at, 4, 4, '\xFF');
+            EXPECT_TRUE(client_.Call(bridge::kGroupTokens, command, absurd, reply) ||
+                        client_.failure().code == bridge::Error::kMalformed)
+                << command << " absurd at " << at;
         }
     }
     EXPECT_FALSE(client_.Call(bridge::kGroupTokens, 5, {}, reply));
