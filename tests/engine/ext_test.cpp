@@ -84,8 +84,10 @@ TEST_F(EngineTest, AlternativeNames) {
 
 TEST_F(EngineTest, KeyIdentifiers) {
     const Cert root = MakeCa("CN=Root");
-    const CertExtentions ext =
-        ExtensionsOf(MakeCert({.ski = KeyId::Bytes("\x0a\x0b"), .aki_issuer_serial = true}, &root).der);
+    const Extension whole{"authorityKeyIdentifier", false,
+                          Sequence(der::Implicit(0, root.key_id) + der::Explicit(1, der::Explicit(4, root.issuer_der)) +
+                                   der::Implicit(2, root.serial))};
+    const CertExtentions ext = Rendered({.ski = KeyId::Bytes("\x0a\x0b"), .aki = KeyId::None(), .extensions = {whole}});
     const std::string key_id = TO_HEX_STD_STRING(root.key_id, ' ');
     EXPECT_EQ(ext.subjectKeyIdHex + "|" + ext.authorityKeyIdHex, "0a 0b|" + key_id);
     EXPECT_EQ(ext.authorityKeyId, key_id + ", authorityCertIssuer: DIRNAME=CN=Root, authorityCertSerialNumber: " +
@@ -120,14 +122,15 @@ TEST_F(EngineTest, DistributionPoints) {
 }
 
 TEST_F(EngineTest, OtherTexts) {
+    const std::string from = der::Implicit(0, "20250301123000Z");
+    const std::string to = der::Implicit(1, "20260301123000Z");
     const CertExtentions ext =
-        Rendered({.key_usage_from = Time::Generalized("20250301123000Z"),
-                  .key_usage_to = Time::Generalized("20260301123000Z"),
-                  .conf = {{"certificatePolicies", "1.2.3.4,1.2.3.5"},
+        Rendered({.conf = {{"certificatePolicies", "1.2.3.4,1.2.3.5"},
                            {"policyMappings", "1.2.3.4:1.2.3.5"},
                            {"policyConstraints", "requireExplicitPolicy:1"},
                            {"nameConstraints", "permitted;DNS:.a,permitted;email:b,excluded;DNS:c"},
-                           {"authorityInfoAccess", "1.2.3.4;URI:http://o/,1.2.3.5;DNS:d"}}});
+                           {"authorityInfoAccess", "1.2.3.4;URI:http://o/,1.2.3.5;DNS:d"}},
+                  .extensions = {{"privateKeyUsagePeriod", false, Sequence(from + to)}}});
     EXPECT_EQ(ext.privateKeyUsagePeriod, "notBefore=2025-03-01 12:30:00 UTC, notAfter=2026-03-01 12:30:00 UTC");
     EXPECT_EQ(CertTimeToString(ext.privateKeyUsageEnd), "2026-03-01 12:30:00 UTC");
     EXPECT_EQ(ext.certificatePolicies,
@@ -140,7 +143,7 @@ TEST_F(EngineTest, OtherTexts) {
               "[2] Access Description\n   accessMethod: 1.2.3.5\n   accessLocation: DNS=d");
     EXPECT_TRUE(ext.unknownExtensions.empty());
 
-    const CertExtentions open_end = Rendered({.key_usage_from = Time::Generalized("20250301123000Z")});
+    const CertExtentions open_end = Rendered({.extensions = {{"privateKeyUsagePeriod", false, Sequence(from)}}});
     EXPECT_EQ(open_end.privateKeyUsagePeriod, "notBefore=2025-03-01 12:30:00 UTC");
     EXPECT_EQ(open_end.privateKeyUsageEnd, CERT_TIME_UNKNOWN);
 }

@@ -10,25 +10,22 @@ namespace {
 
 TEST(AuthTest, TheOlderRsaMethodTakesNoWeakHash) {
     const test_pki::Key key = test_pki::MakeKey(test_pki::KeyType::kRsa2048);
-    struct Case {
-        const char* digest;
-        bool newer_agreed;
-        pki_alg_t hash;  // 0: not taken
-    };
-    for (const Case& c : std::vector<Case>{{"MD5", false, 0},
-                                           {"SHA1", false, PKI_HASH_SHA1},
-                                           {"SHA1", true, 0},
-                                           {"SHA224", false, 0},
-                                           {"SHA256", true, PKI_HASH_SHA256}}) {
+    // Hash of the taken signature; 0: not taken.
+    for (const auto& [digest, newer_agreed, hash] :
+         std::vector<std::tuple<const char*, bool, pki_alg_t>>{{"MD5", false, 0},
+                                                               {"SHA1", false, PKI_HASH_SHA1},
+                                                               {"SHA1", true, 0},
+                                                               {"SHA224", false, 0},
+                                                               {"SHA256", true, PKI_HASH_SHA256}}) {
         const ikeauth::AuthData auth{.method = ikeauth::kMethodRsa,
-                                     .data = test_pki::SignData(key, {.digest = c.digest}, "octets")};
-        const ikeauth::SignaturePolicy policy{test_pki::Spki(key), ikeauth::AnnouncedHashes(), c.newer_agreed};
+                                     .data = test_pki::SignData(key, {.digest = digest}, "octets")};
+        const ikeauth::SignaturePolicy policy{test_pki::Spki(key), ikeauth::AnnouncedHashes(), newer_agreed};
         pki_alg_t alg = 0;
         std::string signature;
         std::string why;
         const bool taken = ikeauth::DecodeSignature(auth, policy, alg, signature, why);
-        EXPECT_EQ(taken, c.hash != 0) << c.digest << ": " << why;
-        EXPECT_TRUE(!taken || alg == (PKI_KEY_RSA | c.hash)) << c.digest;
+        EXPECT_EQ(taken, hash != 0) << digest << ": " << why;
+        EXPECT_TRUE(!taken || alg == (PKI_KEY_RSA | hash)) << digest;
     }
 }
 

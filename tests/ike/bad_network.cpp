@@ -25,7 +25,21 @@ int Bind(const sockaddr_in& address) {
     throw std::system_error(code, std::generic_category(), "bind");
 }
 
+std::uint16_t PortOf(int fd) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
 }  // namespace
+
+std::uint16_t FreeUdpPort() {
+    const int fd = Bind(MakeAddress("127.0.0.1", 0));
+    const std::uint16_t port = PortOf(fd);
+    close(fd);
+    return port;
+}
 
 std::uint8_t BadNetwork::Datagram::Byte(std::size_t offset) const {
     const std::size_t at = HeaderAt() + offset;
@@ -51,10 +65,7 @@ BadNetwork::~BadNetwork() {
 }
 
 std::uint16_t BadNetwork::port() const {
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    getsockname(lanes_.front().front, reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
+    return PortOf(lanes_.front().front);
 }
 
 void BadNetwork::ChangePorts() {

@@ -17,6 +17,9 @@
 
 namespace ike_test {
 
+/// A UDP port that was free a moment ago.
+std::uint16_t FreeUdpPort();
+
 class BadNetwork {
   public:
     struct Datagram {

@@ -20,7 +20,7 @@ class FileTest : public testing::Test {
   protected:
     FileTest() {
         CM::CertEngine_Init();
-        Write("user.key", test_pki::ToPem("PRIVATE KEY", test_pki::Pkcs8(user_.key)));
+        Write("user.key", user_.KeyPem());
         Write("user.pem", user_.Pem());
         Write("ca.pem", ca_.Pem());
         Write("crl.pem", test_pki::ToPem("X509 CRL", crl_));

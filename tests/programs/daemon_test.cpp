@@ -22,44 +22,46 @@ class DaemonTest : public testing::Test {
     }
 
     Hosts hosts_;
-    test_support::Process daemon_{{CERTMGRD_PATH, "--config", hosts_.Settings("alice")}, hosts_.Environment()};
+    test_support::Process daemon_{{CERTMGRD_PATH, "--config", hosts_.alice.settings()},
+                                  {{"FORWARD_PKCS11_CONTROL", hosts_.control.path()}}};
 };
 
 TEST_F(DaemonTest, ShowsTokensThatComeAndGo) {
     Says("PersonalCertAppeared: CN=alice");
-    hosts_.control().Set({"hide alice"});
+    hosts_.control.Set({"hide alice"});
     Says("Token removed: \"alice\"");
     Says("PersonalCertDisappeared: CN=alice");
-    hosts_.control().Set({});
+    hosts_.control.Set({});
     Says("PersonalCertAppeared: CN=alice", 2);
     EndsAfter(SIGTERM);
 }
 
 TEST_F(DaemonTest, KeepsItsSettingsWhenTheNewOnesAreWrong) {
-    hosts_.WriteSettings("alice", "[certificates]\nignore_key_usag = true\n");
+    hosts_.alice.WriteSettings("[certificates]\nignore_key_usag = true\n");
     daemon_.Kill(SIGHUP);
     Says("unknown key \"ignore_key_usag\"");
     Says("settings not reloaded, the old ones stay in force");
-    hosts_.WriteSettings("alice", "[certificates]\nignore_key_usage = true\n");
+    hosts_.alice.WriteSettings("[certificates]\nignore_key_usage = true\n");
     daemon_.Kill(SIGHUP);
     Says("settings and tokens reloaded");
     EndsAfter(SIGINT);
 }
 
 TEST_F(DaemonTest, StopsAlthoughAModuleHangs) {
-    hosts_.control().Set({"hang C_GetTokenInfo", "hang C_GetSlotList", "hang C_FindObjects", "hang C_Finalize"});
+    hosts_.control.Set({"hang C_GetTokenInfo", "hang C_GetSlotList", "hang C_FindObjects", "hang C_Finalize"});
     Says("does not return; its tokens are left out until it answers again");
     Says("PersonalCertDisappeared: CN=alice");
     EndsAfter(SIGTERM);
 }
 
 TEST(DaemonStartTest, ExitCodesAreWhatTheHelpSays) {
-    const Hosts hosts;
+    const test_support::TempDir dir;
     const auto settings = [&](const std::string& name, const std::string& content) {
-        hosts.Write(name + ".toml", content);
-        return hosts.Settings(name);
+        dir.Write(name, content);
+        return (dir / name).string();
     };
-    const std::string bad = settings("bad", "[log]\nlevel = 7\n");
+    const std::string bad = settings("bad.toml", "[log]\nlevel = 7\n");
+    const std::string no_tokens = settings("tokens.toml", "[tokens]\nsofthsm_directory = \"bad.toml/tokens\"\n");
     const struct {
         std::vector<std::string> options;
         int exit_code;
@@ -68,14 +70,12 @@ TEST(DaemonStartTest, ExitCodesAreWhatTheHelpSays) {
         {{"--help"}, 0, "Exit codes:"},
         {{"--version"}, 0, "certmgrd "},
         {{"--wrong"}, 2, "not expected: --wrong"},
-        {{"--config", hosts.Settings("missing")}, 2, "missing.toml: cannot be opened: No such file or directory"},
+        {{"--config", dir / "missing.toml"}, 2, "missing.toml: cannot be opened: No such file or directory"},
         {{"--config", bad}, 2, "bad.toml:2:9: [log] level: expected a text"},
         {{"--check", "--config", bad}, 2, "bad.toml:2:"},
-        {{"--check", "--config", hosts.Settings("alice")}, 0, ""},
-        {{"--config", settings("log", "[log]\nfile = \"alice.pem/log\"\n")}, 1, "name another as \"file\" in [log]"},
-        {{"--config", settings("state", "[tokens]\nsofthsm_directory = \"alice.pem/tokens\"\n")},
-         1,
-         "name another as \"softhsm_directory\" in [tokens]"},
+        {{"--check", "--config", settings("good.toml", "")}, 0, ""},
+        {{"--config", settings("log.toml", "[log]\nfile = \"bad.toml/log\"\n")}, 1, "another as \"file\""},
+        {{"--config", no_tokens}, 1, "name another as \"softhsm_directory\" in [tokens]"},
     };
     for (const auto& c : cases) {
         std::vector<std::string> words{CERTMGRD_PATH};
@@ -90,13 +90,12 @@ TEST(DaemonStartTest, ExitCodesAreWhatTheHelpSays) {
 // The reader of stderr goes away after the first line; what is logged on must not end the daemon. What is doubtful in
 // the settings goes to the log file that they name.
 TEST(DaemonStartTest, LogsToTheFileFromTheFirstLineOnAndSurvivesAClosedStderr) {
-    const Hosts hosts;
-    const std::string config = hosts.Settings("alice");
-    hosts.Write("alice.toml", "[log]\nfile = \"daemon.log\"\n[[rule]]\nname = \"office\"\n");
+    const test_support::TempDir dir;
+    dir.Write("daemon.toml", "[log]\nfile = \"daemon.log\"\n[[rule]]\nname = \"office\"\n");
+    const std::string config = dir / "daemon.toml";
     ASSERT_EQ(chmod(config.c_str(), 0666), 0);
-    const std::string log = std::filesystem::path(config).replace_filename("daemon.log");
     test_support::Process daemon({"bash", "-c", "exec \"$0\" --config \"$1\" 2> >(head -n 1)", CERTMGRD_PATH, config});
-    test_support::Process reader({"tail", "-n", "+1", "-F", log});
+    test_support::Process reader({"tail", "-n", "+1", "-F", dir / "daemon.log"});
     ASSERT_TRUE(reader.WaitForOutput("certmgrd runs")) << reader.Out();
     EXPECT_NE(reader.Out().find("can be written by others than its owner"), std::string::npos) << reader.Out();
     EXPECT_NE(reader.Out().find("Settings loaded: "), std::string::npos) << reader.Out();

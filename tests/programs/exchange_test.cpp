@@ -10,14 +10,6 @@
 namespace program_test {
 namespace {
 
-test_support::ProcessResult Exchange(const Hosts& hosts, const std::vector<std::string>& options) {
-    std::vector<std::string> words{
-        IKEAUTH_PATH,          "exchange", "--initiator", hosts.Settings("alice"), "--responder",
-        hosts.Settings("bob"), "--rule",   "office"};
-    words.insert(words.end(), options.begin(), options.end());
-    return test_support::Run(words);
-}
-
 TEST(ExchangeTest, SaysHowItEnded) {
     const Hosts hosts;
     const struct {
@@ -40,23 +32,24 @@ TEST(ExchangeTest, SaysHowItEnded) {
         {{"--help"}, 0, "Exit codes:"},
     };
     for (const auto& c : cases) {
-        const auto result = Exchange(hosts, c.options);
+        std::vector<std::string> words{IKEAUTH_PATH,  "exchange",           "--initiator", hosts.alice.settings(),
+                                       "--responder", hosts.bob.settings(), "--rule",      "office"};
+        words.insert(words.end(), c.options.begin(), c.options.end());
+        const auto result = test_support::Run(words);
         EXPECT_EQ(result.exit_code, c.exit_code) << c.text << "\n" << result.out << result.err;
         EXPECT_NE((result.out + result.err).find(c.text), std::string::npos) << result.out << result.err;
     }
 }
 
 TEST(ProvisionTest, ReadsNoPinThatOthersCouldRead) {
-    const Hosts hosts;
-    hosts.Write("carol.pin", "12345678\n");
-    const std::filesystem::path folder = std::filesystem::path(hosts.Settings("alice")).parent_path();
-    ASSERT_EQ(chmod((folder / "carol.pin").c_str(), 0644), 0);
-    const auto refused =
-        test_support::Run({IKEAUTH_PATH, "provision", "--state", folder / "carol.tokens", "--label", "carol",
-                           "--pin-file", folder / "carol.pin", "--so-pin-file", folder / "carol.so"});
+    const test_support::TempDir dir;
+    dir.Write("pin", "12345678\n");
+    ASSERT_EQ(chmod((dir / "pin").c_str(), 0644), 0);
+    const auto refused = test_support::Run({IKEAUTH_PATH, "provision", "--state", dir / "tokens", "--label", "carol",
+                                            "--pin-file", dir / "pin", "--so-pin-file", dir / "so-pin"});
     EXPECT_EQ(refused.exit_code, 2);
     EXPECT_NE(refused.err.find("its mode must be 0600"), std::string::npos) << refused.err;
-    EXPECT_FALSE(exists(folder / "carol.tokens"));
+    EXPECT_FALSE(exists(dir / "tokens"));
 }
 
 }  // namespace

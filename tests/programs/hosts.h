@@ -4,38 +4,37 @@
 
 #include <string>
 
-#include "tests/support/pki.h"
-#include "tests/support/process.h"
-#include "tests/support/temp_dir.h"
+#include "tests/ike/client.h"
 #include "tests/tokens/forward/control.h"
 
 namespace program_test {
 
-class Hosts {
-  public:
-    /// Tokens and settings of alice and bob, under one root.
-    Hosts();
-
-    std::string Settings(const std::string& host) const { return directory_ / (host + ".toml"); }
-    /// Replaces a settings file; `extra` stands before the rule.
-    void WriteSettings(const std::string& host, const std::string& extra = {}) const;
-    void Write(const std::string& name, const std::string& content) const;
-
-    const forward::Control& control() const { return control_; }
-    test_support::Process::Environment Environment() const {
-        return {{"FORWARD_PKCS11_CONTROL", control_.path().string()}};
+/// alice and bob, under one root.
+struct Hosts {
+    ike_test::Client::Contents Contents(const std::string& name, const test_pki::Cert& cert) const {
+        const std::string pattern = " = [{subject_attrs = \"O=Test\"}]\n";
+        const std::string rule =
+            "id_local = [{fqdn = \"" + name + ".example\"}]\ncert_local" + pattern + "cert_remote" + pattern;
+        const std::string settings =
+            "poll_interval_milliseconds = 100\ncall_limit_milliseconds = 1000\n[[tokens.provider]]\n"
+            "name = \"forward\"\nmodule = \"" FORWARD_PKCS11_PATH "\"\n[bridge]\nsocket = \"socket\"\n";
+        return {{cert}, {intermediate}, {root}, {}, rule, name, settings};
     }
-    const test_pki::Cert& leaf() const { return leaf_; }
-    const test_pki::Cert& intermediate() const { return intermediate_; }
+    test_pki::Cert MakeHost(const std::string& name) const {
+        return test_pki::MakeCert({.subject = "CN=" + name + ", O=Test",
+                                   .key_usage = "digitalSignature",
+                                   .eku = {"ipsecIKE"},
+                                   .san = {"DNS:" + name + ".example"}},
+                                  &intermediate);
+    }
 
-  private:
-    void Provision(const std::string& host, const test_pki::Cert& cert) const;
-
-    test_support::TempDir directory_;
-    forward::Control control_;
-    test_pki::Cert root_;
-    test_pki::Cert intermediate_;
-    test_pki::Cert leaf_;  // alice's
+    const test_support::TempDir directory{};
+    const forward::Control control{directory / "control"};
+    const test_pki::Cert root = test_pki::MakeCa("CN=Root, O=Test");
+    const test_pki::Cert intermediate = test_pki::MakeCa("CN=Issuing, O=Test", &root);
+    const test_pki::Cert leaf = MakeHost("alice");
+    const ike_test::Client alice{Contents("alice", leaf)};
+    const ike_test::Client bob{Contents("bob", MakeHost("bob"))};
 };
 
 }  // namespace program_test

@@ -27,7 +27,7 @@ bool SelectSignAndVerify(const LPCFG::auth_ike_t& rule, const Hosts& hosts) {
                             CM::Ike2Sign(own.cert, CM::Ike2GetSignAlg(own.cert), "octets", signature, {});
     CM::VCertHandleClose(own.cert);
     std::vector<const CM::X509Cert*> received;
-    for (const std::string* der : {&hosts.leaf().der, &hosts.intermediate().der}) {
+    for (const std::string* der : {&hosts.leaf.der, &hosts.intermediate.der}) {
         CM::VCertsListAddRawX509(received, der->data(), static_cast<unsigned>(der->size()), {});
     }
     id = {.type = LPCFG::ipsecid_t::kFqdn};
@@ -42,9 +42,9 @@ bool SelectSignAndVerify(const LPCFG::auth_ike_t& rule, const Hosts& hosts) {
 
 TEST(LoadTest, SelectionsAndVerificationsWhileTokensComeAndGo) {
     const Hosts hosts;
-    setenv("FORWARD_PKCS11_CONTROL", hosts.control().path().c_str(), 1);  // before any thread starts
+    setenv("FORWARD_PKCS11_CONTROL", hosts.control.path().c_str(), 1);  // before any thread starts
     vpnhost::Host host;
-    ASSERT_EQ(host.Start(hosts.Settings("alice")), vpnhost::StartResult::kRunning);
+    ASSERT_EQ(host.Start(hosts.alice.settings()), vpnhost::StartResult::kRunning);
     {
         const CM::RunningModule module;
         CM::Reload();
@@ -65,7 +65,7 @@ TEST(LoadTest, SelectionsAndVerificationsWhileTokensComeAndGo) {
             });
         }
         for (unsigned round = 0; round < 10; ++round) {
-            hosts.control().Set({round % 2 == 0 ? "" : "hide alice"});
+            hosts.control.Set({round % 2 == 0 ? "" : "hide alice"});
             PKCS11::Manager::Instance().ReloadTokensContent(1);
             CM::Reload();
             EXPECT_TRUE(round != 5 || host.Reload());

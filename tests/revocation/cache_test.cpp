@@ -10,24 +10,7 @@
 namespace revocation_test {
 namespace {
 
-class CrlCacheTest : public RevocationTest {
-  protected:
-    /// Has the path's CRL downloaded.
-    void Fill(const std::string& path, const CrlSpec& spec = {}) {
-        Serve(path, Crl(spec));
-        EXPECT_TRUE(Passes(LeafAt(path), kSoft));
-    }
-    static CM::CrlRef At(const std::string& address) {
-        const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
-        const auto found = CM::g_crl_db.find(&address);
-        return found == CM::g_crl_db.end() ? nullptr : found->second;
-    }
-    Strings Addresses(const Strings& paths) const {
-        Strings addresses;
-        for (const std::string& path : paths) addresses.push_back(server_.Uri(path));
-        return addresses;
-    }
-};
+using CrlCacheTest = RevocationTest;
 
 TEST_F(CrlCacheTest, AChangeOfTheParametersAndTheModulesEndReachIt) {
     ASSERT_EQ(LPARAMS::server.cert.on_change.size(), 1U);
@@ -35,24 +18,24 @@ TEST_F(CrlCacheTest, AChangeOfTheParametersAndTheModulesEndReachIt) {
     Fill("/b", {.number = "\x0B"});
     vpnfc::SetCurrentTimeForTesting(kNow + 5);
     Fill("/a", {.number = "\x0A"});
-    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    EXPECT_EQ(Cached(), (Strings{"/a", "/b"}));
     const auto listed = Listed();
     ASSERT_EQ(listed.size(), 2U);
     EXPECT_EQ(listed[0].second.crlNumber + listed[1].second.crlNumber, "0A0B");
-    EXPECT_EQ(At(server_.Uri("/a"))->downloadedAt, CertTimeFrom_time_t(kNow + 5));
+    EXPECT_EQ(CM::FindCachedCrl(server_.Uri("/a"))->downloadedAt, CertTimeFrom_time_t(kNow + 5));
     change(true);
-    EXPECT_FALSE(At(server_.Uri("/a"))->refresh);
+    EXPECT_FALSE(CM::FindCachedCrl(server_.Uri("/a"))->refresh);
     change(false);
-    EXPECT_TRUE(At(server_.Uri("/a"))->refresh && At(server_.Uri("/b"))->refresh);
+    EXPECT_TRUE(CM::FindCachedCrl(server_.Uri("/a"))->refresh && CM::FindCachedCrl(server_.Uri("/b"))->refresh);
     EXPECT_EQ(CM::Finit(), 0);
-    EXPECT_TRUE(CachedAddresses().empty() && LPARAMS::server.cert.on_change.empty());
+    EXPECT_TRUE(Cached().empty() && LPARAMS::server.cert.on_change.empty());
     CM::Init();
     Fill("/a");
     SetParams([](LPARAMS::CertParams& params) { params.crl_cache = 0; });
-    EXPECT_EQ(CachedAddresses().size(), 1U);
+    EXPECT_EQ(Cached().size(), 1U);
     change(false);
     Fill("/a");
-    EXPECT_EQ(CachedAddresses(), Strings()) << "nothing is kept";
+    EXPECT_EQ(Cached(), Strings()) << "nothing is kept";
     EXPECT_EQ(server_.Requests("/a"), 3U);
 }
 
@@ -60,7 +43,7 @@ TEST_F(CrlCacheTest, DeletesTheFirstOneThatFits) {
     Fill("/a", {.number = "\x01"});
     Fill("/b", {.number = "\x02"});
     Fill("/c", {.number = "\x02"});
-    const CM::CrlRef crl = At(server_.Uri("/b"));
+    const CM::CrlRef crl = CM::FindCachedCrl(server_.Uri("/b"));
     const auto differs = [&](auto change) {
         PKCS11::TokenInfo token = crl->token;
         CRLInfo info = crl->info;
@@ -77,7 +60,7 @@ TEST_F(CrlCacheTest, DeletesTheFirstOneThatFits) {
     wanted.id = "ignored";
     wanted.deltaCrlIndicator = "ignored";
     EXPECT_TRUE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
-    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/c"}));
+    EXPECT_EQ(Cached(), (Strings{"/a", "/c"}));
     EXPECT_TRUE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
     EXPECT_FALSE(CM::DeleteDownloadedCrlDB(crl->token, wanted));
 }
@@ -91,11 +74,11 @@ TEST_F(CrlCacheTest, HasABoundInBytes) {
         vpnfc::SetCurrentTimeForTesting(++now);
         Fill(path, {.number = "\x01"});
     }
-    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"}));
+    EXPECT_EQ(Cached(), (Strings{"/a", "/b"}));
     CrlSpec large;
     for (int i = 0; i < 100; ++i) large.entries.push_back({.serial = "serial" + std::to_string(i)});
     Fill("/d", large);
-    EXPECT_EQ(CachedAddresses(), Addresses({"/a", "/b"})) << "too large to be kept";
+    EXPECT_EQ(Cached(), (Strings{"/a", "/b"})) << "too large to be kept";
 }
 
 TEST_F(CrlCacheTest, HasABoundInNumber) {
@@ -111,14 +94,14 @@ TEST_F(CrlCacheTest, HasABoundInNumber) {
         }
     }
     Fill("/a");
-    EXPECT_EQ(CachedAddresses().size(), CM::kMaxCachedCrls);
-    EXPECT_NE(At(server_.Uri("/a")), nullptr);
-    EXPECT_EQ(At("http://filler/7"), nullptr);
+    EXPECT_EQ(Cached().size(), CM::kMaxCachedCrls);
+    EXPECT_NE(CM::FindCachedCrl(server_.Uri("/a")), nullptr);
+    EXPECT_EQ(CM::FindCachedCrl("http://filler/7"), nullptr);
 }
 
 // --- Failures ---
 
-class CrlFailureTest : public CrlCacheTest {
+class CrlFailureTest : public RevocationTest {
   protected:
     CrlFailureTest() {
         SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
@@ -149,7 +132,7 @@ TEST_F(CrlFailureTest, IsNotRepeatedForAWhile) {
     EXPECT_EQ(asked(20), 6U);
     CM::cm_crl_apply_lparams_(true);
     EXPECT_EQ(asked(20), 6U);
-    CM::cm_crl_apply_lparams_(false);
+    Mark();
     EXPECT_EQ(asked(20), 7U) << "forgotten when the parameters change";
     CM::ClearDownloadedCrlDB();
     EXPECT_EQ(asked(20), 8U) << "or the cache is emptied";
@@ -169,10 +152,8 @@ TEST_F(CrlFailureTest, OfEveryKindIsRemembered) {
 }
 
 TEST_F(CrlFailureTest, OfOneIssuerIsNotAnothers) {
-    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
-    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
     Serve("/a", Crl());
-    for (int i = 0; i < 2; ++i) EXPECT_FALSE(PassesUnder(others, other, kStrict));
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(PassesUnder(OthersLeaf("/a", other_), other_, kStrict));
     EXPECT_EQ(Transfers(), 1U);
     EXPECT_EQ(Outcomes(), (Strings{"Invalid signature", "Invalid signature (0 s ago, not asked again yet)"}));
     EXPECT_TRUE(Passes(LeafAt("/a")));

@@ -49,8 +49,15 @@ class RevocationTest : public chain_test::ChainTest {
         return spec;
     }
     Cert Leaf(const Strings& addresses) const { return MakeCert(Spec(addresses), &ca_); }
-    /// That names a path of the server.
-    Cert LeafAt(const std::string& path) const { return Leaf({server_.Uri(path)}); }
+    /// That names these paths of the server.
+    template <typename... Paths>
+    Cert LeafAt(const Paths&... paths) const {
+        return Leaf({server_.Uri(paths)...});
+    }
+    /// Another authority's that names the path.
+    Cert OthersLeaf(const std::string& path, const Cert& authority) const {
+        return MakeCert(Spec({server_.Uri(path)}), &authority);
+    }
 
     std::string Crl(const CrlSpec& spec = {}) const { return test_pki::MakeCrl(spec, ca_); }
     static CrlSpec Listing(const Cert& cert) { return {.entries = {{.serial = cert.serial}}}; }
@@ -59,6 +66,13 @@ class RevocationTest : public chain_test::ChainTest {
         return spec;
     }
     void Serve(const std::string& path, const std::string& body) { server_.Set(path, {.body = body}); }
+    /// Has the path's CRL downloaded.
+    void Fill(const std::string& path, const CrlSpec& spec = {}) {
+        Serve(path, Crl(spec));
+        EXPECT_TRUE(Passes(LeafAt(path), kSoft));
+    }
+    /// All that is cached is to be downloaded anew.
+    static void Mark() { CM::cm_crl_apply_lparams_(false); }
     void ServeNothing(const std::string& path) { server_.Set(path, {.status = 404}); }
     void PutOnToken(const std::string& der) {
         token_->AddCrl("crl" + std::to_string(token_->CrlObjects().size()), der);
@@ -84,11 +98,15 @@ class RevocationTest : public chain_test::ChainTest {
         vendor_host::ClearMessages();
         return outcomes;
     }
-    static Strings CachedAddresses() {
-        Strings addresses;
+    /// Whose CRLs the cache has: paths of the server, other addresses whole.
+    Strings Cached() const {
+        Strings paths;
+        const std::string server = server_.Uri("");
         const vpnfc::ObjectLock lock(CM::g_crl_db_lock);
-        for (const auto& [address, crl] : CM::g_crl_db) addresses.push_back(*address);
-        return addresses;
+        for (const auto& [address, crl] : CM::g_crl_db) {
+            paths.push_back(address->starts_with(server) ? address->substr(server.size()) : *address);
+        }
+        return paths;
     }
     /// What the module writes of its cache, read to the last byte.
     static std::vector<std::pair<PKCS11::TokenInfo, CRLInfo>> Listed() {
@@ -109,6 +127,8 @@ class RevocationTest : public chain_test::ChainTest {
     HostileServer server_;
     const Cert root_ = chain_test::MakeCa("CN=root");
     const Cert ca_ = chain_test::MakeCa("CN=issuing", &root_, chain_test::KeyType::kEcP256, 1);
+    const Cert other_ = chain_test::MakeCa("CN=other");
+    const Cert stranger_ = chain_test::MakeCa("CN=issuing");  // of the same name and another key
 
   private:
     const std::uint64_t transfers_before_;

@@ -35,13 +35,6 @@ class WaitingTest : public RevocationTest {
             std::this_thread::yield();
         }
     }
-    /// While the second request of "/a" is under way another check comes to need it.
-    template <typename First, typename Second>
-    void OneJoinsAnother(First first, Second second) {
-        StartHeld(2, first);
-        StartJoining(second);
-        Land();
-    }
     /// Starts work whose request of "/a", that of this number, hangs until it lands.
     template <typename Work>
     void StartHeld(unsigned request, Work work) {
@@ -53,61 +46,55 @@ class WaitingTest : public RevocationTest {
         server_.Release("/a");
         Join();
     }
+    /// A check that comes to that.
+    auto Check(const Cert& cert, bool passes = true) {
+        return [this, cert, passes](unsigned) { EXPECT_EQ(Passes(cert), passes); };
+    }
 
     std::vector<std::thread> threads_;
 };
 
 TEST_F(WaitingTest, NothingIsHeldWhileATransferHangs) {
-    Serve("/kept", Crl());
+    Fill("/kept");
     Serve("/new", Crl());
     Serve("/a", Crl());
-    const Cert kept = LeafAt("/kept");
-    const Cert held = LeafAt("/a");
-    EXPECT_TRUE(Passes(kept));
-    StartHeld(1, [&](unsigned) { EXPECT_TRUE(Passes(held)); });
+    StartHeld(1, Check(LeafAt("/a")));
 
     // Each of these would wait for ever.
-    EXPECT_TRUE(Passes(kept));
-    EXPECT_TRUE(Passes(LeafAt("/new")));
+    EXPECT_TRUE(Passes(LeafAt("/kept")) && Passes(LeafAt("/new")));
     EXPECT_TRUE(CM::g_crl_db_lock.try_lock());
     CM::g_crl_db_lock.unlock();
     EXPECT_TRUE(LPARAMS::server.cert.try_lock());
     LPARAMS::server.cert.unlock();
-    CM::cm_crl_apply_lparams_(false);
+    Mark();
     CM::ClearDownloadedCrlDB();
     CM::Reload();
     Land();
-    EXPECT_EQ(CachedAddresses(), Strings()) << "what was under way when all was to be downloaded again";
+    EXPECT_EQ(Cached(), Strings()) << "what was under way when all was to be downloaded again";
 }
 
-TEST_F(WaitingTest, AMarkedCrlServesNobodyUntilItsTransferHasLanded) {
+TEST_F(WaitingTest, AMarkFailsOneCheckAloneAndItsTransferServesAll) {
     const Cert leaf = LeafAt("/a");
-    Serve("/a", Crl());
-    EXPECT_TRUE(Passes(leaf));
-    CM::cm_crl_apply_lparams_(false);
-    Serve("/a", Crl(Listing(leaf)));
-    const auto check = [&](unsigned) { EXPECT_FALSE(Passes(leaf)); };
-    OneJoinsAnother(check, check);
-}
-
-TEST_F(WaitingTest, AMarkFailsOneCheckAlone) {
-    const Cert leaf = LeafAt("/a");
-    Serve("/a", Crl());
-    EXPECT_TRUE(Passes(leaf));
-    CM::cm_crl_apply_lparams_(false);
-    ServeNothing("/a");
-    PutOnToken(Crl(Expired()));
-    OneJoinsAnother([&](unsigned) { EXPECT_FALSE(Passes(leaf)); }, [&](unsigned) { EXPECT_TRUE(Passes(leaf)); });
-    EXPECT_EQ(Transfers(), 2U);
+    const std::string listing = Crl(Listing(leaf));
+    for (const bool served : {true, false}) {
+        CM::ClearDownloadedCrlDB();
+        Fill("/a");
+        Mark();
+        served ? Serve("/a", listing) : ServeNothing("/a");
+        if (!served) PutOnToken(Crl(Expired()));
+        StartHeld(served ? 2 : 4, Check(leaf, false));
+        StartJoining(Check(leaf, !served));
+        Land();
+    }
+    EXPECT_EQ(Transfers(), 4U);
 }
 
 TEST_F(WaitingTest, AMarkOutlivesTheWrongCrlThatWasUnderWay) {
-    Serve("/a", Crl());
-    EXPECT_TRUE(Passes(LeafAt("/a")));
-    CM::cm_crl_apply_lparams_(false);
-    Serve("/a", test_pki::MakeCrl({}, chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 8)));
-    StartHeld(2, [&](unsigned) { EXPECT_FALSE(Passes(LeafAt("/a"))); });
-    CM::cm_crl_apply_lparams_(false);
+    Fill("/a");
+    Mark();
+    Serve("/a", test_pki::MakeCrl({}, stranger_));
+    StartHeld(2, Check(LeafAt("/a"), false));
+    Mark();
     Land();
     EXPECT_FALSE(Passes(LeafAt("/a")));
     EXPECT_EQ(Transfers(), 3U);
@@ -116,10 +103,10 @@ TEST_F(WaitingTest, AMarkOutlivesTheWrongCrlThatWasUnderWay) {
 TEST_F(WaitingTest, WhatWasUnderWayAtAChangeIsAskedForAgain) {
     SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
     unsigned requests = 0;
-    for (const auto& change : {+[] { CM::ClearDownloadedCrlDB(); }, +[] { CM::cm_crl_apply_lparams_(false); }}) {
+    for (const auto& change : {&CM::ClearDownloadedCrlDB, &Mark}) {
         for (const bool good : {false, true}) {
             good ? Serve("/a", Crl()) : ServeNothing("/a");
-            StartHeld(++requests, [&](unsigned) { EXPECT_EQ(Passes(LeafAt("/a")), good); });
+            StartHeld(++requests, Check(LeafAt("/a"), good));
             change();
             Land();
             Serve("/a", Crl());
@@ -132,36 +119,33 @@ TEST_F(WaitingTest, WhatWasUnderWayAtAChangeIsAskedForAgain) {
 
 TEST_F(WaitingTest, ARememberedFailureWaitsForNobody) {
     SetParams([](LPARAMS::CertParams& params) { params.crl_retry_seconds = 30; });
-    const Cert other = chain_test::MakeCa("CN=other", nullptr, chain_test::KeyType::kEcP256, 8);
-    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
+    const Cert others = OthersLeaf("/a", other_);
     Serve("/a", Crl());
-    EXPECT_FALSE(PassesUnder(others, other, kStrict));
-    StartHeld(2, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
-    EXPECT_FALSE(PassesUnder(others, other, kStrict)) << "while the other one's transfer hangs";
+    EXPECT_FALSE(PassesUnder(others, other_, kStrict));
+    StartHeld(2, Check(LeafAt("/a")));
+    EXPECT_FALSE(PassesUnder(others, other_, kStrict)) << "while the other one's transfer hangs";
     Land();
 }
 
 TEST_F(WaitingTest, AMarkThatComesDuringATransferIsForTheNextOne) {
-    Serve("/a", Crl());
-    EXPECT_TRUE(Passes(LeafAt("/a")));
-    CM::cm_crl_apply_lparams_(false);
-    StartHeld(2, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
-    CM::cm_crl_apply_lparams_(false);
-    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    Fill("/a");
+    Mark();
+    StartHeld(2, Check(LeafAt("/a")));
+    Mark();
+    Start(1, Check(LeafAt("/a")));
     ASSERT_TRUE(server_.WaitForRequests("/a", 3)) << "what was asked for before will not do";
     Land();
 }
 
 TEST_F(WaitingTest, WhatComesAfterAMarkIsKeptAndAskedForAgain) {
-    const Cert leaf = Leaf({server_.Uri("/a"), server_.Uri("/b")});
-    Serve("/b", Crl());
-    EXPECT_TRUE(Passes(LeafAt("/b")));
-    CM::cm_crl_apply_lparams_(false);
+    const Cert leaf = LeafAt("/a", "/b");
+    Fill("/b");
+    Mark();
     Serve("/a", Crl(Listing(leaf)));
-    StartHeld(1, [&](unsigned) { EXPECT_FALSE(Passes(leaf)); });
-    CM::cm_crl_apply_lparams_(false);
+    StartHeld(1, Check(leaf, false));
+    Mark();
     Land();
-    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
+    EXPECT_EQ(Cached(), Strings{"/a"});
     ServeNothing("/a");
     ServeNothing("/b");
     EXPECT_FALSE(Passes(leaf, kSoft));
@@ -170,11 +154,9 @@ TEST_F(WaitingTest, WhatComesAfterAMarkIsKeptAndAskedForAgain) {
 
 TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {
     Serve("/a", Crl());
-    Serve("/kept", Crl());
-    EXPECT_TRUE(Passes(LeafAt("/kept")));
     const auto gate = std::make_shared<vendor_host::Gate>();
     token_->Block(vendor_host::Op::kVerify, gate);
-    Start(1, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    Start(1, Check(LeafAt("/a")));
     ASSERT_TRUE(gate->WaitForArrivals(1));
     EXPECT_TRUE(CM::g_crl_db_lock.try_lock());
     CM::g_crl_db_lock.unlock();
@@ -184,18 +166,15 @@ TEST_F(WaitingTest, ATokenThatHangsHoldsNobodyUp) {
 }
 
 TEST_F(WaitingTest, AnswersOfASharedTransferAreJudgedByEachIssuer) {
-    const Cert other = chain_test::MakeCa("CN=issuing", nullptr, chain_test::KeyType::kEcP256, 8);
-    const Cert others = MakeCert(Spec({server_.Uri("/a")}), &other);
+    const Cert others = OthersLeaf("/a", stranger_);
     Serve("/a", Crl());
-    server_.Hold("/a");
-    const auto check_others = [&](unsigned) { EXPECT_FALSE(PassesUnder(others, other, kStrict)); };
-    Start(1, check_others);
-    ASSERT_TRUE(server_.WaitForRequests("/a", 1));
+    const auto check_others = [&](unsigned) { EXPECT_FALSE(PassesUnder(others, stranger_, kStrict)); };
+    StartHeld(1, check_others);
     StartJoining(check_others);
-    Start(4, [&](unsigned) { EXPECT_TRUE(Passes(LeafAt("/a"))); });
+    Start(4, Check(LeafAt("/a")));
     Land();
     EXPECT_TRUE(Passes(LeafAt("/a")));
-    EXPECT_EQ(CachedAddresses(), Strings{server_.Uri("/a")});
+    EXPECT_EQ(Cached(), Strings{"/a"});
 }
 
 TEST_F(WaitingTest, OneTransferServesAllWhoNeedTheAddress) {
@@ -206,7 +185,7 @@ TEST_F(WaitingTest, OneTransferServesAllWhoNeedTheAddress) {
     server_.Set("/dead", {.silent = true});
     Serve("/alive", Crl());
     Start(64, [&](unsigned) {
-        EXPECT_TRUE(Passes(Leaf({server_.Uri("/dead"), server_.Uri("/alive")})));
+        EXPECT_TRUE(Passes(LeafAt("/dead", "/alive")));
         EXPECT_FALSE(Passes(LeafAt("/dead")));
     });
     Join();
@@ -235,7 +214,7 @@ TEST_F(WaitingTest, ChecksAmongChangesOfTheCache) {
         for (unsigned i = 0; i < 24; ++i) {
             const unsigned turn = (thread + i) % 12;
             if (turn == 0) CM::ClearDownloadedCrlDB();
-            if (turn == 1) CM::cm_crl_apply_lparams_(false);
+            if (turn == 1) Mark();
             if (turn == 2) {
                 const auto listed = Listed();
                 if (!listed.empty()) CM::DeleteDownloadedCrlDB(listed[0].first, listed[0].second);

@@ -3,7 +3,6 @@
 //     NginxServer http;
 //     http.Put("root.crl", der);
 //     ... {"URI:" + http.Uri("root.crl")} ...
-//     EXPECT_EQ(http.Requests("root.crl"), 1U);
 //
 //     HostileServer hostile;
 //     hostile.Set("/slow", {.body = der, .byte_interval = 50ms});
@@ -11,6 +10,7 @@
 //     std::thread check(...);
 //     ASSERT_TRUE(hostile.WaitForRequests("/held", 1));
 //     hostile.Release("/held");
+//     EXPECT_EQ(hostile.Requests("/held"), 1U);
 //
 // Each listens on a port of its own, keeps its files in a folder of its own, answers when its constructor returns and is
 // gone, with its processes and threads, when its destructor returns; the processes also when the test is killed.
@@ -27,90 +27,49 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <thread>
 
+#include "tests/support/pki.h"
 #include "tests/support/process.h"
+#include "tests/support/sockets.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait.h"
 
 namespace test_support {
 
-/// A TCP port of 127.0.0.1 that nobody else is given while this lives: connections are refused until a program binds it
-/// with SO_REUSEADDR and listens, and again when that ends.
-class ReservedPort {
-  public:
-    ReservedPort();
-    ~ReservedPort();
-    ReservedPort(const ReservedPort&) = delete;
-    ReservedPort& operator=(const ReservedPort&) = delete;
-
-    std::uint16_t number() const { return number_; }
-    /// "scheme://127.0.0.1:port/path".
-    std::string Uri(const std::string& scheme, const std::string& path) const;
-
-  private:
-    int socket_;
-    std::uint16_t number_ = 0;
-};
-
-/// A port whose queue of connections is full: a further connection is neither accepted nor refused.
-class SaturatedPort {
-  public:
-    SaturatedPort();
-    ~SaturatedPort();
-    SaturatedPort(const SaturatedPort&) = delete;
-    SaturatedPort& operator=(const SaturatedPort&) = delete;
-
-    std::string Uri(const std::string& scheme, const std::string& path) const;
-
-  private:
-    std::list<int> sockets_;
-    std::uint16_t port_ = 0;
-};
-
-/// Certificate and key of a TLS server, PEM.
-struct TlsIdentity {
-    std::string certificate_pem;
-    std::string key_pem;
-};
-
-/// nginx serving a folder over HTTP, and over HTTPS when it has an identity.
+/// nginx serving a folder over HTTP, and over HTTPS when it is given a certificate.
 class NginxServer {
   public:
-    explicit NginxServer(const TlsIdentity* tls = nullptr);
+    explicit NginxServer(const test_pki::Cert* tls = nullptr);
 
     /// Makes or replaces a file.
-    void Put(const std::string& name, const std::string& content) const;
+    void Put(const std::string& name, const std::string& content) const { dir_.Write("files/" + name, content); }
     std::string Uri(const std::string& name) const { return port_.Uri("http", "/" + name); }
     std::string TlsUri(const std::string& name) const { return tls_port_.Uri("https", "/" + name); }
-    /// How often the file was asked for so far, whatever the answer.
-    unsigned Requests(const std::string& name) const;
 
   private:
-    void WriteConfiguration(bool tls) const;
-
     TempDir dir_;
     ReservedPort port_;
     ReservedPort tls_port_;
     std::unique_ptr<Process> process_;
 };
 
-/// slapd with one CRL distribution point for each CRL given, over LDAP, and over LDAPS when it has an identity.
+/// slapd with one CRL distribution point for each CRL given, over LDAP, and over LDAPS when it is given a certificate.
 class SlapdServer {
   public:
     /// `crls`: common name and DER.
-    explicit SlapdServer(const std::map<std::string, std::string>& crls, const TlsIdentity* tls = nullptr);
+    explicit SlapdServer(const std::map<std::string, std::string>& crls, const test_pki::Cert* tls = nullptr);
 
     /// Asks for certificateRevocationList;binary of the entry with that common name, or for what is given.
-    std::string Uri(const std::string& cn, const std::string& attributes = kBinaryCrl) const;
-    std::string TlsUri(const std::string& cn) const;
-
-    static constexpr const char* kBinaryCrl = "certificateRevocationList;binary";
+    std::string Uri(const std::string& cn, const std::string& attributes = kBinaryCrl) const {
+        return port_.Uri("ldap", "/cn=" + cn + ",dc=crl?" + attributes + "?base");
+    }
+    std::string TlsUri(const std::string& cn) const {
+        return tls_port_.Uri("ldaps", "/cn=" + cn + ",dc=crl?" + kBinaryCrl + "?base");
+    }
 
   private:
-    void WriteConfiguration(bool tls) const;
-    void Load(const std::map<std::string, std::string>& crls) const;
+    static constexpr const char* kBinaryCrl = "certificateRevocationList;binary";
 
     TempDir dir_;
     ReservedPort port_;
@@ -130,20 +89,15 @@ class HostileServer {
         std::string content_type = "application/pkix-crl";
         std::string body{};
         std::optional<std::uint64_t> claimed_length{};  // in place of the body's; the body is sent whole
-        std::uint64_t padding = 0;  // zero bytes sent after the body, without a length
         bool silent = false;  // the request is read and nothing is ever sent
         std::chrono::milliseconds byte_interval{0};  // pause before each byte of head and body
         std::optional<std::size_t> close_after{};  // bytes of head and body
     };
     static Answer Redirect(std::string location) { return {.status = 302, .location = std::move(location)}; }
-    /// 10 GB, or until the client hangs up.
-    static Answer Endless() { return {.padding = 10'000'000'000}; }
 
     struct Counts {
         unsigned connections = 0;
-        unsigned requests = 0;
-        std::uint64_t bytes_sent = 0;  // given to the kernel: up to a socket's buffers more than received
-        std::map<std::string, unsigned> requests_of{};  // by path
+        std::multiset<std::string> requests{};  // their paths
         std::string last_head{};  // request line and header fields
     };
 
@@ -152,7 +106,9 @@ class HostileServer {
     HostileServer(const HostileServer&) = delete;
     HostileServer& operator=(const HostileServer&) = delete;
 
-    std::string Uri(const std::string& path, const std::string& scheme = "http") const;
+    std::string Uri(const std::string& path, const std::string& scheme = "http") const {
+        return port_.Uri(scheme, path);
+    }
     /// From the next request on. A path that was never set is answered with 404.
     void Set(const std::string& path, Answer answer);
     /// Requests for the path wait for Release before they are answered, as it was set when they came in.
@@ -160,7 +116,7 @@ class HostileServer {
     void Release(const std::string& path);
 
     Counts counts() const { return state_.Get().counts; }
-    unsigned Requests(const std::string& path) const;
+    std::size_t Requests(const std::string& path) const { return counts().requests.count(path); }
     /// Waits until that many requests for the path have come in since the start.
     bool WaitForRequests(const std::string& path, unsigned count);
     /// Waits until no connection is open: every answer was sent or the client has hung up.
@@ -180,12 +136,8 @@ class HostileServer {
     /// Counts the request and waits while its path is held; nothing when the server stops.
     std::shared_ptr<const Answer> AnswerFor(const std::string& head);
     void Reply(int socket, const Answer& answer);
-    bool Send(int socket, std::string_view bytes);
-    bool SendSlowly(int socket, std::string_view bytes, std::chrono::milliseconds interval);
-    void SendPadding(int socket, std::uint64_t size);
 
-    int listener_ = -1;
-    std::uint16_t port_ = 0;
+    ReservedPort port_;
     Watched<State> state_;
     std::list<std::future<void>> connections_;  // the accepting thread's until it ends
     std::thread acceptor_;

@@ -1,17 +1,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "tests/support/crl_servers.h"
-#include "tests/support/sockets.h"
 
 namespace test_support {
 namespace {
 
 constexpr std::size_t kMaxHead = 65536;
-constexpr int kBacklog = 512;
 /// Longer than any test: a held answer ends with Release or with the server.
 constexpr std::chrono::hours kForever{1};
 
@@ -19,10 +16,8 @@ std::string HeadOf(const HostileServer::Answer& answer) {
     std::string head = "HTTP/1.1 " + std::to_string(answer.status) + " Answer\r\nConnection: close\r\n";
     if (!answer.location.empty()) head += "Location: " + answer.location + "\r\n";
     if (!answer.content_type.empty()) head += "Content-Type: " + answer.content_type + "\r\n";
-    if (answer.claimed_length || answer.padding == 0) {
-        head += "Content-Length: " + std::to_string(answer.claimed_length.value_or(answer.body.size())) + "\r\n";
-    }
-    return head + "\r\n";
+    const std::uint64_t length = answer.claimed_length.value_or(answer.body.size());
+    return head + "Content-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
 /// "/path" of "GET /path HTTP/1.1".
@@ -34,10 +29,7 @@ std::string PathOf(const std::string& head) {
 }  // namespace
 
 HostileServer::HostileServer() {
-    const BoundSocket bound = BindLoopback();
-    listener_ = bound.fd;
-    port_ = bound.port;
-    Listen(listener_, kBacklog);
+    port_.Listen();
     acceptor_ = std::thread([this] { Accept(); });
 }
 
@@ -45,15 +37,10 @@ HostileServer::~HostileServer() {
     state_.Update([this](State& state) {
         state.stopping = true;
         for (const int socket : state.sockets) shutdown(socket, SHUT_RDWR);
-        shutdown(listener_, SHUT_RDWR);
+        shutdown(port_.socket(), SHUT_RDWR);
     });
     acceptor_.join();
     connections_.clear();
-    close(listener_);
-}
-
-std::string HostileServer::Uri(const std::string& path, const std::string& scheme) const {
-    return LoopbackUri(scheme, port_, path);
 }
 
 void HostileServer::Set(const std::string& path, Answer answer) {
@@ -68,17 +55,8 @@ void HostileServer::Release(const std::string& path) {
     state_.Update([&](State& state) { state.held.erase(path); });
 }
 
-unsigned HostileServer::Requests(const std::string& path) const {
-    const Counts all = counts();
-    const auto found = all.requests_of.find(path);
-    return found == all.requests_of.end() ? 0 : found->second;
-}
-
 bool HostileServer::WaitForRequests(const std::string& path, unsigned count) {
-    return state_.WaitUntil([&](const State& state) {
-        const auto found = state.counts.requests_of.find(path);
-        return found != state.counts.requests_of.end() && found->second >= count;
-    });
+    return state_.WaitUntil([&](const State& state) { return state.counts.requests.count(path) >= count; });
 }
 
 bool HostileServer::WaitForIdle() {
@@ -87,7 +65,7 @@ bool HostileServer::WaitForIdle() {
 
 void HostileServer::Accept() {
     int socket = -1;
-    while ((socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) != -1) {
+    while ((socket = accept4(port_.socket(), nullptr, nullptr, SOCK_CLOEXEC)) != -1) {
         bool stopping = false;
         state_.Update([&](State& state) {
             stopping = state.stopping;
@@ -107,7 +85,8 @@ void HostileServer::Accept() {
 }
 
 void HostileServer::Serve(int socket) {
-    const std::string head = ReadUntil(socket, "\r\n\r\n", kMaxHead);
+    std::string head;
+    while (!head.ends_with("\r\n\r\n") && head.size() < kMaxHead && Receive(socket, head)) continue;
     if (head.ends_with("\r\n\r\n")) {
         if (const std::shared_ptr<const Answer> answer = AnswerFor(head)) Reply(socket, *answer);
     }
@@ -121,8 +100,7 @@ std::shared_ptr<const HostileServer::Answer> HostileServer::AnswerFor(const std:
     const std::string path = PathOf(head);
     auto answer = std::make_shared<const Answer>(Answer{.status = 404});
     state_.Update([&](State& state) {
-        ++state.counts.requests;
-        ++state.counts.requests_of[path];
+        state.counts.requests.insert(path);
         state.counts.last_head = head;
         const auto found = state.answers.find(path);
         if (found != state.answers.end()) answer = found->second;
@@ -138,37 +116,15 @@ std::shared_ptr<const HostileServer::Answer> HostileServer::AnswerFor(const std:
 }
 
 void HostileServer::Reply(int socket, const Answer& answer) {
-    if (answer.silent) {
-        WaitForHangUp(socket);
-        return;
-    }
-    const std::string bytes = HeadOf(answer) + answer.body;
-    const std::string_view sent = std::string_view(bytes).substr(0, answer.close_after.value_or(bytes.size()));
-    const bool slowly = answer.byte_interval.count() != 0;
-    const bool complete = slowly ? SendSlowly(socket, sent, answer.byte_interval) : Send(socket, sent);
-    if (complete && !answer.close_after) SendPadding(socket, answer.padding);
-}
-
-bool HostileServer::Send(int socket, std::string_view bytes) {
-    if (!SendAll(socket, bytes)) return false;
-    state_.Update([&](State& state) { state.counts.bytes_sent += bytes.size(); });
-    return true;
-}
-
-bool HostileServer::SendSlowly(int socket, std::string_view bytes, std::chrono::milliseconds interval) {
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        const bool stopping = state_.WaitUntil([](const State& state) { return state.stopping; }, interval);
-        if (stopping || !Send(socket, bytes.substr(i, 1))) return false;
-    }
-    return true;
-}
-
-void HostileServer::SendPadding(int socket, std::uint64_t size) {
-    const std::string block(65536, '\0');
-    while (size > 0) {
-        const std::uint64_t now = std::min<std::uint64_t>(size, block.size());
-        if (!Send(socket, std::string_view(block).substr(0, now))) return;
-        size -= now;
+    std::string ignored;
+    while (answer.silent && Receive(socket, ignored)) ignored.clear();
+    if (answer.silent) return;
+    std::string bytes = HeadOf(answer) + answer.body;
+    bytes.resize(answer.close_after.value_or(bytes.size()));
+    const std::size_t step = answer.byte_interval.count() != 0 ? 1 : bytes.size();
+    for (std::size_t at = 0; at < bytes.size(); at += step) {
+        const bool stopping = state_.WaitUntil([](const State& now) { return now.stopping; }, answer.byte_interval);
+        if (stopping || !SendAll(socket, std::string_view(bytes).substr(at, step))) return;
     }
 }
 

@@ -9,7 +9,8 @@
 //     token->AddPersonal(leaf.der, leaf.key);
 //
 // Keys are cached for the life of the process: the same type and index, or the same type and subject, give the same
-// key. RSA keys take time to find: share them by index where there are many. All functions may be called from any thread; they throw std::runtime_error when libcrypto refuses.
+// key. RSA keys take time to find: share them by index where there are many. All functions may be called from any thread;
+// they throw std::runtime_error when libcrypto refuses.
 #pragma once
 
 #include <openssl/evp.h>
@@ -88,19 +89,13 @@ struct ConfExtension {
 };
 
 /// A key identifier extension: the SHA-1 of the key's bits, other bytes, or left out.
-class KeyId {
-  public:
-    static KeyId Auto() { return KeyId(true, std::string()); }
-    static KeyId None() { return KeyId(false, std::nullopt); }
-    static KeyId Bytes(std::string bytes) { return KeyId(false, std::move(bytes)); }
+struct KeyId {
+    static KeyId Auto() { return {true, ""}; }
+    static KeyId None() { return {}; }
+    static KeyId Bytes(std::string bytes) { return {false, std::move(bytes)}; }
 
-    bool is_auto() const { return auto_; }
-    const std::optional<std::string>& bytes() const { return bytes_; }
-
-  private:
-    KeyId(bool is_auto, std::optional<std::string> bytes) : auto_(is_auto), bytes_(std::move(bytes)) {}
-    bool auto_;
-    std::optional<std::string> bytes_;
+    bool is_auto = false;
+    std::optional<std::string> bytes{};
 };
 
 /// How something is signed. The key decides the rest.
@@ -128,10 +123,7 @@ struct CertSpec {
     std::vector<std::string> san{};  // as GeneralName takes them
     KeyId ski = KeyId::Auto();
     KeyId aki = KeyId::Auto();
-    bool aki_issuer_serial = false;  // issuer's issuer name and serial number in the AKI
     std::vector<std::vector<std::string>> crl_points{};  // full names of each distribution point
-    std::optional<Time> key_usage_from{};  // private key usage period; always in the form of GeneralizedTime
-    std::optional<Time> key_usage_to{};
     std::vector<ConfExtension> conf{};
     std::vector<Extension> extensions{};
 
@@ -152,6 +144,8 @@ struct Cert {
     std::string key_id;  // bytes of the subject key identifier; the SHA-1 of the key's bits when it has none
 
     std::string Pem() const;
+    /// PKCS #8.
+    std::string KeyPem() const;
 };
 
 /// A certificate issued by `issuer`, or self-signed. Designated initialisers stand in the order of CertSpec.
@@ -171,8 +165,8 @@ struct CrlEntry {
 
 struct CrlSpec {
     std::vector<CrlEntry> entries{};
-    std::optional<std::string>
-        entries_der{};  // content of the list, before `entries`; empty: a list with nothing in it
+    /// Content of the list, before `entries`; empty: a list with nothing in it.
+    std::optional<std::string> entries_der{};
     std::optional<std::string> number{};  // content bytes of the INTEGER
     std::optional<std::string> delta_base{};  // makes it a delta CRL
     Time this_update = kNotBefore;

@@ -1,11 +1,12 @@
+#include <openssl/core_names.h>
 #include <openssl/dsa.h>
+#include <openssl/params.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include <map>
 #include <mutex>
 
-#include "tests/support/der.h"
 #include "tests/support/pki_internal.h"
 
 namespace test_pki {
@@ -48,62 +49,39 @@ Key Generate(KeyType type) {
     return type == KeyType::kDsa1024 ? GenerateDsa() : Adopt(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"));
 }
 
-Key CachedKey(KeyType type, const std::string& name) {
+/// Null for Ed25519.
+const char* DigestOf(const Key& key, const SignWith& with) {
+    if (EVP_PKEY_is_a(key.get(), "ED25519") == 1) return nullptr;
+    if (!with.digest.empty()) return with.digest.c_str();
+    const int bits = EVP_PKEY_is_a(key.get(), "EC") == 1 ? EVP_PKEY_get_bits(key.get()) : 0;
+    return bits == 384 ? "SHA384" : bits == 521 ? "SHA512" : "SHA256";
+}
+
+/// Ready to sign or to verify.
+DigestContext Begin(decltype(&EVP_DigestSignInit_ex) init, const Key& key, const SignWith& with) {
+    DigestContext context(EVP_MD_CTX_new());
+    EVP_PKEY_CTX* parameters = nullptr;
+    Check(init(context.get(), &parameters, DigestOf(key, with), nullptr, nullptr, key.get(), nullptr) == 1,
+          "signature");
+    Check(!with.pss || (EVP_PKEY_CTX_set_rsa_padding(parameters, RSA_PKCS1_PSS_PADDING) == 1 &&
+                        EVP_PKEY_CTX_set_rsa_pss_saltlen(parameters, with.pss_salt) == 1),
+          "RSASSA-PSS parameters");
+    return context;
+}
+
+}  // namespace
+
+Key MakeKey(KeyType type, int index) {
+    return MakeKeyOf(type, std::to_string(index));
+}
+
+Key MakeKeyOf(KeyType type, const std::string& name) {
     static auto& mutex = *new std::mutex;  // both live as long as the process
     static auto& keys = *new std::map<std::pair<KeyType, std::string>, Key>;
     const std::lock_guard lock(mutex);
     Key& key = keys[{type, name}];
     if (key == nullptr) key = Generate(type);
     return key;
-}
-
-bool IsEd25519(const Key& key) {
-    return EVP_PKEY_is_a(key.get(), "ED25519") == 1;
-}
-
-const EVP_MD* DigestOf(const Key& key, const SignWith& with) {
-    std::string name = with.digest;
-    if (name.empty()) {
-        const int bits = EVP_PKEY_is_a(key.get(), "EC") == 1 ? EVP_PKEY_get_bits(key.get()) : 0;
-        name = bits == 384 ? "SHA384" : bits == 521 ? "SHA512" : "SHA256";
-    }
-    const EVP_MD* digest = EVP_get_digestbyname(name.c_str());
-    Check(digest != nullptr, name.c_str());
-    return digest;
-}
-
-int SaltOf(const EVP_MD* digest, const SignWith& with) {
-    return with.pss_salt < 0 ? EVP_MD_get_size(digest) : with.pss_salt;
-}
-
-/// RFC 4055, 3.1; members that equal their default (SHA-1, 20 bytes) are left out, as DER wants.
-std::string PssParameters(const EVP_MD* digest, const SignWith& with) {
-    const int salt = SaltOf(digest, with);
-    std::string content;
-    if (EVP_MD_get_type(digest) != NID_sha1) {
-        const std::string hash = der::Sequence(der::Oid(OBJ_nid2sn(EVP_MD_get_type(digest))) + der::Null());
-        content += der::Explicit(0, hash) + der::Explicit(1, der::Sequence(der::Oid("mgf1") + hash));
-    }
-    if (salt != 20) content += der::Explicit(2, der::Integer(static_cast<std::uint64_t>(salt)));
-    return der::Sequence(content);
-}
-
-void SetPss(EVP_PKEY_CTX* context, const EVP_MD* digest, const SignWith& with) {
-    if (!with.pss) return;
-    Check(EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
-              EVP_PKEY_CTX_set_rsa_pss_saltlen(context, SaltOf(digest, with)) == 1 &&
-              EVP_PKEY_CTX_set_rsa_mgf1_md(context, digest) == 1,
-          "RSASSA-PSS parameters");
-}
-
-}  // namespace
-
-Key MakeKey(KeyType type, int index) {
-    return CachedKey(type, std::to_string(index));
-}
-
-Key MakeKeyOf(KeyType type, const std::string& subject_der) {
-    return CachedKey(type, subject_der);
 }
 
 std::string Spki(const Key& key) {
@@ -127,31 +105,24 @@ std::string KeyIdOf(const Key& key) {
 }
 
 std::string Digest(const std::string& name, std::string_view data) {
-    unsigned char out[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    const EVP_MD* digest = EVP_get_digestbyname(name.c_str());
-    Check(digest != nullptr && EVP_Digest(data.data(), data.size(), out, &length, digest, nullptr) == 1, "digest");
-    return {reinterpret_cast<char*>(out), length};
+    std::string out(EVP_MAX_MD_SIZE, '\0');
+    std::size_t length = 0;
+    Check(EVP_Q_digest(nullptr, name.c_str(), nullptr, data.data(), data.size(), Data(out), &length) == 1, "digest");
+    return out.substr(0, length);
 }
 
 std::string SignatureAlgorithm(const Key& key, const SignWith& with) {
-    if (IsEd25519(key)) return der::Sequence(der::Oid("ED25519"));
-    const EVP_MD* digest = DigestOf(key, with);
-    if (with.pss) return der::Sequence(der::Oid("RSASSA-PSS") + PssParameters(digest, with));
-    int nid = NID_undef;
-    const int key_nid = EVP_PKEY_get_base_id(key.get());
-    Check(OBJ_find_sigid_by_algs(&nid, EVP_MD_get_type(digest), key_nid) == 1, "signature algorithm");
-    return der::Sequence(der::Oid(OBJ_nid2sn(nid)) + (key_nid == EVP_PKEY_RSA ? der::Null() : std::string()));
+    const DigestContext context = Begin(EVP_DigestSignInit_ex, key, with);
+    std::string der(256, '\0');
+    OSSL_PARAM wanted[] = {OSSL_PARAM_octet_string(OSSL_SIGNATURE_PARAM_ALGORITHM_ID, der.data(), der.size()),
+                           OSSL_PARAM_END};
+    Check(EVP_PKEY_CTX_get_params(EVP_MD_CTX_get_pkey_ctx(context.get()), wanted) == 1, "algorithm");
+    return der.substr(0, wanted[0].return_size);
 }
 
 std::string SignData(const Key& key, const SignWith& with, std::string_view data) {
-    const EVP_MD* digest = IsEd25519(key) ? nullptr : DigestOf(key, with);
-    const DigestContext context(EVP_MD_CTX_new());
-    EVP_PKEY_CTX* key_context = nullptr;
-    Check(EVP_DigestSignInit(context.get(), &key_context, digest, nullptr, key.get()) == 1, "signing");
-    SetPss(key_context, digest, with);
-    std::size_t length = 0;
-    Check(EVP_DigestSign(context.get(), nullptr, &length, Data(data), data.size()) == 1, "signing");
+    const DigestContext context = Begin(EVP_DigestSignInit_ex, key, with);
+    std::size_t length = static_cast<std::size_t>(EVP_PKEY_get_size(key.get()));
     std::string signature(length, '\0');
     Check(EVP_DigestSign(context.get(), Data(signature), &length, Data(data), data.size()) == 1, "signing");
     signature.resize(length);
@@ -159,11 +130,7 @@ std::string SignData(const Key& key, const SignWith& with, std::string_view data
 }
 
 bool VerifyData(const Key& key, const SignWith& with, std::string_view data, std::string_view signature) {
-    const EVP_MD* digest = IsEd25519(key) ? nullptr : DigestOf(key, with);
-    const DigestContext context(EVP_MD_CTX_new());
-    EVP_PKEY_CTX* key_context = nullptr;
-    Check(EVP_DigestVerifyInit(context.get(), &key_context, digest, nullptr, key.get()) == 1, "verifying");
-    SetPss(key_context, digest, with);
+    const DigestContext context = Begin(EVP_DigestVerifyInit_ex, key, with);
     const bool right = EVP_DigestVerify(context.get(), Data(signature), signature.size(), Data(data), data.size()) == 1;
     ERR_clear_error();
     return right;

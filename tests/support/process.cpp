@@ -22,18 +22,6 @@ std::array<int, 2> MakePipe() {
     return ends;
 }
 
-std::vector<std::string> EnvironmentWith(const Process::Environment& added) {
-    std::vector<std::string> out;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string_view text(*entry);
-        bool replaced = false;
-        for (const auto& [name, value] : added) replaced = replaced || text.starts_with(name + "=");
-        if (!replaced) out.emplace_back(text);
-    }
-    for (const auto& [name, value] : added) out.push_back(name + "=" + value);
-    return out;
-}
-
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> out;
     for (std::string& text : texts) out.push_back(text.data());
@@ -42,15 +30,15 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
 }
 
 pid_t Spawn(std::vector<std::string> argv, const Process::Environment& environment, int out_fd, int err_fd) {
-    std::vector<std::string> env = EnvironmentWith(environment);
+    for (const auto& [name, value] : environment) argv.insert(argv.begin(), name + "=" + value);
+    if (!environment.empty()) argv.insert(argv.begin(), "env");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
     pid_t pid = -1;
-    const int error =
-        posix_spawnp(&pid, argv.front().c_str(), &actions, nullptr, Pointers(argv).data(), Pointers(env).data());
+    const int error = posix_spawnp(&pid, argv.front().c_str(), &actions, nullptr, Pointers(argv).data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     return error == 0 ? pid : -1;
 }
@@ -68,7 +56,7 @@ Process::Process(const std::vector<std::string>& argv, const Environment& enviro
     } else {
         close(out[0]);
         close(err[0]);
-        ended_ = true;
+        state_.Update([](State& state) { state.ended = true; });
     }
 }
 
@@ -78,23 +66,16 @@ Process::~Process() {
 }
 
 void Process::Kill(int signal) {
-    const std::lock_guard lock(mutex_);
-    if (!ended_) kill(pid_, signal);
-}
-
-void Process::Append(std::string& stream, const char* data, std::size_t size) {
-    {
-        const std::lock_guard lock(mutex_);
-        stream.append(data, size);
-    }
-    changed_.notify_all();
+    state_.Update([&](const State& state) {
+        if (!state.ended) kill(pid_, signal);
+    });
 }
 
 /// Reads until the process ends, not until the pipes close: a grandchild may keep them.
 void Process::ReadAll(int out_fd, int err_fd) {
     const int pid_fd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     std::array<pollfd, 3> fds{{{pid_fd, POLLIN, 0}, {out_fd, POLLIN, 0}, {err_fd, POLLIN, 0}}};
-    const std::array<std::string*, 3> streams{nullptr, &out_, &err_};
+    const std::array<std::string ProcessResult::*, 3> streams{nullptr, &ProcessResult::out, &ProcessResult::err};
     std::array<char, 8192> buffer{};
     bool ended = false;
     while (!ended) {
@@ -103,52 +84,43 @@ void Process::ReadAll(int out_fd, int err_fd) {
         for (std::size_t i = 1; i < fds.size(); ++i) {
             ssize_t count = 0;
             while (fds[i].fd >= 0 && (count = read(fds[i].fd, buffer.data(), buffer.size())) > 0) {
-                Append(*streams[i], buffer.data(), static_cast<std::size_t>(count));
+                const std::string_view text(buffer.data(), static_cast<std::size_t>(count));
+                state_.Update([&](State& state) { (state.result.*streams[i]) += text; });
             }
             if (count == 0 && (fds[i].revents & POLLHUP) != 0) fds[i].fd = -1;
         }
     }
-    {
-        const std::lock_guard lock(mutex_);  // Kill must not meet a reaped process identifier
+    state_.Update([&](State& state) {  // under the lock: Kill must not meet a reaped process identifier
         int status = 0;
         waitpid(pid_, &status, 0);
-        exit_code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        ended_ = true;
-    }
-    changed_.notify_all();
-    close(pid_fd);
-    close(out_fd);
-    close(err_fd);
+        state.result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        state.ended = true;
+    });
+    for (const int fd : {pid_fd, out_fd, err_fd}) close(fd);
 }
 
 bool Process::WaitForOutput(const std::string& text, std::chrono::milliseconds limit, unsigned times) {
-    std::unique_lock lock(mutex_);
-    const auto count = [&](const std::string& stream) {
-        unsigned found = 0;
-        for (auto at = stream.find(text); at != std::string::npos; at = stream.find(text, at + 1)) ++found;
-        return found;
+    const auto enough = [&](const State& now) {
+        return CountOf(now.result.out, text) + CountOf(now.result.err, text) >= times;
     };
-    const auto enough = [&] { return count(out_) + count(err_) >= times; };
-    changed_.wait_for(lock, limit, [&] { return ended_ || enough(); });
-    return enough();
-}
-
-std::string Process::Out() const {
-    const std::lock_guard lock(mutex_);
-    return out_;
-}
-
-std::string Process::Err() const {
-    const std::lock_guard lock(mutex_);
-    return err_;
+    state_.WaitUntil([&](const State& now) { return now.ended || enough(now); }, limit);
+    return enough(state_.Get());
 }
 
 ProcessResult Process::Wait(std::chrono::milliseconds limit) {
-    std::unique_lock lock(mutex_);
-    const bool timed_out = !changed_.wait_for(lock, limit, [this] { return ended_; });
-    if (timed_out) kill(pid_, SIGKILL);
-    changed_.wait(lock, [this] { return ended_; });
-    return {exit_code_, timed_out, out_, err_};
+    const auto ended = [](const State& now) { return now.ended; };
+    const bool timed_out = !state_.WaitUntil(ended, limit);
+    if (timed_out) Kill();
+    state_.WaitUntil(ended);
+    ProcessResult result = state_.Get().result;
+    result.timed_out = timed_out;
+    return result;
+}
+
+unsigned CountOf(const std::string& text, const std::string& part) {
+    unsigned count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
 }
 
 ProcessResult Run(const std::vector<std::string>& argv, const Process::Environment& environment,

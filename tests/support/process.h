@@ -9,12 +9,12 @@
 //     EXPECT_EQ(daemon.Wait().exit_code, 0);
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <mutex>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <utility>
@@ -49,25 +49,32 @@ class Process {
     /// it or at the limit.
     bool WaitForOutput(const std::string& text, std::chrono::milliseconds limit = kWaitLimit, unsigned times = 1);
     /// What was written so far.
-    std::string Out() const;
-    std::string Err() const;
+    std::string Out() const { return state_.Get().result.out; }
+    std::string Err() const { return state_.Get().result.err; }
     /// Waits for the end; kills it at the limit.
     ProcessResult Wait(std::chrono::milliseconds limit = kWaitLimit);
 
   private:
+    struct State {
+        ProcessResult result;
+        bool ended = false;
+    };
     void ReadAll(int out_fd, int err_fd);
-    void Append(std::string& stream, const char* data, std::size_t size);
 
     pid_t pid_ = -1;
+    Watched<State> state_;
     std::thread reader_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    // Guarded by mutex_.
-    std::string out_;
-    std::string err_;
-    bool ended_ = false;
-    int exit_code_ = -1;
 };
+
+/// Ends a test whose programs are not there: as failed where .ci/run wants them, else as skipped.
+inline void CannotRun(const std::string& why) {
+    const char* required = std::getenv("CERTMGR_REQUIRE_PEERS");
+    if (required != nullptr && *required != '\0') FAIL() << why;
+    GTEST_SKIP() << why;
+}
+
+/// How often the text contains the part.
+unsigned CountOf(const std::string& text, const std::string& part);
 
 /// Runs a program to its end.
 ProcessResult Run(const std::vector<std::string>& argv, const Process::Environment& environment = {},

@@ -12,62 +12,30 @@
 namespace test_support {
 namespace {
 
-sockaddr_in Loopback(std::uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-/// Of a call on a socket that -1 is the failure of.
-void Check(int fd, int result, const char* call) {
-    if (result != -1) return;
-    const int error = errno;
-    if (fd != -1) close(fd);
-    throw std::system_error(error, std::generic_category(), call);
-}
-
-int MakeSocket(int flags) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
-    Check(fd, fd, "socket");
-    return fd;
-}
-
-/// Appends what has come; false at the end.
-bool Receive(int fd, std::string& text) {
-    std::array<char, 4096> buffer{};
-    ssize_t got = -1;
-    do got = recv(fd, buffer.data(), buffer.size(), 0);
-    while (got == -1 && errno == EINTR);
-    if (got > 0) text.append(buffer.data(), static_cast<std::size_t>(got));
-    return got > 0;
+void Check(bool ok, const char* call) {
+    if (!ok) throw std::system_error(errno, std::generic_category(), call);
 }
 
 }  // namespace
 
-BoundSocket BindLoopback() {
-    const int fd = MakeSocket(0);
+ReservedPort::ReservedPort() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const int on = 1;
-    Check(fd, setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "setsockopt");
-    sockaddr_in address = Loopback(0);
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
     socklen_t size = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    Check(fd, bind(fd, generic, size), "bind");
-    Check(fd, getsockname(fd, generic, &size), "getsockname");
-    return {fd, ntohs(address.sin_port)};
+    Check(setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 && bind(socket_, generic, size) == 0 &&
+              getsockname(socket_, generic, &size) == 0,
+          "bind");
+    number_ = ntohs(address.sin_port);
 }
 
-void Listen(int fd, int backlog) {
-    Check(-1, listen(fd, backlog), "listen");
+ReservedPort::~ReservedPort() {
+    close(socket_);
 }
 
-int ConnectLoopback(std::uint16_t port, bool wait) {
-    const int fd = MakeSocket(wait ? 0 : SOCK_NONBLOCK);
-    const sockaddr_in address = Loopback(port);
-    const int result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    Check(fd, result == -1 && errno == EINPROGRESS ? 0 : result, "connect");
-    return fd;
+void ReservedPort::Listen() const {
+    constexpr int kBacklog = 512;
+    Check(listen(socket_, kBacklog) == 0, "listen");
 }
 
 bool SendAll(int fd, std::string_view bytes) {
@@ -80,20 +48,13 @@ bool SendAll(int fd, std::string_view bytes) {
     return true;
 }
 
-std::string ReadUntil(int fd, std::string_view mark, std::size_t limit) {
-    std::string text;
-    while (text.find(mark) == std::string::npos && text.size() < limit && Receive(fd, text)) {
-    }
-    return text;
-}
-
-void WaitForHangUp(int fd) {
-    std::string ignored;
-    while (Receive(fd, ignored)) ignored.clear();
-}
-
-std::string LoopbackUri(const std::string& scheme, std::uint16_t port, const std::string& path) {
-    return scheme + "://127.0.0.1:" + std::to_string(port) + path;
+bool Receive(int fd, std::string& text) {
+    std::array<char, 4096> buffer{};
+    ssize_t got = -1;
+    do got = recv(fd, buffer.data(), buffer.size(), 0);
+    while (got == -1 && errno == EINTR);
+    if (got > 0) text.append(buffer.data(), static_cast<std::size_t>(got));
+    return got > 0;
 }
 
 }  // namespace test_support

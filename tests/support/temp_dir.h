@@ -1,7 +1,7 @@
 // A temporary directory that goes away with everything in it.
 //
 //     const test_support::TempDir dir;
-//     std::ofstream(dir / "settings.toml") << "...";
+//     dir.Write("settings.toml", "...");
 #pragma once
 
 #include <filesystem>
@@ -18,6 +18,9 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
 
     const std::filesystem::path& path() const { return path_; }
+    /// Makes a file, mode 0600, with the folders above it; who reads it meanwhile sees the old one or the new one. Throws
+    /// std::runtime_error.
+    void Write(const std::string& name, const std::string& content) const;
     std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
 
   private:
