@@ -38,7 +38,6 @@ class World {
         CM::Init();
         token_ = vendor_host::AddToken("card");
         token_->SetAlgorithms({4, 0x40000});  // keys that are made at once
-        token_->EditInfo([](PKCS11::TokenInfo& info) { info.holdsTrusted = true; });
         token_->AddCertificate(root_.der, {.category = 2, .trusted = true});
         token_->AddPersonal(leaf_.der, leaf_.key);
         token_->AddCrl("crl", crl_);

@@ -74,7 +74,7 @@ TEST_F(HostileTest, LongChainOfGoodSignaturesUnderABadOne) {
     Store({&root_});
     const Strings refusals = VerifyInTime(payload);
     ASSERT_GT(refusals.size(), 9U);
-    EXPECT_EQ(refusals[0] + refusals[9], "1: Invalid signature1: Invalid signature (9)");
+    EXPECT_EQ(refusals[0] + "|" + refusals[9], "1: Invalid signature|1: Invalid signature (9)");
     EXPECT_EQ(token_->Calls(Op::kVerify), kPayloadCerts) << "each once, the bad one too";
 }
 

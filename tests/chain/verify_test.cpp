@@ -153,8 +153,9 @@ TEST_F(VerifyTest, Signatures) {
     };
     for (const bool strict : {false, true}) {
         if (strict) Set(&LPARAMS::CertParams::require_self_signed_root);
-        for (const auto& [members, kinds, expected, required] : cases) {
-            EXPECT_EQ(Verify(members, kinds), strict ? required : expected) << kinds << " " << members.size();
+        for (const auto& row : cases) {
+            const auto& [members, kinds, expected, required] = row;
+            EXPECT_EQ(Verify(members, kinds), strict ? required : expected) << "row " << &row - cases;
         }
     }
 }

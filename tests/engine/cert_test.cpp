@@ -82,7 +82,10 @@ TEST_F(EngineTest, CaFlagWhereLibcryptoGivesUp) {
         {{.ca = true, .extensions = {{"keyUsage", true, "\x01"}}}, true},
         {{.ca = false, .extensions = {{"basicConstraints", true, der::Sequence(yes)}}}, true},
     };
-    for (const auto& c : cases) EXPECT_EQ(InfoOf(MakeCert(c.first).der).isCA, c.second) << "case " << &c - cases;
+    for (const auto& row : cases) {
+        const auto& [spec, is_ca] = row;
+        EXPECT_EQ(InfoOf(MakeCert(spec).der).isCA, is_ca) << "row " << &row - cases;
+    }
 }
 
 TEST_F(EngineTest, UnusualCertificates) {

@@ -198,6 +198,13 @@ TEST_F(GostEngine, CertificatesCrlsRequestsAndKeysOfEverySetVerifyBothWays) {
                 << output_;
             EXPECT_TRUE(CM::IkeVerify(own.get(), hash, ike1, kIdent));
             EXPECT_EQ(ike1, forward) << "turned in place";
+            // The second one signs like a certificate.
+            std::string ike2;
+            ASSERT_TRUE(CM::Ike2Sign(own.get(), alg.key | alg.hash, "octets", ike2, kIdent));
+            const auto as_certificate = CM::X509Cert_Verify(alg.key | alg.hash, cert->rawPubKey, "octets", ike2);
+            EXPECT_EQ(as_certificate, CM::kSignatureRight);
+            EXPECT_TRUE(CM::Ike2Verify(own.get(), alg.key, "octets", ike2, kIdent));
+            EXPECT_FALSE(CM::Ike2Verify(own.get(), alg.key, "0ctets", ike2, kIdent));
             // What the token gives back is the same key to the engine.
             std::string exported;
             ASSERT_TRUE(session.ExportPrivateKey(id, exported));

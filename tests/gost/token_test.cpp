@@ -32,6 +32,7 @@ using Values = std::set<std::string>;
 class GostToken : public testing::Test {
   protected:
     GostToken() {
+        ERR_clear_error();
         module_ = std::make_unique<Module>(GOST_TOKEN_PATH, directory());
         EXPECT_EQ(module_->InitToken(0, so_pin_), CKR_OK);
         const CK_SESSION_HANDLE session = module_->Open();
@@ -385,7 +386,7 @@ TEST_F(GostToken, StartsAndStopsLeakNothing) {
 
 /// The host's own use of libcrypto is as it was: no error is left behind, no default is the engine's.
 TEST_F(GostToken, TheProcessKeepsItsDefaults) {
-    ERR_clear_error();
+    EXPECT_EQ(ERR_peek_error(), 0U) << "of the first load";
     Restart();
     EXPECT_EQ(module_->InitToken(7, pin_), CKR_SLOT_ID_INVALID);
     EXPECT_EQ(ERR_peek_error(), 0U);

@@ -118,7 +118,7 @@ std::vector<Case> Cases() {
         WeRefuse("their authority is not trusted", Ending::kCertificateRefused, "Certificates chain is not",
                  {.gateway = Flaw::kOfStranger}),
         WeRefuse("their identity is another one", Ending::kIdentityRefused,
-                 "id_remote of the rule does not allow FQDN gateway.example",
+                 "verdict: identity-refused (stage judge): id_remote of the rule does not allow FQDN gateway.example",
                  {.id_remote = "{fqdn = \"other.example\"}, {fqdn = \"third.example\"}"}),
         WeRefuse("their key is another one", Ending::kSignatureWrong, "CM::Ike2Verify failed: Invalid signature",
                  {.their_lines = "send_cert = never\n", .stale_gateway = true}),
@@ -141,7 +141,8 @@ std::vector<Case> Cases() {
 
         {"preshared keys differ",
          {Ending::kPeerRefused, "", "MAC mismatched"},
-         {Ending::kPresharedKeyWrong, "", "received AUTHENTICATION_FAILED notify error"},
+         {Ending::kPresharedKeyWrong, "verdict: preshared-key-wrong (stage judge)",
+          "received AUTHENTICATION_FAILED notify error"},
          {.their_psk = "another key"}},
         {"no proposal is common",
          {Ending::kProposalsRefused, "", "received proposals unacceptable"},

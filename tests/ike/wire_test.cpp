@@ -15,7 +15,7 @@ TEST_F(WireTest, BothSidesSayTheSame) {
         {{{}, 0, "no child SA"}, {{}, 0, "signature right"}},
         {{{"--child"}, 0, "deleted at once"}, {{}, 0, "deleted at once"}},
         {{{"--payload", "pkcs7"}, 0, "PKCS #7 payloads"}, {{"--payload", "pkcs7"}, 0, "PKCS #7 payloads"}},
-        {{{}, 0, "N(COOKIE)"}, {{"--cookies"}}},
+        {{{}, 0, "N(COOKIE)"}, {{"--cookies"}, 0, "verdict: authenticated (stage done)"}},
         {{{}, 0, "N(INVALID_KE_PAYLOAD)"}, {{"--proposal", "aes128-sha512-modp2048"}, 0, "MODP-2048"}},
         {{{"--fragment-bytes", "300"}, 0, "fragments"}, {{"--fragment-bytes", "300"}, 0, "fragments"}},
         {{{"--classic"}, 0, "ECDSA with SHA-256 on P-256"}, {}},

@@ -45,7 +45,11 @@ class AskTest : public LocalTest {
         const auto second = vendor_host::AddToken("second", "0002");
         const Cert cert = MakeLeaf("CN=b", root_);
         second->AddPersonal(cert.der, cert.key);
-        second->EditInfo([](PKCS11::TokenInfo& info) { info.removable = true; });
+        second->EditInfo([](PKCS11::TokenInfo& info) {
+            info.removable = true;
+            std::tie(info.manufacturer, info.model) = std::pair("manufacturer", "model");
+            std::tie(info.slotDescription, info.providerName) = std::pair("slot", "provider");
+        });
         Load();
         a_ = FindLocal("CN=a");
         b_ = FindLocal("CN=b");
@@ -146,7 +150,17 @@ std::string Written(const Record& record) {
 
 // Fields whose order on the stream is not that of the record.
 TEST(CommandStreamTest, OrderOfTheFields) {
-    const CertRequestInfo request{1, 2, 3, true, "s", "i", "e", "d", "u", "x", "r"};
+    const CertRequestInfo request{.keyAlg = 1,
+                                  .keyBits = 2,
+                                  .hashAlg = 3,
+                                  .keyGenFlag = true,
+                                  .subject = "s",
+                                  .ipAddress = "i",
+                                  .email = "e",
+                                  .dnsName = "d",
+                                  .upn = "u",
+                                  .extKeyUsage = "x",
+                                  .randomSeed = "r"};
     EXPECT_EQ(Written(request), Number(1, 4) + Number(2, 4) + Number(3, 4) + Counted({"s", "i", "e", "d", "u", "x"}) +
                                     "\1" + Counted({"r"}));
     const CRLInfo crl{"i", "s", 1, 2, 3, "n", "d"};

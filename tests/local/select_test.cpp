@@ -76,8 +76,9 @@ const std::tuple<unsigned, CertSpec, std::uint32_t, const char*> kFilters[] = {
 
 TEST_F(SelectTest, FiltersDecideInTheirOrder) {
     Requests stranger({test_pki::NameDer("CN=Stranger")});
-    for (const auto& [circumstances, cert, status, report] : kFilters) {
-        SCOPED_TRACE(testing::Message() << circumstances << " " << status);
+    for (const auto& row : kFilters) {
+        SCOPED_TRACE(testing::Message() << "row " << &row - kFilters);
+        const auto& [circumstances, cert, status, report] = row;
         const auto is = [flags = circumstances](Circumstance flag) { return (flags & flag) != 0; };
         AddPersonal(cert, {.id = "host", .key_not_after = CertTimeFrom_time_t(is(kKeyEnded) ? kNow - 1 : kNow)});
         Load();

@@ -66,11 +66,12 @@ TEST_F(Requests, FailuresLeaveNoKey) {
     };
     const auto fails = [&](const std::string& error, const Info& info, const std::vector<std::string>& trouble = {},
                            bool logged_in = true) {
+        SCOPED_TRACE(testing::PrintToString(std::pair(trouble, info.extKeyUsage + info.ipAddress + info.upn)));
         if (!logged_in) tokens::Logout(token_.info);
         SetTrouble(trouble);
         std::string text = "before";
         EXPECT_FALSE(CM::MakeCertRequest(token_.info, info, text));
-        EXPECT_EQ(text, error) << testing::PrintToString(trouble);
+        EXPECT_EQ(text, error);
         EndTrouble();
         EXPECT_EQ(ObjectsOnToken(), 0U) << error;
     };

@@ -73,7 +73,7 @@ TEST(DaemonStartTest, ExitCodesAreWhatTheHelpSays) {
         {{"--config", dir / "missing.toml"}, 2, "missing.toml: cannot be opened: No such file or directory"},
         {{"--config", bad}, 2, "bad.toml:2:9: [log] level: expected a text"},
         {{"--check", "--config", bad}, 2, "bad.toml:2:"},
-        {{"--check", "--config", settings("good.toml", "")}, 0, ""},
+        {{"--check", "--config", settings("good.toml", "")}, 0, "good.toml: good"},
         {{"--config", settings("log.toml", "[log]\nfile = \"bad.toml/log\"\n")}, 1, "another as \"file\""},
         {{"--config", no_tokens}, 1, "name another as \"softhsm_directory\" in [tokens]"},
     };

@@ -188,7 +188,8 @@ TEST_F(TransferTest, WhatComesWithoutEndIsNotCollected) {
         std::vector<std::string_view> answers;
         std::string block;  // then sent until the peer hangs up or a gigabyte is gone
     } cases[] = {
-        {"http", {"HTTP/1.1 200 OK\r\n"}, "X-Filler: " + std::string(60'000, 'x') + "\r\n"},
+        // Few and long: libcurl has limits of its own.
+        {"http", {"HTTP/1.1 200 OK\r\n"}, "X-Filler: " + std::string(99'000, 'x') + "\r\n"},
         {"http", {"HTTP/1.1 200 OK\r\n\r\n"}, std::string(65'536, '\0')},
         {"ldap", {kBindAnswer, kLargeEntry}, std::string(65'536, '\0')},
     };
@@ -203,9 +204,9 @@ TEST_F(TransferTest, WhatComesWithoutEndIsNotCollected) {
                 bool open = true;
                 for (; open && sent < 1U << 30U; sent += c.block.size()) open = test_support::SendAll(socket, c.block);
             });
-            EXPECT_EQ(Fetch(server.Uri(c.scheme)).note, "more than 100000 bytes") << c.scheme;
+            EXPECT_EQ(Fetch(server.Uri(c.scheme)).note, "more than 100000 bytes") << c.answers.back();
         }
-        EXPECT_LT(sent, 64U << 20U) << c.scheme;
+        EXPECT_LT(sent, 64U << 20U) << c.answers.back();
     }
 }
 

@@ -77,6 +77,7 @@ TEST_F(WaitingTest, AMarkFailsOneCheckAloneAndItsTransferServesAll) {
     const Cert leaf = LeafAt("/a");
     const std::string listing = Crl(Listing(leaf));
     for (const bool served : {true, false}) {
+        SCOPED_TRACE(served ? "served" : "not served");
         CM::ClearDownloadedCrlDB();
         Fill("/a");
         Mark();

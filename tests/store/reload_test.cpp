@@ -203,7 +203,7 @@ TEST_F(ReloadTest, PresharedKeysAreComparedByNameOneToOne) {
         std::string value;
         return CM::GetPresharedKeyByName(name, value) ? value : "none";
     };
-    EXPECT_EQ(value_of("other") + value_of(nullptr), "nonenone");
+    EXPECT_EQ(value_of("other") + "|" + value_of(nullptr), "none|none");
     EXPECT_EQ(value_of("b"), "2");
     token_->Fail(Op::kOpenPrivate);
     EXPECT_EQ(value_of("b"), "4");

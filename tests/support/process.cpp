@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <string_view>
@@ -29,16 +30,28 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return out;
 }
 
+/// The caller's environment without what is given anew, which may be secret: no command line.
+std::vector<std::string> Merged(const Process::Environment& environment) {
+    std::vector<std::string> lines;
+    for (const auto& [name, value] : environment) lines.push_back(name + "=" + value);
+    for (char** line = environ; *line != nullptr; ++line) {
+        const std::string_view text(*line);
+        const auto names_it = [text](const auto& given) { return text.starts_with(given.first + "="); };
+        if (std::ranges::none_of(environment, names_it)) lines.emplace_back(text);
+    }
+    return lines;
+}
+
 pid_t Spawn(std::vector<std::string> argv, const Process::Environment& environment, int out_fd, int err_fd) {
-    for (const auto& [name, value] : environment) argv.insert(argv.begin(), name + "=" + value);
-    if (!environment.empty()) argv.insert(argv.begin(), "env");
+    std::vector<std::string> lines = Merged(environment);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, out_fd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err_fd, STDERR_FILENO);
     pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv.front().c_str(), &actions, nullptr, Pointers(argv).data(), environ);
+    const int error =
+        posix_spawnp(&pid, argv.front().c_str(), &actions, nullptr, Pointers(argv).data(), Pointers(lines).data());
     posix_spawn_file_actions_destroy(&actions);
     return error == 0 ? pid : -1;
 }

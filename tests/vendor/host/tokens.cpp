@@ -132,6 +132,16 @@ void FireInsert(const Token& token) {
     PKCS11::Callbacks.tokenInserted(token.Info());
 }
 
+bool BeginReload(Token& token) {
+    SetEventMode(EventMode::kThreaded);
+    const auto gate = std::make_shared<Gate>();
+    token.Block(Op::kEnumCRLs, gate);
+    FireInsert(token);
+    const bool begun = gate->WaitForArrivals(1);
+    gate->Open();
+    return begun;
+}
+
 void ResetTokens() {
     PKCS11::Callbacks.tokenInserted = nullptr;
     PKCS11::Callbacks.tokenRemoved = nullptr;

@@ -266,6 +266,8 @@ unsigned ReloadTokensContentCalls();
 
 /// What the token manager's threads would report, on the caller's thread.
 void FireInsert(const Token& token);
+/// Fires one, and returns while the reload that follows reads the token's CRLs on a thread of its own; false when none did.
+bool BeginReload(Token& token);
 
 // --- Parts of Reset ---
 

@@ -1,5 +1,5 @@
 // Offers the host libraries and loads the module at run time: vendor_loader MODULE. It is loaded, started, reloaded,
-// stopped and unloaded while a reload timer is armed; several times.
+// stopped and unloaded while a reload timer is armed; several times. In the end the process leaves during a reload.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -24,11 +24,16 @@ void Call(void* module, std::initializer_list<const char*> symbols) {
     }
 }
 
-void Cycle(const char* path, vendor_host::Token& token) {
-    token.ClearCalls();
+void* Start(const char* path) {
     void* const module = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) Fail("dlopen");
     Call(module, {"_ZN2CM15CertEngine_InitEv", "_ZN2CM4InitEv", "_ZN2CM6ReloadEv"});
+    return module;
+}
+
+void Cycle(const char* path, vendor_host::Token& token) {
+    token.ClearCalls();
+    void* const module = Start(path);
     vendor_host::FireInsert(token);
     vendor_host::Advance(2);
     if (token.Calls(vendor_host::Op::kEnumCertificates) != 2) Fail("a reload is missing");
@@ -53,6 +58,8 @@ int main(int argc, char** argv) {
     token->AddPresharedKey("key", "value");
     token->AddCrl("crl", test_pki::MakeCrl({}, root));
     for (int i = 0; i < 5; ++i) Cycle(argv[1], *token);
+    Start(argv[1]);
+    if (!vendor_host::BeginReload(*token)) Fail("no reload");
     std::puts("done");
     return 0;
 }

@@ -47,12 +47,7 @@ int main(int argc, char** argv) {
     CM::Init();
     CM::Reload();
     bool done = SelectSignVerify();
-    vendor_host::SetEventMode(vendor_host::EventMode::kThreaded);
-    const auto gate = std::make_shared<vendor_host::Gate>();
-    token->Block(vendor_host::Op::kEnumCRLs, gate);
-    vendor_host::FireInsert(*token);
-    done = gate->WaitForArrivals(1) && done;
-    gate->Open();
+    done = vendor_host::BeginReload(*token) && done;
     std::puts(done ? "done" : vendor_host::AllText().c_str());
     return done ? 0 : 1;
 }
