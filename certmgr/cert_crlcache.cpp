@@ -191,11 +191,11 @@ CrlAnswer Accept(CrlAnswer answer, const CrlRequest& request) {
     bool definite = false;
     const SignatureCheck check = answer.crl->CheckSignature(&request.issuer, &definite);
     if (check != kSignatureRight) return Refuse(std::move(answer), request, check, definite);
-    answer = KeepNewer(std::move(answer), request);
-    // Whichever address confirmed it.
-    const vpnfc::ObjectLock lock(g_crl_db_lock);
-    if (answer.crl == request.known) UnmarkKnownUnderLock(request, answer);
-    return answer;
+    if (answer.crl == request.known) {  // whichever address has it; one that has an older one confirms nothing
+        const vpnfc::ObjectLock lock(g_crl_db_lock);
+        UnmarkKnownUnderLock(request, answer);
+    }
+    return KeepNewer(std::move(answer), request);
 }
 
 /// The cached CRL of the address, when it is current: since it was looked for, another check may have brought it, or have

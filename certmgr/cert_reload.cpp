@@ -13,9 +13,9 @@
 #include "certmgr/cert_log.h"
 #include "certmgr/certmgr.h"
 #include "certmgr/discarded_keys.h"
+#include "certmgr/hooks.h"
 #include "platform/event_codes.h"
 #include "platform/eventlog.h"
-#include "platform/guarded.h"
 #include "platform/params.h"
 
 namespace CM {
@@ -51,13 +51,6 @@ void LogChange(std::string text, std::string_view name) {
     }
     cmprint_Value(text, name);
     TLogMessage(kMsgStoreChanged).Attr(text).Send();
-}
-
-/// Tells the daemon. What its hook throws costs neither the other hooks their call nor the reload its end.
-template <typename... Parameters, typename... Arguments>
-void Tell(void (*hook)(Parameters...), Arguments&&... arguments) {
-    if (hook == nullptr) return;
-    eventlog::Guarded(kMsgInternalError, "a hook of the store failed", [&] { hook(arguments...); });
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "cert_reload.h"
 #include "certmgr/certmgr.h"
 #include "certmgr/discarded_keys.h"
+#include "certmgr/hooks.h"
 #include "platform/bridge.h"
 
 namespace CM {
@@ -328,7 +329,7 @@ void CertStorage::PutCRLToDB(CrlRef crl) {
 
 void CertStorage_OnTokenInsert(const PKCS11::TokenInfo& token) {
     CertStorage::PutReloadEvent(kReloadAll, &token);
-    if (Callbacks.TokenInserted != nullptr) Callbacks.TokenInserted(token);
+    Tell(Callbacks.TokenInserted, token);
 }
 
 void CertStorage_OnTokenRemove(const PKCS11::TokenInfo& token) {
@@ -342,7 +343,7 @@ void CertStorage_OnTokenLogin(const PKCS11::TokenInfo& token, bool own_session) 
 void CertStorage_OnProviderInsert(const PKCS11::ProviderInfo& provider, unsigned long tokens) {
     if (!provider.available) return;
     CertStorage::PutReloadEvent(kReloadAll);
-    if (tokens != 0 && Callbacks.ProviderInserted != nullptr) Callbacks.ProviderInserted(provider);
+    if (tokens != 0) Tell(Callbacks.ProviderInserted, provider);
 }
 
 // --- Preshared keys ---

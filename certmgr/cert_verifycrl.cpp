@@ -115,9 +115,9 @@ class RevocationCheck {
     void CompleteAddresses();
     Finding JudgeCached();
     Finding JudgeDownloaded();
-    Finding JudgeUnmarked();
     Finding JudgeStored();
     Finding JudgeNotRenewed();
+    bool KnownServes() const;
     Finding Judge(const X509CRL& crl);
     bool Covers(const X509CRL& crl, std::string& why_not) const;
     void LogTransfer(const std::string& named, const std::string& used, const CrlAnswer& answer) const;
@@ -140,7 +140,6 @@ bool RevocationCheck::Run() {
     CompleteAddresses();
     Finding finding = JudgeCached();
     if (finding == Finding::kOpen) finding = JudgeDownloaded();
-    if (finding == Finding::kOpen) finding = JudgeUnmarked();
     if (finding == Finding::kOpen) finding = JudgeStored();
     if (finding != Finding::kOpen) return finding == Finding::kGood;
     return !strict_;
@@ -204,22 +203,16 @@ Finding RevocationCheck::JudgeDownloaded() {
     return Finding::kOpen;
 }
 
-/// A mark asks for one transfer: those who only waited for it, and it failed, find none any more, and use the CRL as
-/// the next check will.
-Finding RevocationCheck::JudgeUnmarked() {
-    if (!known_.marked || known_.asked_for || IsMarked(*known_.crl) || !IsCurrent(*known_.crl)) return Finding::kOpen;
-    return Judge(*std::exchange(known_, {}).crl);
-}
-
 /// The store's CRL goes before one of the cache that could not be renewed; where either is used as it is, the newer
-/// one does.
+/// one does. A mark asks for one transfer: those who only waited for it, and it failed, find none any more.
 Finding RevocationCheck::JudgeStored() {
+    if (known_.marked && !known_.asked_for) known_.marked = IsMarked(*known_.crl);
     StoreCrls stored;
     const bool told = strict_ || LogsCrlDetails();
     const auto next = [&] { return stored.Next(&issuer_, told ? &searched_ : nullptr); };
     CrlRef crl = next();
     const bool newer = known_.crl != nullptr && (crl == nullptr || known_.crl->info.thisUpdate > crl->info.thisUpdate);
-    if (newer && !strict_) {
+    if (newer && KnownServes()) {
         if (const Finding finding = JudgeNotRenewed(); finding != Finding::kOpen) return finding;
     }
     for (; crl != nullptr; crl = next()) {
@@ -232,12 +225,18 @@ Finding RevocationCheck::JudgeStored() {
 
 /// Once. Where it cannot be used as it is, it counts as not there.
 Finding RevocationCheck::JudgeNotRenewed() {
+    if (known_.crl == nullptr) return Finding::kOpen;
+    const bool serves = KnownServes();
     const CrlRef crl = std::exchange(known_, {}).crl;
-    if (crl == nullptr) return Finding::kOpen;
     std::string why_not;
-    if (!strict_ || !Covers(*crl, why_not)) return Judge(*crl);
+    if (serves || !Covers(*crl, why_not)) return Judge(*crl);
     searched_.append(kNotRenewed).append(Rendered(*crl));
     return Finding::kOpen;
+}
+
+/// Whether the known CRL may be used as it is.
+bool RevocationCheck::KnownServes() const {
+    return !strict_ || (!known_.marked && IsCurrent(*known_.crl));
 }
 
 bool RevocationCheck::Covers(const X509CRL& crl, std::string& why_not) const {

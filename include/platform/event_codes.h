@@ -24,7 +24,7 @@ enum EventCode : std::uint16_t {
     // Revocation.
     kMsgCrlTransfer = 128,  // outcome, transfer
     kMsgCertRevoked = 129,  // certificate, entry (serial number, date, reason), CRL
-    kMsgCrlNotFound = 130,  // certificate, CRLs checked
+    kMsgCrlNotFound = 130,  // certificate, CRLs checked and the cached one that could not be renewed
     kMsgCrlUsed = 131,  // certificate, CRL, search of the store's
     kMsgCrlNotCurrent = 132,  // certificate, CRL
     kMsgCrlOutOfScope = 133,  // certificate, CRL, why

@@ -26,7 +26,7 @@ struct NamedSwitch {
     std::string name;
 };
 
-struct CallLock : vpnfc::ObjectLevelLockable {};
+struct CallLock : vpnfc::ObjectLevelLockable {};  // recursive: a callback may take itself out
 
 /// The certificate block.
 struct CertParams : vpnfc::ObjectLevelLockable {

@@ -389,7 +389,7 @@ TEST_F(VerdictTest, AMarkIsAnsweredByAnyOfTheAddresses) {
         unsigned transfers;
     } rows[] = {
         {known, known, true, 1},
-        {known, Crl({.this_update = kNow - 2}), true, 1},
+        {known, Crl({.this_update = kNow - 2}), true, 3},  // confirms nothing
         {shard, shard, false, 2},  // the second keeps it under the first address as well
     };
     for (const auto& row : rows) {

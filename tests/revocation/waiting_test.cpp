@@ -76,18 +76,26 @@ TEST_F(WaitingTest, NothingIsHeldWhileATransferHangs) {
 TEST_F(WaitingTest, AMarkFailsOneCheckAloneAndItsTransferServesAll) {
     const Cert leaf = LeafAt("/a");
     const std::string listing = Crl(Listing(leaf));
-    for (const bool served : {true, false}) {
-        SCOPED_TRACE(served ? "served" : "not served");
+    const std::string older = Crl(Expired({.this_update = test_pki::kNotBefore - kDay}));
+    CrlSpec newer = Listing(leaf);
+    newer.this_update = kNow - 1;
+    // What the server has by then, what a token has, and whether those who waited pass.
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        {listing, older, false}, {"", older, true}, {"", Crl(newer), false}};
+    unsigned requests = 0;
+    for (const auto& [served, on_token, passes] : cases) {
+        SCOPED_TRACE(requests);
         CM::ClearDownloadedCrlDB();
         Fill("/a");
         Mark();
-        served ? Serve("/a", listing) : ServeNothing("/a");
-        if (!served) PutOnToken(Crl(Expired()));
-        StartHeld(served ? 2 : 4, Check(leaf, false));
-        StartJoining(Check(leaf, !served));
+        served.empty() ? ServeNothing("/a") : Serve("/a", served);
+        token_->Remove("crl0");
+        PutOnToken(on_token);
+        StartHeld(requests += 2, Check(leaf, false));
+        StartJoining(Check(leaf, passes));
         Land();
     }
-    EXPECT_EQ(Transfers(), 4U);
+    EXPECT_EQ(Transfers(), requests);
 }
 
 TEST_F(WaitingTest, AMarkOutlivesTheWrongCrlThatWasUnderWay) {
