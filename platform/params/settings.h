@@ -102,9 +102,9 @@ inline constexpr std::size_t kMaxFileBytes = 1U << 20;
 /// no provider; empty: SoftHSM2 is not installed.
 PLATFORM_API LoadResult Load(const std::string& path, const std::string& softhsm_module = tokens::SoftHsmModulePath());
 
-/// Puts the certificate and the log block into LPARAMS::server, each under its own mutex. Then, with its mutex of calls
-/// alone, calls the change callbacks of the certificate block: with true at the first Apply of the process, with false at a later
-/// one that changed a value of that block, not at all at one that did not. One call at a time.
+/// Puts the certificate and the log block into LPARAMS::server, each under its own mutex. Then, with its lock of calls
+/// alone, calls the change callbacks of the certificate block: with true at the first Apply of the process, with false
+/// at a later one that changed a value of that block, not at all at one that did not. One call at a time.
 PLATFORM_API void Apply(const Settings& settings);
 
 /// Writes the problems to the event log; when the file was refused or accepted, a line that says so.

@@ -33,7 +33,7 @@ class PeerTest : public ChainTest {
     static CertSpec PeerSpec(const std::string& subject = "CN=peer") {
         return {.key_index = 3, .subject = subject, .key_usage = "digitalSignature", .san = {"DNS:" + kPeerName}};
     }
-    /// A peer below the issuing authority, its specification changed.
+    /// A peer below the issuing authority, some of its fields changed.
     Cert Changed(const std::function<void(CertSpec&)>& change, const std::string& subject = "CN=peer") const {
         CertSpec spec = PeerSpec(subject);
         change(spec);

@@ -47,7 +47,8 @@ std::string FromConf(const ConfExtension& conf) {
     return libcrypto::Encode(extension.get(), i2d_X509_EXTENSION);
 }
 
-/// [tag] of the extensions: those made for the spec's fields and those that it lists; nothing when there are none.
+/// [tag] of the extensions: `content` made already, the key identifier and those that are listed; nothing when there are
+/// none.
 template <typename Spec>
 std::string ExtensionsDer(unsigned tag, std::string content, const Spec& spec, const Cert& issuer) {
     if (spec.aki.bytes) {
